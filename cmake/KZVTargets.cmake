@@ -1,0 +1,57 @@
+# How targets are declared here: one call a library, one line a test.
+
+add_library(kzv_build_flags INTERFACE)
+target_compile_options(kzv_build_flags INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual -Werror=switch)
+target_include_directories(kzv_build_flags INTERFACE ${CMAKE_SOURCE_DIR})
+target_link_libraries(kzv_build_flags INTERFACE Threads::Threads)
+
+# kzv_pkg(NAME module...): an imported target kzv::NAME for pkg-config modules; system headers, so no warnings from them.
+function(kzv_pkg name)
+  if(NOT TARGET PkgConfig::KZV_${name})
+    pkg_check_modules(KZV_${name} REQUIRED IMPORTED_TARGET GLOBAL ${ARGN})
+  endif()
+endfunction()
+
+# kzv_add_library(NAME [SHARED] SOURCES ... [LINK ...] [PRIVATE_LINK ...])
+function(kzv_add_library name)
+  cmake_parse_arguments(ARG "SHARED" "" "SOURCES;LINK;PRIVATE_LINK" ${ARGN})
+  if(ARG_SHARED)
+    add_library(${name} SHARED ${ARG_SOURCES})
+  else()
+    add_library(${name} STATIC ${ARG_SOURCES})
+  endif()
+  target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${ARG_LINK} PRIVATE kzv_build_flags ${ARG_PRIVATE_LINK})
+endfunction()
+
+# kzv_add_test(NAME LINK ... [SOURCES ...] [LABELS ...] [TIMEOUT seconds]): NAME.cpp with GoogleTest; each case is a
+# CTest test of its own. 60 s unless said otherwise: our calls have no time limit of their own, the tests do.
+function(kzv_add_test name)
+  if(NOT BUILD_TESTING)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LINK;LABELS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 60)
+  endif()
+  find_package(GTest REQUIRED)
+  include(GoogleTest)
+  add_executable(${name} ${name}.cpp ${ARG_SOURCES})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} GTest::gtest_main kzv_build_flags)
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 TEST_PREFIX "${name}."
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+endfunction()
+
+# kzv_add_fuzz(NAME LINK ... CORPUS dir): NAME.cpp with libFuzzer; only in the fuzz preset.
+function(kzv_add_fuzz name)
+  if(NOT KZV_FUZZ)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "" "LINK" ${ARGN})
+  add_executable(${name} ${name}.cpp)
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/fuzz)
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} kzv_build_flags)
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+endfunction()
