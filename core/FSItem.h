@@ -1,0 +1,57 @@
+#pragma once
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "foundation/NSDate.h"
+#include "foundation/NSObject.h"
+
+class FSPlugin;
+
+/// One file or folder of a file system, as a panel shows it. Attributes are set by the plug-in that lists it,
+/// before it hands the item out; afterwards they are only read. The change callback may be set from any
+/// thread.
+class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem> {
+ public:
+  using ChangeCallback = std::function<void(const std::shared_ptr<FSItem>&)>;
+
+  /// @param path  in the file system's own form, beginning with "/".
+  /// @param fs    the file system; kept alive by its items.
+  FSItem(std::string path, std::shared_ptr<FSPlugin> fs);
+  ~FSItem() override;
+
+  const std::string& path() const noexcept { return path_; }
+  const std::shared_ptr<FSPlugin>& fs() const noexcept { return fs_; }
+  std::string name() const;
+
+  std::uint64_t size() const noexcept { return size_; }  // bytes; 0 for folders
+  void setSize(std::uint64_t bytes) noexcept { size_ = bytes; }
+  bool isDirectory() const noexcept { return isDirectory_; }
+  void setIsDirectory(bool isDirectory) noexcept { isDirectory_ = isDirectory; }
+  const std::optional<NSDate::Time>& modificationDate() const noexcept { return modificationDate_; }
+  void setModificationDate(std::optional<NSDate::Time> date) noexcept { modificationDate_ = date; }
+
+  /// Whether a change of this item can be watched: folders can.
+  bool isWatchable() const noexcept { return isDirectory_; }
+  /// Called on the main queue when the watched folder has changed; empty removes it.
+  void setChangeCallback(ChangeCallback callback);
+  ChangeCallback changeCallback() const;
+  /// What a plug-in calls on a watched item before it queues the change callback: marks the item's listing as
+  /// out of date, so that a panel which looks before the callback runs already knows.
+  void prepareForChange();
+  /// Whether prepareForChange was called since the last call of this; clears the mark.
+  bool takeChangeMark();
+
+ private:
+  const std::string path_;
+  const std::shared_ptr<FSPlugin> fs_;
+  std::uint64_t size_ = 0;
+  std::optional<NSDate::Time> modificationDate_;
+  bool isDirectory_ = false;
+  bool isMarkedChanged_ = false;  // guarded by mutex_
+  mutable std::mutex mutex_;
+  ChangeCallback changeCallback_;  // guarded by mutex_
+};

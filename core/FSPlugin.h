@@ -1,0 +1,85 @@
+#pragma once
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/FSItem.h"
+#include "core/ProgressCallback.h"
+#include "foundation/NSArray.h"
+#include "foundation/NSDictionary.h"
+#include "foundation/NSError.h"
+#include "foundation/NSImage.h"
+#include "foundation/NSURL.h"
+
+using FSItems = std::vector<std::shared_ptr<FSItem>>;
+
+/// One file system that a plug-in offers, for instance one account. The host talks to volumes through this
+/// interface alone. Paths begin with "/", which alone is the root, in UTF-8.
+///
+/// Threads: every operation may be called from any host thread, several at once, but never from the main
+/// thread's run loop callbacks or a progress callback; they block until the answer is known. Errors: `error`
+/// may be null and is written only on failure. An absent result without an error is failure too: the item
+/// does not exist, or the account is no longer there.
+class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> {
+ public:
+  // Identity. These do not block.
+  /// What makePlugin was given: the whole identity of the volume.
+  virtual id options() const = 0;
+  virtual std::string label() const = 0;
+  virtual bool isFSAvailable() const = 0;
+  virtual std::shared_ptr<FSItem> parentItem() const = 0;
+  virtual bool isEjectable() const = 0;
+  virtual void eject() = 0;
+  virtual std::shared_ptr<NSURL> tmpFolderUrl() const = 0;
+  virtual void setTmpFolderUrl(std::shared_ptr<NSURL> url) = 0;
+
+  // Reading the tree.
+  virtual bool isSeekable() const = 0;
+  virtual bool isExecutable(const std::string& path) = 0;
+  virtual bool isExists(const std::string& path) = 0;
+  virtual bool isReadable(const std::string& path) = 0;
+  virtual bool isWritable(const std::string& path) = 0;
+  /// NSFileSize, NSFileType and, where there is one, NSFileModificationDate.
+  virtual std::shared_ptr<NSDictionary> attributesAtPath(const std::string& path, NSErrorRef* error) = 0;
+  /// The items of a folder; with `recursive` those below it too, each folder followed by its own items.
+  /// Nothing on failure, also when only one sub-folder failed.
+  virtual std::optional<FSItems> contentAtPath(const std::string& path, bool recursive, bool showHidden,
+                                               NSErrorRef* error) = 0;
+};
+
+/// The class side of a plug-in: what can be asked of it without a volume. One object per loaded bundle, alive
+/// for the life of the process. Any thread unless a member says otherwise.
+class FSPluginClass : public NSObject {
+ public:
+  /// Called once by the loader before anything else. Blocks until the plug-in can be used.
+  virtual void initialize() = 0;
+  virtual std::string fsDescription() const = 0;
+  /// Root items: dictionaries with the keys of KZVConstants.h. Does not block; grows when accounts have been
+  /// asked for their names, which AttachedPluginsDidChangeNotification tells.
+  virtual std::shared_ptr<NSArray> availableRootItems() const = 0;
+  /// An instance for `options` (the value under KZVFSOptions); the one that is attached already, if there is
+  /// one; nothing when there is no such volume. `item` may be empty. The host attaches what it keeps
+  /// (KZVCoreObj::attach).
+  virtual std::shared_ptr<FSPlugin> makePlugin(const std::shared_ptr<FSItem>& item, const id& options) = 0;
+
+  /// The accounts interface, or null when the plug-in has no accounts.
+  virtual class FSPluginAccounts* accounts() { return nullptr; }
+};
+
+/// Accounts of a plug-in class that has some.
+class FSPluginAccounts {
+ public:
+  virtual ~FSPluginAccounts() = default;
+  /// The ids of the linked accounts, in the order of linking; each is an `options` value. Does not block. An
+  /// account is here at once, while its root item needs an answer of the service.
+  virtual std::vector<std::string> linkedAccountIds() const = 0;
+  /// Links the account that an access token (or a token answer of the service as JSON, with a refresh token)
+  /// belongs to. Blocks for two requests. Returns the account's id, or nothing with the error.
+  virtual std::optional<std::string> linkAccountWithToken(const std::string& token, NSErrorRef* error) = 0;
+  /// Forgets the account at once; its token is revoked in the background. Unknown ids are ignored.
+  virtual void unlinkAccount(const std::string& accountId) = 0;
+  /// Waits until work begun in the background (revoking tokens) is done, at most `seconds`: for a program
+  /// about to end.
+  virtual void finishBackgroundWork(double seconds) = 0;
+};

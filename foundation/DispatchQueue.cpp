@@ -1,0 +1,116 @@
+#include "foundation/DispatchQueue.h"
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "foundation/NSRunLoop.h"
+#include "foundation/NSThread.h"
+
+namespace {
+
+class GlobalQueue final : public DispatchQueue {
+ public:
+  void async(Block block) override {
+    bool needsWorker = false;
+    {
+      const std::lock_guard lock(mutex_);
+      blocks_.push_back(std::move(block));
+      needsWorker = blocks_.size() > idle_ && workers_ < maxWorkers;
+      if (needsWorker) ++workers_;
+    }
+    if (needsWorker) {
+      std::thread([this] { work(); }).detach();
+    } else {
+      wakeUp_.notify_one();
+    }
+  }
+
+ private:
+  static constexpr std::size_t maxWorkers = 64;
+
+  void work() {
+    setCurrentThreadName("kzv-worker");
+    std::unique_lock lock(mutex_);
+    while (true) {
+      ++idle_;
+      wakeUp_.wait(lock, [&] { return !blocks_.empty(); });
+      --idle_;
+      {
+        const Block block = std::move(blocks_.front());
+        blocks_.pop_front();
+        lock.unlock();
+        runGuarded(block);
+      }  // what the block held goes before the lock is taken again: its destructor may come back here
+      lock.lock();
+    }
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wakeUp_;
+  std::deque<Block> blocks_;  // guarded by mutex_
+  std::size_t idle_ = 0;      // guarded by mutex_
+  std::size_t workers_ = 0;   // guarded by mutex_
+};
+
+class MainQueue final : public DispatchQueue {
+ public:
+  void async(Block block) override { NSRunLoop::mainRunLoop()->perform(std::move(block)); }
+};
+
+class SerialQueue final : public DispatchQueue {
+ public:
+  explicit SerialQueue(std::string label) : state_(std::make_shared<State>()) {
+    state_->label = std::move(label);
+  }
+
+  void async(Block block) override {
+    const std::lock_guard lock(state_->mutex);
+    state_->blocks.push_back(std::move(block));
+    if (std::exchange(state_->isDraining, true)) return;
+    global().async([state = state_] { drain(*state); });
+  }
+
+ private:
+  struct State {
+    std::string label;
+    std::mutex mutex;
+    std::deque<Block> blocks;  // guarded by mutex
+    bool isDraining = false;   // guarded by mutex
+  };
+
+  static void drain(State& state) {
+    std::unique_lock lock(state.mutex);
+    while (!state.blocks.empty()) {
+      {
+        const Block block = std::move(state.blocks.front());
+        state.blocks.pop_front();
+        lock.unlock();
+        runGuarded(block);
+      }
+      lock.lock();
+    }
+    state.isDraining = false;
+  }
+
+  const std::shared_ptr<State> state_;  // outlives the queue while a worker drains it
+};
+
+}  // namespace
+
+// Both queues outlive everything: workers still run while statics are destroyed.
+DispatchQueue& DispatchQueue::global() {
+  static auto& queue = *new GlobalQueue;
+  return queue;
+}
+
+DispatchQueue& DispatchQueue::main() {
+  static auto& queue = *new MainQueue;
+  return queue;
+}
+
+std::unique_ptr<DispatchQueue> DispatchQueue::serial(std::string label) {
+  return std::make_unique<SerialQueue>(std::move(label));
+}

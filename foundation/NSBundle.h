@@ -1,0 +1,31 @@
+#pragma once
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "foundation/NSError.h"
+#include "foundation/NSObject.h"
+
+/// A folder "NAME.bundle" with loadable code (NAME.so) and resources (Resources/). Any thread.
+class NSBundle final : public NSObject {
+ public:
+  explicit NSBundle(std::string path) : path_(std::move(path)) {}
+
+  const std::string& bundlePath() const noexcept { return path_; }
+  /// Loads the code (once) and adds the bundle to loadedBundles(). Code stays loaded for the life of the
+  /// process: its threads may run until the end.
+  bool load(NSErrorRef* error = nullptr);
+  /// The address of a function or object that the loaded code exports, or null.
+  void* symbol(const std::string& name) const;
+  /// The absolute path of a resource file, or empty. `subfolder` may be empty (e.g. "de.lproj").
+  std::string pathForResource(const std::string& fileName, const std::string& subfolder = {}) const;
+
+  /// The bundles whose resources imageNamed and L search, in order of loading.
+  static std::vector<std::shared_ptr<NSBundle>> loadedBundles();
+  /// Adds resources without code, for programs that have the code linked in.
+  static void addResources(std::shared_ptr<NSBundle> bundle);
+
+ private:
+  const std::string path_;
+  void* handle_ = nullptr;  // set once by load()
+};

@@ -1,0 +1,53 @@
+#pragma once
+#include <cstdint>
+#include <string>
+
+#include "foundation/NSObject.h"
+
+/// A number that remembers what it was made of. A boolean and an integer of the same value are equal.
+class NSNumber : public NSObject {
+ public:
+  static constexpr NSKind staticKind = NSKind::number;
+  /// `character` is a number made from a single byte: JSON writes it like a boolean, everything else like an
+  /// integer.
+  enum class Origin : unsigned char { boolean, character, integer, real32, real64, decimal };
+
+  static std::shared_ptr<NSNumber> withBool(bool value);
+  static std::shared_ptr<NSNumber> withChar(signed char value);
+  static std::shared_ptr<NSNumber> withInt(std::int64_t value);
+  static std::shared_ptr<NSNumber> withFloat(float value);
+  static std::shared_ptr<NSNumber> withDouble(double value);
+
+  Origin origin() const noexcept { return origin_; }
+  bool boolValue() const noexcept;
+  /// Truncated towards zero; saturates where a real or decimal does not fit, 0 for not-a-number.
+  virtual std::int64_t int64Value() const noexcept;
+  virtual double doubleValue() const noexcept;
+  virtual bool isNaN() const noexcept;
+  /// Integers and booleans plain, doubles with 16 and floats with 7 significant digits as printf's %g writes
+  /// them.
+  virtual std::string stringValue() const;
+
+  std::size_t hash() const override;
+  bool isEqual(const NSObject& other) const override;
+  std::string description() const override { return stringValue(); }
+  NSKind kind() const noexcept override { return staticKind; }
+
+ protected:
+  explicit NSNumber(Origin origin) : origin_(origin) {}
+
+ private:
+  struct Integer {};
+  struct Real {};
+
+ public:  // for make_shared; use the with… functions
+  NSNumber(Integer, Origin origin, std::int64_t value) : origin_(origin), integer_(value) {}
+  NSNumber(Real, Origin origin, double value) : origin_(origin), real_(value) {}
+
+ private:
+  const Origin origin_;
+  union {
+    std::int64_t integer_ = 0;
+    double real_;
+  };
+};

@@ -1,0 +1,63 @@
+#include "foundation/NSThread.h"
+
+#include <exception>
+#include <future>
+
+#include <pthread.h>
+
+#include "foundation/NSLog.h"
+#include "foundation/NSRunLoop.h"
+
+namespace {
+// Made while the library is loaded, which happens on the process's first thread.
+const std::shared_ptr<NSThread>& mainThreadSlot() {
+  static const auto& slot = *new std::shared_ptr<NSThread>(std::make_shared<NSThread>());
+  return slot;
+}
+[[maybe_unused]] const bool mainThreadNoted = mainThreadSlot() != nullptr;
+}  // namespace
+
+NSThread::NSThread() : id_(std::this_thread::get_id()), runLoop_(std::make_shared<NSRunLoop>()) {}
+
+std::shared_ptr<NSThread> NSThread::mainThread() { return mainThreadSlot(); }
+
+bool NSThread::isMainThread() { return mainThreadSlot()->isCurrentThread(); }
+
+std::shared_ptr<NSThread> NSThread::currentThread() {
+  if (isMainThread()) return mainThread();
+  thread_local const std::shared_ptr<NSThread> current = std::make_shared<NSThread>();
+  return current;
+}
+
+void NSThread::sleepForTimeInterval(std::chrono::duration<double> interval) {
+  std::this_thread::sleep_for(interval);
+}
+
+void NSThread::perform(std::function<void()> block, bool waitUntilDone) {
+  if (!waitUntilDone) {
+    runLoop_->perform(std::move(block));
+    return;
+  }
+  if (isCurrentThread()) {
+    runGuarded(block);
+    return;
+  }
+  std::promise<void> ran;
+  runLoop_->perform([&] {
+    runGuarded(block);
+    ran.set_value();
+  });
+  ran.get_future().wait();
+}
+
+void runGuarded(const std::function<void()>& block) noexcept {
+  try {
+    block();
+  } catch (const std::exception& exception) {
+    NSLog(NSLogLevel::error, "runGuarded", exception.what());
+  } catch (...) {
+    NSLog(NSLogLevel::error, "runGuarded", "exception of unknown type");
+  }
+}
+
+void setCurrentThreadName(const char* name) { pthread_setname_np(pthread_self(), name); }

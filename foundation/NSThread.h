@@ -1,0 +1,38 @@
+#pragma once
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "foundation/NSObject.h"
+
+class NSRunLoop;
+
+/// A thread as an object. Every thread has one, made when somebody asks for it.
+class NSThread final : public NSObject {
+ public:
+  static std::shared_ptr<NSThread> currentThread();
+  /// The process's first thread.
+  static std::shared_ptr<NSThread> mainThread();
+  static bool isMainThread();
+  static void sleepForTimeInterval(std::chrono::duration<double> interval);
+
+  bool isCurrentThread() const noexcept { return id_ == std::this_thread::get_id(); }
+  const std::shared_ptr<NSRunLoop>& runLoop() const noexcept { return runLoop_; }
+
+  /// Queues `block` on this thread's run loop, which must be running for it ever to run. With `waitUntilDone`
+  /// returns only after it ran; on the thread itself that means at once. Any thread.
+  void perform(std::function<void()> block, bool waitUntilDone);
+
+  NSThread();  // for the thread that constructs it; use currentThread()
+
+ private:
+  const std::thread::id id_;
+  const std::shared_ptr<NSRunLoop> runLoop_;
+};
+
+/// Runs `block`; an exception that leaves it is logged as one line and goes no further.
+void runGuarded(const std::function<void()>& block) noexcept;
+
+/// Names the calling thread for debuggers and `top -H` (at most 15 bytes).
+void setCurrentThreadName(const char* name);

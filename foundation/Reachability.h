@@ -1,0 +1,42 @@
+#pragma once
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "foundation/NSObject.h"
+
+/// Posted on the monitor's own thread with the Reachability object whenever its status changes.
+inline constexpr std::string_view kReachabilityChangedNotification =
+    "kNetworkReachabilityChangedNotification";
+
+enum class NetworkStatus : int { notReachable = 0, reachableViaWiFi = 1, reachableViaWWAN = 2 };
+
+/// Whether a host can be reached, as far as the desktop's network monitor knows: it tells of routes and never
+/// sends a packet itself. A host on this machine (localhost, 127.0.0.0/8, ::1) is always reachable.
+class Reachability : public NSObject {
+ public:
+  /// Where the status comes from. start() begins to call `changed` (any thread) whenever status() may have
+  /// changed; it returns false when it cannot. status() may be called from any thread.
+  class Source {
+   public:
+    virtual ~Source() = default;
+    virtual NetworkStatus status() const = 0;
+    virtual bool start(std::function<void()> changed) = 0;
+  };
+
+  /// @param hostName  a host name or an address literal.
+  static std::shared_ptr<Reachability> reachabilityWithHostName(const std::string& hostName);
+  explicit Reachability(std::shared_ptr<Source> source);
+  ~Reachability() override;
+
+  /// Begins to post kReachabilityChangedNotification. False when the monitor could not be started.
+  bool startNotifier();
+  NetworkStatus currentReachabilityStatus() const { return source_->status(); }
+
+ private:
+  const std::shared_ptr<Source> source_;
+  std::shared_ptr<std::atomic<Reachability*>>
+      self_;  // empty once this object is gone: the source may outlive it
+};

@@ -1,0 +1,15 @@
+#pragma once
+#include <string>
+#include <string_view>
+
+/// Unicode operations on UTF-8, independent of the locale. Any thread. Bytes that are not valid UTF-8 are
+/// kept as they are: file names on disk can hold them.
+
+/// Full Unicode lower-case mapping (the root locale's); the length may change. Plain ASCII takes a fast path.
+std::string lowercased(std::string_view text);
+/// Normalization Form D (Unicode Standard Annex 15).
+std::string canonicallyDecomposed(std::string_view text);
+/// Less than, equal to or greater than 0: canonical equivalence first (composed equals decomposed), then the
+/// order of the canonical forms by UTF-16 code unit.
+int canonicalCompare(std::string_view left, std::string_view right);
+bool isValidUtf8(std::string_view text) noexcept;

@@ -1,0 +1,49 @@
+#pragma once
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "foundation/NSObject.h"
+#include "sdk/DBRestClientDelegate.h"
+#include "sdk/DBSession.h"
+
+/// Asynchronous requests to the service's HTTP API (version 2) for one account. Every operation returns at
+/// once; its outcome reaches the delegate on the run loop of the thread that called the operation, which must
+/// be running.
+///
+/// All clients share one network thread, one connection pool, one DNS cache and one TLS session cache, so
+/// that a fresh client costs no handshake. A call never hangs for ever: connecting takes at most 30 s, and 60
+/// s without a byte are an error. An expired token is renewed and the request repeated, unseen. Requests that
+/// can be repeated safely wait as told after 429 and 503 (5 tries, 5 minutes in all).
+///
+/// Threads: one thread at a time; operations and cancelAllRequests on the thread whose run loop delivers the
+/// callbacks.
+class DBRestClient final : public NSObject {
+ public:
+  /// @param userId  the account; nothing for a sign-in that has none yet.
+  DBRestClient(std::shared_ptr<DBSession> session, std::optional<std::string> userId);
+  /// Cancels what is under way. Any thread.
+  ~DBRestClient() override;
+
+  /// The delegate is not retained and must outlive the client's requests; null for none. Any thread.
+  void setDelegate(DBRestClientDelegate* delegate);
+
+  /// The record of `path` ("/" is the root); of a folder with its contents, of a deleted item flagged so. A
+  /// path that never existed is an error with code 404. A folder's record and the first page of its children
+  /// are asked for together.
+  void loadMetadata(const std::string& path);
+  /// One page of changes since `cursor`. Without a cursor: only the newest cursor, no entries, `reset` true.
+  void loadDelta(const std::optional<std::string>& cursor);
+  void loadAccountInfo();
+  /// Links the account that `token` belongs to: a bare access token, or the service's token answer as a JSON
+  /// object (access_token, refresh_token, expires_in). Ends with restClientLoadedAccessToken or
+  /// loadAccessTokenFailedWithError.
+  void adoptAccessToken(const std::string& token);
+  /// Ends every request under way; none of their callbacks arrives after this has returned. REQUIRES the
+  /// thread of the callbacks.
+  void cancelAllRequests();
+
+ private:
+  class Impl;
+  const std::shared_ptr<Impl> impl_;
+};
