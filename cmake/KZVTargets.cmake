@@ -1,9 +1,10 @@
 # How targets are declared here: one call a library, one line a test.
 
+get_filename_component(KZV_ROOT ${CMAKE_CURRENT_LIST_DIR} DIRECTORY)
 add_library(kzv_build_flags INTERFACE)
 target_compile_options(kzv_build_flags INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual -Werror=switch)
-target_include_directories(kzv_build_flags INTERFACE ${CMAKE_SOURCE_DIR})
+target_include_directories(kzv_build_flags INTERFACE ${KZV_ROOT})
 target_link_libraries(kzv_build_flags INTERFACE Threads::Threads)
 
 # kzv_pkg(NAME module...): an imported target kzv::NAME for pkg-config modules; system headers, so no warnings from them.
@@ -21,7 +22,7 @@ function(kzv_add_library name)
   else()
     add_library(${name} STATIC ${ARG_SOURCES})
   endif()
-  target_include_directories(${name} PUBLIC ${CMAKE_SOURCE_DIR})
+  target_include_directories(${name} PUBLIC ${KZV_ROOT})
   target_link_libraries(${name} PUBLIC ${ARG_LINK} PRIVATE kzv_build_flags ${ARG_PRIVATE_LINK})
 endfunction()
 

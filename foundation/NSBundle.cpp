@@ -1,0 +1,65 @@
+#include "foundation/NSBundle.h"
+
+#include <cerrno>
+#include <mutex>
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include "foundation/NSString.h"
+#include "foundation/Paths.h"
+
+namespace {
+struct LoadedBundles {
+  std::mutex mutex;
+  std::vector<std::shared_ptr<NSBundle>> bundles;  // guarded by mutex
+};
+LoadedBundles& loaded() {
+  static auto& bundles = *new LoadedBundles;
+  return bundles;
+}
+}  // namespace
+
+bool NSBundle::load(NSErrorRef* error) {
+  if (handle_) return true;
+  std::string name = lastPathComponent(path_);
+  if (const std::size_t dot = name.rfind('.'); dot != std::string::npos) name.resize(dot);
+  const std::string code = appendingPathComponent(path_, name + ".so");
+  if (::access(code.c_str(), R_OK) != 0) {
+    setError(error, NSError::posix(errno, code));
+    return false;
+  }
+  handle_ = ::dlopen(code.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+  if (!handle_) {
+    const char* reason = ::dlerror();
+    setError(
+        error,
+        std::make_shared<NSError>(
+            "NSBundle", 1,
+            NSDictionary::with({{NSLocalizedDescriptionKey, str(reason ? reason : "cannot load " + code)}})));
+    return false;
+  }
+  addResources(std::make_shared<NSBundle>(path_));
+  return true;
+}
+
+void* NSBundle::symbol(const std::string& name) const {
+  return handle_ ? ::dlsym(handle_, name.c_str()) : nullptr;
+}
+
+std::string NSBundle::pathForResource(const std::string& fileName, const std::string& subfolder) const {
+  std::string path = appendingPathComponent(path_, "Resources");
+  if (!subfolder.empty()) path = appendingPathComponent(path, subfolder);
+  path = appendingPathComponent(path, fileName);
+  return ::access(path.c_str(), R_OK) == 0 ? path : "";
+}
+
+std::vector<std::shared_ptr<NSBundle>> NSBundle::loadedBundles() {
+  const std::lock_guard lock(loaded().mutex);
+  return loaded().bundles;
+}
+
+void NSBundle::addResources(std::shared_ptr<NSBundle> bundle) {
+  const std::lock_guard lock(loaded().mutex);
+  loaded().bundles.push_back(std::move(bundle));
+}

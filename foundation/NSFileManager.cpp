@@ -1,0 +1,147 @@
+#include "foundation/NSFileManager.h"
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "foundation/Paths.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// A file descriptor that closes itself.
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (number_ >= 0) ::close(number_);
+  }
+  bool isOpen() const { return number_ >= 0; }
+  int number() const { return number_; }
+  /// Closes now; false when the system reports a failed write only here.
+  bool close() { return ::close(std::exchange(number_, -1)) == 0; }
+
+ private:
+  int number_;
+};
+
+bool fail(NSErrorRef* error, int errnoValue, const std::string& path) {
+  setError(error, NSError::posix(errnoValue, path));
+  return false;
+}
+
+bool writeAll(int file, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t written = ::write(file, bytes.data(), bytes.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+/// A rename is on the disk only when the folder that holds the name is.
+void syncFolderOf(const std::string& path) {
+  const Descriptor folder(
+      ::open(deletingLastPathComponent(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folder.isOpen()) ::fsync(folder.number());
+}
+
+}  // namespace
+
+NSFileManager& NSFileManager::defaultManager() {
+  static NSFileManager manager;
+  return manager;
+}
+
+bool NSFileManager::removeItemAtPath(const std::string& path, NSErrorRef* error) {
+  std::error_code code;
+  const auto removed = fs::remove_all(path, code);
+  if (code) return fail(error, code.value(), path);
+  return removed > 0 || fail(error, ENOENT, path);
+}
+
+bool NSFileManager::removeItemAtURL(const NSURL& url, NSErrorRef* error) {
+  const std::string path = url.path();
+  return path.empty() ? fail(error, EINVAL, url.absoluteString()) : removeItemAtPath(path, error);
+}
+
+bool NSFileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
+                                          NSErrorRef* error) {
+  std::error_code code;
+  if (!withIntermediateDirectories) {
+    const bool created = fs::create_directory(path, code);
+    if (code) return fail(error, code.value(), path);
+    return created || fail(error, EEXIST, path);
+  }
+  fs::create_directories(path, code);
+  if (code) return fail(error, code.value(), path);
+  return fs::is_directory(path, code) || fail(error, ENOTDIR, path);
+}
+
+std::optional<std::uint64_t> NSFileManager::fileSize(const std::string& path, NSErrorRef* error) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) {
+    fail(error, errno, path);
+    return std::nullopt;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    fail(error, S_ISDIR(status.st_mode) ? EISDIR : EINVAL, path);
+    return std::nullopt;
+  }
+  return static_cast<std::uint64_t>(status.st_size);
+}
+
+bool writeFile(const std::string& path, std::string_view bytes, NSErrorRef* error) {
+  Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (!file.isOpen() || !writeAll(file.number(), bytes) || !file.close()) return fail(error, errno, path);
+  return true;
+}
+
+bool writeFileAtomically(const std::string& path, std::string_view bytes, unsigned mode, NSErrorRef* error) {
+  std::string temporary = path + ".XXXXXX";
+  Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
+  if (!file.isOpen()) return fail(error, errno, path);
+  const bool isStored = ::fchmod(file.number(), mode) == 0 && writeAll(file.number(), bytes) &&
+                        ::fsync(file.number()) == 0 && file.close() &&
+                        ::rename(temporary.c_str(), path.c_str()) == 0;
+  if (!isStored) {
+    const int reason = errno;
+    ::unlink(temporary.c_str());
+    return fail(error, reason, path);
+  }
+  syncFolderOf(path);
+  return true;
+}
+
+std::optional<std::string> readFile(const std::string& path, std::uint64_t limitBytes, NSErrorRef* error) {
+  const auto refuse = [&](int reason) {
+    fail(error, reason, path);
+    return std::nullopt;
+  };
+  const Descriptor file(
+      ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));  // a pipe must not make us wait
+  struct stat status {};
+  if (!file.isOpen() || ::fstat(file.number(), &status) != 0) return refuse(errno);
+  if (!S_ISREG(status.st_mode)) return refuse(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+  if (static_cast<std::uint64_t>(status.st_size) > limitBytes) return refuse(EFBIG);
+  std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
+  std::size_t filled = 0;
+  while (filled < bytes.size()) {
+    const ssize_t count = ::read(file.number(), bytes.data() + filled, bytes.size() - filled);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return refuse(errno);
+    if (count == 0) break;
+    filled += static_cast<std::size_t>(count);
+  }
+  bytes.resize(filled);
+  return bytes;
+}

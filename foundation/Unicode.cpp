@@ -1,0 +1,75 @@
+#include "foundation/Unicode.h"
+
+#include <algorithm>
+
+#include <unicode/bytestream.h>
+#include <unicode/casemap.h>
+#include <unicode/normalizer2.h>
+#include <unicode/unistr.h>
+#include <unicode/utf8.h>
+
+namespace {
+
+bool isAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
+}
+
+std::string asciiLowercased(std::string_view text) {
+  std::string lower(text);
+  for (char& byte : lower) {
+    if (byte >= 'A' && byte <= 'Z') byte = static_cast<char>(byte + ('a' - 'A'));
+  }
+  return lower;
+}
+
+icu::StringPiece piece(std::string_view text) {
+  return {text.data(), static_cast<std::int32_t>(text.size())};
+}
+
+const icu::Normalizer2& decomposition() {
+  UErrorCode status = U_ZERO_ERROR;
+  static const icu::Normalizer2* const form = icu::Normalizer2::getNFDInstance(status);
+  return *form;
+}
+
+}  // namespace
+
+bool isValidUtf8(std::string_view text) noexcept {
+  const auto length = static_cast<std::int32_t>(text.size());
+  const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+  for (std::int32_t at = 0; at < length;) {
+    UChar32 character = 0;
+    U8_NEXT(bytes, at, length, character);
+    if (character < 0) return false;
+  }
+  return true;
+}
+
+std::string lowercased(std::string_view text) {
+  if (isAscii(text)) return asciiLowercased(text);
+  if (!isValidUtf8(text)) return asciiLowercased(text);
+  std::string lower;
+  icu::StringByteSink<std::string> sink(&lower);
+  UErrorCode status = U_ZERO_ERROR;
+  icu::CaseMap::utf8ToLower("", 0, piece(text), sink, nullptr, status);
+  return U_SUCCESS(status) ? lower : asciiLowercased(text);
+}
+
+std::string canonicallyDecomposed(std::string_view text) {
+  if (isAscii(text) || !isValidUtf8(text)) return std::string(text);
+  std::string decomposed;
+  icu::StringByteSink<std::string> sink(&decomposed);
+  UErrorCode status = U_ZERO_ERROR;
+  decomposition().normalizeUTF8(0, piece(text), sink, nullptr, status);
+  return U_SUCCESS(status) ? decomposed : std::string(text);
+}
+
+int canonicalCompare(std::string_view left, std::string_view right) {
+  if (left == right) return 0;
+  if (isAscii(left) && isAscii(right)) return left < right ? -1 : 1;
+  const auto units = [](std::string_view text) {
+    return icu::UnicodeString::fromUTF8(piece(canonicallyDecomposed(text)));
+  };
+  return units(left).compare(units(right));
+}
