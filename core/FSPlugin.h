@@ -46,6 +46,14 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   /// Nothing on failure, also when only one sub-folder failed.
   virtual std::optional<FSItems> contentAtPath(const std::string& path, bool recursive, bool showHidden,
                                                NSErrorRef* error) = 0;
+
+  // Watching. A file system that cannot be watched keeps these defaults.
+  /// Calls the item's change callback, on the main queue, whenever the folder has changed, until
+  /// stopWatchFolder with the same object. Watching a file does nothing. Call these three from one thread at
+  /// a time.
+  virtual void startWatchFolder(const std::shared_ptr<FSItem>& /*item*/) {}
+  virtual void stopWatchFolder(const std::shared_ptr<FSItem>& /*item*/) {}
+  virtual FSItems watchedFolders() const { return {}; }
 };
 
 /// The class side of a plug-in: what can be asked of it without a volume. One object per loaded bundle, alive

@@ -33,6 +33,21 @@ const icu::Normalizer2& decomposition() {
   return *form;
 }
 
+const icu::Normalizer2& composition() {
+  UErrorCode status = U_ZERO_ERROR;
+  static const icu::Normalizer2* const form = icu::Normalizer2::getNFCInstance(status);
+  return *form;
+}
+
+std::string normalized(const icu::Normalizer2& form, std::string_view text) {
+  if (isAscii(text) || !isValidUtf8(text)) return std::string(text);
+  std::string result;
+  icu::StringByteSink<std::string> sink(&result);
+  UErrorCode status = U_ZERO_ERROR;
+  form.normalizeUTF8(0, piece(text), sink, nullptr, status);
+  return U_SUCCESS(status) ? result : std::string(text);
+}
+
 }  // namespace
 
 bool isValidUtf8(std::string_view text) noexcept {
@@ -56,14 +71,9 @@ std::string lowercased(std::string_view text) {
   return U_SUCCESS(status) ? lower : asciiLowercased(text);
 }
 
-std::string canonicallyDecomposed(std::string_view text) {
-  if (isAscii(text) || !isValidUtf8(text)) return std::string(text);
-  std::string decomposed;
-  icu::StringByteSink<std::string> sink(&decomposed);
-  UErrorCode status = U_ZERO_ERROR;
-  decomposition().normalizeUTF8(0, piece(text), sink, nullptr, status);
-  return U_SUCCESS(status) ? decomposed : std::string(text);
-}
+std::string canonicallyDecomposed(std::string_view text) { return normalized(decomposition(), text); }
+
+std::string canonicallyComposed(std::string_view text) { return normalized(composition(), text); }
 
 int canonicalCompare(std::string_view left, std::string_view right) {
   if (left == right) return 0;

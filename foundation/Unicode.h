@@ -9,6 +9,8 @@
 std::string lowercased(std::string_view text);
 /// Normalization Form D (Unicode Standard Annex 15).
 std::string canonicallyDecomposed(std::string_view text);
+/// Normalization Form C, the form in which the service keeps names.
+std::string canonicallyComposed(std::string_view text);
 /// Less than, equal to or greater than 0: canonical equivalence first (composed equals decomposed), then the
 /// order of the canonical forms by UTF-16 code unit.
 int canonicalCompare(std::string_view left, std::string_view right);
