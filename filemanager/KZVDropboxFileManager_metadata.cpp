@@ -1,0 +1,74 @@
+#include "core/synced.h"
+#include "filemanager/KZVDropboxFileManager.h"
+#include "foundation/Paths.h"
+#include "sdk/DBError.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+/// ".." is read as the folder it stands in: the component before it stays, on purpose, since a panel asks
+/// this way for the folder that it shows.
+std::string withoutTrailingDotDot(const std::string& path) {
+  return lastPathComponent(path) == ".." ? deletingLastPathComponent(path) : path;
+}
+
+bool isComplete(const DBMetadata& record) { return !record.isDirectory() || record.contents(); }
+
+/// How long a first fetch lets the first cursor go ahead of it. One round trip as a rule.
+constexpr auto firstCursorPatience = 2s;
+
+}  // namespace
+
+KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::metadata(const std::string& path,
+                                                                   NSErrorRef* error) {
+  const std::string wanted = withoutTrailingDotDot(path);
+  const std::string key = MetadataCache::keyOf(wanted);
+  if (auto record = cachedRecord(key)) return record;
+  return fetchRecord(wanted, key, error);
+}
+
+KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::cachedRecord(const std::string& key) const {
+  return synced(*metaCache, [&]() -> MetadataRef {
+    auto record = metaCache->find(key);
+    return record && isComplete(*record) ? record : nullptr;
+  });
+}
+
+KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::fetchRecord(const std::string& path,
+                                                                      const std::string& key,
+                                                                      NSErrorRef* error) {
+  awaitFirstCursor();
+  return synced(*mainClient, [&]() -> MetadataRef {
+    if (auto record = cachedRecord(key)) return record;  // another caller fetched it while this one queued up
+    const auto fetch = synced(*metaCache, [&] { return metaCache->beginFetch(key); });
+    const id result = requestOnMainClient([path](DBRestClient& client) { client.loadMetadata(path); }, error);
+    MetadataRef record = as<DBMetadata>(result);
+    synced(*metaCache, [&] {
+      const bool isCurrent = metaCache->endFetch(fetch);
+      if (record && isCurrent) metaCache->store(MetadataCache::keyOf(*record), record);
+    });
+    return record;
+  });
+}
+
+// The first cursor drops what was fetched before it, since a change between the two would never be told. A
+// fetch that leaves after the cursor has come may be kept: so the very first one lets the cursor go ahead.
+void KZVDropboxFileManager::awaitFirstCursor() {
+  std::unique_lock lock(deltaStateMutex_);
+  firstRunEnded_.wait_for(lock, firstCursorPatience, [&] { return !isFirstRunUnderWay_; });
+}
+
+void KZVDropboxFileManager::loadedMetadata(DBRestClient& client, const MetadataRef& metadata) {
+  finish(client, std::const_pointer_cast<DBMetadata>(metadata), nullptr);
+}
+
+void KZVDropboxFileManager::metadataUnchangedAtPath(DBRestClient& client, const std::string& path) {
+  MetadataRef cached = synced(*metaCache, [&] { return metaCache->find(MetadataCache::keyOf(path)); });
+  finish(client, std::const_pointer_cast<DBMetadata>(cached),
+         cached ? nullptr : std::make_shared<NSError>(std::string(DBErrorDomain), DBErrorInvalidResponse));
+}
+
+void KZVDropboxFileManager::loadMetadataFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+  finish(client, nullptr, error);
+}

@@ -1,0 +1,18 @@
+// The one place where a file manager reaches up to the plug-in class: for the service thread, and to report
+// changes.
+#include "core/DLog.h"
+#include "filemanager/KZVDropboxFileManager.h"
+#include "foundation/DispatchQueue.h"
+#include "plugin/KZVDropboxFS.h"
+#include "plugin/KZVDropboxFSGlobals.h"
+
+std::shared_ptr<NSThread> KZVDropboxFileManager::dropboxThread() { return dropboxOperationsThread().get(); }
+
+void KZVDropboxFileManager::reportChanges(Changes changes) {
+  if (changes.folders.empty() && changes.files.empty()) return;
+  // In the background: neither the service thread nor a caller may wait for what watchers do.
+  DispatchQueue::global().async([accountId = userId, changes = std::move(changes)] {
+    for (const std::string& folder : changes.folders) KZVDropboxFS::_changed_folder(folder, accountId);
+    for (const std::string& file : changes.files) KZVDropboxFS::_changed_file(file, accountId);
+  });
+}

@@ -1,0 +1,143 @@
+#include "filemanager/MetadataCache.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "foundation/Paths.h"
+#include "foundation/Unicode.h"
+
+namespace {
+
+struct Place {
+  std::string_view folder;  // key of the folder
+  std::string_view name;
+};
+
+/// Where a key other than the root's lies.
+Place placeOf(std::string_view key) {
+  const std::size_t slash = key.rfind('/');
+  return {slash == 0 ? key.substr(0, 1) : key.substr(0, slash), key.substr(slash + 1)};
+}
+
+bool isBelow(std::string_view key, std::string_view folder) {
+  if (folder == "/") return key != "/";
+  return key.size() > folder.size() && key.starts_with(folder) && key[folder.size()] == '/';
+}
+
+std::string keyIn(std::string_view folder, std::string_view name) {
+  std::string key(folder);
+  if (!key.ends_with('/')) key += '/';
+  return key.append(name);
+}
+
+bool isFile(const MetadataCache::Record& record) { return !record->isDirectory() && !record->isDeleted(); }
+
+}  // namespace
+
+std::string MetadataCache::keyOf(std::string_view path) {
+  std::string key = lowercased(canonicallyComposed(path));
+  if (!key.starts_with('/') || key.ends_with('/') || key.find("//") != std::string::npos) {
+    key = appendingPathComponent("/", key);
+    if (key.size() > 1 && key.ends_with('/')) key.pop_back();
+  }
+  return key;
+}
+
+std::string MetadataCache::keyOf(const DBMetadata& record) {
+  std::string key(record.lowercasePath());
+  return key.empty() ? "/" : key;
+}
+
+MetadataCache::Record MetadataCache::find(std::string_view key) const {
+  if (key == "/") return root_;
+  const auto [folderKey, name] = placeOf(key);
+  const auto folder = folders_.find(folderKey);
+  if (folder == folders_.end()) return nullptr;
+  const auto found = folder->second.find(name);
+  return found == folder->second.end() ? nullptr : found->second;
+}
+
+void MetadataCache::store(std::string_view key, Record record) {
+  if (key == "/") {
+    if (!root_) ++count_;
+    root_ = std::move(record);
+    return;
+  }
+  const auto [folderKey, name] = placeOf(key);
+  auto folder = folders_.find(folderKey);
+  if (folder == folders_.end()) folder = folders_.try_emplace(std::string(folderKey)).first;
+  const auto found = folder->second.find(name);
+  if (found != folder->second.end()) {
+    found->second = std::move(record);
+  } else {
+    folder->second.emplace(std::string(name), std::move(record));
+    ++count_;
+  }
+}
+
+void MetadataCache::dropOne(std::string_view key, std::vector<std::string>& droppedFiles) {
+  if (key == "/") {
+    if (std::exchange(root_, nullptr)) --count_;
+    return;
+  }
+  const auto [folderKey, name] = placeOf(key);
+  const auto folder = folders_.find(folderKey);
+  if (folder == folders_.end()) return;
+  const auto found = folder->second.find(name);
+  if (found == folder->second.end()) return;
+  if (isFile(found->second)) droppedFiles.emplace_back(key);
+  folder->second.erase(found);
+  --count_;
+  if (folder->second.empty()) folders_.erase(folder);
+}
+
+MetadataCache::Folders::iterator MetadataCache::dropFolder(Folders::iterator folder,
+                                                           std::vector<std::string>& droppedFiles) {
+  for (const auto& [name, record] : folder->second) {
+    if (isFile(record)) droppedFiles.push_back(keyIn(folder->first, name));
+  }
+  count_ -= folder->second.size();
+  return folders_.erase(folder);
+}
+
+void MetadataCache::remove(std::string_view key) {
+  for (ActiveFetch& fetch : fetches_) fetch.isStale |= fetch.key == key;
+  std::vector<std::string> dropped;
+  dropOne(key, dropped);
+}
+
+std::vector<std::string> MetadataCache::removeSubtree(std::string_view key) {
+  if (key == "/") return removeAll();
+  for (ActiveFetch& fetch : fetches_) fetch.isStale |= fetch.key == key || isBelow(fetch.key, key);
+  std::vector<std::string> droppedFiles;
+  dropOne(key, droppedFiles);
+  if (const auto folder = folders_.find(key); folder != folders_.end()) dropFolder(folder, droppedFiles);
+  const std::string first = std::string(key) + '/';
+  auto folder = folders_.lower_bound(first);
+  while (folder != folders_.end() && folder->first.starts_with(first))
+    folder = dropFolder(folder, droppedFiles);
+  return droppedFiles;
+}
+
+std::vector<std::string> MetadataCache::removeAll() {
+  for (ActiveFetch& fetch : fetches_) fetch.isStale = true;
+  std::vector<std::string> droppedFiles;
+  for (auto folder = folders_.begin(); folder != folders_.end();) folder = dropFolder(folder, droppedFiles);
+  root_ = nullptr;
+  count_ = 0;
+  return droppedFiles;
+}
+
+MetadataCache::Fetch MetadataCache::beginFetch(std::string_view key) {
+  fetches_.push_back({++lastFetch_, std::string(key), false});
+  return lastFetch_;
+}
+
+bool MetadataCache::endFetch(Fetch fetch) {
+  const auto found = std::find_if(fetches_.begin(), fetches_.end(),
+                                  [&](const ActiveFetch& active) { return active.number == fetch; });
+  if (found == fetches_.end()) return false;
+  const bool isCurrent = !found->isStale;
+  fetches_.erase(found);
+  return isCurrent;
+}

@@ -1,0 +1,71 @@
+#pragma once
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "foundation/NSObject.h"
+#include "sdk/DBMetadata.h"
+
+/// What one account's tree is known to hold: records by path, kept folder by folder so that a whole subtree
+/// can be dropped at the price of its folders. Also knows which fetches are under way, so that an answer that
+/// was overtaken by a change is not kept.
+///
+/// Threads: every member REQUIRES synced(cache): the cache object is its own lock. Keys come from keyOf only.
+class MetadataCache final : public NSObject {
+ public:
+  using Record = std::shared_ptr<const DBMetadata>;
+  /// Names a fetch between beginFetch and endFetch.
+  using Fetch = std::uint64_t;
+
+  /// The only way from a path to a key: a second way is how a stale entry survives. Lower case, composed (as
+  /// the service keeps names), no empty components, no slash at the end but the root's own.
+  static std::string keyOf(std::string_view path);
+  /// The key of a record: the service's own lower-cased path, so that its change feed finds the entry again.
+  static std::string keyOf(const DBMetadata& record);
+
+  Record find(std::string_view key) const;
+  void store(std::string_view key, Record record);
+  /// Drops the record at `key` and nothing else; a fetch of it that is under way becomes stale.
+  void remove(std::string_view key);
+  /// Drops the record at `key` and everything below it; fetches there become stale. Returns the keys of the
+  /// files dropped.
+  std::vector<std::string> removeSubtree(std::string_view key);
+  /// Drops everything; every fetch under way becomes stale. Returns the keys of the files dropped.
+  std::vector<std::string> removeAll();
+  std::size_t count() const noexcept { return count_; }
+
+  /// Notes that `key` is being asked for.
+  Fetch beginFetch(std::string_view key);
+  /// Ends the fetch; false when its path was invalidated meanwhile: the answer may be given, but not kept.
+  bool endFetch(Fetch fetch);
+
+ private:
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const noexcept {
+      return std::hash<std::string_view>{}(text);
+    }
+  };
+  /// Name (in lower case) -> record, for the children of one folder.
+  using Children = std::unordered_map<std::string, Record, TextHash, std::equal_to<>>;
+  /// Key of a folder -> what is known below it. Ordered, so that the folders of a subtree stand together.
+  using Folders = std::map<std::string, Children, std::less<>>;
+  struct ActiveFetch {
+    Fetch number;
+    std::string key;
+    bool isStale;
+  };
+
+  Folders::iterator dropFolder(Folders::iterator folder, std::vector<std::string>& droppedFiles);
+  void dropOne(std::string_view key, std::vector<std::string>& droppedFiles);
+
+  Folders folders_;
+  Record root_;
+  std::size_t count_ = 0;
+  std::vector<ActiveFetch> fetches_;
+  Fetch lastFetch_ = 0;
+};

@@ -1,0 +1,22 @@
+#pragma once
+#include "foundation/NSString.h"
+
+/// The keys under which a request's state hangs on the client that carries it. Used by identity: each
+/// function returns one constant object, whose text is its name for the sake of logs.
+
+inline const NSString& KZVDFMLockKey() {  // NSCondition that the caller waits on
+  static const auto& key = *new NSString("KZVDFMLockKey");
+  return key;
+}
+inline const NSString& KZVDFMRezultKey() {  // the request's result, or nothing
+  static const auto& key = *new NSString("KZVDFMRezultKey");
+  return key;
+}
+inline const NSString& KZVDFMErrorKey() {  // the request's NSError, or nothing
+  static const auto& key = *new NSString("KZVDFMErrorKey");
+  return key;
+}
+inline const NSString& KZVDFMProgressKey() {  // the caller's progress callback, boxed
+  static const auto& key = *new NSString("KZVDFMProgressKey");
+  return key;
+}

@@ -1,0 +1,115 @@
+#pragma once
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "core/FSPlugin.h"
+#include "core/KZVSmartCache.h"
+#include "filemanager/KZVDropboxFileManager.h"
+#include "foundation/Guarded.h"
+#include "foundation/NSNotificationCenter.h"
+#include "foundation/NSRunLoop.h"
+#include "sdk/DBSession.h"
+
+/// The plug-in. Its static members are the class side: one session for all accounts, the service thread, the
+/// list of accounts. An instance is one account's volume; the account's id is its whole identity.
+///
+/// Threads: class side and instances may be used from any thread but dropboxOperationsThread; operations of
+/// an instance block until the service has answered or the caches can.
+class KZVDropboxFS final : public FSPlugin {
+ public:
+  // --- Start-up and service thread (plugin/KZVDropboxFS_startup.cpp)
+
+  /// Builds everything that instances rest on; once per process, before anything else. Blocks until the
+  /// service thread has come up.
+  static void initialize();
+  /// The service thread's body; never returns.
+  static void dbThreadRunLoop();
+  static void reachabilityChanged(const NSNotification& notification);
+  /// Asks for a refresh of the account list; returns at once.
+  static void updateList();
+
+  // --- Accounts (accounts/KZVDropboxFS_accounts.cpp)
+
+  static std::optional<std::string> dropboxDesktopUserId();
+  /// Records which linked account is the desktop client's; an id that is not linked is ignored.
+  static void setDropboxDesktopUserId(const std::string& userId);
+  /// Forgets an account. The list follows with the next refresh.
+  static void unlinkDBUser(const std::string& userId);
+  static void sessionDidReceiveAuthorizationFailure(DBSession& session, const std::string& userId);
+
+  // --- Root items and instances (plugin/KZVDropboxFS.cpp)
+
+  /// One dictionary (KZVConstants.h) for each account of the list, in the order of ids.
+  static std::shared_ptr<NSArray> availableRootItems();
+  static std::string fsDescription();
+  /// An instance for the account id `options`; the attached one if there is one; nothing for an account not
+  /// linked.
+  static std::shared_ptr<FSPlugin> makePlugin(const std::shared_ptr<FSItem>& item, const id& options);
+
+  KZVDropboxFS(const std::shared_ptr<FSItem>& item, const id& options);  // initWithItem; use makePlugin
+  ~KZVDropboxFS() override;
+
+  id options() const override;
+  std::string label() const override;
+  bool isFSAvailable() const override;
+  std::shared_ptr<FSItem> parentItem() const override { return nullptr; }
+  bool isEjectable() const override { return true; }
+  /// Unlinks this instance's account.
+  void eject() override;
+  std::size_t hash() const override;
+  bool isEqual(const NSObject& other) const override;
+  std::shared_ptr<NSURL> tmpFolderUrl() const override { return tmpFolderUrl_.get(); }
+  void setTmpFolderUrl(std::shared_ptr<NSURL> url) override { tmpFolderUrl_.set(std::move(url)); }
+
+  // --- Listing and attributes (fsops/KZVDropboxFS_listing.cpp)
+
+  bool isSeekable() const override { return false; }
+  bool isExecutable(const std::string& /*path*/) override { return false; }
+  bool isExists(const std::string& path) override;
+  bool isReadable(const std::string& path) override;
+  bool isWritable(const std::string& path) override;
+  std::shared_ptr<NSDictionary> attributesAtPath(const std::string& path, NSErrorRef* error) override;
+  std::optional<FSItems> contentAtPath(const std::string& path, bool recursive, bool showHidden,
+                                       NSErrorRef* error) override;
+
+  // --- Change watching (fsops/KZVDropboxFS_watching.cpp)
+
+  void startWatchFolder(const std::shared_ptr<FSItem>& item) override;
+  void stopWatchFolder(const std::shared_ptr<FSItem>& item) override;
+  FSItems watchedFolders() const override { return _watchedFolders.get(); }
+  /// The service thread's timer: one poll of the change feed for every attached instance. Does not wait for
+  /// them.
+  static void dbTimerIntervalExpired(NSTimer& timer);
+  /// Drops the local copies of a changed file in every instance of the account. Path in lower case.
+  static void _changed_file(const std::string& path, const std::string& userId);
+  /// Tells the account's watchers at and below `path` (in lower case), on the main queue.
+  static void _changed_folder(const std::string& path, const std::string& userId);
+
+  /// The account; present in every instance that makePlugin made.
+  const std::optional<std::string>& userId() const noexcept { return userId_; }
+  /// Local copies of remote files by lower-cased path.
+  KZVSmartCache& cache() noexcept { return *cache_; }
+
+ private:
+  /// The attached instances of one account, in the host's order.
+  static std::vector<std::shared_ptr<KZVDropboxFS>> attachedInstances(const std::string& userId);
+  static void refreshUserList();
+  static void forgetDesktopUserId(const std::string& userId);
+
+  const std::string& requiredUserId() const;
+  KZVDropboxFileManager& requiredManager() const;
+
+  bool appendContent(const std::string& path, bool recursive, bool showHidden, NSErrorRef* error,
+                     FSItems& items);
+  bool recordListedChild(const KZVDropboxFileManager::MetadataRef& folder,
+                         const KZVDropboxFileManager::MetadataRef& child);
+  std::shared_ptr<FSItem> itemFor(const DBMetadata& record);
+
+  Guarded<std::shared_ptr<NSURL>> tmpFolderUrl_;
+  std::optional<std::string> userId_;
+  std::shared_ptr<KZVDropboxFileManager> manager_;
+  const std::shared_ptr<KZVSmartCache> cache_;
+  /// By identity: two items of one path are two entries. Readers take the whole view.
+  Guarded<FSItems> _watchedFolders;
+};

@@ -1,0 +1,28 @@
+#pragma once
+#include "core/FSPlugin.h"
+#include "sdk/DBSession.h"
+
+/// The class side of KZVDropboxFS as the host sees it, and the object that stands for the class where one is
+/// needed: as the session's delegate and as an observer of notifications. One per process, never destroyed.
+/// Any thread.
+class KZVDropboxFSClass final : public FSPluginClass, public FSPluginAccounts, public DBSessionDelegate {
+ public:
+  static KZVDropboxFSClass& shared();
+
+  std::string className() const override { return "KZVDropboxFS"; }
+  void initialize() override;
+  std::string fsDescription() const override;
+  std::shared_ptr<NSArray> availableRootItems() const override;
+  std::shared_ptr<FSPlugin> makePlugin(const std::shared_ptr<FSItem>& item, const id& options) override;
+
+  FSPluginAccounts* accounts() override { return this; }
+  std::vector<std::string> linkedAccountIds() const override;
+  std::optional<std::string> linkAccountWithToken(const std::string& token, NSErrorRef* error) override;
+  void unlinkAccount(const std::string& accountId) override;
+  void finishBackgroundWork(double seconds) override;
+
+  void sessionDidReceiveAuthorizationFailure(DBSession& session, const std::string& userId) override;
+
+ private:
+  KZVDropboxFSClass() = default;
+};

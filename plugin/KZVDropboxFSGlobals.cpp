@@ -1,0 +1,79 @@
+#include "plugin/KZVDropboxFSGlobals.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace {
+
+// The name under which the plug-in keeps its settings.
+constexpr const char* bundleIdentifier = "org.kzv.KZVDropboxFS";
+
+const char* fromEnvironment(const char* name) {
+  const char* value = std::getenv(name);
+  return value && *value ? value : nullptr;
+}
+
+}  // namespace
+
+const std::string& KZVDropboxFSAppKey() {
+  static const auto& key = *new std::string([] {
+    const char* own = fromEnvironment("KZV_APP_KEY");
+    return own ? own : "k3q9w2zt7m1xa0p";
+  }());
+  return key;
+}
+
+const std::string& KZVDropboxFSAppSecret() {
+  static const auto& secret = *new std::string(fromEnvironment("KZV_APP_KEY") ? "" : "5brhy8cn2l0qsue");
+  return secret;
+}
+
+Guarded<std::optional<std::string>>& KZVDropboxFSDesktopUserID() {
+  static auto& value = *new Guarded<std::optional<std::string>>;
+  return value;
+}
+
+Guarded<std::optional<std::string>>& KZVDropboxFSDesktopPath() {
+  static auto& value = *new Guarded<std::optional<std::string>>;
+  return value;
+}
+
+Guarded<UserList>& KZVDropboxFSUserList() {
+  static auto& list = *new Guarded<UserList>;
+  return list;
+}
+
+const NSObject& KZVDropboxFSUserListLock() {
+  static const auto& lock = *new NSObject;
+  return lock;
+}
+
+DispatchQueue& KZVDropboxQueue() {
+  static auto& queue = *DispatchQueue::serial("KZVDropboxQueue").release();
+  return queue;
+}
+
+const std::shared_ptr<NSUserDefaults>& KZVDropboxUserDefaults() {
+  static const auto& defaults =
+      *new std::shared_ptr<NSUserDefaults>(NSUserDefaults::initWithSuiteName(bundleIdentifier));
+  return defaults;
+}
+
+Guarded<std::shared_ptr<Reachability>>& KZVDropboxReachability() {
+  static auto& monitor = *new Guarded<std::shared_ptr<Reachability>>;
+  return monitor;
+}
+
+Guarded<std::shared_ptr<NSThread>>& dropboxOperationsThread() {
+  static auto& thread = *new Guarded<std::shared_ptr<NSThread>>;
+  return thread;
+}
+
+double deltaUpdateInterval() {
+  static const double interval = [] {
+    const char* chosen = fromEnvironment("KZV_POLL_SECONDS");
+    const double seconds = chosen ? std::strtod(chosen, nullptr) : 0;
+    return seconds > 0 ? std::max(seconds, 0.05) : 30.0;
+  }();
+  return interval;
+}

@@ -1,0 +1,110 @@
+#include <algorithm>
+#include <cstdlib>
+
+#include <fmt/format.h>
+
+#include "core/DLog.h"
+#include "foundation/DispatchQueue.h"
+#include "foundation/Fatal.h"
+#include "foundation/NSString.h"
+#include "plugin/KZVDropboxFS.h"
+#include "plugin/KZVDropboxFSClass.h"
+#include "plugin/KZVDropboxFSGlobals.h"
+#include "support/KZVDropboxFSSupport.h"
+
+namespace {
+
+/// An account that an interrupted sign-in of early versions left behind.
+constexpr const char* placeholderUserId = "unknown";
+
+void startServiceThread() {
+  if (dropboxOperationsThread().get()) return;
+  DispatchQueue::global().async([] { KZVDropboxFS::dbThreadRunLoop(); });
+  while (!dropboxOperationsThread().get()) NSThread::sleepForTimeInterval(std::chrono::milliseconds(100));
+}
+
+/// The host of the service's web site, or of the address that stands in for it.
+std::string serviceWebHost() {
+  const char* address = std::getenv("KZV_SERVICE_URL");
+  if (!address || !*address) return "www.dropbox.com";
+  std::string host(address);
+  if (const auto scheme = host.find("://"); scheme != std::string::npos) host.erase(0, scheme + 3);
+  host.resize(std::min(host.find('/'), host.size()));
+  if (host.starts_with('[')) return host.substr(0, host.find(']') + 1);
+  host.resize(std::min(host.find(':'), host.size()));
+  return host;
+}
+
+void startReachabilityMonitor() {
+  const auto monitor = Reachability::reachabilityWithHostName(serviceWebHost());
+  KZVDropboxReachability().set(monitor);
+  NSNotificationCenter::defaultCenter().addObserver(&KZVDropboxFSClass::shared(),
+                                                    kReachabilityChangedNotification, nullptr,
+                                                    &KZVDropboxFS::reachabilityChanged);
+  monitor->startNotifier();  // whether it could is seen in the status it reports
+}
+
+void readDesktopUserId() {
+  const id stored = required(KZVDropboxUserDefaults(), "the settings suite opens")
+                        ->objectForKey(KZVDropboxFSDesktopUserIDKey);
+  const std::string* text = textOf(stored);
+  KZVDropboxFSDesktopUserID().set(text ? std::optional(*text) : std::nullopt);
+}
+
+void installSession(const std::shared_ptr<DBSession>& session) {
+  DBSession::setSharedSession(session);
+  KZVDropboxFSSupport::setDelegate(&KZVDropboxFSClass::shared(), *session);
+  if (session->hasUserId(placeholderUserId)) session->unlinkUserId(placeholderUserId);
+}
+
+void announceLinkedUsers(const DBSession& session) {
+  const auto userIds = session.userIds();
+  if (userIds.empty()) return;
+  for (const std::string& userId : userIds)
+    DLog(fmt::format("linked dropbox user {}", userId), "initialize()");
+  KZVDropboxFS::updateList();
+}
+
+void dropStaleDesktopUserId(const DBSession& session) {
+  const auto desktopUser = KZVDropboxFSDesktopUserID().get();
+  if (!desktopUser || session.hasUserId(*desktopUser)) return;
+  KZVDropboxFSDesktopUserID().set(std::nullopt);
+  KZVDropboxUserDefaults()->removeObjectForKey(KZVDropboxFSDesktopUserIDKey);
+  KZVDropboxUserDefaults()->synchronize();
+}
+
+/// What accounts need at start-up beyond the session. Nothing, until a desktop client can be found.
+void startAccounts() {}
+
+}  // namespace
+
+void KZVDropboxFS::initialize() {
+  startServiceThread();
+  const auto session =
+      std::make_shared<DBSession>(KZVDropboxFSAppKey(), KZVDropboxFSAppSecret(), kDBRootDropbox);
+  startReachabilityMonitor();
+  readDesktopUserId();
+  installSession(session);
+  announceLinkedUsers(*session);
+  dropStaleDesktopUserId(*session);
+  startAccounts();
+}
+
+void KZVDropboxFS::dbThreadRunLoop() {
+  setCurrentThreadName("kzv-service");
+  const auto thread = NSThread::currentThread();
+  dropboxOperationsThread().set(thread);
+  thread->runLoop()->addTimer(std::make_shared<NSTimer>(std::chrono::duration<double>(deltaUpdateInterval()),
+                                                        &KZVDropboxFS::dbTimerIntervalExpired, true));
+  while (true) {
+    const auto sixIntervals = std::chrono::duration_cast<NSRunLoop::Clock::duration>(
+        std::chrono::duration<double>(6 * deltaUpdateInterval()));
+    thread->runLoop()->runUntilDate(NSRunLoop::Clock::now() + sixIntervals);
+  }
+}
+
+void KZVDropboxFS::reachabilityChanged(const NSNotification& /*notification*/) { updateList(); }
+
+void KZVDropboxFS::updateList() {
+  KZVDropboxQueue().async([] { refreshUserList(); });
+}
