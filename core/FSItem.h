@@ -25,6 +25,7 @@ class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem
 
   const std::string& path() const noexcept { return path_; }
   const std::shared_ptr<FSPlugin>& fs() const noexcept { return fs_; }
+  /// The last component of the path; "/" for the root.
   std::string name() const;
 
   std::uint64_t size() const noexcept { return size_; }  // bytes; 0 for folders

@@ -23,6 +23,8 @@ using FSItems = std::vector<std::shared_ptr<FSItem>>;
 /// does not exist, or the account is no longer there.
 class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> {
  public:
+  ~FSPlugin() override;
+
   // Identity. These do not block.
   /// What makePlugin was given: the whole identity of the volume.
   virtual id options() const = 0;
@@ -60,6 +62,7 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
 /// for the life of the process. Any thread unless a member says otherwise.
 class FSPluginClass : public NSObject {
  public:
+  ~FSPluginClass() override;
   /// Called once by the loader before anything else. Blocks until the plug-in can be used.
   virtual void initialize() = 0;
   virtual std::string fsDescription() const = 0;
@@ -78,7 +81,7 @@ class FSPluginClass : public NSObject {
 /// Accounts of a plug-in class that has some.
 class FSPluginAccounts {
  public:
-  virtual ~FSPluginAccounts() = default;
+  virtual ~FSPluginAccounts();
   /// The ids of the linked accounts, in the order of linking; each is an `options` value. Does not block. An
   /// account is here at once, while its root item needs an answer of the service.
   virtual std::vector<std::string> linkedAccountIds() const = 0;

@@ -30,6 +30,9 @@ class KZVCoreObj final : public KZVCoreProtocol {
   /// Host side: keeps `plugin` open (once) / lets it go.
   void attach(std::shared_ptr<FSPlugin> plugin);
   void detach(const FSPlugin& plugin);
+  /// Host side, the last step before the process ends: removes whatever this process still has below the
+  /// temporary folder. Blocks for as long as the disk takes.
+  void removeTemporaryFolders();
 
  private:
   KZVCoreObj();

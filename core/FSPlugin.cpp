@@ -1,0 +1,5 @@
+#include "core/FSPlugin.h"
+
+FSPlugin::~FSPlugin() = default;
+FSPluginClass::~FSPluginClass() = default;
+FSPluginAccounts::~FSPluginAccounts() = default;

@@ -1,0 +1,179 @@
+#include <cstdlib>
+#include <filesystem>
+#include <set>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "core/FSItem.h"
+#include "core/FSPlugin.h"
+#include "core/KZVBatchId.h"
+#include "core/KZVCoreObj.h"
+#include "core/KZVSupport.h"
+#include "core/PluginLoader.h"
+#include "core/synced.h"
+#include "foundation/NSString.h"
+
+namespace {
+
+/// A volume that is only an identity; asks the core object when it goes, as a plug-in may.
+class Volume final : public FSPlugin {
+ public:
+  explicit Volume(bool& isGone) : isGone_(isGone) {}
+  ~Volume() override {
+    KZVCoreObj::shared().attachedPlugins();
+    isGone_ = true;
+  }
+  id options() const override { return str("volume"); }
+  std::string label() const override { return "Volume"; }
+  bool isFSAvailable() const override { return true; }
+  std::shared_ptr<FSItem> parentItem() const override { return nullptr; }
+  bool isEjectable() const override { return false; }
+  void eject() override {}
+  std::shared_ptr<NSURL> tmpFolderUrl() const override { return nullptr; }
+  void setTmpFolderUrl(std::shared_ptr<NSURL> /*url*/) override {}
+  bool isSeekable() const override { return false; }
+  bool isExecutable(const std::string& /*path*/) override { return false; }
+  bool isExists(const std::string& /*path*/) override { return false; }
+  bool isReadable(const std::string& /*path*/) override { return false; }
+  bool isWritable(const std::string& /*path*/) override { return false; }
+  std::shared_ptr<NSDictionary> attributesAtPath(const std::string& /*path*/,
+                                                 NSErrorRef* /*error*/) override {
+    return nullptr;
+  }
+  std::optional<FSItems> contentAtPath(const std::string& /*path*/, bool /*recursive*/, bool /*showHidden*/,
+                                       NSErrorRef* /*error*/) override {
+    return std::nullopt;
+  }
+
+ private:
+  bool& isGone_;
+};
+
+TEST(CoreObject, AttachesOnceInOrderAndLetsGo) {
+  auto& core = KZVCoreObj::shared();
+  bool isFirstGone = false;
+  bool isSecondGone = false;
+  auto first = std::make_shared<Volume>(isFirstGone);
+  const auto second = std::make_shared<Volume>(isSecondGone);
+  core.attach(first);
+  core.attach(second);
+  core.attach(first);
+  EXPECT_EQ(core.attachedPlugins(), (std::vector<std::shared_ptr<FSPlugin>>{first, second}));
+  const Volume& firstVolume = *first;
+  first.reset();
+  EXPECT_FALSE(isFirstGone);
+  core.detach(firstVolume);
+  EXPECT_TRUE(isFirstGone) << "its end may ask the core object without a deadlock";
+  core.detach(*second);
+  core.detach(*second);
+  EXPECT_TRUE(core.attachedPlugins().empty());
+}
+
+TEST(CoreObject, TemporaryFoldersLieBelowTheCacheFolderAndGoAtTheEnd) {
+  namespace fs = std::filesystem;
+  bool isGone = false;
+  const Volume volume(isGone);
+  NSErrorRef error;
+  const auto folder = KZVCoreObj::shared().temporaryFolderForPlugin(volume, &error);
+  ASSERT_TRUE(folder) << (error ? error->description() : "");
+  const fs::path cache = fs::path(std::getenv("KZV_HOME")) / "cache" / "tmp";
+  EXPECT_TRUE(folder->path().starts_with(cache.string())) << folder->path();
+  EXPECT_TRUE(fs::is_directory(folder->path()));
+  KZVCoreObj::shared().removeTemporaryFolders();
+  EXPECT_TRUE(fs::is_empty(cache));
+}
+
+TEST(Item, NameIsTheLastComponent) {
+  struct Case {
+    const char* path;
+    const char* name;
+  };
+  for (const Case& c : {Case{"/", "/"}, {"/a", "a"}, {"/a/b c.txt", "b c.txt"}, {"/a/..", ".."}})
+    EXPECT_EQ(FSItem(c.path, nullptr).name(), c.name) << c.path;
+}
+
+TEST(Item, TheChangeMarkIsTakenOnce) {
+  FSItem item("/a", nullptr);
+  EXPECT_FALSE(item.takeChangeMark());
+  item.prepareForChange();
+  item.prepareForChange();
+  EXPECT_TRUE(item.takeChangeMark());
+  EXPECT_FALSE(item.takeChangeMark());
+}
+
+TEST(Item, ACallbackMayReplaceItselfWhileItGoes) {
+  const auto item = std::make_shared<FSItem>("/a", nullptr);
+  /// Uses the item when the callback that holds it is destroyed.
+  struct Tail {
+    std::shared_ptr<FSItem> item;
+    ~Tail() {
+      if (item) item->prepareForChange();
+    }
+  };
+  auto tail = std::make_shared<Tail>();
+  tail->item = item;
+  item->setChangeCallback([tail = std::move(tail)](const auto&) {});
+  EXPECT_TRUE(item->changeCallback());
+  item->setChangeCallback({});
+  EXPECT_FALSE(item->changeCallback());
+  EXPECT_TRUE(item->takeChangeMark());
+}
+
+TEST(Support, UniqueNamesAreUniqueAndPlain) {
+  std::set<std::string> names;
+  for (int i = 0; i < 1000; ++i) names.insert(KZVSupport::uniquePathComponent());
+  EXPECT_EQ(names.size(), 1000U);
+  for (const std::string& name : names)
+    EXPECT_EQ(name.find_first_not_of("0123456789abcdefghijklmnopqrstuvwxyz-"), std::string::npos) << name;
+}
+
+TEST(Synced, ExcludesOtherThreadsAndLetsTheOwnerIn) {
+  const NSObject lock;
+  int count = 0;
+  const auto add = [&] {
+    for (int i = 0; i < 1000; ++i) synced(lock, [&] { synced(lock, [&] { ++count; }); });
+  };
+  std::thread other(add);
+  add();
+  other.join();
+  EXPECT_EQ(synced(lock, [&] { return count; }), 2000);
+}
+
+TEST(Loader, SaysWhatIsWrong) {
+  namespace fs = std::filesystem;
+  const fs::path folder = fs::path(std::getenv("KZV_HOME")) / "bundles";
+  fs::create_directories(folder / "empty.bundle");
+  fs::create_directories(folder / "broken.bundle");
+  fs::copy_file("/proc/self/cmdline", folder / "broken.bundle" / "broken.so");
+  struct Case {
+    const char* name;
+    const char* text;
+    int code;
+  };
+  const Case cases[] = {{"missing.bundle", "no plug-in bundle at ", 1},
+                        {"empty.bundle", "empty.so", 2},
+                        {"broken.bundle", "broken.so", 2}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    NSErrorRef error;
+    EXPECT_EQ(loadPlugin((folder / c.name).string(), &error), nullptr);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->code(), c.code);
+    EXPECT_NE(error->localizedDescription().find(c.text), std::string::npos) << error->localizedDescription();
+  }
+}
+
+/// Settings and caches of this program in a folder of their own.
+class OwnHome final : public testing::Environment {
+ public:
+  void SetUp() override { ::setenv("KZV_HOME", folder_.c_str(), 1); }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+ private:
+  const std::string folder_ = std::filesystem::temp_directory_path() / KZVSupport::uniquePathComponent();
+};
+[[maybe_unused]] const auto* const ownHome = testing::AddGlobalTestEnvironment(new OwnHome);
+
+}  // namespace
