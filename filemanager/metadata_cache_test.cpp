@@ -1,0 +1,119 @@
+#include <algorithm>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "core/synced.h"
+#include "filemanager/MetadataCache.h"
+
+namespace {
+
+MetadataCache::Record file(const std::string& path) {
+  DBMetadata::Fields fields;
+  fields.path = path;
+  fields.rev = "015f00aa1";
+  return std::make_shared<DBMetadata>(fields);
+}
+
+MetadataCache::Record folder(const std::string& path) {
+  DBMetadata::Fields fields;
+  fields.path = path;
+  fields.isDirectory = true;
+  return std::make_shared<DBMetadata>(fields);
+}
+
+/// The cache of a small account; every test runs under its lock, as its users do.
+class MetadataCacheTest : public testing::Test {
+ protected:
+  MetadataCacheTest() : held(ObjectExtension::of(cache).monitor()) {
+    cache.store("/", folder("/"));
+    for (const char* path : {"/a", "/a/b", "/ab"}) cache.store(path, folder(path));
+    for (const char* path : {"/x", "/a/y", "/a/b/z", "/ab/w", "/a b"}) cache.store(path, file(path));
+  }
+  std::set<std::string> present() {
+    std::set<std::string> keys;
+    for (const char* key : {"/", "/a", "/a/b", "/ab", "/x", "/a/y", "/a/b/z", "/ab/w", "/a b"}) {
+      if (cache.find(key)) keys.insert(key);
+    }
+    return keys;
+  }
+  MetadataCache cache;
+  std::lock_guard<Monitor> held;
+};
+
+}  // namespace
+
+TEST_F(MetadataCacheTest, RemovalTakesWhatItSaysAndNothingElse) {
+  struct Case {
+    const char* name;
+    const char* removed;
+    std::set<std::string> files;
+    std::set<std::string> left;
+  };
+  const Case cases[] = {
+      {"folder with sub-folder, not its namesakes",
+       "/a",
+       {"/a/y", "/a/b/z"},
+       {"/", "/ab", "/x", "/ab/w", "/a b"}},
+      {"file", "/ab/w", {"/ab/w"}, {"/", "/ab", "/x", "/a b"}},
+      {"absent", "/none", {}, {"/", "/ab", "/x", "/a b"}},
+      {"everything", "/", {"/x", "/a b"}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto files = cache.removeSubtree(c.removed);
+    EXPECT_EQ(std::set<std::string>(files.begin(), files.end()), c.files);
+    EXPECT_EQ(present(), c.left);
+    EXPECT_EQ(cache.count(), c.left.size());
+  }
+}
+
+TEST_F(MetadataCacheTest, RemovingOneRecordKeepsWhatIsBelowIt) {
+  cache.remove("/a");
+  EXPECT_EQ(cache.find("/a"), nullptr);
+  EXPECT_NE(cache.find("/a/b/z"), nullptr);
+}
+
+TEST_F(MetadataCacheTest, AnAnswerOvertakenByAChangeIsNotKept) {
+  struct Case {
+    const char* name;
+    const char* fetched;
+    void (*change)(MetadataCache&);
+    bool isKept;
+  };
+  const Case cases[] = {
+      {"nothing happened", "/a", [](MetadataCache&) {}, true},
+      {"its own record dropped", "/a", [](MetadataCache& cache) { cache.remove("/a"); }, false},
+      {"another record dropped", "/a", [](MetadataCache& cache) { cache.remove("/ab"); }, true},
+      {"a folder above it dropped", "/a/b", [](MetadataCache& cache) { cache.removeSubtree("/a"); }, false},
+      {"a namesake's subtree dropped", "/ab", [](MetadataCache& cache) { cache.removeSubtree("/a"); }, true},
+      {"all dropped", "/x", [](MetadataCache& cache) { cache.removeAll(); }, false},
+      {"a record never seen, dropped", "/new", [](MetadataCache& cache) { cache.remove("/new"); }, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto fetch = cache.beginFetch(c.fetched);
+    const auto other = cache.beginFetch("/elsewhere");
+    c.change(cache);
+    EXPECT_EQ(cache.endFetch(fetch), c.isKept);
+    EXPECT_EQ(cache.endFetch(other), std::string_view(c.name) != "all dropped");
+  }
+}
+
+TEST(MetadataCacheKey, OnePathHasOneKey) {
+  struct Case {
+    const char* path;
+    const char* key;
+  };
+  const Case cases[] = {
+      {"/", "/"},
+      {"", "/"},
+      {"/A/B.TXT", "/a/b.txt"},
+      {"/a/", "/a"},
+      {"//a///b", "/a/b"},
+      {"/Übung", "/übung"},
+      {"/U\u0308bung", "/übung"},
+      {"/İ", "/i̇"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(MetadataCache::keyOf(c.path), c.key) << c.path;
+}

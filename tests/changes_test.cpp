@@ -1,0 +1,127 @@
+#include <condition_variable>
+
+#include "core/KZVCoreObj.h"
+#include "foundation/NSFileManager.h"
+#include "foundation/NSNumber.h"
+#include "foundation/NSRunLoop.h"
+#include "tests/PluginFixture.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+/// Polls so often that every listing runs one.
+class ChangesTest : public PluginTest {
+ protected:
+  ChangesTest() : PluginTest("0.05") {}
+
+  /// Lists until the plug-in shows what the service holds; the tree that it shows in the end.
+  std::map<std::string, std::int64_t> eventually(const std::map<std::string, std::int64_t>& expected) {
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (listedTree(*ada) == expected) return expected;
+      std::this_thread::yield();
+    }
+    return listedTree(*ada);
+  }
+};
+
+}  // namespace
+
+TEST_F(ChangesTest, EveryChangeByAnotherDeviceShowsAfterTheNextPoll) {
+  standIn.write("/Docs/a.txt", "one");
+  standIn.write("/Docs/Sub/deep.txt", "one");
+  standIn.write("/Other/b.txt", "one");
+  listedTree(*ada);
+  struct Case {
+    const char* name;
+    std::function<void(StandIn&)> change;
+  };
+  const Case cases[] = {
+      {"new file", [](StandIn& s) { s.write("/Docs/new.txt", "12"); }},
+      {"new revision", [](StandIn& s) { s.write("/Docs/a.txt", "longer text"); }},
+      {"new folder in the root", [](StandIn& s) { s.write("/Third/c.txt", "1"); }},
+      {"file deleted", [](StandIn& s) { s.remove("/Docs/new.txt"); }},
+      {"folder moved with what is below it", [](StandIn& s) { s.move("/Docs", "/Other/Docs"); }},
+      {"file takes a folder's place",
+       [](StandIn& s) { s.remove("/Other/Docs/Sub"), s.write("/Other/Docs/Sub", "f"); }},
+      {"folder takes a file's place",
+       [](StandIn& s) { s.remove("/Other/b.txt"), s.write("/Other/b.txt/in", "f"); }},
+      {"folder deleted", [](StandIn& s) { s.remove("/Other"); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    c.change(standIn);
+    const auto expected = standIn.tree();
+    EXPECT_EQ(eventually(expected), expected);
+    for (const auto& [path, size] : expected) {
+      const auto attributes = ada->attributesAtPath(path, nullptr);
+      ASSERT_NE(attributes, nullptr) << path;
+      EXPECT_EQ(as<NSNumber>(attributes->objectForKey(NSFileSize))->int64Value(), size) << path;
+    }
+  }
+}
+
+TEST_F(ChangesTest, AResetOfTheCursorLosesNothingAndRedrawsEveryPanel) {
+  standIn.write("/Docs/a.txt", "one");
+  listedTree(*ada);
+  const auto folder = std::make_shared<FSItem>("/Docs", ada);
+  folder->setIsDirectory(true);
+  int told = 0;
+  folder->setChangeCallback([&](const auto&) {
+    ++told;
+    NSRunLoop::mainRunLoop()->stop();
+  });
+  ada->startWatchFolder(folder);
+  standIn.settings({{"reset_cursors", true}});
+  standIn.write("/Docs/a.txt", "changed while no cursor was valid");
+  const auto expected = standIn.tree();
+  EXPECT_EQ(eventually(expected), expected);
+  NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 20s);
+  EXPECT_GE(told, 1);
+}
+
+TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
+  standIn.write("/Photos/2014/a.jpg", "one");
+  settle(*ada);
+  std::map<std::string, int> told;
+  std::vector<std::shared_ptr<FSItem>> watched;
+  for (const char* path : {"/", "/Photos", "/photos/2014", "/PhotosOld", "/Docs"}) {
+    watched.push_back(std::make_shared<FSItem>(path, ada));
+    watched.back()->setIsDirectory(true);
+    watched.back()->setChangeCallback([&](const auto& item) {
+      EXPECT_TRUE(item->takeChangeMark());
+      if (++told[item->path()]; told.size() == 3) NSRunLoop::mainRunLoop()->stop();
+    });
+    ada->startWatchFolder(watched.back());
+  }
+  ada->startWatchFolder(watched[4]);
+  ada->stopWatchFolder(watched[4]);  // takes both entries
+  EXPECT_EQ(ada->watchedFolders().size(), 4U);
+  standIn.write("/Photos/new.jpg", "two");
+  EXPECT_TRUE(NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 20s));
+  EXPECT_EQ(told, (std::map<std::string, int>{{"/Photos", 1}, {"/photos/2014", 1}, {"/PhotosOld", 1}}));
+}
+
+TEST_F(ChangesTest, NoListingStaysStaleWhateverTheOrderOfCursorListingAndChange) {
+  // The answer of one request is held back, so that the change falls between it and the others.
+  for (const char* heldBack :
+       {"files/list_folder/get_latest_cursor", "files/list_folder", "files/list_folder/continue"}) {
+    SCOPED_TRACE(heldBack);
+    standIn.settings({{"page_size", 1}});
+    standIn.write("/Race/one", "1");
+    standIn.write("/Race/two", "1");
+    standIn.fault({{"route", heldBack}, {"times", 1}, {"delay_ms", 300}});
+    auto fresh = std::make_shared<KZVDropboxFS>(nullptr, ada->options());
+    auto listing =
+        std::async(std::launch::async, [&] { return fresh->contentAtPath("/Race", false, true, nullptr); });
+    standIn.write("/Race/two", "changed meanwhile");
+    standIn.remove("/Race/one");
+    ASSERT_EQ(listing.wait_for(patience), std::future_status::ready);
+    const auto expected = standIn.tree();
+    std::swap(ada, fresh);
+    EXPECT_EQ(eventually(expected), expected);
+    std::swap(ada, fresh);
+    standIn.clearFaults();
+  }
+}
