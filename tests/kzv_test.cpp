@@ -1,0 +1,161 @@
+// The programs as a person uses them: kzv against a running kzv-service.
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "testing/StandIn.h"
+#include "testing/TemporaryFolder.h"
+
+namespace json = boost::json;
+using namespace std::chrono_literals;
+
+namespace {
+
+class KzvTest : public testing::Test {
+ protected:
+  ChildProcess::Environment environment() const {
+    return {{"KZV_HOME", home.path()},
+            {"KZV_SERVICE_URL", standIn.url()},
+            {"KZV_TOKEN_STORE", "file"},
+            {"KZV_BUNDLE", KZV_BUNDLE_PATH}};
+  }
+  ChildProcess::Outcome kzv(std::vector<std::string> arguments, const std::string& input = {}) {
+    arguments.insert(arguments.begin(), KZV_PROGRAM);
+    return ChildProcess::run(arguments, environment(), input);
+  }
+  void link(const std::string& token) {
+    ASSERT_EQ(kzv({"link", "--token-stdin"}, token + "\n").exitStatus, 0);
+  }
+
+  TemporaryFolder home;
+  StandIn standIn;
+};
+
+std::map<std::string, std::int64_t> treeOf(const std::string& jsonLines) {
+  std::map<std::string, std::int64_t> tree;
+  std::istringstream lines(jsonLines);
+  for (std::string line; std::getline(lines, line);) {
+    const json::value item = json::parse(line);
+    const std::string path(item.at("path").as_string());
+    tree[item.at("dir").as_bool() ? path + "/" : path] = item.at("size").to_number<std::int64_t>();
+  }
+  return tree;
+}
+
+}  // namespace
+
+TEST_F(KzvTest, RecursiveListingEqualsTheServicesOwnTree) {
+  struct Case {
+    const char* name;
+    json::object settings;
+  };
+  const Case cases[] = {
+      {"pages as they come", {{"page_size", 2000}}},
+      {"one entry a page", {{"page_size", 1}}},
+      {"parents come back in lower case", {{"page_size", 2000}, {"display_case_quirk", true}}}};
+  standIn.write("/Docs/Ünï Cödé.txt", "text");
+  standIn.write("/Docs/Deeper/Deepest/x", "text");
+  standIn.makeTree("/Synthetic Tree", 5, 20);
+  const auto expected = standIn.tree();
+  link("ada-token");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    standIn.settings(c.settings);
+    const auto outcome = kzv({"--json", "ls", "-R", "/"});
+    EXPECT_EQ(outcome.exitStatus, 0) << outcome.errors;
+    EXPECT_EQ(treeOf(outcome.output), expected);
+  }
+}
+
+TEST_F(KzvTest, FiftyThousandEntriesAreListedWhole) {
+  standIn.makeTree("/big", 50, 1000);
+  link("ada-token");
+  const auto outcome = kzv({"--json", "ls", "-R", "/"});
+  EXPECT_EQ(outcome.exitStatus, 0) << outcome.errors;
+  const auto shown = treeOf(outcome.output);
+  EXPECT_EQ(shown.size(), 50051U);
+  EXPECT_EQ(shown, standIn.tree());
+}
+
+TEST_F(KzvTest, ExitStatusAndOneLineSayWhatHappened) {
+  standIn.write("/Docs/a.txt", "12345");
+  struct Case {
+    const char* name;
+    std::vector<std::string> arguments;
+    int exitStatus;
+    const char* output;  // contained in standard output
+    const char* errors;  // contained in standard error
+  };
+  const Case unlinked[] = {{"no account yet", {"ls", "/"}, 3, "", "kzv: ls:"},
+                           {"empty token", {"link", "--token-stdin"}, 1, "", "kzv: link:"}};
+  for (const Case& c : unlinked) {
+    SCOPED_TRACE(c.name);
+    const auto outcome = kzv(c.arguments);
+    EXPECT_EQ(outcome.exitStatus, c.exitStatus);
+    EXPECT_NE(outcome.errors.find(c.errors), std::string::npos) << outcome.errors;
+  }
+  link("ada-token");
+  const Case linked[] = {
+      {"root", {"ls"}, 0, "Docs", ""},
+      {"attributes", {"--json", "stat", "/docs/A.TXT"}, 0, "\"size\":5", ""},
+      {"absent", {"stat", "/none"}, 1, "", "kzv: stat: /none: "},
+      {"unknown account", {"--account", "Nobody", "ls", "/"}, 3, "", "Nobody"},
+      {"account by name", {"--account", "Ada", "ls", "/"}, 0, "Docs", ""},
+      {"unknown verb", {"frobnicate"}, 2, "", "frobnicate"},
+      {"accounts", {"--json", "accounts"}, 0, "\"label\":\"Ada\"", ""},
+      {"help for a verb", {"ls", "--help"}, 0, "ls", ""},
+  };
+  for (const Case& c : linked) {
+    SCOPED_TRACE(c.name);
+    const auto outcome = kzv(c.arguments);
+    EXPECT_EQ(outcome.exitStatus, c.exitStatus) << outcome.errors;
+    EXPECT_NE(outcome.output.find(c.output), std::string::npos) << outcome.output;
+    EXPECT_NE(outcome.errors.find(c.errors), std::string::npos) << outcome.errors;
+  }
+  link("bob-token");
+  EXPECT_EQ(kzv({"ls", "/"}).exitStatus, 3);  // which of the two?
+}
+
+TEST_F(KzvTest, TokensAreSeenInNoOutputAndNoReadableFileAndDieWithTheAccount) {
+  link("ada-token");
+  std::string everything;
+  for (const auto& arguments : std::vector<std::vector<std::string>>{
+           {"--verbose", "ls", "-R", "/"}, {"--verbose", "stat", "/none"}, {"--verbose", "accounts"}}) {
+    const auto outcome = kzv(arguments);
+    everything += outcome.output + outcome.errors;
+  }
+  EXPECT_EQ(everything.find("ada-token"), std::string::npos);
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(home.path())) {
+    std::ifstream file(entry.path());
+    std::ostringstream content;
+    content << file.rdbuf();
+    if (content.str().find("ada-token") == std::string::npos) continue;
+    EXPECT_EQ(std::filesystem::status(entry.path()).permissions(), std::filesystem::perms(0600))
+        << entry.path();
+    EXPECT_EQ(std::filesystem::status(entry.path().parent_path()).permissions(),
+              std::filesystem::perms(0700));
+  }
+  const auto listed = kzv({"--json", "accounts"});
+  const std::string accountId(
+      json::parse(listed.output.substr(0, listed.output.find('\n'))).at("id").as_string());
+  EXPECT_EQ(kzv({"unlink", accountId}).exitStatus, 0);
+  EXPECT_EQ(kzv({"ls", "/"}).exitStatus, 3);
+  EXPECT_EQ(kzv({"link", "--token-stdin"}, "ada-token").exitStatus, 1);  // revoked at the service
+}
+
+TEST_F(KzvTest, AnInterruptEndsAListingThatHangsAtOnce) {
+  link("ada-token");
+  standIn.fault({{"route", "files/list_folder"}, {"times", 100}, {"delay_ms", 20000}});
+  auto variables = environment();
+  ChildProcess listing({KZV_PROGRAM, "ls", "/"}, variables);
+  while (standIn.faultHits() == 0) std::this_thread::yield();
+  const auto start = std::chrono::steady_clock::now();
+  listing.signal(SIGINT);
+  EXPECT_EQ(listing.finish(10s).exitStatus, 130);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+  standIn.clearFaults();
+}
