@@ -15,6 +15,8 @@ inline constexpr int DBErrorInvalidResponse = 101;
 inline constexpr int DBErrorNotLinked = 102;
 /// Code: a local path that the request would write to or read from is not acceptable.
 inline constexpr int DBErrorLocalFile = 103;
+/// Code: KZV_SERVICE_URL holds an address that must not be used.
+inline constexpr int DBErrorServiceAddress = 104;
 
 /// Keys of an error's user info: texts, except the last three (numbers).
 inline constexpr std::string_view DBErrorSummaryKey = "error_summary";

@@ -16,6 +16,9 @@ class DBMetadata final : public NSObject {
   using Contents = std::vector<std::shared_ptr<const DBMetadata>>;
   struct Fields {
     std::string path;  // begins with "/", letter case as far as the service's is known; the root is "/"
+    /// Instead of `path`, for the children of one folder: its path, which they then share, and their name.
+    std::shared_ptr<const std::string> folderPath;
+    std::string name;
     std::string lowercasePath;             // the service's own key for the path
     std::string rev;                       // empty: none (folders, deleted items)
     std::string hash;                      // empty: none
@@ -28,24 +31,47 @@ class DBMetadata final : public NSObject {
     std::shared_ptr<const Contents> contents;  // null: not asked for
   };
   explicit DBMetadata(Fields fields);
+  ~DBMetadata() override;
 
-  const std::string& path() const noexcept { return path_; }
+  std::string path() const;
+  /// The last component; "/" for the root.
   std::string filename() const;
-  const std::string& lowercasePath() const noexcept;
+  std::string lowercasePath() const;
   /// Compare for equality only; empty when the item has none.
-  const std::string& rev() const noexcept { return rev_; }
+  std::string rev() const;
   /// A digest over the children of a listed folder; empty for everything else.
-  const std::string& hash() const noexcept;
-  std::string_view icon() const noexcept { return icon_; }
+  const std::string& contentsHash() const noexcept;
+  std::string_view icon() const noexcept { return {icon_, iconSize_}; }
   std::int64_t totalBytes() const noexcept { return totalBytes_; }
   std::optional<NSDate::Time> lastModifiedDate() const noexcept;
   bool isDirectory() const noexcept { return isDirectory_; }
   bool isDeleted() const noexcept { return isDeleted_; }
   bool thumbnailExists() const noexcept { return thumbnailExists_; }
   /// The children of a folder that was loaded with them, in a fixed order; null for everything else.
-  const std::shared_ptr<const Contents>& contents() const noexcept { return contents_; }
+  const std::shared_ptr<const Contents>& contents() const noexcept;
 
  private:
-  // Laid out for a million of them: the flags share a word, and what is rare or can be derived takes no
-  // place.
+  // Laid out for a million of them: children share their folder's path, a revision is packed to its 16
+  // bytes, the flags share a word, and what is rare or can be derived takes no place.
+  struct Rare {
+    std::string lowercasePath;  // only where lower-casing the path gives something else
+    std::string rev;            // only where it is not hexadecimal text of at most 32 digits
+    std::string hash;
+    std::shared_ptr<const Contents> contents;
+  };
+  Rare& rare();
+  void setRev(std::string rev);
+
+  std::shared_ptr<const std::string> folderPath_;  // null: the root
+  std::string name_;
+  std::unique_ptr<Rare> rare_;
+  const char* icon_;
+  std::int64_t totalBytes_;
+  std::int64_t lastModifiedSeconds_;
+  std::uint8_t packedRev_[16] = {};
+  std::uint8_t revDigits_ = 0;
+  std::uint8_t iconSize_;
+  bool isDirectory_ : 1;
+  bool isDeleted_ : 1;
+  bool thumbnailExists_ : 1;
 };

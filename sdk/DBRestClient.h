@@ -17,8 +17,9 @@
 /// can be repeated safely wait as told after 429 and 503 (5 tries, 5 minutes in all).
 ///
 /// Threads: one thread at a time; operations and cancelAllRequests on the thread whose run loop delivers the
-/// callbacks.
-class DBRestClient final : public NSObject {
+/// callbacks. A client in a shared_ptr lives at least until a callback that is running has returned; any
+/// other must be destroyed on the thread of its callbacks, outside of them.
+class DBRestClient final : public NSObject, public std::enable_shared_from_this<DBRestClient> {
  public:
   /// @param userId  the account; nothing for a sign-in that has none yet.
   DBRestClient(std::shared_ptr<DBSession> session, std::optional<std::string> userId);
@@ -43,7 +44,8 @@ class DBRestClient final : public NSObject {
   /// thread of the callbacks.
   void cancelAllRequests();
 
+  class Impl;  // the client layer's own
+
  private:
-  class Impl;
   const std::shared_ptr<Impl> impl_;
 };

@@ -66,5 +66,5 @@ class DBSession final : public NSObject {
   Internals& internals() noexcept { return *internals_; }
 
  private:
-  const std::unique_ptr<Internals> internals_;
+  const std::shared_ptr<Internals> internals_;  // requests under way hold it, too
 };

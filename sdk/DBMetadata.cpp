@@ -1,0 +1,106 @@
+#include "sdk/DBMetadata.h"
+
+#include <limits>
+#include <utility>
+
+#include "foundation/Paths.h"
+#include "foundation/Unicode.h"
+
+namespace {
+
+constexpr std::int64_t noDate = std::numeric_limits<std::int64_t>::min();
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+std::int64_t unixSeconds(const std::optional<NSDate::Time>& time) {
+  if (!time) return noDate;
+  return std::chrono::floor<std::chrono::seconds>(*time).time_since_epoch().count();
+}
+
+}  // namespace
+
+DBMetadata::DBMetadata(Fields fields)
+    : folderPath_(std::move(fields.folderPath)),
+      name_(std::move(fields.name)),
+      icon_(fields.icon.data()),
+      totalBytes_(fields.totalBytes),
+      lastModifiedSeconds_(unixSeconds(fields.lastModifiedDate)),
+      iconSize_(static_cast<std::uint8_t>(fields.icon.size())),
+      isDirectory_(fields.isDirectory),
+      isDeleted_(fields.isDeleted),
+      thumbnailExists_(fields.thumbnailExists) {
+  if (!folderPath_ && fields.path != "/") {
+    folderPath_ = std::make_shared<const std::string>(deletingLastPathComponent(fields.path));
+    name_ = lastPathComponent(fields.path);
+  }
+  if (!fields.lowercasePath.empty() && fields.lowercasePath != lowercased(path())) {
+    rare().lowercasePath = std::move(fields.lowercasePath);
+  }
+  setRev(std::move(fields.rev));
+  if (!fields.hash.empty()) rare().hash = std::move(fields.hash);
+  if (fields.contents) rare().contents = std::move(fields.contents);
+}
+
+DBMetadata::~DBMetadata() = default;
+
+DBMetadata::Rare& DBMetadata::rare() {
+  if (!rare_) rare_ = std::make_unique<Rare>();
+  return *rare_;
+}
+
+void DBMetadata::setRev(std::string rev) {
+  bool packable = rev.size() <= 2 * sizeof(packedRev_);
+  for (std::size_t i = 0; packable && i < rev.size(); ++i) {
+    const int digit = hexDigit(rev[i]);
+    packable = digit >= 0;
+    if (packable) packedRev_[i / 2] = static_cast<std::uint8_t>(packedRev_[i / 2] | digit << (i % 2 ? 0 : 4));
+  }
+  if (packable) {
+    revDigits_ = static_cast<std::uint8_t>(rev.size());
+  } else {
+    rare().rev = std::move(rev);
+  }
+}
+
+std::string DBMetadata::rev() const {
+  if (rare_ && !rare_->rev.empty()) return rare_->rev;
+  std::string text(revDigits_, '0');
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    text[i] = "0123456789abcdef"[(packedRev_[i / 2] >> (i % 2 ? 0 : 4)) & 15];
+  }
+  return text;
+}
+
+std::string DBMetadata::path() const {
+  if (!folderPath_) return "/";
+  std::string text;
+  text.reserve(folderPath_->size() + 1 + name_.size());
+  text += *folderPath_;
+  if (!text.ends_with('/')) text += '/';
+  return text += name_;
+}
+
+std::string DBMetadata::filename() const { return folderPath_ ? name_ : "/"; }
+
+std::string DBMetadata::lowercasePath() const {
+  return rare_ && !rare_->lowercasePath.empty() ? rare_->lowercasePath : lowercased(path());
+}
+
+const std::string& DBMetadata::contentsHash() const noexcept {
+  static const std::string& none = *new std::string;
+  return rare_ ? rare_->hash : none;
+}
+
+std::optional<NSDate::Time> DBMetadata::lastModifiedDate() const noexcept {
+  if (lastModifiedSeconds_ == noDate) return std::nullopt;
+  return NSDate::Time(std::chrono::seconds(lastModifiedSeconds_));
+}
+
+const std::shared_ptr<const DBMetadata::Contents>& DBMetadata::contents() const noexcept {
+  static const std::shared_ptr<const Contents>& none = *new std::shared_ptr<const Contents>;
+  return rare_ ? rare_->contents : none;
+}

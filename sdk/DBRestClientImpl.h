@@ -1,0 +1,92 @@
+#pragma once
+#include <atomic>
+#include <boost/json.hpp>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "sdk/DBRestClient.h"
+#include "sdk/ServiceCall.h"
+
+/// One operation of a client from its start to its callback. Its steps run on the thread of the callbacks.
+struct Operation {
+  std::shared_ptr<NSRunLoop> runLoop;
+  std::atomic<bool> cancelled{false};
+  std::vector<std::shared_ptr<ServiceCall>> calls;  // guarded by the client's mutex
+};
+
+/// What the operations of a client share. Requests under way hold it, so it may outlive the client; then no
+/// callback comes any more.
+class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Impl> {
+ public:
+  using OperationRef = std::shared_ptr<Operation>;
+
+  Impl(DBRestClient& owner, std::shared_ptr<DBSession> session, std::optional<std::string> userId);
+
+  void setDelegate(DBRestClientDelegate* delegate);
+  OperationRef beginOperation();
+  /// Sends a request of the operation for the client's account; `handler` runs on the operation's run loop
+  /// unless the operation has been cancelled.
+  std::shared_ptr<ServiceCall> send(const OperationRef& operation, ServiceRequest request,
+                                    ServiceCall::Handler handler);
+  std::shared_ptr<ServiceCall> sendFor(const OperationRef& operation, ActingFor actingFor,
+                                       ServiceRequest request, ServiceCall::Handler handler);
+  /// Ends the operation and calls the delegate, as the last thing of both. REQUIRES the thread of the
+  /// callbacks.
+  template <class Callback>
+  void finish(const OperationRef& operation, Callback callback) {
+    if (!end(*operation)) return;
+    notify(callback);
+  }
+  /// The same for a failure: after the callback the session hears of an authorization that was withdrawn.
+  template <class Callback>
+  void fail(const OperationRef& operation, const ServiceAnswer& answer, Callback callback) {
+    finish(operation, callback);
+    if (answer.lostLinking) reportLostAuthorization(*answer.lostLinking);
+  }
+  /// Calls the delegate without ending anything (progress).
+  template <class Callback>
+  void notify(Callback callback) {
+    const Owner owner = lockOwner();
+    if (owner.client && owner.delegate) callback(*owner.delegate, *owner.client);
+  }
+  /// Runs `step` on the operation's run loop, unless the operation has been cancelled by then.
+  void performLater(const OperationRef& operation, std::function<void()> step);
+  void cancelAll();
+  void forgetOwner();
+
+  const std::shared_ptr<DBSession>& session() const noexcept { return session_; }
+  const std::optional<std::string>& userId() const noexcept { return userId_; }
+
+ private:
+  struct Owner {
+    std::shared_ptr<DBRestClient> keep;  // null for a client that no shared_ptr owns
+    DBRestClient* client = nullptr;
+    DBRestClientDelegate* delegate = nullptr;
+  };
+  Owner lockOwner();
+  bool end(Operation& operation);
+  void reportLostAuthorization(std::uint64_t linking);
+
+  const std::shared_ptr<DBSession> session_;
+  const std::optional<std::string> userId_;
+
+  std::mutex mutex_;
+  DBRestClient* owner_;                       // guarded by mutex_
+  DBRestClientDelegate* delegate_ = nullptr;  // guarded by mutex_
+  std::vector<OperationRef> underWay_;        // guarded by mutex_
+};
+
+/// A request with a JSON argument in its body.
+ServiceRequest rpcRequest(std::string route, const boost::json::object& argument, RequestDescription about);
+/// One that only reads, so that it may be repeated.
+ServiceRequest readingRequest(std::string route, const boost::json::object& argument,
+                              RequestDescription about);
+/// The path as the service takes it ("" for the root, no doubled or trailing slashes); nothing when it is
+/// none (not beginning with "/", not UTF-8, holding a NUL).
+std::optional<std::string> servicePath(std::string_view path);
+NSErrorRef unacceptablePathError(const RequestDescription& about);

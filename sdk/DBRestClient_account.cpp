@@ -1,0 +1,186 @@
+#include <chrono>
+#include <utility>
+
+#include "foundation/DispatchQueue.h"
+#include "sdk/DBRestClientImpl.h"
+#include "sdk/ServiceJson.h"
+
+namespace json = boost::json;
+using servicejson::Document;
+
+namespace {
+
+struct AccountFields {
+  std::string userId, displayName, email;
+};
+
+std::optional<AccountFields> accountFields(const HttpResponse& response) {
+  const auto document = Document::parse(response.body);
+  const auto userId = document ? servicejson::text(document->root(), "account_id") : std::nullopt;
+  if (!userId || userId->empty()) return std::nullopt;
+  AccountFields fields{std::string(*userId), "",
+                       std::string(servicejson::text(document->root(), "email").value_or(""))};
+  if (const json::object* name = servicejson::object(document->root(), "name")) {
+    fields.displayName = servicejson::text(*name, "display_name").value_or("");
+  }
+  return fields;
+}
+
+/// A member with a limit of its own within a team's space is shown that limit, any other the team's.
+std::optional<DBQuota> quota(const HttpResponse& response) {
+  const auto document = Document::parse(response.body);
+  const auto used = document ? servicejson::integer(document->root(), "used") : std::nullopt;
+  const json::object* allocation = used ? servicejson::object(document->root(), "allocation") : nullptr;
+  if (!allocation) return std::nullopt;
+  const auto bytes = [&](std::string_view key) { return servicejson::integer(*allocation, key).value_or(0); };
+  const auto tag = servicejson::text(*allocation, ".tag");
+  if (tag == "individual") return DBQuota{bytes("allocated"), *used};
+  if (tag != "team") return DBQuota{0, *used};
+  if (const auto limit = bytes("user_within_team_space_allocated"); limit > 0) {
+    return DBQuota{limit, bytes("user_within_team_space_used_cached")};
+  }
+  return DBQuota{bytes("allocated"), bytes("used")};
+}
+
+ServiceRequest accountRequest(std::string route, const RequestDescription& about) {
+  ServiceRequest request;
+  request.style = ServiceRequest::Style::rpcWithoutArgument;
+  request.route = std::move(route);
+  request.repeatable = true;
+  request.about = about;
+  return request;
+}
+
+/// The account and its space, asked for at the same time; both are needed.
+class AccountLoad : public std::enable_shared_from_this<AccountLoad> {
+ public:
+  explicit AccountLoad(std::shared_ptr<DBRestClient::Impl> client)
+      : client_(std::move(client)), operation_(client_->beginOperation()) {}
+
+  void start() {
+    client_->send(operation_, accountRequest("users/get_current_account", about_),
+                  [self = shared_from_this()](ServiceAnswer& answer) {
+                    self->received(answer, self->fields_, accountFields);
+                  });
+    client_->send(
+        operation_, accountRequest("users/get_space_usage", about_),
+        [self = shared_from_this()](ServiceAnswer& answer) { self->received(answer, self->quota_, quota); });
+  }
+
+ private:
+  template <class Part, class Read>
+  void received(const ServiceAnswer& answer, std::optional<Part>& part, Read read) {
+    if (answer.error) return fail(answer);
+    part = read(answer.response);
+    if (!part) return fail({{}, invalidResponseError(answer.response, about_), {}});
+    if (!fields_ || !quota_) return;
+    const auto info =
+        std::make_shared<DBAccountInfo>(fields_->userId, fields_->displayName, fields_->email, *quota_);
+    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.loadedAccountInfo(client, info);
+    });
+  }
+
+  void fail(const ServiceAnswer& answer) {
+    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.loadAccountInfoFailedWithError(client, answer.error);
+    });
+  }
+
+  const std::shared_ptr<DBRestClient::Impl> client_;
+  const DBRestClient::Impl::OperationRef operation_;
+  const RequestDescription about_{"load the information of the account", ""};
+  std::optional<AccountFields> fields_;
+  std::optional<DBQuota> quota_;
+};
+
+std::int64_t unixNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+/// What a person or the service handed over: a bare token, or a token answer as JSON. Nothing for an empty
+/// text, one with a control character (it could not travel in a header), or JSON without a token.
+std::optional<DBCredential> credentialFromToken(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return std::nullopt;
+  text = text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+  DBCredential credential;
+  if (text.front() == '{') {
+    const auto document = Document::parse(text);
+    if (!document) return std::nullopt;
+    credential.accessToken = servicejson::text(document->root(), "access_token").value_or("");
+    credential.refreshToken = servicejson::text(document->root(), "refresh_token").value_or("");
+    if (const auto lifetime = servicejson::integer(document->root(), "expires_in")) {
+      credential.expiresAtUnixSeconds = unixNow() + *lifetime;
+    }
+  } else {
+    credential.accessToken = text;
+  }
+  const bool isPrintable = credential.accessToken.find_first_not_of(
+                               "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~+/=") ==
+                           std::string::npos;  // RFC 6750, 2.1
+  if (credential.accessToken.empty() || !isPrintable) return std::nullopt;
+  return credential;
+}
+
+/// Finds out whose token it is, and links that account.
+class TokenAdoption : public std::enable_shared_from_this<TokenAdoption> {
+ public:
+  explicit TokenAdoption(std::shared_ptr<DBRestClient::Impl> client)
+      : client_(std::move(client)), operation_(client_->beginOperation()) {}
+
+  void start(const std::string& token) {
+    auto credential = credentialFromToken(token);
+    if (!credential) {
+      client_->performLater(operation_, [self = shared_from_this()] {
+        self->fail(requestError(400, "this is not an access token", self->about_));
+      });
+      return;
+    }
+    credential_ = std::move(*credential);
+    client_->sendFor(operation_, {"", credential_.accessToken},
+                     accountRequest("users/get_current_account", about_),
+                     [self = shared_from_this()](ServiceAnswer& answer) { self->receivedAccount(answer); });
+  }
+
+ private:
+  void receivedAccount(const ServiceAnswer& answer) {
+    if (answer.error) return fail(answer.error);
+    const auto fields = accountFields(answer.response);
+    if (!fields) return fail(invalidResponseError(answer.response, about_));
+    credential_.userId = fields->userId;
+    // The store may take its time; the callbacks' thread may not.
+    DispatchQueue::global().async([self = shared_from_this()] {
+      NSErrorRef error;
+      const bool linked = self->client_->session()->linkCredential(self->credential_, &error);
+      self->client_->performLater(self->operation_, [self, linked, error] { self->stored(linked, error); });
+    });
+  }
+
+  void stored(bool linked, const NSErrorRef& error) {
+    if (!linked) return fail(error);
+    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.restClientLoadedAccessToken(client, credential_.userId);
+    });
+  }
+
+  void fail(const NSErrorRef& error) {
+    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.loadAccessTokenFailedWithError(client, error);
+    });
+  }
+
+  const std::shared_ptr<DBRestClient::Impl> client_;
+  const DBRestClient::Impl::OperationRef operation_;
+  const RequestDescription about_{"link the account", ""};
+  DBCredential credential_;
+};
+
+}  // namespace
+
+void DBRestClient::loadAccountInfo() { std::make_shared<AccountLoad>(impl_)->start(); }
+
+void DBRestClient::adoptAccessToken(const std::string& token) {
+  std::make_shared<TokenAdoption>(impl_)->start(token);
+}

@@ -1,0 +1,162 @@
+#include <deque>
+#include <utility>
+
+#include "foundation/Paths.h"
+#include "sdk/DBRestClientImpl.h"
+#include "sdk/IconNames.h"
+#include "sdk/RecordReader.h"
+#include "sdk/ServiceJson.h"
+
+namespace json = boost::json;
+using servicejson::Document;
+
+namespace {
+
+constexpr int pageLimit = 2000;  // the service's largest; fewer pages are fewer round trips
+
+/// Loads one item, and a folder's children page by page. The item's own record and the first page are asked
+/// for at the same time: a folder then costs one round trip less, a file only an answer that nobody reads.
+/// Each further page is asked for before the records of the page at hand are built.
+class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
+ public:
+  MetadataLoad(std::shared_ptr<DBRestClient::Impl> client, const std::string& path)
+      : client_(std::move(client)),
+        operation_(client_->beginOperation()),
+        about_{"load", path},
+        servicePath_(servicePath(path)) {}
+
+  void start() {
+    if (!servicePath_) {
+      client_->performLater(operation_, [self = shared_from_this()] {
+        self->fail({{}, unacceptablePathError(self->about_), {}});
+      });
+      return;
+    }
+    if (servicePath_->empty()) {
+      fields_.path = "/";
+      fields_.lowercasePath = "/";
+      becomeFolder("/");
+    } else {
+      askForRecord();
+    }
+    askForFirstPage();
+  }
+
+ private:
+  void askForRecord() {
+    const json::object argument{{"path", *servicePath_}, {"include_deleted", true}};
+    client_->send(operation_, readingRequest("files/get_metadata", argument, about_),
+                  [self = shared_from_this()](ServiceAnswer& answer) { self->receivedRecord(answer); });
+  }
+
+  void askForFirstPage() {
+    // Documents that exist only online cannot be copied, so they are no part of the tree here.
+    const json::object argument{
+        {"path", *servicePath_}, {"limit", pageLimit}, {"include_non_downloadable_files", false}};
+    client_->send(operation_, readingRequest("files/list_folder", argument, about_),
+                  [self = shared_from_this()](ServiceAnswer& answer) { self->receivedPage(answer); });
+  }
+
+  void askForNextPage(std::string_view cursor) {
+    client_->send(operation_, readingRequest("files/list_folder/continue", {{"cursor", cursor}}, about_),
+                  [self = shared_from_this()](ServiceAnswer& answer) { self->receivedPage(answer); });
+  }
+
+  void receivedRecord(const ServiceAnswer& answer) {
+    if (answer.error) return fail(answer);
+    const auto document = Document::parse(answer.response.body);
+    RecordReader reader;
+    const auto folder = std::make_shared<const std::string>(deletingLastPathComponent(*servicePath_));
+    const auto record = document ? reader.record(document->root(), folder) : nullptr;
+    if (!record) return failInvalid(answer.response);
+    if (!record->isDirectory()) return finish(record);
+    fields_.path = record->path();
+    fields_.lowercasePath = record->lowercasePath();
+    fields_.icon = record->icon();
+    becomeFolder(fields_.path);
+    if (listingFailure_) return fail(*listingFailure_);
+    addWaitingPages();
+    finishWhenComplete();
+  }
+
+  void becomeFolder(const std::string& path) {
+    fields_.isDirectory = true;
+    if (path == "/") fields_.icon = iconForFolder("/", false);
+    listing_.emplace(path);
+  }
+
+  void receivedPage(ServiceAnswer& answer) {
+    if (answer.error) return listingFailed(answer);
+    auto page = Document::parse(answer.response.body);
+    const auto* entries = page ? servicejson::array(page->root(), "entries") : nullptr;
+    const auto cursor = page ? servicejson::text(page->root(), "cursor") : std::nullopt;
+    const auto hasMore = page ? servicejson::boolean(page->root(), "has_more") : std::nullopt;
+    if (!entries || !cursor || !hasMore) return failInvalid(answer.response);
+    lastPageArrived_ = !*hasMore;
+    if (*hasMore) askForNextPage(*cursor);
+    waitingPages_.push_back(std::move(page));
+    addWaitingPages();
+    finishWhenComplete();
+  }
+
+  void listingFailed(ServiceAnswer& answer) {
+    const bool cursorIsGone = hasErrorTag(answer.response, "reset");
+    if (cursorIsGone && !hasStartedAgain_) {
+      hasStartedAgain_ = true;
+      waitingPages_.clear();
+      if (listing_) listing_->clear();
+      return askForFirstPage();
+    }
+    if (listing_) return fail(answer);
+    // Whether it matters is known when the record is: a file has no listing.
+    listingFailure_ = std::move(answer);
+  }
+
+  void addWaitingPages() {
+    if (!listing_)
+      return;  // the children's paths begin with the folder's, whose letter case is not known yet
+    for (; !waitingPages_.empty(); waitingPages_.pop_front()) {
+      if (!listing_->addPage(*servicejson::array(waitingPages_.front()->root(), "entries"))) {
+        return failInvalid({});
+      }
+    }
+  }
+
+  void finishWhenComplete() {
+    if (!listing_ || !lastPageArrived_ || operation_->cancelled) return;
+    fields_.contents = listing_->contents();
+    fields_.hash = listing_->hash();
+    finish(std::make_shared<const DBMetadata>(std::move(fields_)));
+  }
+
+  void finish(const DBRestClientDelegate::MetadataRef& record) {
+    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.loadedMetadata(client, record);
+    });
+  }
+
+  void fail(const ServiceAnswer& answer) {
+    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.loadMetadataFailedWithError(client, answer.error);
+    });
+  }
+
+  void failInvalid(const HttpResponse& response) { fail({{}, invalidResponseError(response, about_), {}}); }
+
+  const std::shared_ptr<DBRestClient::Impl> client_;
+  const DBRestClient::Impl::OperationRef operation_;
+  const RequestDescription about_;
+  const std::optional<std::string> servicePath_;
+  DBMetadata::Fields fields_;              // the folder's own record, as far as it is known
+  std::optional<ListingBuilder> listing_;  // set once the item is known to be a folder
+  std::deque<std::shared_ptr<const Document>> waitingPages_;
+  std::optional<ServiceAnswer> listingFailure_;
+  bool lastPageArrived_ = false;
+  bool hasStartedAgain_ = false;
+};
+
+}  // namespace
+
+void DBRestClient::loadMetadata(const std::string& path) {
+  std::make_shared<MetadataLoad>(impl_, path)->start();
+}

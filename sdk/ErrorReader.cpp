@@ -1,0 +1,214 @@
+#include "sdk/ErrorReader.h"
+
+#include <algorithm>
+
+#include <curl/curl.h>
+
+#include "foundation/NSNumber.h"
+#include "foundation/NSString.h"
+#include "sdk/DBError.h"
+#include "sdk/ServiceJson.h"
+
+namespace json = boost::json;
+
+namespace {
+
+struct TagRow {
+  std::string_view tag;
+  int code;  // 0: the answer's HTTP status
+  std::string_view reason;
+};
+
+constexpr TagRow tagRows[] = {
+    {"not_found", 404, "there is nothing at this path"},
+    {"not_file", 404, "this is not a file"},
+    {"not_folder", 404, "this is not a folder"},
+    {"malformed_path", 400, "the service does not accept this path"},
+    {"disallowed_name", 400, "the service does not accept this name"},
+    {"conflict", 403, "something else is in the way"},
+    {"no_write_permission", 403, "you may not write here"},
+    {"no_permission", 403, "the account may not do this"},
+    {"access_denied", 403, "the account may not do this"},
+    {"access_restricted", 403, "access is restricted by the team"},
+    {"invalid_account_type", 403, "this kind of account may not do this"},
+    {"operation_suppressed", 403, "this is not allowed at this path"},
+    {"team_folder", 403, "a team folder cannot be moved or deleted"},
+    {"insufficient_space", 507, "there is not enough space in the account"},
+    {"insufficient_quota", 507, "there is not enough space in the account"},
+    {"too_many_files", 406, "too many files and folders for one request"},
+    {"unsupported_extension", 415, "there is no preview of this kind of file"},
+    {"unsupported_image", 415, "there is no preview of this picture"},
+    {"conversion_error", 415, "no preview of this picture could be made"},
+    {"unsupported_file", 0, "this file exists only online and cannot be downloaded"},
+    {"restricted_content", 0, "the service does not give out this content"},
+    {"locked", 0, "the item is locked"},
+    {"too_many_requests", 503, "the service asks to wait"},
+    {"too_many_write_operations", 503, "another change of the account is in progress"},
+    {"invalid_access_token", 401, "the authorization is no longer valid; link the account again"},
+    {"expired_access_token", 401, "the authorization has expired"},
+    {"missing_scope", 401, "the application has not been granted this permission"},
+    {"user_suspended", 401, "the account is suspended"},
+    {"reset", 0, "the list of changes has to be started again"},
+    {"cant_move_folder_into_itself", 0, "a folder cannot be moved into itself"},
+    {"duplicated_or_nested_paths", 0, "source and target are the same or one lies inside the other"},
+    {"cant_move_shared_folder", 0, "a shared folder cannot be moved there"},
+    {"cant_nest_shared_folder", 0, "a shared folder cannot lie inside another"},
+    {"incorrect_offset", 0, "the service has received another number of bytes"},
+    {"content_hash_mismatch", 0, "the content was damaged on its way"},
+    {"payload_too_large", 0, "too many bytes for one request"},
+    {"too_large", 0, "the file is too large"},
+    {"closed", 0, "the upload has already been completed"},
+    {"email_not_verified", 0, "the account's e-mail address has not been verified"},
+    {"invalid_root", 0, "the account's root folder has changed"},
+};
+
+const TagRow* rowFor(const std::vector<std::string>& tags) {
+  for (auto tag = tags.rbegin(); tag != tags.rend(); ++tag) {
+    const auto row = std::find_if(std::begin(tagRows), std::end(tagRows),
+                                  [&](const TagRow& candidate) { return candidate.tag == *tag; });
+    if (row != std::end(tagRows)) return row;
+  }
+  return nullptr;
+}
+
+/// From {"error":…} inwards; a rate limit and a refused upload keep the next union under "reason".
+std::vector<std::string> tagsOf(const json::object& answer) {
+  constexpr int deepest = 8;
+  std::vector<std::string> tags;
+  const json::value* value = answer.if_contains("error");
+  for (int depth = 0; value && depth < deepest; ++depth) {
+    const std::string_view tag = servicejson::tag(*value);
+    if (!tag.empty()) tags.emplace_back(tag);
+    const json::object* members = value->if_object();
+    if (!members) break;
+    value = tag.empty() ? nullptr : members->if_contains(tag);
+    if (!value) value = members->if_contains("reason");
+  }
+  return tags;
+}
+
+struct Findings {
+  std::int64_t code = 0;
+  std::string reason;
+  std::string summary;
+  std::optional<std::int64_t> retryAfterSeconds;
+};
+
+std::string reasonForStatus(long status) {
+  if (status == 401) return "the account is not authorized";
+  if (status == 429 || status == 503) return "the service asks to wait";
+  if (status >= 500) return "the service has a problem (status " + std::to_string(status) + ")";
+  return "the service refused the request (status " + std::to_string(status) + ")";
+}
+
+std::string summaryOf(const HttpResponse& response, const json::object* answer) {
+  if (answer) return std::string(servicejson::text(*answer, "error_summary").value_or(""));
+  // The text of a 400 says which field was wrong. One about the authorization might quote a token.
+  constexpr std::size_t longest = 300;
+  const bool mayQuoteSecret = response.body.find("uthorization") != std::string::npos ||
+                              response.body.find("earer") != std::string::npos ||
+                              response.body.find("oken") != std::string::npos;
+  return response.status == 400 && !mayQuoteSecret ? response.body.substr(0, longest) : std::string();
+}
+
+std::int64_t codeForStatus(long status) { return status == 429 ? 503 : status; }
+
+Findings findingsOf(const HttpResponse& response) {
+  if (response.curlCode != CURLE_OK) {
+    const auto code = static_cast<CURLcode>(response.curlCode);
+    return {-static_cast<std::int64_t>(code),
+            std::string("the service could not be reached (") + curl_easy_strerror(code) + ")",
+            {},
+            {}};
+  }
+  const auto document = servicejson::Document::parse(response.body);
+  const json::object* answer = document ? &document->root() : nullptr;
+  Findings findings{codeForStatus(response.status), reasonForStatus(response.status),
+                    summaryOf(response, answer), response.retryAfterSeconds};
+  if (!answer) return findings;
+  if (const TagRow* row = rowFor(tagsOf(*answer))) {
+    if (row->code != 0) findings.code = row->code;
+    findings.reason = row->reason;
+  } else if (const json::object* message = servicejson::object(*answer, "user_message")) {
+    if (const auto text = servicejson::text(*message, "text")) findings.reason = *text;
+  }
+  const json::object* error = servicejson::object(*answer, "error");
+  if (error && !findings.retryAfterSeconds) {
+    findings.retryAfterSeconds = servicejson::integer(*error, "retry_after");
+  }
+  return findings;
+}
+
+std::string sentence(const RequestDescription& about, std::string_view reason) {
+  std::string text = "Could not " + about.action;
+  if (!about.path.empty()) text += " \"" + about.path + "\"";
+  text += ": ";
+  text += reason;
+  if (!text.ends_with('.')) text += '.';
+  return text;
+}
+
+NSDictionary::Entries detailsOf(const RequestDescription& about, std::string_view reason) {
+  NSDictionary::Entries entries;
+  const auto add = [&](std::string_view key, id value) {
+    entries.emplace_back(str(std::string(key)), value);
+  };
+  add(NSLocalizedDescriptionKey, str(sentence(about, reason)));
+  if (!about.path.empty()) add(DBErrorPathKey, str(about.path));
+  if (!about.uploadId.empty()) add(DBErrorUploadIdKey, str(about.uploadId));
+  if (about.offset) add(DBErrorOffsetKey, NSNumber::withInt(*about.offset));
+  return entries;
+}
+
+NSErrorRef makeError(std::int64_t code, NSDictionary::Entries details) {
+  return std::make_shared<NSError>(std::string(DBErrorDomain), code,
+                                   std::make_shared<NSDictionary>(std::move(details)));
+}
+
+void addResponseDetails(NSDictionary::Entries& details, const HttpResponse& response) {
+  const auto add = [&](std::string_view key, id value) {
+    details.emplace_back(str(std::string(key)), value);
+  };
+  if (!response.requestId.empty()) add(DBErrorRequestIdKey, str(response.requestId));
+  if (response.status != 0) add(DBErrorHttpStatusKey, NSNumber::withInt(response.status));
+}
+
+}  // namespace
+
+NSErrorRef errorFromResponse(const HttpResponse& response, const RequestDescription& about) {
+  const Findings findings = findingsOf(response);
+  NSDictionary::Entries details = detailsOf(about, findings.reason);
+  addResponseDetails(details, response);
+  if (!findings.summary.empty())
+    details.emplace_back(str(std::string(DBErrorSummaryKey)), str(findings.summary));
+  if (findings.retryAfterSeconds) {
+    details.emplace_back(str(std::string(DBErrorRetryAfterKey)),
+                         NSNumber::withInt(*findings.retryAfterSeconds));
+  }
+  return makeError(findings.code, std::move(details));
+}
+
+NSErrorRef requestError(int code, std::string_view reason, const RequestDescription& about) {
+  return makeError(code, detailsOf(about, reason));
+}
+
+NSErrorRef invalidResponseError(const HttpResponse& response, const RequestDescription& about) {
+  NSDictionary::Entries details = detailsOf(about, "the service's answer could not be understood");
+  addResponseDetails(details, response);
+  return makeError(DBErrorInvalidResponse, std::move(details));
+}
+
+std::vector<std::string> errorTags(const HttpResponse& response) {
+  const auto document = servicejson::Document::parse(response.body);
+  return document ? tagsOf(document->root()) : std::vector<std::string>();
+}
+
+bool hasErrorTag(const HttpResponse& response, std::string_view tag) {
+  const auto tags = errorTags(response);
+  return std::find(tags.begin(), tags.end(), tag) != tags.end();
+}
+
+std::string oauthErrorOf(const HttpResponse& response) {
+  const auto document = servicejson::Document::parse(response.body);
+  return document ? std::string(servicejson::text(document->root(), "error").value_or("")) : std::string();
+}

@@ -1,0 +1,62 @@
+#pragma once
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "sdk/HttpRequest.h"
+
+/// One HTTP exchange: made by the caller, carried out on the network thread, which alone touches it between
+/// start() and `done`.
+struct HttpTransfer {
+  using Done = std::function<void(HttpResponse&)>;
+
+  HttpRequest request;
+  Done done;  // on the network thread, exactly once; not after cancel()
+  HttpResponse response{};
+
+  // The network thread's own.
+  void* easy = nullptr;
+  void* headerList = nullptr;
+  bool bodyBegun = false;
+};
+
+/// The one thread that does all HTTP of the process: one libcurl multi handle, hence one connection pool, one
+/// DNS cache and one TLS session cache for everybody. It sleeps in curl_multi_poll until a socket, a timer or
+/// a command wants something. Blocks given to it must not wait; writing a download's bytes to disk is the one
+/// thing that may take time here.
+class NetworkThread {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Block = std::function<void()>;
+  using TimerId = std::uint64_t;
+
+  /// The running thread, or a new one when nobody holds one any more. Any thread.
+  static std::shared_ptr<NetworkThread> shared();
+  /// Ends the thread; transfers under way are dropped without `done`. Waits for it, unless called on it.
+  ~NetworkThread();
+
+  /// How long to wait for a connection, and how long for the next byte, before a transfer fails with
+  /// CURLE_OPERATION_TIMEDOUT. For transfers that start later. Any thread.
+  static void setTimeouts(std::chrono::milliseconds connect, std::chrono::seconds silence);
+
+  /// Any thread; returns at once.
+  void start(std::shared_ptr<HttpTransfer> transfer);
+  /// Aborts at once and without `done`, if the transfer has not ended yet. Any thread; returns at once.
+  void cancel(std::shared_ptr<HttpTransfer> transfer);
+  /// Any thread; returns at once.
+  void perform(Block block);
+
+  /// REQUIRES the network thread.
+  TimerId performAfter(Clock::duration wait, Block block);
+  /// Unknown ids are fine. REQUIRES the network thread.
+  void cancelTimer(TimerId timer);
+
+ private:
+  class Loop;
+  NetworkThread();
+
+  const std::shared_ptr<Loop> loop_;  // shared with the thread, which may outlive this object by a moment
+  std::thread thread_;
+};

@@ -1,0 +1,210 @@
+#include "sdk/ServiceCall.h"
+
+#include <random>
+#include <utility>
+
+#include "sdk/DBError.h"
+
+namespace {
+
+double randomFraction() {
+  thread_local std::minstd_rand generator(std::random_device{}());
+  return std::uniform_real_distribution<double>(0, 1)(generator);
+}
+
+bool isContent(ServiceRequest::Style style) {
+  return style == ServiceRequest::Style::contentUpload || style == ServiceRequest::Style::contentDownload;
+}
+
+}  // namespace
+
+ServiceCall::ServiceCall(std::shared_ptr<DBSession::Internals> session, ActingFor actingFor,
+                         ServiceRequest request, std::shared_ptr<NSRunLoop> deliverOn, Handler handler)
+    : session_(std::move(session)),
+      actingFor_(std::move(actingFor)),
+      request_(std::move(request)),
+      deliverOn_(std::move(deliverOn)),
+      handler_(std::move(handler)) {}
+
+std::shared_ptr<ServiceCall> ServiceCall::start(std::shared_ptr<DBSession::Internals> session,
+                                                ActingFor actingFor, ServiceRequest request,
+                                                std::shared_ptr<NSRunLoop> deliverOn, Handler handler) {
+  auto call = std::make_shared<ServiceCall>(std::move(session), std::move(actingFor), std::move(request),
+                                            std::move(deliverOn), std::move(handler));
+  call->begin();
+  return call;
+}
+
+void ServiceCall::begin() {
+  if (session_->hostsError) {
+    fail(session_->hostsError);
+    return;
+  }
+  if (!actingFor_.userId.empty()) {
+    auto authorization = session_->authorization(actingFor_.userId);
+    if (!authorization) {
+      fail(requestError(DBErrorNotLinked, "the account is not linked", request_.about));
+      return;
+    }
+    authorization_ = std::move(*authorization);
+  }
+  if (authorization_.expiresSoon && !authorization_.refreshToken.empty()) {
+    session_->network->perform([self = shared_from_this()] { self->renewToken({}); });
+  } else {
+    send();
+  }
+}
+
+HttpRequest ServiceCall::httpRequest() const {
+  HttpRequest http;
+  const bool isToken = request_.style == ServiceRequest::Style::token;
+  http.url = (isContent(request_.style) ? session_->hosts.content : session_->hosts.api) +
+             (isToken ? "/oauth2/" : "/2/") + request_.route;
+  const std::string& token = actingFor_.userId.empty() ? actingFor_.bearerToken : authorization_.accessToken;
+  if (!token.empty()) http.headers.push_back("Authorization: Bearer " + token);
+  switch (request_.style) {
+    case ServiceRequest::Style::rpc:
+      http.headers.emplace_back("Content-Type: application/json");
+      http.body = request_.argument;
+      break;
+    case ServiceRequest::Style::token:
+      http.headers.emplace_back("Content-Type: application/x-www-form-urlencoded");
+      http.body = request_.argument;
+      break;
+    case ServiceRequest::Style::rpcWithoutArgument:
+      http.headers.emplace_back("Content-Type:");  // the form type that libcurl would send is refused
+      break;
+    case ServiceRequest::Style::contentUpload:
+      http.headers.emplace_back("Content-Type: application/octet-stream");
+      http.headers.push_back("Dropbox-API-Arg: " + request_.argument);
+      http.source = request_.source;
+      break;
+    case ServiceRequest::Style::contentDownload:
+      http.headers.emplace_back("Content-Type:");
+      http.headers.push_back("Dropbox-API-Arg: " + request_.argument);
+      http.sink = request_.sink;
+      break;
+  }
+  return http;
+}
+
+void ServiceCall::send() {
+  if (ended_) return;
+  transfer_ = std::make_shared<HttpTransfer>();
+  transfer_->request = httpRequest();
+  transfer_->done = [self = shared_from_this()](HttpResponse& response) { self->received(response); };
+  session_->network->start(transfer_);
+}
+
+void ServiceCall::received(HttpResponse& response) {
+  const auto ended = std::exchange(transfer_, nullptr);  // holds `response`
+  if (ended_) return;
+  if (response.isSuccess()) {
+    answer_.response = std::move(response);
+    finish();
+    return;
+  }
+  if (repairAuthorization(response) || repeatLater(response)) return;
+  answer_.error = errorFromResponse(response, request_.about);
+  answer_.response = std::move(response);
+  finish();
+}
+
+/// True when the request goes on, because a token that was refused has been or is being replaced.
+bool ServiceCall::repairAuthorization(const HttpResponse& response) {
+  if (response.curlCode != 0 || response.status != 401 || actingFor_.userId.empty()) return false;
+  if (hasErrorTag(response, "expired_access_token")) {
+    if (tokenRenewed_ || authorization_.refreshToken.empty()) return false;
+    renewToken(response);
+    return true;
+  }
+  if (!hasErrorTag(response, "invalid_access_token")) return false;
+  const auto current = session_->authorization(actingFor_.userId);
+  const bool wasReplaced = current && current->accessToken != authorization_.accessToken;
+  if (wasReplaced && !tokenRenewed_) {  // by a renewal or a new linking while this one was on its way
+    tokenRenewed_ = true;
+    authorization_ = *current;
+    send();
+    return true;
+  }
+  answer_.lostLinking = authorization_.linking;
+  return false;
+}
+
+/// @param refused  the answer that made it necessary; one without a status when nobody has been asked yet.
+void ServiceCall::renewToken(HttpResponse refused) {
+  if (ended_) return;
+  tokenRenewed_ = refused.status != 0;
+  session_->tokenRefresh.renew(*session_, actingFor_.userId, authorization_.accessToken,
+                               [self = shared_from_this(),
+                                refused = std::move(refused)](const TokenRefresh::Outcome& outcome) mutable {
+                                 if (!self->ended_) self->tokenRenewed(outcome, refused);
+                               });
+}
+
+void ServiceCall::tokenRenewed(const TokenRefresh::Outcome& outcome, HttpResponse& refused) {
+  const bool stillUsable = refused.status == 0 && !authorization_.hasExpired;
+  if (outcome.result == TokenRefresh::Result::failed && stillUsable) {
+    send();  // the old token has some seconds left, and the service may refuse it itself
+    return;
+  }
+  auto current = session_->authorization(actingFor_.userId);
+  if (outcome.result == TokenRefresh::Result::notLinked || !current) {
+    fail(requestError(DBErrorNotLinked, "the account is not linked any more", request_.about));
+    return;
+  }
+  if (outcome.result == TokenRefresh::Result::renewed) {
+    authorization_ = std::move(*current);
+    send();
+    return;
+  }
+  if (outcome.result == TokenRefresh::Result::authorizationLost) {
+    answer_.lostLinking = authorization_.linking;
+    answer_.error =
+        requestError(401, "the authorization is no longer valid; link the account again", request_.about);
+    answer_.response = std::move(refused);
+    finish();
+    return;
+  }
+  answer_.response = std::move(refused);
+  fail(outcome.error);
+}
+
+/// True when the request will be sent again.
+bool ServiceCall::repeatLater(const HttpResponse& response) {
+  if (!request_.repeatable) return false;
+  const auto wait = retryPolicy_.waitBeforeRepeating(response, randomFraction());
+  if (!wait) return false;
+  timer_ = session_->network->performAfter(*wait, [self = shared_from_this()] {
+    self->timer_.reset();
+    self->send();
+  });
+  return true;
+}
+
+void ServiceCall::fail(NSErrorRef error) {
+  answer_.error = std::move(error);
+  finish();
+}
+
+void ServiceCall::finish() {
+  auto deliver = [self = shared_from_this(), handler = std::exchange(handler_, nullptr)] {
+    if (!self->ended_.exchange(true)) handler(self->answer_);
+  };
+  if (deliverOn_) {
+    deliverOn_->perform(std::move(deliver));
+  } else {
+    session_->network->perform(std::move(deliver));
+  }
+}
+
+void ServiceCall::cancel() {
+  if (ended_.exchange(true)) return;
+  session_->network->perform([self = shared_from_this()] { self->abort(); });
+}
+
+void ServiceCall::abort() {
+  if (transfer_) session_->network->cancel(std::exchange(transfer_, nullptr));
+  if (timer_) session_->network->cancelTimer(*std::exchange(timer_, std::nullopt));
+  handler_ = nullptr;
+}

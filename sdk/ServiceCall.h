@@ -1,0 +1,90 @@
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "foundation/NSRunLoop.h"
+#include "sdk/ErrorReader.h"
+#include "sdk/NetworkThread.h"
+#include "sdk/RetryPolicy.h"
+#include "sdk/SessionInternals.h"
+
+/// One request of the service's HTTP API, as data.
+struct ServiceRequest {
+  enum class Style {
+    rpc,  // JSON in the body; api host
+    rpcWithoutArgument,
+    contentUpload,    // JSON in a header, bytes in the body; content host
+    contentDownload,  // JSON in a header, bytes in the answer; content host
+    token             // form in the body, no authorization; api host
+  };
+  Style style = Style::rpc;
+  std::string route;        // "files/get_metadata"
+  std::string argument;     // JSON in printable ASCII, or a form
+  bool repeatable = false;  // carrying it out twice does no harm
+  RequestDescription about;
+  std::shared_ptr<BodySource> source{};
+  std::shared_ptr<BodySink> sink{};
+};
+
+/// For whom a request is made: a linked account, or the holder of a token that is not in the session.
+struct ActingFor {
+  std::string userId;       // empty: `bearerToken`
+  std::string bearerToken;  // empty as well: without authorization
+};
+
+struct ServiceAnswer {
+  HttpResponse response;
+  NSErrorRef error;  // null: success
+  /// Set when the account's authorization turned out to be withdrawn: the linking it concerns.
+  std::optional<std::uint64_t> lostLinking;
+};
+
+/// One request under way, with all that its caller need not know of: the renewal of an expired token, and
+/// repeats after waits. Its steps run on the network thread and nothing in it ever blocks.
+class ServiceCall : public std::enable_shared_from_this<ServiceCall> {
+ public:
+  using Handler = std::function<void(ServiceAnswer&)>;
+
+  /// Starts the request. Any thread; returns at once.
+  /// @param deliverOn  the run loop on which `handler` runs, once; null: the network thread.
+  static std::shared_ptr<ServiceCall> start(std::shared_ptr<DBSession::Internals> session,
+                                            ActingFor actingFor, ServiceRequest request,
+                                            std::shared_ptr<NSRunLoop> deliverOn, Handler handler);
+  /// Ends it at once. On the thread of `deliverOn` the handler does not run any more after this has returned.
+  void cancel();
+
+  ServiceCall(std::shared_ptr<DBSession::Internals> session, ActingFor actingFor, ServiceRequest request,
+              std::shared_ptr<NSRunLoop> deliverOn, Handler handler);
+
+ private:
+  void begin();
+  void send();
+  HttpRequest httpRequest() const;
+  void received(HttpResponse& response);
+  bool repairAuthorization(const HttpResponse& response);
+  void renewToken(HttpResponse response);
+  void tokenRenewed(const TokenRefresh::Outcome& outcome, HttpResponse& refused);
+  bool repeatLater(const HttpResponse& response);
+  void fail(NSErrorRef error);
+  void finish();
+  void abort();
+
+  const std::shared_ptr<DBSession::Internals> session_;
+  const ActingFor actingFor_;
+  const ServiceRequest request_;
+  const std::shared_ptr<NSRunLoop> deliverOn_;
+  std::atomic<bool> ended_{false};  // delivered or cancelled
+
+  // The network thread's own once begin() has returned.
+  Handler handler_;
+  Authorization authorization_;
+  std::shared_ptr<HttpTransfer> transfer_;
+  std::optional<NetworkThread::TimerId> timer_;
+  RetryPolicy retryPolicy_;
+  bool tokenRenewed_ = false;
+  ServiceAnswer answer_;
+};

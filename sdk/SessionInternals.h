@@ -1,0 +1,74 @@
+#pragma once
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "sdk/CredentialStore.h"
+#include "sdk/DBSession.h"
+#include "sdk/NetworkThread.h"
+#include "sdk/ServiceHosts.h"
+#include "sdk/TokenRefresh.h"
+
+/// What a request needs in order to act for an account. Secret.
+struct Authorization {
+  std::string accessToken;
+  std::string refreshToken;   // empty: cannot be renewed
+  std::uint64_t linking = 0;  // tells one linking of an account from the next
+  bool expiresSoon = false;   // renew it before use
+  bool hasExpired = false;
+};
+
+/// The state of a session that requests share. Lives until the last of them has ended. Any thread.
+struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals> {
+  Internals(std::string key, std::string secret, std::string_view rootName);
+
+  const std::string appKey;
+  const std::string appSecret;
+  const std::string root;
+  ServiceHosts hosts;     // never change after construction
+  NSErrorRef hostsError;  // set: nothing may be sent
+  const std::unique_ptr<CredentialStore> store;
+  const std::shared_ptr<NetworkThread> network;
+  TokenRefresh tokenRefresh;  // the network thread's own
+
+  /// Nothing when the account is not linked.
+  std::optional<Authorization> authorization(const std::string& userId) const;
+  /// Keeps a renewed token, unless the account has been unlinked or linked anew meanwhile. The store follows
+  /// in the background.
+  void keepRenewedToken(const std::string& userId, std::uint64_t linking, const std::string& accessToken,
+                        std::int64_t expiresAtUnixSeconds);
+  /// True the first time an account's linking is reported as no longer valid.
+  bool noteAuthorizationFailure(const std::string& userId, std::uint64_t linking);
+  DBSessionDelegate* currentDelegate() const;
+
+  bool link(const DBCredential& credential, NSErrorRef* error);
+  void unlink(const std::string& userId);
+  std::vector<std::string> userIds() const;
+  bool hasUserId(std::string_view userId) const;
+  void setDelegate(DBSessionDelegate* newDelegate);
+  void waitForBackgroundWork(double seconds);
+
+ private:
+  struct Account {
+    DBCredential credential;
+    std::uint64_t linking = 0;
+    bool failureNoted = false;
+  };
+  /// Counts as background work from construction to destruction.
+  std::shared_ptr<void> backgroundWork();
+  void revoke(DBCredential credential);
+  Account* find(std::string_view userId);
+  const Account* find(std::string_view userId) const;
+
+  mutable std::mutex mutex_;
+  std::vector<Account> accounts_;          // guarded by mutex_
+  std::uint64_t lastLinking_ = 0;          // guarded by mutex_
+  DBSessionDelegate* delegate_ = nullptr;  // guarded by mutex_
+  int workUnderWay_ = 0;                   // guarded by mutex_
+  std::condition_variable workEnded_;
+  std::mutex storeMutex_;  // makes memory and store change in the same order; taken before mutex_
+};
