@@ -1,0 +1,57 @@
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+
+#include "service/Http.h"
+
+namespace kzv::service {
+
+/// An answer that is not a success, thrown inside an endpoint and caught by the dispatcher.
+class ApiError : public std::exception {
+ public:
+  explicit ApiError(HttpResponse response) : response_(std::move(response)) {}
+  const char* what() const noexcept override { return "API error"; }
+  const HttpResponse& response() const { return response_; }
+
+ private:
+  HttpResponse response_;
+};
+
+/// An argument that does not conform; the dispatcher puts function name and place in front. Status 400.
+class BadArgument : public std::exception {
+ public:
+  explicit BadArgument(std::string detail) : detail_(std::move(detail)) {}
+  const char* what() const noexcept override { return detail_.c_str(); }
+  const std::string& detail() const { return detail_; }
+
+ private:
+  std::string detail_;
+};
+
+/// JSON of nested unions: {"path", "conflict", "file"} gives
+/// {".tag":"path","path":{".tag":"conflict","conflict":{".tag":"file"}}}.
+std::string nestedTags(std::initializer_list<std::string_view> tags);
+
+/// Tags joined with slashes, then a varying number of dots: clients are not to compare it whole.
+std::string errorSummary(std::initializer_list<std::string_view> tags);
+
+/// Status `status` with error_summary and the nested tags.
+[[noreturn]] void failWithTags(int status, std::initializer_list<std::string_view> tags);
+/// The endpoint's own error, status 409.
+[[noreturn]] void failEndpoint(std::initializer_list<std::string_view> tags);
+/// The same when the union is more than tags; `errorJson` is the value of "error".
+[[noreturn]] void failEndpoint(std::initializer_list<std::string_view> summaryTags,
+                               std::string_view errorJson);
+/// Status 429; `reason` is too_many_requests or too_many_write_operations.
+[[noreturn]] void failRateLimited(std::string_view reason, std::int64_t retryAfterSeconds);
+/// Status 400 with a plain text.
+[[noreturn]] void failBadRequest(std::string text);
+
+HttpResponse jsonResponse(int status, std::string json);
+HttpResponse textResponse(int status, std::string text);
+
+}  // namespace kzv::service

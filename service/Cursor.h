@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace kzv::service {
+
+enum class CursorPhase : std::uint8_t { listing = 1, deletedListing = 2, changes = 3 };
+
+/// Everything a cursor of a listing stands for. The text form is signed: a client can neither read nor make
+/// one.
+struct Cursor {
+  std::int64_t account = 0;
+  std::int64_t namespaceId = 0;
+  /// Cursors of an earlier epoch are answered with `reset`.
+  std::int64_t epoch = 0;
+  CursorPhase phase = CursorPhase::changes;
+  bool recursive = false;
+  bool includeDeleted = false;
+  /// Entries a page, 0 for the default.
+  std::int64_t limit = 0;
+  /// Id of the listed folder and its key in the tree.
+  std::int64_t folderId = 0;
+  std::string folderLower;
+  /// Journal number up to which changes were told, or where the listing began.
+  std::int64_t seq = 0;
+  /// Where the listing stands.
+  std::int64_t afterId = 0;
+  std::string afterPath;
+};
+
+/// URL-safe text. @param secret  signs it.
+std::string encodeCursor(const Cursor& cursor, std::string_view secret);
+
+/// @return false for a text that was never a cursor of this service.
+bool decodeCursor(std::string_view text, std::string_view secret, Cursor& cursor);
+
+}  // namespace kzv::service

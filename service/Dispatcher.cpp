@@ -1,0 +1,466 @@
+#include "service/Dispatcher.h"
+
+#include <algorithm>
+#include <atomic>
+#include <boost/json.hpp>
+#include <cstdio>
+
+#include <fmt/format.h>
+
+#include "service/ApiError.h"
+#include "service/Encoding.h"
+#include "service/JsonText.h"
+
+namespace kzv::service {
+namespace {
+
+namespace json = boost::json;
+
+// Far above any argument of the API, finish_batch with 1000 entries included.
+constexpr std::size_t kMaxArgumentBytes = 8388608;
+
+bool isOneOf(std::string_view text, std::initializer_list<std::string_view> candidates) {
+  for (const auto candidate : candidates) {
+    if (sameHeaderName(text, candidate)) return true;
+  }
+  return false;
+}
+
+std::optional<std::string> urlParameter(const HttpRequest& request, const std::string& name) {
+  const auto fields = formDecode(request.query);
+  const auto found = fields.find(name);
+  if (found == fields.end()) return std::nullopt;
+  return found->second;
+}
+
+void checkContentType(const Route& route, const HttpRequest& request) {
+  const auto given = request.header("Content-Type");
+  const std::string_view type = given.value_or("");
+  bool accepted = false;
+  switch (route.style) {
+    case RouteStyle::rpc:
+      accepted = isOneOf(type, {"application/json", "application/json; charset=utf-8",
+                                "text/plain; charset=dropbox-cors-hack"}) ||
+                 (!route.hasArgument && !given);
+      break;
+    case RouteStyle::upload:
+      accepted = isOneOf(type, {"application/octet-stream", "text/plain; charset=dropbox-cors-hack"});
+      break;
+    case RouteStyle::download:
+      accepted =
+          !given || type.empty() ||
+          isOneOf(type, {"application/octet-stream", "application/octet-stream; charset=utf-8", "text/plain",
+                         "text/plain; charset=utf-8", "text/plain; charset=dropbox-cors-hack"});
+      break;
+  }
+  if (accepted) return;
+  if (!given) throw BadArgument("Missing HTTP \"Content-Type\" header.");
+  throw BadArgument(fmt::format("Bad HTTP \"Content-Type\" header: \"{}\".", type));
+}
+
+void checkMethod(const Route& route, const HttpRequest& request) {
+  if (request.method == "POST" || (request.method == "GET" && route.style == RouteStyle::download)) return;
+  throw BadArgument(
+      fmt::format("Your request's HTTP request method is \"{}\". This function only accepts the HTTP request "
+                  "method \"POST\".",
+                  request.method));
+}
+
+bool isAscii(std::string_view text) {
+  for (const char c : text) {
+    if (static_cast<unsigned char>(c) > 0x7E) return false;
+  }
+  return true;
+}
+
+json::value parseJson(std::string_view text, std::string_view place) {
+  json::error_code problem;
+  json::parse_options options;
+  options.max_depth = 64;
+  json::value value = json::parse(json::string_view(text.data(), text.size()), problem, {}, options);
+  if (problem) throw BadArgument(fmt::format("{}: could not decode input as JSON", place));
+  return value;
+}
+
+// Texts of answers must not carry bytes a header or log could not.
+std::string loggedArgument(std::string_view text) {
+  json::error_code problem;
+  json::parse(json::string_view(text.data(), text.size()), problem);
+  if (!problem && !text.empty()) return std::string(text);
+  if (text.empty()) return "null";
+  JsonText quoted;
+  quoted.string(hexEncode(text.substr(0, 256)));
+  return quoted.take();
+}
+
+HttpResponse defaultFaultResponse(int status, std::int64_t retryAfter) {
+  try {
+    if (status == 429) failRateLimited("too_many_requests", retryAfter);
+    if (status == 401) failWithTags(401, {"expired_access_token"});
+  } catch (const ApiError& error) {
+    HttpResponse response = error.response();
+    response.headers.clear();
+    return response;
+  }
+  return textResponse(status, fmt::format("The service answers {} by order.", status));
+}
+
+HttpResponse faultResponse(const FaultOrder& order) {
+  const int status = order.status.value_or(429);
+  HttpResponse response = defaultFaultResponse(status, order.retryAfterSeconds.value_or(1));
+  if (!order.body.empty()) response.body = order.body;
+  if (!order.contentType.empty()) response.contentType = order.contentType;
+  if (order.retryAfterSeconds) {
+    response.headers.emplace_back("Retry-After", std::to_string(*order.retryAfterSeconds));
+  }
+  return response;
+}
+
+}  // namespace
+
+void Call::reply(std::string text) { response = jsonResponse(200, std::move(text)); }
+
+std::string redactedFields(const std::map<std::string, std::string>& fields,
+                           std::initializer_list<std::string_view> shown) {
+  JsonText json;
+  json.beginObject();
+  for (const auto& [name, value] : fields) {
+    const bool isShown = std::find(shown.begin(), shown.end(), name) != shown.end();
+    // Field names come from outside and may need escapes, which key() does not write.
+    std::string escaped;
+    appendJsonEscaped(escaped, asciiJson(name));
+    json.field(escaped, std::string_view(isShown ? asciiJson(value) : "(hidden)"));
+  }
+  json.endObject();
+  return json.take();
+}
+
+std::string readWholeBody(HttpRequest& request, std::size_t maxBytes) {
+  std::string body;
+  bool tooLong = false;
+  const bool complete = request.readBody([&](std::string_view bytes) {
+    tooLong = body.size() + bytes.size() > maxBytes;
+    if (!tooLong) body += bytes;
+    return !tooLong;
+  });
+  if (tooLong) throw ApiError(textResponse(413, "The request body is too large."));
+  if (!complete) throw ApiError(textResponse(400, "The request body is incomplete."));
+  return body;
+}
+
+/// One claimed fault rule, from before the endpoint to the last byte of the answer.
+class Dispatcher::FaultRun {
+ public:
+  FaultRun(Faults& faults, Faults::Claim claim) : faults_(faults), claim_(std::move(claim)) {}
+
+  explicit operator bool() const { return claim_ != nullptr; }
+  const FaultOrder& order() const { return Faults::order(claim_); }
+  void hit() {
+    if (!counted_->exchange(true)) faults_.hit(claim_);
+  }
+  std::function<void()> hitLater() {
+    return [&faults = faults_, claim = claim_, counted = counted_] {
+      if (!counted->exchange(true)) faults.hit(claim);
+    };
+  }
+
+  bool isDelayOnly() const {
+    const FaultOrder& o = order();
+    return !answersInstead() && !o.cutRequestAfter && !o.cutResponseAfter && !o.stallAfter && !o.dropAnswer &&
+           o.corrupt == Corruption::none;
+  }
+  bool answersInstead() const { return order().status.has_value() || order().retryAfterSeconds.has_value(); }
+  bool corruptsRequest(RouteStyle style) const {
+    return order().corrupt == Corruption::request ||
+           (order().corrupt == Corruption::content && style == RouteStyle::upload);
+  }
+  bool corruptsResponse(RouteStyle style) const {
+    return order().corrupt == Corruption::response ||
+           (order().corrupt == Corruption::content && style != RouteStyle::upload);
+  }
+
+ private:
+  Faults& faults_;
+  Faults::Claim claim_;
+  std::shared_ptr<std::atomic<bool>> counted_ = std::make_shared<std::atomic<bool>>(false);
+};
+
+Dispatcher::Dispatcher(ServiceState& state) : state_(state) {
+  addAccountRoutes(table_);
+  addFilesReadRoutes(table_);
+  addSignInRoutes(table_, state_);
+  addAuthorizePage(table_, state_);
+  if (state_.options.admin) addAdminRoutes(table_, state_);
+}
+
+void Dispatcher::stop() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  stopping_ = true;
+  stopped_.notify_all();
+}
+
+void Dispatcher::delay(std::int64_t milliseconds) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  stopped_.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return stopping_; });
+}
+
+void Dispatcher::handle(HttpRequest& request, HttpResponse& response) {
+  std::uint64_t logNumber = 0;
+  try {
+    dispatch(request, response, logNumber);
+  } catch (const ApiError& error) {
+    response = error.response();
+  } catch (const BadArgument& error) {
+    response = textResponse(400, error.detail());
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "kzv-service: %s %s: %s\n", request.method.c_str(), request.path.c_str(),
+                 error.what());
+    response = textResponse(500, "Internal error of the service.");
+  }
+  response.headers.emplace_back("X-Dropbox-Request-Id", hexEncode(randomBytes(16)));
+  response.headers.emplace_back("Date", httpDate(state_.clock.now()));
+  if (logNumber != 0) state_.requests.setStatus(logNumber, response.status);
+}
+
+void Dispatcher::dispatch(HttpRequest& request, HttpResponse& response, std::uint64_t& logNumber) {
+  constexpr std::string_view apiPrefix = "/2/";
+  if (request.path.compare(0, apiPrefix.size(), apiPrefix) == 0) {
+    serveApi(urlDecode(request.path.substr(apiPrefix.size()), false), request, response, logNumber);
+    return;
+  }
+  const std::string key = request.method + " " + request.path;
+  if (const auto plain = table_.plain.find(key); plain != table_.plain.end()) {
+    servePlain(request.path.substr(1), plain->second, request, response, logNumber);
+    return;
+  }
+  if (const auto admin = table_.admin.find(key); admin != table_.admin.end()) {
+    serveAdmin(admin->second, request, response);
+    return;
+  }
+  logNumber =
+      state_.requests.begin(request.method, request.path.substr(1), state_.clock.now(), request.transfer);
+  response = textResponse(404, "There is nothing at this address.");
+}
+
+void Dispatcher::serveAdmin(const PlainRoute& route, HttpRequest& request, HttpResponse& response) {
+  if (!request.fromLoopback) throw ApiError(textResponse(403, "Admin routes answer on loopback only."));
+  route(request, response, [](const std::string&) {});
+}
+
+void Dispatcher::servePlain(const std::string& key, const PlainRoute& route, HttpRequest& request,
+                            HttpResponse& response, std::uint64_t& logNumber) {
+  logNumber = state_.requests.begin(request.method, key, state_.clock.now(), request.transfer);
+  withFaults(key, RouteStyle::rpc, request, response, [&] {
+    try {
+      route(request, response, [&](std::string json) { state_.requests.setArg(logNumber, std::move(json)); });
+    } catch (const ApiError& error) {
+      response = error.response();
+    }
+  });
+}
+
+void Dispatcher::serveApi(const std::string& name, HttpRequest& request, HttpResponse& response,
+                          std::uint64_t& logNumber) {
+  logNumber = state_.requests.begin(request.method, name, state_.clock.now(), request.transfer);
+  const auto found = table_.api.find(name);
+  if (found == table_.api.end()) {
+    response = textResponse(400, fmt::format("Unknown API function: \"{}\"", name));
+    return;
+  }
+  try {
+    serveRoute(name, found->second, request, response, logNumber);
+  } catch (const BadArgument& error) {
+    response =
+        textResponse(400, fmt::format("Error in call to API function \"{}\": {}", name, error.detail()));
+  }
+}
+
+std::string Dispatcher::argumentText(const Route& route, HttpRequest& request) {
+  if (route.style == RouteStyle::rpc) {
+    const std::string body = readWholeBody(request, kMaxArgumentBytes);
+    if (body.empty() && route.hasArgument) {
+      if (const auto parameter = urlParameter(request, "arg")) return *parameter;
+    }
+    return body;
+  }
+  if (const auto header = request.header("Dropbox-API-Arg")) {
+    if (state_.options.strict && !isAscii(*header)) {
+      throw BadArgument(
+          "HTTP header \"Dropbox-API-Arg\": must be printable ASCII; escape other characters as \\uXXXX");
+    }
+    return std::string(*header);
+  }
+  if (const auto parameter = urlParameter(request, "arg")) return *parameter;
+  throw BadArgument("Must provide HTTP header \"Dropbox-API-Arg\" or URL parameter \"arg\".");
+}
+
+std::string Dispatcher::accessToken(const Route& route, const HttpRequest& request) {
+  const auto header = request.header("Authorization");
+  const std::string value =
+      header ? std::string(*header) : urlParameter(request, "authorization").value_or("");
+  if (route.auth == RouteAuth::none) {
+    if (value.empty()) return {};
+    throw BadArgument(
+        "This function does not take any authorization; remove the HTTP header \"Authorization\".");
+  }
+  if (value.empty()) {
+    throw BadArgument("Must provide HTTP header \"Authorization\" or URL parameter \"authorization\".");
+  }
+  if (route.auth == RouteAuth::userOrApp && sameHeaderName(value.substr(0, 6), "Basic ")) return {};
+  // The value itself is a secret and stays out of the text.
+  constexpr std::string_view allowed =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~+/=";
+  if (!sameHeaderName(value.substr(0, 7), "Bearer ") || value.size() == 7 ||
+      value.find_first_not_of(allowed, 7) != std::string::npos) {
+    throw BadArgument(
+        "Invalid authorization value in HTTP header \"Authorization\"; expecting \"Bearer TOKEN\".");
+  }
+  return value.substr(7);
+}
+
+void Dispatcher::serveRoute(const std::string& name, const Route& route, HttpRequest& request,
+                            HttpResponse& response, std::uint64_t logNumber) {
+  checkMethod(route, request);
+  checkContentType(route, request);
+  const std::string text = argumentText(route, request);
+  state_.requests.setArg(logNumber, loggedArgument(text));
+  const std::string place =
+      route.style == RouteStyle::rpc ? "request body" : "HTTP header \"Dropbox-API-Arg\"";
+  Call call{state_, request, response, {}, {}, accessToken(route, request)};
+  Endpoint endpoint;
+  if (!route.hasArgument) {
+    if (!text.empty() && !parseJson(text, place).is_null()) {
+      throw BadArgument(place + ": expected null, got value");
+    }
+    endpoint = route.decode(ArgReader(json::object(), false));
+  } else {
+    const json::value argument = parseJson(text, place);
+    try {
+      endpoint = route.decode(ArgReader(argument, state_.options.strict));
+    } catch (const BadArgument& error) {
+      throw BadArgument(place + ": " + error.detail());
+    }
+  }
+  authorize(route, call);
+  applyPathRoot(call);
+  withFaults(name, route.style, request, response, [&] {
+    try {
+      endpoint(call);
+    } catch (const ApiError& error) {
+      response = error.response();
+    }
+  });
+}
+
+void Dispatcher::authorize(const Route& route, Call& call) {
+  if (call.accessToken.empty()) return;
+  const TokenCheck check = state_.tokens.check(call.accessToken);
+  if (check.state == TokenState::invalid) failWithTags(401, {"invalid_access_token"});
+  if (check.state == TokenState::expired) failWithTags(401, {"expired_access_token"});
+  if (!route.scope.empty() && !hasScope(check.scope, route.scope)) {
+    JsonText body;
+    body.beginObject().field("error_summary", errorSummary({"missing_scope"})).key("error").beginObject();
+    body.field(".tag", "missing_scope").field("required_scope", route.scope).endObject().endObject();
+    throw ApiError(jsonResponse(401, body.take()));
+  }
+  call.account = state_.accounts.byId(check.account);
+  if (!call.account) failWithTags(401, {"invalid_access_token"});
+  call.root = {call.account->tree, call.account->homeNamespace, call.account->home};
+}
+
+namespace {
+
+[[noreturn]] void failInvalidRoot(const Account& account) {
+  JsonText body;
+  body.beginObject().field("error_summary", errorSummary({"invalid_root"})).key("error").beginObject();
+  body.field(".tag", "invalid_root").key("invalid_root").beginObject();
+  body.field(".tag", account.home.isRoot() ? "user" : "team");
+  body.field("root_namespace_id", std::to_string(account.rootNamespace));
+  body.field("home_namespace_id", std::to_string(account.homeNamespace));
+  if (!account.home.isRoot()) body.field("home_path", account.home.display);
+  body.endObject().endObject().endObject();
+  throw ApiError(jsonResponse(422, body.take()));
+}
+
+}  // namespace
+
+void Dispatcher::applyPathRoot(Call& call) {
+  const auto header = call.request.header("Dropbox-API-Path-Root");
+  if (!header || !call.account) return;
+  const std::string place = "HTTP header \"Dropbox-API-Path-Root\"";
+  const json::value parsed = parseJson(*header, place);
+  const Account& account = *call.account;
+  std::string tag;
+  std::string wanted;
+  try {
+    const ArgReader reader(parsed, false);
+    tag = reader.requiredString(".tag");
+    if (tag == "root" || tag == "namespace_id") wanted = reader.requiredString(tag);
+  } catch (const BadArgument& error) {
+    throw BadArgument(place + ": " + error.detail());
+  }
+  if (tag == "home") return;
+  const PathRoot shared{account.tree, account.rootNamespace, {}};
+  if (tag == "root") {
+    if (wanted != std::to_string(account.rootNamespace)) failInvalidRoot(account);
+    call.root = shared;
+  } else if (tag == "namespace_id") {
+    if (wanted == std::to_string(account.homeNamespace)) return;
+    if (wanted != std::to_string(account.rootNamespace)) failWithTags(422, {"no_permission"});
+    call.root = shared;
+  } else {
+    throw BadArgument(place + ": invalid tag '" + tag + "'");
+  }
+}
+
+void Dispatcher::withFaults(const std::string& name, RouteStyle style, HttpRequest& request,
+                            HttpResponse& response, const std::function<void()>& work) {
+  FaultRun run(state_.faults, state_.faults.claim(name));
+  if (!run) {
+    work();
+    return;
+  }
+  const FaultOrder& order = run.order();
+  if (run.isDelayOnly()) run.hit();
+  delay(order.delayMs);
+
+  // The body of a call in rpc style is here already; other bodies are watched while the endpoint reads them.
+  bool cut = order.cutRequestAfter && request.transfer->bytesIn >= *order.cutRequestAfter;
+  const auto readOn = request.readBody;
+  bool flipped = false;
+  if (!cut && style == RouteStyle::upload) {
+    request.readBody = [&](const std::function<bool(std::string_view)>& sink) {
+      return readOn([&](std::string_view bytes) {
+        if (order.cutRequestAfter && request.transfer->bytesIn >= *order.cutRequestAfter) {
+          cut = true;
+          return false;
+        }
+        if (flipped || !run.corruptsRequest(style)) return sink(bytes);
+        flipped = true;
+        run.hit();
+        std::string spoilt(bytes);
+        spoilt[spoilt.size() / 2] ^= 0x01;
+        return sink(spoilt);
+      });
+    };
+  }
+  if (!cut && run.answersInstead()) {
+    run.hit();
+    response = faultResponse(order);
+  } else if (!cut) {
+    work();
+  }
+  request.readBody = readOn;
+
+  AnswerFault fault;
+  fault.happened = run.hitLater();
+  fault.dropAnswer = order.dropAnswer || cut;
+  fault.resetAfter = order.cutResponseAfter;
+  fault.stallAfter = order.stallAfter;
+  const std::uint64_t size = response.stream ? response.stream->sizeBytes : response.body.size();
+  if (run.corruptsResponse(style) && size > 0) fault.flipAt = size / 2;
+  if (fault.dropAnswer || fault.resetAfter || fault.stallAfter || fault.flipAt)
+    response.fault = std::move(fault);
+}
+
+}  // namespace kzv::service
