@@ -1,4 +1,5 @@
 #pragma once
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,6 +41,31 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   /// object (access_token, refresh_token, expires_in). Ends with restClientLoadedAccessToken or
   /// loadAccessTokenFailedWithError.
   void adoptAccessToken(const std::string& token);
+  // Transfers: bodies are streamed from and to disk by the network thread, so memory stays flat. `loadFile`
+  // writes beside the target, checks the service's content hash, syncs and renames: a file is there whole or
+  // not at all.
+  void loadFile(const std::string& path, const std::string& intoPath);
+  /// @param size  one of the names "xs", "s", "m", "l", "xl".
+  void loadThumbnail(const std::string& path, const std::string& size, const std::string& intoPath);
+  /// Below 150 MiB. With a revision: replaces it if it is still the newest, else is stored beside it;
+  /// without: never replaces.
+  void uploadFile(const std::string& filename, const std::string& toPath,
+                  const std::optional<std::string>& withParentRev, const std::string& fromPath);
+  /// The next chunk of an upload session; without an upload id the first.
+  void uploadFileChunk(const std::optional<std::string>& uploadId, std::uint64_t offset,
+                       const std::string& fromPath);
+  void uploadFileFromUploadId(const std::string& filename, const std::string& toPath,
+                              const std::optional<std::string>& withParentRev,
+                              const std::string& fromUploadId);
+  /// How much uploadFileChunk sends at most.
+  static std::uint64_t uploadChunkSizeBytes();
+
+  void createFolder(const std::string& path);
+  void deletePath(const std::string& path);
+  /// `toPath` is the full new path.
+  void moveFrom(const std::string& path, const std::string& toPath);
+  void loadSharableLinkForFile(const std::string& path, bool shortUrl);
+
   /// Ends every request under way; none of their callbacks arrives after this has returned. REQUIRES the
   /// thread of the callbacks.
   void cancelAllRequests();

@@ -34,4 +34,47 @@ class DBRestClientDelegate {
   /// An access token was exchanged or adopted; the account is among the session's userIds.
   virtual void restClientLoadedAccessToken(DBRestClient& /*client*/, const std::string& /*userId*/) {}
   virtual void loadAccessTokenFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
+
+  // Transfers. Fractions go from 0 to 1; progress comes before the end, never after it. A progress callback
+  // may cancel the client's requests.
+  virtual void loadedFile(DBRestClient& /*client*/, const std::string& /*localPath*/) {}
+  virtual void loadFileFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
+  virtual void loadProgress(DBRestClient& /*client*/, double /*fraction*/, const std::string& /*localPath*/) {
+  }
+  virtual void loadedThumbnail(DBRestClient& /*client*/, const std::string& /*localPath*/,
+                               const MetadataRef& /*metadata*/) {}
+  virtual void loadThumbnailFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
+  /// The record's path differs from the one asked for when the file was stored beside another version.
+  virtual void uploadedFile(DBRestClient& /*client*/, const std::string& /*destinationPath*/,
+                            const std::string& /*localPath*/, const MetadataRef& /*metadata*/) {}
+  virtual void uploadFileFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
+  virtual void uploadProgress(DBRestClient& /*client*/, double /*fraction*/,
+                              const std::string& /*destinationPath*/, const std::string& /*localPath*/) {}
+  /// `newOffset`: bytes of the file that the service holds now; the next chunk begins there.
+  virtual void uploadedFileChunk(DBRestClient& /*client*/, const std::string& /*uploadId*/,
+                                 std::uint64_t /*newOffset*/, const std::string& /*localPath*/,
+                                 NSDate::Time /*expires*/) {}
+  /// The error's user info carries DBErrorUploadIdKey and DBErrorOffsetKey whenever the upload can go on from
+  /// there.
+  virtual void uploadFileChunkFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
+  /// `fraction` is of the chunk that begins at `offset` bytes.
+  virtual void uploadFileChunkProgress(DBRestClient& /*client*/, double /*fraction*/,
+                                       const std::string& /*uploadId*/, std::uint64_t /*offset*/,
+                                       const std::string& /*localPath*/) {}
+  virtual void uploadedFileFromUploadId(DBRestClient& /*client*/, const std::string& /*destinationPath*/,
+                                        const std::string& /*uploadId*/, const MetadataRef& /*metadata*/) {}
+  virtual void uploadFromUploadIdFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
+
+  // Tree changes and links.
+  virtual void createdFolder(DBRestClient& /*client*/, const MetadataRef& /*metadata*/) {}
+  virtual void createFolderFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
+  virtual void deletedPath(DBRestClient& /*client*/, const std::string& /*path*/) {}
+  virtual void deletePathFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
+  /// `metadata` is the record at the new place.
+  virtual void movedPath(DBRestClient& /*client*/, const std::string& /*fromPath*/,
+                         const MetadataRef& /*metadata*/) {}
+  virtual void movePathFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
+  virtual void loadedSharableLink(DBRestClient& /*client*/, const std::string& /*link*/,
+                                  const std::string& /*path*/) {}
+  virtual void loadSharableLinkFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
 };
