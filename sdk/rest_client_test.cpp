@@ -1,0 +1,425 @@
+#include <atomic>
+
+#include <gtest/gtest.h>
+
+#include "foundation/NSNumber.h"
+#include "foundation/NSString.h"
+#include "sdk/DBError.h"
+#include "sdk/NetworkThread.h"
+#include "sdk/testing/ClientFixture.h"
+
+namespace {
+
+using Notes = std::vector<std::string>;
+constexpr const char* metadataRoute = "/2/files/get_metadata";
+constexpr const char* listRoute = "/2/files/list_folder";
+constexpr const char* continueRoute = "/2/files/list_folder/continue";
+constexpr const char* tokenRoute = "/oauth2/token";
+
+class RestClient : public ClientFixture {
+ protected:
+  static std::string childrenOf(const DBMetadata& folder) {
+    std::string text;
+    for (const auto& child : *folder.contents()) text += child->path() + " ";
+    return text;
+  }
+};
+
+TEST_F(RestClient, FolderTakesItsOwnCaseFromItsRecordAndItsChildrensFromTheFolder) {
+  serve([](const ScriptedRequest& request) {
+    if (request.route == metadataRoute) return jsonReply(folderJson("/x/DOCS"));
+    if (request.route == continueRoute) return jsonReply(pageJson(fileJson("/X/docs/a.txt"), "c2"));
+    return jsonReply(pageJson(folderJson("/x/docs/Zoo") + "," + fileJson("/x/docs/B.txt"), "c1", true));
+  });
+  ASSERT_EQ(outcomeOf("/X/Docs/"), "metadata /X/DOCS");
+  EXPECT_EQ(childrenOf(*delegate.lastMetadata()), "/X/DOCS/a.txt /X/DOCS/B.txt /X/DOCS/Zoo ");
+  EXPECT_FALSE(delegate.lastMetadata()->contentsHash().empty());
+  for (const ScriptedRequest& request : server->requests()) {
+    EXPECT_EQ(request.headers.at("authorization"), "Bearer token-1");
+    EXPECT_EQ(request.headers.at("content-type"), "application/json");
+  }
+}
+
+TEST_F(RestClient, RootIsListedWithoutARecordOfItsOwn) {
+  serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
+  ASSERT_EQ(outcomeOf("/"), "metadata /");
+  EXPECT_TRUE(delegate.lastMetadata()->isDirectory());
+  ASSERT_TRUE(delegate.lastMetadata()->contents());
+  EXPECT_TRUE(delegate.lastMetadata()->contents()->empty());
+  EXPECT_EQ(server->count(metadataRoute), 0);
+}
+
+TEST_F(RestClient, ListingChangedMeanwhileShowsEachItemOnceAndNoDeletedOnes) {
+  serve([](const ScriptedRequest& request) {
+    if (request.route != continueRoute) {
+      return jsonReply(pageJson(fileJson("/a", "111111111") + "," + fileJson("/b"), "c", true));
+    }
+    return jsonReply(pageJson(fileJson("/a", "222222222") +
+                              R"(,{".tag":"deleted","name":"b","path_lower":"/b","path_display":"/b"})"));
+  });
+  ASSERT_EQ(outcomeOf("/"), "metadata /");
+  ASSERT_EQ(childrenOf(*delegate.lastMetadata()), "/a ");
+  EXPECT_EQ(delegate.lastMetadata()->contents()->front()->rev(), "222222222");
+}
+
+TEST_F(RestClient, WhatThePathHoldsDecidesTheOutcome) {
+  struct Case {
+    const char* name;
+    ScriptedReply record, listing;
+    const char* outcome;
+  };
+  const Case cases[] = {
+      {"file", jsonReply(fileJson("/q")), errorReply(409, {"path", "not_folder"}), "metadata /q"},
+      {"deleted", jsonReply(R"({".tag":"deleted","name":"q","path_lower":"/q","path_display":"/q"})"),
+       errorReply(409, {"path", "not_found"}), "metadata /q"},
+      {"never existed", errorReply(409, {"path", "not_found"}), errorReply(409, {"path", "not_found"}),
+       "error 404"},
+      {"deleted between the two requests", jsonReply(folderJson("/q")),
+       errorReply(409, {"path", "not_found"}), "error 404"},
+      {"record is no JSON", jsonReply("<html>"), jsonReply(pageJson("")), "error 101"},
+      {"record is an array", jsonReply("[]"), jsonReply(pageJson("")), "error 101"},
+      {"name leads elsewhere",
+       jsonReply(R"({".tag":"file","name":"../../etc","path_lower":"/q","rev":"111111111","size":1})"),
+       jsonReply(pageJson("")), "error 101"},
+      {"size is no number",
+       jsonReply(R"({".tag":"file","name":"q","path_lower":"/q","rev":"111111111","size":"1"})"),
+       jsonReply(pageJson("")), "error 101"},
+      {"page without a cursor", jsonReply(folderJson("/q")), jsonReply(R"({"entries":[],"has_more":false})"),
+       "error 101"},
+      {"page with a broken entry", jsonReply(folderJson("/q")), jsonReply(pageJson("7")), "error 101"},
+      {"half a JSON text", jsonReply(folderJson("/q")), jsonReply(R"({"entries":[{)"), "error 101"},
+  };
+  const Case* current = nullptr;
+  std::mutex mutex;
+  serve([&](const ScriptedRequest& request) {
+    const std::lock_guard lock(mutex);
+    return request.route == metadataRoute ? current->record : current->listing;
+  });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    {
+      const std::lock_guard lock(mutex);
+      current = &c;
+    }
+    EXPECT_EQ(outcomeOf("/q"), c.outcome);
+  }
+}
+
+TEST_F(RestClient, ErrorSaysWhatFailedWhereAndWhy) {
+  serve([](const ScriptedRequest&) { return errorReply(409, {"path", "not_found"}); });
+  ASSERT_EQ(outcomeOf("/Docs/gone"), "error 404");
+  const NSErrorRef error = delegate.lastError();
+  EXPECT_EQ(error->domain(), DBErrorDomain);
+  EXPECT_EQ(error->localizedDescription(), "Could not load \"/Docs/gone\": there is nothing at this path.");
+  EXPECT_EQ(*textOf(error->detail(DBErrorPathKey)), "/Docs/gone");
+  EXPECT_EQ(*textOf(error->detail(DBErrorSummaryKey)), "path/not_found/..");
+  EXPECT_EQ(*textOf(error->detail(DBErrorRequestIdKey)), "scripted");
+  EXPECT_EQ(as<NSNumber>(error->detail(DBErrorHttpStatusKey))->int64Value(), 409);
+}
+
+TEST_F(RestClient, UnacceptablePathsFailWithoutARequest) {
+  serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
+  const std::string paths[] = {"", "docs", "id:abc", "/a\xff", std::string("/a\0b", 4)};
+  for (const std::string& path : paths) EXPECT_EQ(outcomeOf(path), "error 400") << path;
+  EXPECT_TRUE(server->requests().empty());
+}
+
+// Each row's trouble happens to the first requests of a listing; afterwards the server is well.
+TEST_F(RestClient, PassingTroubleIsSurvivedAndLastingTroubleIsReported) {
+  ScriptedReply cut{.cutBeforeAnswer = true};
+  ScriptedReply truncated = jsonReply(pageJson(fileJson("/a")));
+  truncated.cutAfter = 20;
+  ScriptedReply told = jsonReply(R"({"error":{"reason":{".tag":"too_many_requests"},"retry_after":0}})", 429);
+  told.headers.emplace_back("Retry-After: 0");
+  ScriptedReply toldTooLong{503, "", {"Retry-After: 301"}};
+  struct Case {
+    const char* name;
+    ScriptedReply trouble;
+    int times;
+    const char* outcome;
+    int requests;
+  };
+  const Case cases[] = {
+      {"one 500", {500, "<html>"}, 1, "metadata /", 2},
+      {"two cut connections", cut, 2, "metadata /", 3},
+      {"one truncated answer", truncated, 1, "metadata /", 2},
+      {"four waits as told", told, 4, "metadata /", 5},
+      {"always told to wait", told, 99, "error 503", 5},
+      {"told to wait for too long", toldTooLong, 99, "error 503", 1},
+      {"always 502", {502, ""}, 99, "error 502", 3},
+      {"always cut", cut, 99, "error -52", 3},
+      {"400 is never repeated", {400, "Error in call to API function"}, 99, "error 400", 1},
+  };
+  std::atomic<int> troubles{0};
+  const Case* current = nullptr;
+  std::mutex mutex;
+  serve([&](const ScriptedRequest&) {
+    const std::lock_guard lock(mutex);
+    return troubles++ < current->times ? current->trouble : jsonReply(pageJson(""));
+  });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    {
+      const std::lock_guard lock(mutex);
+      current = &c;
+      troubles = 0;
+    }
+    const int before = server->count(listRoute);
+    EXPECT_EQ(outcomeOf("/"), c.outcome);
+    // libcurl itself sends again what it sent on a kept connection that turns out to be dead.
+    EXPECT_GE(server->count(listRoute) - before, c.requests);
+    EXPECT_LE(server->count(listRoute) - before, c.requests + 1);
+  }
+}
+
+TEST_F(RestClient, LostCursorStartsTheListingAgainOnce) {
+  std::atomic<bool> lost{false};
+  serve([&](const ScriptedRequest& request) {
+    if (request.route != continueRoute) return jsonReply(pageJson(fileJson("/a"), "c", true));
+    return lost.exchange(true) ? jsonReply(pageJson(fileJson("/b"))) : errorReply(409, {"reset"});
+  });
+  ASSERT_EQ(outcomeOf("/"), "metadata /");
+  EXPECT_EQ(childrenOf(*delegate.lastMetadata()), "/a /b ");
+  EXPECT_EQ(server->count(listRoute), 2);
+}
+
+TEST_F(RestClient, SilentServerBecomesAnError) {
+  NetworkThread::setTimeouts(std::chrono::seconds(30), std::chrono::seconds(1));
+  serve([](const ScriptedRequest&) { return ScriptedReply{.stall = true}; });
+  EXPECT_EQ(outcomeOf("/"), "error -28");
+  NetworkThread::setTimeouts(std::chrono::seconds(30), std::chrono::seconds(60));
+}
+
+TEST_F(RestClient, ExpiredTokenIsRenewedOnceForAllWhoNeedIt) {
+  constexpr int clients = 8;
+  std::atomic<int> refused{0};
+  serve([&](const ScriptedRequest& request) {
+    if (request.route == tokenRoute) {
+      return jsonReply(R"({"access_token":"token-2","token_type":"bearer","expires_in":14400})");
+    }
+    if (request.headers.at("authorization") != "Bearer token-2") {
+      ++refused;
+      return errorReply(401, {"expired_access_token"});
+    }
+    return jsonReply(pageJson(""));
+  });
+  std::vector<std::shared_ptr<DBRestClient>> many;
+  callbacks.run([&] {
+    for (int i = 0; i < clients; ++i) many.push_back(makeClient());
+    for (const auto& each : many) each->loadMetadata("/");
+  });
+  EXPECT_EQ(delegate.wait(clients), Notes(clients, "metadata /"));
+  EXPECT_GE(refused, 1);
+  EXPECT_EQ(server->count(tokenRoute), 1);
+  const auto requests = server->requests();
+  const auto refresh = std::find_if(requests.begin(), requests.end(),
+                                    [](const auto& request) { return request.route == tokenRoute; });
+  EXPECT_EQ(refresh->body, "grant_type=refresh_token&refresh_token=refresh-1&client_id=key");
+  session->waitForBackgroundWork(20);
+  EXPECT_EQ(DBSession("key", "", kDBRootDropbox).userIds(), Notes{userId});
+  callbacks.run([&] { many.clear(); });
+}
+
+TEST_F(RestClient, TokenThatEndsSoonIsRenewedBeforeItIsUsed) {
+  serve([](const ScriptedRequest& request) {
+    if (request.route == tokenRoute) return jsonReply(R"({"access_token":"token-2","expires_in":14400})");
+    return request.headers.at("authorization") == "Bearer token-2" ? jsonReply(pageJson(""))
+                                                                   : errorReply(401, {"user_suspended"});
+  });
+  link({userId, "token-1", "refresh-1", ::time(nullptr) + 200});
+  EXPECT_EQ(outcomeOf("/"), "metadata /");
+  EXPECT_EQ(outcomeOf("/"), "metadata /");
+  EXPECT_EQ(server->count(tokenRoute), 1);
+}
+
+TEST_F(RestClient, WithdrawnAuthorizationIsReportedOncePerLinkingAndAfterTheFailure) {
+  struct Case {
+    const char* name;
+    ScriptedReply refusal, renewal;
+    Notes notes;
+  };
+  const Case cases[] = {
+      {"token withdrawn",
+       errorReply(401, {"invalid_access_token"}),
+       {},
+       {"error 401", "authorization failure u1", "error 401"}},
+      {"renewal withdrawn",
+       errorReply(401, {"expired_access_token"}),
+       jsonReply(R"({"error":"invalid_grant","error_description":"x"})", 400),
+       {"error 401", "authorization failure u1", "error 401"}},
+      {"renewal impossible now",
+       errorReply(401, {"expired_access_token"}),
+       jsonReply("{}", 400),
+       {"error 400", "error 400"}},
+      {"renewed and still refused",
+       errorReply(401, {"expired_access_token"}),
+       jsonReply(R"({"access_token":"token-2","expires_in":14400})"),
+       {"error 401", "error 401"}},
+      {"scope missing", errorReply(401, {"missing_scope"}), {}, {"error 401", "error 401"}},
+      {"account suspended", errorReply(401, {"user_suspended"}), {}, {"error 401", "error 401"}},
+  };
+  const Case* current = nullptr;
+  std::mutex mutex;
+  serve([&](const ScriptedRequest& request) {
+    const std::lock_guard lock(mutex);
+    return request.route == tokenRoute ? current->renewal : current->refusal;
+  });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    {
+      const std::lock_guard lock(mutex);
+      current = &c;
+    }
+    link({userId, "token-1", "refresh-1", 0});  // a new linking may fail anew
+    const std::size_t before = delegate.notes().size();
+    loadMetadata("/");
+    delegate.wait(before + c.notes.size() - 1);
+    loadMetadata("/");
+    const auto all = delegate.wait(before + c.notes.size());
+    EXPECT_EQ(Notes(all.begin() + static_cast<long>(before), all.end()), c.notes);
+    EXPECT_TRUE(
+        session->hasUserId(userId));  // what becomes of the account is the session delegate's business
+  }
+}
+
+TEST_F(RestClient, AccountThatIsNotLinkedCostsNoRequest) {
+  serve([](const ScriptedRequest&) { return jsonReply("null"); });
+  session->unlinkUserId(userId);
+  session->waitForBackgroundWork(20);
+  EXPECT_EQ(server->count("/2/auth/token/revoke"), 1);
+  EXPECT_EQ(server->requests().back().headers.at("authorization"), "Bearer token-1");
+  EXPECT_EQ(outcomeOf("/"), "error 102");
+  EXPECT_EQ(server->requests().size(), 1U);
+  EXPECT_TRUE(DBSession("key", "", kDBRootDropbox).userIds().empty());
+}
+
+TEST_F(RestClient, CancelledRequestsEndAtOnceAndCallNobody) {
+  struct Case {
+    const char* name;
+    ScriptedReply reply;
+  };
+  const Case cases[] = {{"answer under way", {.stall = true}},
+                        {"waiting as told", {429, "", {"Retry-After: 30"}}}};
+  const Case* current = nullptr;
+  std::mutex mutex;
+  serve([&](const ScriptedRequest&) {
+    const std::lock_guard lock(mutex);
+    return current->reply;
+  });
+  int expected = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    {
+      const std::lock_guard lock(mutex);
+      current = &c;
+    }
+    loadMetadata("/");
+    ASSERT_TRUE(server->waitForRequests(listRoute, ++expected));
+    callbacks.run([&] { client->cancelAllRequests(); });
+    if (c.reply.stall) {
+      EXPECT_TRUE(server->waitForDisconnect(std::chrono::seconds(1)));
+    }
+  }
+  callbacks.run([] {});
+  EXPECT_TRUE(delegate.notes().empty());
+}
+
+TEST_F(RestClient, NoCallbackArrivesAfterCancelEvenWhenTheAnswerIsThere) {
+  serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
+  for (int round = 0; round < 200; ++round) {
+    callbacks.run([&] {
+      client->loadMetadata("/");
+      // The callbacks' thread is busy until the answer must be waiting in its queue.
+      const int wanted = round + 1;
+      if (!server->waitForRequests(listRoute, wanted)) ADD_FAILURE() << "no request";
+      client->cancelAllRequests();
+    });
+  }
+  callbacks.run([] {});
+  EXPECT_EQ(delegate.notes(), Notes());
+}
+
+TEST_F(RestClient, DestroyingAClientOnAnotherThreadEndsItsRequests) {
+  serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
+  for (int round = 0; round < 100; ++round) {
+    auto other = makeClient();
+    callbacks.run([&] { other->loadMetadata("/"); });
+    other.reset();
+  }
+  callbacks.run([] {});
+  SUCCEED();  // a callback into the destroyed client would be a report of the sanitizers
+}
+
+TEST_F(RestClient, DeltaBeginsWithTheNewestCursorAndStartsAgainWhenItIsLost) {
+  serve([](const ScriptedRequest& request) {
+    if (request.route == "/2/files/list_folder/get_latest_cursor") return jsonReply(R"({"cursor":"new"})");
+    if (request.body.find("lost") != std::string::npos) return errorReply(409, {"reset"});
+    return jsonReply(pageJson(fileJson("/Docs/A.txt") + "," + folderJson("/Docs") +
+                                  R"(,{".tag":"deleted","name":"b","path_lower":"/b","path_display":"/B"},)"
+                                  R"({".tag":"hologram","name":"h","path_lower":"/h"})",
+                              "c2", true));
+  });
+  callbacks.run([&] { client->loadDelta(std::nullopt); });
+  delegate.wait(1);
+  callbacks.run([&] { client->loadDelta("c1"); });
+  delegate.wait(2);
+  callbacks.run([&] { client->loadDelta("lost"); });
+  EXPECT_EQ(delegate.wait(3),
+            (Notes{"delta reset new", "delta +/docs/a.txt=/Docs/A.txt +/docs=/Docs -/b more c2",
+                   "delta reset new"}));
+}
+
+TEST_F(RestClient, AccountInformationNamesTheRightLimit) {
+  struct Case {
+    const char* name;
+    const char* usage;
+    const char* outcome;
+  };
+  const Case cases[] = {
+      {"individual", R"({"used":70,"allocation":{".tag":"individual","allocated":20}})",
+       "account u1 Sam  70/20"},
+      {"team",
+       R"({"used":7,"allocation":{".tag":"team","used":80,"allocated":90,"user_within_team_space_allocated":0}})",
+       "account u1 Sam  80/90"},
+      {"own limit in a team",
+       R"({"used":7,"allocation":{".tag":"team","used":80,"allocated":90,"user_within_team_space_allocated":30,"user_within_team_space_used_cached":6}})",
+       "account u1 Sam  6/30"},
+      {"unknown allocation", R"({"used":7,"allocation":{".tag":"moon"}})", "account u1 Sam  7/0"},
+      {"no allocation", R"({"used":7})", "error 101"},
+  };
+  std::atomic<const Case*> current{nullptr};
+  serve([&](const ScriptedRequest& request) {
+    if (request.route == "/2/users/get_space_usage") return jsonReply(current.load()->usage);
+    return jsonReply(R"({"account_id":"u1","name":{"display_name":"Sam"}})");
+  });
+  std::size_t done = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    current = &c;
+    callbacks.run([&] { client->loadAccountInfo(); });
+    EXPECT_EQ(delegate.wait(++done).back(), c.outcome);
+  }
+  for (const ScriptedRequest& request : server->requests()) {
+    EXPECT_EQ(request.headers.count("content-type"), 0U) << "a route without an argument takes no form";
+  }
+}
+
+TEST_F(RestClient, AdoptedTokenLinksTheAccountItBelongsTo) {
+  serve([](const ScriptedRequest& request) {
+    if (request.headers.at("authorization") == "Bearer good") return jsonReply(R"({"account_id":"u2"})");
+    return errorReply(401, {"invalid_access_token"});
+  });
+  const auto adopt = [&](const std::string& token) {
+    const std::size_t before = delegate.notes().size();
+    callbacks.run([&] { client->adoptAccessToken(token); });
+    return delegate.wait(before + 1).back();
+  };
+  EXPECT_EQ(adopt(" good\n"), "linked u2");
+  EXPECT_EQ(adopt(R"({"access_token":"good","refresh_token":"r","expires_in":14400})"), "linked u2");
+  EXPECT_EQ(adopt("bad"), "error 401");
+  EXPECT_EQ(adopt("two\r\nlines"), "error 400");
+  EXPECT_EQ(adopt("{\"access_token\":"), "error 400");
+  EXPECT_EQ(session->userIds(), (Notes{"u1", "u2"}));
+}
+
+}  // namespace
