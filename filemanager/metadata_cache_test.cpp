@@ -83,12 +83,12 @@ TEST_F(MetadataCacheTest, AnAnswerOvertakenByAChangeIsNotKept) {
   };
   const Case cases[] = {
       {"nothing happened", "/a", [](MetadataCache&) {}, true},
-      {"its own record dropped", "/a", [](MetadataCache& cache) { cache.remove("/a"); }, false},
-      {"another record dropped", "/a", [](MetadataCache& cache) { cache.remove("/ab"); }, true},
-      {"a folder above it dropped", "/a/b", [](MetadataCache& cache) { cache.removeSubtree("/a"); }, false},
-      {"a namesake's subtree dropped", "/ab", [](MetadataCache& cache) { cache.removeSubtree("/a"); }, true},
-      {"all dropped", "/x", [](MetadataCache& cache) { cache.removeAll(); }, false},
-      {"a record never seen, dropped", "/new", [](MetadataCache& cache) { cache.remove("/new"); }, false},
+      {"its own record dropped", "/a", [](MetadataCache& c) { c.remove("/a"); }, false},
+      {"another record dropped", "/a", [](MetadataCache& c) { c.remove("/ab"); }, true},
+      {"a folder above it dropped", "/a/b", [](MetadataCache& c) { c.removeSubtree("/a"); }, false},
+      {"a namesake's subtree dropped", "/ab", [](MetadataCache& c) { c.removeSubtree("/a"); }, true},
+      {"all dropped", "/x", [](MetadataCache& c) { c.removeAll(); }, false},
+      {"a record never seen, dropped", "/new", [](MetadataCache& c) { c.remove("/new"); }, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

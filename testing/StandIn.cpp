@@ -19,9 +19,11 @@ json::value parsed(const std::string& route, const HttpClient::Answer& answer) {
 }  // namespace
 
 StandIn::StandIn(const std::vector<std::string>& arguments) {
-  std::vector<std::string> words{KZV_SERVICE_PROGRAM, "--admin",
-                                 "--account",         "Ada:ada@example.com:ada-token",
-                                 "--account",         "Bob:bob@example.com:bob-token"};
+  std::vector<std::string> words{KZV_SERVICE_PROGRAM, "--admin"};
+  for (const char* account :
+       {"Ada:ada@example.com:ada-token", "Bob:bob@example.com:bob-token", "Cid:cid@example.com:cid-token"}) {
+    words.insert(words.end(), {"--account", account});
+  }
   words.insert(words.end(), arguments.begin(), arguments.end());
   process_ = std::make_unique<ChildProcess>(words);
   const std::string line = process_->readLine(30s).value_or("");

@@ -12,7 +12,7 @@
 /// and throws when the stand-in does not answer as it should. One thread at a time.
 class StandIn {
  public:
-  /// Accounts "Ada" (token "ada-token") and "Bob" (token "bob-token"), empty, unless `arguments` says more.
+  /// Accounts "Ada" (token "ada-token"), "Bob" and "Cid", all empty, unless `arguments` says more.
   explicit StandIn(const std::vector<std::string>& arguments = {});
   ~StandIn();
 

@@ -37,13 +37,17 @@ void PluginTest::settle(KZVDropboxFS& plugin) {
   bounded([&] { return plugin.contentAtPath("/", false, true, nullptr).has_value(); });
 }
 
+std::map<std::string, std::int64_t> PluginTest::treeOf(const FSItems& items) {
+  std::map<std::string, std::int64_t> tree;
+  for (const auto& item : items) {
+    tree[item->isDirectory() ? item->path() + "/" : item->path()] = static_cast<std::int64_t>(item->size());
+  }
+  return tree;
+}
+
 std::map<std::string, std::int64_t> PluginTest::listedTree(KZVDropboxFS& plugin, const std::string& path) {
   NSErrorRef error;
   const auto items = bounded([&] { return plugin.contentAtPath(path, true, true, &error); });
   EXPECT_TRUE(items) << (error ? error->description() : "no error");
-  std::map<std::string, std::int64_t> tree;
-  for (const auto& item : items.value_or(FSItems())) {
-    tree[item->isDirectory() ? item->path() + "/" : item->path()] = static_cast<std::int64_t>(item->size());
-  }
-  return tree;
+  return treeOf(items.value_or(FSItems()));
 }

@@ -27,7 +27,9 @@ class PluginTest : public testing::Test {
   std::shared_ptr<KZVDropboxFS> open(const std::string& token);
   /// Waits until the first cursor of `plugin` has come, by listing its root.
   void settle(KZVDropboxFS& plugin);
-  /// The tree as the plug-in lists it, in StandIn::tree's form; fails the test when the listing fails.
+  /// A recursive listing in StandIn::tree's form.
+  static std::map<std::string, std::int64_t> treeOf(const FSItems& items);
+  /// The tree as the plug-in lists it; fails the test when the listing fails.
   std::map<std::string, std::int64_t> listedTree(KZVDropboxFS& plugin, const std::string& path = "/");
 
   /// Runs `call` on a thread of its own; a call that does not come back ends the test program, not the

@@ -54,7 +54,8 @@ TEST_F(BrowseTest, SecondListingAsksTheServiceNothing) {
   standIn.forgetRequests();
   EXPECT_EQ(listedTree(*ada), first);
   for (const auto& [path, size] : first) {
-    if (!path.ends_with('/')) EXPECT_NE(ada->attributesAtPath(path, nullptr), nullptr) << path;
+    if (path.ends_with('/')) continue;
+    EXPECT_NE(ada->attributesAtPath(path, nullptr), nullptr) << path;
   }
   EXPECT_EQ(standIn.requests(), (std::map<std::string, int>()));
 }
@@ -80,7 +81,7 @@ TEST_F(BrowseTest, AttributesSayKindSizeAndDate) {
       {"/", "NSFileTypeDirectory", 0, false},
       {"/Docs", "NSFileTypeDirectory", 0, false},
       {"/DOCS/report.TXT", "NSFileTypeRegular", 5, true},
-      {"/Docs/Report.txt/..", "NSFileTypeDirectory", 0, false},
+      {"/Docs/../..", "NSFileTypeDirectory", 0, false},
       {"/Docs/..", "NSFileTypeDirectory", 0, false},
       {"/Docs/none", nullptr, 0, false},
       {"/Docs/Report.txt/x", nullptr, 0, false},

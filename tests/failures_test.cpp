@@ -47,7 +47,7 @@ TEST_F(FailuresTest, ARevokedTokenUnlinksTheAccountAndSaysSo) {
   standIn.settings({{"revoke", "ada-token"}});
   auto fresh = std::make_shared<KZVDropboxFS>(nullptr, ada->options());
   NSErrorRef error;
-  EXPECT_FALSE(bounded([&] { return fresh->contentAtPath("/", false, true, &error); }));
+  EXPECT_EQ(bounded([&] { return fresh->attributesAtPath("/", &error); }), nullptr);
   ASSERT_NE(error, nullptr);
   EXPECT_EQ(error->code(), 401);
   // The session hears of it after the caller does; a later request finds the account gone and says nothing.

@@ -42,7 +42,6 @@ TEST_F(StressTest, ListingAndReadingWhileEverythingChanges) {
   KZVDropboxReachability().set(monitor);
   standIn.makeTree("/tree", 10, 20);
   const auto bob = open("bob-token");
-  const std::string bobId = *bob->userId();
 
   std::atomic<bool> isOver = false;
   std::atomic<int> calls = 0;
@@ -65,7 +64,7 @@ TEST_F(StressTest, ListingAndReadingWhileEverythingChanges) {
     standIn.write("/tree/changed.txt", std::string(static_cast<std::size_t>(round), 'x'));
     network->flip();
     if (round == 5) bob->eject();
-    if (round == 10) open("bob-token");
+    if (round == 10) open("cid-token");
     if (round == 15) standIn.settings({{"reset_cursors", true}});
   }
   while (calls < 64) std::this_thread::yield();
