@@ -24,9 +24,9 @@ class CredentialStore {
   virtual bool remove(const std::string& userId, NSErrorRef* error) = 0;
 };
 
-/// A JSON file of mode 0600 in a folder of mode 0700, replaced as a whole; a lock file beside it admits one
-/// writer at a time.
-/// @param folder  created when it is missing.
+/// A JSON file of mode 0600 in a folder of mode 0700 of its own, replaced as a whole; a lock file beside it
+/// admits one writer at a time.
+/// @param folder  where the store's own folder lies; created when it is missing.
 std::unique_ptr<CredentialStore> makeFileCredentialStore(const std::string& folder,
                                                          const std::string& appKey);
 /// The desktop's secret service (freedesktop.org Secret Service API). Every call fails within seconds when

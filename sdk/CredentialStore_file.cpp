@@ -29,7 +29,7 @@ constexpr unsigned ownerOnlyFolder = 0700;
 // A writer holds the lock for some milliseconds; one that was stopped while it held it must not stop us, too.
 constexpr std::chrono::seconds longestWaitForLock{5};
 
-/// An application's key as a file name; what is not plain becomes its hexadecimal code.
+/// An application's key as a folder's name; what is not plain becomes its hexadecimal code.
 std::string fileNameFor(const std::string& appKey) {
   std::string name;
   for (const char c : appKey) {
@@ -103,8 +103,8 @@ auto positionOf(Credentials& credentials, const std::string& userId) {
 
 class FileStore final : public CredentialStore {
  public:
-  FileStore(std::string folder, const std::string& appKey)
-      : folder_(std::move(folder)), file_(folder_ + "/" + fileNameFor(appKey) + ".json") {}
+  FileStore(const std::string& folder, const std::string& appKey)
+      : folder_(folder + "/" + fileNameFor(appKey)), file_(folder_ + "/accounts.json") {}
 
   std::optional<Credentials> load(NSErrorRef* error) override {
     return read(error, [] {});
@@ -156,11 +156,10 @@ class FileStore final : public CredentialStore {
   /// What a writer left behind that was killed in the middle. REQUIRES the lock: nobody else writes now.
   void removeLeftovers() const {
     std::error_code ignored;
-    const std::string prefix = std::filesystem::path(file_).filename().string() + ".";
     for (const auto& entry : std::filesystem::directory_iterator(folder_, ignored)) {
-      const std::string name = entry.path().filename().string();
-      const bool isOurs = name.starts_with(prefix) && name != prefix + "lock" && name != prefix + "damaged";
-      if (isOurs) std::filesystem::remove(entry.path(), ignored);
+      if (!entry.path().filename().string().starts_with("accounts.json")) {
+        std::filesystem::remove(entry.path(), ignored);
+      }
     }
   }
 

@@ -1,0 +1,164 @@
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "sdk/CredentialStore.h"
+#include "sdk/testing/ClientFixture.h"
+
+namespace {
+
+using Ids = std::vector<std::string>;
+
+class FileStore : public ::testing::Test {
+ protected:
+  std::unique_ptr<CredentialStore> open() const {
+    return makeFileCredentialStore(scratch.path() + "/data", "app/key");
+  }
+  std::string folder() const { return scratch.path() + "/data/app_2fkey"; }
+  std::string file() const { return folder() + "/accounts.json"; }
+  Ids ids() const {
+    NSErrorRef error;
+    const auto credentials = open()->load(&error);
+    if (!credentials) return {"unreadable: " + error->localizedDescription()};
+    Ids all;
+    for (const DBCredential& credential : *credentials) all.push_back(credential.userId);
+    return all;
+  }
+  static mode_t modeOf(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777 : 0;
+  }
+  void save(const std::string& userId, const std::string& token = "t") const {
+    NSErrorRef error;
+    ASSERT_TRUE(open()->save({userId, token, "r", 7}, &error)) << error->localizedDescription();
+  }
+  ScratchFolder scratch;
+};
+
+TEST_F(FileStore, KeepsAccountsInTheOrderOfLinking) {
+  EXPECT_EQ(ids(), Ids());
+  save("b");
+  save("a");
+  save("b", "newer \"token\"\n");
+  EXPECT_EQ(ids(), (Ids{"b", "a"}));
+  const auto stored = open()->load(nullptr);
+  EXPECT_EQ(stored->front().accessToken, "newer \"token\"\n");
+  EXPECT_EQ(stored->front().refreshToken, "r");
+  EXPECT_EQ(stored->front().expiresAtUnixSeconds, 7);
+  ASSERT_TRUE(open()->remove("b", nullptr));
+  ASSERT_TRUE(open()->update({"b", "x", "", 0}, nullptr));
+  EXPECT_EQ(ids(), Ids{"a"}) << "an update must not bring an unlinked account back";
+}
+
+TEST_F(FileStore, IsForItsOwnerOnly) {
+  const mode_t old = ::umask(0);
+  save("a");
+  ::umask(old);
+  EXPECT_EQ(modeOf(folder()), 0700U);
+  EXPECT_EQ(modeOf(file()), 0600U);
+  ::chmod(folder().c_str(), 0755);
+  save("b");
+  EXPECT_EQ(modeOf(folder()), 0700U);
+}
+
+TEST_F(FileStore, DamagedFileIsPutAsideAndNotLost) {
+  save("a");
+  std::ofstream(file()) << "{\"accounts\":[ {\"account_id\":";
+  EXPECT_EQ(ids(), Ids());
+  save("b");
+  EXPECT_EQ(ids(), Ids{"b"});
+  std::stringstream aside;
+  aside << std::ifstream(file() + ".damaged").rdbuf();
+  EXPECT_EQ(aside.str(), "{\"accounts\":[ {\"account_id\":");
+}
+
+TEST_F(FileStore, WhatIsNoFileIsAnErrorAndStays) {
+  ASSERT_TRUE(open()->remove("makes the folder", nullptr));
+  ASSERT_EQ(::mkdir(file().c_str(), 0700), 0);
+  NSErrorRef error;
+  EXPECT_FALSE(open()->save({"a", "t", "", 0}, &error));
+  EXPECT_TRUE(error);
+  EXPECT_EQ(modeOf(file()), 0700U);
+}
+
+/// Runs `body` in a process of its own; its exit status is what `body` returns.
+template <class Body>
+pid_t inChild(Body body) {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(body());
+  return child;
+}
+int exitStatus(pid_t child) {
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(FileStore, ProcessesAtOnceLoseNoAccount) {
+  constexpr int processes = 4, accounts = 10;
+  std::vector<pid_t> children;
+  for (int p = 0; p < processes; ++p) {
+    children.push_back(inChild([&] {
+      for (int i = 0; i < accounts; ++i) {
+        if (!open()->save({std::to_string(p) + "-" + std::to_string(i), "t", "", 0}, nullptr)) return 1;
+      }
+      return 0;
+    }));
+  }
+  for (const pid_t child : children) EXPECT_EQ(exitStatus(child), 0);
+  EXPECT_EQ(ids().size(), static_cast<std::size_t>(processes * accounts));
+}
+
+TEST_F(FileStore, SurvivesAWriterKilledAtAnyMoment) {
+  save("first", std::string(20'000, 't'));
+  for (int round = 0; round < 60; ++round) {
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = inChild([&] {
+      while (true) {
+        open()->save({"second", std::string(20'000, 'u'), "", 0}, nullptr);
+        if (::write(ready[1], "x", 1) != 1) return 1;
+      }
+    });
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    // Another moment of the write each round.
+    const auto killAt = std::chrono::steady_clock::now() + std::chrono::microseconds(round * 20);
+    while (std::chrono::steady_clock::now() < killAt) {
+    }
+    ::kill(child, SIGKILL);
+    exitStatus(child);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    ASSERT_EQ(ids(), (Ids{"first", "second"})) << "round " << round;
+  }
+  save("third");
+  EXPECT_EQ(ids(), (Ids{"first", "second", "third"}));
+  const auto left = std::distance(std::filesystem::directory_iterator(folder()), {});
+  EXPECT_EQ(left, 2) << "the store and its lock, nothing that a killed writer left";
+}
+
+TEST_F(FileStore, FullDiskLeavesTheOldStore) {
+  save("a");
+  const pid_t child = inChild([&] {
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit small{600, 600};
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    NSErrorRef error;
+    const bool stored = open()->save({"b", std::string(5'000, 't'), "", 0}, &error);
+    return stored || !error ? 1 : 0;
+  });
+  EXPECT_EQ(exitStatus(child), 0) << "the write fails with an error";
+  EXPECT_EQ(ids(), Ids{"a"});
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder()), {}), 2);
+}
+
+}  // namespace

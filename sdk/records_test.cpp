@@ -1,0 +1,180 @@
+#include <array>
+#include <cstdlib>
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include "sdk/DBMetadata.h"
+#include "sdk/IconNames.h"
+#include "sdk/RecordReader.h"
+#include "sdk/ServiceJson.h"
+
+namespace {
+
+TEST(Record, KeepsWhatItWasBuiltFrom) {
+  struct Case {
+    const char* name;
+    const char* path;
+    const char* lowercasePath;
+    const char* rev;
+    const char* filename;
+  };
+  const Case cases[] = {
+      {"root", "/", "/", "", "/"},
+      {"in the root", "/Report.PDF", "/report.pdf", "015f00aa11bb2cc", "Report.PDF"},
+      {"deep", "/A/b/C d", "/a/b/c d", "015f00aa11bb2cc330000000012d3e4", "C d"},
+      {"key that no lower-casing gives", "/\xCE\xA3\xCE\xA3", "/\xCF\x83\xCF\x83", "", "\xCE\xA3\xCE\xA3"},
+      {"leading zeros", "/a", "/a", "000000000", "a"},
+      {"rev of another form", "/a", "/a", "Rev-With-Other-Characters-And-More-Than-32-Of-Them", "a"},
+      {"upper-case rev", "/a", "/a", "0AF", "a"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    DBMetadata::Fields fields;
+    fields.path = c.path;
+    fields.lowercasePath = c.lowercasePath;
+    fields.rev = c.rev;
+    const DBMetadata record(std::move(fields));
+    EXPECT_EQ(record.path(), c.path);
+    EXPECT_EQ(record.lowercasePath(), c.lowercasePath);
+    EXPECT_EQ(record.rev(), c.rev);
+    EXPECT_EQ(record.filename(), c.filename);
+    EXPECT_FALSE(record.lastModifiedDate().has_value());
+    EXPECT_EQ(record.contents(), nullptr);
+  }
+}
+
+// A million of them are cached.
+TEST(Record, IsSmall) {
+  constexpr std::size_t number = 10'000;
+  const auto folder = std::make_shared<const std::string>("/Some folder with a name/and one more below it");
+  std::vector<std::shared_ptr<const DBMetadata>> records;
+  records.reserve(number);
+  const std::size_t before = ::mallinfo2().uordblks;
+  for (std::size_t i = 0; i < number; ++i) {
+    DBMetadata::Fields fields;
+    fields.folderPath = folder;
+    fields.name = "Photograph from the holidays " + std::to_string(i) + ".jpeg";
+    fields.rev = "015f00aa11bb2cc330000000012d3e4";
+    records.push_back(std::make_shared<const DBMetadata>(std::move(fields)));
+  }
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers' own allocator does not count here";
+#endif
+  EXPECT_LT((::mallinfo2().uordblks - before) / number, 250U);
+}
+
+std::shared_ptr<const DBMetadata> read(const std::string& json, const char* folder, bool* understood) {
+  const auto document = servicejson::Document::parse(json);
+  if (!document) return nullptr;
+  RecordReader reader;
+  auto record =
+      reader.record(document->root(), folder ? std::make_shared<const std::string>(folder) : nullptr);
+  *understood = reader.isUnderstood();
+  return record;
+}
+
+TEST(RecordReader, TakesThePathFromTheFolderAndTheRestFromTheAnswer) {
+  struct Case {
+    const char* name;
+    const char* json;
+    const char* folder;  // null: not known
+    const char* path;    // null: no record
+    bool understood;
+  };
+  const Case cases[] = {
+      {"folder known", R"({".tag":"folder","name":"B","path_lower":"/a/b","path_display":"/a/B"})", "/A",
+       "/A/B", true},
+      {"in the root", R"({".tag":"folder","name":"B","path_lower":"/b","path_display":"/B"})", "/", "/B",
+       true},
+      {"folder not known", R"({".tag":"folder","name":"B","path_lower":"/a/b","path_display":"/A/B"})",
+       nullptr, "/A/B", true},
+      {"neither display path", R"({".tag":"folder","name":"B","path_lower":"/a/b"})", nullptr, "/a/B", true},
+      {"unknown kind", R"({".tag":"hologram","name":"B","path_lower":"/b"})", "/", nullptr, true},
+      {"no kind", R"({"name":"B","path_lower":"/b"})", "/", nullptr, false},
+      {"no name", R"({".tag":"folder","path_lower":"/b"})", "/", nullptr, false},
+      {"name is dots", R"({".tag":"folder","name":"..","path_lower":"/b"})", "/", nullptr, false},
+      {"name holds a slash", R"({".tag":"folder","name":"a/b","path_lower":"/b"})", "/", nullptr, false},
+      {"name holds NUL", R"({".tag":"folder","name":"a\u0000b","path_lower":"/b"})", "/", nullptr, false},
+      {"no path at all", R"({".tag":"folder","name":"B"})", nullptr, nullptr, false},
+      {"file without rev", R"({".tag":"file","name":"B","path_lower":"/b","size":1})", "/", nullptr, false},
+      {"negative size", R"({".tag":"file","name":"B","path_lower":"/b","rev":"111111111","size":-1})", "/",
+       nullptr, false},
+      {"size beyond all files",
+       R"({".tag":"file","name":"B","path_lower":"/b","rev":"111111111","size":18446744073709551615})", "/",
+       nullptr, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    bool understood = false;
+    const auto record = read(c.json, c.folder, &understood);
+    EXPECT_EQ(understood, c.understood);
+    ASSERT_EQ(record != nullptr, c.path != nullptr);
+    if (record) {
+      EXPECT_EQ(record->path(), c.path);
+    }
+  }
+}
+
+TEST(RecordReader, ReadsAFile) {
+  bool understood = false;
+  const auto record = read(
+      R"({".tag":"file","name":"P.JPG","path_lower":"/p.jpg","path_display":"/P.JPG","id":"id:x","client_modified":"2001-01-01T00:00:00Z",)"
+      R"("server_modified":"2024-05-01T09:31:12Z","rev":"015f00aa11bb2cc330000000012d3e4","size":4194305,"novelty":[1]})",
+      "/", &understood);
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->rev(), "015f00aa11bb2cc330000000012d3e4");
+  EXPECT_EQ(record->totalBytes(), 4194305);
+  EXPECT_EQ(NSDate::iso8601(*record->lastModifiedDate()), "2024-05-01T09:31:12Z");
+  EXPECT_TRUE(record->thumbnailExists());
+  EXPECT_EQ(record->icon(), "page_white_picture");
+  EXPECT_FALSE(record->isDirectory());
+}
+
+std::string listingHash(const std::vector<std::string>& entries) {
+  ListingBuilder listing("/");
+  for (const std::string& entry : entries) {
+    const auto page = servicejson::Document::parse(R"({"entries":[)" + entry + "]}");
+    EXPECT_TRUE(listing.addPage(*servicejson::array(page->root(), "entries")));
+  }
+  listing.contents();
+  return listing.hash();
+}
+
+TEST(Listing, HashFollowsTheContentsAndNotTheirOrder) {
+  const std::string a = R"({".tag":"file","name":"a","path_lower":"/a","rev":"111111111","size":1})";
+  const std::string a2 = R"({".tag":"file","name":"a","path_lower":"/a","rev":"222222222","size":1})";
+  const std::string b = R"({".tag":"folder","name":"b","path_lower":"/b"})";
+  EXPECT_EQ(listingHash({a, b}), listingHash({b, a}));
+  EXPECT_NE(listingHash({a, b}), listingHash({a2, b}));
+  EXPECT_NE(listingHash({a, b}), listingHash({a}));
+  EXPECT_EQ(listingHash({a, b, a2}), listingHash({a2, b}));
+}
+
+TEST(IconNames, FollowNameKindAndPlace) {
+  struct Case {
+    const char* name;
+    const char* icon;
+    bool preview;
+  };
+  const Case cases[] = {{"a.pdf", "page_white_acrobat", false},
+                        {"a.JPeG", "page_white_picture", true},
+                        {"a.heic", "page_white_picture", false},
+                        {"a.tar.gz", "page_white_compressed", false},
+                        {"a.cpp", "page_white_code", false},
+                        {".pdf", "page_white", false},
+                        {"a.", "page_white", false},
+                        {"noext", "page_white", false},
+                        {"a.averyveryverylongextension", "page_white", false}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(iconForFile(c.name), c.icon) << c.name;
+    EXPECT_EQ(isPreviewable(c.name, 1000), c.preview) << c.name;
+  }
+  EXPECT_FALSE(isPreviewable("a.jpg", 0));
+  EXPECT_FALSE(isPreviewable("a.jpg", 20 * 1024 * 1024 + 1));
+  EXPECT_EQ(iconForFolder("/public", false), "folder_public");
+  EXPECT_EQ(iconForFolder("/a/public", false), "folder");
+  EXPECT_EQ(iconForFolder("/public", true), "folder_user");
+}
+
+}  // namespace

@@ -1,0 +1,194 @@
+#include <chrono>
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include "foundation/NSNumber.h"
+#include "foundation/NSString.h"
+#include "sdk/DBError.h"
+#include "sdk/DBRestClientImpl.h"
+#include "sdk/ErrorReader.h"
+#include "sdk/FormText.h"
+#include "sdk/RetryPolicy.h"
+#include "sdk/ServiceHosts.h"
+#include "sdk/ServiceJson.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+TEST(ArgumentText, IsPrintableAscii) {
+  struct Case {
+    const char* name;
+    const char* text;
+    const char* json;
+  };
+  const Case cases[] = {{"plain", "/a b", R"("/a b")"},
+                        {"quotes", "a\"\\", R"("a\"\\")"},
+                        {"line break", "a\r\n", R"("a\r\n")"},
+                        {"delete", "\x7f", R"("\u007f")"},
+                        {"two bytes", "\xC3\xA9", R"("\u00e9")"},
+                        {"three bytes", "\xE2\x82\xAC", R"("\u20ac")"},
+                        {"surrogate pair", "\xF0\x9F\x98\x80", R"("\ud83d\ude00")"}};
+  for (const Case& c : cases) EXPECT_EQ(servicejson::asciiText(boost::json::value(c.text)), c.json) << c.name;
+}
+
+TEST(ArgumentText, PathsAreCleanedOrRefused) {
+  EXPECT_EQ(servicePath("/"), "");
+  EXPECT_EQ(servicePath("//"), "");
+  EXPECT_EQ(servicePath("/A//b/"), "/A/b");
+  EXPECT_EQ(servicePath("A"), std::nullopt);
+  EXPECT_EQ(servicePath("rev:123456789"), std::nullopt);
+}
+
+TEST(FormText, EncodesAllButUnreservedCharacters) {
+  EXPECT_EQ(formText({{"a", "x y&z=\xC3\xA9"}, {"empty", ""}, {"b", "A-_.~9"}}),
+            "a=x%20y%26z%3D%C3%A9&b=A-_.~9");
+}
+
+TEST(ServiceHosts, OnlySafeReplacementsAreTaken) {
+  struct Case {
+    const char* name;
+    const char* replacement;
+    const char* api;  // null: refused
+  };
+  const Case cases[] = {{"none", nullptr, "https://api.dropboxapi.com"},
+                        {"empty", "", "https://api.dropboxapi.com"},
+                        {"loopback", "http://127.0.0.1:8080/", "http://127.0.0.1:8080"},
+                        {"loopback range", "http://127.9.9.9:1", "http://127.9.9.9:1"},
+                        {"loopback 6", "http://[::1]:8080", "http://[::1]:8080"},
+                        {"localhost", "http://localhost:1", "http://localhost:1"},
+                        {"https anywhere", "https://stand-in.example", "https://stand-in.example"},
+                        {"plain http elsewhere", "http://stand-in.example", nullptr},
+                        {"looks like loopback", "http://127.0.0.1.example", nullptr},
+                        {"user part", "http://127.0.0.1@example.com/", nullptr},
+                        {"path", "http://127.0.0.1:1/2", nullptr},
+                        {"other scheme", "file:///etc", nullptr},
+                        {"not a URL", "http://[", nullptr}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    NSErrorRef error;
+    const ServiceHosts hosts = serviceHosts(c.replacement, &error);
+    ASSERT_EQ(error == nullptr, c.api != nullptr);
+    if (!c.api) {
+      EXPECT_EQ(error->code(), DBErrorServiceAddress);
+      continue;
+    }
+    EXPECT_EQ(hosts.api, c.api);
+  }
+}
+
+HttpResponse answer(long status, std::optional<std::int64_t> retryAfter = std::nullopt) {
+  HttpResponse response;
+  response.status = status;
+  response.retryAfterSeconds = retryAfter;
+  return response;
+}
+
+TEST(RetryPolicy, WaitsAsToldWithinItsBounds) {
+  RetryPolicy policy;
+  EXPECT_EQ(policy.waitBeforeRepeating(answer(429, 100), 0), milliseconds(100'000));
+  EXPECT_EQ(policy.waitBeforeRepeating(answer(503, 200), 0), milliseconds(200'000));
+  EXPECT_EQ(policy.waitBeforeRepeating(answer(429, 1), 0), std::nullopt) << "five minutes are used up";
+  RetryPolicy often;
+  for (int i = 1; i < RetryPolicy::maxTries; ++i) EXPECT_TRUE(often.waitBeforeRepeating(answer(429, 0), 0));
+  EXPECT_EQ(often.waitBeforeRepeating(answer(429, 0), 0), std::nullopt);
+}
+
+TEST(RetryPolicy, ShortRetriesAreFewAndSpreadOut) {
+  RetryPolicy policy;
+  const auto first = policy.waitBeforeRepeating(answer(500), 1);
+  const auto second = policy.waitBeforeRepeating(answer(502), 1);
+  ASSERT_TRUE(first && second);
+  EXPECT_LT(*first + *second, milliseconds(2000));
+  EXPECT_EQ(policy.waitBeforeRepeating(answer(500), 1), std::nullopt);
+  EXPECT_LT(*RetryPolicy().waitBeforeRepeating(answer(500), 0), *first) << "jitter";
+}
+
+TEST(RetryPolicy, OnlyWhatCanPassIsRepeated) {
+  for (const long status : {400L, 401L, 403L, 404L, 409L, 501L}) {
+    EXPECT_FALSE(RetryPolicy().waitBeforeRepeating(answer(status, 1), 0)) << status;
+  }
+  HttpResponse failed;
+  for (const int code : {CURLE_COULDNT_CONNECT, CURLE_COULDNT_RESOLVE_HOST, CURLE_OPERATION_TIMEDOUT,
+                         CURLE_PEER_FAILED_VERIFICATION, CURLE_WRITE_ERROR}) {
+    failed.curlCode = code;
+    EXPECT_FALSE(RetryPolicy().waitBeforeRepeating(failed, 0)) << code;
+  }
+  failed.curlCode = CURLE_RECV_ERROR;
+  EXPECT_TRUE(RetryPolicy().waitBeforeRepeating(failed, 0));
+}
+
+TEST(ErrorReader, CodesTellCasesApart) {
+  struct Case {
+    const char* name;
+    long status;
+    const char* body;
+    int code;
+    const char* reason;
+  };
+  const Case cases[] = {
+      {"not found", 409, R"({"error":{".tag":"path","path":{".tag":"not_found"}}})", 404,
+       "nothing at this path"},
+      {"bare text union", 409, R"({"error":"reset"})", 409, "started again"},
+      {"conflict with its kind", 409,
+       R"({"error":{".tag":"path","path":{".tag":"conflict","conflict":{".tag":"file"}}}})", 403,
+       "in the way"},
+      {"conflict of an upload", 409,
+       R"({"error":{".tag":"path","reason":{".tag":"conflict","conflict":{".tag":"file"}},"upload_session_id":"A"}})",
+       403, "in the way"},
+      {"no space", 409, R"({"error":{".tag":"path","path":{".tag":"insufficient_space"}}})", 507,
+       "not enough space"},
+      {"too many files", 409, R"({"error":{".tag":"too_many_files"}})", 406, "too many files"},
+      {"no preview", 409, R"({"error":{".tag":"unsupported_extension"}})", 415, "no preview"},
+      {"rate limit", 429, R"({"error":{"reason":{".tag":"too_many_requests"},"retry_after":15}})", 503,
+       "asks to wait"},
+      {"rate limit as text", 429, "slow down", 503, "asks to wait"},
+      {"writes in progress", 409, R"({"error":{".tag":"too_many_write_operations"}})", 503, "in progress"},
+      {"token withdrawn", 401, R"({"error":{".tag":"invalid_access_token"}})", 401, "link the account again"},
+      {"unknown tag with a message", 409,
+       R"({"error":{".tag":"novel"},"user_message":{"text":"Be patient."}})", 409, ": Be patient."},
+      {"page of a proxy", 502, "<html>", 502, "status 502"},
+      {"endless nesting", 409,
+       R"({"error":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path"}}}}}}}}}})",
+       409, "status 409"},
+      {"wrong shapes", 409, R"({"error":[7],"error_summary":7,"user_message":7})", 409, "status 409"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    HttpResponse response = answer(c.status);
+    response.body = c.body;
+    const NSErrorRef error = errorFromResponse(response, {"load", "/a"});
+    EXPECT_EQ(error->code(), c.code);
+    EXPECT_NE(error->localizedDescription().find(c.reason), std::string::npos)
+        << error->localizedDescription();
+  }
+}
+
+TEST(ErrorReader, TellsHowLongToWait) {
+  HttpResponse response = answer(429);
+  response.body = R"({"error":{"reason":{".tag":"too_many_requests"},"retry_after":15}})";
+  const auto waited = [&] {
+    return as<NSNumber>(errorFromResponse(response, {"load", "/a"})->detail(DBErrorRetryAfterKey))
+        ->int64Value();
+  };
+  EXPECT_EQ(waited(), 15);
+  response.retryAfterSeconds = 20;
+  EXPECT_EQ(waited(), 20);
+}
+
+TEST(ErrorReader, QuotesNothingThatMightBeSecret) {
+  HttpResponse response = answer(400);
+  response.body =
+      "Error in call to API function \"x\": HTTP header \"Authorization\": bad value Bearer sl.secret";
+  const NSErrorRef error = errorFromResponse(response, {"load", "/a"});
+  EXPECT_EQ(error->userInfo()->description().find("sl.secret"), std::string::npos);
+}
+
+TEST(ErrorReader, TransportFailuresAreNegative) {
+  HttpResponse response;
+  response.curlCode = CURLE_COULDNT_CONNECT;
+  EXPECT_EQ(errorFromResponse(response, {"load", "/a"})->code(), -CURLE_COULDNT_CONNECT);
+}
+
+}  // namespace
