@@ -1,31 +1,49 @@
 #include "foundation/ContainerTeardown.h"
 
-#include <utility>
-
 namespace {
-// Set while this thread is releasing: containers that go meanwhile hand their members over instead of
-// recursing.
-thread_local std::vector<id>* waiting = nullptr;
 
-bool isContainer(const id& object) {
-  return object && (object->kind() == NSKind::array || object->kind() == NSKind::dictionary);
+constexpr int deepest = 64;
+
+/// Members of containers that went too deep inside others to be released there.
+struct Waiting {
+  std::vector<ContainerTeardown::Items> items;
+  std::vector<ContainerTeardown::Entries> entries;
+};
+
+thread_local int depth = 0;
+thread_local Waiting* waiting = nullptr;
+
+template <class Members>
+void takeLast(std::vector<Members>& rows) noexcept {
+  const Members next = std::move(rows.back());
+  rows.pop_back();
 }
-}  // namespace
 
-void releaseInTurn(std::vector<id>&& members) noexcept {
-  if (waiting) {
-    for (id& member : members) {
-      if (isContainer(member)) waiting->push_back(std::move(member));
-    }
-    members.clear();
+/// Runs on the outermost container of this thread that is being destroyed.
+void releaseWaiting() noexcept {
+  while (waiting && (!waiting->items.empty() || !waiting->entries.empty())) {
+    if (!waiting->items.empty()) takeLast(waiting->items);
+    if (!waiting->entries.empty()) takeLast(waiting->entries);
+  }
+  delete std::exchange(waiting, nullptr);
+}
+
+template <class Members>
+void releaseMembers(Members& members, std::vector<Members> Waiting::*rows) noexcept {
+  if (members.empty()) return;
+  if (depth == deepest) {
+    if (!waiting) waiting = new Waiting;
+    (waiting->*rows).push_back(std::move(members));
     return;
   }
-  std::vector<id> queue;
-  waiting = &queue;
+  ++depth;
   members.clear();
-  while (!queue.empty()) {
-    const id next = std::move(queue.back());
-    queue.pop_back();
-  }
-  waiting = nullptr;
+  if (depth == 1 && waiting) releaseWaiting();
+  --depth;
 }
+
+}  // namespace
+
+void ContainerTeardown::release(Items& items) noexcept { releaseMembers(items, &Waiting::items); }
+
+void ContainerTeardown::release(Entries& entries) noexcept { releaseMembers(entries, &Waiting::entries); }

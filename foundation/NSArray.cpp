@@ -2,7 +2,7 @@
 
 #include "foundation/ContainerTeardown.h"
 
-NSArray::~NSArray() { releaseInTurn(std::move(items_)); }
+NSArray::~NSArray() { ContainerTeardown::release(items_); }
 
 bool NSArray::isEqual(const NSObject& other) const {
   const auto* array = as<NSArray>(&other);

@@ -4,7 +4,9 @@
 
 #include "foundation/NSObject.h"
 
-/// A fixed row of objects, none of them empty (NSNull stands for nothing).
+/// A fixed row of objects, none of them empty (NSNull stands for nothing). May be nested to any depth;
+/// isEqual and description walk into it recursively, so they are for data whose depth was checked when it was
+/// read.
 class NSArray final : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::array;

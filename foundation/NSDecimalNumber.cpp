@@ -1,7 +1,9 @@
 #include "foundation/NSDecimalNumber.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
+#include <iterator>
 #include <limits>
 #include <optional>
 
@@ -10,8 +12,8 @@ namespace {
 constexpr int maxDigits = 38;
 constexpr int minExponent = -128;
 constexpr int maxExponent = 127;
-// Exponents in the text beyond this cannot come back into range by any number of digits we accept.
-constexpr int exponentBound = 1'000'000;
+// Exponents beyond this cannot come back into range by any number of digits that fits into memory.
+constexpr long exponentBound = 1'000'000'000'000'000;
 
 /// What the text says, before it is fitted into 38 digits: the significant digits and the power of ten they
 /// count from.
@@ -46,6 +48,27 @@ std::optional<long> takeExponent(std::string_view& text) {
   return isNegative ? -value : value;
 }
 
+/// The usual case: no exponent, and digits that fit 64 bits.
+std::optional<NSDecimalNumber::Parts> shortNumber(std::string_view text) {
+  constexpr std::size_t longestBytes = 19;  // 18 digits and a point
+  NSDecimalNumber::Parts parts;
+  parts.isNegative = takeSign(text);
+  if (text.size() > longestBytes || text.find('.') == std::string_view::npos) return std::nullopt;
+  const std::string_view whole = takeDigits(text);
+  if (!text.starts_with('.')) return std::nullopt;
+  text.remove_prefix(1);
+  const std::string_view fraction = takeDigits(text);
+  if (whole.empty() || fraction.empty() || !text.empty()) return std::nullopt;
+  std::uint64_t value = 0;
+  for (const char digit : whole) value = value * 10 + static_cast<unsigned>(digit - '0');
+  for (const char digit : fraction) value = value * 10 + static_cast<unsigned>(digit - '0');
+  if (value == 0) return NSDecimalNumber::Parts{};
+  parts.exponent = -static_cast<int>(fraction.size());
+  for (; value % 10 == 0; value /= 10) ++parts.exponent;
+  parts.mantissa = value;
+  return parts;
+}
+
 std::optional<Scanned> scan(std::string_view text) {
   Scanned scanned;
   scanned.isNegative = takeSign(text);
@@ -74,14 +97,13 @@ void dropTrailingZeros(Scanned& scanned) {
 
 /// Adds one to the last digit, carrying; the text may grow by a digit.
 void increment(std::string& digits) {
-  for (auto digit = digits.rbegin(); digit != digits.rend(); ++digit) {
-    if (*digit != '9') {
-      ++*digit;
-      return;
-    }
-    *digit = '0';
+  std::size_t at = digits.size();
+  while (at > 0 && digits[at - 1] == '9') digits[--at] = '0';
+  if (at > 0) {
+    ++digits[at - 1];
+  } else {
+    digits.insert(digits.begin(), '1');
   }
-  digits.insert(digits.begin(), '1');
 }
 
 void roundToMaxDigits(Scanned& scanned) {
@@ -111,34 +133,46 @@ NSDecimalNumber::NSDecimalNumber(const Parts& parts)
       isNegative_(parts.isNegative),
       isNaN_(parts.isNaN) {}
 
-std::shared_ptr<NSDecimalNumber> NSDecimalNumber::fromString(std::string_view text) {
+std::optional<NSDecimalNumber::Parts> NSDecimalNumber::partsOf(std::string_view text) {
+  if (const auto parts = shortNumber(text)) return parts;
   auto scanned = scan(text);
-  if (!scanned) return nullptr;
+  if (!scanned) return std::nullopt;
   dropTrailingZeros(*scanned);
-  if (scanned->digits.empty()) return std::make_shared<NSDecimalNumber>(Parts{});
+  if (scanned->digits.empty()) return Parts{};
   roundToMaxDigits(*scanned);
-  if (!fitExponent(*scanned)) return nullptr;
+  if (!fitExponent(*scanned)) return std::nullopt;
   Parts parts;
   for (const char digit : scanned->digits)
     parts.mantissa = parts.mantissa * 10 + static_cast<unsigned>(digit - '0');
   parts.exponent = static_cast<int>(scanned->exponent);
   parts.isNegative = scanned->isNegative;
-  return std::make_shared<NSDecimalNumber>(parts);
+  return parts;
 }
 
-std::shared_ptr<NSDecimalNumber> NSDecimalNumber::notANumber() {
-  Parts parts;
-  parts.isNaN = true;
-  return std::make_shared<NSDecimalNumber>(parts);
+std::shared_ptr<NSDecimalNumber> NSDecimalNumber::fromString(std::string_view text) {
+  const auto parts = partsOf(text);
+  return parts ? std::make_shared<NSDecimalNumber>(*parts) : nullptr;
+}
+
+const std::shared_ptr<NSDecimalNumber>& NSDecimalNumber::notANumber() {
+  static const auto& constant = *new std::shared_ptr<NSDecimalNumber>([] {
+    Parts parts;
+    parts.isNaN = true;
+    return std::make_shared<NSDecimalNumber>(parts);
+  }());
+  return constant;
 }
 
 std::string NSDecimalNumber::stringValue() const {
   if (isNaN_) return "NaN";
   if (mantissa_ == 0) return "0";
-  std::string digits;
-  for (Mantissa rest = mantissa_; rest != 0; rest /= 10) {
-    digits.insert(digits.begin(), static_cast<char>('0' + static_cast<int>(rest % 10)));
-  }
+  std::array<char, maxDigits + 1> reversed;
+  char* end = reversed.data();
+  Mantissa rest = mantissa_;
+  for (; rest >> 64 != 0; rest /= 10) *end++ = static_cast<char>('0' + static_cast<int>(rest % 10));
+  for (auto low = static_cast<std::uint64_t>(rest); low != 0; low /= 10)
+    *end++ = static_cast<char>('0' + low % 10);
+  std::string digits(std::make_reverse_iterator(end), std::make_reverse_iterator(reversed.data()));
   if (exponent_ >= 0) {
     digits.append(static_cast<std::size_t>(exponent_), '0');
   } else {
@@ -146,7 +180,8 @@ std::string NSDecimalNumber::stringValue() const {
     if (digits.size() <= places) digits.insert(0, places - digits.size() + 1, '0');
     digits.insert(digits.size() - places, 1, '.');
   }
-  return isNegative_ ? "-" + digits : digits;
+  if (isNegative_) digits.insert(digits.begin(), '-');
+  return digits;
 }
 
 double NSDecimalNumber::doubleValue() const noexcept {

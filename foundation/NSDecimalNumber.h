@@ -1,4 +1,5 @@
 #pragma once
+#include <optional>
 #include <string_view>
 
 #include "foundation/NSNumber.h"
@@ -10,7 +11,8 @@ class NSDecimalNumber final : public NSNumber {
   /// Reads [+-]digits[.digits][(e|E)[+-]digits]. More than 38 digits are rounded half up. Nothing when the
   /// text has another form or the exponent is out of range.
   static std::shared_ptr<NSDecimalNumber> fromString(std::string_view text);
-  static std::shared_ptr<NSDecimalNumber> notANumber();
+  /// The one constant; equal to itself only.
+  static const std::shared_ptr<NSDecimalNumber>& notANumber();
 
   std::int64_t int64Value() const noexcept override;
   double doubleValue() const noexcept override;
@@ -29,6 +31,8 @@ class NSDecimalNumber final : public NSNumber {
     bool isNaN = false;
   };
   explicit NSDecimalNumber(const Parts& parts);
+  /// What fromString makes its object of, for who has memory for the object already.
+  static std::optional<Parts> partsOf(std::string_view text);
 
  private:
   const Mantissa mantissa_;
@@ -36,3 +40,11 @@ class NSDecimalNumber final : public NSNumber {
   const bool isNegative_;
   const bool isNaN_;
 };
+
+/// Shares the kind of all numbers, so the origin decides.
+template <>
+inline NSDecimalNumber* as<NSDecimalNumber>(NSObject* object) {
+  auto* number = as<NSNumber>(object);
+  return number && number->origin() == NSNumber::Origin::decimal ? static_cast<NSDecimalNumber*>(number)
+                                                                 : nullptr;
+}

@@ -1,33 +1,117 @@
 #include "foundation/NSDictionary.h"
 
+#include <algorithm>
+#include <array>
+#include <cstring>
 #include <string>
 
 #include "foundation/ContainerTeardown.h"
 #include "foundation/NSString.h"
 
 namespace {
+
 constexpr std::size_t largestWithoutIndex = 16;
 constexpr std::size_t absent = static_cast<std::size_t>(-1);
+
+std::uint64_t mixed(std::uint64_t bits) { return (bits ^ bits >> 32) * 0x9E3779B97F4A7C15U; }
+
+/// Equal keys have equal marks. Cheaper than a hash: a string's mark comes from its length and both its ends.
+std::uint64_t markOf(const NSObject& key) {
+  const auto* string = as<NSString>(&key);
+  if (!string) return mixed(key.hash());
+  const std::string& text = string->text();
+  std::uint64_t first = 0;
+  std::uint64_t last = 0;
+  if (text.size() >= sizeof first) {
+    std::memcpy(&first, text.data(), sizeof first);
+    std::memcpy(&last, text.data() + text.size() - sizeof last, sizeof last);
+  } else {
+    for (const char byte : text) first = first << 8 | static_cast<unsigned char>(byte);
+  }
+  return mixed(mixed(first ^ text.size()) + last);
+}
+
 }  // namespace
 
-NSDictionary::NSDictionary(Entries entries) {
-  entries_.reserve(entries.size());
-  for (auto& [key, value] : entries) {
-    if (const std::size_t at = find(*key); at != absent) {
-      entries_[at].second = std::move(value);
-      continue;
-    }
-    entries_.emplace_back(std::move(key), std::move(value));
-    if (entries.size() > largestWithoutIndex)
-      index_.emplace(entries_.back().first->hash(), entries_.size() - 1);
+NSDictionary::NSDictionary(Entries entries) : entries_(std::move(entries)) {
+  if (entries_.size() <= largestWithoutIndex) {
+    mergeEqualKeysInLine();
+  } else {
+    mergeEqualKeysByIndex();
   }
 }
 
-NSDictionary::~NSDictionary() {
-  std::vector<id> values;
-  values.reserve(entries_.size());
-  for (auto& [key, value] : entries_) values.push_back(std::move(value));
-  releaseInTurn(std::move(values));
+NSDictionary::~NSDictionary() { ContainerTeardown::release(entries_); }
+
+void NSDictionary::mergeEqualKeysInLine() {
+  std::array<std::uint64_t, largestWithoutIndex> marks;
+  std::uint64_t seen = 0;  // a bit for the top of each mark: one that is clear saves the search
+  bool merged = false;
+  for (std::size_t at = 0; at < entries_.size(); ++at) {
+    marks[at] = markOf(*entries_[at].first);
+    const std::uint64_t bit = std::uint64_t{1} << (marks[at] >> 58);
+    for (std::size_t earlier = 0; (seen & bit) != 0 && earlier < at; ++earlier) {
+      if (marks[earlier] != marks[at] || !entries_[earlier].first) continue;
+      if (!entries_[earlier].first->isEqual(*entries_[at].first)) continue;
+      entries_[earlier].second = std::move(entries_[at].second);
+      entries_[at].first = nullptr;
+      merged = true;
+      break;
+    }
+    seen |= bit;
+  }
+  if (merged) dropMerged();
+}
+
+void NSDictionary::dropMerged() {
+  std::erase_if(entries_, [](const auto& entry) { return !entry.first; });
+}
+
+bool NSDictionary::comesBefore(const Slot& slot, std::size_t hash, const NSObject& key) const {
+  if (slot.hash != hash) return slot.hash < hash;
+  const auto* left = as<NSString>(entries_[slot.place].first.get());
+  const auto* right = as<NSString>(&key);
+  if (!left || !right) return !left && right;
+  return left->text() < right->text();
+}
+
+void NSDictionary::buildIndex() {
+  index_ = std::make_unique<Index>();
+  index_->reserve(entries_.size());
+  for (const auto& [key, value] : entries_) {
+    index_->push_back({key->hash(), static_cast<std::uint32_t>(index_->size())});
+  }
+  std::sort(index_->begin(), index_->end(), [this](const Slot& left, const Slot& right) {
+    if (comesBefore(left, right.hash, *entries_[right.place].first)) return true;
+    return !comesBefore(right, left.hash, *entries_[left.place].first) && left.place < right.place;
+  });
+}
+
+std::size_t NSDictionary::equalSlotBefore(std::size_t end, const Slot& slot) const {
+  const NSObject& key = *entries_[slot.place].first;
+  for (std::size_t at = end; at > 0 && (*index_)[at - 1].hash == slot.hash; --at) {
+    if (entries_[(*index_)[at - 1].place].first->isEqual(key)) return at - 1;
+    if (key.kind() == NSKind::string) break;  // equal strings stand side by side
+  }
+  return end;
+}
+
+void NSDictionary::mergeEqualKeysByIndex() {
+  buildIndex();
+  std::size_t kept = 0;
+  for (const Slot& slot : *index_) {
+    const std::size_t equal = equalSlotBefore(kept, slot);
+    auto& [key, value] = entries_[slot.place];
+    if (equal == kept) {
+      (*index_)[kept++] = slot;
+    } else {
+      entries_[(*index_)[equal].place].second = std::move(value);
+      key = nullptr;
+    }
+  }
+  if (kept == entries_.size()) return;
+  dropMerged();
+  buildIndex();
 }
 
 std::shared_ptr<NSDictionary> NSDictionary::with(
@@ -41,10 +125,12 @@ std::shared_ptr<NSDictionary> NSDictionary::with(
 }
 
 std::size_t NSDictionary::find(const NSObject& key) const {
-  if (!index_.empty()) {
-    const auto [first, last] = index_.equal_range(key.hash());
-    for (auto candidate = first; candidate != last; ++candidate) {
-      if (entries_[candidate->second].first->isEqual(key)) return candidate->second;
+  if (index_) {
+    const std::size_t hash = key.hash();
+    const auto first = std::partition_point(index_->begin(), index_->end(),
+                                            [&](const Slot& slot) { return comesBefore(slot, hash, key); });
+    for (auto slot = first; slot != index_->end() && slot->hash == hash; ++slot) {
+      if (entries_[slot->place].first->isEqual(key)) return slot->place;
     }
     return absent;
   }
@@ -61,7 +147,7 @@ id NSDictionary::objectForKey(const NSObject& key) const {
 }
 
 id NSDictionary::objectForKey(std::string_view key) const {
-  if (!index_.empty()) return objectForKey(NSString(std::string(key)));
+  if (index_) return objectForKey(NSString(std::string(key)));
   for (const auto& [candidate, value] : entries_) {
     const std::string* text = textOf(candidate);
     if (text && *text == key) return value;

@@ -1,6 +1,8 @@
 #include "foundation/NSNull.h"
 
+#include "foundation/Immortal.h"
+
 const id& NSNull::null() {
-  static const id& object = *new id(std::make_shared<NSNull>());
+  static const id& object = *new id(immortal(*new NSNull()));
   return object;
 }

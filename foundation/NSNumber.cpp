@@ -1,23 +1,36 @@
 #include "foundation/NSNumber.h"
 
+#include <algorithm>
+#include <array>
+#include <charconv>
 #include <cmath>
-#include <cstdio>
 #include <limits>
 
+#include "foundation/Immortal.h"
+
 std::shared_ptr<NSNumber> NSNumber::withBool(bool value) {
-  static const auto& yes =
-      *new std::shared_ptr<NSNumber>(std::make_shared<NSNumber>(Integer{}, Origin::boolean, 1));
-  static const auto& no =
-      *new std::shared_ptr<NSNumber>(std::make_shared<NSNumber>(Integer{}, Origin::boolean, 0));
-  return value ? yes : no;
+  static const NSNumber& yes = *new NSNumber(Integer{}, Origin::boolean, 1);
+  static const NSNumber& no = *new NSNumber(Integer{}, Origin::boolean, 0);
+  return immortal(value ? yes : no);
 }
 
 std::shared_ptr<NSNumber> NSNumber::withChar(signed char value) {
   return std::make_shared<NSNumber>(Integer{}, Origin::character, value);
 }
 
+std::shared_ptr<NSNumber> NSNumber::sharedInt(std::int64_t value) {
+  constexpr std::int64_t count = 256;
+  static const auto& numbers = *new const auto([] {
+    std::array<const NSNumber*, count> made;
+    std::generate(made.begin(), made.end(), [next = 0]() mutable { return new NSNumber(next++); });
+    return made;
+  }());
+  return value >= 0 && value < count ? immortal(*numbers[static_cast<std::size_t>(value)]) : nullptr;
+}
+
 std::shared_ptr<NSNumber> NSNumber::withInt(std::int64_t value) {
-  return std::make_shared<NSNumber>(Integer{}, Origin::integer, value);
+  if (auto shared = sharedInt(value)) return shared;
+  return std::make_shared<NSNumber>(value);
 }
 
 std::shared_ptr<NSNumber> NSNumber::withFloat(float value) {
@@ -33,6 +46,11 @@ bool isReal(NSNumber::Origin origin) {
   return origin == NSNumber::Origin::real32 || origin == NSNumber::Origin::real64;
 }
 bool isWhole(NSNumber::Origin origin) { return !isReal(origin) && origin != NSNumber::Origin::decimal; }
+
+/// For a `real` that `integer` rounds to: whether nothing was lost in rounding.
+bool isExactly(double real, std::int64_t integer) {
+  return real < 9223372036854775808.0 && static_cast<std::int64_t>(real) == integer;
+}
 }  // namespace
 
 bool NSNumber::boolValue() const noexcept { return isWhole(origin_) ? integer_ != 0 : doubleValue() != 0; }
@@ -52,15 +70,18 @@ double NSNumber::doubleValue() const noexcept {
 bool NSNumber::isNaN() const noexcept { return isReal(origin_) && std::isnan(real_); }
 
 std::string NSNumber::stringValue() const {
-  if (!isReal(origin_)) return std::to_string(integer_);
-  char text[32];
-  const int length = origin_ == Origin::real32 ? std::snprintf(text, sizeof text, "%.7g", real_)
-                                               : std::snprintf(text, sizeof text, "%.16g", real_);
-  return {text, static_cast<std::size_t>(length)};
+  std::array<char, 32> text;
+  char* const first = text.data();
+  char* const last = first + text.size();
+  if (!isReal(origin_)) return {first, std::to_chars(first, last, integer_).ptr};
+  // As printf writes %g, whatever the locale's decimal point.
+  if (origin_ == Origin::real64)
+    return {first, std::to_chars(first, last, real_, std::chars_format::general, 16).ptr};
+  return {first, std::to_chars(first, last, static_cast<float>(real_), std::chars_format::general, 7).ptr};
 }
 
 // Numbers of different origins may be equal, so only what they share goes into the hash.
-std::size_t NSNumber::hash() const { return std::hash<double>{}(doubleValue()); }
+std::size_t NSNumber::hash() const { return isNaN() ? 0 : std::hash<double>{}(doubleValue()); }
 
 bool NSNumber::isEqual(const NSObject& other) const {
   const auto* number = as<NSNumber>(&other);
@@ -68,7 +89,10 @@ bool NSNumber::isEqual(const NSObject& other) const {
   if (this == number) return true;
   if (isNaN() || number->isNaN()) return false;
   if (isWhole(origin_) && isWhole(number->origin_)) return integer_ == number->integer_;
-  if (origin_ == Origin::decimal && number->origin_ == Origin::decimal)
-    return stringValue() == number->stringValue();
-  return doubleValue() == number->doubleValue();
+  // Integers and decimals hold more digits than a double, so only a real is compared as one.
+  if (!isReal(origin_) && !isReal(number->origin_)) return stringValue() == number->stringValue();
+  if (doubleValue() != number->doubleValue()) return false;
+  if (isWhole(origin_)) return isExactly(number->real_, integer_);
+  if (isWhole(number->origin_)) return isExactly(real_, number->integer_);
+  return true;
 }

@@ -4,7 +4,8 @@
 
 #include "foundation/NSObject.h"
 
-/// A number that remembers what it was made of. A boolean and an integer of the same value are equal.
+/// A number that remembers what it was made of. Numbers are equal when their values are, whatever they were
+/// made of; not-a-number equals only itself.
 class NSNumber : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::number;
@@ -15,6 +16,8 @@ class NSNumber : public NSObject {
   static std::shared_ptr<NSNumber> withBool(bool value);
   static std::shared_ptr<NSNumber> withChar(signed char value);
   static std::shared_ptr<NSNumber> withInt(std::int64_t value);
+  /// The object that everyone shares for `value`, or nothing: there is one for each integer from 0 to 255.
+  static std::shared_ptr<NSNumber> sharedInt(std::int64_t value);
   static std::shared_ptr<NSNumber> withFloat(float value);
   static std::shared_ptr<NSNumber> withDouble(double value);
 
@@ -41,6 +44,7 @@ class NSNumber : public NSObject {
   struct Real {};
 
  public:  // for make_shared; use the with… functions
+  explicit NSNumber(std::int64_t integer) : NSNumber(Integer{}, Origin::integer, integer) {}
   NSNumber(Integer, Origin origin, std::int64_t value) : origin_(origin), integer_(value) {}
   NSNumber(Real, Origin origin, double value) : origin_(origin), real_(value) {}
 

@@ -11,6 +11,7 @@ class NSString final : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::string;
   explicit NSString(std::string text) : text_(std::move(text)) {}
+  NSString(const char* bytes, std::size_t sizeBytes) : text_(bytes, sizeBytes) {}
 
   const std::string& text() const noexcept { return text_; }
   std::size_t hash() const override { return std::hash<std::string_view>{}(text_); }
