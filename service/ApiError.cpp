@@ -7,7 +7,7 @@
 namespace kzv::service {
 namespace {
 
-std::string joined(std::initializer_list<std::string_view> tags) {
+std::string joined(const Tags& tags) {
   std::string text;
   for (const auto tag : tags) {
     text += tag;
@@ -34,7 +34,7 @@ HttpResponse textResponse(int status, std::string text) {
   return response;
 }
 
-std::string nestedTags(std::initializer_list<std::string_view> tags) {
+std::string nestedTags(const Tags& tags) {
   JsonText json;
   std::size_t depth = 0;
   for (const auto tag : tags) {
@@ -46,12 +46,12 @@ std::string nestedTags(std::initializer_list<std::string_view> tags) {
   return json.take();
 }
 
-std::string errorSummary(std::initializer_list<std::string_view> tags) {
+std::string errorSummary(const Tags& tags) {
   static std::atomic<unsigned> calls{0};
   return joined(tags) + std::string(calls++ % 4, '.');
 }
 
-void failWithTags(int status, std::initializer_list<std::string_view> tags) {
+void failWithTags(int status, const Tags& tags) {
   JsonText json;
   json.beginObject()
       .field("error_summary", errorSummary(tags))
@@ -61,9 +61,9 @@ void failWithTags(int status, std::initializer_list<std::string_view> tags) {
   throw ApiError(jsonResponse(status, json.take()));
 }
 
-void failEndpoint(std::initializer_list<std::string_view> tags) { failWithTags(409, tags); }
+void failEndpoint(const Tags& tags) { failWithTags(409, tags); }
 
-void failEndpoint(std::initializer_list<std::string_view> summaryTags, std::string_view errorJson) {
+void failEndpoint(const Tags& summaryTags, std::string_view errorJson) {
   JsonText json;
   json.beginObject()
       .field("error_summary", errorSummary(summaryTags))

@@ -2,13 +2,16 @@
 
 #include <cstdint>
 #include <exception>
-#include <initializer_list>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "service/Http.h"
 
 namespace kzv::service {
+
+/// Tags of nested unions, outermost first.
+using Tags = std::vector<std::string_view>;
 
 /// An answer that is not a success, thrown inside an endpoint and caught by the dispatcher.
 class ApiError : public std::exception {
@@ -34,18 +37,17 @@ class BadArgument : public std::exception {
 
 /// JSON of nested unions: {"path", "conflict", "file"} gives
 /// {".tag":"path","path":{".tag":"conflict","conflict":{".tag":"file"}}}.
-std::string nestedTags(std::initializer_list<std::string_view> tags);
+std::string nestedTags(const Tags& tags);
 
 /// Tags joined with slashes, then a varying number of dots: clients are not to compare it whole.
-std::string errorSummary(std::initializer_list<std::string_view> tags);
+std::string errorSummary(const Tags& tags);
 
 /// Status `status` with error_summary and the nested tags.
-[[noreturn]] void failWithTags(int status, std::initializer_list<std::string_view> tags);
+[[noreturn]] void failWithTags(int status, const Tags& tags);
 /// The endpoint's own error, status 409.
-[[noreturn]] void failEndpoint(std::initializer_list<std::string_view> tags);
+[[noreturn]] void failEndpoint(const Tags& tags);
 /// The same when the union is more than tags; `errorJson` is the value of "error".
-[[noreturn]] void failEndpoint(std::initializer_list<std::string_view> summaryTags,
-                               std::string_view errorJson);
+[[noreturn]] void failEndpoint(const Tags& summaryTags, std::string_view errorJson);
 /// Status 429; `reason` is too_many_requests or too_many_write_operations.
 [[noreturn]] void failRateLimited(std::string_view reason, std::int64_t retryAfterSeconds);
 /// Status 400 with a plain text.

@@ -114,6 +114,21 @@ void IncomingBody::flush() {
   buffer_.clear();
 }
 
+bool IncomingBody::replay(const std::function<bool(std::string_view)>& sink) const {
+  if (fd_.isOpen()) {
+    const OwnedFd in(::open(file_.c_str(), O_RDONLY | O_CLOEXEC));
+    std::string piece(kBufferBytes, '\0');
+    for (;;) {
+      const ssize_t count = ::read(in.get(), piece.data(), piece.size());
+      if (count < 0 && errno == EINTR) continue;
+      if (count < 0) return false;
+      if (count == 0) break;
+      if (!sink(std::string_view(piece).substr(0, static_cast<std::size_t>(count)))) return false;
+    }
+  }
+  return buffer_.empty() || sink(buffer_);
+}
+
 std::int64_t storeContent(Store::Writer& writer, IncomingBody& body) {
   const std::string hash = body.digest();
   if (!body.fd_.isOpen()) {

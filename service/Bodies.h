@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,6 +41,8 @@ class IncomingBody {
 
   /// Throws DatabaseError when the disk refuses.
   void append(std::string_view bytes);
+  /// Hands over all bytes received so far. @return false when `sink` did, or the file cannot be read.
+  bool replay(const std::function<bool(std::string_view)>& sink) const;
   std::uint64_t sizeBytes() const { return hash_.sizeBytes(); }
   /// 32 raw bytes.
   std::string digest() const { return hash_.digest(); }

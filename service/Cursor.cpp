@@ -53,6 +53,20 @@ std::string signature(std::string_view payload, std::string_view secret) {
 
 }  // namespace
 
+std::string seal(std::string_view kind, std::string_view payload, std::string_view secret) {
+  std::string signedText(kind);
+  signedText += payload;
+  return std::string(kind) + base64UrlEncode(signature(signedText, secret) + std::string(payload));
+}
+
+bool unseal(std::string_view kind, std::string_view text, std::string_view secret, std::string& payload) {
+  if (text.substr(0, kind.size()) != kind) return false;
+  const auto bytes = base64UrlDecode(text.substr(kind.size()));
+  if (!bytes || bytes->size() < kSignatureBytes) return false;
+  payload = bytes->substr(kSignatureBytes);
+  return signature(std::string(kind) + payload, secret) == bytes->substr(0, kSignatureBytes);
+}
+
 std::string encodeCursor(const Cursor& cursor, std::string_view secret) {
   std::string payload(1, kVersion);
   put(payload, cursor.account);
@@ -66,16 +80,14 @@ std::string encodeCursor(const Cursor& cursor, std::string_view secret) {
   put(payload, cursor.seq);
   put(payload, cursor.afterId);
   put(payload, cursor.afterPath);
-  return "AA" + base64UrlEncode(signature(payload, secret) + payload);
+  return seal("AA", payload, secret);
 }
 
 bool decodeCursor(std::string_view text, std::string_view secret, Cursor& cursor) {
-  if (text.substr(0, 2) != "AA") return false;
-  const auto bytes = base64UrlDecode(text.substr(2));
-  if (!bytes || bytes->size() <= kSignatureBytes) return false;
-  std::string_view payload = std::string_view(*bytes).substr(kSignatureBytes);
-  if (signature(payload, secret) != bytes->substr(0, kSignatureBytes) || payload.front() != kVersion)
-    return false;
+  std::string bytes;
+  if (!unseal("AA", text, secret, bytes)) return false;
+  std::string_view payload = bytes;
+  if (payload.empty() || payload.front() != kVersion) return false;
   payload.remove_prefix(1);
   std::int64_t phase = 0;
   std::int64_t flags = 0;

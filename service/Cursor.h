@@ -30,6 +30,11 @@ struct Cursor {
   std::string afterPath;
 };
 
+/// Any bytes as signed URL-safe text, for cursors of other kinds. `kind` keeps the kinds apart.
+std::string seal(std::string_view kind, std::string_view payload, std::string_view secret);
+/// The inverse; false for a text that was never made by seal() with this kind and secret.
+bool unseal(std::string_view kind, std::string_view text, std::string_view secret, std::string& payload);
+
 /// URL-safe text. @param secret  signs it.
 std::string encodeCursor(const Cursor& cursor, std::string_view secret);
 

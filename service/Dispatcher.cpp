@@ -188,6 +188,11 @@ class Dispatcher::FaultRun {
 Dispatcher::Dispatcher(ServiceState& state) : state_(state) {
   addAccountRoutes(table_);
   addFilesReadRoutes(table_);
+  addDownloadRoutes(table_);
+  addSearchRoutes(table_);
+  addFilesWriteRoutes(table_);
+  addUploadRoutes(table_);
+  addSharingRoutes(table_);
   addSignInRoutes(table_, state_);
   addAuthorizePage(table_, state_);
   if (state_.options.admin) addAdminRoutes(table_, state_);

@@ -65,6 +65,11 @@ struct RouteTable {
 
 void addAccountRoutes(RouteTable& table);
 void addFilesReadRoutes(RouteTable& table);
+void addDownloadRoutes(RouteTable& table);
+void addSearchRoutes(RouteTable& table);
+void addFilesWriteRoutes(RouteTable& table);
+void addUploadRoutes(RouteTable& table);
+void addSharingRoutes(RouteTable& table);
 /// The token route.
 void addSignInRoutes(RouteTable& table, ServiceState& state);
 /// The page in the browser.

@@ -2,9 +2,11 @@
 #include <random>
 
 #include "service/ApiError.h"
+#include "service/Bodies.h"
 #include "service/Cursor.h"
 #include "service/Items.h"
 #include "service/Routes.h"
+#include "service/Thumbnails.h"
 
 namespace kzv::service {
 namespace {
@@ -24,7 +26,20 @@ Route route(std::string scope, std::function<Endpoint(const ArgReader&)> decode)
 struct MetadataArg {
   std::string path;
   bool includeDeleted = false;
+  bool includeMediaInfo = false;
 };
+
+// Width and height of a picture; anything else has no media_info.
+void writeMediaInfo(JsonText& json, Call& call, Database& database, const Entry& entry) {
+  if (entry.isFolder() || !hasPictureName(nameOf(entry.lower()))) return;
+  const auto body = BodyReader::open(call.state.store, database, entry.content());
+  const auto size = body ? readPictureSize(*body) : std::nullopt;
+  if (!size) return;
+  json.key("media_info").beginObject().field(".tag", "metadata").key("metadata").beginObject();
+  json.field(".tag", "photo").key("dimensions").beginObject();
+  json.field("height", std::int64_t{size->height}).field("width", std::int64_t{size->width}).endObject();
+  json.endObject().endObject();
+}
 
 void getMetadata(Call& call, const MetadataArg& arg) {
   Store::Reader reader(call.state.store);
@@ -32,7 +47,12 @@ void getMetadata(Call& call, const MetadataArg& arg) {
   const Located located = locate(call, tree, arg.path, "path");
   const ItemWriter items(call.state, located.root);
   if (located.entry) {
-    call.reply(items.json(*located.entry, true));
+    JsonText json;
+    json.beginObject().field(".tag", located.entry->isFolder() ? "folder" : "file");
+    items.writeFields(json, located.entry->view());
+    if (arg.includeMediaInfo) writeMediaInfo(json, call, reader.database(), *located.entry);
+    json.endObject();
+    call.reply(json.take());
     return;
   }
   const auto was = arg.includeDeleted ? tree.tombstone(located.path.lower) : std::nullopt;
@@ -47,7 +67,7 @@ Endpoint decodeGetMetadata(const ArgReader& reader) {
   arg.path = reader.path("path", PathForm::read);
   if (arg.path == "/") reader.fail("path", "The root folder is unsupported.");
   arg.includeDeleted = reader.boolean("include_deleted", false);
-  reader.boolean("include_media_info", false);
+  arg.includeMediaInfo = reader.boolean("include_media_info", false);
   reader.boolean("include_has_explicit_shared_members", false);
   reader.ignore({"include_property_groups"});
   reader.done();

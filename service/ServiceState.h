@@ -7,12 +7,14 @@
 
 #include "service/Accounts.h"
 #include "service/Clock.h"
+#include "service/CommitGate.h"
 #include "service/Faults.h"
 #include "service/Paths.h"
 #include "service/RequestLog.h"
 #include "service/ServiceOptions.h"
 #include "service/Store.h"
 #include "service/Tokens.h"
+#include "service/UploadSessions.h"
 
 namespace kzv::service {
 
@@ -61,7 +63,11 @@ struct Settings {
 /// Everything the routes work on. Each part is thread-safe by itself.
 struct ServiceState {
   explicit ServiceState(const ServiceOptions& given)
-      : options(given), store({given.dataFolder}, clock), accounts(store), tokens(store, clock) {
+      : options(given),
+        store({given.dataFolder}, clock),
+        accounts(store),
+        tokens(store, clock),
+        uploads(store) {
     settings.setApprove(given.approve);
     settings.cursorEpoch = store.loadEpoch();
   }
@@ -73,6 +79,8 @@ struct ServiceState {
   Store store;
   Accounts accounts;
   Tokens tokens;
+  UploadSessions uploads;
+  CommitGate commitGate;
   Faults faults;
   RequestLog requests;
   Settings settings;

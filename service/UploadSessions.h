@@ -1,0 +1,110 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "service/Bodies.h"
+#include "service/Store.h"
+
+namespace kzv::service {
+
+/// Uploads in pieces. Each session has a file of its own; its row in the database says how much of it counts,
+/// so a piece that broke off leaves nothing behind. Thread-safe: pieces of one sequential session queue up,
+/// those of a concurrent one are written in parallel. Errors: DatabaseError.
+class UploadSessions {
+ public:
+  static constexpr std::uint64_t kBlockBytes = 4194304;
+  static constexpr std::uint64_t kMaxBodyBytes = 157286400;
+  static constexpr std::uint64_t kMaxFileBytes = 2199019061248;
+
+  enum class Problem {
+    none,
+    notFound,
+    incorrectOffset,
+    closed,
+    notClosed,
+    tooLarge,
+    payloadTooLarge,
+    hashMismatch,
+    invalidOffset,
+    invalidDataSize,
+    dataNotAllowed,
+    notClosedConcurrent,
+    missingData,
+    incompleteBody,
+  };
+
+  struct Outcome {
+    Problem problem = Problem::none;
+    /// With incorrectOffset.
+    std::uint64_t correctOffset = 0;
+  };
+
+  /// Hands over the bytes of a piece; false when the connection broke.
+  using Body = std::function<bool(const std::function<bool(std::string_view)>& sink)>;
+
+  struct Piece {
+    std::string session;
+    std::int64_t account = 0;
+    std::uint64_t offset = 0;
+    bool close = false;
+    /// 64 hexadecimal digits, or empty: not checked.
+    std::string contentHash;
+    Body body;
+  };
+
+  explicit UploadSessions(Store& store);
+
+  /// @return the session's id.
+  std::string start(std::int64_t account, bool concurrent);
+  Outcome append(const Piece& piece);
+  /// Everything that was received, ready to be committed. The session is locked until `finished` is
+  /// destroyed.
+  struct Ready {
+    std::unique_lock<std::mutex> lock;
+    std::shared_ptr<void> keepAlive;
+    std::filesystem::path file;
+    std::uint64_t sizeBytes = 0;
+    std::string hash;
+  };
+  /// Appends the piece (not to a concurrent session), then checks that the session is complete.
+  /// @param mustBeClosed  batch commits need a closed session.
+  Outcome prepareFinish(const Piece& piece, bool mustBeClosed, Ready& ready);
+  /// The session is used up; to be called after the commit, before `ready` goes.
+  void remove(const std::string& session);
+
+ private:
+  struct Session {
+    std::mutex mutex;
+    // Guarded by mutex, as is the session's file.
+    std::optional<ContentHash> hash;
+  };
+  struct Row {
+    bool concurrent = false;
+    std::uint64_t sizeBytes = 0;
+    bool closed = false;
+  };
+
+  std::filesystem::path file(const std::string& session) const { return store_.sessionsFolder() / session; }
+  std::shared_ptr<Session> lockable(const std::string& session);
+  std::optional<Row> row(const std::string& session, std::int64_t account);
+  Outcome appendSequential(const Piece& piece, Session& session, const Row& row);
+  Outcome appendConcurrent(const Piece& piece, Session& session);
+  Outcome receive(const Piece& piece, std::uint64_t offset, std::uint64_t maxBytes, ContentHash& whole,
+                  std::uint64_t& received);
+  void keep(const std::string& session, std::uint64_t sizeBytes, bool close);
+  bool isComplete(const std::string& session, std::uint64_t sizeBytes);
+  void removeExpired();
+
+  Store& store_;
+  std::mutex mutex_;
+  std::map<std::string, std::shared_ptr<Session>> sessions_;  // guarded by mutex_
+};
+
+}  // namespace kzv::service
