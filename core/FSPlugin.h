@@ -49,6 +49,27 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   virtual std::optional<FSItems> contentAtPath(const std::string& path, bool recursive, bool showHidden,
                                                NSErrorRef* error) = 0;
 
+  // Transfer and tree changes. A read-only file system keeps these defaults, which fail with "not supported".
+  /// A local copy of a file or folder, kept as long as its user holds it; hand every URL back with
+  /// releaseFileUrl.
+  virtual std::shared_ptr<NSURL> requestFileUrl(const std::string& path, ProgressCallback progress,
+                                                NSErrorRef* error);
+  virtual void releaseFileUrl(const NSURL& url);
+  /// Stores a local file under the remote path `path`. True once the file system has it.
+  virtual bool writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
+                         NSErrorRef* error);
+  /// Removes a file, or a folder with everything in it.
+  virtual bool removeItemAtPath(const std::string& path, NSErrorRef* error);
+  /// Moves or renames; `to` is the full new path. `attributes` may be empty.
+  virtual bool moveFromPath(const std::string& path, const std::string& to,
+                            const std::shared_ptr<NSDictionary>& attributes, ProgressCallback progress,
+                            NSErrorRef* error);
+  /// Makes a folder; one that exists is fine. `attributes` may be empty.
+  virtual bool createDirectoryAtPath(const std::string& path, const std::shared_ptr<NSDictionary>& attributes,
+                                     NSErrorRef* error);
+  /// Size and free space in bytes: NSFileSystemSize, NSFileSystemFreeSize (which may be negative).
+  virtual std::shared_ptr<NSDictionary> fsAttributes(const std::string& path, NSErrorRef* error);
+
   // Watching. A file system that cannot be watched keeps these defaults.
   /// Calls the item's change callback, on the main queue, whenever the folder has changed, until
   /// stopWatchFolder with the same object. Watching a file does nothing. Call these three from one thread at
