@@ -131,7 +131,7 @@ ServiceRequest rpcRequest(std::string route, const boost::json::object& argument
 ServiceRequest readingRequest(std::string route, const boost::json::object& argument,
                               RequestDescription about) {
   ServiceRequest request = rpcRequest(std::move(route), argument, std::move(about));
-  request.repeatable = true;
+  request.repeat = ServiceRequest::Repeat::always;
   return request;
 }
 

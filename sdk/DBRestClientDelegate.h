@@ -41,6 +41,7 @@ class DBRestClientDelegate {
   virtual void loadFileFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
   virtual void loadProgress(DBRestClient& /*client*/, double /*fraction*/, const std::string& /*localPath*/) {
   }
+  /// `metadata` is null where the service sent none.
   virtual void loadedThumbnail(DBRestClient& /*client*/, const std::string& /*localPath*/,
                                const MetadataRef& /*metadata*/) {}
   virtual void loadThumbnailFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}

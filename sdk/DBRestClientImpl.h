@@ -11,6 +11,7 @@
 
 #include "sdk/DBRestClient.h"
 #include "sdk/ServiceCall.h"
+#include "sdk/UploadSessions.h"
 
 /// One operation of a client from its start to its callback. Its steps run on the thread of the callbacks.
 struct Operation {
@@ -58,6 +59,8 @@ class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Imp
   void performLater(const OperationRef& operation, std::function<void()> step);
   void cancelAll();
   void forgetOwner();
+
+  UploadSessions uploads;  // the thread of the callbacks only
 
   const std::shared_ptr<DBSession>& session() const noexcept { return session_; }
   const std::optional<std::string>& userId() const noexcept { return userId_; }

@@ -46,7 +46,7 @@ ServiceRequest accountRequest(std::string route, const RequestDescription& about
   ServiceRequest request;
   request.style = ServiceRequest::Style::rpcWithoutArgument;
   request.route = std::move(route);
-  request.repeatable = true;
+  request.repeat = ServiceRequest::Repeat::always;
   request.about = about;
   return request;
 }

@@ -153,7 +153,7 @@ void DBSession::Internals::revoke(DBCredential credential) {
   ServiceRequest request;
   request.style = ServiceRequest::Style::rpcWithoutArgument;
   request.route = "auth/token/revoke";
-  request.repeatable = true;
+  request.repeat = ServiceRequest::Repeat::always;
   request.about.action = "revoke the authorization of the account";
   ServiceCall::start(shared_from_this(), {"", credential.accessToken}, std::move(request), nullptr,
                      [work = backgroundWork()](ServiceAnswer& answer) {

@@ -1,13 +1,10 @@
 #include "sdk/RecordReader.h"
 
 #include <algorithm>
-#include <array>
 
-#include <openssl/evp.h>
-
-#include "foundation/Fatal.h"
 #include "foundation/Paths.h"
 #include "foundation/Unicode.h"
+#include "sdk/ContentHash.h"
 #include "sdk/IconNames.h"
 #include "sdk/ServiceJson.h"
 
@@ -154,24 +151,12 @@ std::shared_ptr<const DBMetadata::Contents> ListingBuilder::contents() {
 }
 
 std::string ListingBuilder::hash() const {
-  const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> digest(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-  if (!digest || EVP_DigestInit_ex(digest.get(), EVP_sha256(), nullptr) != 1) {
-    fatalInvariant("the crypto library knows SHA-256");
-  }
-  const auto add = [&](std::string_view text) { EVP_DigestUpdate(digest.get(), text.data(), text.size()); };
+  Sha256 digest;
   for (const Child& child : children_) {
-    add(child.key);
-    add(std::string_view("\0", 1));
-    add(child.record->isDirectory() ? std::string("folder") : child.record->rev());
-    add(std::string_view("\n", 1));
+    digest.update(child.key);
+    digest.update(std::string_view("\0", 1));
+    digest.update(child.record->isDirectory() ? std::string("folder") : child.record->rev());
+    digest.update("\n");
   }
-  std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
-  unsigned size = 0;
-  EVP_DigestFinal_ex(digest.get(), bytes.data(), &size);
-  std::string text;
-  for (unsigned i = 0; i < size; ++i) {
-    text += "0123456789abcdef"[bytes[i] >> 4];
-    text += "0123456789abcdef"[bytes[i] & 15];
-  }
-  return text;
+  return hexadecimal(digest.finish());
 }

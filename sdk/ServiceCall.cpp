@@ -172,7 +172,12 @@ void ServiceCall::tokenRenewed(const TokenRefresh::Outcome& outcome, HttpRespons
 
 /// True when the request will be sent again.
 bool ServiceCall::repeatLater(const HttpResponse& response) {
-  if (!request_.repeatable) return false;
+  const bool wasRefused =
+      (response.status == 429 || response.status == 503) && response.retryAfterSeconds.has_value();
+  if (request_.repeat == ServiceRequest::Repeat::never ||
+      (request_.repeat == ServiceRequest::Repeat::whenRefused && !wasRefused)) {
+    return false;
+  }
   const auto wait = retryPolicy_.waitBeforeRepeating(response, randomFraction());
   if (!wait) return false;
   timer_ = session_->network->performAfter(*wait, [self = shared_from_this()] {

@@ -22,9 +22,14 @@ struct ServiceRequest {
     token             // form in the body, no authorization; api host
   };
   Style style = Style::rpc;
-  std::string route;        // "files/get_metadata"
-  std::string argument;     // JSON in printable ASCII, or a form
-  bool repeatable = false;  // carrying it out twice does no harm
+  std::string route;     // "files/get_metadata"
+  std::string argument;  // JSON in printable ASCII, or a form
+  enum class Repeat {
+    never,
+    whenRefused,  // after an answer that says it was not carried out (429 or 503, with a time to wait)
+    always        // carrying it out twice does no harm
+  };
+  Repeat repeat = Repeat::never;
   RequestDescription about;
   std::shared_ptr<BodySource> source{};
   std::shared_ptr<BodySink> sink{};

@@ -50,6 +50,8 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
   std::vector<std::string> userIds() const;
   bool hasUserId(std::string_view userId) const;
   void setDelegate(DBSessionDelegate* newDelegate);
+  /// Counts as background work until it is let go of.
+  std::shared_ptr<void> backgroundWork();
   void waitForBackgroundWork(double seconds);
 
  private:
@@ -58,8 +60,6 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
     std::uint64_t linking = 0;
     bool failureNoted = false;
   };
-  /// Counts as background work from construction to destruction.
-  std::shared_ptr<void> backgroundWork();
   void revoke(DBCredential credential);
   Account* find(std::string_view userId);
   const Account* find(std::string_view userId) const;

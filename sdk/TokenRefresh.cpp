@@ -22,7 +22,7 @@ ServiceRequest refreshRequest(const DBSession::Internals& session, const std::st
                                {"refresh_token", refreshToken},
                                {"client_id", session.appKey},
                                {"client_secret", session.appSecret}});
-  request.repeatable = true;
+  request.repeat = ServiceRequest::Repeat::always;
   request.about.action = "renew the authorization of the account";
   return request;
 }

@@ -26,7 +26,7 @@ class RestClient : public ClientFixture {
 };
 
 TEST_F(RestClient, FolderTakesItsOwnCaseFromItsRecordAndItsChildrensFromTheFolder) {
-  serve([](const ScriptedRequest& request) {
+  const auto serving = serve([](const ScriptedRequest& request) {
     if (request.route == metadataRoute) return jsonReply(folderJson("/x/DOCS"));
     if (request.route == continueRoute) return jsonReply(pageJson(fileJson("/X/docs/a.txt"), "c2"));
     return jsonReply(pageJson(folderJson("/x/docs/Zoo") + "," + fileJson("/x/docs/B.txt"), "c1", true));
@@ -41,7 +41,7 @@ TEST_F(RestClient, FolderTakesItsOwnCaseFromItsRecordAndItsChildrensFromTheFolde
 }
 
 TEST_F(RestClient, RootIsListedWithoutARecordOfItsOwn) {
-  serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
+  const auto serving = serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
   ASSERT_EQ(outcomeOf("/"), "metadata /");
   EXPECT_TRUE(delegate.lastMetadata()->isDirectory());
   ASSERT_TRUE(delegate.lastMetadata()->contents());
@@ -50,7 +50,7 @@ TEST_F(RestClient, RootIsListedWithoutARecordOfItsOwn) {
 }
 
 TEST_F(RestClient, ListingChangedMeanwhileShowsEachItemOnceAndNoDeletedOnes) {
-  serve([](const ScriptedRequest& request) {
+  const auto serving = serve([](const ScriptedRequest& request) {
     if (request.route != continueRoute) {
       return jsonReply(pageJson(fileJson("/a", "111111111") + "," + fileJson("/b"), "c", true));
     }
@@ -91,7 +91,7 @@ TEST_F(RestClient, WhatThePathHoldsDecidesTheOutcome) {
   };
   const Case* current = nullptr;
   std::mutex mutex;
-  serve([&](const ScriptedRequest& request) {
+  const auto serving = serve([&](const ScriptedRequest& request) {
     const std::lock_guard lock(mutex);
     return request.route == metadataRoute ? current->record : current->listing;
   });
@@ -106,7 +106,7 @@ TEST_F(RestClient, WhatThePathHoldsDecidesTheOutcome) {
 }
 
 TEST_F(RestClient, ErrorSaysWhatFailedWhereAndWhy) {
-  serve([](const ScriptedRequest&) { return errorReply(409, {"path", "not_found"}); });
+  const auto serving = serve([](const ScriptedRequest&) { return errorReply(409, {"path", "not_found"}); });
   ASSERT_EQ(outcomeOf("/Docs/gone"), "error 404");
   const NSErrorRef error = delegate.lastError();
   EXPECT_EQ(error->domain(), DBErrorDomain);
@@ -118,7 +118,7 @@ TEST_F(RestClient, ErrorSaysWhatFailedWhereAndWhy) {
 }
 
 TEST_F(RestClient, UnacceptablePathsFailWithoutARequest) {
-  serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
+  const auto serving = serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
   const std::string paths[] = {"", "docs", "id:abc", "/a\xff", std::string("/a\0b", 4)};
   for (const std::string& path : paths) EXPECT_EQ(outcomeOf(path), "error 400") << path;
   EXPECT_TRUE(server->requests().empty());
@@ -153,7 +153,7 @@ TEST_F(RestClient, PassingTroubleIsSurvivedAndLastingTroubleIsReported) {
   std::atomic<int> troubles{0};
   const Case* current = nullptr;
   std::mutex mutex;
-  serve([&](const ScriptedRequest&) {
+  const auto serving = serve([&](const ScriptedRequest&) {
     const std::lock_guard lock(mutex);
     return troubles++ < current->times ? current->trouble : jsonReply(pageJson(""));
   });
@@ -174,7 +174,7 @@ TEST_F(RestClient, PassingTroubleIsSurvivedAndLastingTroubleIsReported) {
 
 TEST_F(RestClient, LostCursorStartsTheListingAgainOnce) {
   std::atomic<bool> lost{false};
-  serve([&](const ScriptedRequest& request) {
+  const auto serving = serve([&](const ScriptedRequest& request) {
     if (request.route != continueRoute) return jsonReply(pageJson(fileJson("/a"), "c", true));
     return lost.exchange(true) ? jsonReply(pageJson(fileJson("/b"))) : errorReply(409, {"reset"});
   });
@@ -185,7 +185,7 @@ TEST_F(RestClient, LostCursorStartsTheListingAgainOnce) {
 
 TEST_F(RestClient, SilentServerBecomesAnError) {
   NetworkThread::setTimeouts(std::chrono::seconds(30), std::chrono::seconds(1));
-  serve([](const ScriptedRequest&) { return ScriptedReply{.stall = true}; });
+  const auto serving = serve([](const ScriptedRequest&) { return ScriptedReply{.stall = true}; });
   EXPECT_EQ(outcomeOf("/"), "error -28");
   NetworkThread::setTimeouts(std::chrono::seconds(30), std::chrono::seconds(60));
 }
@@ -193,7 +193,7 @@ TEST_F(RestClient, SilentServerBecomesAnError) {
 TEST_F(RestClient, ExpiredTokenIsRenewedOnceForAllWhoNeedIt) {
   constexpr int clients = 8;
   std::atomic<int> refused{0};
-  serve([&](const ScriptedRequest& request) {
+  const auto serving = serve([&](const ScriptedRequest& request) {
     if (request.route == tokenRoute) {
       return jsonReply(R"({"access_token":"token-2","token_type":"bearer","expires_in":14400})");
     }
@@ -221,7 +221,7 @@ TEST_F(RestClient, ExpiredTokenIsRenewedOnceForAllWhoNeedIt) {
 }
 
 TEST_F(RestClient, TokenThatEndsSoonIsRenewedBeforeItIsUsed) {
-  serve([](const ScriptedRequest& request) {
+  const auto serving = serve([](const ScriptedRequest& request) {
     if (request.route == tokenRoute) return jsonReply(R"({"access_token":"token-2","expires_in":14400})");
     return request.headers.at("authorization") == "Bearer token-2" ? jsonReply(pageJson(""))
                                                                    : errorReply(401, {"user_suspended"});
@@ -260,7 +260,7 @@ TEST_F(RestClient, WithdrawnAuthorizationIsReportedOncePerLinkingAndAfterTheFail
   };
   const Case* current = nullptr;
   std::mutex mutex;
-  serve([&](const ScriptedRequest& request) {
+  const auto serving = serve([&](const ScriptedRequest& request) {
     const std::lock_guard lock(mutex);
     return request.route == tokenRoute ? current->renewal : current->refusal;
   });
@@ -283,7 +283,7 @@ TEST_F(RestClient, WithdrawnAuthorizationIsReportedOncePerLinkingAndAfterTheFail
 }
 
 TEST_F(RestClient, AccountThatIsNotLinkedCostsNoRequest) {
-  serve([](const ScriptedRequest&) { return jsonReply("null"); });
+  const auto serving = serve([](const ScriptedRequest&) { return jsonReply("null"); });
   session->unlinkUserId(userId);
   session->waitForBackgroundWork(20);
   EXPECT_EQ(server->count("/2/auth/token/revoke"), 1);
@@ -302,7 +302,7 @@ TEST_F(RestClient, CancelledRequestsEndAtOnceAndCallNobody) {
                         {"waiting as told", {429, "", {"Retry-After: 30"}}}};
   const Case* current = nullptr;
   std::mutex mutex;
-  serve([&](const ScriptedRequest&) {
+  const auto serving = serve([&](const ScriptedRequest&) {
     const std::lock_guard lock(mutex);
     return current->reply;
   });
@@ -325,7 +325,7 @@ TEST_F(RestClient, CancelledRequestsEndAtOnceAndCallNobody) {
 }
 
 TEST_F(RestClient, NoCallbackArrivesAfterCancelEvenWhenTheAnswerIsThere) {
-  serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
+  const auto serving = serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
   for (int round = 0; round < 200; ++round) {
     callbacks.run([&] {
       client->loadMetadata("/");
@@ -340,7 +340,7 @@ TEST_F(RestClient, NoCallbackArrivesAfterCancelEvenWhenTheAnswerIsThere) {
 }
 
 TEST_F(RestClient, DestroyingAClientOnAnotherThreadEndsItsRequests) {
-  serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
+  const auto serving = serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
   for (int round = 0; round < 100; ++round) {
     auto other = makeClient();
     callbacks.run([&] { other->loadMetadata("/"); });
@@ -351,7 +351,7 @@ TEST_F(RestClient, DestroyingAClientOnAnotherThreadEndsItsRequests) {
 }
 
 TEST_F(RestClient, DeltaBeginsWithTheNewestCursorAndStartsAgainWhenItIsLost) {
-  serve([](const ScriptedRequest& request) {
+  const auto serving = serve([](const ScriptedRequest& request) {
     if (request.route == "/2/files/list_folder/get_latest_cursor") return jsonReply(R"({"cursor":"new"})");
     if (request.body.find("lost") != std::string::npos) return errorReply(409, {"reset"});
     return jsonReply(pageJson(fileJson("/Docs/A.txt") + "," + folderJson("/Docs") +
@@ -388,7 +388,7 @@ TEST_F(RestClient, AccountInformationNamesTheRightLimit) {
       {"no allocation", R"({"used":7})", "error 101"},
   };
   std::atomic<const Case*> current{nullptr};
-  serve([&](const ScriptedRequest& request) {
+  const auto serving = serve([&](const ScriptedRequest& request) {
     if (request.route == "/2/users/get_space_usage") return jsonReply(current.load()->usage);
     return jsonReply(R"({"account_id":"u1","name":{"display_name":"Sam"}})");
   });
@@ -405,7 +405,7 @@ TEST_F(RestClient, AccountInformationNamesTheRightLimit) {
 }
 
 TEST_F(RestClient, AdoptedTokenLinksTheAccountItBelongsTo) {
-  serve([](const ScriptedRequest& request) {
+  const auto serving = serve([](const ScriptedRequest& request) {
     if (request.headers.at("authorization") == "Bearer good") return jsonReply(R"({"account_id":"u2"})");
     return errorReply(401, {"invalid_access_token"});
   });

@@ -116,7 +116,7 @@ NSErrorRef NotingDelegate::lastError() const {
   return error_;
 }
 
-void ClientFixture::serve(ScriptedServer::Handler handler) {
+std::shared_ptr<void> ClientFixture::serve(ScriptedServer::Handler handler) {
   server = std::make_unique<ScriptedServer>(std::move(handler));
   ::setenv("KZV_HOME", home.path().c_str(), 1);
   ::setenv("KZV_TOKEN_STORE", "file", 1);
@@ -125,6 +125,7 @@ void ClientFixture::serve(ScriptedServer::Handler handler) {
   session->setDelegate(&delegate);
   link({userId, "token-1", "refresh-1", 0});
   client = makeClient();
+  return {nullptr, [this](void*) { server.reset(); }};
 }
 
 void ClientFixture::link(const DBCredential& credential) {

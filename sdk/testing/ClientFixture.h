@@ -73,8 +73,9 @@ class NotingDelegate : public DBRestClientDelegate, public DBSessionDelegate {
 class ClientFixture : public ::testing::Test {
  protected:
   static constexpr const char* userId = "u1";
-  /// Starts the server; replies are the handler's. Call once.
-  void serve(ScriptedServer::Handler handler);
+  /// Starts the server; replies are the handler's. Call once. The server ends with what is returned, so that
+  /// a handler may use what the test declared before.
+  [[nodiscard]] std::shared_ptr<void> serve(ScriptedServer::Handler handler);
   void link(const DBCredential& credential);
   std::shared_ptr<DBRestClient> makeClient(std::optional<std::string> forUser = userId);
   void loadMetadata(const std::string& path);

@@ -1,0 +1,196 @@
+#include <algorithm>
+#include <utility>
+
+#include "foundation/DispatchQueue.h"
+#include "foundation/Paths.h"
+#include "sdk/DBError.h"
+#include "sdk/DBRestClientImpl.h"
+#include "sdk/LocalFile.h"
+#include "sdk/RecordReader.h"
+#include "sdk/ServiceJson.h"
+
+namespace json = boost::json;
+using servicejson::Document;
+
+namespace {
+
+struct ThumbnailSize {
+  std::string_view name;
+  std::string_view serviceName;
+};
+constexpr ThumbnailSize thumbnailSizes[] = {
+    {"xs", "w32h32"}, {"s", "w64h64"}, {"m", "w128h128"}, {"l", "w640h480"}, {"xl", "w1024h768"}};
+
+bool isAcceptableTarget(std::string_view path) {
+  return path.starts_with('/') && !path.ends_with('/') && path.find('\0') == std::string_view::npos;
+}
+
+/// Brings the body of one answer into a local file. What differs between a file and its preview is given by
+/// the two callbacks of the derived class.
+class Download : public std::enable_shared_from_this<Download> {
+ public:
+  Download(std::shared_ptr<DBRestClient::Impl> client, std::string path, std::string intoPath,
+           std::string action)
+      : client_(std::move(client)),
+        operation_(client_->beginOperation()),
+        about_{std::move(action), path},
+        path_(servicePath(path)),
+        intoPath_(std::move(intoPath)) {}
+  virtual ~Download() = default;
+
+  void start() {
+    if (!path_ || path_->empty()) return failLater(unacceptablePathError(about_));
+    if (!isAcceptableTarget(intoPath_)) {
+      return failLater(requestError(DBErrorLocalFile, "there is no such place on this computer", about_));
+    }
+    auto request = makeRequest();
+    if (!request) return failLater(requestError(400, "there is no preview of this size", about_));
+    sink_ = std::make_shared<FileSink>(intoPath_, progressReceiver());
+    request->style = ServiceRequest::Style::contentDownload;
+    request->sink = sink_;
+    client_->send(operation_, std::move(*request),
+                  [self = shared_from_this()](ServiceAnswer& answer) { self->received(answer); });
+  }
+
+ protected:
+  virtual std::optional<ServiceRequest> makeRequest() const = 0;
+  /// Progress reports, or nothing.
+  virtual std::function<void(std::int64_t, std::int64_t)> progressReceiver() { return {}; }
+  /// Reads what the answer says of the file; null when the content is as it should be.
+  virtual NSErrorRef check(const json::object* description, FileSink& sink) = 0;
+  virtual void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) = 0;
+  virtual void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) = 0;
+
+  std::shared_ptr<const std::string> folderPath() const {
+    return std::make_shared<const std::string>(deletingLastPathComponent(*path_));
+  }
+
+  const std::shared_ptr<DBRestClient::Impl> client_;
+  const DBRestClient::Impl::OperationRef operation_;
+  const RequestDescription about_;
+  const std::optional<std::string> path_;
+  const std::string intoPath_;
+
+ private:
+  void failLater(NSErrorRef error) {
+    client_->performLater(operation_, [self = shared_from_this(), error] { self->fail({{}, error, {}}); });
+  }
+
+  void received(ServiceAnswer& answer) {
+    if (sink_->failure()) answer.error = sink_->failure();
+    if (answer.error) return fail(answer);
+    const auto description = Document::parse(answer.response.apiResult);
+    if (const NSErrorRef error = check(description ? &description->root() : nullptr, *sink_)) {
+      return fail({{}, error, {}});
+    }
+    // Syncing may take long, and neither the callbacks' thread nor the network may wait for the disk.
+    DispatchQueue::global().async([self = shared_from_this()] {
+      if (self->operation_->cancelled) return;
+      NSErrorRef error;
+      self->sink_->keep(&error);
+      self->client_->performLater(self->operation_, [self, error] { self->kept(error); });
+    });
+  }
+
+  void kept(const NSErrorRef& error) {
+    if (error) return fail({{}, error, {}});
+    client_->finish(operation_, [this](DBRestClientDelegate& delegate, DBRestClient& client) {
+      tellSuccess(delegate, client);
+    });
+  }
+
+  void fail(const ServiceAnswer& answer) {
+    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      tellFailure(delegate, client, answer.error);
+    });
+  }
+
+  std::shared_ptr<FileSink> sink_;
+};
+
+class FileDownload final : public Download {
+ public:
+  FileDownload(std::shared_ptr<DBRestClient::Impl> client, const std::string& path, std::string intoPath)
+      : Download(std::move(client), path, std::move(intoPath), "download") {}
+
+ private:
+  std::optional<ServiceRequest> makeRequest() const override {
+    return readingRequest("files/download", {{"path", *path_}}, about_);
+  }
+
+  std::function<void(std::int64_t, std::int64_t)> progressReceiver() override {
+    auto report = [client = client_, operation = operation_, path = intoPath_](double fraction) {
+      if (operation->cancelled) return;
+      client->notify([&](DBRestClientDelegate& delegate, DBRestClient& owner) {
+        delegate.loadProgress(owner, fraction, path);
+      });
+    };
+    auto post = [runLoop = operation_->runLoop](std::function<void()> block) {
+      runLoop->perform(std::move(block));
+    };
+    auto meter = std::make_shared<ProgressMeter>(std::move(post), std::move(report));
+    return [meter](std::int64_t done, std::int64_t total) { meter->reached(done, total); };
+  }
+
+  NSErrorRef check(const json::object* description, FileSink& sink) override {
+    if (!description) return nullptr;  // libcurl has compared the number of bytes
+    const auto hash = servicejson::text(*description, "content_hash");
+    const auto size = servicejson::integer(*description, "size");
+    const bool isWhole = (!size || *size == sink.receivedBytes()) && (!hash || *hash == sink.contentHash());
+    if (isWhole) return nullptr;
+    return requestError(DBErrorInvalidResponse, "the content was damaged on its way", about_);
+  }
+
+  void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) override {
+    delegate.loadedFile(client, intoPath_);
+  }
+  void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.loadFileFailedWithError(client, error);
+  }
+};
+
+class ThumbnailDownload final : public Download {
+ public:
+  ThumbnailDownload(std::shared_ptr<DBRestClient::Impl> client, const std::string& path,
+                    std::string_view size, std::string intoPath)
+      : Download(std::move(client), path, std::move(intoPath), "load the preview of"), size_(size) {}
+
+ private:
+  std::optional<ServiceRequest> makeRequest() const override {
+    const auto size = std::find_if(std::begin(thumbnailSizes), std::end(thumbnailSizes),
+                                   [&](const ThumbnailSize& known) { return known.name == size_; });
+    if (size == std::end(thumbnailSizes)) return std::nullopt;
+    const json::object resource{{".tag", "path"}, {"path", *path_}};
+    return readingRequest(
+        "files/get_thumbnail_v2",
+        {{"resource", resource}, {"format", "jpeg"}, {"size", size->serviceName}, {"mode", "strict"}},
+        about_);
+  }
+
+  NSErrorRef check(const json::object* description, FileSink&) override {
+    const json::object* file = description ? servicejson::object(*description, "file_metadata") : nullptr;
+    if (file) record_ = RecordReader().record(*file, folderPath(), RecordReader::Kind::file);
+    return nullptr;
+  }
+
+  void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) override {
+    delegate.loadedThumbnail(client, intoPath_, record_);
+  }
+  void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.loadThumbnailFailedWithError(client, error);
+  }
+
+  const std::string size_;
+  RecordReader::RecordRef record_;
+};
+
+}  // namespace
+
+void DBRestClient::loadFile(const std::string& path, const std::string& intoPath) {
+  std::make_shared<FileDownload>(impl_, path, intoPath)->start();
+}
+
+void DBRestClient::loadThumbnail(const std::string& path, const std::string& size,
+                                 const std::string& intoPath) {
+  std::make_shared<ThumbnailDownload>(impl_, path, size, intoPath)->start();
+}

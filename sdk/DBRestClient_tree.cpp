@@ -1,0 +1,198 @@
+#include <atomic>
+#include <random>
+#include <utility>
+
+#include "foundation/Paths.h"
+#include "foundation/Unicode.h"
+#include "sdk/ContentHash.h"
+#include "sdk/DBRestClientImpl.h"
+#include "sdk/RecordReader.h"
+#include "sdk/ServiceJson.h"
+#include "sdk/SessionInternals.h"
+
+namespace json = boost::json;
+using servicejson::Document;
+
+namespace {
+
+using ImplRef = std::shared_ptr<DBRestClient::Impl>;
+using OperationRef = DBRestClient::Impl::OperationRef;
+using RecordRef = DBRestClientDelegate::MetadataRef;
+
+ServiceRequest changingRequest(std::string route, const json::object& argument, RequestDescription about) {
+  ServiceRequest request = rpcRequest(std::move(route), argument, std::move(about));
+  request.repeat = ServiceRequest::Repeat::whenRefused;
+  return request;
+}
+
+/// The record in an answer's "metadata", below the folder of `path`.
+RecordRef recordAt(const std::string& path, const HttpResponse& response, RecordReader::Kind kind) {
+  const auto document = Document::parse(response.body);
+  const json::object* metadata = document ? servicejson::object(document->root(), "metadata") : nullptr;
+  if (!metadata) return nullptr;
+  return RecordReader().record(*metadata,
+                               std::make_shared<const std::string>(deletingLastPathComponent(path)), kind);
+}
+
+/// A move from one path to another. A new name that differs from the old one in letter case only is the same
+/// name to the service, so the item takes a detour through a name of its own beside the target. Once it has
+/// left its old name the second half is carried out whatever becomes of the client: nobody would look for it
+/// under the other name.
+class Move : public std::enable_shared_from_this<Move> {
+ public:
+  Move(ImplRef client, const std::string& from, const std::string& to)
+      : client_(std::move(client)),
+        operation_(client_->beginOperation()),
+        about_{"move", from},
+        fromPath_(from),
+        from_(servicePath(from)),
+        to_(servicePath(to)) {}
+
+  void start() {
+    if (!from_ || !to_ || from_->empty() || to_->empty()) {
+      const NSErrorRef error = unacceptablePathError(about_);
+      client_->performLater(operation_, [self = shared_from_this(), error] { self->fail({{}, error, {}}); });
+    } else if (*from_ != *to_ && lowercased(*from_) == lowercased(*to_)) {
+      startDetour();
+    } else {
+      client_->send(operation_, request(*from_, *to_),
+                    [self = shared_from_this()](ServiceAnswer& answer) { self->ended(answer); });
+    }
+  }
+
+ private:
+  ServiceRequest request(const std::string& from, const std::string& to) const {
+    return changingRequest(
+        "files/move_v2",
+        {{"from_path", from}, {"to_path", to}, {"autorename", false}, {"allow_ownership_transfer", false}},
+        about_);
+  }
+
+  static std::string nameForDetour(const std::string& target) {
+    std::random_device random;
+    return target + " (renaming " + std::to_string(random()) + ")";
+  }
+
+  /// Sends outside of the operation, so that cancelling it does not stop halfway.
+  void sendUncancelled(const std::string& from, const std::string& to, void (Move::*next)(ServiceAnswer&)) {
+    ServiceCall::start(
+        client_->session()->internals().shared_from_this(), {client_->userId().value_or(""), ""},
+        request(from, to), nullptr,
+        [self = shared_from_this(), next](ServiceAnswer& answer) { (self.get()->*next)(answer); });
+  }
+
+  void startDetour() {
+    if (!client_->userId() || client_->userId()->empty()) {
+      client_->send(operation_, request(*from_, *to_),  // ends as every request without an account
+                    [self = shared_from_this()](ServiceAnswer& answer) { self->ended(answer); });
+      return;
+    }
+    work_ = client_->session()->internals().backgroundWork();
+    detour_ = nameForDetour(*to_);
+    sendUncancelled(*from_, detour_, &Move::leftOldName);
+  }
+
+  void leftOldName(ServiceAnswer& answer) {
+    if (answer.error) return deliver(answer);
+    sendUncancelled(detour_, *to_, &Move::arrived);
+  }
+
+  void arrived(ServiceAnswer& answer) {
+    if (!answer.error) return deliver(answer);
+    failure_ = std::move(answer);
+    sendUncancelled(detour_, *from_, &Move::cameBack);
+  }
+
+  void cameBack(ServiceAnswer& answer) {
+    if (answer.error) {
+      failure_.error = requestError(
+          static_cast<int>(failure_.error->code()),
+          "the item is now named \"" + lastPathComponent(detour_) + "\" and could not be named back", about_);
+    }
+    deliver(failure_);
+  }
+
+  /// From the network thread to the thread of the callbacks.
+  void deliver(ServiceAnswer& answer) {
+    client_->performLater(operation_, [self = shared_from_this(), answer] { self->ended(answer); });
+    work_.reset();
+  }
+
+  void ended(const ServiceAnswer& answer) {
+    if (answer.error) return fail(answer);
+    const RecordRef record = recordAt(*to_, answer.response, RecordReader::Kind::byTag);
+    if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
+    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.movedPath(client, fromPath_, record);
+    });
+  }
+
+  void fail(const ServiceAnswer& answer) {
+    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.movePathFailedWithError(client, answer.error);
+    });
+  }
+
+  const ImplRef client_;
+  const OperationRef operation_;
+  const RequestDescription about_;
+  const std::string fromPath_;
+  const std::optional<std::string> from_;
+  const std::optional<std::string> to_;
+  std::string detour_;
+  ServiceAnswer failure_;
+  std::shared_ptr<void> work_;  // a program that ends waits for the second half
+};
+
+}  // namespace
+
+void DBRestClient::createFolder(const std::string& path) {
+  const auto operation = impl_->beginOperation();
+  const RequestDescription about{"create the folder", path};
+  const auto fail = [impl = impl_, operation](const ServiceAnswer& answer) {
+    impl->fail(operation, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.createFolderFailedWithError(client, answer.error);
+    });
+  };
+  const auto target = servicePath(path);
+  if (!target || target->empty()) {
+    impl_->performLater(operation, [fail, about] { fail({{}, unacceptablePathError(about), {}}); });
+    return;
+  }
+  impl_->send(operation,
+              changingRequest("files/create_folder_v2", {{"path", *target}, {"autorename", false}}, about),
+              [impl = impl_, operation, fail, about, target](ServiceAnswer& answer) {
+                if (answer.error) return fail(answer);
+                const RecordRef record = recordAt(*target, answer.response, RecordReader::Kind::folder);
+                if (!record) return fail({{}, invalidResponseError(answer.response, about), {}});
+                impl->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+                  delegate.createdFolder(client, record);
+                });
+              });
+}
+
+void DBRestClient::deletePath(const std::string& path) {
+  const auto operation = impl_->beginOperation();
+  const RequestDescription about{"delete", path};
+  const auto fail = [impl = impl_, operation](const ServiceAnswer& answer) {
+    impl->fail(operation, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.deletePathFailedWithError(client, answer.error);
+    });
+  };
+  const auto target = servicePath(path);
+  if (!target || target->empty()) {
+    impl_->performLater(operation, [fail, about] { fail({{}, unacceptablePathError(about), {}}); });
+    return;
+  }
+  impl_->send(operation, changingRequest("files/delete_v2", {{"path", *target}}, about),
+              [impl = impl_, operation, fail, path](ServiceAnswer& answer) {
+                if (answer.error) return fail(answer);
+                impl->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+                  delegate.deletedPath(client, path);
+                });
+              });
+}
+
+void DBRestClient::moveFrom(const std::string& path, const std::string& toPath) {
+  std::make_shared<Move>(impl_, path, toPath)->start();
+}

@@ -1,0 +1,384 @@
+#include <algorithm>
+#include <atomic>
+#include <charconv>
+#include <cstdlib>
+#include <utility>
+
+#include "foundation/DispatchQueue.h"
+#include "foundation/Paths.h"
+#include "sdk/DBError.h"
+#include "sdk/DBRestClientImpl.h"
+#include "sdk/LocalFile.h"
+#include "sdk/RecordReader.h"
+#include "sdk/ServiceJson.h"
+
+namespace json = boost::json;
+using servicejson::Document;
+
+namespace {
+
+using ImplRef = std::shared_ptr<DBRestClient::Impl>;
+using RecordRef = DBRestClientDelegate::MetadataRef;
+
+constexpr std::int64_t requestLimitBytes = 150LL * 1024 * 1024;  // the service's, for one body
+// Four of the service's hash blocks. A chunk costs a round trip and an acknowledgement, some tenths of a
+// second, so smaller ones waste a good line; a failed chunk is sent again, so larger ones waste a bad one.
+constexpr std::uint64_t defaultChunkBytes = 16 * 1024 * 1024;
+
+std::uint64_t chunkSizeFromEnvironment() {
+  const char* text = std::getenv("KZV_UPLOAD_CHUNK_BYTES");
+  if (!text) return defaultChunkBytes;
+  const std::string_view digits(text);
+  std::uint64_t bytes = 0;
+  const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), bytes);
+  const bool isNumber = failure == std::errc{} && end == digits.data() + digits.size();
+  return isNumber ? std::clamp<std::uint64_t>(bytes, 1, requestLimitBytes) : defaultChunkBytes;
+}
+
+json::object commitArgument(const std::string& target, const std::optional<std::string>& parentRev,
+                            std::optional<NSDate::Time> modified) {
+  json::object commit{{"path", target}, {"autorename", true}};
+  if (parentRev && !parentRev->empty()) {
+    commit["mode"] = json::object{{".tag", "update"}, {"update", *parentRev}};
+  } else {
+    commit["mode"] = "add";
+  }
+  if (modified) commit["client_modified"] = NSDate::iso8601(*modified);
+  return commit;
+}
+
+/// The record of a stored file. Its folder is the one asked for, its name is the service's choice: a file
+/// that would have replaced another version is stored beside it.
+RecordRef storedRecord(const std::string& target, const json::object& metadata) {
+  return RecordReader().record(metadata,
+                               std::make_shared<const std::string>(deletingLastPathComponent(target)),
+                               RecordReader::Kind::file);
+}
+
+bool isDamaged(const json::object& metadata, const std::optional<ContentHash>& sent) {
+  const auto stored = servicejson::text(metadata, "content_hash");
+  return stored && sent && ContentHash(*sent).finish() != *stored;
+}
+
+/// An upload as far as all have it in common: a local file that is opened and read off the callbacks' thread.
+class Upload : public std::enable_shared_from_this<Upload> {
+ public:
+  Upload(ImplRef client, RequestDescription about, std::string fromPath)
+      : client_(std::move(client)),
+        operation_(client_->beginOperation()),
+        about_(std::move(about)),
+        fromPath_(std::move(fromPath)) {}
+  virtual ~Upload() = default;
+
+  void start() {
+    // A file on a sleeping disk or a far server may take its time to open.
+    DispatchQueue::global().async([self = shared_from_this()] {
+      NSErrorRef error;
+      auto source = FileSource::open(self->fromPath_, &error);
+      self->client_->performLater(self->operation_, [self, source, error] {
+        self->source_ = source;
+        source ? self->send() : self->fail({{}, error, {}});
+      });
+    });
+  }
+
+ protected:
+  virtual void send() = 0;
+  virtual void tellProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) = 0;
+  virtual void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) = 0;
+
+  void sendContent(ServiceRequest request, ServiceCall::Handler handler) {
+    request.style = ServiceRequest::Style::contentUpload;
+    request.source = source_;
+    reportProgress();
+    client_->send(operation_, std::move(request), std::move(handler));
+  }
+
+  void fail(const ServiceAnswer& answer) {
+    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      tellFailure(delegate, client, answer.error);
+    });
+  }
+
+  /// The reason is the local file's, where that failed.
+  void preferLocalFailure(ServiceAnswer& answer) const {
+    if (answer.error && source_->failure()) answer.error = source_->failure();
+  }
+
+  const ImplRef client_;
+  const DBRestClient::Impl::OperationRef operation_;
+  const RequestDescription about_;
+  const std::string fromPath_;
+  std::shared_ptr<FileSource> source_;
+
+ private:
+  void reportProgress() {
+    auto report = [weak = weak_from_this()](double fraction) {
+      const auto self = weak.lock();
+      if (!self || self->operation_->cancelled) return;
+      self->client_->notify([&](DBRestClientDelegate& delegate, DBRestClient& client) {
+        self->tellProgress(delegate, client, fraction);
+      });
+    };
+    auto post = [runLoop = operation_->runLoop](std::function<void()> block) {
+      runLoop->perform(std::move(block));
+    };
+    auto meter = std::make_shared<ProgressMeter>(std::move(post), std::move(report));
+    source_->setProgress([meter](std::int64_t done, std::int64_t total) { meter->reached(done, total); });
+  }
+};
+
+class WholeFileUpload final : public Upload {
+ public:
+  WholeFileUpload(ImplRef client, const std::string& filename, const std::string& toPath,
+                  std::optional<std::string> parentRev, const std::string& fromPath)
+      : Upload(std::move(client), {"upload", appendingPathComponent(toPath, filename)}, fromPath),
+        destination_(about_.path),
+        parentRev_(std::move(parentRev)) {}
+
+ private:
+  void send() override {
+    const auto target = servicePath(destination_);
+    if (!target || target->empty()) return fail({{}, unacceptablePathError(about_), {}});
+    if (source_->sizeBytes() > requestLimitBytes) {
+      return fail({{}, requestError(DBErrorLocalFile, "the file is too large for one request", about_), {}});
+    }
+    ServiceRequest request =
+        rpcRequest("files/upload", commitArgument(*target, parentRev_, source_->modificationDate()), about_);
+    // The same bytes again change nothing, so a lost answer costs only the time.
+    request.repeat = ServiceRequest::Repeat::always;
+    sendContent(std::move(request),
+                [self = shared_from_this(), this](ServiceAnswer& answer) { stored(answer); });
+  }
+
+  void stored(ServiceAnswer& answer) {
+    preferLocalFailure(answer);
+    if (answer.error) return fail(answer);
+    const auto document = Document::parse(answer.response.body);
+    const RecordRef record = document ? storedRecord(*servicePath(destination_), document->root()) : nullptr;
+    if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
+    if (isDamaged(document->root(), source_->hash())) {
+      return fail(
+          {{}, requestError(DBErrorInvalidResponse, "the content was damaged on its way", about_), {}});
+    }
+    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.uploadedFile(client, destination_, fromPath_, record);
+    });
+  }
+
+  void tellProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) override {
+    delegate.uploadProgress(client, fraction, destination_, fromPath_);
+  }
+  void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.uploadFileFailedWithError(client, error);
+  }
+
+  const std::string destination_;
+  const std::optional<std::string> parentRev_;
+};
+
+/// One chunk. It is never repeated here: the caller counts the failures and decides.
+class ChunkUpload final : public Upload {
+ public:
+  ChunkUpload(ImplRef client, std::string uploadId, std::int64_t offset, const std::string& fromPath)
+      : Upload(std::move(client), {"upload a part of \"" + fromPath + "\"", ""}, fromPath),
+        uploadId_(std::move(uploadId)),
+        offset_(uploadId_.empty() ? 0 : offset) {}
+
+ private:
+  void send() override {
+    const std::int64_t rest = source_->fileSizeBytes() - offset_;
+    if (!uploadId_.empty() && rest <= 0) return nothingLeft();
+    const auto size = std::min(rest, static_cast<std::int64_t>(DBRestClient::uploadChunkSizeBytes()));
+    const UploadSessions::Session* known = client_->uploads.find(uploadId_);
+    knowsHash_ = uploadId_.empty() || (known && known->hash && known->acknowledgedBytes == offset_);
+    source_->setSection(offset_, size, known && knowsHash_ ? *known->hash : ContentHash());
+    sendContent(uploadId_.empty() ? startRequest() : appendRequest(),
+                [self = shared_from_this(), this](ServiceAnswer& answer) { sent(answer); });
+  }
+
+  /// The last answer was lost and the service has it all: there is nothing to send, but the caller has to
+  /// learn that it can go on.
+  void nothingLeft() {
+    client_->uploads.correct(uploadId_, offset_);
+    const UploadSessions::Session* known = client_->uploads.find(uploadId_);
+    finish(uploadId_, offset_,
+           known ? known->expires : NSDate::Time::clock::now() + UploadSessions::lifetime);
+  }
+
+  ServiceRequest startRequest() const {
+    return rpcRequest("files/upload_session/start", {{"close", false}}, about_);
+  }
+
+  ServiceRequest appendRequest() const {
+    const json::object cursor{{"session_id", uploadId_}, {"offset", offset_}};
+    return rpcRequest("files/upload_session/append_v2", {{"cursor", cursor}, {"close", false}}, about_);
+  }
+
+  void sent(ServiceAnswer& answer) {
+    preferLocalFailure(answer);
+    if (answer.error) return failResumably(answer);
+    std::string uploadId = uploadId_;
+    if (uploadId.empty()) {
+      const auto document = Document::parse(answer.response.body);
+      const auto session = document ? servicejson::text(document->root(), "session_id") : std::nullopt;
+      if (!session || session->empty()) return fail({{}, invalidResponseError(answer.response, about_), {}});
+      uploadId = *session;
+    }
+    const std::int64_t newOffset = offset_ + source_->sizeBytes();
+    const auto& session = client_->uploads.acknowledge(uploadId, newOffset, hashSoFar());
+    finish(uploadId, newOffset, session.expires);
+  }
+
+  std::optional<ContentHash> hashSoFar() const {
+    return knowsHash_ && source_->isSent() ? std::optional(source_->hash()) : std::nullopt;
+  }
+
+  void finish(const std::string& uploadId, std::int64_t newOffset, NSDate::Time expires) {
+    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.uploadedFileChunk(client, uploadId, static_cast<std::uint64_t>(newOffset), fromPath_, expires);
+    });
+  }
+
+  /// Adds to the error from where the upload can go on, if it can.
+  void failResumably(ServiceAnswer& answer) {
+    const auto offset = resumeOffset(answer.response);
+    if (uploadId_.empty() || source_->failure() || !offset) return fail(answer);
+    client_->uploads.noteAttempt(uploadId_, offset_ + source_->sizeBytes(), hashSoFar());
+    if (*offset != offset_) client_->uploads.correct(uploadId_, *offset);
+    RequestDescription about = about_;
+    about.uploadId = uploadId_;
+    about.offset = *offset;
+    answer.error = errorFromResponse(answer.response, about);
+    fail(answer);
+  }
+
+  std::optional<std::int64_t> resumeOffset(const HttpResponse& response) const {
+    const bool mayPass = response.curlCode != 0 || response.status == 429 || response.status >= 500 ||
+                         hasErrorTag(response, "content_hash_mismatch");
+    return mayPass ? offset_ : correctOffset(response);
+  }
+
+ public:
+  /// Where the service says that the session stands, if it says so.
+  static std::optional<std::int64_t> correctOffset(const HttpResponse& response) {
+    const auto document = Document::parse(response.body);
+    const json::object* error = document ? servicejson::object(document->root(), "error") : nullptr;
+    const json::object* lookup = error ? servicejson::object(*error, "lookup_failed") : nullptr;
+    if (lookup) error = lookup;
+    const auto offset = error ? servicejson::integer(*error, "correct_offset") : std::nullopt;
+    return offset && *offset >= 0 ? offset : std::nullopt;
+  }
+
+ private:
+  void tellProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) override {
+    delegate.uploadFileChunkProgress(client, fraction, uploadId_, static_cast<std::uint64_t>(offset_),
+                                     fromPath_);
+  }
+  void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.uploadFileChunkFailedWithError(client, error);
+  }
+
+  const std::string uploadId_;  // empty: the first chunk
+  const std::int64_t offset_;
+  bool knowsHash_ = false;
+};
+
+/// Gives a file that has been sent in chunks its place.
+class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
+ public:
+  UploadCommit(ImplRef client, const std::string& filename, const std::string& toPath,
+               std::optional<std::string> parentRev, std::string uploadId)
+      : client_(std::move(client)),
+        operation_(client_->beginOperation()),
+        about_{"complete the upload of", appendingPathComponent(toPath, filename)},
+        target_(servicePath(about_.path)),
+        parentRev_(std::move(parentRev)),
+        uploadId_(std::move(uploadId)) {}
+
+  void start() {
+    if (!target_ || target_->empty()) {
+      client_->performLater(operation_, [self = shared_from_this()] {
+        self->fail({{}, unacceptablePathError(self->about_), {}});
+      });
+      return;
+    }
+    const UploadSessions::Session* known = client_->uploads.find(uploadId_);
+    isKnown_ = known != nullptr;
+    send(known ? known->acknowledgedBytes : 0);
+  }
+
+ private:
+  void send(std::int64_t offset) {
+    const json::object cursor{{"session_id", uploadId_}, {"offset", offset}};
+    ServiceRequest request = rpcRequest(
+        "files/upload_session/finish",
+        {{"cursor", cursor}, {"commit", commitArgument(*target_, parentRev_, std::nullopt)}}, about_);
+    request.style = ServiceRequest::Style::contentUpload;
+    request.repeat = ServiceRequest::Repeat::whenRefused;
+    client_->send(operation_, std::move(request),
+                  [self = shared_from_this()](ServiceAnswer& answer) { self->answered(answer); });
+  }
+
+  void answered(const ServiceAnswer& answer) {
+    if (answer.error) {
+      // An upload that was begun elsewhere: the service tells how much it has. Where the number is known to
+      // be another, something is missing, and the file must not be stored without it.
+      const auto offset = ChunkUpload::correctOffset(answer.response);
+      if (isKnown_ || !offset) return fail(answer);
+      isKnown_ = true;
+      return send(*offset);
+    }
+    const auto document = Document::parse(answer.response.body);
+    const RecordRef record = document ? storedRecord(*target_, document->root()) : nullptr;
+    if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
+    const UploadSessions::Session* known = client_->uploads.find(uploadId_);
+    const bool damaged = known && isDamaged(document->root(), known->hash);
+    client_->uploads.forget(uploadId_);
+    if (damaged) {
+      return fail(
+          {{}, requestError(DBErrorInvalidResponse, "the content was damaged on its way", about_), {}});
+    }
+    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.uploadedFileFromUploadId(client, about_.path, uploadId_, record);
+    });
+  }
+
+  void fail(const ServiceAnswer& answer) {
+    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.uploadFromUploadIdFailedWithError(client, answer.error);
+    });
+  }
+
+  const ImplRef client_;
+  const DBRestClient::Impl::OperationRef operation_;
+  const RequestDescription about_;
+  const std::optional<std::string> target_;
+  const std::optional<std::string> parentRev_;
+  const std::string uploadId_;
+  bool isKnown_ = false;
+};
+
+}  // namespace
+
+std::uint64_t DBRestClient::uploadChunkSizeBytes() {
+  static const std::uint64_t bytes = chunkSizeFromEnvironment();
+  return bytes;
+}
+
+void DBRestClient::uploadFile(const std::string& filename, const std::string& toPath,
+                              const std::optional<std::string>& withParentRev, const std::string& fromPath) {
+  std::make_shared<WholeFileUpload>(impl_, filename, toPath, withParentRev, fromPath)->start();
+}
+
+void DBRestClient::uploadFileChunk(const std::optional<std::string>& uploadId, std::uint64_t offset,
+                                   const std::string& fromPath) {
+  std::make_shared<ChunkUpload>(impl_, uploadId.value_or(""), static_cast<std::int64_t>(offset), fromPath)
+      ->start();
+}
+
+void DBRestClient::uploadFileFromUploadId(const std::string& filename, const std::string& toPath,
+                                          const std::optional<std::string>& withParentRev,
+                                          const std::string& fromUploadId) {
+  std::make_shared<UploadCommit>(impl_, filename, toPath, withParentRev, fromUploadId)->start();
+}

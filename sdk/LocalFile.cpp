@@ -1,0 +1,184 @@
+#include "sdk/LocalFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <random>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "foundation/NSString.h"
+#include "foundation/Paths.h"
+#include "sdk/DBError.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds reportInterval{20};
+
+std::string randomName() {
+  std::random_device random;
+  std::string bytes(8, '\0');
+  for (char& byte : bytes) byte = static_cast<char>(random());
+  return ".kzv-" + hexadecimal(bytes);
+}
+
+void syncFolder(const std::string& folder) {
+  const int descriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) return;
+  ::fsync(descriptor);
+  ::close(descriptor);
+}
+
+}  // namespace
+
+ProgressMeter::ProgressMeter(std::function<void(std::function<void()>)> post,
+                             std::function<void(double)> report)
+    : post_(std::move(post)), shared_(std::make_shared<Shared>()) {
+  shared_->report = std::move(report);
+}
+
+void ProgressMeter::reached(std::int64_t doneBytes, std::int64_t totalBytes) {
+  const bool isLast = doneBytes >= totalBytes;
+  const auto now = std::chrono::steady_clock::now();
+  if (!isLast && now - lastReport_ < reportInterval) return;
+  lastReport_ = now;
+  shared_->fraction = isLast ? 1.0 : static_cast<double>(doneBytes) / static_cast<double>(totalBytes);
+  if (shared_->isWaiting.exchange(true)) return;
+  post_([shared = shared_] {
+    shared->isWaiting = false;
+    shared->report(shared->fraction);
+  });
+}
+
+FileSink::FileSink(std::string target, std::function<void(std::int64_t, std::int64_t)> progress)
+    : target_(std::move(target)), progress_(std::move(progress)) {}
+
+FileSink::~FileSink() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+  if (!temporary_.empty()) ::unlink(temporary_.c_str());
+}
+
+bool FileSink::fail(int errnoValue) {
+  failure_ = NSError::posix(errnoValue, target_);
+  return false;
+}
+
+bool FileSink::open() {
+  const std::string folder = deletingLastPathComponent(target_);
+  if (!target_.starts_with('/') || target_.ends_with('/') || target_.find('\0') != std::string::npos) {
+    return fail(EINVAL);
+  }
+  do {
+    temporary_ = appendingPathComponent(folder, randomName());
+    // An ordinary file with the user's own mode: it becomes one when it is whole.
+    descriptor_ = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+  } while (descriptor_ < 0 && errno == EEXIST);
+  if (descriptor_ >= 0) return true;
+  temporary_.clear();
+  return fail(errno);
+}
+
+bool FileSink::begin(std::optional<std::int64_t> sizeBytes) {
+  if (descriptor_ < 0) {
+    if (!open()) return false;
+  } else if (::ftruncate(descriptor_, 0) != 0 || ::lseek(descriptor_, 0, SEEK_SET) != 0) {
+    return fail(errno);
+  }
+  expectedBytes_ = sizeBytes;
+  receivedBytes_ = 0;
+  hash_ = ContentHash();
+  return true;
+}
+
+bool FileSink::write(std::string_view bytes) {
+  for (std::string_view rest = bytes; !rest.empty();) {
+    const ssize_t count = ::write(descriptor_, rest.data(), rest.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return fail(errno);
+    rest.remove_prefix(static_cast<std::size_t>(count));
+  }
+  hash_.update(bytes);
+  receivedBytes_ += static_cast<std::int64_t>(bytes.size());
+  if (progress_ && expectedBytes_) progress_(receivedBytes_, *expectedBytes_);
+  return true;
+}
+
+bool FileSink::keep(NSErrorRef* error) {
+  const bool isDurable = descriptor_ >= 0 && ::fsync(descriptor_) == 0;
+  const bool isClosed = descriptor_ >= 0 && ::close(std::exchange(descriptor_, -1)) == 0;
+  if (!isDurable || !isClosed || ::rename(temporary_.c_str(), target_.c_str()) != 0) {
+    setError(error, NSError::posix(errno, target_));
+    return false;
+  }
+  temporary_.clear();
+  syncFolder(deletingLastPathComponent(target_));
+  return true;
+}
+
+FileSource::FileSource(std::string path, int descriptor) : path_(std::move(path)), descriptor_(descriptor) {}
+
+FileSource::~FileSource() { ::close(descriptor_); }
+
+std::shared_ptr<FileSource> FileSource::open(const std::string& path, NSErrorRef* error) {
+  const auto refuse = [&](int errnoValue) {
+    setError(error, NSError::posix(errnoValue, path));
+    return nullptr;
+  };
+  if (path.find('\0') != std::string::npos) return refuse(EINVAL);
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a pipe must not hold us
+  if (descriptor < 0) return refuse(errno);
+  std::shared_ptr<FileSource> source(new FileSource(path, descriptor));
+  struct stat status {};
+  if (::fstat(descriptor, &status) != 0) return refuse(errno);
+  if (!S_ISREG(status.st_mode)) return refuse(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+  source->fileSizeBytes_ = status.st_size;
+  source->sizeBytes_ = status.st_size;
+  source->modificationDate_ = NSDate::Time(std::chrono::seconds(status.st_mtim.tv_sec));
+  ::posix_fadvise(descriptor, 0, 0, POSIX_FADV_SEQUENTIAL);
+  return source;
+}
+
+void FileSource::setSection(std::int64_t offset, std::int64_t sizeBytes, ContentHash hashBefore) {
+  offset_ = offset;
+  sizeBytes_ = sizeBytes;
+  hashBefore_ = std::move(hashBefore);
+  rewind();
+}
+
+void FileSource::setProgress(std::function<void(std::int64_t, std::int64_t)> progress) {
+  progress_ = std::move(progress);
+}
+
+bool FileSource::rewind() {
+  sentBytes_ = 0;
+  hash_ = hashBefore_;
+  return true;
+}
+
+std::ptrdiff_t FileSource::read(char* buffer, std::size_t capacity) {
+  const std::int64_t rest = sizeBytes_ - sentBytes_;
+  if (rest == 0) return 0;
+  const auto wanted = std::min<std::size_t>(capacity, static_cast<std::size_t>(rest));
+  ssize_t count = 0;
+  do {
+    count = ::pread(descriptor_, buffer, wanted, offset_ + sentBytes_);
+  } while (count < 0 && errno == EINTR);
+  if (count < 0) {
+    failure_ = NSError::posix(errno, path_);
+    return -1;
+  }
+  if (count == 0) {
+    failure_ = std::make_shared<NSError>(
+        std::string(DBErrorDomain), DBErrorLocalFile,
+        NSDictionary::with({{NSLocalizedDescriptionKey,
+                             str("Could not send \"" + path_ + "\": the file became shorter meanwhile.")},
+                            {DBErrorPathKey, str(path_)}}));
+    return -1;
+  }
+  hash_.update({buffer, static_cast<std::size_t>(count)});
+  sentBytes_ += count;
+  if (progress_) progress_(sentBytes_, sizeBytes_);
+  return count;
+}

@@ -1,0 +1,105 @@
+#pragma once
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "foundation/NSDate.h"
+#include "foundation/NSError.h"
+#include "sdk/ContentHash.h"
+#include "sdk/HttpRequest.h"
+
+/// Passes the progress of a transfer on from the network thread, rarely enough to cost nothing: not while an
+/// earlier report is still waiting to be read, and some milliseconds apart, but always the last one.
+class ProgressMeter {
+ public:
+  /// @param post  hands a block to the thread that reads the reports. @param report  runs there.
+  ProgressMeter(std::function<void(std::function<void()>)> post, std::function<void(double)> report);
+  /// Network thread.
+  void reached(std::int64_t doneBytes, std::int64_t totalBytes);
+
+ private:
+  struct Shared {
+    std::atomic<double> fraction{0};
+    std::atomic<bool> isWaiting{false};
+    std::function<void(double)> report;
+  };
+  const std::function<void(std::function<void()>)> post_;
+  const std::shared_ptr<Shared> shared_;
+  std::chrono::steady_clock::time_point lastReport_{};
+};
+
+/// Receives a body into a file that appears under its name only when it is whole: the bytes go to a temporary
+/// name beside it, which goes away again unless keep() succeeds.
+class FileSink final : public BodySink {
+ public:
+  /// @param target  an absolute path in a folder that exists.
+  FileSink(std::string target, std::function<void(std::int64_t, std::int64_t)> progress);
+  ~FileSink() override;
+  bool begin(std::optional<std::int64_t> sizeBytes) override;
+  bool write(std::string_view bytes) override;
+
+  /// Why begin or write failed; null if they did not.
+  const NSErrorRef& failure() const noexcept { return failure_; }
+  std::int64_t receivedBytes() const noexcept { return receivedBytes_; }
+  /// The content hash of what has been received. Ends the hash.
+  std::string contentHash() { return hash_.finish(); }
+  /// Makes the file durable and gives it its name, replacing what was there. Blocks for the disk; call after
+  /// the transfer has ended.
+  bool keep(NSErrorRef* error);
+
+ private:
+  bool open();
+  bool fail(int errnoValue);
+
+  const std::string target_;
+  const std::function<void(std::int64_t, std::int64_t)> progress_;
+  std::string temporary_;
+  int descriptor_ = -1;
+  std::optional<std::int64_t> expectedBytes_;
+  std::int64_t receivedBytes_ = 0;
+  ContentHash hash_;
+  NSErrorRef failure_;
+};
+
+/// Sends a section of a regular file.
+class FileSource final : public BodySource {
+ public:
+  /// Opens the file; blocks for the disk. Null with `error` when it cannot be opened or is no regular file.
+  static std::shared_ptr<FileSource> open(const std::string& path, NSErrorRef* error);
+  ~FileSource() override;
+
+  std::int64_t fileSizeBytes() const noexcept { return fileSizeBytes_; }
+  NSDate::Time modificationDate() const noexcept { return modificationDate_; }
+  /// What is sent; at first the whole file. `hashBefore` is the content hash of what lies before `offset`.
+  void setSection(std::int64_t offset, std::int64_t sizeBytes, ContentHash hashBefore);
+  void setProgress(std::function<void(std::int64_t, std::int64_t)> progress);
+
+  std::int64_t sizeBytes() const override { return sizeBytes_; }
+  bool rewind() override;
+  std::ptrdiff_t read(char* buffer, std::size_t capacity) override;
+
+  /// Why read failed; null if it did not.
+  const NSErrorRef& failure() const noexcept { return failure_; }
+  bool isSent() const noexcept { return sentBytes_ == sizeBytes_; }
+  /// The hash up to the end of what has been sent.
+  const ContentHash& hash() const noexcept { return hash_; }
+
+ private:
+  FileSource(std::string path, int descriptor);
+
+  const std::string path_;
+  const int descriptor_;
+  std::int64_t fileSizeBytes_ = 0;
+  NSDate::Time modificationDate_;
+  std::int64_t offset_ = 0;
+  std::int64_t sizeBytes_ = 0;
+  std::int64_t sentBytes_ = 0;
+  ContentHash hashBefore_;
+  ContentHash hash_;
+  std::function<void(std::int64_t, std::int64_t)> progress_;
+  NSErrorRef failure_;
+};

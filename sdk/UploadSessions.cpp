@@ -1,0 +1,30 @@
+#include "sdk/UploadSessions.h"
+
+#include <utility>
+
+UploadSessions::Session& UploadSessions::acknowledge(const std::string& uploadId, std::int64_t bytes,
+                                                     std::optional<ContentHash> hash) {
+  const auto [entry, isNew] = sessions_.try_emplace(uploadId);
+  Session& session = entry->second;
+  if (isNew) session.expires = std::chrono::system_clock::now() + lifetime;
+  session.acknowledgedBytes = bytes;
+  session.hash = std::move(hash);
+  session.attemptedBytes = -1;
+  session.attemptedHash.reset();
+  return session;
+}
+
+void UploadSessions::noteAttempt(const std::string& uploadId, std::int64_t bytes,
+                                 std::optional<ContentHash> hash) {
+  if (Session* session = find(uploadId)) {
+    session->attemptedBytes = bytes;
+    session->attemptedHash = std::move(hash);
+  }
+}
+
+void UploadSessions::correct(const std::string& uploadId, std::int64_t bytes) {
+  Session* session = find(uploadId);
+  if (!session || session->acknowledgedBytes == bytes) return;
+  session->hash = session->attemptedBytes == bytes ? session->attemptedHash : std::nullopt;
+  session->acknowledgedBytes = bytes;
+}
