@@ -92,6 +92,7 @@ void ServiceCall::send() {
   if (ended_) return;
   transfer_ = std::make_shared<HttpTransfer>();
   transfer_->request = httpRequest();
+  if (request_.source) request_.source->rewind();  // this may not be the first time
   transfer_->done = [self = shared_from_this()](HttpResponse& response) { self->received(response); };
   session_->network->start(transfer_);
 }

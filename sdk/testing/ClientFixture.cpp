@@ -46,11 +46,7 @@ void CallbackThread::run(std::function<void()> block) {
 }
 
 void NotingDelegate::loadedMetadata(DBRestClient&, const MetadataRef& metadata) {
-  {
-    const std::lock_guard lock(mutex_);
-    metadata_ = metadata;
-  }
-  note("metadata " + metadata->path());
+  noteRecord("metadata " + metadata->path(), metadata);
 }
 void NotingDelegate::loadMetadataFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
 void NotingDelegate::loadedDeltaEntries(DBRestClient&, const std::vector<DBDeltaEntry>& entries, bool reset,
@@ -78,6 +74,82 @@ void NotingDelegate::loadAccessTokenFailedWithError(DBRestClient&, const NSError
 }
 void NotingDelegate::sessionDidReceiveAuthorizationFailure(DBSession&, const std::string& userId) {
   note("authorization failure " + userId);
+}
+
+void NotingDelegate::loadedFile(DBRestClient&, const std::string& localPath) { note("file " + localPath); }
+void NotingDelegate::loadFileFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
+void NotingDelegate::loadProgress(DBRestClient& client, double fraction, const std::string&) {
+  noteProgress(client, fraction);
+}
+void NotingDelegate::loadedThumbnail(DBRestClient&, const std::string& localPath,
+                                     const MetadataRef& metadata) {
+  noteRecord("thumbnail " + localPath, metadata);
+}
+void NotingDelegate::loadThumbnailFailedWithError(DBRestClient&, const NSErrorRef& error) {
+  noteError(error);
+}
+void NotingDelegate::uploadedFile(DBRestClient&, const std::string& destinationPath, const std::string&,
+                                  const MetadataRef& metadata) {
+  noteRecord("uploaded " + destinationPath + " as " + metadata->path(), metadata);
+}
+void NotingDelegate::uploadFileFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
+void NotingDelegate::uploadProgress(DBRestClient& client, double fraction, const std::string&,
+                                    const std::string&) {
+  noteProgress(client, fraction);
+}
+void NotingDelegate::uploadedFileChunk(DBRestClient&, const std::string& uploadId, std::uint64_t newOffset,
+                                       const std::string&, NSDate::Time) {
+  note("chunk " + uploadId + " " + std::to_string(newOffset));
+}
+void NotingDelegate::uploadFileChunkFailedWithError(DBRestClient&, const NSErrorRef& error) {
+  noteError(error);
+}
+void NotingDelegate::uploadedFileFromUploadId(DBRestClient&, const std::string& destinationPath,
+                                              const std::string& uploadId, const MetadataRef& metadata) {
+  noteRecord("committed " + uploadId + " " + destinationPath + " as " + metadata->path(), metadata);
+}
+void NotingDelegate::uploadFromUploadIdFailedWithError(DBRestClient&, const NSErrorRef& error) {
+  noteError(error);
+}
+void NotingDelegate::createdFolder(DBRestClient&, const MetadataRef& metadata) {
+  noteRecord("created " + metadata->path(), metadata);
+}
+void NotingDelegate::createFolderFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
+void NotingDelegate::deletedPath(DBRestClient&, const std::string& path) { note("deleted " + path); }
+void NotingDelegate::deletePathFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
+void NotingDelegate::movedPath(DBRestClient&, const std::string& fromPath, const MetadataRef& metadata) {
+  noteRecord("moved " + fromPath + " to " + metadata->path(), metadata);
+}
+void NotingDelegate::movePathFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
+void NotingDelegate::loadedSharableLink(DBRestClient&, const std::string& link, const std::string& path) {
+  note("link " + path + " " + link);
+}
+void NotingDelegate::loadSharableLinkFailedWithError(DBRestClient&, const NSErrorRef& error) {
+  noteError(error);
+}
+
+void NotingDelegate::noteRecord(const std::string& text, const MetadataRef& metadata) {
+  {
+    const std::lock_guard lock(mutex_);
+    metadata_ = metadata;
+  }
+  note(text);
+}
+
+void NotingDelegate::noteProgress(DBRestClient& client, double fraction) {
+  {
+    const std::lock_guard lock(mutex_);
+    fractions_.push_back(fraction);
+    changed_.notify_all();
+  }
+  if (!stopsAtFirstProgress_) return;
+  client.cancelAllRequests();
+  note("stopped");
+}
+
+std::vector<double> NotingDelegate::fractions() const {
+  const std::lock_guard lock(mutex_);
+  return fractions_;
 }
 
 void NotingDelegate::note(std::string text) {
@@ -144,8 +216,12 @@ void ClientFixture::loadMetadata(const std::string& path) {
 }
 
 std::string ClientFixture::outcomeOf(const std::string& path) {
+  return outcome([&](DBRestClient& own) { own.loadMetadata(path); });
+}
+
+std::string ClientFixture::outcome(const std::function<void(DBRestClient&)>& request) {
   const std::size_t before = delegate.notes().size();
-  loadMetadata(path);
+  callbacks.run([&] { request(*client); });
   const auto notes = delegate.wait(before + 1);
   return notes.size() > before ? notes[before] : "nothing came";
 }

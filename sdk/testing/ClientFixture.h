@@ -1,4 +1,5 @@
 #pragma once
+#include <atomic>
 #include <future>
 #include <memory>
 #include <optional>
@@ -50,6 +51,29 @@ class NotingDelegate : public DBRestClientDelegate, public DBSessionDelegate {
   void loadAccountInfoFailedWithError(DBRestClient&, const NSErrorRef& error) override;
   void restClientLoadedAccessToken(DBRestClient&, const std::string& userId) override;
   void loadAccessTokenFailedWithError(DBRestClient&, const NSErrorRef& error) override;
+  void loadedFile(DBRestClient&, const std::string& localPath) override;
+  void loadFileFailedWithError(DBRestClient&, const NSErrorRef& error) override;
+  void loadProgress(DBRestClient& client, double fraction, const std::string&) override;
+  void loadedThumbnail(DBRestClient&, const std::string& localPath, const MetadataRef& metadata) override;
+  void loadThumbnailFailedWithError(DBRestClient&, const NSErrorRef& error) override;
+  void uploadedFile(DBRestClient&, const std::string& destinationPath, const std::string& localPath,
+                    const MetadataRef& metadata) override;
+  void uploadFileFailedWithError(DBRestClient&, const NSErrorRef& error) override;
+  void uploadProgress(DBRestClient& client, double fraction, const std::string&, const std::string&) override;
+  void uploadedFileChunk(DBRestClient&, const std::string& uploadId, std::uint64_t newOffset,
+                         const std::string& localPath, NSDate::Time expires) override;
+  void uploadFileChunkFailedWithError(DBRestClient&, const NSErrorRef& error) override;
+  void uploadedFileFromUploadId(DBRestClient&, const std::string& destinationPath,
+                                const std::string& uploadId, const MetadataRef& metadata) override;
+  void uploadFromUploadIdFailedWithError(DBRestClient&, const NSErrorRef& error) override;
+  void createdFolder(DBRestClient&, const MetadataRef& metadata) override;
+  void createFolderFailedWithError(DBRestClient&, const NSErrorRef& error) override;
+  void deletedPath(DBRestClient&, const std::string& path) override;
+  void deletePathFailedWithError(DBRestClient&, const NSErrorRef& error) override;
+  void movedPath(DBRestClient&, const std::string& fromPath, const MetadataRef& metadata) override;
+  void movePathFailedWithError(DBRestClient&, const NSErrorRef& error) override;
+  void loadedSharableLink(DBRestClient&, const std::string& link, const std::string& path) override;
+  void loadSharableLinkFailedWithError(DBRestClient&, const NSErrorRef& error) override;
   void sessionDidReceiveAuthorizationFailure(DBSession& session, const std::string& userId) override;
 
   /// The first `number` notes; fewer when the rest does not come within some seconds.
@@ -57,11 +81,19 @@ class NotingDelegate : public DBRestClientDelegate, public DBSessionDelegate {
   std::vector<std::string> notes() const;
   MetadataRef lastMetadata() const;
   NSErrorRef lastError() const;
+  /// The progress reports so far.
+  std::vector<double> fractions() const;
+  /// The first progress report cancels the client's requests.
+  void stopAtFirstProgress() { stopsAtFirstProgress_ = true; }
 
- protected:
+ private:
   void note(std::string text);
   void noteError(const NSErrorRef& error);
+  void noteRecord(const std::string& text, const MetadataRef& metadata);
+  void noteProgress(DBRestClient& client, double fraction);
 
+  std::atomic<bool> stopsAtFirstProgress_{false};
+  std::vector<double> fractions_;  // guarded by mutex_
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<std::string> notes_;  // guarded by mutex_
@@ -81,6 +113,8 @@ class ClientFixture : public ::testing::Test {
   void loadMetadata(const std::string& path);
   /// The line of the only outcome of loading `path`.
   std::string outcomeOf(const std::string& path);
+  /// The line that comes after `request` has been carried out on the thread of the callbacks.
+  std::string outcome(const std::function<void(DBRestClient&)>& request);
   void TearDown() override;
 
   ScratchFolder home;

@@ -1,0 +1,493 @@
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include "foundation/NSNumber.h"
+#include "foundation/NSString.h"
+#include "sdk/ContentHash.h"
+#include "sdk/DBError.h"
+#include "sdk/testing/ClientFixture.h"
+
+namespace {
+
+std::string contentHash(const std::string& bytes) {
+  ContentHash hash;
+  hash.update(bytes);
+  return hash.finish();
+}
+
+std::string storedJson(const std::string& path, const std::string& content) {
+  std::string json = fileJson(path, "015f00aa11bb2cc", static_cast<long>(content.size()));
+  json.erase(1, std::string(R"(".tag":"file",)").size());  // these answers say what they are by their place
+  json.insert(json.size() - 1, R"(,"content_hash":")" + contentHash(content) + "\"");
+  return json;
+}
+
+std::string readAll(const std::string& path) {
+  std::stringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
+}
+
+TEST(ContentHash, AgreesWithThePublishedValues) {
+  struct Case {
+    const char* name;
+    std::string bytes;
+    const char* hash;
+  };
+  const Case cases[] = {{"empty", "", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+                        {"abc", "abc", "4f8b42c22dd3729b519ba6f68d2da7cc5b2d606d05daed5ad5128cc03e6c6358"},
+                        {"one block", std::string(4194304, '\0'),
+                         "c7e946d101855255d919ef0c70718633adf77d3dfb3adeeecf5d0cb4e951be58"},
+                        {"one byte more", std::string(4194305, '\0'),
+                         "14a4d47f23a30177885d9820122f17d2d3a55fe63f7f5c27b95f689e0b2accd6"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(contentHash(c.bytes), c.hash);
+    ContentHash inPieces;
+    for (std::size_t at = 0; at < c.bytes.size(); at += 1'000'003)
+      inPieces.update(c.bytes.substr(at, 1'000'003));
+    EXPECT_EQ(ContentHash(inPieces).finish(), c.hash) << "in pieces";
+    EXPECT_EQ(inPieces.finish(), c.hash) << "after a copy has ended";
+  }
+}
+
+class Transfers : public ClientFixture {
+ protected:
+  Transfers() { std::filesystem::create_directory(files()); }
+  std::string files() const { return home.path() + "/files"; }
+  std::string local(const std::string& name) const { return files() + "/" + name; }
+  long filesThere() const { return std::distance(std::filesystem::directory_iterator(files()), {}); }
+  std::string localFile(const std::string& content) const {
+    std::ofstream(local("local"), std::ios::binary) << content;
+    return local("local");
+  }
+  static ScriptedReply download(const std::string& content, const std::string& claimed) {
+    ScriptedReply reply{200, content, {"Content-Type: application/octet-stream"}};
+    reply.headers.push_back("Dropbox-API-Result: " + storedJson("/a/P.jpg", claimed));
+    return reply;
+  }
+  std::string loadFile() {
+    return outcome([&](DBRestClient& own) { own.loadFile("/a/P.jpg", local("target")); });
+  }
+};
+
+TEST_F(Transfers, DownloadAppearsWholeOrNotAtAll) {
+  const std::string content = "the content of a file", other = "the content of a FILE";
+  ScriptedReply cut = download(content, content);
+  cut.cutAfter = 5;
+  struct Case {
+    const char* name;
+    ScriptedReply reply;
+    std::string outcome;
+    std::string found;
+  };
+  const std::string done = "file " + local("target");
+  const Case cases[] = {
+      {"as promised", download(content, content), done, content},
+      {"empty", download("", ""), done, ""},
+      {"without a description", {200, content, {}}, done, content},
+      {"other bytes than promised", download(other, content), "error 101", "old"},
+      {"fewer bytes than promised", download("the", content), "error 101", "old"},
+      {"cut in the middle", cut, "error -18", "old"},
+      {"not there", errorReply(409, {"path", "not_found"}), "error 404", "old"},
+      {"exists only online", errorReply(409, {"unsupported_file"}), "error 409", "old"},
+  };
+  const Case* current = nullptr;
+  std::mutex mutex;
+  const auto serving = serve([&](const ScriptedRequest&) {
+    const std::lock_guard lock(mutex);
+    return current->reply;
+  });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::ofstream(local("target")) << "old";
+    {
+      const std::lock_guard lock(mutex);
+      current = &c;
+    }
+    EXPECT_EQ(loadFile(), c.outcome);
+    EXPECT_EQ(readAll(local("target")), c.found);
+    session->waitForBackgroundWork(1);
+    // The temporary file of a failure goes with its request, a moment after the callback.
+    for (int i = 0; i < 1000 && filesThere() > 1; ++i) callbacks.run([] {});
+    EXPECT_EQ(filesThere(), 1);
+  }
+  EXPECT_EQ(server->requests().front().headers.at("dropbox-api-arg"), R"({"path":"/a/P.jpg"})");
+}
+
+TEST_F(Transfers, CutDownloadIsMadeAgainFromTheStart) {
+  const std::string content(3'000'000, 'x');
+  std::atomic<int> times{0};
+  const auto serving = serve([&](const ScriptedRequest&) {
+    ScriptedReply reply = download(content, content);
+    if (times++ == 0) reply.cutAfter = 2'000'000;
+    return reply;
+  });
+  EXPECT_EQ(loadFile(), "file " + local("target"));
+  EXPECT_EQ(readAll(local("target")), content);
+  const auto fractions = delegate.fractions();
+  ASSERT_FALSE(fractions.empty());
+  EXPECT_EQ(fractions.back(), 1.0);
+}
+
+TEST_F(Transfers, StoppedDownloadCallsNobodyAndLeavesNothing) {
+  const std::string content(3'000'000, 'x');
+  const auto serving = serve([&](const ScriptedRequest&) { return download(content, content); });
+  delegate.stopAtFirstProgress();
+  EXPECT_EQ(loadFile(), "stopped");
+  client.reset();
+  for (int i = 0; i < 100'000 && filesThere() > 0; ++i) callbacks.run([] {});
+  EXPECT_EQ(filesThere(), 0);
+  EXPECT_EQ(delegate.notes().size(), 1U);
+}
+
+TEST_F(Transfers, UnusableTargetsAreErrors) {
+  const auto serving = serve([&](const ScriptedRequest&) { return download("abc", "abc"); });
+  const auto into = [&](const std::string& target) {
+    return outcome([&](DBRestClient& own) { own.loadFile("/a/P.jpg", target); });
+  };
+  EXPECT_EQ(into("relative"), "error 103");
+  EXPECT_EQ(into(""), "error 103");
+  EXPECT_EQ(into(std::string("/tmp/a\0b", 8)), "error 103");
+  EXPECT_EQ(into(local("no folder/target")), "error 2");
+  std::filesystem::create_directory(local("folder"));
+  EXPECT_EQ(into(local("folder")), "error 21");
+}
+
+TEST_F(Transfers, ThumbnailIsAskedForBySizeName) {
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    EXPECT_EQ(
+        request.headers.at("dropbox-api-arg"),
+        R"({"resource":{".tag":"path","path":"/\u00e9.jpg"},"format":"jpeg","size":"w1024h768","mode":"strict"})");
+    ScriptedReply reply{200, "picture", {}};
+    reply.headers.push_back(R"(Dropbox-API-Result: {"file_metadata":)" + storedJson("/x.jpg", "abc") + "}");
+    return reply;
+  });
+  EXPECT_EQ(outcome([&](DBRestClient& own) { own.loadThumbnail("/\xC3\xA9.jpg", "xl", local("t")); }),
+            "thumbnail " + local("t"));
+  EXPECT_EQ(readAll(local("t")), "picture");
+  EXPECT_EQ(delegate.lastMetadata()->path(), "/x.jpg");
+  EXPECT_EQ(outcome([&](DBRestClient& own) { own.loadThumbnail("/a.jpg", "huge", local("t")); }),
+            "error 400");
+}
+
+TEST_F(Transfers, UploadSendsTheFileAndTakesTheNameThatTheServiceChose) {
+  const std::string content(2'500'000, 'u');
+  struct Case {
+    const char* name;
+    std::optional<std::string> rev;
+    ScriptedReply reply;
+    const char* mode;
+    const char* outcome;
+  };
+  const Case cases[] = {
+      {"new", std::nullopt, jsonReply(storedJson("/A/n.txt", content)), R"("mode":"add")",
+       "uploaded /A/n.txt as /A/n.txt"},
+      {"beside another", "0123456789", jsonReply(storedJson("/a/n (1).txt", content)),
+       R"("mode":{".tag":"update","update":"0123456789"})", "uploaded /A/n.txt as /A/n (1).txt"},
+      {"damaged on the way", std::nullopt, jsonReply(storedJson("/A/n.txt", "other")), R"("mode":"add")",
+       "error 101"},
+      {"no space", std::nullopt,
+       jsonReply(R"({"error":{".tag":"path","reason":{".tag":"insufficient_space"}}})", 409),
+       R"("mode":"add")", "error 507"},
+  };
+  const Case* current = nullptr;
+  std::mutex mutex;
+  const auto serving = serve([&](const ScriptedRequest&) {
+    const std::lock_guard lock(mutex);
+    return current->reply;
+  });
+  const std::string path = localFile(content);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    {
+      const std::lock_guard lock(mutex);
+      current = &c;
+    }
+    EXPECT_EQ(outcome([&](DBRestClient& own) { own.uploadFile("n.txt", "/A", c.rev, path); }), c.outcome);
+    const ScriptedRequest request = server->requests().back();
+    EXPECT_TRUE(request.body == content);
+    EXPECT_EQ(request.headers.at("content-type"), "application/octet-stream");
+    EXPECT_NE(request.headers.at("dropbox-api-arg").find(c.mode), std::string::npos);
+    EXPECT_NE(request.headers.at("dropbox-api-arg").find(R"("path":"/A/n.txt")"), std::string::npos);
+  }
+  EXPECT_EQ(delegate.fractions().back(), 1.0);
+  EXPECT_EQ(outcome([&](DBRestClient& own) { own.uploadFile("n", "/A", std::nullopt, local("none")); }),
+            "error 2");
+  EXPECT_EQ(outcome([&](DBRestClient& own) { own.uploadFile("n", "/A", std::nullopt, files()); }),
+            "error 21");
+}
+
+TEST_F(Transfers, UploadWhoseAnswerWasLostIsSentAgain) {
+  std::atomic<int> times{0};
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    EXPECT_EQ(request.body, "abc");
+    return times++ == 0 ? ScriptedReply{.cutBeforeAnswer = true} : jsonReply(storedJson("/n", "abc"));
+  });
+  const std::string path = localFile("abc");
+  EXPECT_EQ(outcome([&](DBRestClient& own) { own.uploadFile("n", "/", std::nullopt, path); }),
+            "uploaded /n as /n");
+}
+
+class ChunkedUpload : public Transfers {
+ protected:
+  static constexpr const char* startRoute = "/2/files/upload_session/start";
+  static constexpr const char* appendRoute = "/2/files/upload_session/append_v2";
+  static constexpr const char* finishRoute = "/2/files/upload_session/finish";
+  const std::string content = std::string(2'000'000, 'a') + std::string(500'000, 'b');
+  std::string chunk(const std::optional<std::string>& uploadId, std::uint64_t offset) {
+    return outcome([&](DBRestClient& own) { own.uploadFileChunk(uploadId, offset, local("local")); });
+  }
+  std::string commit(const std::string& uploadId) {
+    return outcome([&](DBRestClient& own) { own.uploadFileFromUploadId("n", "/A", std::nullopt, uploadId); });
+  }
+  /// " id offset" of the last error, or nothing.
+  std::string resumption() {
+    const NSErrorRef error = delegate.lastError();
+    const std::string* uploadId = textOf(error->detail(DBErrorUploadIdKey));
+    const auto offset = as<NSNumber>(error->detail(DBErrorOffsetKey));
+    return uploadId && offset ? *uploadId + " " + std::to_string(offset->int64Value()) : "";
+  }
+  ScriptedReply finished() const { return jsonReply(storedJson("/A/n", content)); }
+};
+
+TEST_F(ChunkedUpload, GoesThroughASession) {
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    if (request.route == startRoute) return jsonReply(R"({"session_id":"S"})");
+    if (request.route == appendRoute) return jsonReply("null");
+    EXPECT_NE(request.headers.at("dropbox-api-arg").find(R"({"session_id":"S","offset":2500000})"),
+              std::string::npos);
+    return finished();
+  });
+  localFile(content.substr(0, 2'000'000));
+  EXPECT_EQ(chunk(std::nullopt, 0), "chunk S 2000000");
+  localFile(content);
+  EXPECT_EQ(chunk("S", 2'000'000), "chunk S 2500000");
+  EXPECT_EQ(server->requests().back().body, content.substr(2'000'000));
+  EXPECT_EQ(chunk("S", 2'500'000), "chunk S 2500000") << "nothing is left, and no request is made for it";
+  EXPECT_EQ(server->requests().size(), 2U);
+  EXPECT_EQ(commit("S"), "committed S /A/n as /A/n");
+}
+
+TEST_F(ChunkedUpload, FileThatArrivesDamagedIsAnError) {
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    return request.route == startRoute ? jsonReply(R"({"session_id":"S"})")
+                                       : jsonReply(storedJson("/A/n", "other"));
+  });
+  localFile(content);
+  EXPECT_EQ(chunk(std::nullopt, 0), "chunk S 2500000");
+  EXPECT_EQ(commit("S"), "error 101");
+}
+
+TEST_F(ChunkedUpload, FailureTellsFromWhereToGoOnOnlyWhereThatIsPossible) {
+  struct Case {
+    const char* name;
+    ScriptedReply reply;
+    bool first;
+    const char* resumption;
+  };
+  const ScriptedReply wrongOffset =
+      jsonReply(R"({"error":{".tag":"incorrect_offset","correct_offset":4194304}})", 409);
+  const Case cases[] = {
+      {"another offset", wrongOffset, false, "S 4194304"},
+      {"cut", {.cutBeforeAnswer = true}, false, "S 2000000"},
+      {"told to wait", {429, "", {"Retry-After: 1"}}, false, "S 2000000"},
+      {"service in trouble", {503, ""}, false, "S 2000000"},
+      {"session unknown", errorReply(409, {"not_found"}), false, ""},
+      {"session closed", errorReply(409, {"closed"}), false, ""},
+      {"start in trouble", {503, ""}, true, ""},
+  };
+  const Case* current = nullptr;
+  std::mutex mutex;
+  const auto serving = serve([&](const ScriptedRequest&) {
+    const std::lock_guard lock(mutex);
+    return current->reply;
+  });
+  localFile(content);
+  std::size_t requests = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    {
+      const std::lock_guard lock(mutex);
+      current = &c;
+    }
+    EXPECT_TRUE(
+        chunk(c.first ? std::nullopt : std::optional<std::string>("S"), 2'000'000).starts_with("error"));
+    EXPECT_EQ(resumption(), c.resumption);
+    const std::size_t now = server->requests().size();
+    if (!c.reply.cutBeforeAnswer) {
+      EXPECT_EQ(now, requests + 1) << "a chunk is not repeated";
+    }
+    requests = now;
+  }
+}
+
+TEST_F(ChunkedUpload, HashSurvivesALostAnswer) {
+  std::atomic<int> appends{0};
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    if (request.route == startRoute) return jsonReply(R"({"session_id":"S"})");
+    if (request.route == finishRoute) return jsonReply(storedJson("/A/n", "not what was sent"));
+    return appends++ == 0
+               ? ScriptedReply{503, ""}
+               : jsonReply(R"({"error":{".tag":"incorrect_offset","correct_offset":2500000}})", 409);
+  });
+  localFile(content.substr(0, 2'000'000));
+  EXPECT_EQ(chunk(std::nullopt, 0), "chunk S 2000000");
+  localFile(content);
+  EXPECT_EQ(chunk("S", 2'000'000), "error 503");
+  EXPECT_EQ(chunk("S", 2'000'000), "error 409");
+  EXPECT_EQ(resumption(), "S 2500000");
+  EXPECT_EQ(chunk("S", 2'500'000), "chunk S 2500000");
+  EXPECT_EQ(commit("S"), "error 101") << "the hash of all that was sent is still known";
+}
+
+TEST_F(ChunkedUpload, UploadBegunElsewhereIsCommittedAtTheOffsetThatTheServiceKnows) {
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    if (request.headers.at("dropbox-api-arg").find("\"offset\":77") != std::string::npos) return finished();
+    return jsonReply(
+        R"({"error":{".tag":"lookup_failed","lookup_failed":{".tag":"incorrect_offset","correct_offset":77}}})",
+        409);
+  });
+  EXPECT_EQ(commit("foreign"), "committed foreign /A/n as /A/n");
+}
+
+class TreeChanges : public ClientFixture {};
+
+TEST_F(TreeChanges, EndWithTheServicesRecord) {
+  const auto serving = serve([](const ScriptedRequest& request) {
+    if (request.route == "/2/files/create_folder_v2")
+      return jsonReply(R"({"metadata":{"name":"N","path_lower":"/a/n","id":"id:x"}})");
+    if (request.body.find("gone") != std::string::npos) return errorReply(409, {"path_lookup", "not_found"});
+    if (request.route == "/2/files/delete_v2") return jsonReply(R"({"metadata":)" + fileJson("/A/f") + "}");
+    return jsonReply(R"({"metadata":)" + fileJson("/b/G") + "}");
+  });
+  EXPECT_EQ(outcome([](DBRestClient& own) { own.createFolder("/A/N"); }), "created /A/N");
+  EXPECT_TRUE(delegate.lastMetadata()->isDirectory());
+  EXPECT_EQ(outcome([](DBRestClient& own) { own.deletePath("/A/f/"); }), "deleted /A/f/");
+  EXPECT_EQ(outcome([](DBRestClient& own) { own.deletePath("/gone"); }), "error 404");
+  EXPECT_EQ(outcome([](DBRestClient& own) { own.moveFrom("/A/f", "/B/G"); }), "moved /A/f to /B/G");
+  for (const auto& root : {"/", "//", ""}) {
+    EXPECT_EQ(outcome([&](DBRestClient& own) { own.createFolder(root); }), "error 400");
+    EXPECT_EQ(outcome([&](DBRestClient& own) { own.deletePath(root); }), "error 400")
+        << "never the whole account";
+    EXPECT_EQ(outcome([&](DBRestClient& own) { own.moveFrom("/a", root); }), "error 400");
+  }
+}
+
+/// A service with one item, which moves as it is told.
+class OneItem {
+ public:
+  ScriptedReply answer(const ScriptedRequest& request) {
+    const auto value = [&](const std::string& key) {
+      const auto begin = request.body.find("\"" + key + "\":\"") + key.size() + 4;
+      return request.body.substr(begin, request.body.find('"', begin) - begin);
+    };
+    if (++moves == failingMove) return errorReply(409, {"to", "no_write_permission"});
+    if (value("from_path") != path) return errorReply(409, {"from_lookup", "not_found"});
+    path = value("to_path");
+    return jsonReply(R"({"metadata":)" + folderJson(path) + "}");
+  }
+  std::string path = "/a/docs";
+  int moves = 0;
+  int failingMove = 0;
+};
+
+TEST_F(TreeChanges, NewLetterCaseTakesADetourAndNeverLosesTheItem) {
+  struct Case {
+    const char* name;
+    int failingMove;
+    const char* outcome;
+    const char* path;
+    int moves;
+  };
+  const Case cases[] = {{"all goes well", 0, "moved /a/docs to /a/DOCS", "/a/DOCS", 2},
+                        {"cannot leave", 1, "error 403", "/a/docs", 1},
+                        {"cannot arrive", 2, "error 403", "/a/docs", 3}};
+  std::mutex mutex;
+  OneItem item;
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    const std::lock_guard lock(mutex);
+    return item.answer(request);
+  });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    {
+      const std::lock_guard lock(mutex);
+      item = OneItem();
+      item.failingMove = c.failingMove;
+    }
+    EXPECT_EQ(outcome([](DBRestClient& own) { own.moveFrom("/a/docs", "/a/DOCS"); }), c.outcome);
+    const std::lock_guard lock(mutex);
+    EXPECT_EQ(item.path, c.path);
+    EXPECT_EQ(item.moves, c.moves);
+  }
+}
+
+TEST_F(TreeChanges, NewLetterCaseArrivesEvenWhenItsClientIsGone) {
+  std::mutex mutex;
+  OneItem item;
+  std::promise<void> firstHalf, clientGone;
+  auto mayAnswer = clientGone.get_future();
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    if (item.moves == 0) {
+      firstHalf.set_value();
+      mayAnswer.wait_for(std::chrono::seconds(20));
+    }
+    const std::lock_guard lock(mutex);
+    return item.answer(request);
+  });
+  callbacks.run([&] { client->moveFrom("/a/docs", "/a/DOCS"); });
+  ASSERT_EQ(firstHalf.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  callbacks.run([&] { client.reset(); });
+  clientGone.set_value();
+  session->waitForBackgroundWork(20);
+  const std::lock_guard lock(mutex);
+  EXPECT_EQ(item.path, "/a/DOCS");
+  EXPECT_TRUE(delegate.notes().empty());
+}
+
+TEST_F(TreeChanges, LinkIsMadeOrFound) {
+  struct Case {
+    const char* name;
+    ScriptedReply made, listed;
+    const char* outcome;
+  };
+  const char* const link = R"({".tag":"file","url":"https://host/x?rlkey=1&dl=0"})";
+  const std::string exists = R"({"error":{".tag":"shared_link_already_exists")";
+  const Case cases[] = {
+      {"made", jsonReply(link), {}, "link /a https://host/x?rlkey=1&dl=0"},
+      {"named in the refusal",
+       jsonReply(exists + R"(,"shared_link_already_exists":{".tag":"metadata","metadata":)" + link + "}}}",
+                 409),
+       {},
+       "link /a https://host/x?rlkey=1&dl=0"},
+      {"found", jsonReply(exists + "}}", 409),
+       jsonReply(std::string(R"({"links":[)") + link + R"(],"has_more":false})"),
+       "link /a https://host/x?rlkey=1&dl=0"},
+      {"not found", jsonReply(exists + "}}", 409), jsonReply(R"({"links":[],"has_more":false})"),
+       "error 101"},
+      {"not allowed", errorReply(409, {"access_denied"}), {}, "error 403"},
+  };
+  const Case* current = nullptr;
+  std::mutex mutex;
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    const std::lock_guard lock(mutex);
+    return request.route == "/2/sharing/list_shared_links" ? current->listed : current->made;
+  });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    {
+      const std::lock_guard lock(mutex);
+      current = &c;
+    }
+    EXPECT_EQ(outcome([](DBRestClient& own) { own.loadSharableLinkForFile("/a", false); }), c.outcome);
+  }
+}
+
+}  // namespace
