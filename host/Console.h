@@ -1,0 +1,51 @@
+#pragma once
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "foundation/NSError.h"
+
+/// The program's two output streams. Results go to standard output through a buffer; notes, errors and the
+/// progress line go to standard error, which is never buffered. One object per process. Any thread.
+class Console {
+ public:
+  /// @param isQuiet  no notes, no progress line.
+  explicit Console(bool isQuiet);
+  Console(const Console&) = delete;
+  Console& operator=(const Console&) = delete;
+
+  /// Adds one line to standard output. On a terminal it is shown at once.
+  void line(std::string_view text);
+  /// Shows what has been added. False when standard output takes no more, for which see isClosed.
+  bool flush();
+  /// Whether standard output takes no more lines: the reader has gone, which is no failure (a pipe into
+  /// `head`), or writing failed, which outputError tells.
+  bool isClosed() const;
+  NSErrorRef outputError() const;
+
+  /// One line on standard error, whatever else is being shown.
+  void error(std::string_view text);
+  /// As error, but not when quiet: for hints.
+  void note(std::string_view text);
+
+  /// Whether a progress line can be shown: standard error is a terminal and nobody asked for quiet.
+  bool showsProgress() const noexcept { return showsProgress_; }
+  /// How many characters the progress line may have.
+  static std::size_t progressWidth();
+  /// Replaces the progress line; empty removes it.
+  void progress(std::string_view text);
+
+ private:
+  bool writeBuffer();
+  void writeError(std::string_view text);
+  void removeProgress();
+
+  const bool isQuiet_;
+  const bool showsProgress_;
+  const bool isTerminal_;
+  mutable std::mutex mutex_;
+  std::string buffer_;              // guarded by mutex_
+  bool isClosed_ = false;           // guarded by mutex_
+  int outputErrno_ = 0;             // guarded by mutex_
+  bool isProgressVisible_ = false;  // guarded by mutex_
+};

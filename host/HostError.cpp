@@ -1,0 +1,49 @@
+#include "host/HostError.h"
+
+#include <cerrno>
+
+#include <fmt/format.h>
+
+#include "core/KZVConstants.h"
+#include "foundation/NSString.h"
+#include "host/Formatting.h"
+
+namespace {
+NSErrorRef errorWithText(std::string_view domain, std::int64_t code, std::string text) {
+  return std::make_shared<NSError>(std::string(domain), code,
+                                   NSDictionary::with({{NSLocalizedDescriptionKey, str(std::move(text))}}));
+}
+}  // namespace
+
+NSErrorRef hostError(HostErrorCode code, std::string text) {
+  return errorWithText(KZVHostErrorDomain, static_cast<std::int64_t>(code), std::move(text));
+}
+
+NSErrorRef noSuchItemError() { return errorWithText(NSPOSIXErrorDomain, ENOENT, "no such file or folder"); }
+
+NSErrorRef stoppedError() { return errorWithText(CanceledByUserErrorDomain, -1, "stopped"); }
+
+bool isStop(const NSError& error) { return error.domain() == CanceledByUserErrorDomain; }
+
+ExitStatus exitStatusFor(const NSError& error) {
+  if (isStop(error)) return ExitStatus::stopped;
+  if (error.domain() != KZVHostErrorDomain) return ExitStatus::failed;
+  switch (static_cast<HostErrorCode>(error.code())) {
+    case HostErrorCode::noAccount:
+    case HostErrorCode::unlinked:
+      return ExitStatus::noAccount;
+    case HostErrorCode::badInput:
+      return ExitStatus::usage;
+    case HostErrorCode::notSupported:
+    case HostErrorCode::internal:
+      break;
+  }
+  return ExitStatus::failed;
+}
+
+std::string failureLine(std::string_view verb, std::string_view path, const NSError& error) {
+  // A stop made by the plug-in carries no text of its own.
+  const std::string reason = isStop(error) ? "stopped" : error.localizedDescription();
+  return fmt::format("kzv: {}: {}{}{} ({} {})", verb, harmless(path), path.empty() ? "" : ": ",
+                     harmless(reason), error.domain(), error.code());
+}

@@ -1,0 +1,69 @@
+#pragma once
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/FSPlugin.h"
+
+/// One account as the person sees it.
+struct Account {
+  std::string id;
+  std::string label;  // the id while the name is not known
+  bool isNamed = false;
+  bool isAvailable = false;
+};
+
+/// The loaded plug-in and the volume that the present command works on. Make it and load() on the main
+/// thread; everything else belongs to the thread that runs the command, while the main thread runs its run
+/// loop: the news of a filled account list arrives there.
+class HostSession {
+ public:
+  HostSession();
+  HostSession(const HostSession&) = delete;
+  HostSession& operator=(const HostSession&) = delete;
+  ~HostSession();
+
+  /// Loads the bundle: KZV_BUNDLE, else ../lib/kzv/KZVDropboxFS.bundle beside the program. Blocks.
+  bool load(NSErrorRef* error);
+
+  /// The linked accounts in the order of linking. Waits, bounded, until the plug-in has asked for their
+  /// names.
+  std::vector<Account> accounts();
+  /// The account with this id, once its name is known or the wait is over.
+  Account accountNamed(const std::string& accountId);
+  /// The account that `wanted` (an id, else a label) names; without it the only one. Else nothing, with an
+  /// error that lists what there is. Waits for names only when it needs them.
+  std::optional<std::string> chooseAccount(const std::optional<std::string>& wanted, NSErrorRef* error);
+
+  /// The interface for linking and unlinking, or null with an error when the plug-in has none.
+  FSPluginAccounts* accountsInterface(NSErrorRef* error);
+
+  /// Opens the chosen account's volume and attaches it to the host. Null with an error.
+  std::shared_ptr<FSPlugin> openVolume(const std::optional<std::string>& wanted, NSErrorRef* error);
+  /// Why an operation gave neither a result nor an error: the account is gone, or else the item.
+  NSErrorRef reasonForNothing();
+  /// Lets the volume go, waits (bounded) for work begun in the background when an account was unlinked, and
+  /// removes temporary folders. The last thing before the process leaves.
+  void close();
+  /// close() must wait for the revocation of a token.
+  void noteUnlink() { hasUnlinked_ = true; }
+
+ private:
+  std::vector<std::string> linkedIds() const;
+  std::vector<Account> knownAccounts() const;
+  template <class Condition>
+  void waitForNames(Condition isEnough);
+
+  FSPluginClass* plugin_ = nullptr;  // set by load()
+  std::shared_ptr<FSPlugin> volume_;
+  std::string volumeId_;
+  bool hasUnlinked_ = false;
+
+  std::mutex mutex_;
+  std::condition_variable refreshed_;
+  int refreshes_ = 0;  // guarded by mutex_
+};

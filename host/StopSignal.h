@@ -1,0 +1,22 @@
+#pragma once
+#include <functional>
+
+/// What happens on Ctrl-C and on a request to end (SIGINT, SIGTERM, SIGHUP): the first one asks the work to
+/// stop; if the program is still there shortly afterwards, for instance because it waits for the network, or
+/// if a second one comes, it ends at once. Any thread unless a member says otherwise.
+class StopSignal {
+ public:
+  /// Takes over the signals. Once per process, before other threads start.
+  /// @param unanswered  runs on a thread of this class when the work did not stop in time, before the program
+  ///                    ends with status 130; must not wait for that work.
+  static void install(std::function<void()> unanswered);
+  /// Whether a stop has been asked for.
+  static bool isRequested() noexcept;
+};
+
+/// Ends the process with `status` without running destructors of static objects, which threads of the plug-in
+/// may still use. The first caller decides the status. Any thread.
+[[noreturn]] void leave(int status);
+/// `restore` runs when the process leaves, for what outlives a process (the terminal's settings); null
+/// removes it. It must be safe at any moment on any thread.
+void setLeaveHook(void (*restore)());

@@ -1,0 +1,58 @@
+#include "host/Verb.h"
+
+#include "host/Console.h"
+#include "host/Formatting.h"
+#include "host/HostError.h"
+#include "host/HostSession.h"
+#include "host/StopSignal.h"
+
+VerbContext::VerbContext(std::string verb, const GlobalOptions& globalOptions, Console& theConsole,
+                         HostSession& theSession)
+    : options(globalOptions), console(theConsole), session(theSession), verb_(std::move(verb)) {}
+
+void VerbContext::fail(std::string_view path, NSErrorRef error) {
+  if (!error) error = session.reasonForNothing();
+  const ExitStatus status = exitStatusFor(*error);
+  {
+    const std::lock_guard lock(mutex_);
+    if (status_ == ExitStatus::stopped) return;  // what fails because everything ends is no news
+    if (status_ == ExitStatus::done || status == ExitStatus::stopped) status_ = status;
+  }
+  console.flush();  // lines come out in the order in which things happened
+  console.error(failureLine(verb_, path, *error));
+}
+
+ExitStatus VerbContext::status() const {
+  const std::lock_guard lock(mutex_);
+  return status_;
+}
+
+std::shared_ptr<FSPlugin> VerbContext::openVolume() {
+  NSErrorRef error;
+  auto volume = session.openVolume(options.account, &error);
+  if (!volume) fail("", error);
+  return volume;
+}
+
+std::string VerbContext::pathFrom(const std::string& typed) {
+  auto path = remotePath(typed);
+  if (path) return *std::move(path);
+  fail(typed, hostError(HostErrorCode::badInput, "not a path: it must be valid UTF-8 and stay below \"/\""));
+  return {};
+}
+
+bool VerbContext::shouldStop(std::string_view path) {
+  setSubject(path);
+  if (StopSignal::isRequested()) fail(path, stoppedError());
+  return StopSignal::isRequested() || console.isClosed();
+}
+
+void VerbContext::setSubject(std::string_view path) {
+  const std::lock_guard lock(mutex_);
+  subject_ = path;
+}
+
+std::string VerbContext::subject() const {
+  const std::lock_guard lock(mutex_);
+  return subject_;
+}

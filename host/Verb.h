@@ -1,0 +1,70 @@
+#pragma once
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/FSPlugin.h"
+#include "host/ExitStatus.h"
+#include "host/GlobalOptions.h"
+
+namespace CLI {
+class App;
+}
+class Console;
+class HostSession;
+
+/// What a verb works with, and where it tells of its failures. The verb's thread uses it; failureReported and
+/// subject may be used from any thread.
+class VerbContext {
+ public:
+  VerbContext(std::string verb, const GlobalOptions& options, Console& console, HostSession& session);
+
+  const GlobalOptions& options;
+  Console& console;
+  HostSession& session;
+
+  /// Reports one failure on standard error; `path` may be empty. The worst failure decides the exit status: a
+  /// stop before all others, and is reported once. An empty `error` means that the operation gave no reason.
+  void fail(std::string_view path, NSErrorRef error);
+  ExitStatus status() const;
+
+  /// The volume to work on; null after having reported why not.
+  std::shared_ptr<FSPlugin> openVolume();
+  /// The remote path that was typed, in the file system's form; empty after having reported why not.
+  std::string pathFrom(const std::string& typed);
+  /// True when the work should end: the person asked for it (then it is reported as a failure of `path`), or
+  /// standard output takes no more lines.
+  bool shouldStop(std::string_view path);
+  /// What is being worked on now, for the message when the program has to end without the verb's answer.
+  void setSubject(std::string_view path);
+  std::string subject() const;
+
+ private:
+  const std::string verb_;
+  mutable std::mutex mutex_;
+  std::string subject_;                   // guarded by mutex_
+  ExitStatus status_ = ExitStatus::done;  // guarded by mutex_
+};
+
+/// One command: its words on the command line and what it does. To add one, write a class in host/verbs/ and
+/// name it in allVerbs().
+class Verb {
+ public:
+  struct Words {
+    const char* name;
+    const char* summary;  // one line
+    const char* example;  // a line or two as a person would type them
+  };
+
+  virtual ~Verb() = default;
+  virtual Words words() const = 0;
+  /// Declares options and arguments; they are stored in the verb, which outlives `command`.
+  virtual void declare(CLI::App& command) = 0;
+  /// Does it. Runs on a thread of its own, may block. Failures go to context.fail.
+  virtual void run(VerbContext& context) = 0;
+};
+
+/// All verbs in the order of the help text.
+std::vector<std::unique_ptr<Verb>> allVerbs();

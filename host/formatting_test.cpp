@@ -1,0 +1,181 @@
+#include "host/Formatting.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "core/KZVConstants.h"
+#include "foundation/NSString.h"
+#include "host/Entry.h"
+#include "host/HostError.h"
+
+namespace {
+
+TEST(Formatting, ByteCountsAreDecimalAndRoundedHalfUp) {
+  struct Case {
+    std::uint64_t bytes;
+    const char* text;
+  };
+  const Case cases[] = {{0, "0 bytes"},         {1, "1 byte"},           {999, "999 bytes"},
+                        {1000, "1 KB"},         {1499, "1 KB"},          {1500, "2 KB"},
+                        {999'499, "999 KB"},    {999'500, "1 MB"},       {1'000'000, "1 MB"},
+                        {1'049'999, "1 MB"},    {1'050'000, "1.1 MB"},   {999'949'999, "999.9 MB"},
+                        {999'950'000, "1 GB"},  {2'000'000'000, "2 GB"}, {1'500'000'000'000, "1.5 TB"},
+                        {UINT64_MAX, "18.4 EB"}};
+  for (const Case& c : cases) EXPECT_EQ(byteCount(c.bytes), c.text) << c.bytes;
+}
+
+TEST(Formatting, DurationsShowHoursOnlyWhenThereAreSome) {
+  using std::chrono::seconds;
+  EXPECT_EQ(duration(seconds(7)), "0:07");
+  EXPECT_EQ(duration(seconds(725)), "12:05");
+  EXPECT_EQ(duration(seconds(3599)), "59:59");
+  EXPECT_EQ(duration(seconds(3725)), "1:02:05");
+}
+
+TEST(Formatting, LocalTimeFollowsTheTimeZone) {
+  ::setenv("TZ", "XYZ-2", 1);  // two hours ahead of UTC
+  ::tzset();
+  EXPECT_EQ(localTime(std::chrono::system_clock::from_time_t(1'714'548'600)), "2024-05-01 09:30");
+  EXPECT_EQ(localTime(std::chrono::system_clock::from_time_t(-1)), "1970-01-01 01:59");
+}
+
+TEST(Formatting, HarmlessTextHasNoPowerOverATerminal) {
+  struct Case {
+    const char* name;
+    const char* text;
+    const char* shown;
+  };
+  const Case cases[] = {
+      {"plain", "a b.txt", "a b.txt"},
+      {"letters of any script stay", "größe 日本 😀 é", "größe 日本 😀 é"},
+      {"line ends", "a\nb\rc\td", "a\\nb\\rc\\td"},
+      {"escape sequence", "\x1b[31mred", "\\x1b[31mred"},
+      {"DEL", "a\x7f", "a\\x7f"},
+      {"C1 control in UTF-8",
+       "a\xC2\x9B"
+       "31m",
+       "a\\xc2\\x9b31m"},
+      {"no-break space is no control",
+       "a\xC2\xA0"
+       "b",
+       "a\xC2\xA0"
+       "b"},
+      {"direction override",
+       "txt.\xE2\x80\xAE"
+       "exe",
+       "txt.\\xe2\\x80\\xaeexe"},
+      {"isolate", "\xE2\x81\xA7", "\\xe2\\x81\\xa7"},
+      {"dash beside the overrides stays", "\xE2\x80\x93", "\xE2\x80\x93"},
+      {"single C1 byte",
+       "\x9B"
+       "31m",
+       "\\x9b31m"},
+      {"broken sequence", "a\xE2\x82", "a\\xe2\\x82"},
+      {"half a surrogate pair", "\xED\xA0\x80", "\\xed\\xa0\\x80"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(harmless(c.text), c.shown) << c.name;
+}
+
+TEST(Formatting, JsonTextsAreValidUtf8) {
+  struct Case {
+    const char* name;
+    const char* text;
+    const char* valid;
+  };
+  const Case cases[] = {{"valid text is untouched", "a\nü😀", "a\nü😀"},
+                        {"lone bytes",
+                         "\xff"
+                         "a\xfe",
+                         "\uFFFDa\uFFFD"},
+                        {"half a surrogate pair", "\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD"},
+                        {"cut character at the end", "a\xE2\x82", "a\uFFFD\uFFFD"},
+                        {"overlong form", "\xC0\xAF", "\uFFFD\uFFFD"}};
+  for (const Case& c : cases) EXPECT_EQ(validUtf8(c.text), c.valid) << c.name;
+}
+
+TEST(Formatting, TypedPathsBecomeRemotePaths) {
+  struct Case {
+    const char* typed;
+    const char* path;  // null: refused
+  };
+  const Case cases[] = {{"", "/"},
+                        {"/", "/"},
+                        {".", "/"},
+                        {"a", "/a"},
+                        {"/a/b", "/a/b"},
+                        {"//a///b//", "/a/b"},
+                        {"/a/./b/../c", "/a/c"},
+                        {"/a/..", "/"},
+                        {"/..", nullptr},
+                        {"a/../..", nullptr},
+                        {"/...", "/..."},
+                        {"/a\xff", nullptr}};
+  for (const Case& c : cases) {
+    const auto path = remotePath(c.typed);
+    EXPECT_EQ(path.has_value(), c.path != nullptr) << c.typed;
+    EXPECT_EQ(path.value_or(""), c.path ? c.path : "") << c.typed;
+  }
+}
+
+NSErrorRef made(std::string_view domain, std::int64_t code, const char* text = nullptr) {
+  return std::make_shared<NSError>(
+      std::string(domain), code,
+      text ? NSDictionary::with({{NSLocalizedDescriptionKey, str(text)}}) : nullptr);
+}
+
+TEST(HostErrors, EachFailureHasItsStatusAndItsLine) {
+  struct Case {
+    NSErrorRef error;
+    const char* path;
+    ExitStatus status;
+    const char* line;
+  };
+  const Case cases[] = {
+      {made("dropbox.com", 409, "path/not_found"), "/a", ExitStatus::failed,
+       "kzv: ls: /a: path/not_found (dropbox.com 409)"},
+      {made("Could not create temporary file", -1), "/a", ExitStatus::failed,
+       "kzv: ls: /a: Could not create temporary file (Could not create temporary file -1)"},
+      {made(CanceledByUserErrorDomain, -1), "/a", ExitStatus::stopped,
+       "kzv: ls: /a: stopped (CanceledByUserErrorDomain -1)"},
+      {stoppedError(), "", ExitStatus::stopped, "kzv: ls: stopped (CanceledByUserErrorDomain -1)"},
+      {noSuchItemError(), "/x\n", ExitStatus::failed,
+       "kzv: ls: /x\\n: no such file or folder (NSPOSIXErrorDomain 2)"},
+      {hostError(HostErrorCode::noAccount, "none"), "", ExitStatus::noAccount,
+       "kzv: ls: none (KZVHostErrorDomain 1)"},
+      {hostError(HostErrorCode::unlinked, "gone"), "/a", ExitStatus::noAccount,
+       "kzv: ls: /a: gone (KZVHostErrorDomain 2)"},
+      {hostError(HostErrorCode::badInput, "bad\x1b"), "", ExitStatus::usage,
+       "kzv: ls: bad\\x1b (KZVHostErrorDomain 3)"},
+      {hostError(HostErrorCode::notSupported, "cannot"), "", ExitStatus::failed,
+       "kzv: ls: cannot (KZVHostErrorDomain 4)"},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(exitStatusFor(*c.error), c.status) << c.line;
+    EXPECT_EQ(failureLine("ls", c.path, *c.error), c.line);
+  }
+}
+
+TEST(Entries, JsonHoldsWhatIsKnownAndShownNamesMarkFolders) {
+  Entry file;
+  file.path = "/d/\xff.txt";
+  file.name = "\xff.txt";
+  file.sizeBytes = 18'446'744'073'709'551'615U;
+  EXPECT_EQ(
+      file.json(),
+      "{\"path\":\"/d/\uFFFD.txt\",\"name\":\"\uFFFD.txt\",\"dir\":false,\"size\":18446744073709551615}");
+  EXPECT_EQ(file.shownName(), "\\xff.txt");
+  Entry folder;
+  folder.path = folder.name = "/";
+  folder.isDirectory = true;
+  folder.modified = std::chrono::system_clock::from_time_t(1'714'548'600);
+  EXPECT_EQ(folder.json(),
+            R"({"path":"/","name":"/","dir":true,"size":0,"modified":"2024-05-01T07:30:00Z"})");
+  EXPECT_EQ(folder.shownPath(), "/");
+  folder.name = "d";
+  EXPECT_EQ(folder.shownName(), "d/");
+}
+
+}  // namespace

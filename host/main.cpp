@@ -1,0 +1,86 @@
+// kzv: file systems of plug-ins on the command line. Each verb is a class in host/verbs/.
+#include <atomic>
+#include <chrono>
+#include <exception>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/NSLog.h"
+#include "foundation/NSRunLoop.h"
+#include "foundation/NSThread.h"
+#include "host/CommandLine.h"
+#include "host/Console.h"
+#include "host/HostError.h"
+#include "host/HostSession.h"
+#include "host/StopSignal.h"
+
+namespace {
+
+int show(const Answer& answer) {
+  Console console(false);
+  if (answer.status == ExitStatus::done) {
+    console.line(answer.text);
+  } else {
+    console.error(answer.text);
+  }
+  console.flush();
+  return static_cast<int>(answer.status);
+}
+
+void setUpLogging(const GlobalOptions& options) {
+  if (options.verbose) setLogLevel(NSLogLevel::debug);
+  if (options.quiet) setLogLevel(NSLogLevel::error);
+}
+
+void runVerb(Verb& verb, VerbContext& context) {
+  try {
+    verb.run(context);
+  } catch (const std::exception& problem) {
+    context.fail("", hostError(HostErrorCode::internal, problem.what()));
+  }
+  context.console.progress("");
+  if (!context.console.flush() && context.console.outputError())
+    context.fail("", context.console.outputError());
+  context.session.close();
+}
+
+/// The verb's operations block, so they have a thread of their own, and the main thread is free for what
+/// plug-ins post to the main queue.
+void runBesideMainLoop(Verb& verb, VerbContext& context) {
+  const auto mainLoop = NSRunLoop::mainRunLoop();
+  std::atomic<bool> isDone{false};
+  std::thread worker([&] {
+    setCurrentThreadName("kzv-verb");
+    runVerb(verb, context);
+    isDone = true;
+    mainLoop->stop();
+  });
+  while (!isDone) mainLoop->waitUntilDate(NSRunLoop::Clock::now() + std::chrono::hours(1));
+  worker.join();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const auto verbs = allVerbs();
+  const auto parsed = parseCommandLine(std::vector<std::string>(argv + 1, argv + argc), verbs);
+  if (const auto* answer = std::get_if<Answer>(&parsed)) return show(*answer);
+  const auto& [options, verb] = std::get<Command>(parsed);
+
+  applyToEnvironment(options);
+  setUpLogging(options);
+  NSThread::mainThread();  // this one: before any other thread asks
+  Console console(options.quiet);
+  HostSession session;
+  VerbContext context(verb->words().name, options, console, session);
+  StopSignal::install([&context] { context.fail(context.subject(), stoppedError()); });
+
+  NSErrorRef error;
+  if (session.load(&error)) {
+    runBesideMainLoop(*verb, context);
+  } else {
+    context.fail("", error);
+  }
+  leave(static_cast<int>(context.status()));
+}

@@ -1,0 +1,109 @@
+#include "host/testing/FolderVolume.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include <unistd.h>
+
+#include "foundation/NSFileManager.h"
+#include "foundation/NSNumber.h"
+#include "foundation/NSString.h"
+#include "foundation/Paths.h"
+#include "host/testing/FolderPlugin.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// What the beginning of a name makes of the item.
+struct Behaviour {
+  static constexpr std::string_view fails = "fail-";         // every operation fails
+  static constexpr std::string_view hangs = "hang-";         // looking at it never ends
+  static constexpr std::string_view unlinks = "unlink-";     // looking at it unlinks the account
+  static constexpr std::string_view timeless = "timeless-";  // has no modification date
+  static constexpr std::string_view many = "many-";          // a folder of 50,000 files
+};
+constexpr int manyCount = 50'000;
+
+NSErrorRef orderedError() {
+  return std::make_shared<NSError>(
+      "TestDomain", 7, NSDictionary::with({{NSLocalizedDescriptionKey, str("this item always fails")}}));
+}
+
+NSDate::Time modificationTime(const fs::path& path) {
+  return std::chrono::time_point_cast<NSDate::Time::duration>(
+      std::chrono::file_clock::to_sys(fs::last_write_time(path)));
+}
+
+}  // namespace
+
+FolderVolume::FolderVolume(std::string accountId, fs::path tree)
+    : accountId_(std::move(accountId)), tree_(std::move(tree)) {}
+
+FolderVolume::~FolderVolume() {
+  if (tmpFolderUrl_) NSFileManager::defaultManager().removeItemAtURL(*tmpFolderUrl_);
+  FolderPlugin::noteEvent("volume " + accountId_ + " is gone");
+}
+
+id FolderVolume::options() const { return str(accountId_); }
+
+void FolderVolume::eject() { FolderPlugin::shared().unlinkAccount(accountId_); }
+
+fs::path FolderVolume::onDisk(const std::string& path) const { return tree_ / path.substr(1); }
+
+bool FolderVolume::failsByName(const std::string& path, NSErrorRef* error) {
+  const std::string name = lastPathComponent(path);
+  if (name.starts_with(Behaviour::hangs))
+    while (true) ::pause();
+  if (name.starts_with(Behaviour::unlinks)) eject();
+  if (name.starts_with(Behaviour::fails)) setError(error, orderedError());
+  return name.starts_with(Behaviour::fails) || name.starts_with(Behaviour::unlinks);
+}
+
+bool FolderVolume::isExists(const std::string& path) { return attributesAtPath(path, nullptr) != nullptr; }
+
+std::shared_ptr<NSDictionary> FolderVolume::attributesAtPath(const std::string& path, NSErrorRef* error) {
+  if (failsByName(path, error)) return nullptr;
+  const fs::path place = onDisk(path);
+  if (!fs::exists(place)) return nullptr;
+  const bool isFolder = fs::is_directory(place);
+  const auto size = isFolder ? 0 : static_cast<std::int64_t>(fs::file_size(place));
+  const id type = str(std::string(isFolder ? NSFileTypeDirectory : NSFileTypeRegular));
+  if (lastPathComponent(path).starts_with(Behaviour::timeless))
+    return NSDictionary::with({{NSFileSize, NSNumber::withInt(size)}, {NSFileType, type}});
+  return NSDictionary::with({{NSFileSize, NSNumber::withInt(size)},
+                             {NSFileModificationDate, std::make_shared<NSDate>(modificationTime(place))},
+                             {NSFileType, type}});
+}
+
+FSItems FolderVolume::manyItems(const std::string& path) {
+  FSItems items;
+  const auto self = shared_from_this();
+  for (int i = 0; i < manyCount; ++i)
+    items.push_back(std::make_shared<FSItem>(path + "/file " + std::to_string(i), self));
+  return items;
+}
+
+std::optional<FSItems> FolderVolume::contentAtPath(const std::string& path, bool recursive, bool showHidden,
+                                                   NSErrorRef* error) {
+  if (failsByName(path, error) || !fs::is_directory(onDisk(path))) return std::nullopt;
+  if (lastPathComponent(path).starts_with(Behaviour::many)) return manyItems(path);
+  FSItems items;
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(onDisk(path))) names.push_back(entry.path().filename());
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) {
+    const auto item = std::make_shared<FSItem>(appendingPathComponent(path, name), shared_from_this());
+    const fs::path place = onDisk(item->path());
+    item->setIsDirectory(fs::is_directory(place));
+    if (!item->isDirectory()) item->setSize(fs::file_size(place));
+    if (!name.starts_with(Behaviour::timeless)) item->setModificationDate(modificationTime(place));
+    items.push_back(item);
+    if (!recursive || !item->isDirectory()) continue;
+    auto below = contentAtPath(item->path(), true, showHidden, error);
+    if (!below) return std::nullopt;
+    items.insert(items.end(), below->begin(), below->end());
+  }
+  return items;
+}

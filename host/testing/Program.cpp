@@ -1,0 +1,167 @@
+#include "host/testing/Program.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <thread>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+struct Pipe {
+  Pipe() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    reader = ends[0];
+    writer = ends[1];
+  }
+  int reader;
+  int writer;
+};
+
+std::vector<std::string> fullEnvironment(const Program::Environment& added) {
+  Program::Environment all{{"KZV_BUNDLE", KZV_TEST_BUNDLE}, {"TZ", "UTC"}, {"LC_ALL", "C.UTF-8"}};
+  for (const char* kept : {"PATH", "HOME", "TMPDIR", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"})
+    if (const char* value = std::getenv(kept)) all[kept] = value;
+  for (const auto& [name, value] : added) all[name] = value;
+  std::vector<std::string> lines;
+  lines.reserve(all.size());
+  for (const auto& [name, value] : all) lines.push_back(fmt::format("{}={}", name, value));
+  return lines;
+}
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+  std::vector<char*> all;
+  all.reserve(texts.size() + 1);
+  for (std::string& text : texts) all.push_back(text.data());
+  all.push_back(nullptr);
+  return all;
+}
+
+void closeOnce(int& file) {
+  if (file >= 0) ::close(file);
+  file = -1;
+}
+
+}  // namespace
+
+Program::Program(const std::vector<std::string>& arguments, const Environment& environment,
+                 const std::string& outputFile) {
+  ::signal(SIGPIPE, SIG_IGN);
+  const Pipe in;
+  const Pipe out;
+  const Pipe err;
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_adddup2(&actions, in.reader, STDIN_FILENO);
+  ::posix_spawn_file_actions_adddup2(&actions, out.writer, STDOUT_FILENO);
+  if (!outputFile.empty())
+    ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(), O_WRONLY | O_CREAT, 0600);
+  ::posix_spawn_file_actions_adddup2(&actions, err.writer, STDERR_FILENO);
+  std::vector<std::string> words{"kzv"};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  auto environmentLines = fullEnvironment(environment);
+  const int failure = ::posix_spawn(&process_, KZV_PROGRAM, &actions, nullptr, pointers(words).data(),
+                                    pointers(environmentLines).data());
+  ::posix_spawn_file_actions_destroy(&actions);
+  for (const int file : {in.reader, out.writer, err.writer}) ::close(file);
+  input_ = in.writer;
+  output_ = out.reader;
+  error_ = err.reader;
+  if (failure != 0) throw std::runtime_error("cannot start " KZV_PROGRAM);
+}
+
+Program::~Program() {
+  for (int* file : {&input_, &output_, &error_}) closeOnce(*file);
+  if (process_ <= 0) return;
+  ::kill(process_, SIGKILL);
+  ::waitpid(process_, nullptr, 0);
+}
+
+void Program::type(const std::string& text) {
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const ssize_t count = ::write(input_, rest.data(), rest.size());
+    if (count <= 0) return;  // it reads no more: its own matter
+    rest.remove_prefix(static_cast<std::size_t>(count));
+  }
+}
+
+Program::Reading Program::readSome(Clock::time_point deadline) {
+  std::array<pollfd, 2> waiting{{{output_, POLLIN, 0}, {error_, POLLIN, 0}}};
+  if (output_ < 0 && error_ < 0) return Reading::ended;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  if (left <= 0 || ::poll(waiting.data(), waiting.size(), static_cast<int>(left)) == 0) return Reading::late;
+  const auto take = [](const pollfd& ready, int& file, std::string& text) {
+    if (ready.revents == 0) return;
+    char buffer[65536];
+    const ssize_t count = ::read(file, buffer, sizeof buffer);
+    if (count > 0) {
+      text.append(buffer, static_cast<std::size_t>(count));
+    } else {
+      closeOnce(file);
+    }
+  };
+  take(waiting[0], output_, result_.out);
+  take(waiting[1], error_, result_.err);
+  return Reading::more;
+}
+
+bool Program::waitForOutput(const std::string& text) {
+  const auto deadline = Clock::now() + std::chrono::seconds(20);
+  while (result_.out.find(text) == std::string::npos)
+    if (readSome(deadline) != Reading::more) return false;
+  return true;
+}
+
+bool Program::waitForFile(const std::string& path, const std::string& text) {
+  const auto deadline = Clock::now() + std::chrono::seconds(20);
+  while (Clock::now() < deadline) {
+    std::ifstream file(path);
+    const std::string content{std::istreambuf_iterator<char>(file), {}};
+    if (content.find(text) != std::string::npos) return true;
+    std::this_thread::yield();
+  }
+  return false;
+}
+
+void Program::signal(int number) const { ::kill(process_, number); }
+
+void Program::closeOutput() { closeOnce(output_); }
+
+Program::Result Program::finish(std::chrono::seconds limit, Input input) {
+  if (input == Input::end) closeOnce(input_);
+  const auto deadline = Clock::now() + limit;
+  Reading reading = Reading::more;
+  while (reading == Reading::more) reading = readSome(deadline);
+  if (reading == Reading::late) ::kill(process_, SIGKILL);
+  int status = 0;
+  ::waitpid(process_, &status, 0);
+  process_ = -1;
+  if (reading == Reading::late) {
+    result_.status = -1;
+  } else {
+    result_.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  return result_;
+}
+
+Program::Result Program::run(const std::vector<std::string>& arguments, const Environment& environment,
+                             const std::string& input, const std::string& outputFile) {
+  Program program(arguments, environment, outputFile);
+  program.type(input);
+  return program.finish();
+}

@@ -1,0 +1,44 @@
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <boost/json.hpp>
+
+#include <fmt/format.h>
+
+#include "host/Console.h"
+#include "host/Formatting.h"
+#include "host/HostSession.h"
+#include "host/verbs/Verbs.h"
+
+namespace {
+
+class AccountsVerb final : public Verb {
+ public:
+  Words words() const override {
+    return {"accounts", "List the linked accounts", "  kzv accounts\n  kzv --json accounts"};
+  }
+  void declare(CLI::App& /*command*/) override {}
+
+  void run(VerbContext& context) override {
+    const auto accounts = context.session.accounts();
+    if (accounts.empty()) context.console.note("no account is linked; link one with: kzv link");
+    std::size_t idWidth = 0;
+    for (const Account& account : accounts) idWidth = std::max(idWidth, account.id.size());
+    for (const Account& account : accounts)
+      context.console.line(context.options.json ? json(account) : plain(account, idWidth));
+  }
+
+ private:
+  static std::string json(const Account& account) {
+    return boost::json::serialize(boost::json::object{{"id", validUtf8(account.id)},
+                                                      {"label", validUtf8(account.label)},
+                                                      {"available", account.isAvailable}});
+  }
+  static std::string plain(const Account& account, std::size_t idWidth) {
+    return fmt::format("{:<{}}  {}{}", harmless(account.id), idWidth, harmless(account.label),
+                       account.isAvailable ? "" : "  (not available)");
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<Verb> makeAccountsVerb() { return std::make_unique<AccountsVerb>(); }

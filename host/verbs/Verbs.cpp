@@ -1,0 +1,8 @@
+#include "host/verbs/Verbs.h"
+
+std::vector<std::unique_ptr<Verb>> allVerbs() {
+  std::vector<std::unique_ptr<Verb>> verbs;
+  for (auto* make : {makeAccountsVerb, makeLinkVerb, makeUnlinkVerb, makeLsVerb, makeStatVerb})
+    verbs.push_back(make());
+  return verbs;
+}

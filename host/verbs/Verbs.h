@@ -1,0 +1,11 @@
+#pragma once
+#include <memory>
+
+#include "host/Verb.h"
+
+// One maker per verb; the classes themselves are private to their files.
+std::unique_ptr<Verb> makeAccountsVerb();
+std::unique_ptr<Verb> makeLinkVerb();
+std::unique_ptr<Verb> makeUnlinkVerb();
+std::unique_ptr<Verb> makeLsVerb();
+std::unique_ptr<Verb> makeStatVerb();
