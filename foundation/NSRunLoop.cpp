@@ -6,13 +6,22 @@
 #include "foundation/Fatal.h"
 #include "foundation/NSThread.h"
 
+namespace {
+NSTimer::Clock::duration checkedInterval(std::chrono::duration<double> interval) {
+  constexpr std::chrono::duration<double> shortest = std::chrono::nanoseconds(1);
+  constexpr std::chrono::duration<double> longest = std::chrono::years(100);
+  if (!(interval >= shortest && interval <= longest)) {  // written so that not-a-number fails too
+    fatalInvariant("a timer's interval lies between a nanosecond and 100 years");
+  }
+  return std::chrono::duration_cast<NSTimer::Clock::duration>(interval);
+}
+}  // namespace
+
 NSTimer::NSTimer(std::chrono::duration<double> interval, Handler handler, bool repeats)
-    : interval_(std::chrono::duration_cast<Clock::duration>(interval)),
+    : interval_(checkedInterval(interval)),
       handler_(std::move(handler)),
       repeats_(repeats),
-      next_(Clock::now() + interval_) {
-  if (interval_ <= Clock::duration::zero()) fatalInvariant("a timer's interval is positive");
-}
+      next_(Clock::now() + interval_) {}
 
 std::shared_ptr<NSRunLoop> NSRunLoop::currentRunLoop() { return NSThread::currentThread()->runLoop(); }
 
@@ -48,12 +57,18 @@ bool NSRunLoop::waitUntilDate(Clock::time_point date) { return run(date, true); 
 
 bool NSRunLoop::run(Clock::time_point date, bool waitWhenEmpty) {
   std::unique_lock lock(mutex_);
+  std::size_t waitingAtStart = blocks_.size();
   while (true) {
     if (std::exchange(stopped_, false)) return true;
-    if (fireDueTimer(lock) || runNextBlock(lock)) continue;
+    const bool isOver = Clock::now() >= date;
+    const bool hasFired = fireDueTimer(lock);
+    if (stopped_) continue;
+    if (isOver && waitingAtStart == 0) return false;
+    const bool hasRun = runNextBlock(lock);
+    if (waitingAtStart > 0) --waitingAtStart;
+    if (hasFired || hasRun) continue;
     if (!waitWhenEmpty && timers_.empty()) return false;
     const auto wakeAt = earliestTimer(date);
-    if (Clock::now() >= date) return false;
     wakeUp_.wait_until(lock, wakeAt,
                        [&] { return stopped_ || !blocks_.empty() || earliestTimer(date) < wakeAt; });
   }
@@ -72,21 +87,30 @@ bool NSRunLoop::runNextBlock(std::unique_lock<std::mutex>& lock) {
 }
 
 bool NSRunLoop::fireDueTimer(std::unique_lock<std::mutex>& lock) {
+  std::shared_ptr<NSTimer> timer = takeDueTimer();
+  if (!timer) return false;
+  lock.unlock();
+  runGuarded([&] { timer->handler_(*timer); });
+  timer.reset();  // without the lock, as what a block held: a handler's last reference may post here
+  lock.lock();
+  return true;
+}
+
+/// The timer that has been due for longest, already set to its next firing or removed; null when none is due.
+std::shared_ptr<NSTimer> NSRunLoop::takeDueTimer() {
   const auto now = Clock::now();
-  const auto due =
-      std::find_if(timers_.begin(), timers_.end(), [&](const auto& timer) { return timer->next_ <= now; });
-  if (due == timers_.end()) return false;
-  const std::shared_ptr<NSTimer> timer = *due;
+  const auto first =
+      std::min_element(timers_.begin(), timers_.end(),
+                       [](const auto& left, const auto& right) { return left->next_ < right->next_; });
+  if (first == timers_.end() || (*first)->next_ > now) return nullptr;
+  std::shared_ptr<NSTimer> timer = *first;
   if (timer->repeats_) {
     const auto missed = (now - timer->next_) / timer->interval_;
     timer->next_ += timer->interval_ * (missed + 1);
   } else {
-    timers_.erase(due);
+    timers_.erase(first);
   }
-  lock.unlock();
-  runGuarded([&] { timer->handler_(*timer); });
-  lock.lock();
-  return true;
+  return timer;
 }
 
 NSRunLoop::Clock::time_point NSRunLoop::earliestTimer(Clock::time_point limit) const {

@@ -9,12 +9,13 @@
 
 /// Fires a handler on the thread of the run loop that carries it. A repeating timer keeps to its first
 /// schedule: after a long callback the missed firings fold into one, and the next comes at the next multiple
-/// of the interval.
+/// of the interval. Belongs to at most one run loop, which keeps it: a repeating one for as long as the loop
+/// lives.
 class NSTimer {
  public:
   using Clock = std::chrono::steady_clock;
   using Handler = std::function<void(NSTimer&)>;
-  /// @param interval  must be positive; the first firing comes one interval from now.
+  /// @param interval  at least a nanosecond, at most 100 years; the first firing comes one interval from now.
   NSTimer(std::chrono::duration<double> interval, Handler handler, bool repeats);
 
  private:
@@ -39,10 +40,12 @@ class NSRunLoop {
 
   /// Appends a block. Any thread; does not wait.
   void perform(Block block);
-  /// Any thread.
+  /// Any thread; does not wait.
   void addTimer(std::shared_ptr<NSTimer> timer);
   /// Serves blocks and timers until `date` or until stop() is called; returns at once when there is neither a
-  /// block nor a timer. REQUIRES the loop's own thread. Blocks.
+  /// block nor a timer. What waits at the time of the call is served even when `date` is past. Blocks and due
+  /// timers take turns, so that neither can keep the other from running. REQUIRES the loop's own thread; a
+  /// block may run its loop again. Blocks.
   void runUntilDate(Clock::time_point date);
   /// As runUntilDate, but waits for blocks also while there is nothing to serve: for a main thread with
   /// nothing else to do. Returns true when stop() ended it.
@@ -54,6 +57,7 @@ class NSRunLoop {
   bool run(Clock::time_point date, bool waitWhenEmpty);
   bool runNextBlock(std::unique_lock<std::mutex>& lock);
   bool fireDueTimer(std::unique_lock<std::mutex>& lock);
+  std::shared_ptr<NSTimer> takeDueTimer();
   Clock::time_point earliestTimer(Clock::time_point limit) const;
 
   mutable std::mutex mutex_;

@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <future>
+#include <string>
 
 #include <pthread.h>
 
@@ -9,7 +10,7 @@
 #include "foundation/NSRunLoop.h"
 
 namespace {
-// Made while the library is loaded, which happens on the process's first thread.
+// Made while the library is loaded, which happens on the process's first thread: programs link it.
 const std::shared_ptr<NSThread>& mainThreadSlot() {
   static const auto& slot = *new std::shared_ptr<NSThread>(std::make_shared<NSThread>());
   return slot;
@@ -42,12 +43,13 @@ void NSThread::perform(std::function<void()> block, bool waitUntilDone) {
     runGuarded(block);
     return;
   }
-  std::promise<void> ran;
-  runLoop_->perform([&] {
+  // Shared, because the loop may still be inside set_value when this thread goes on.
+  const auto ran = std::make_shared<std::promise<void>>();
+  runLoop_->perform([&block, ran] {
     runGuarded(block);
-    ran.set_value();
+    ran->set_value();
   });
-  ran.get_future().wait();
+  ran->get_future().wait();
 }
 
 void runGuarded(const std::function<void()>& block) noexcept {
@@ -60,4 +62,7 @@ void runGuarded(const std::function<void()>& block) noexcept {
   }
 }
 
-void setCurrentThreadName(const char* name) { pthread_setname_np(pthread_self(), name); }
+void setCurrentThreadName(std::string_view name) {
+  constexpr std::size_t longest = 15;  // the system refuses longer names altogether
+  pthread_setname_np(pthread_self(), std::string(name.substr(0, longest)).c_str());
+}

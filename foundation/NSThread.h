@@ -2,6 +2,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <string_view>
 #include <thread>
 
 #include "foundation/NSObject.h"
@@ -11,17 +12,20 @@ class NSRunLoop;
 /// A thread as an object. Every thread has one, made when somebody asks for it.
 class NSThread final : public NSObject {
  public:
+  /// The calling thread's object; somebody may hold it longer than the thread lives.
   static std::shared_ptr<NSThread> currentThread();
   /// The process's first thread.
   static std::shared_ptr<NSThread> mainThread();
   static bool isMainThread();
+  /// Blocks for `interval` (seconds); returns at once for zero and less.
   static void sleepForTimeInterval(std::chrono::duration<double> interval);
 
   bool isCurrentThread() const noexcept { return id_ == std::this_thread::get_id(); }
   const std::shared_ptr<NSRunLoop>& runLoop() const noexcept { return runLoop_; }
 
   /// Queues `block` on this thread's run loop, which must be running for it ever to run. With `waitUntilDone`
-  /// returns only after it ran; on the thread itself that means at once. Any thread.
+  /// returns only after it ran, without a time limit; on the thread itself it runs at once, before what is
+  /// queued. An exception that leaves the block is logged and goes no further. Any thread.
   void perform(std::function<void()> block, bool waitUntilDone);
 
   NSThread();  // for the thread that constructs it; use currentThread()
@@ -34,5 +38,5 @@ class NSThread final : public NSObject {
 /// Runs `block`; an exception that leaves it is logged as one line and goes no further.
 void runGuarded(const std::function<void()>& block) noexcept;
 
-/// Names the calling thread for debuggers and `top -H` (at most 15 bytes).
-void setCurrentThreadName(const char* name);
+/// Names the calling thread for debuggers and `top -H` (the first 15 bytes).
+void setCurrentThreadName(std::string_view name);
