@@ -3,13 +3,19 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
+#include <fmt/format.h>
+
+#include "foundation/NSLog.h"
 #include "foundation/NSRunLoop.h"
 #include "foundation/NSThread.h"
 
 namespace {
+
+constexpr const char* workerName = "kzv-worker";
 
 class GlobalQueue final : public DispatchQueue {
  public:
@@ -22,7 +28,7 @@ class GlobalQueue final : public DispatchQueue {
       if (needsWorker) ++workers_;
     }
     if (needsWorker) {
-      std::thread([this] { work(); }).detach();
+      startWorker();
     } else {
       wakeUp_.notify_one();
     }
@@ -31,8 +37,23 @@ class GlobalQueue final : public DispatchQueue {
  private:
   static constexpr std::size_t maxWorkers = 64;
 
+  /// Where the system has no thread to give, the block stays queued for the next worker that becomes free;
+  /// the next async tries again.
+  void startWorker() {
+    try {
+      std::thread([this] { work(); }).detach();
+    } catch (const std::system_error& failure) {
+      {
+        const std::lock_guard lock(mutex_);
+        --workers_;
+      }
+      wakeUp_.notify_one();
+      NSLog(NSLogLevel::error, "DispatchQueue", fmt::format("no further worker: {}", failure.what()));
+    }
+  }
+
   void work() {
-    setCurrentThreadName("kzv-worker");
+    setCurrentThreadName(workerName);
     std::unique_lock lock(mutex_);
     while (true) {
       ++idle_;
@@ -62,9 +83,7 @@ class MainQueue final : public DispatchQueue {
 
 class SerialQueue final : public DispatchQueue {
  public:
-  explicit SerialQueue(std::string label) : state_(std::make_shared<State>()) {
-    state_->label = std::move(label);
-  }
+  explicit SerialQueue(std::string label) : state_(std::make_shared<State>(std::move(label))) {}
 
   void async(Block block) override {
     const std::lock_guard lock(state_->mutex);
@@ -75,13 +94,15 @@ class SerialQueue final : public DispatchQueue {
 
  private:
   struct State {
-    std::string label;
+    explicit State(std::string name) : label(std::move(name)) {}
+    const std::string label;
     std::mutex mutex;
     std::deque<Block> blocks;  // guarded by mutex
     bool isDraining = false;   // guarded by mutex
   };
 
   static void drain(State& state) {
+    setCurrentThreadName(state.label);
     std::unique_lock lock(state.mutex);
     while (!state.blocks.empty()) {
       {
@@ -93,6 +114,7 @@ class SerialQueue final : public DispatchQueue {
       lock.lock();
     }
     state.isDraining = false;
+    setCurrentThreadName(workerName);
   }
 
   const std::shared_ptr<State> state_;  // outlives the queue while a worker drains it

@@ -1,5 +1,7 @@
 #include "foundation/Monitor.h"
 
+#include "foundation/Fatal.h"
+
 void Monitor::lock() {
   const auto self = std::this_thread::get_id();
   // Only this thread can have stored its own id, so a relaxed read that finds it is certain.
@@ -19,6 +21,9 @@ void Monitor::lock() {
 }
 
 void Monitor::unlock() {
+  if (owner_.load(std::memory_order_relaxed) != std::this_thread::get_id()) {
+    fatalInvariant("a monitor is unlocked by the thread that holds it");
+  }
   if (--depth_ > 0) return;
   owner_.store(std::thread::id(), std::memory_order_relaxed);
   mutex_.unlock();

@@ -1,5 +1,7 @@
 #include "foundation/NSNotificationCenter.h"
 
+#include "foundation/NSThread.h"
+
 NSNotificationCenter& NSNotificationCenter::defaultCenter() {
   static auto& center = *new NSNotificationCenter;
   return center;
@@ -42,6 +44,6 @@ void NSNotificationCenter::post(const NSNotification& notification) {
       const std::lock_guard lock(mutex_);
       if (registration->isRemoved) continue;  // by an observer that was told before it
     }
-    registration->handler(notification);
+    runGuarded([&] { registration->handler(notification); });
   }
 }
