@@ -1,11 +1,14 @@
 #include "foundation/Reachability.h"
 
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <gio/gio.h>
 
+#include "foundation/NSLog.h"
 #include "foundation/NSNotificationCenter.h"
 #include "foundation/NSThread.h"
 
@@ -30,9 +33,16 @@ class DesktopSource final : public Reachability::Source {
 
   bool start(std::function<void()> changed) override {
     const std::lock_guard lock(mutex_);
-    if (std::exchange(isStarted_, true)) return false;
-    changed_ = std::move(changed);
-    std::thread([this] { watch(); }).detach();
+    if (!isWatching_) {
+      try {
+        std::thread([this] { watch(); }).detach();
+      } catch (const std::system_error& failure) {
+        NSLog(NSLogLevel::error, "Reachability", failure.what());
+        return false;
+      }
+    }
+    isWatching_ = true;
+    listeners_.push_back(std::move(changed));
     return true;
   }
 
@@ -51,7 +61,16 @@ class DesktopSource final : public Reachability::Source {
   static void networkChanged(GNetworkMonitor* monitor, gboolean, gpointer self) {
     auto* source = static_cast<DesktopSource*>(self);
     const NetworkStatus now = statusOf(monitor);
-    if (source->status_.exchange(now) != now) source->changed_();
+    if (source->status_.exchange(now) != now) source->tellListeners();
+  }
+
+  void tellListeners() {
+    std::vector<std::function<void()>> told;
+    {
+      const std::lock_guard lock(mutex_);
+      told = listeners_;
+    }
+    for (const auto& changed : told) changed();
   }
 
   void watch() {
@@ -66,18 +85,15 @@ class DesktopSource final : public Reachability::Source {
   }
 
   std::mutex mutex_;
-  bool isStarted_ = false;         // guarded by mutex_
-  std::function<void()> changed_;  // set before the thread starts
+  bool isWatching_ = false;                       // guarded by mutex_
+  std::vector<std::function<void()>> listeners_;  // guarded by mutex_; one a monitor, and a process has few
   // Until the monitor has spoken the network counts as there: a request then finds out.
   std::atomic<NetworkStatus> status_{NetworkStatus::reachableViaWiFi};
 };
 
 }  // namespace
 
-Reachability::Reachability(std::shared_ptr<Source> source)
-    : source_(std::move(source)), self_(std::make_shared<std::atomic<Reachability*>>(this)) {}
-
-Reachability::~Reachability() { self_->store(nullptr); }
+Reachability::Reachability(std::shared_ptr<Source> source) : source_(std::move(source)) {}
 
 std::shared_ptr<Reachability> Reachability::reachabilityWithHostName(const std::string& hostName) {
   if (isLoopback(hostName)) return std::make_shared<Reachability>(std::make_shared<LoopbackSource>());
@@ -85,12 +101,15 @@ std::shared_ptr<Reachability> Reachability::reachabilityWithHostName(const std::
 }
 
 bool Reachability::startNotifier() {
-  return source_->start([self = self_] {
-    Reachability* monitor = self->load();
-    if (!monitor) return;
+  if (isStarted_.exchange(true)) return true;
+  // The source may outlive this object: it holds it weakly, and strongly only while observers are told.
+  const bool hasStarted = source_->start([weak = weak_from_this()] {
     NSNotification notification;
     notification.name = kReachabilityChangedNotification;
-    notification.object = id(id(), monitor);  // not retained: the process keeps its monitors
+    notification.object = weak.lock();
+    if (!notification.object) return;
     NSNotificationCenter::defaultCenter().post(notification);
   });
+  if (!hasStarted) isStarted_ = false;
+  return hasStarted;
 }

@@ -15,10 +15,12 @@ enum class NetworkStatus : int { notReachable = 0, reachableViaWiFi = 1, reachab
 
 /// Whether a host can be reached, as far as the desktop's network monitor knows: it tells of routes and never
 /// sends a packet itself. A host on this machine (localhost, 127.0.0.0/8, ::1) is always reachable.
-class Reachability : public NSObject {
+/// Hold it in a shared_ptr: notifications carry it, and none comes once it is gone.
+class Reachability final : public NSObject, public std::enable_shared_from_this<Reachability> {
  public:
-  /// Where the status comes from. start() begins to call `changed` (any thread) whenever status() may have
-  /// changed; it returns false when it cannot. status() may be called from any thread.
+  /// Where the status comes from. start() begins to call `changed` (any thread, until the process ends)
+  /// whenever status() may have changed; it returns false when it cannot. status() may be called from any
+  /// thread. May serve several monitors, each of which calls start() once.
   class Source {
    public:
     virtual ~Source() = default;
@@ -29,14 +31,14 @@ class Reachability : public NSObject {
   /// @param hostName  a host name or an address literal.
   static std::shared_ptr<Reachability> reachabilityWithHostName(const std::string& hostName);
   explicit Reachability(std::shared_ptr<Source> source);
-  ~Reachability() override;
 
-  /// Begins to post kReachabilityChangedNotification. False when the monitor could not be started.
+  /// Begins to post kReachabilityChangedNotification; does not wait. True also when it had begun before,
+  /// false when the monitor could not be started.
   bool startNotifier();
+  /// Until the notifier has been started, and until the desktop has answered, a host counts as reachable.
   NetworkStatus currentReachabilityStatus() const { return source_->status(); }
 
  private:
   const std::shared_ptr<Source> source_;
-  std::shared_ptr<std::atomic<Reachability*>>
-      self_;  // empty once this object is gone: the source may outlive it
+  std::atomic<bool> isStarted_ = false;
 };
