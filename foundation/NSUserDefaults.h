@@ -2,35 +2,45 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "foundation/NSObject.h"
 
 /// The settings of one suite: a file of typed values (strings, numbers, booleans, dates) under the config
-/// folder, in the text form of a GVariant dictionary. A damaged file counts as empty and is kept aside under
-/// another name. Any thread; only synchronize touches the disk.
+/// folder, in the text form of a GVariant dictionary (documented with g_variant_parse). A damaged file counts
+/// as empty and is kept aside under another name. Any thread; only making one and synchronize touch the disk,
+/// and meanwhile the values can be used.
 class NSUserDefaults final : public NSObject {
  public:
-  /// Reads the suite's file. Nothing when the name is empty or holds a slash.
+  /// Reads the suite's file. Nothing when the name is empty, holds a slash or a NUL.
   static std::shared_ptr<NSUserDefaults> initWithSuiteName(const std::string& suiteName);
 
   /// A value of the type that was stored, or nothing.
   id objectForKey(const std::string& key) const;
-  /// Stores a string, number or date; an empty value removes the key.
+  /// Stores a string, number or date (any other object stops the process); an empty value removes the key.
+  /// Reals and decimals come back from the disk as doubles. A key is UTF-8 without NUL; any other is refused
+  /// with a line in the log.
   void setValue(id value, const std::string& key);
   void removeObjectForKey(const std::string& key) { setValue(nullptr, key); }
-  /// Writes what is pending (atomically: after true it is on the disk) and reads what other processes wrote.
-  /// False when the disk refused; the values stay pending.
+  /// Writes what is pending (atomically: after true it is on the disk) and reads what others wrote: keys set
+  /// by another process, or through another object of the same suite, survive. Waits while one of them does
+  /// the same. False when the disk refused, or when a file is there that cannot be read; the values stay
+  /// pending.
   bool synchronize();
 
   explicit NSUserDefaults(std::string filePath);  // use initWithSuiteName
 
  private:
   using Values = std::map<std::string, id>;
-  Values load() const;
+  std::string lockPath() const { return filePath_ + ".lock"; }
+  std::optional<Values> load() const;
+  bool store(const Values& values) const;
+  Values pendingNow() const;
+  void adopt(Values onDisk, const Values& written);
 
   const std::string filePath_;
-  mutable std::mutex mutex_;
-  Values values_;   // guarded by mutex_
-  Values pending_;  // guarded by mutex_: not yet on disk; an empty value is a removal
+  mutable std::mutex mutex_;  // not held over disk work
+  Values values_;             // guarded by mutex_
+  Values pending_;            // guarded by mutex_: not yet on disk; an empty value is a removal
 };
