@@ -1,7 +1,9 @@
 #include "foundation/NSBundle.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <mutex>
+#include <filesystem>
+#include <system_error>
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -20,7 +22,18 @@ LoadedBundles& loaded() {
 }
 }  // namespace
 
+namespace {
+std::string absolutePath(const std::string& path) {
+  std::error_code code;
+  const auto absolute = std::filesystem::absolute(path, code);
+  return code ? path : absolute.string();
+}
+}  // namespace
+
+NSBundle::NSBundle(const std::string& path) : path_(absolutePath(path)) {}
+
 bool NSBundle::load(NSErrorRef* error) {
+  const std::lock_guard lock(loading_);
   if (handle_) return true;
   std::string name = lastPathComponent(path_);
   if (const std::size_t dot = name.rfind('.'); dot != std::string::npos) name.resize(dot);
@@ -29,8 +42,8 @@ bool NSBundle::load(NSErrorRef* error) {
     setError(error, NSError::posix(errno, code));
     return false;
   }
-  handle_ = ::dlopen(code.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
-  if (!handle_) {
+  void* const handle = ::dlopen(code.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+  if (!handle) {
     const char* reason = ::dlerror();
     setError(
         error,
@@ -39,12 +52,14 @@ bool NSBundle::load(NSErrorRef* error) {
             NSDictionary::with({{NSLocalizedDescriptionKey, str(reason ? reason : "cannot load " + code)}})));
     return false;
   }
+  handle_ = handle;
   addResources(std::make_shared<NSBundle>(path_));
   return true;
 }
 
 void* NSBundle::symbol(const std::string& name) const {
-  return handle_ ? ::dlsym(handle_, name.c_str()) : nullptr;
+  void* const handle = handle_;
+  return handle ? ::dlsym(handle, name.c_str()) : nullptr;
 }
 
 std::string NSBundle::pathForResource(const std::string& fileName, const std::string& subfolder) const {
@@ -61,5 +76,8 @@ std::vector<std::shared_ptr<NSBundle>> NSBundle::loadedBundles() {
 
 void NSBundle::addResources(std::shared_ptr<NSBundle> bundle) {
   const std::lock_guard lock(loaded().mutex);
-  loaded().bundles.push_back(std::move(bundle));
+  auto& bundles = loaded().bundles;
+  const bool isKnown = std::any_of(bundles.begin(), bundles.end(),
+                                   [&](const auto& known) { return known->path_ == bundle->path_; });
+  if (!isKnown) bundles.push_back(std::move(bundle));
 }

@@ -1,5 +1,7 @@
 #pragma once
+#include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -9,13 +11,17 @@
 /// A folder "NAME.bundle" with loadable code (NAME.so) and resources (Resources/). Any thread.
 class NSBundle final : public NSObject {
  public:
-  explicit NSBundle(std::string path) : path_(std::move(path)) {}
+  /// A relative `path` counts from the current folder now.
+  explicit NSBundle(const std::string& path);
 
+  /// Absolute.
   const std::string& bundlePath() const noexcept { return path_; }
-  /// Loads the code (once) and adds the bundle to loadedBundles(). Code stays loaded for the life of the
-  /// process: its threads may run until the end.
+  /// Loads the code (once, also when several threads ask) and adds the bundle to loadedBundles(). Code stays
+  /// loaded for the life of the process: its threads may run until the end. Blocks while the disk and the
+  /// code's initialisers take. An error is in NSPOSIXErrorDomain when the file cannot be read, else in domain
+  /// "NSBundle" with the loader's reason.
   bool load(NSErrorRef* error = nullptr);
-  /// The address of a function or object that the loaded code exports, or null.
+  /// The address of a function or object that the loaded code exports, or null; also null before load().
   void* symbol(const std::string& name) const;
   /// The absolute path of a resource file, or empty. `subfolder` may be empty (e.g. "de.lproj").
   std::string pathForResource(const std::string& fileName, const std::string& subfolder = {}) const;
@@ -23,9 +29,11 @@ class NSBundle final : public NSObject {
   /// The bundles whose resources imageNamed and L search, in order of loading.
   static std::vector<std::shared_ptr<NSBundle>> loadedBundles();
   /// Adds resources without code, for programs that have the code linked in.
+  /// A folder that is there already is not added again.
   static void addResources(std::shared_ptr<NSBundle> bundle);
 
  private:
   const std::string path_;
-  void* handle_ = nullptr;  // set once by load()
+  std::mutex loading_;                   // held while the code is being loaded
+  std::atomic<void*> handle_ = nullptr;  // set once by load()
 };

@@ -38,6 +38,8 @@ bool fail(NSErrorRef* error, int errnoValue, const std::string& path) {
   return false;
 }
 
+bool holdsNul(std::string_view path) { return path.find('\0') != std::string_view::npos; }
+
 bool writeAll(int file, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = ::write(file, bytes.data(), bytes.size());
@@ -50,8 +52,9 @@ bool writeAll(int file, std::string_view bytes) {
 
 /// A rename is on the disk only when the folder that holds the name is.
 void syncFolderOf(const std::string& path) {
-  const Descriptor folder(
-      ::open(deletingLastPathComponent(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  std::string name = deletingLastPathComponent(path);
+  if (name.empty()) name = ".";
+  const Descriptor folder(::open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (folder.isOpen()) ::fsync(folder.number());
 }
 
@@ -63,8 +66,12 @@ NSFileManager& NSFileManager::defaultManager() {
 }
 
 bool NSFileManager::removeItemAtPath(const std::string& path, NSErrorRef* error) {
+  if (holdsNul(path)) return fail(error, EINVAL, path);
+  // With its slash the system would look behind a link.
+  std::string item = path;
+  while (item.size() > 1 && item.ends_with('/')) item.pop_back();
   std::error_code code;
-  const auto removed = fs::remove_all(path, code);
+  const auto removed = fs::remove_all(item, code);
   if (code) return fail(error, code.value(), path);
   return removed > 0 || fail(error, ENOENT, path);
 }
@@ -76,6 +83,7 @@ bool NSFileManager::removeItemAtURL(const NSURL& url, NSErrorRef* error) {
 
 bool NSFileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
                                           NSErrorRef* error) {
+  if (holdsNul(path)) return fail(error, EINVAL, path);
   std::error_code code;
   if (!withIntermediateDirectories) {
     const bool created = fs::create_directory(path, code);
@@ -89,6 +97,10 @@ bool NSFileManager::createDirectoryAtPath(const std::string& path, bool withInte
 
 std::optional<std::uint64_t> NSFileManager::fileSize(const std::string& path, NSErrorRef* error) {
   struct stat status {};
+  if (holdsNul(path)) {
+    fail(error, EINVAL, path);
+    return std::nullopt;
+  }
   if (::stat(path.c_str(), &status) != 0) {
     fail(error, errno, path);
     return std::nullopt;
@@ -101,13 +113,16 @@ std::optional<std::uint64_t> NSFileManager::fileSize(const std::string& path, NS
 }
 
 bool writeFile(const std::string& path, std::string_view bytes, NSErrorRef* error) {
+  if (holdsNul(path)) return fail(error, EINVAL, path);
   Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (!file.isOpen() || !writeAll(file.number(), bytes) || !file.close()) return fail(error, errno, path);
   return true;
 }
 
 bool writeFileAtomically(const std::string& path, std::string_view bytes, unsigned mode, NSErrorRef* error) {
-  std::string temporary = path + ".XXXXXX";
+  if (holdsNul(path)) return fail(error, EINVAL, path);
+  // A name of its own, not one made longer: the file's may have the greatest length already.
+  std::string temporary = appendingPathComponent(deletingLastPathComponent(path), ".kzv-XXXXXX");
   Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!file.isOpen()) return fail(error, errno, path);
   const bool isStored = ::fchmod(file.number(), mode) == 0 && writeAll(file.number(), bytes) &&
@@ -127,8 +142,9 @@ std::optional<std::string> readFile(const std::string& path, std::uint64_t limit
     fail(error, reason, path);
     return std::nullopt;
   };
-  const Descriptor file(
-      ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));  // a pipe must not make us wait
+  if (holdsNul(path)) return refuse(EINVAL);
+  // A pipe must not make us wait, a terminal must not become ours.
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
   if (!file.isOpen() || ::fstat(file.number(), &status) != 0) return refuse(errno);
   if (!S_ISREG(status.st_mode)) return refuse(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);

@@ -16,12 +16,15 @@ inline constexpr std::string_view NSFileTypeRegular = "NSFileTypeRegular";
 inline constexpr std::string_view NSFileSystemSize = "NSFileSystemSize";
 inline constexpr std::string_view NSFileSystemFreeSize = "NSFileSystemFreeSize";
 
-/// The local disk. Calls block for as long as the disk takes; errors are in NSPOSIXErrorDomain. Any thread.
+/// The local disk. Calls block for as long as the disk takes; errors are in NSPOSIXErrorDomain. A path that
+/// holds a NUL is refused (EINVAL): the system would take it for the shorter one before it. Any thread; the
+/// same holds for the functions below.
 class NSFileManager {
  public:
   static NSFileManager& defaultManager();
 
-  /// Removes a file or a folder with everything in it; does not follow links.
+  /// Removes a file or a folder with everything in it; a link goes, what it points to stays, also when the
+  /// path ends in a slash. What does not exist is an error.
   bool removeItemAtPath(const std::string& path, NSErrorRef* error = nullptr);
   bool removeItemAtURL(const NSURL& url, NSErrorRef* error = nullptr);
   /// Creates a folder (mode 0777 less the umask) and, when asked, what is missing above it; then an existing
@@ -32,14 +35,14 @@ class NSFileManager {
   std::optional<std::uint64_t> fileSize(const std::string& path, NSErrorRef* error = nullptr);
 };
 
-/// Writes a whole file, in place (not atomically).
+/// Writes a whole file, in place (not atomically): on failure part of it may be written.
 bool writeFile(const std::string& path, std::string_view bytes, NSErrorRef* error = nullptr);
 /// Replaces a whole file so that a reader, or the next start after a power cut, finds the old bytes or the
-/// new ones and nothing between: written beside it with `mode`, synced, renamed over it, folder synced. On
-/// failure nothing is left.
+/// new ones and nothing between: written beside it under a hidden name with `mode` (the umask does not
+/// count), synced, renamed over it, folder synced. On failure the old file stands and nothing else is left.
 bool writeFileAtomically(const std::string& path, std::string_view bytes, unsigned mode,
                          NSErrorRef* error = nullptr);
-/// The bytes of a regular file of at most `limitBytes`; a pipe, a folder or a larger file is an error. Never
-/// hangs.
+/// The bytes of a regular file of at most `limitBytes`; a larger file (EFBIG), a folder (EISDIR), a pipe or
+/// device (EINVAL) is an error. Never hangs.
 std::optional<std::string> readFile(const std::string& path, std::uint64_t limitBytes,
                                     NSErrorRef* error = nullptr);

@@ -44,6 +44,7 @@ std::string NSURL::path() const {
   std::string_view rest = std::string_view(text_).substr(std::string_view("file://").size());
   rest = rest.substr(
       std::min(rest.find('/'), rest.size()));  // an authority ("localhost") may stand before the path
+  rest = rest.substr(0, rest.find_first_of("?#"));
   std::string path;
   for (std::size_t at = 0; at < rest.size(); ++at) {
     if (rest[at] == '%' && at + 2 < rest.size() && hexValue(rest[at + 1]) >= 0 &&
@@ -54,5 +55,5 @@ std::string NSURL::path() const {
       path += rest[at];
     }
   }
-  return path;
+  return path.find('\0') == std::string::npos ? path : std::string();
 }
