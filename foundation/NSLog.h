@@ -2,10 +2,13 @@
 #include <string_view>
 
 /// Diagnostics of the process: one line each with time, level, function and message, to stderr or a file. Any
-/// thread; a line is never torn. Texts that look like a token, a code or a verifier are blanked before they
-/// are written.
+/// thread; a line is never torn, and control characters in it are written as "\\x0A". What follows the name
+/// of a secret ("access_token=", "Bearer ", ...) or looks like a token is replaced by "***" before it is
+/// written.
 enum class NSLogLevel { debug, info, warning, error, off };
 
+/// @param function  who speaks; not searched for secrets.
+/// Blocks while the line is being written. A line that cannot be written is lost.
 void NSLog(NSLogLevel level, std::string_view function, std::string_view message);
 
 /// Lines below `level` are dropped. At the start: warning.
