@@ -40,5 +40,7 @@ std::optional<NSDate::Time> NSDate::fromIso8601(std::string_view text) {
   const int minute = number(14, 2);
   const int second = number(17, 2);
   if (!date.ok() || hour > 23 || minute > 59 || second > 60) return std::nullopt;  // 60: a leap second
-  return sys_days(date) + hours(hour) + minutes(minute) + seconds(second);
+  const sys_seconds moment = sys_days(date) + hours(hour) + minutes(minute) + seconds(second);
+  if (moment <= ceil<seconds>(Time::min()) || moment >= floor<seconds>(Time::max())) return std::nullopt;
+  return moment;
 }

@@ -21,7 +21,8 @@ class NSDate final : public NSObject {
 
   /// "2024-05-01T09:30:00Z": UTC, whole seconds (RFC 3339).
   static std::string iso8601(Time time);
-  /// Reads the form that iso8601 writes; nothing for any other text or an impossible date.
+  /// Reads the form that iso8601 writes; nothing for any other text, an impossible date, or a year that Time
+  /// cannot hold (before 1678 or after 2261).
   static std::optional<Time> fromIso8601(std::string_view text);
 
  private:

@@ -1,12 +1,15 @@
 #include "foundation/Unicode.h"
 
 #include <algorithm>
+#include <limits>
 
 #include <unicode/bytestream.h>
 #include <unicode/casemap.h>
 #include <unicode/normalizer2.h>
 #include <unicode/unistr.h>
 #include <unicode/utf8.h>
+
+#include "foundation/Fatal.h"
 
 namespace {
 
@@ -30,7 +33,7 @@ icu::StringPiece piece(std::string_view text) {
 const icu::Normalizer2& decomposition() {
   UErrorCode status = U_ZERO_ERROR;
   static const icu::Normalizer2* const form = icu::Normalizer2::getNFDInstance(status);
-  return *form;
+  return *required(form, "ICU has its normalization data");
 }
 
 const icu::Normalizer2& composition() {
@@ -51,6 +54,7 @@ std::string normalized(const icu::Normalizer2& form, std::string_view text) {
 }  // namespace
 
 bool isValidUtf8(std::string_view text) noexcept {
+  if (text.size() > std::numeric_limits<std::int32_t>::max()) return false;  // more than ICU can count
   const auto length = static_cast<std::int32_t>(text.size());
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
   for (std::int32_t at = 0; at < length;) {
@@ -78,8 +82,10 @@ std::string canonicallyComposed(std::string_view text) { return normalized(compo
 int canonicalCompare(std::string_view left, std::string_view right) {
   if (left == right) return 0;
   if (isAscii(left) && isAscii(right)) return left < right ? -1 : 1;
-  const auto units = [](std::string_view text) {
-    return icu::UnicodeString::fromUTF8(piece(canonicallyDecomposed(text)));
-  };
-  return units(left).compare(units(right));
+  const std::string first = canonicallyDecomposed(left);
+  const std::string second = canonicallyDecomposed(right);
+  const auto order =
+      icu::UnicodeString::fromUTF8(piece(first)).compare(icu::UnicodeString::fromUTF8(piece(second)));
+  // Bytes that are no UTF-8 all became the replacement character: they must not make different names equal.
+  return order != 0 ? order : first.compare(second);
 }

@@ -12,6 +12,7 @@ std::string canonicallyDecomposed(std::string_view text);
 /// Normalization Form C, the form in which the service keeps names.
 std::string canonicallyComposed(std::string_view text);
 /// Less than, equal to or greater than 0: canonical equivalence first (composed equals decomposed), then the
-/// order of the canonical forms by UTF-16 code unit.
+/// order of the canonical forms by UTF-16 code unit. 0 only for equivalent texts, also where they are not
+/// UTF-8.
 int canonicalCompare(std::string_view left, std::string_view right);
 bool isValidUtf8(std::string_view text) noexcept;
