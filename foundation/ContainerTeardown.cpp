@@ -32,7 +32,7 @@ template <class Members>
 void releaseMembers(Members& members, std::vector<Members> Waiting::*rows) noexcept {
   if (members.empty()) return;
   if (depth == deepest) {
-    if (!waiting) waiting = new Waiting;
+    if (!waiting) waiting = std::make_unique<Waiting>().release();
     (waiting->*rows).push_back(std::move(members));
     return;
   }

@@ -41,7 +41,7 @@ class NSObject {
 };
 
 /// The object as a T, or null when it is something else. Constant time for value classes (those with a
-/// staticKind).
+/// staticKind; a class derived from one of them specialises this, because it shares the kind).
 template <class T>
 T* as(NSObject* object) {
   if constexpr (requires { T::staticKind; }) {
