@@ -1,1 +1,558 @@
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <optional>
+#include <set>
+#include <thread>
+#include <vector>
+
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "foundation/NSBundle.h"
+#include "foundation/NSDate.h"
+#include "foundation/NSFileManager.h"
+#include "foundation/NSImage.h"
+#include "foundation/NSLog.h"
+#include "foundation/NSNumber.h"
+#include "foundation/NSString.h"
+#include "foundation/NSUserDefaults.h"
+#include "foundation/Paths.h"
+#include "foundation/StandardFolders.h"
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+
+namespace {
+
+constexpr std::uint64_t plenty = 1'000'000;
+
+/// An empty folder, gone with everything in it at the end.
+class TemporaryFolder {
+ public:
+  TemporaryFolder() {
+    std::string name = fs::temp_directory_path() / "kzv-files-test-XXXXXX";
+    path_ = ::mkdtemp(name.data()) ? name : "";
+  }
+  ~TemporaryFolder() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  std::string operator/(const std::string& name) const { return appendingPathComponent(path_, name); }
+  const std::string& path() const { return path_; }
+  std::set<std::string> names() const {
+    std::set<std::string> found;
+    for (const auto& entry : fs::directory_iterator(path_)) found.insert(entry.path().filename());
+    return found;
+  }
+
+ private:
+  std::string path_;
+};
+
+std::int64_t codeOf(const NSErrorRef& error) { return error ? error->code() : 0; }
+
+std::string contents(const std::string& path) { return readFile(path, plenty).value_or("<unreadable>"); }
+
+}  // namespace
+
+TEST(ReadFile, RefusesWhatIsNoPlainFileAndNeverHangs) {
+  const TemporaryFolder folder;
+  ASSERT_TRUE(writeFile(folder / "ten", "0123456789"));
+  ASSERT_TRUE(writeFile(folder / "empty", ""));
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+  fs::create_symlink("pipe", folder / "link to pipe");
+  struct Case {
+    const char* name;
+    std::string path;
+    std::uint64_t limitBytes;
+    std::optional<std::string> bytes;
+    int code;
+  };
+  const Case cases[] = {{"plain", folder / "ten", 10, "0123456789", 0},
+                        {"too large by one", folder / "ten", 9, std::nullopt, EFBIG},
+                        {"empty", folder / "empty", 0, "", 0},
+                        {"pipe nobody writes", folder / "pipe", plenty, std::nullopt, EINVAL},
+                        {"link to it", folder / "link to pipe", plenty, std::nullopt, EINVAL},
+                        {"device without end", "/dev/zero", plenty, std::nullopt, EINVAL},
+                        {"folder", folder.path(), plenty, std::nullopt, EISDIR},
+                        {"missing", folder / "missing", plenty, std::nullopt, ENOENT},
+                        {"name with a NUL", folder / "ten\0x"s, plenty, std::nullopt, EINVAL}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    NSErrorRef error;
+    EXPECT_EQ(readFile(c.path, c.limitBytes, &error), c.bytes);
+    EXPECT_EQ(codeOf(error), c.code);
+  }
+}
+
+TEST(WriteFileAtomically, ReplacesWithTheModeAskedFor) {
+  const TemporaryFolder folder;
+  const std::string longName(255, 'n');
+  for (const std::string& name : {"old"s, "new"s, longName}) {
+    SCOPED_TRACE(name);
+    if (name == "old") {
+      ASSERT_TRUE(writeFile(folder / name, "longer than what follows"));
+    }
+    ASSERT_TRUE(writeFileAtomically(folder / name, "bytes", 0600));
+    EXPECT_EQ(contents(folder / name), "bytes");
+    struct stat status {};
+    ASSERT_EQ(::stat((folder / name).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+  }
+  EXPECT_EQ(folder.names(), (std::set<std::string>{"old", "new", longName}));
+}
+
+TEST(WriteFileAtomically, LeavesNothingOnFailure) {
+  const TemporaryFolder folder;
+  ASSERT_TRUE(NSFileManager::defaultManager().createDirectoryAtPath(folder / "taken/inner", true));
+  struct Case {
+    const char* name;
+    std::string path;
+    int code;
+  };
+  const Case cases[] = {{"a folder has the name", folder / "taken", EISDIR},
+                        {"no such folder", folder / "missing/file", ENOENT},
+                        {"name too long", folder / std::string(256, 'n'), ENAMETOOLONG},
+                        {"name with a NUL", folder / "file\0x"s, EINVAL}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    NSErrorRef error;
+    EXPECT_FALSE(writeFileAtomically(c.path, "bytes", 0600, &error));
+    EXPECT_EQ(codeOf(error), c.code);
+    EXPECT_EQ(folder.names(), std::set<std::string>{"taken"});
+  }
+}
+
+TEST(FileManager, RemovesFoldersAndLinksButNotWhatLinksPointTo) {
+  auto& manager = NSFileManager::defaultManager();
+  const TemporaryFolder folder;
+  struct Case {
+    const char* name;
+    const char* removed;
+    int code;
+    std::set<std::string> left;
+  };
+  const Case cases[] = {{"file", "file", 0, {"full", "link"}},
+                        {"folder with contents", "full", 0, {"file", "link"}},
+                        {"link", "link", 0, {"file", "full"}},
+                        {"link with a slash", "link/", 0, {"file", "full"}},
+                        {"missing", "missing", ENOENT, {"file", "full", "link"}},
+                        {"name with a NUL", nullptr, EINVAL, {"file", "full", "link"}}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_TRUE(manager.createDirectoryAtPath(folder / "full/inner", true));
+    ASSERT_TRUE(writeFile(folder / "full/inner/x", "kept"));
+    ASSERT_TRUE(writeFile(folder / "file", ""));
+    if (!fs::is_symlink(folder / "link")) fs::create_directory_symlink("full", folder / "link");
+    NSErrorRef error;
+    EXPECT_EQ(manager.removeItemAtPath(folder / (c.removed ? c.removed : "file\0x"s), &error), c.code == 0);
+    EXPECT_EQ(codeOf(error), c.code);
+    EXPECT_EQ(folder.names(), c.left);
+    if (!c.left.contains("full")) continue;
+    EXPECT_EQ(contents(folder / "full/inner/x"), "kept");
+  }
+  EXPECT_FALSE(manager.removeItemAtURL(NSURL("https://example.org/x")));
+}
+
+TEST(FileManager, CreatesFolders) {
+  const TemporaryFolder folder;
+  ASSERT_TRUE(writeFile(folder / "file", "123"));
+  struct Case {
+    const char* name;
+    const char* path;
+    bool withIntermediates;
+    int code;
+  };
+  const Case cases[] = {{"missing parent", "a/b", false, ENOENT},
+                        {"with parents", "a/b/c", true, 0},
+                        {"existing, with parents", "a/b", true, 0},
+                        {"existing, alone", "a", false, EEXIST},
+                        {"alone", "d", false, 0},
+                        {"trailing slash", "e/f/", true, 0},
+                        {"file in its place", "file", true, ENOTDIR},
+                        {"file above", "file/x", true, ENOTDIR}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    NSErrorRef error;
+    EXPECT_EQ(
+        NSFileManager::defaultManager().createDirectoryAtPath(folder / c.path, c.withIntermediates, &error),
+        c.code == 0);
+    EXPECT_EQ(codeOf(error), c.code);
+    EXPECT_EQ(c.code == 0 && !fs::is_directory(folder / c.path), false);
+  }
+  NSErrorRef error;
+  EXPECT_EQ(NSFileManager::defaultManager().fileSize(folder / "file"), 3U);
+  EXPECT_EQ(NSFileManager::defaultManager().fileSize(folder / "a", &error), std::nullopt);
+  EXPECT_EQ(codeOf(error), EISDIR);
+}
+
+TEST(StandardFolders, FollowTheEnvironment) {
+  struct Case {
+    const char* name;
+    const char* kzvHome;
+    const char* xdgConfig;
+    std::string config;
+  };
+  const Case cases[] = {
+      {"own home", "/own", "/xdg", "/own/config"},
+      {"own home with a slash", "/own/", "", "/own/config"},
+      {"own home, relative", "build/own", "", fs::current_path().string() + "/build/own/config"},
+      {"XDG", "", "/xdg", "/xdg/kzv"},
+      {"relative XDG folders do not count", "", "xdg", "/home/someone/.config/kzv"},
+      {"the user's home", "", "", "/home/someone/.config/kzv"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ::setenv("KZV_HOME", c.kzvHome, 1);
+    ::setenv("XDG_CONFIG_HOME", c.xdgConfig, 1);
+    ::setenv("HOME", "/home/someone/", 1);
+    EXPECT_EQ(configFolder(), c.config);
+    EXPECT_EQ(expandingTilde("~/x"), "/home/someone/x");
+    EXPECT_EQ(expandingTilde("~x"), "~x");
+  }
+}
+
+TEST(Defaults, ValuesKeepTheirTypes) {
+  const TemporaryFolder folder;
+  const std::string file = folder / "sub/suite.defaults";
+  const auto moment = NSDate::Time(std::chrono::nanoseconds(1'700'000'000'123'456'789));
+  struct Case {
+    const char* name;
+    id value;
+  };
+  const Case cases[] = {{"text", str("it's \"quoted\"\n\u00e9")},
+                        {"empty text", str("")},
+                        {"text that is no UTF-8", str("\xff\xfe")},
+                        {"text with a NUL", str("a\0b"s)},
+                        {"true", NSNumber::withBool(true)},
+                        {"integer", NSNumber::withInt(std::numeric_limits<std::int64_t>::min())},
+                        {"byte", NSNumber::withChar(7)},
+                        {"real", NSNumber::withDouble(0.1)},
+                        {"infinite", NSNumber::withDouble(std::numeric_limits<double>::infinity())},
+                        {"date", std::make_shared<NSDate>(moment)}};
+  NSUserDefaults written(file);
+  for (const Case& c : cases) written.setValue(c.value, c.name);
+  written.setValue(str("gone"), "removed");
+  written.removeObjectForKey("removed");
+  ASSERT_TRUE(written.synchronize());
+  const NSUserDefaults read(file);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const id value = read.objectForKey(c.name);
+    ASSERT_TRUE(value);
+    EXPECT_TRUE(isEqual(value, c.value)) << value->description();
+    EXPECT_EQ(value->kind(), c.value->kind());
+  }
+  EXPECT_EQ(as<NSNumber>(read.objectForKey("true"))->origin(), NSNumber::Origin::boolean);
+  EXPECT_EQ(read.objectForKey("removed"), nullptr);
+  EXPECT_EQ(NSUserDefaults::initWithSuiteName("a/b"), nullptr);
+  EXPECT_EQ(NSUserDefaults::initWithSuiteName(""), nullptr);
+}
+
+TEST(Defaults, WhatIsDamagedIsKeptAsideEachTime) {
+  const TemporaryFolder folder;
+  const std::string file = folder / "suite.defaults";
+  const std::array<std::string, 4> damaged = {"{'cut': <'of", "\0\0\0\0"s, "[1, 2]",
+                                              std::string(plenty + 1, ' ')};
+  int number = 0;
+  for (const std::string& text : damaged) {
+    SCOPED_TRACE(++number);
+    ASSERT_TRUE(writeFile(file, text));
+    NSUserDefaults defaults(file);
+    EXPECT_EQ(defaults.objectForKey("k"), nullptr);
+    defaults.setValue(str("v"), "k");
+    EXPECT_TRUE(defaults.synchronize());
+    EXPECT_EQ(readFile(file + ".damaged-" + std::to_string(number), 2 * plenty), text);
+    EXPECT_EQ(*textOf(NSUserDefaults(file).objectForKey("k")), "v");
+  }
+}
+
+TEST(Defaults, AFileThatCannotBeReadIsNotReplaced) {
+  const TemporaryFolder folder;
+  const std::string file = folder / "suite.defaults";
+  ASSERT_TRUE(NSFileManager::defaultManager().createDirectoryAtPath(file, false));  // unreadable for root too
+  NSUserDefaults defaults(file);
+  defaults.setValue(str("v"), "k");
+  EXPECT_FALSE(defaults.synchronize());
+  EXPECT_EQ(*textOf(defaults.objectForKey("k")), "v");
+  ASSERT_TRUE(NSFileManager::defaultManager().removeItemAtPath(file));
+  EXPECT_TRUE(defaults.synchronize()) << "the value was still pending";
+  EXPECT_EQ(*textOf(NSUserDefaults(file).objectForKey("k")), "v");
+}
+
+TEST(Defaults, TwoOfOneSuiteKeepEachOthersKeys) {
+  const TemporaryFolder folder;
+  const std::string file = folder / "suite.defaults";
+  NSUserDefaults one(file);
+  NSUserDefaults two(file);
+  one.setValue(str("1"), "one");
+  two.setValue(str("2"), "two");
+  ASSERT_TRUE(one.synchronize());
+  ASSERT_TRUE(two.synchronize());
+  EXPECT_EQ(*textOf(two.objectForKey("one")), "1");
+  one.removeObjectForKey("one");
+  ASSERT_TRUE(one.synchronize());
+  EXPECT_EQ(*textOf(one.objectForKey("two")), "2");
+  ASSERT_TRUE(two.synchronize());
+  EXPECT_EQ(two.objectForKey("one"), nullptr);
+}
+
+namespace {
+
+constexpr int keysOfWriter = 20;
+
+std::string keyOf(int writer, int key) { return std::to_string(writer) + "." + std::to_string(key); }
+
+bool writeKeys(const std::string& file, int writer) {
+  NSUserDefaults defaults(file);
+  bool areStored = true;
+  for (int key = 0; key < keysOfWriter; ++key) {
+    defaults.setValue(NSNumber::withInt(key), keyOf(writer, key));
+    areStored = defaults.synchronize() && areStored;
+  }
+  return areStored;
+}
+
+}  // namespace
+
+TEST(Defaults, WritersAtTheSameTimeLoseNothing) {
+  const TemporaryFolder folder;
+  const std::string file = folder / "suite.defaults";
+  std::vector<pid_t> processes;
+  for (int writer = 0; writer < 2; ++writer) {
+    processes.push_back(::fork());
+    if (processes.back() == 0) ::_exit(writeKeys(file, writer) ? 0 : 1);
+  }
+  std::array<bool, 2> areStored{};
+  {
+    const std::jthread first([&] { areStored[0] = writeKeys(file, 2); });
+    const std::jthread second([&] { areStored[1] = writeKeys(file, 3); });
+  }
+  EXPECT_EQ(areStored, (std::array{true, true}));
+  for (const pid_t process : processes) {
+    int status = -1;
+    EXPECT_EQ(::waitpid(process, &status, 0), process);
+    EXPECT_EQ(status, 0);
+  }
+  const NSUserDefaults all(file);
+  for (int writer = 0; writer < 4; ++writer) {
+    for (int key = 0; key < keysOfWriter; ++key) {
+      EXPECT_TRUE(all.objectForKey(keyOf(writer, key))) << "lost " << keyOf(writer, key);
+    }
+  }
+}
+
+TEST(Defaults, AFullDiskKeepsTheOldFile) {
+  const TemporaryFolder folder;
+  if (::mount("tmpfs", folder.path().c_str(), "tmpfs", 0, "size=64k") != 0) {
+    GTEST_SKIP() << "needs the right to mount a small disk: " << std::strerror(errno);
+  }
+  struct Unmount {
+    const std::string& path;
+    ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
+  } const unmount{folder.path()};
+  const std::string file = folder / "suite.defaults";
+  NSUserDefaults defaults(file);
+  defaults.setValue(str("old"), "k");
+  ASSERT_TRUE(defaults.synchronize());
+  const auto before = folder.names();
+  defaults.setValue(str(std::string(100'000, 'x')), "large");
+  EXPECT_FALSE(defaults.synchronize());
+  EXPECT_EQ(*textOf(NSUserDefaults(file).objectForKey("k")), "old");
+  EXPECT_EQ(folder.names(), before);
+  defaults.removeObjectForKey("large");
+  defaults.setValue(str("new"), "k");
+  EXPECT_TRUE(defaults.synchronize());
+  EXPECT_EQ(*textOf(NSUserDefaults(file).objectForKey("k")), "new");
+}
+
+TEST(DefaultsDeathTest, HoldNoContainers) {
+  EXPECT_DEATH(NSUserDefaults("/nowhere").setValue(NSDictionary::with({}), "k"), "settings hold");
+}
+
+namespace {
+
+std::string fromHex(std::string_view digits) {
+  std::string bytes;
+  for (std::size_t at = 0; at + 1 < digits.size(); at += 2) {
+    bytes += static_cast<char>(std::stoi(std::string(digits.substr(at, 2)), nullptr, 16));
+  }
+  return bytes;
+}
+
+// Two by one pixels, red and blue.
+const std::string smallPicture = fromHex(
+    "89504e470d0a1a0a0000000d49484452000000020000000108020000007b40e8dd0000000d49444154789c63f8cf0004ff010700"
+    "01ff"
+    "e2239e590000000049454e44ae426082");
+// Claims 60,000 by 60,000 pixels in less than a hundred bytes.
+const std::string hugePicture = fromHex(
+    "89504e470d0a1a0a0000000d494844520000ea600000ea6008020000000fb0e2150000000c49444154789c6360a03d0000006400"
+    "0186"
+    "643c350000000049454e44ae426082");
+
+}  // namespace
+
+TEST(Image, ReadsPicturesAndRefusesTheRest) {
+  const TemporaryFolder folder;
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+  struct Case {
+    const char* name;
+    std::optional<std::string> bytes;
+    int width;  // 0 for no picture
+  };
+  const Case cases[] = {{"picture", smallPicture, 2},
+                        {"cut off in the header", smallPicture.substr(0, 30), 0},
+                        {"flipped byte", std::string(smallPicture).replace(45, 1, "\xff"), 0},
+                        {"claims 60,000 by 60,000", hugePicture, 0},
+                        {"text", "no picture", 0},
+                        {"empty", "", 0},
+                        {"missing", std::nullopt, 0},
+                        {"pipe", std::nullopt, 0}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.bytes) {
+      ASSERT_TRUE(writeFile(folder / c.name, *c.bytes));
+    }
+    const auto image = NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / c.name));
+    EXPECT_EQ(image ? image->width() : 0, c.width);
+  }
+}
+
+TEST(Image, WritesWhatItRead) {
+  const TemporaryFolder folder;
+  ASSERT_TRUE(writeFile(folder / "in", smallPicture));
+  const auto image = NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / "in"));
+  ASSERT_TRUE(image);
+  ASSERT_TRUE(image->writePNG(folder / "out"));
+  const auto again = NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / "out"));
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->width(), 2);
+  EXPECT_EQ(again->height(), 1);
+  NSErrorRef error;
+  EXPECT_FALSE(image->writePNG(folder / "missing/out", &error));
+  EXPECT_EQ(codeOf(error), ENOENT);
+}
+
+TEST(Bundle, FindsResourcesOfWhatIsLoaded) {
+  const TemporaryFolder folder;
+  ASSERT_TRUE(
+      NSFileManager::defaultManager().createDirectoryAtPath(folder / "A.bundle/Resources/de.lproj", true));
+  ASSERT_TRUE(writeFile(folder / "A.bundle/Resources/Icon.png", smallPicture));
+  ASSERT_TRUE(writeFile(folder / "A.bundle/Resources/de.lproj/L.strings", ""));
+  EXPECT_EQ(NSImage::imageNamed("Icon"), nullptr);
+  const auto bundle = std::make_shared<NSBundle>(folder / "A.bundle");
+  NSBundle::addResources(bundle);
+  NSBundle::addResources(std::make_shared<NSBundle>(folder / "A.bundle"));
+  EXPECT_EQ(NSBundle::loadedBundles().size(), 1U);
+  EXPECT_EQ(bundle->pathForResource("L.strings", "de.lproj"),
+            folder / "A.bundle/Resources/de.lproj/L.strings");
+  EXPECT_EQ(bundle->pathForResource("L.strings"), "");
+  const auto icon = NSImage::imageNamed("Icon");
+  ASSERT_TRUE(icon);
+  EXPECT_EQ(NSImage::imageNamed("Icon"), icon) << "kept, not read again";
+  EXPECT_EQ(NSImage::imageNamed("Other"), nullptr);
+}
+
+TEST(Bundle, SaysWhyItCannotBeLoaded) {
+  const TemporaryFolder folder;
+  ASSERT_TRUE(NSFileManager::defaultManager().createDirectoryAtPath(folder / "A.bundle", false));
+  NSBundle bundle(folder / "A.bundle");
+  const std::size_t loadedBefore = NSBundle::loadedBundles().size();
+  NSErrorRef error;
+  EXPECT_FALSE(bundle.load(&error));
+  EXPECT_EQ(codeOf(error), ENOENT);
+  ASSERT_TRUE(writeFile(folder / "A.bundle/A.so", "no code"));
+  EXPECT_FALSE(bundle.load(&error));
+  EXPECT_EQ(error->domain(), "NSBundle");
+  EXPECT_NE(error->localizedDescription().find("A.so"), std::string::npos);
+  EXPECT_EQ(bundle.symbol("main"), nullptr);
+  EXPECT_EQ(NSBundle::loadedBundles().size(), loadedBefore);
+}
+
+TEST(Log, BlanksSecretsAndKeepsTheRest) {
+  struct Case {
+    const char* name;
+    std::string message;
+    std::string written;
+  };
+  const std::string token = "sl.u.AbC-dEf_0123456789";
+  const Case cases[] = {
+      {"header", "Authorization: Bearer " + token, "Authorization: Bearer ***"},
+      {"header, other case", "authorization: bearer abc123", "authorization: bearer ***"},
+      {"JSON", R"({"access_token":")" + token + R"(","expires_in":14400})",
+       R"({"access_token":"***","expires_in":14400})"},
+      {"JSON with blanks", R"("refresh_token" : "r3fr", "uid")", R"("refresh_token" : "***", "uid")"},
+      {"query", "GET /cb?state=7&code=Zx9%2Fabc-123_45&x=1", "GET /cb?state=7&code=***&x=1"},
+      {"form", "code_verifier=short&client_secret=s3", "code_verifier=***&client_secret=***"},
+      {"basic", "Basic dXNlcjpwYXNzd29yZA==", "Basic ***"},
+      {"token alone", "got " + token + ", stored", "got ***, stored"},
+      {"error code", "files/move: HTTP code: 409 path/not_found",
+       "files/move: HTTP code: 409 path/not_found"},
+      {"words", "the access_token has expired", "the access_token has expired"},
+      {"another name", "zip_code=1234567890123", "zip_code=1234567890123"},
+      {"line feed", "a\nb\x7f", "a\\x0Ab\\x7F"},
+      {"not ASCII", "/caf\u00e9", "/caf\u00e9"}};
+  const TemporaryFolder folder;
+  ASSERT_TRUE(setLogFile(folder / "log"));
+  for (const Case& c : cases) NSLog(NSLogLevel::error, c.name, c.message);
+  EXPECT_TRUE(setLogFile(""));
+  std::ifstream lines(folder / "log");
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_EQ(line.substr(line.find(" error ") + 7), c.name + ": "s + c.written);
+  }
+}
+
+TEST(Log, LevelsAndFiles) {
+  const TemporaryFolder folder;
+  ::umask(0);
+  ASSERT_TRUE(setLogFile(folder / "log"));
+  NSLog(NSLogLevel::info, "f", "below the first level");
+  setLogLevel(NSLogLevel::info);
+  NSLog(NSLogLevel::info, "f", "kept");
+  setLogLevel(NSLogLevel::off);
+  NSLog(NSLogLevel::error, "f", "off");
+  EXPECT_FALSE(setLogFile(folder / "missing/log"));
+  setLogLevel(NSLogLevel::warning);
+  const std::string text = contents(folder / "log");
+  EXPECT_EQ(text.find("below"), std::string::npos);
+  EXPECT_NE(text.find("info f: kept\n"), std::string::npos);
+  EXPECT_EQ(text.find("off"), std::string::npos);
+  struct stat status {};
+  ASSERT_EQ(::stat((folder / "log").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0600U);
+}
+
+TEST(Log, LongLinesFromManyThreadsAreNeverTorn) {
+  constexpr int threadCount = 4;
+  constexpr int linesEach = 20;
+  const TemporaryFolder folder;
+  ASSERT_TRUE(setLogFile(folder / "log"));
+  const std::string word(200'000, 'x');  // a recursive search for secrets would end the stack
+  {
+    std::vector<std::jthread> threads;
+    for (int number = 0; number < threadCount; ++number) {
+      threads.emplace_back([&] {
+        for (int line = 0; line < linesEach; ++line) NSLog(NSLogLevel::error, "f", word);
+      });
+    }
+  }
+  EXPECT_TRUE(setLogFile(""));
+  std::ifstream lines(folder / "log");
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    EXPECT_TRUE(line.ends_with(" error f: " + word)) << line.size() << " bytes in line " << count;
+  }
+  EXPECT_EQ(count, threadCount * linesEach);
+}

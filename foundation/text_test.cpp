@@ -1,1 +1,325 @@
+#include <limits>
+#include <optional>
+
 #include <gtest/gtest.h>
+
+#include "foundation/NSDate.h"
+#include "foundation/NSDecimalNumber.h"
+#include "foundation/NSNumber.h"
+#include "foundation/NSURL.h"
+#include "foundation/Paths.h"
+#include "foundation/Unicode.h"
+
+using namespace std::string_literals;
+
+TEST(Paths, Components) {
+  struct Case {
+    const char* name;
+    const char* path;
+    const char* last;
+    const char* parent;
+  };
+  const Case cases[] = {{"absolute", "/a/b", "b", "/a"},
+                        {"trailing slash", "/a/b/", "b", "/a"},
+                        {"one level", "/a", "a", "/"},
+                        {"one level, trailing slash", "/a/", "a", "/"},
+                        {"root", "/", "/", "/"},
+                        {"empty", "", "", ""},
+                        {"relative", "a", "a", ""},
+                        {"relative, two levels", "a/b", "b", "a"},
+                        {"run of slashes", "/a//b", "b", "/a"},
+                        {"run at the end", "/a/b///", "b", "/a"},
+                        {"only slashes", "///", "/", "/"},
+                        {"double slash at front", "//a", "a", "/"},
+                        {"dots are names", "/a/..", "..", "/a"},
+                        {"not ASCII", "/\u00e9/\u00fc x", "\u00fc x", "/\u00e9"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(lastPathComponent(c.path), c.last);
+    EXPECT_EQ(deletingLastPathComponent(c.path), c.parent);
+  }
+}
+
+TEST(Paths, Appending) {
+  struct Case {
+    const char* name;
+    const char* path;
+    const char* component;
+    const char* joined;
+  };
+  const Case cases[] = {{"plain", "/a", "b", "/a/b"},
+                        {"slash on the left", "/a/", "b", "/a/b"},
+                        {"slash on the right", "/a", "/b", "/a/b"},
+                        {"slash on both", "/a/", "/b", "/a/b"},
+                        {"root", "/", "a", "/a"},
+                        {"to nothing", "", "a", "a"},
+                        {"nothing", "/a", "", "/a"},
+                        {"runs collapse", "//a//b", "c//d", "/a/b/c/d"},
+                        {"two levels", "/a", "b/c", "/a/b/c"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(appendingPathComponent(c.path, c.component), c.joined);
+  }
+}
+
+TEST(Paths, LowercaseExtension) {
+  struct Case {
+    const char* name;
+    const char* path;
+    const char* extension;
+  };
+  const Case cases[] = {{"plain", "/a/b.txt", "txt"},           {"upper case", "b.JPG", "jpg"},
+                        {"the last of two", "a.tar.gz", "gz"},  {"hidden file", "/a/.profile", ""},
+                        {"hidden with extension", ".a.b", "b"}, {"none", "/a.b/c", ""},
+                        {"dot at the end", "a.", ""},           {"not ASCII", "a.\u00c9T", "\u00e9t"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(lowercasePathExtension(c.path), c.extension);
+  }
+}
+
+TEST(Unicode, Lowercasing) {
+  struct Case {
+    const char* name;
+    std::string text;
+    std::string lower;
+  };
+  const Case cases[] = {{"ASCII", "AZaz09_[", "azaz09_["},
+                        {"Latin", "\u00c9TUDE", "\u00e9tude"},
+                        {"Greek, final sigma", "\u03a3\u0391\u03a3", "\u03c3\u03b1\u03c2"},
+                        {"grows: dotted I", "\u0130", "i\u0307"},
+                        {"no locale: I is i", "I", "i"},
+                        {"beyond the first plane", "\U00010400", "\U00010428"},
+                        {"sharp s stays", "\u00df", "\u00df"},
+                        {"bytes that are no UTF-8 stay", "A\xff\x80Z", "a\xff\x80z"},
+                        {"half a surrogate pair stays", "A\xed\xa0\x80Z", "a\xed\xa0\x80z"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(lowercased(c.text), c.lower);
+  }
+}
+
+TEST(Unicode, CanonicalCompare) {
+  struct Case {
+    const char* name;
+    std::string left;
+    std::string right;
+    int order;
+  };
+  const Case cases[] = {{"same", "a", "a", 0},
+                        {"composed and decomposed", "caf\u00e9", "cafe\u0301", 0},
+                        {"order of marks", "a\u0323\u0302", "a\u0302\u0323", 0},
+                        {"case counts", "A", "a", -1},
+                        {"digits are no numbers", "10", "9", -1},
+                        {"prefix first", "a", "ab", -1},
+                        {"code units, not code points", "\U00010400", "\uff5e", -1},
+                        {"accent after plain", "e", "\u00e9", -1},
+                        {"different bytes that are no UTF-8", "\xfe", "\xff", -1},
+                        {"no UTF-8 is not the replacement character", "\ufffd", "\xff", -1}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto sign = [](int value) { return (value > 0) - (value < 0); };
+    EXPECT_EQ(sign(canonicalCompare(c.left, c.right)), c.order);
+    EXPECT_EQ(sign(canonicalCompare(c.right, c.left)), -c.order);
+  }
+  EXPECT_EQ(canonicallyDecomposed("/\u00c5"), "/A\u030a");
+}
+
+TEST(DecimalNumber, Text) {
+  struct Case {
+    const char* name;
+    std::string text;
+    std::optional<std::string> value;
+  };
+  const std::string digits38 = "12345678901234567890123456789012345678";
+  const Case cases[] = {
+      {"integer", "42", "42"},
+      {"signs", "+5", "5"},
+      {"negative", "-0.50", "-0.5"},
+      {"positive exponent", "1e3", "1000"},
+      {"negative exponent", "1E-3", "0.001"},
+      {"zeros after the point", "1.500", "1.5"},
+      {"zeros in front", "007", "7"},
+      {"minus zero", "-0", "0"},
+      {"zero with any exponent", "0e999999999999", "0"},
+      {"38 digits", digits38, digits38},
+      {"38 digits after the point", "0." + digits38, "0." + digits38},
+      {"39 digits, half goes up", digits38 + "5", "123456789012345678901234567890123456790"},
+      {"39 digits, less goes down", digits38 + "4", digits38 + "0"},
+      {"negative half goes away from zero", "-" + digits38 + "5", "-123456789012345678901234567890123456790"},
+      {"rounding carries through", std::string(39, '9'), "1" + std::string(39, '0')},
+      {"greatest exponent", "1e127", "1" + std::string(127, '0')},
+      {"greatest number", std::string(38, '9') + "e127", std::string(38, '9') + std::string(127, '0')},
+      {"exponent moves into the digits", "1e164", "1" + std::string(164, '0')},
+      {"too large", "1e165", std::nullopt},
+      {"least exponent", "1e-128", "0." + std::string(127, '0') + "1"},
+      {"too small", "1e-129", std::nullopt},
+      {"exponent beyond any machine number", "1e99999999999999999999", std::nullopt},
+      {"long fraction does not hide the exponent", "0." + std::string(1'000'010, '0') + "1e2000000",
+       std::nullopt},
+      {"long fraction meets its exponent", "0." + std::string(1'000'009, '0') + "1e1000012", "100"},
+      {"empty", "", std::nullopt},
+      {"no digit before the point", ".5", std::nullopt},
+      {"no digit after the point", "5.", std::nullopt},
+      {"no digit in the exponent", "1e", std::nullopt},
+      {"two signs", "--1", std::nullopt},
+      {"blank", " 1", std::nullopt},
+      {"trailing text", "1x", std::nullopt},
+      {"NUL", "1\0"s, std::nullopt}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto number = NSDecimalNumber::fromString(c.text);
+    ASSERT_EQ(number != nullptr, c.value.has_value());
+    if (!number) continue;
+    EXPECT_EQ(number->stringValue(), *c.value);
+  }
+}
+
+TEST(DecimalNumber, OtherForms) {
+  const auto value = [](const char* text) { return NSDecimalNumber::fromString(text)->int64Value(); };
+  EXPECT_EQ(value("-12.99"), -12);
+  EXPECT_EQ(value("1e30"), std::numeric_limits<std::int64_t>::max());
+  EXPECT_EQ(value("-1e30"), std::numeric_limits<std::int64_t>::min());
+  EXPECT_DOUBLE_EQ(NSDecimalNumber::fromString("12.5e-1")->doubleValue(), 1.25);
+  EXPECT_EQ(as<NSDecimalNumber>(id(NSNumber::withInt(1))), nullptr);
+  EXPECT_NE(as<NSDecimalNumber>(id(NSDecimalNumber::fromString("1"))), nullptr);
+}
+
+TEST(Number, Text) {
+  struct Case {
+    const char* name;
+    std::shared_ptr<NSNumber> number;
+    const char* text;
+  };
+  const Case cases[] = {
+      {"true", NSNumber::withBool(true), "1"},
+      {"false", NSNumber::withBool(false), "0"},
+      {"byte", NSNumber::withChar(-3), "-3"},
+      {"least integer", NSNumber::withInt(std::numeric_limits<std::int64_t>::min()), "-9223372036854775808"},
+      {"whole double", NSNumber::withDouble(1), "1"},
+      {"tenth", NSNumber::withDouble(0.1), "0.1"},
+      {"16 digits", NSNumber::withDouble(1.0 / 3), "0.3333333333333333"},
+      {"large double", NSNumber::withDouble(1e21), "1e+21"},
+      {"float has 7 digits", NSNumber::withFloat(0.1F), "0.1"},
+      {"third of a float", NSNumber::withFloat(1.0F / 3), "0.3333333"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.number->stringValue(), c.text);
+  }
+}
+
+TEST(Number, Equality) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  struct Case {
+    const char* name;
+    std::shared_ptr<NSNumber> left;
+    std::shared_ptr<NSNumber> right;
+    bool equal;
+  };
+  const auto decimal = [](const char* text) { return NSDecimalNumber::fromString(text); };
+  const Case cases[] = {
+      {"boolean and integer", NSNumber::withBool(true), NSNumber::withInt(1), true},
+      {"integer and double", NSNumber::withInt(3), NSNumber::withDouble(3), true},
+      {"integer and decimal", NSNumber::withInt(1000), decimal("1e3"), true},
+      {"double and decimal", NSNumber::withDouble(0.1), decimal("0.1"), true},
+      {"zero and minus zero", NSNumber::withDouble(0), NSNumber::withDouble(-0.0), true},
+      {"more digits than a double, integers", NSNumber::withInt(9007199254740993),
+       NSNumber::withInt(9007199254740992), false},
+      {"more digits than a double, real", NSNumber::withInt(9007199254740993),
+       NSNumber::withDouble(9007199254740992), false},
+      {"more digits than a double, decimal", NSNumber::withInt(9007199254740993), decimal("9007199254740992"),
+       false},
+      {"just beyond the integers", NSNumber::withInt(std::numeric_limits<std::int64_t>::max()),
+       NSNumber::withDouble(9223372036854775808.0), false},
+      {"not-a-number constant and itself", NSDecimalNumber::notANumber(), NSDecimalNumber::notANumber(),
+       true},
+      {"not-a-number and zero", NSDecimalNumber::notANumber(), NSNumber::withInt(0), false},
+      {"two not-a-numbers", NSNumber::withDouble(nan), NSNumber::withDouble(nan), false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.left->isEqual(*c.right), c.equal);
+    EXPECT_EQ(c.right->isEqual(*c.left), c.equal);
+    if (!c.equal) continue;
+    EXPECT_EQ(c.left->hash(), c.right->hash());
+  }
+}
+
+TEST(Number, IntegerOfAReal) {
+  const auto value = [](double real) { return NSNumber::withDouble(real)->int64Value(); };
+  EXPECT_EQ(value(-1.9), -1);
+  EXPECT_EQ(value(1e300), std::numeric_limits<std::int64_t>::max());
+  EXPECT_EQ(value(-1e300), std::numeric_limits<std::int64_t>::min());
+  EXPECT_EQ(value(std::numeric_limits<double>::quiet_NaN()), 0);
+}
+
+TEST(Date, Iso8601) {
+  struct Case {
+    const char* name;
+    const char* text;
+    std::optional<long> sinceEpoch;  // seconds
+  };
+  const Case cases[] = {{"epoch", "1970-01-01T00:00:00Z", 0},
+                        {"before", "1969-12-31T23:59:59Z", -1},
+                        {"leap day", "2024-02-29T12:30:15Z", 1709209815},
+                        {"no leap day", "2023-02-29T00:00:00Z", std::nullopt},
+                        {"month 13", "2023-13-01T00:00:00Z", std::nullopt},
+                        {"hour 24", "2023-01-01T24:00:00Z", std::nullopt},
+                        {"no zone", "2023-01-01T00:00:00", std::nullopt},
+                        {"sign for a digit", "2023-01-+1T00:00:00Z", std::nullopt},
+                        {"beyond the clock", "9999-12-31T23:59:59Z", std::nullopt},
+                        {"before the clock", "0001-01-01T00:00:00Z", std::nullopt},
+                        {"empty", "", std::nullopt}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto time = NSDate::fromIso8601(c.text);
+    ASSERT_EQ(time.has_value(), c.sinceEpoch.has_value());
+    if (!time) continue;
+    EXPECT_EQ(std::chrono::floor<std::chrono::seconds>(*time).time_since_epoch().count(), *c.sinceEpoch);
+    EXPECT_EQ(NSDate::iso8601(*time), c.text);
+  }
+  EXPECT_EQ(NSDate::iso8601(NSDate::Time(std::chrono::milliseconds(-1))), "1969-12-31T23:59:59Z");
+}
+
+TEST(Url, FilePaths) {
+  struct Case {
+    const char* name;
+    std::string path;
+    std::string url;
+  };
+  const Case cases[] = {{"plain", "/a/b.txt", "file:///a/b.txt"},
+                        {"blank", "/a b", "file:///a%20b"},
+                        {"percent", "/100%", "file:///100%25"},
+                        {"looks encoded", "/a%20b", "file:///a%2520b"},
+                        {"query and fragment", "/a?b#c", "file:///a%3Fb%23c"},
+                        {"not ASCII", "/\u00e9", "file:///%C3%A9"},
+                        {"no UTF-8", "/\xff", "file:///%FF"},
+                        {"trailing slash", "/a/", "file:///a/"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto url = NSURL::fileURLWithPath(c.path);
+    ASSERT_TRUE(url);
+    EXPECT_EQ(url->absoluteString(), c.url);
+    EXPECT_EQ(url->path(), c.path);
+    EXPECT_TRUE(url->isEqual(NSURL(c.url)));
+  }
+  EXPECT_EQ(NSURL::fileURLWithPath("relative"), nullptr);
+  EXPECT_EQ(NSURL::fileURLWithPath("/a\0b"s), nullptr);
+}
+
+TEST(Url, PathOfForeignTexts) {
+  struct Case {
+    const char* name;
+    const char* url;
+    const char* path;
+  };
+  const Case cases[] = {
+      {"host", "file://localhost/a", "/a"},           {"lower-case digits", "file:///%c3%a9", "/\u00e9"},
+      {"broken escapes stay", "file:///a%2", "/a%2"}, {"no hexadecimal digit", "file:///%zz", "/%zz"},
+      {"query is no path", "file:///a?b", "/a"},      {"hidden NUL", "file:///etc%00/x", ""},
+      {"other scheme", "https://example.org/a", ""},  {"host only", "file://localhost", ""}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+
+    EXPECT_EQ(NSURL(c.url).path(), c.path);
+  }
+}
