@@ -1,0 +1,194 @@
+#include <gtest/gtest.h>
+
+#include "service/ContentHash.h"
+#include "service/Encoding.h"
+#include "service/HttpHead.h"
+#include "service/JsonText.h"
+#include "service/Paths.h"
+#include "service/Thumbnails.h"
+#include "service/Tokens.h"
+
+namespace kzv::service {
+namespace {
+
+TEST(Paths, AreAcceptedAndBroughtToOneForm) {
+  struct Row {
+    const char* name;
+    std::string given;
+    PathVerdict verdict;
+    std::string display;
+    std::string lower;
+  };
+  const Row rows[] = {
+      {"root", "", PathVerdict::ok, "", ""},
+      {"case is kept and ignored", "/A/b.TXT", PathVerdict::ok, "/A/b.TXT", "/a/b.txt"},
+      {"doubled slash", "//A///b", PathVerdict::ok, "/A/b", "/a/b"},
+      {"decomposed letters", "/e\xCC\x81", PathVerdict::ok, "/\xC3\xA9", "/\xC3\xA9"},
+      {"letters beyond ASCII", "/\xC3\x84\xC3\x96", PathVerdict::ok, "/\xC3\x84\xC3\x96",
+       "/\xC3\xA4\xC3\xB6"},
+      {"final sigma is not special", "/\xCE\xA3\xCE\xA3", PathVerdict::ok, "/\xCE\xA3\xCE\xA3",
+       "/\xCF\x83\xCF\x83"},
+      {"characters a disk would refuse", "/<>:\"|?*", PathVerdict::ok, "/<>:\"|?*", "/<>:\"|?*"},
+      {"longest name", "/" + std::string(255, 'x'), PathVerdict::ok, "/" + std::string(255, 'x'),
+       "/" + std::string(255, 'x')},
+      {"name too long", "/" + std::string(256, 'x'), PathVerdict::malformed, "", ""},
+      {"no leading slash", "a", PathVerdict::malformed, "", ""},
+      {"slash alone", "/", PathVerdict::malformed, "", ""},
+      {"slashes alone", "//", PathVerdict::malformed, "", ""},
+      {"trailing slash", "/a/", PathVerdict::malformed, "", ""},
+      {"trailing blank", "/a ", PathVerdict::malformed, "", ""},
+      {"trailing blank inside", "/a /b", PathVerdict::malformed, "", ""},
+      {"trailing line break", "/a\n", PathVerdict::malformed, "", ""},
+      {"backslash", "/a\\b", PathVerdict::malformed, "", ""},
+      {"NUL", std::string("/a\0b", 4), PathVerdict::malformed, "", ""},
+      {"delete character", "/a\x7F", PathVerdict::malformed, "", ""},
+      {"dot", "/a/./b", PathVerdict::malformed, "", ""},
+      {"dot dot", "/a/..", PathVerdict::malformed, "", ""},
+      {"name of the system", "/a/Thumbs.DB", PathVerdict::disallowedName, "/a/Thumbs.DB", "/a/thumbs.db"},
+      {"icon with a return", "/Icon\r", PathVerdict::disallowedName, "/Icon\r", "/icon\r"},
+      {"office's lock file", "/~$letter.doc", PathVerdict::disallowedName, "/~$letter.doc", "/~$letter.doc"},
+      {"temporary name", "/~x.tmp", PathVerdict::disallowedName, "/~x.tmp", "/~x.tmp"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    NormalPath path;
+    EXPECT_EQ(normalisePath(row.given, {}, path), row.verdict);
+    EXPECT_EQ(path.display, row.display);
+    EXPECT_EQ(path.lower, row.lower);
+  }
+}
+
+TEST(Paths, CharactersBeyondThePlaneAreASwitchAndCountDouble) {
+  const std::string flower = "\xF0\x9F\x8C\xBB";
+  NormalPath path;
+  EXPECT_EQ(normalisePath("/" + flower, {false}, path), PathVerdict::ok);
+  EXPECT_EQ(normalisePath("/" + flower, {true}, path), PathVerdict::malformed);
+  std::string many = "/";
+  for (int i = 0; i < 128; ++i) many += flower;
+  EXPECT_EQ(normalisePath(many, {false}, path), PathVerdict::malformed);
+}
+
+TEST(Paths, SubtreeRangeHoldsWhatLiesBelowAndNothingBeside) {
+  const KeyRange range = subtreeRange("/a");
+  for (const char* inside : {"/a/b", "/a/ ", "/a/\xC3\xA9"}) {
+    EXPECT_TRUE(inside > range.first && inside < range.end) << inside;
+  }
+  for (const char* outside : {"/a", "/a b", "/ab", "/a0", "/a-b"}) {
+    EXPECT_FALSE(outside > range.first && outside < range.end) << outside;
+  }
+}
+
+TEST(Paths, SuffixGoesBeforeTheExtension) {
+  EXPECT_EQ(withSuffix("a.txt", " (1)", false), "a (1).txt");
+  EXPECT_EQ(withSuffix("a.tar.gz", " (1)", false), "a.tar (1).gz");
+  EXPECT_EQ(withSuffix(".profile", " (1)", false), ".profile (1)");
+  EXPECT_EQ(withSuffix("photos.2024", " (1)", true), "photos.2024 (1)");
+}
+
+TEST(ContentHash, MatchesThePublishedValues) {
+  struct Row {
+    const char* name;
+    std::string bytes;
+    const char* hash;
+  };
+  const Row rows[] = {
+      {"empty", "", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
+      {"abc", "abc", "4f8b42c22dd3729b519ba6f68d2da7cc5b2d606d05daed5ad5128cc03e6c6358"},
+      {"one block", std::string(4194304, '\0'),
+       "c7e946d101855255d919ef0c70718633adf77d3dfb3adeeecf5d0cb4e951be58"},
+      {"one byte more", std::string(4194305, '\0'),
+       "14a4d47f23a30177885d9820122f17d2d3a55fe63f7f5c27b95f689e0b2accd6"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(hexEncode(contentHash(row.bytes)), row.hash);
+    ContentHash pieces;
+    for (std::size_t i = 0; i < row.bytes.size(); i += 777777)
+      pieces.update(std::string_view(row.bytes).substr(i, 777777));
+    EXPECT_EQ(hexEncode(pieces.digest()), row.hash);
+  }
+}
+
+TEST(Encoding, TimesAreStrict) {
+  EXPECT_EQ(parseIsoTime("2024-05-01T09:30:00Z"), 1714555800);
+  EXPECT_EQ(isoTime(1714555800), "2024-05-01T09:30:00Z");
+  for (const char* wrong :
+       {"2024-05-01T09:30:00", "2024-05-01T09:30:00.5Z", "2024-05-01 09:30:00Z", "2024-04-31T00:00:00Z",
+        "2024-05-01T24:00:00Z", "2024-05-01T09:30:00+", "x024-05-01T09:30:00Z"}) {
+    EXPECT_FALSE(parseIsoTime(wrong)) << wrong;
+  }
+}
+
+TEST(Encoding, HeaderJsonIsPrintableAscii) {
+  EXPECT_EQ(asciiJson("\"\xC3\xA9\x7F\xF0\x9F\x8C\xBB\""), "\"\\u00e9\\u007f\\ud83c\\udf3b\"");
+}
+
+TEST(Encoding, VerifierBelongsToItsChallenge) {
+  Approval approval;
+  approval.challenge = "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM";
+  EXPECT_TRUE(verifierMatches(approval, "dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"));
+  EXPECT_FALSE(verifierMatches(approval, "dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXl"));
+  approval.challenge = "short";
+  approval.challengeIsPlain = true;
+  EXPECT_FALSE(verifierMatches(approval, "short")) << "a verifier has at least 43 characters";
+}
+
+TEST(HttpHead, RefusesWhatCouldBeReadInTwoWays) {
+  struct Row {
+    const char* name;
+    std::string head;
+    bool accepted;
+  };
+  const Row rows[] = {
+      {"plain", "POST /2/x HTTP/1.1\r\nHost: h\r\nContent-Length: 3", true},
+      {"chunked", "POST /x HTTP/1.1\r\nTransfer-Encoding: chunked", true},
+      {"two lengths", "POST /x HTTP/1.1\r\nContent-Length: 3\r\nContent-Length: 3", false},
+      {"length and chunked", "POST /x HTTP/1.1\r\nContent-Length: 3\r\nTransfer-Encoding: chunked", false},
+      {"other coding", "POST /x HTTP/1.1\r\nTransfer-Encoding: gzip", false},
+      {"negative length", "POST /x HTTP/1.1\r\nContent-Length: -1", false},
+      {"length beyond all measure", "POST /x HTTP/1.1\r\nContent-Length: 99999999999999999999", false},
+      {"folded field", "POST /x HTTP/1.1\r\nA: b\r\n c", false},
+      {"blank before the colon", "POST /x HTTP/1.1\r\nA : b", false},
+      {"no version", "POST /x", false},
+      {"other version", "POST /x HTTP/2.0", false},
+      {"blank in the target", "POST /x y HTTP/1.1", false},
+      {"whole address as target", "POST http://h/x HTTP/1.1", false},
+      {"empty", "", false},
+  };
+  for (const Row& row : rows) EXPECT_EQ(parseHead(row.head).has_value(), row.accepted) << row.name;
+}
+
+TEST(HttpHead, KeepsHeaderBytesAsTheyAre) {
+  const auto request = parseHead("POST /a?b=c HTTP/1.1\r\ndropbox-api-ARG:  {\"path\":\"/%41+\xC3\xA9\"} \t");
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->header("Dropbox-API-Arg"), "{\"path\":\"/%41+\xC3\xA9\"}");
+  EXPECT_EQ(request->path, "/a");
+  EXPECT_EQ(request->query, "b=c");
+}
+
+TEST(Thumbnails, FitTheBoxAndAreNeverEnlarged) {
+  struct Row {
+    const char* name;
+    PictureSize original;
+    ThumbnailMode mode;
+    PictureSize expected;
+  };
+  const Row rows[] = {
+      {"wide", {2000, 1000}, ThumbnailMode::strict, {1024, 512}},
+      {"tall", {1000, 2000}, ThumbnailMode::strict, {384, 768}},
+      {"small", {10, 20}, ThumbnailMode::strict, {10, 20}},
+      {"tall in the turned box", {1000, 2000}, ThumbnailMode::bestFit, {512, 1024}},
+      {"covering", {2000, 1000}, ThumbnailMode::fitOneBestFit, {1536, 768}},
+      {"as it is", {5000, 4000}, ThumbnailMode::original, {5000, 4000}},
+      {"a line", {5000, 1}, ThumbnailMode::strict, {1024, 1}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const PictureSize size = thumbnailSize(row.original, {1024, 768, row.mode, "jpeg"});
+    EXPECT_EQ(size.width, row.expected.width);
+    EXPECT_EQ(size.height, row.expected.height);
+  }
+}
+
+}  // namespace
+}  // namespace kzv::service

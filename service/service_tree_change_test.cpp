@@ -1,0 +1,183 @@
+// Folders, moves, copies, deletions, links and search.
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "service/ServiceTestClient.h"
+
+namespace kzv::service::testing {
+namespace {
+
+std::vector<std::string> paths(const TestService& service) {
+  std::vector<std::string> found;
+  const auto page = service.rpc("files/list_folder", R"({"path":"","recursive":true,"limit":2000})").json();
+  for (const auto& entry : page.at("entries").as_array()) found.push_back(at(entry, "path_display"));
+  return found;
+}
+
+std::string outcome(const Answer& answer) {
+  return answer.status == 200 ? at(answer.json(), "metadata.path_display") : answer.errorTags();
+}
+
+using Paths = std::vector<std::string>;
+
+TEST(Relocation, MovesAndCopiesOrSaysWhyNot) {
+  struct Row {
+    const char* name;
+    const char* route;
+    const char* from;
+    const char* to;
+    const char* more;
+    const char* outcome;
+  };
+  // The tree: /A/f.txt, /A/Sub/g.txt, /B/f.txt, /file
+  const Row rows[] = {
+      {"move a file", "move_v2", "/a/F.TXT", "/c/New.txt", "", "/c/New.txt"},
+      {"move a folder", "move_v2", "/a", "/b/A2", "", "/B/A2"},
+      {"copy a folder", "copy_v2", "/a", "/b/A2", "", "/B/A2"},
+      {"source missing", "move_v2", "/none", "/c", "", "from_lookup/not_found"},
+      {"source malformed", "move_v2", "/a/", "/c", "", "from_lookup/malformed_path"},
+      {"target malformed", "move_v2", "/a", "/c/", "", "to/malformed_path"},
+      {"target with a bad name", "move_v2", "/a", "/thumbs.db", "", "to/disallowed_name"},
+      {"target is a file", "move_v2", "/a", "/file", "", "to/conflict/file"},
+      {"target is a folder", "move_v2", "/file", "/a", "", "to/conflict/folder"},
+      {"target is a folder, renamed", "move_v2", "/file", "/a", R"(,"autorename":true)", "/a (1)"},
+      {"parent is a file", "move_v2", "/a", "/file/x", "", "to/conflict/file_ancestor"},
+      {"into itself", "move_v2", "/a", "/a/sub/x", "", "cant_move_folder_into_itself"},
+      {"copy into itself", "copy_v2", "/a", "/a/sub/x", "", "duplicated_or_nested_paths"},
+      {"onto itself", "move_v2", "/A", "/A", "", "duplicated_or_nested_paths"},
+      {"case alone is answered but not done", "move_v2", "/A", "/a", "", "/A"},
+      {"beside a name that begins alike", "move_v2", "/a", "/a b", "", "/a b"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const TestService service;
+    for (const char* path : {"/A/f.txt", "/A/Sub/g.txt", "/B/f.txt", "/file"}) service.write(path, path);
+    const std::string argument =
+        fmt::format(R"({{"from_path":"{}","to_path":"{}"{}}})", row.from, row.to, row.more);
+    EXPECT_EQ(outcome(service.rpc(std::string("files/") + row.route, argument)), row.outcome);
+  }
+}
+
+TEST(Relocation, CarriesTheSubtreeAndItsIds) {
+  const TestService service;
+  service.write("/A/f.txt", "f");
+  service.write("/A/Sub/g.txt", "g");
+  const std::string id = at(service.rpc("files/get_metadata", R"({"path":"/a/sub/g.txt"})").json(), "id");
+  service.rpc("files/move_v2", R"({"from_path":"/a","to_path":"/X/Y"})");
+  EXPECT_EQ(paths(service), (Paths{"/X", "/X/Y", "/X/Y/f.txt", "/X/Y/Sub", "/X/Y/Sub/g.txt"}));
+  EXPECT_EQ(at(service.rpc("files/get_metadata", R"({"path":")" + id + "\"}").json(), "path_display"),
+            "/X/Y/Sub/g.txt");
+  service.rpc("files/copy_v2", R"({"from_path":"/x/y/sub","to_path":"/copy"})");
+  const auto copied = service.rpc("files/get_metadata", R"({"path":"/copy/g.txt"})").json();
+  EXPECT_EQ(at(copied, "size"), "1");
+  EXPECT_NE(at(copied, "id"), id);
+}
+
+TEST(Relocation, StopsAtTenThousandItems) {
+  const TestService service;
+  const auto tree = [&](const char* path, int files) {
+    service.admin("POST", "tree",
+                  fmt::format(R"({{"account":"{}","path":"{}","folders":0,"files":{},"size":1}})", kToken,
+                              path, files));
+  };
+  tree("/fits", 9999);
+  tree("/toomany", 10000);
+  EXPECT_EQ(outcome(service.rpc("files/move_v2", R"({"from_path":"/fits","to_path":"/moved"})")), "/moved");
+  EXPECT_EQ(outcome(service.rpc("files/move_v2", R"({"from_path":"/toomany","to_path":"/moved2"})")),
+            "too_many_files");
+}
+
+TEST(Deletion, TakesTheSubtreeAndNothingBeside) {
+  const TestService service;
+  for (const char* path : {"/a/x", "/a/b/y", "/a b", "/ab"}) service.write(path, "1");
+  const auto was = service.rpc("files/delete_v2", R"({"path":"/A"})").json();
+  EXPECT_EQ(at(was, "metadata..tag"), "folder");
+  EXPECT_EQ(paths(service), (Paths{"/a b", "/ab"}));
+  EXPECT_EQ(service.rpc("files/delete_v2", R"({"path":"/a"})").errorTags(), "path_lookup/not_found");
+}
+
+TEST(Deletion, ChecksTheRevisionItWasMeantFor) {
+  const TestService service;
+  const std::string rev = at(service.upload("files/upload", R"({"path":"/f"})", "1").json(), "rev");
+  service.upload("files/upload", R"({"path":"/f","mode":"overwrite"})", "2");
+  EXPECT_EQ(
+      service.rpc("files/delete_v2", fmt::format(R"({{"path":"/f","parent_rev":"{}"}})", rev)).errorTags(),
+      "path_write/conflict/file");
+  const std::string now = at(service.rpc("files/get_metadata", R"({"path":"/f"})").json(), "rev");
+  EXPECT_EQ(service.rpc("files/delete_v2", fmt::format(R"({{"path":"/f","parent_rev":"{}"}})", now)).status,
+            200);
+}
+
+TEST(Folder, IsMadeWithItsParentsOrConflicts) {
+  const TestService service;
+  service.write("/file", "1");
+  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/A/b/C"})")), "/A/b/C");
+  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/a/B"})")), "path/conflict/folder");
+  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/file"})")), "path/conflict/file");
+  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/file/x"})")),
+            "path/conflict/file_ancestor");
+  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/a/b.c","autorename":true})")),
+            "/A/b.c");
+  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/a/b.c","autorename":true})")),
+            "/A/b.c (1)");
+}
+
+TEST(Links, AreMadeOnceAndListed) {
+  const TestService service;
+  service.write("/d/My file.txt", "1");
+  const std::string create = "sharing/create_shared_link_with_settings";
+  const auto link = service.rpc(create, R"({"path":"/d/my file.txt"})").json();
+  const std::string url = at(link, "url");
+  EXPECT_NE(url.find("My%20file.txt?rlkey="), std::string::npos) << url;
+  const Answer again = service.rpc(create, R"({"path":"/d/my file.txt"})");
+  EXPECT_EQ(again.errorTags().substr(0, 26), "shared_link_already_exists");
+  EXPECT_EQ(at(again.json(), "error.shared_link_already_exists.metadata.url"), url);
+  EXPECT_EQ(service.rpc(create, R"({"path":"/none"})").errorTags(), "path/not_found");
+  EXPECT_EQ(service.rpc(create, R"({"path":"/d","settings":{"expires":"2001-01-01T00:00:00Z"}})").errorTags(),
+            "settings_error/invalid_settings");
+  service.rpc(create, R"({"path":"/d"})");
+  const auto count = [&](const std::string& argument) {
+    return service.rpc("sharing/list_shared_links", argument).json().at("links").as_array().size();
+  };
+  EXPECT_EQ(count(R"({"path":"/d/my file.txt"})"), 2U) << "links to parents count";
+  EXPECT_EQ(count(R"({"path":"/d/my file.txt","direct_only":true})"), 1U);
+  service.admin("POST", "settings", R"({"page_size":1})");
+  const auto first = service.rpc("sharing/list_shared_links", "{}").json();
+  EXPECT_EQ(at(first, "has_more"), "true");
+  EXPECT_EQ(count(R"({"cursor":")" + at(first, "cursor") + "\"}"), 1U);
+}
+
+TEST(Search, FindsNamesPageByPage) {
+  const TestService service;
+  for (const char* path : {"/a/Report 1.txt", "/a/report 2.TXT", "/b/old report.pdf", "/b/other.txt"})
+    service.write(path, "1");
+  service.rpc("files/create_folder_v2", R"({"path":"/reports"})");
+  const auto names = [](const boost::json::value& page) {
+    std::vector<std::string> found;
+    for (const auto& match : page.at("matches").as_array())
+      found.push_back(at(match, "metadata.metadata.name"));
+    return found;
+  };
+  const auto first =
+      service.rpc("files/search_v2", R"({"query":"REPORT","options":{"max_results":3}})").json();
+  EXPECT_EQ(names(first), (Paths{"Report 1.txt", "report 2.TXT", "reports"}))
+      << "names that begin with it come first";
+  const auto rest =
+      service.rpc("files/search/continue_v2", R"({"cursor":")" + at(first, "cursor") + "\"}").json();
+  EXPECT_EQ(names(rest), Paths{"old report.pdf"});
+  EXPECT_EQ(at(rest, "has_more"), "false");
+  EXPECT_EQ(names(service.rpc("files/search_v2", R"({"query":"report","options":{"path":"/b"}})").json()),
+            Paths{"old report.pdf"});
+  EXPECT_EQ(
+      names(service.rpc("files/search_v2", R"({"query":"report","options":{"file_extensions":["pdf"]}})")
+                .json()),
+      Paths{"old report.pdf"});
+  EXPECT_EQ(
+      names(service.rpc("files/search_v2", R"({"query":"report","options":{"file_categories":["folder"]}})")
+                .json()),
+      Paths{"reports"});
+}
+
+}  // namespace
+}  // namespace kzv::service::testing
