@@ -1,0 +1,29 @@
+#pragma once
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+/// A stretch of bytes that stand for themselves inside a JSON string.
+struct PlainRun {
+  std::size_t sizeBytes;
+  bool isAscii;
+};
+
+/// The length of the run at the start of `text` that holds no quote, no backslash and no byte below 32. Reads
+/// nothing outside `text`.
+PlainRun plainRun(std::string_view text) noexcept;
+
+/// Whether the whole of `text` is such a run.
+bool isPlain(std::string_view text) noexcept;
+
+/// Whether `text` is UTF-8 (RFC 3629), where one half of a surrogate pair may also stand alone in its
+/// three-byte form. Both halves in a row are refused: the four-byte form is the only one for such a
+/// character.
+bool isGeneralisedUtf8(std::string_view text) noexcept;
+
+/// Appends the UTF-8 form of one 16-bit unit; half of a surrogate pair takes three bytes.
+void appendUnit(std::string& text, unsigned unit);
+
+/// Puts halves of surrogate pairs that have come to stand side by side into their one four-byte form, so that
+/// texts of the same 16-bit units have the same bytes.
+void joinSurrogateHalves(std::string& text);
