@@ -15,6 +15,7 @@ DBRestClient::DBRestClient(std::shared_ptr<DBSession> session, std::optional<std
 
 DBRestClient::~DBRestClient() {
   impl_->forgetOwner();
+  impl_->setSignIn(nullptr);
   impl_->cancelAll();
 }
 

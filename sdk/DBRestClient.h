@@ -41,6 +41,28 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   /// object (access_token, refresh_token, expires_in). Ends with restClientLoadedAccessToken or
   /// loadAccessTokenFailedWithError.
   void adoptAccessToken(const std::string& token);
+  // Signing in, in the browser. One sign-in at a time per client: a new one replaces the one before it.
+
+  /// How the code comes back from the service's page.
+  enum class SignInCode {
+    byRedirect,  // the browser is sent to an address of this machine (or as below, where that is not free)
+    typedIn      // the page shows it, and useAuthorizationCode takes it
+  };
+  /// Begins a sign-in; no request is made. Ends with restClientLoadedRequestToken or
+  /// loadRequestTokenFailedWithError.
+  void loadRequestToken(SignInCode code = SignInCode::byRedirect);
+  /// Whether a sign-in is under way. Any thread.
+  bool requestTokenLoaded() const;
+  /// The page that the user has to visit; empty without a sign-in. Any thread.
+  std::string authorizeURL() const;
+  /// A code that the user has copied from the page. False when the text cannot be one or no sign-in is under
+  /// way. Any thread.
+  bool useAuthorizationCode(const std::string& code);
+  /// Trades the code for tokens and links the account. Ends with restClientLoadedAccessToken or
+  /// loadAccessTokenFailedWithError: at once and without a request with DBErrorAuthorizationPending while the
+  /// user has not answered; with 403 when the user declined. What cannot succeed any more ends the sign-in.
+  void loadAccessToken();
+
   // Transfers: bodies are streamed from and to disk by the network thread, so memory stays flat. `loadFile`
   // writes beside the target, checks the service's content hash, syncs and renames: a file is there whole or
   // not at all.

@@ -31,6 +31,11 @@ class DBRestClientDelegate {
   virtual void loadedAccountInfo(DBRestClient& /*client*/, const std::shared_ptr<DBAccountInfo>& /*info*/) {}
   virtual void loadAccountInfoFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
 
+  /// A sign-in has begun: authorizeURL() is the page to show.
+  virtual void restClientLoadedRequestToken(DBRestClient& /*client*/) {}
+  virtual void loadRequestTokenFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
+  /// The browser has brought the user's answer, so loadAccessToken will not be told to wait any more.
+  virtual void restClientReceivedAuthorization(DBRestClient& /*client*/) {}
   /// An access token was exchanged or adopted; the account is among the session's userIds.
   virtual void restClientLoadedAccessToken(DBRestClient& /*client*/, const std::string& /*userId*/) {}
   virtual void loadAccessTokenFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}

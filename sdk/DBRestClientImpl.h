@@ -11,6 +11,7 @@
 
 #include "sdk/DBRestClient.h"
 #include "sdk/ServiceCall.h"
+#include "sdk/SignIn.h"
 #include "sdk/UploadSessions.h"
 
 /// One operation of a client from its start to its callback. Its steps run on the thread of the callbacks.
@@ -59,8 +60,14 @@ class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Imp
   void performLater(const OperationRef& operation, std::function<void()> step);
   void cancelAll();
   void forgetOwner();
+  /// Links the account and ends the operation, which is one that loads an access token.
+  void linkAndFinish(const OperationRef& operation, DBCredential credential);
 
   UploadSessions uploads;  // the thread of the callbacks only
+
+  /// The sign-in under way, or null.
+  std::shared_ptr<SignIn> signIn() const;
+  void setSignIn(std::shared_ptr<SignIn> signIn);
 
   const std::shared_ptr<DBSession>& session() const noexcept { return session_; }
   const std::optional<std::string>& userId() const noexcept { return userId_; }
@@ -78,9 +85,10 @@ class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Imp
   const std::shared_ptr<DBSession> session_;
   const std::optional<std::string> userId_;
 
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   DBRestClient* owner_;                       // guarded by mutex_
   DBRestClientDelegate* delegate_ = nullptr;  // guarded by mutex_
+  std::shared_ptr<SignIn> signIn_;            // guarded by mutex_
   std::vector<OperationRef> underWay_;        // guarded by mutex_
 };
 

@@ -150,19 +150,7 @@ class TokenAdoption : public std::enable_shared_from_this<TokenAdoption> {
     const auto fields = accountFields(answer.response);
     if (!fields) return fail(invalidResponseError(answer.response, about_));
     credential_.userId = fields->userId;
-    // The store may take its time; the callbacks' thread may not.
-    DispatchQueue::global().async([self = shared_from_this()] {
-      NSErrorRef error;
-      const bool linked = self->client_->session()->linkCredential(self->credential_, &error);
-      self->client_->performLater(self->operation_, [self, linked, error] { self->stored(linked, error); });
-    });
-  }
-
-  void stored(bool linked, const NSErrorRef& error) {
-    if (!linked) return fail(error);
-    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.restClientLoadedAccessToken(client, credential_.userId);
-    });
+    client_->linkAndFinish(operation_, std::move(credential_));
   }
 
   void fail(const NSErrorRef& error) {
@@ -178,6 +166,21 @@ class TokenAdoption : public std::enable_shared_from_this<TokenAdoption> {
 };
 
 }  // namespace
+
+void DBRestClient::Impl::linkAndFinish(const OperationRef& operation, DBCredential credential) {
+  // The store may take its time; the callbacks' thread may not.
+  DispatchQueue::global().async([self = shared_from_this(), operation, credential = std::move(credential)] {
+    NSErrorRef error;
+    const bool isLinked = self->session_->linkCredential(credential, &error);
+    const std::string userId = credential.userId;
+    self->performLater(operation, [self, operation, isLinked, error, userId] {
+      self->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+        isLinked ? delegate.restClientLoadedAccessToken(client, userId)
+                 : delegate.loadAccessTokenFailedWithError(client, error);
+      });
+    });
+  });
+}
 
 void DBRestClient::loadAccountInfo() { std::make_shared<AccountLoad>(impl_)->start(); }
 

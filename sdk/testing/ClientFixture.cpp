@@ -66,6 +66,8 @@ void NotingDelegate::loadedAccountInfo(DBRestClient&, const std::shared_ptr<DBAc
 void NotingDelegate::loadAccountInfoFailedWithError(DBRestClient&, const NSErrorRef& error) {
   noteError(error);
 }
+void NotingDelegate::restClientLoadedRequestToken(DBRestClient&) { note("sign-in begun"); }
+void NotingDelegate::restClientReceivedAuthorization(DBRestClient&) { note("answer came"); }
 void NotingDelegate::restClientLoadedAccessToken(DBRestClient&, const std::string& userId) {
   note("linked " + userId);
 }

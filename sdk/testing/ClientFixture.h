@@ -49,6 +49,8 @@ class NotingDelegate : public DBRestClientDelegate, public DBSessionDelegate {
   void loadDeltaFailedWithError(DBRestClient&, const NSErrorRef& error) override;
   void loadedAccountInfo(DBRestClient&, const std::shared_ptr<DBAccountInfo>& info) override;
   void loadAccountInfoFailedWithError(DBRestClient&, const NSErrorRef& error) override;
+  void restClientLoadedRequestToken(DBRestClient&) override;
+  void restClientReceivedAuthorization(DBRestClient&) override;
   void restClientLoadedAccessToken(DBRestClient&, const std::string& userId) override;
   void loadAccessTokenFailedWithError(DBRestClient&, const NSErrorRef& error) override;
   void loadedFile(DBRestClient&, const std::string& localPath) override;

@@ -1,0 +1,153 @@
+#include <chrono>
+#include <utility>
+
+#include "sdk/DBError.h"
+#include "sdk/DBRestClientImpl.h"
+#include "sdk/ServiceJson.h"
+
+namespace json = boost::json;
+using servicejson::Document;
+
+namespace {
+
+std::int64_t unixNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+std::optional<DBCredential> credentialOf(const HttpResponse& response) {
+  const auto document = Document::parse(response.body);
+  const json::object* answer = document ? &document->root() : nullptr;
+  const auto userId = answer ? servicejson::text(*answer, "account_id") : std::nullopt;
+  const auto token = answer ? servicejson::text(*answer, "access_token") : std::nullopt;
+  if (!userId || userId->empty() || !token || token->empty()) return std::nullopt;
+  const auto lifetime = servicejson::integer(*answer, "expires_in");
+  return DBCredential{std::string(*userId), std::string(*token),
+                      std::string(servicejson::text(*answer, "refresh_token").value_or("")),
+                      lifetime ? unixNow() + *lifetime : 0};
+}
+
+/// Trades the code that came back from the service's page for tokens.
+class CodeExchange : public std::enable_shared_from_this<CodeExchange> {
+ public:
+  explicit CodeExchange(std::shared_ptr<DBRestClient::Impl> client)
+      : client_(std::move(client)), operation_(client_->beginOperation()), signIn_(client_->signIn()) {}
+
+  // Also when it is cancelled: then the next attempt finds out whether the code is still good.
+  ~CodeExchange() {
+    if (isExchanging_) signIn_->endExchange();
+  }
+  CodeExchange(const CodeExchange&) = delete;
+  CodeExchange& operator=(const CodeExchange&) = delete;
+
+  void start() {
+    if (!signIn_) return failLater(requestError(400, "no sign-in has been started", about_));
+    const SignIn::State state = signIn_->state();
+    if (state == SignIn::State::denied) {
+      client_->setSignIn(nullptr);
+      return failLater(requestError(403, "the sign-in was declined", about_));
+    }
+    // A code works once: a second exchange while one is under way would only spoil it.
+    if (state == SignIn::State::waiting || !signIn_->beginExchange()) {
+      return failLater(
+          requestError(DBErrorAuthorizationPending, "the sign-in has not been approved yet", about_));
+    }
+    isExchanging_ = true;
+    ServiceRequest request;
+    request.style = ServiceRequest::Style::token;
+    request.route = "token";
+    request.argument = signIn_->tokenForm(client_->session()->appKey());
+    request.repeat = ServiceRequest::Repeat::whenRefused;
+    request.about = about_;
+    client_->sendFor(operation_, {}, std::move(request),
+                     [self = shared_from_this()](ServiceAnswer& answer) { self->received(answer); });
+  }
+
+ private:
+  void received(const ServiceAnswer& answer) {
+    if (answer.error) {
+      if (oauthErrorOf(answer.response) == "invalid_grant") endSignIn();
+      return fail(answer.error);
+    }
+    endSignIn();
+    auto credential = credentialOf(answer.response);
+    if (!credential) return fail(invalidResponseError(answer.response, about_));
+    client_->linkAndFinish(operation_, std::move(*credential));
+  }
+
+  /// Unless a new one has taken its place meanwhile.
+  void endSignIn() {
+    if (client_->signIn() == signIn_) client_->setSignIn(nullptr);
+  }
+
+  void failLater(const NSErrorRef& error) {
+    client_->performLater(operation_, [self = shared_from_this(), error] { self->fail(error); });
+  }
+
+  void fail(const NSErrorRef& error) {
+    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.loadAccessTokenFailedWithError(client, error);
+    });
+  }
+
+  const std::shared_ptr<DBRestClient::Impl> client_;
+  const DBRestClient::Impl::OperationRef operation_;
+  const std::shared_ptr<SignIn> signIn_;
+  const RequestDescription about_{"sign in", ""};
+  bool isExchanging_ = false;
+};
+
+}  // namespace
+
+std::shared_ptr<SignIn> DBRestClient::Impl::signIn() const {
+  const std::lock_guard lock(mutex_);
+  return signIn_;
+}
+
+void DBRestClient::Impl::setSignIn(std::shared_ptr<SignIn> signIn) {
+  const std::lock_guard lock(mutex_);
+  signIn_.swap(signIn);  // the old one waits for its listener, outside of the lock
+}
+
+void DBRestClient::loadRequestToken(SignInCode code) {
+  const auto operation = impl_->beginOperation();
+  if (const NSErrorRef& hostsError = impl_->session()->internals().hostsError) {
+    impl_->performLater(operation, [impl = impl_, operation, hostsError] {
+      impl->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+        delegate.loadRequestTokenFailedWithError(client, hostsError);
+      });
+    });
+    return;
+  }
+  impl_->setSignIn(nullptr);  // its port is needed again
+  auto arrived = [weak = std::weak_ptr(impl_), runLoop = operation->runLoop] {
+    runLoop->perform([weak] {
+      const auto impl = weak.lock();
+      if (!impl) return;
+      impl->notify([](DBRestClientDelegate& delegate, DBRestClient& client) {
+        delegate.restClientReceivedAuthorization(client);
+      });
+    });
+  };
+  impl_->setSignIn(std::make_shared<SignIn>(code == SignInCode::byRedirect, std::move(arrived)));
+  impl_->performLater(operation, [impl = impl_, operation] {
+    impl->finish(operation, [](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.restClientLoadedRequestToken(client);
+    });
+  });
+}
+
+bool DBRestClient::requestTokenLoaded() const { return impl_->signIn() != nullptr; }
+
+std::string DBRestClient::authorizeURL() const {
+  const auto signIn = impl_->signIn();
+  const DBSession::Internals& session = impl_->session()->internals();
+  return signIn ? signIn->pageAddress(session.hosts.web, session.appKey) : std::string();
+}
+
+bool DBRestClient::useAuthorizationCode(const std::string& code) {
+  const auto signIn = impl_->signIn();
+  return signIn && signIn->takeCode(code);
+}
+
+void DBRestClient::loadAccessToken() { std::make_shared<CodeExchange>(impl_)->start(); }

@@ -1,0 +1,188 @@
+#include "sdk/SignIn.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/rand.h>
+
+#include "foundation/Fatal.h"
+#include "sdk/ContentHash.h"
+#include "sdk/FormText.h"
+
+namespace {
+
+constexpr std::string_view redirectPath = "/dropbox-sign-in";
+// Part of the redirect address, which the application has registered as it stands; so it is fixed.
+constexpr std::uint16_t registeredPort = 47892;
+
+std::uint16_t redirectPort() {
+  const char* text = std::getenv("KZV_SIGN_IN_PORT");
+  const std::string_view digits(text ? text : "");
+  std::uint16_t port = 0;
+  const auto [end, failure] = std::from_chars(digits.data(), digits.data() + digits.size(), port);
+  const bool isNumber = !digits.empty() && failure == std::errc{} && end == digits.data() + digits.size();
+  return isNumber ? port : registeredPort;
+}
+
+/// RFC 4648, section 5, without padding.
+std::string base64Url(std::string_view bytes) {
+  std::vector<unsigned char> text(4 * (bytes.size() / 3 + 1) + 1);
+  const int size = EVP_EncodeBlock(text.data(), reinterpret_cast<const unsigned char*>(bytes.data()),
+                                   static_cast<int>(bytes.size()));
+  std::string encoded(reinterpret_cast<const char*>(text.data()), static_cast<std::size_t>(size));
+  for (char& c : encoded) c = c == '+' ? '-' : c == '/' ? '_' : c;
+  while (encoded.ends_with('=')) encoded.pop_back();
+  return encoded;
+}
+
+std::string randomText(std::size_t byteCount) {
+  std::string bytes(byteCount, '\0');
+  if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(byteCount)) != 1) {
+    fatalInvariant("the system has random numbers");
+  }
+  return base64Url(bytes);
+}
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+std::string formDecoded(std::string_view text) {
+  std::string decoded;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool isEscape =
+        text[i] == '%' && i + 2 < text.size() && hexDigit(text[i + 1]) >= 0 && hexDigit(text[i + 2]) >= 0;
+    if (isEscape) {
+      decoded += static_cast<char>(hexDigit(text[i + 1]) * 16 + hexDigit(text[i + 2]));
+      i += 2;
+    } else {
+      decoded += text[i] == '+' ? ' ' : text[i];
+    }
+  }
+  return decoded;
+}
+
+/// The value of a field of a query; nothing when it is missing.
+std::optional<std::string> fieldOf(std::string_view query, std::string_view name) {
+  while (!query.empty()) {
+    const auto end = std::min(query.find('&'), query.size());
+    const std::string_view pair = query.substr(0, end);
+    const auto equals = std::min(pair.find('='), pair.size());
+    if (pair.substr(0, equals) == name) {
+      return formDecoded(pair.substr(std::min(equals + 1, pair.size())));
+    }
+    query.remove_prefix(std::min(end + 1, query.size()));
+  }
+  return std::nullopt;
+}
+
+bool isSame(std::string_view left, std::string_view right) {
+  return left.size() == right.size() && CRYPTO_memcmp(left.data(), right.data(), left.size()) == 0;
+}
+
+bool canBeCode(std::string_view text) {
+  constexpr std::size_t longestCode = 1024;
+  if (text.empty() || text.size() > longestCode) return false;
+  for (const char c : text) {
+    if (c < '!' || c > '~') return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+SignIn::SignIn(bool useRedirect, std::function<void()> arrived)
+    : verifier_(randomText(32)), stateText_(randomText(16)), arrived_(std::move(arrived)) {
+  if (!useRedirect) return;
+  listener_ = LoopbackListener::open(redirectPort(), std::string(redirectPath),
+                                     [this](const std::string& query) { return redirected(query); });
+  // Without the port the page shows the code, and a person can still type it in.
+  if (!listener_) return;
+  const std::lock_guard lock(mutex_);
+  redirectUri_ = "http://localhost:" + std::to_string(listener_->port()) + std::string(redirectPath);
+}
+
+SignIn::~SignIn() { listener_.reset(); }
+
+std::string SignIn::challengeFor(std::string_view verifier) {
+  Sha256 digest;
+  digest.update(verifier);
+  return base64Url(digest.finish());
+}
+
+std::string SignIn::pageAddress(std::string_view webOrigin, std::string_view appKey) const {
+  const std::lock_guard lock(mutex_);
+  return std::string(webOrigin) + "/oauth2/authorize?" +
+         formText({{"client_id", appKey},
+                   {"response_type", "code"},
+                   {"token_access_type", "offline"},
+                   {"code_challenge", challengeFor(verifier_)},
+                   {"code_challenge_method", "S256"},
+                   {"state", stateText_},
+                   {"redirect_uri", redirectUri_}});
+}
+
+LoopbackListener::Page SignIn::redirected(const std::string& query) {
+  const auto state = fieldOf(query, "state");
+  if (!state || !isSame(*state, stateText_)) {
+    return {400, "This is not the answer to the sign-in that is under way."};
+  }
+  const auto code = fieldOf(query, "code");
+  const bool isApproved = code && canBeCode(*code);
+  if (!isApproved && !fieldOf(query, "error")) return {400, "The answer holds no code."};
+  {
+    const std::lock_guard lock(mutex_);
+    if (state_ != State::waiting) return {400, "This sign-in has already been answered."};
+    state_ = isApproved ? State::approved : State::denied;
+    if (isApproved) code_ = *code;
+  }
+  if (arrived_) arrived_();
+  return {200, isApproved ? "Signed in. You can close this window and go back to the application."
+                          : "The sign-in was declined. You can close this window."};
+}
+
+SignIn::State SignIn::state() const {
+  const std::lock_guard lock(mutex_);
+  return state_;
+}
+
+bool SignIn::takeCode(std::string_view code) {
+  const auto first = code.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return false;
+  code = code.substr(first, code.find_last_not_of(" \t\r\n") - first + 1);
+  if (!canBeCode(code)) return false;
+  const std::lock_guard lock(mutex_);
+  code_ = code;
+  state_ = State::approved;
+  return true;
+}
+
+bool SignIn::beginExchange() {
+  const std::lock_guard lock(mutex_);
+  return !std::exchange(isExchanging_, true);
+}
+
+void SignIn::endExchange() {
+  const std::lock_guard lock(mutex_);
+  isExchanging_ = false;
+}
+
+std::string SignIn::tokenForm(std::string_view appKey) const {
+  const std::lock_guard lock(mutex_);
+  if (state_ != State::approved) fatalInvariant("a sign-in is approved before its code is traded");
+  // With a verifier no secret of the application is sent.
+  return formText({{"grant_type", "authorization_code"},
+                   {"code", code_},
+                   {"code_verifier", verifier_},
+                   {"client_id", appKey},
+                   {"redirect_uri", redirectUri_}});
+}
