@@ -101,6 +101,20 @@ id KZVDropboxFileManager::requestOnMainClient(std::function<void(DBRestClient&)>
   });
 }
 
+id KZVDropboxFileManager::requestOnFreshClient(ProgressCallback progress,
+                                               std::function<void(DBRestClient&)> request,
+                                               NSErrorRef* error) {
+  ClientRef client = prepare(nullptr);
+  setObj(*client, std::make_shared<BoxedProgress>(std::move(progress)), KZVDFMProgressKey());
+  start(client, std::move(request));
+  const id result = wait(*client, error);
+  // The client ends where its callbacks run: one of them may still be on its way out, or, when the account
+  // was unlinked meanwhile, yet to come.
+  KZVDropboxFSSupport::performBlockInBackground([client = std::move(client)]() mutable { client.reset(); },
+                                                *required(dropboxThread(), "the service thread runs"));
+  return result;
+}
+
 void KZVDropboxFileManager::reportProgress(DBRestClient& client, double fraction) {
   const auto progress = as<BoxedProgress>(objForKey(client, KZVDFMProgressKey()));
   if (!progress || !progress->callback) return;

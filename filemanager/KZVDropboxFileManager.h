@@ -12,6 +12,7 @@
 #include "foundation/NSDate.h"
 #include "foundation/NSError.h"
 #include "foundation/NSThread.h"
+#include "foundation/NSURL.h"
 #include "sdk/DBRestClient.h"
 
 /// One linked account's view of the service: blocking calls over the asynchronous DBRestClient, and the cache
@@ -53,11 +54,34 @@ class KZVDropboxFileManager final : public NSObject,
   /// Name, address and space of the account, asked for anew at each call. Blocks.
   std::shared_ptr<DBAccountInfo> accountInfo(NSErrorRef* error = nullptr);
 
+  /// Downloads a file to `local`, which is there only when it is whole.
+  /// @param progress  may be empty; runs on dropboxThread() with location 0..1000, length 1000; false stops.
+  /// @return `local`, or null. A stop is CanceledByUserErrorDomain, code -1. Blocks.
+  std::shared_ptr<NSURL> loadFile(const DBMetadata& file, std::shared_ptr<NSURL> local,
+                                  ProgressCallback progress, NSErrorRef* error = nullptr);
+  /// Stores a preview picture of at most 1024x768 pixels at `localPath`. Blocks.
+  bool loadThumb(const std::string& path, const std::string& localPath, NSErrorRef* error = nullptr);
+  /// Uploads a local file: one request below 104857600 bytes, else chunks of the client layer's own size. A
+  /// version that somebody else stored meanwhile is not overwritten: the service then keeps this one beside
+  /// it under another name.
+  /// @param progress  as for loadFile.
+  /// @return true once the service has stored the file. Blocks.
+  bool uploadFile(const NSURL& local, const std::string& toPath, ProgressCallback progress,
+                  NSErrorRef* error = nullptr);
+  // Tree changes; each blocks for its request, and the next listing shows it.
+  bool deletePath(const std::string& path, NSErrorRef* error = nullptr);
+  bool moveFrom(const std::string& path, const std::string& toPath, NSErrorRef* error = nullptr);
+  bool createFolder(const std::string& path, NSErrorRef* error = nullptr);
+  /// The full link, never a shortened one, that anybody can open. Blocks.
+  std::optional<std::string> publicLink(const std::string& path, NSErrorRef* error = nullptr);
+
   const std::string userId;
   /// Carries ordinary requests; also the lock that serialises them.
   const std::shared_ptr<DBRestClient> mainClient;
   /// Carries delta runs; also the lock that serialises them.
   const std::shared_ptr<DBRestClient> deltaClient;
+  /// Failed chunks that one upload survives.
+  static constexpr int DROPBOX_MAX_UPLOAD_FAILURES = 5;
   /// Path -> record; use under synced(*metaCache).
   const std::shared_ptr<MetadataCache> metaCache;
 
@@ -70,6 +94,33 @@ class KZVDropboxFileManager final : public NSObject,
   void loadDeltaFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void loadedAccountInfo(DBRestClient& client, const std::shared_ptr<DBAccountInfo>& info) override;
   void loadAccountInfoFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
+  void loadedFile(DBRestClient& client, const std::string& localPath) override;
+  void loadFileFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
+  void loadProgress(DBRestClient& client, double fraction, const std::string& localPath) override;
+  void loadedThumbnail(DBRestClient& client, const std::string& localPath,
+                       const MetadataRef& metadata) override;
+  void loadThumbnailFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
+  void uploadedFile(DBRestClient& client, const std::string& destinationPath, const std::string& localPath,
+                    const MetadataRef& metadata) override;
+  void uploadFileFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
+  void uploadProgress(DBRestClient& client, double fraction, const std::string& destinationPath,
+                      const std::string& localPath) override;
+  void uploadedFileChunk(DBRestClient& client, const std::string& uploadId, std::uint64_t newOffset,
+                         const std::string& localPath, NSDate::Time expires) override;
+  void uploadFileChunkFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
+  void uploadFileChunkProgress(DBRestClient& client, double fraction, const std::string& uploadId,
+                               std::uint64_t offset, const std::string& localPath) override;
+  void uploadedFileFromUploadId(DBRestClient& client, const std::string& destinationPath,
+                                const std::string& uploadId, const MetadataRef& metadata) override;
+  void uploadFromUploadIdFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
+  void createdFolder(DBRestClient& client, const MetadataRef& metadata) override;
+  void createFolderFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
+  void deletedPath(DBRestClient& client, const std::string& path) override;
+  void deletePathFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
+  void movedPath(DBRestClient& client, const std::string& fromPath, const MetadataRef& metadata) override;
+  void movePathFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
+  void loadedSharableLink(DBRestClient& client, const std::string& link, const std::string& path) override;
+  void loadSharableLinkFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
 
  private:
   using ClientRef = std::shared_ptr<DBRestClient>;
@@ -92,6 +143,9 @@ class KZVDropboxFileManager final : public NSObject,
   id wait(DBRestClient& client, NSErrorRef* error);
   /// prepare, start and wait on mainClient, under its lock.
   id requestOnMainClient(std::function<void(DBRestClient&)> request, NSErrorRef* error);
+  /// The same on a client of its own, beside whatever mainClient does. `progress` may be empty.
+  id requestOnFreshClient(ProgressCallback progress, std::function<void(DBRestClient&)> request,
+                          NSErrorRef* error);
   /// Tells the caller's progress callback; its false ends the request as stopped by the user.
   static void reportProgress(DBRestClient& client, double fraction);
 
@@ -102,11 +156,21 @@ class KZVDropboxFileManager final : public NSObject,
   void runDelta(NSErrorRef* error);
   void runFirstDeltaInBackground();
   bool isDeltaRecent() const;
+  /// Makes the next delta run due at once: for calls that change the tree.
+  void clearLastDeltaDate();
   std::optional<std::string> deltaCursor() const;
   void noteDeltaRunCompleted(const std::string& cursor);
   void applyReset(bool hadCursor, Changes& changes);
   void applyEntry(const DBDeltaEntry& entry, bool hadCursor, Changes& changes);
   void reportChanges(Changes changes);
+
+  /// What the cache knows of `key`: its record, or an empty one when its folder's listing does not hold it;
+  /// nothing when the cache cannot tell.
+  std::optional<MetadataRef> knownRecord(const std::string& key) const;
+  std::optional<std::string> parentRevision(const std::string& path, bool& isKnown, NSErrorRef* error);
+  void noteUploaded(const std::string& askedKey, const MetadataRef& record);
+  /// Drops `path` with everything below it and the listing that holds it.
+  void forget(const std::string& path);
 
   mutable std::mutex deltaStateMutex_;
   std::condition_variable firstRunEnded_;

@@ -47,6 +47,13 @@ bool KZVDropboxFileManager::isDeltaRecent() const {
   return age.count() < deltaUpdateInterval();
 }
 
+void KZVDropboxFileManager::clearLastDeltaDate() {
+  synced(*deltaClient, [&] {  // a run under way would set the date again when it ends
+    const std::lock_guard lock(deltaStateMutex_);
+    lastDeltaDate.reset();
+  });
+}
+
 std::optional<std::string> KZVDropboxFileManager::deltaCursor() const {
   const std::lock_guard lock(deltaStateMutex_);
   return lastDeltaCursor;

@@ -20,3 +20,19 @@ inline const NSString& KZVDFMProgressKey() {  // the caller's progress callback,
   static const auto& key = *new NSString("KZVDFMProgressKey");
   return key;
 }
+inline const NSString& KZVDFMErrorCountKey() {  // NSNumber: failed chunks so far; absent counts as 0
+  static const auto& key = *new NSString("KZVDFMErrorCountKey");
+  return key;
+}
+inline const NSString& KZVDFMUploadLocalPathKey() {  // text: the file that a chunked upload sends
+  static const auto& key = *new NSString("KZVDFMUploadLocalPathKey");
+  return key;
+}
+inline const NSString& KZVDFMUploadRemotePathKey() {  // text: where a chunked upload goes
+  static const auto& key = *new NSString("KZVDFMUploadRemotePathKey");
+  return key;
+}
+inline const NSString& KZVDFMUploadParentRevKey() {  // text: the revision to replace, or nothing
+  static const auto& key = *new NSString("KZVDFMUploadParentRevKey");
+  return key;
+}

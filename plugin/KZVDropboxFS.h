@@ -73,6 +73,27 @@ class KZVDropboxFS final : public FSPlugin {
   std::optional<FSItems> contentAtPath(const std::string& path, bool recursive, bool showHidden,
                                        NSErrorRef* error) override;
 
+  // --- Transfer (fsops/KZVDropboxFS_transfer.cpp)
+
+  std::shared_ptr<NSURL> requestFileUrl(const std::string& path, ProgressCallback progress,
+                                        NSErrorRef* error) override;
+  void releaseFileUrl(const NSURL& url) override;
+  bool writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
+                 NSErrorRef* error) override;
+
+  // --- Tree changes (fsops/KZVDropboxFS_tree.cpp)
+
+  bool removeItemAtPath(const std::string& path, NSErrorRef* error) override;
+  bool moveFromPath(const std::string& path, const std::string& to,
+                    const std::shared_ptr<NSDictionary>& attributes, ProgressCallback progress,
+                    NSErrorRef* error) override;
+  bool createDirectoryAtPath(const std::string& path, const std::shared_ptr<NSDictionary>& attributes,
+                             NSErrorRef* error) override;
+
+  // --- Space (fsops/KZVDropboxFS_space.cpp)
+
+  std::shared_ptr<NSDictionary> fsAttributes(const std::string& path, NSErrorRef* error) override;
+
   // --- Change watching (fsops/KZVDropboxFS_watching.cpp)
 
   void startWatchFolder(const std::shared_ptr<FSItem>& item) override;
@@ -105,6 +126,14 @@ class KZVDropboxFS final : public FSPlugin {
   bool recordListedChild(const KZVDropboxFileManager::MetadataRef& folder,
                          const KZVDropboxFileManager::MetadataRef& child);
   std::shared_ptr<FSItem> itemFor(const DBMetadata& record);
+
+  std::shared_ptr<NSURL> makeLocalCopy(const std::string& path, const std::string& key,
+                                       ProgressCallback progress, NSErrorRef* error);
+  std::shared_ptr<NSURL> copyFile(const DBMetadata& record, const std::string& path,
+                                  const std::string& folder, ProgressCallback progress, NSErrorRef* error);
+  std::shared_ptr<NSURL> copyFolder(const std::string& path, const std::string& folder,
+                                    ProgressCallback progress, NSErrorRef* error);
+  std::string requiredTemporaryFolder(NSErrorRef* error);
 
   Guarded<std::shared_ptr<NSURL>> tmpFolderUrl_;
   std::optional<std::string> userId_;

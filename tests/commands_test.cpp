@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-class KzvTest : public testing::Test {
+class CommandsTest : public testing::Test {
  protected:
   ChildProcess::Environment environment() const {
     return {{"KZV_HOME", home.path()},
@@ -48,7 +48,7 @@ std::map<std::string, std::int64_t> treeOf(const std::string& jsonLines) {
 
 }  // namespace
 
-TEST_F(KzvTest, RecursiveListingEqualsTheServicesOwnTree) {
+TEST_F(CommandsTest, RecursiveListingEqualsTheServicesOwnTree) {
   struct Case {
     const char* name;
     json::object settings;
@@ -71,7 +71,7 @@ TEST_F(KzvTest, RecursiveListingEqualsTheServicesOwnTree) {
   }
 }
 
-TEST_F(KzvTest, FiftyThousandEntriesAreListedWhole) {
+TEST_F(CommandsTest, FiftyThousandEntriesAreListedWhole) {
   standIn.makeTree("/big", 50, 1000);
   link("ada-token");
   const auto outcome = kzv({"--json", "ls", "-R", "/"});
@@ -81,7 +81,7 @@ TEST_F(KzvTest, FiftyThousandEntriesAreListedWhole) {
   EXPECT_EQ(shown, standIn.tree());
 }
 
-TEST_F(KzvTest, ExitStatusAndOneLineSayWhatHappened) {
+TEST_F(CommandsTest, ExitStatusAndOneLineSayWhatHappened) {
   standIn.write("/Docs/a.txt", "12345");
   struct Case {
     const char* name;
@@ -120,7 +120,7 @@ TEST_F(KzvTest, ExitStatusAndOneLineSayWhatHappened) {
   EXPECT_EQ(kzv({"ls", "/"}).exitStatus, 3);  // which of the two?
 }
 
-TEST_F(KzvTest, TokensAreSeenInNoOutputAndNoReadableFileAndDieWithTheAccount) {
+TEST_F(CommandsTest, TokensAreSeenInNoOutputAndNoReadableFileAndDieWithTheAccount) {
   link("ada-token");
   std::string everything;
   for (const auto& arguments : std::vector<std::vector<std::string>>{
@@ -147,7 +147,7 @@ TEST_F(KzvTest, TokensAreSeenInNoOutputAndNoReadableFileAndDieWithTheAccount) {
   EXPECT_EQ(kzv({"link", "--token-stdin"}, "ada-token").exitStatus, 1);  // revoked at the service
 }
 
-TEST_F(KzvTest, AnInterruptEndsAListingThatHangsAtOnce) {
+TEST_F(CommandsTest, AnInterruptEndsAListingThatHangsAtOnce) {
   link("ada-token");
   standIn.fault({{"route", "files/list_folder"}, {"times", 100}, {"delay_ms", 20000}});
   auto variables = environment();

@@ -1,0 +1,106 @@
+// Calls that change the tree, and the public link. What they change leaves the cache at once, so that the
+// next listing shows it without waiting for the change feed.
+#include "core/synced.h"
+#include "filemanager/KZVDropboxFileManager.h"
+#include "foundation/NSString.h"
+#include "foundation/Paths.h"
+
+bool KZVDropboxFileManager::deletePath(const std::string& path, NSErrorRef* error) {
+  clearLastDeltaDate();
+  const id deleted = requestOnMainClient([path](DBRestClient& client) { client.deletePath(path); }, error);
+  if (!textOf(deleted)) return false;
+  forget(path);
+  return true;
+}
+
+bool KZVDropboxFileManager::moveFrom(const std::string& path, const std::string& toPath, NSErrorRef* error) {
+  clearLastDeltaDate();
+  const id moved =
+      requestOnMainClient([path, toPath](DBRestClient& client) { client.moveFrom(path, toPath); }, error);
+  const MetadataRef record = as<DBMetadata>(moved);
+  if (!record) return false;
+  forget(path);
+  Changes replaced;
+  synced(*metaCache, [&] {
+    const std::string key = MetadataCache::keyOf(*record);
+    if (const MetadataRef older = metaCache->find(key)) {
+      (older->isDirectory() ? replaced.folders : replaced.files).insert(key);
+    }
+    const auto files = metaCache->removeSubtree(key);
+    replaced.files.insert(files.begin(), files.end());
+    metaCache->remove(deletingLastPathComponent(key));
+    metaCache->store(key, record);
+  });
+  reportChanges(std::move(replaced));
+  return true;
+}
+
+bool KZVDropboxFileManager::createFolder(const std::string& path, NSErrorRef* error) {
+  clearLastDeltaDate();
+  const id created = requestOnMainClient([path](DBRestClient& client) { client.createFolder(path); }, error);
+  const MetadataRef record = as<DBMetadata>(created);
+  if (!record) return false;
+  forget(path);
+  synced(*metaCache, [&] { metaCache->store(MetadataCache::keyOf(*record), record); });
+  return true;
+}
+
+std::optional<std::string> KZVDropboxFileManager::publicLink(const std::string& path, NSErrorRef* error) {
+  constexpr bool shortUrl = false;
+  const id link = requestOnMainClient(
+      [path](DBRestClient& client) { client.loadSharableLinkForFile(path, shortUrl); }, error);
+  const std::string* text = textOf(link);
+  return text ? std::optional(*text) : std::nullopt;
+}
+
+// Parents that the service made on the way (it makes what is missing) appear in listings above: the nearest
+// listing that is cached no longer holds either.
+void KZVDropboxFileManager::forget(const std::string& path) {
+  const std::string key = MetadataCache::keyOf(path);
+  Changes dropped;
+  synced(*metaCache, [&] {
+    const auto files = metaCache->removeSubtree(key);
+    dropped.files.insert(files.begin(), files.end());
+    for (std::string parent = key; parent != "/";) {
+      parent = deletingLastPathComponent(parent);
+      const bool wasKnown = metaCache->find(parent) != nullptr;
+      metaCache->remove(parent);
+      if (wasKnown) break;
+    }
+  });
+  reportChanges(std::move(dropped));
+}
+
+void KZVDropboxFileManager::createdFolder(DBRestClient& client, const MetadataRef& metadata) {
+  finish(client, std::const_pointer_cast<DBMetadata>(metadata), nullptr);
+}
+
+void KZVDropboxFileManager::createFolderFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+  finish(client, nullptr, error);
+}
+
+void KZVDropboxFileManager::deletedPath(DBRestClient& client, const std::string& path) {
+  finish(client, str(path), nullptr);
+}
+
+void KZVDropboxFileManager::deletePathFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+  finish(client, nullptr, error);
+}
+
+void KZVDropboxFileManager::movedPath(DBRestClient& client, const std::string& /*fromPath*/,
+                                      const MetadataRef& metadata) {
+  finish(client, std::const_pointer_cast<DBMetadata>(metadata), nullptr);
+}
+
+void KZVDropboxFileManager::movePathFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+  finish(client, nullptr, error);
+}
+
+void KZVDropboxFileManager::loadedSharableLink(DBRestClient& client, const std::string& link,
+                                               const std::string& /*path*/) {
+  finish(client, str(link), nullptr);
+}
+
+void KZVDropboxFileManager::loadSharableLinkFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+  finish(client, nullptr, error);
+}

@@ -1,0 +1,213 @@
+#include <algorithm>
+
+#include "core/synced.h"
+#include "filemanager/KZVDropboxFileManager.h"
+#include "filemanager/RequestKeys.h"
+#include "foundation/NSFileManager.h"
+#include "foundation/NSNumber.h"
+#include "foundation/NSString.h"
+#include "foundation/Paths.h"
+#include "sdk/DBError.h"
+#include "support/AssociatedObjects.h"
+
+namespace {
+
+/// Smaller files go up in one request.
+constexpr std::uint64_t singleRequestLimitBytes = 104'857'600;
+
+using Contents = DBMetadata::Contents;
+
+/// Where a child of this key stands in a listing, or would: listings are in the order of their keys.
+Contents::const_iterator placeOf(const Contents& contents, const std::string& key) {
+  return std::lower_bound(
+      contents.begin(), contents.end(), key,
+      [](const auto& child, const std::string& wanted) { return MetadataCache::keyOf(*child) < wanted; });
+}
+
+/// The same listing with `child` in its place.
+MetadataCache::Record listingWith(const DBMetadata& folder, const MetadataCache::Record& child) {
+  const Contents& contents = *folder.contents();
+  const std::string key = MetadataCache::keyOf(*child);
+  const auto place = placeOf(contents, key);
+  auto changed = std::make_shared<Contents>();
+  changed->reserve(contents.size() + 1);
+  changed->assign(contents.begin(), place);
+  changed->push_back(child);
+  const bool replaces = place != contents.end() && MetadataCache::keyOf(**place) == key;
+  changed->insert(changed->end(), replaces ? place + 1 : place, contents.end());
+  DBMetadata::Fields fields;
+  fields.path = folder.path();
+  fields.lowercasePath = folder.lowercasePath();
+  fields.icon = folder.icon();
+  fields.isDirectory = true;
+  fields.contents = std::move(changed);
+  return std::make_shared<DBMetadata>(std::move(fields));
+}
+
+std::optional<std::string> storedText(const DBRestClient& client, const NSString& key) {
+  const id stored = objForKey(client, key);
+  const std::string* text = textOf(stored);
+  return text ? std::optional(*text) : std::nullopt;
+}
+
+}  // namespace
+
+bool KZVDropboxFileManager::uploadFile(const NSURL& local, const std::string& toPath,
+                                       ProgressCallback progress, NSErrorRef* error) {
+  clearLastDeltaDate();
+  bool isKnown = false;
+  const auto parentRev = parentRevision(toPath, isKnown, error);
+  if (!isKnown) return false;
+  const std::string localPath = local.path();
+  const auto sizeBytes = NSFileManager::defaultManager().fileSize(localPath, error);
+  if (!sizeBytes) return false;
+  const auto request = [=, isSmall = *sizeBytes < singleRequestLimitBytes](DBRestClient& client) {
+    if (isSmall) {
+      client.uploadFile(lastPathComponent(toPath), deletingLastPathComponent(toPath), parentRev, localPath);
+      return;
+    }
+    setObj(client, str(localPath), KZVDFMUploadLocalPathKey());
+    setObj(client, str(toPath), KZVDFMUploadRemotePathKey());
+    setObj(client, parentRev ? str(*parentRev) : nullptr, KZVDFMUploadParentRevKey());
+    client.uploadFileChunk(std::nullopt, 0, localPath);
+  };
+  const MetadataRef record = as<DBMetadata>(requestOnFreshClient(std::move(progress), request, error));
+  if (!record) return false;
+  noteUploaded(MetadataCache::keyOf(toPath), record);
+  return true;
+}
+
+/// The revision that an upload to `path` replaces, or nothing for a new file. `isKnown` turns false, with the
+/// error, when the service could not say: sending anyway might leave the user with a second copy.
+std::optional<std::string> KZVDropboxFileManager::parentRevision(const std::string& path, bool& isKnown,
+                                                                 NSErrorRef* error) {
+  constexpr std::int64_t notFound = 404;
+  isKnown = true;
+  MetadataRef record;
+  if (const auto known = knownRecord(MetadataCache::keyOf(path))) {
+    record = *known;
+  } else {
+    NSErrorRef reason;
+    record = metadata(path, &reason);
+    if (reason && reason->code() != notFound) {
+      isKnown = false;
+      setError(error, reason);
+    }
+  }
+  if (!record || record->rev().empty()) return std::nullopt;
+  return record->rev();
+}
+
+std::optional<KZVDropboxFileManager::MetadataRef> KZVDropboxFileManager::knownRecord(
+    const std::string& key) const {
+  return synced(*metaCache, [&]() -> std::optional<MetadataRef> {
+    if (MetadataRef record = metaCache->find(key)) return record;
+    const MetadataRef folder = metaCache->find(deletingLastPathComponent(key));
+    if (!folder || !folder->contents()) return std::nullopt;
+    const auto place = placeOf(*folder->contents(), key);
+    if (place == folder->contents()->end() || MetadataCache::keyOf(**place) != key) return MetadataRef();
+    return *place;
+  });
+}
+
+// The folder's listing is mended rather than dropped, so that a thousand uploads into one folder need not ask
+// for a thousand parent revisions.
+void KZVDropboxFileManager::noteUploaded(const std::string& askedKey, const MetadataRef& record) {
+  const std::string key = MetadataCache::keyOf(*record);
+  const std::string parent = deletingLastPathComponent(key);
+  if (key != askedKey)
+    forget(askedKey);  // a copy beside it: what was cached of the path asked for is out of date
+  Changes replaced;
+  const bool isMended = synced(*metaCache, [&] {
+    const auto files = metaCache->removeSubtree(key);
+    replaced.files.insert(files.begin(), files.end());
+    const MetadataRef folder = metaCache->find(parent);
+    if (!folder || !folder->contents()) return false;
+    metaCache->remove(parent);  // a fetch of it that is under way is out of date
+    metaCache->store(parent, listingWith(*folder, record));
+    metaCache->store(key, record);
+    return true;
+  });
+  reportChanges(std::move(replaced));
+  if (isMended) return;
+  forget(key);
+  synced(*metaCache, [&] { metaCache->store(key, record); });
+}
+
+void KZVDropboxFileManager::uploadedFile(DBRestClient& client, const std::string& /*destinationPath*/,
+                                         const std::string& /*localPath*/, const MetadataRef& metadata) {
+  finish(client, std::const_pointer_cast<DBMetadata>(metadata), nullptr);
+}
+
+void KZVDropboxFileManager::uploadFileFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+  finish(client, nullptr, error);
+}
+
+void KZVDropboxFileManager::uploadProgress(DBRestClient& client, double fraction,
+                                           const std::string& /*destinationPath*/,
+                                           const std::string& /*localPath*/) {
+  reportProgress(client, fraction);
+}
+
+void KZVDropboxFileManager::uploadedFileChunk(DBRestClient& client, const std::string& uploadId,
+                                              std::uint64_t newOffset, const std::string& localPath,
+                                              NSDate::Time /*expires*/) {
+  NSErrorRef error;
+  const auto sizeBytes = NSFileManager::defaultManager().fileSize(localPath, &error);
+  if (!sizeBytes) {
+    finish(client, nullptr, error);
+    return;
+  }
+  if (newOffset < *sizeBytes) {
+    client.uploadFileChunk(uploadId, newOffset, localPath);
+    return;
+  }
+  const auto remotePath = storedText(client, KZVDFMUploadRemotePathKey());
+  if (!remotePath) {
+    finish(client, nullptr, std::make_shared<NSError>(std::string(DBErrorDomain), DBErrorLocalFile));
+    return;
+  }
+  client.uploadFileFromUploadId(lastPathComponent(*remotePath), deletingLastPathComponent(*remotePath),
+                                storedText(client, KZVDFMUploadParentRevKey()), uploadId);
+}
+
+// Failures are counted over the whole upload and never forgotten after a chunk that worked, on purpose: a
+// line that drops every other chunk ends here and does not go on all night.
+void KZVDropboxFileManager::uploadFileChunkFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+  const auto counted = as<NSNumber>(objForKey(client, KZVDFMErrorCountKey()));
+  const std::int64_t failures = counted ? counted->int64Value() : 0;
+  const auto localPath = storedText(client, KZVDFMUploadLocalPathKey());
+  const id uploadId = error->detail(DBErrorUploadIdKey);
+  const auto offset = as<NSNumber>(error->detail(DBErrorOffsetKey));
+  const bool canResume = textOf(uploadId) && offset && localPath;
+  if (failures >= DROPBOX_MAX_UPLOAD_FAILURES || !canResume) {
+    finish(client, nullptr, error);
+    return;
+  }
+  setObj(client, NSNumber::withInt(failures + 1), KZVDFMErrorCountKey());
+  client.uploadFileChunk(*textOf(uploadId), static_cast<std::uint64_t>(offset->int64Value()), *localPath);
+}
+
+void KZVDropboxFileManager::uploadFileChunkProgress(DBRestClient& client, double fraction,
+                                                    const std::string& /*uploadId*/, std::uint64_t offset,
+                                                    const std::string& localPath) {
+  const auto sizeBytes = NSFileManager::defaultManager().fileSize(localPath).value_or(0);
+  if (sizeBytes == 0) return;
+  // The layer tells how much of this chunk is gone; a chunk is at most its own size or what is left of the
+  // file.
+  const double chunkBytes = std::min(static_cast<double>(DBRestClient::uploadChunkSizeBytes()),
+                                     static_cast<double>(sizeBytes) - static_cast<double>(offset));
+  const double sentBytes = static_cast<double>(offset) + fraction * std::max(chunkBytes, 0.0);
+  reportProgress(client, std::min(sentBytes / static_cast<double>(sizeBytes), 1.0));
+}
+
+void KZVDropboxFileManager::uploadedFileFromUploadId(DBRestClient& client,
+                                                     const std::string& /*destinationPath*/,
+                                                     const std::string& /*uploadId*/,
+                                                     const MetadataRef& metadata) {
+  finish(client, std::const_pointer_cast<DBMetadata>(metadata), nullptr);
+}
+
+void KZVDropboxFileManager::uploadFromUploadIdFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+  finish(client, nullptr, error);
+}

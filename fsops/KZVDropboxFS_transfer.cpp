@@ -1,0 +1,108 @@
+#include <cerrno>
+
+#include "core/KZVCoreObj.h"
+#include "core/KZVLocalFS.h"
+#include "core/KZVSupport.h"
+#include "foundation/NSFileManager.h"
+#include "foundation/Paths.h"
+#include "foundation/Unicode.h"
+#include "plugin/KZVDropboxFS.h"
+
+namespace {
+
+/// The message stands in the domain, on purpose: hosts show the domain of an error that carries no details.
+constexpr const char* noTemporaryFile = "Could not create temporary file";
+
+/// A path of the service is data: none of its components may lead out of the folder it is put into.
+bool staysBelow(const std::string& path) {
+  if (!path.starts_with('/') || path.find('\0') != std::string::npos) return false;
+  for (std::size_t start = 1; start <= path.size();) {
+    const std::size_t end = std::min(path.find('/', start), path.size());
+    const std::string_view component = std::string_view(path).substr(start, end - start);
+    if (component.empty() || component == "." || component == "..") return false;
+    start = end + 1;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, ProgressCallback progress,
+                                                    NSErrorRef* error) {
+  const std::string key = lowercased(path);
+  if (auto held = cache().urlForKey(key)) return held;
+  NSErrorRef reason;
+  auto copy = makeLocalCopy(path, key, std::move(progress), &reason);
+  if (copy) return copy;
+  cache().invalidate(key);
+  if (!reason) reason = std::make_shared<NSError>(noTemporaryFile, -1);
+  setError(error, std::move(reason));
+  return nullptr;
+}
+
+std::shared_ptr<NSURL> KZVDropboxFS::makeLocalCopy(const std::string& path, const std::string& key,
+                                                   ProgressCallback progress, NSErrorRef* error) {
+  const auto record = requiredManager().metadata(path, error);
+  if (!record || record->isDeleted()) return nullptr;
+  const std::string folder = requiredTemporaryFolder(error);
+  if (folder.empty()) return nullptr;
+  auto copy = record->isDirectory() ? copyFolder(path, folder, std::move(progress), error)
+                                    : copyFile(*record, path, folder, std::move(progress), error);
+  if (copy) cache().setUrl(copy, key);
+  return copy;
+}
+
+std::shared_ptr<NSURL> KZVDropboxFS::copyFile(const DBMetadata& record, const std::string& path,
+                                              const std::string& folder, ProgressCallback progress,
+                                              NSErrorRef* error) {
+  if (!staysBelow(path)) {
+    setError(error, NSError::posix(EINVAL, path));
+    return nullptr;
+  }
+  auto local = NSURL::fileURLWithPath(appendingPathComponent(folder, path));
+  NSFileManager& files = NSFileManager::defaultManager();
+  files.createDirectoryAtPath(deletingLastPathComponent(local->path()), true, error);
+  files.removeItemAtURL(*local);
+  if (record.totalBytes() > 0)
+    return requiredManager().loadFile(record, std::move(local), std::move(progress), error);
+  return ::writeFile(local->path(), "", error) ? local : nullptr;  // an empty file needs no download
+}
+
+std::shared_ptr<NSURL> KZVDropboxFS::copyFolder(const std::string& path, const std::string& folder,
+                                                ProgressCallback progress, NSErrorRef* error) {
+  const std::string localFolder = appendingPathComponent(folder, KZVSupport::uniquePathComponent());
+  const std::string destination = appendingPathComponent(localFolder, lastPathComponent(path));
+  const auto batch = std::make_shared<KZVBatchId>();
+  auto item = std::make_shared<FSItem>(path, shared_from_this());
+  item->setIsDirectory(true);
+  if (KZVLocalFS::shared().writeFiles(*batch, {std::move(item)}, destination, nullptr, std::move(progress),
+                                      nullptr, error)) {
+    return NSURL::fileURLWithPath(destination);
+  }
+  NSFileManager::defaultManager().removeItemAtPath(localFolder);
+  return nullptr;
+}
+
+/// The instance's folder, asked for when it is first needed; empty with the error when the host has none to
+/// give.
+std::string KZVDropboxFS::requiredTemporaryFolder(NSErrorRef* error) {
+  return tmpFolderUrl_.update([&](std::shared_ptr<NSURL>& folder) -> std::string {
+    if (!folder) folder = KZVCoreObj::shared().temporaryFolderForPlugin(*this, error);
+    return folder ? folder->path() : "";
+  });
+}
+
+void KZVDropboxFS::releaseFileUrl(const NSURL& url) {
+  if (cache().keyForUrl(url)) {
+    cache().releaseUrl(url);
+  } else {
+    NSFileManager::defaultManager().removeItemAtURL(url);
+  }
+}
+
+// The destination is dropped as it was given and not in lower case, on purpose: see KZVDropboxFS_tree.cpp.
+bool KZVDropboxFS::writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
+                             NSErrorRef* error) {
+  cache().invalidate(path);
+  return requiredManager().uploadFile(source, path, std::move(progress), error);
+}

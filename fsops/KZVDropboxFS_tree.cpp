@@ -1,0 +1,29 @@
+// Tree changes. Local copies are dropped under the path as it was given and not in lower case, on purpose:
+// the caller's own copy under that spelling goes at once, those under other spellings follow when the change
+// is reported.
+#include "foundation/NSFileManager.h"
+#include "foundation/NSString.h"
+#include "plugin/KZVDropboxFS.h"
+
+bool KZVDropboxFS::removeItemAtPath(const std::string& path, NSErrorRef* error) {
+  cache().invalidate(path);
+  return requiredManager().deletePath(path, error);
+}
+
+bool KZVDropboxFS::moveFromPath(const std::string& path, const std::string& to,
+                                const std::shared_ptr<NSDictionary>& /*attributes*/,
+                                ProgressCallback /*progress*/, NSErrorRef* error) {
+  cache().invalidate(path);
+  return requiredManager().moveFrom(path, to, error);
+}
+
+bool KZVDropboxFS::createDirectoryAtPath(const std::string& path,
+                                         const std::shared_ptr<NSDictionary>& /*attributes*/,
+                                         NSErrorRef* error) {
+  if (const auto present = attributesAtPath(path, nullptr)) {
+    const id type = present->objectForKey(NSFileType);
+    if (const std::string* text = textOf(type); text && *text == NSFileTypeDirectory) return true;
+  }
+  return requiredManager().createFolder(path,
+                                        error);  // the service decides whether a file in the way blocks it
+}
