@@ -23,8 +23,8 @@ class KZVLocalFS final : public NSObject {
   /// Needs only path and fs of the items given; what they are is asked. Files replace files of the same name
   /// at once and whole; folders join those that exist. Modification dates come along.
   ///
-  /// @param path  absolute. With one item: its full new path. With several, or with a slash at its end: an
-  ///              existing folder that receives each under its own name.
+  /// @param path  absolute. With one item: its full new path. With several, or with a slash at its end: the
+  ///              folder that receives each under its own name. Missing folders above are made.
   /// @param currentProgress, totalProgress, itemCopied  see CopyObservers; may be empty.
   /// @return true when everything is there. Otherwise `error` is the first failure: the file system's own, an
   ///         NSPOSIXErrorDomain one of the disk (also EINVAL or ENAMETOOLONG for a name that it cannot hold),

@@ -1,0 +1,183 @@
+#include "core/CopyBatch.h"
+
+#include <algorithm>
+#include <map>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "core/KZVConstants.h"
+#include "foundation/NSString.h"
+#include "foundation/NSThread.h"
+
+namespace {
+
+struct BatchesUnderWay {
+  std::mutex mutex;
+  std::map<std::uint64_t, const CopyBatch*> batches;  // guarded by mutex
+};
+BatchesUnderWay& underWay() {
+  static auto& batches = *new BatchesUnderWay;
+  return batches;
+}
+
+bool isStop(const NSError& error) { return error.domain() == CanceledByUserErrorDomain; }
+
+/// The same part of `whole` as the range is; never more than all.
+std::uint64_t shareOf(NSRange range, std::uint64_t whole) {
+  if (range.location >= range.length) return range.length ? whole : 0;
+  const double fraction = static_cast<double>(range.location) / static_cast<double>(range.length);
+  return std::min(whole, static_cast<std::uint64_t>(fraction * static_cast<double>(whole)));
+}
+
+}  // namespace
+
+CopyBatch::CopyBatch(const KZVBatchId& batchId, CopyObservers observers)
+    : number_(batchId.number()), observers_(std::move(observers)) {
+  const std::lock_guard lock(underWay().mutex);
+  underWay().batches[number_] = this;
+}
+
+CopyBatch::~CopyBatch() {
+  const std::lock_guard lock(underWay().mutex);
+  underWay().batches.erase(number_);
+}
+
+std::optional<CopyCounts> CopyBatch::countsOf(const KZVBatchId& batchId) {
+  const std::lock_guard lock(underWay().mutex);
+  const auto found = underWay().batches.find(batchId.number());
+  return found == underWay().batches.end() ? std::nullopt : std::optional(found->second->counts());
+}
+
+CopyCounts CopyBatch::counts() const {
+  const std::lock_guard lock(mutex_);
+  return counts_;
+}
+
+void CopyBatch::add(Task task, Order order) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (order == Order::soon) {
+      tasks_.push_front(std::move(task));
+    } else {
+      tasks_.push_back(std::move(task));
+    }
+  }
+  changed_.notify_one();
+}
+
+bool CopyBatch::run(std::size_t threads, NSErrorRef* error) {
+  std::vector<std::thread> helpers;
+  for (std::size_t i = 1; i < threads; ++i) {
+    helpers.emplace_back([this] {
+      setCurrentThreadName("kzv-copy");
+      work();
+    });
+  }
+  work();
+  for (auto& helper : helpers) helper.join();
+  const std::lock_guard lock(mutex_);
+  if (isStoppedByUser_) firstFailure_ = std::make_shared<NSError>(std::string(CanceledByUserErrorDomain), -1);
+  if (firstFailure_) setError(error, firstFailure_);
+  return !firstFailure_;
+}
+
+void CopyBatch::work() {
+  std::unique_lock lock(mutex_);
+  while (true) {
+    // A running task may still find more, so an empty queue is the end only when none is running.
+    changed_.wait(lock, [&] { return isStopped_ || !tasks_.empty() || active_ == 0; });
+    if (isStopped_ || tasks_.empty()) return;
+    const Task task = std::move(tasks_.front());
+    tasks_.pop_front();
+    ++active_;
+    lock.unlock();
+    task();
+    lock.lock();
+    if (--active_ == 0 && tasks_.empty()) changed_.notify_all();
+  }
+}
+
+void CopyBatch::stop(Stop reason) {
+  {
+    const std::lock_guard lock(mutex_);
+    isStoppedByUser_ |= reason == Stop::byUser;
+    isStopped_ = true;
+  }
+  changed_.notify_all();
+}
+
+CopyBatch::FileRef CopyBatch::expectFile(const std::string& from, const std::string& to,
+                                         std::uint64_t sizeBytes) {
+  const std::lock_guard lock(mutex_);
+  counts_.bytesKnown += sizeBytes;
+  ++counts_.filesKnown;
+  return std::make_shared<File>(File{from, to, sizeBytes});
+}
+
+ProgressCallback CopyBatch::progressOf(const FileRef& file) {
+  return [this, file](NSRange range) {
+    transferred(file, range);
+    return !isStopped();
+  };
+}
+
+void CopyBatch::transferred(const FileRef& file, NSRange range) {
+  const std::lock_guard observing(observersMutex_);
+  count(*file, shareOf(range, file->sizeBytes));
+  if (isStopped()) return;
+  if (observers_.currentProgress && !observers_.currentProgress(file->from, range)) stop(Stop::byUser);
+  reportTotal();
+}
+
+void CopyBatch::count(File& file, std::uint64_t bytes) {
+  const std::lock_guard lock(mutex_);
+  if (bytes <= file.countedBytes) return;  // a transfer that began anew
+  counts_.bytesDone += bytes - std::exchange(file.countedBytes, bytes);
+}
+
+void CopyBatch::reportTotal() {
+  constexpr std::uint64_t whole = 1000;
+  if (!observers_.totalProgress) return;
+  const CopyCounts now = counts();
+  const NSRange bytes{now.bytesDone, now.bytesKnown};
+  const NSRange files{now.filesDone, now.filesKnown};
+  lastTotal_ = std::max(lastTotal_, shareOf(now.bytesKnown ? bytes : files, whole));
+  if (!observers_.totalProgress({lastTotal_, whole})) stop(Stop::byUser);
+}
+
+void CopyBatch::finishFile(const FileRef& file, const NSErrorRef& failure) {
+  const std::lock_guard observing(observersMutex_);
+  count(*file, file->sizeBytes);
+  {
+    const std::lock_guard lock(mutex_);
+    ++counts_.filesDone;
+  }
+  finish({file->from, file->to, false, file->sizeBytes, failure});
+  if (!isStopped()) reportTotal();
+}
+
+void CopyBatch::finishFolder(const std::string& from, const std::string& to, const NSErrorRef& failure) {
+  const std::lock_guard observing(observersMutex_);
+  finish({from, to, true, 0, failure});
+}
+
+void CopyBatch::finish(const CopiedItem& item) {
+  if (item.failure && isStop(*item.failure)) return stop(Stop::byUser);
+  if (item.failure) {
+    if (isStopped()) return;  // what fails because everything ends is no news
+    const std::lock_guard lock(mutex_);
+    if (!firstFailure_) firstFailure_ = item.failure;
+  }
+  tell(item);
+}
+
+void CopyBatch::tell(const CopiedItem& item) {
+  const bool goesOn = observers_.itemCopied ? observers_.itemCopied(item) : !item.failure;
+  if (!goesOn) stop(item.failure ? Stop::byFailure : Stop::byUser);
+}
+
+NSErrorRef copyError(int errnoValue, std::string text) {
+  return std::make_shared<NSError>(std::string(NSPOSIXErrorDomain), errnoValue,
+                                   NSDictionary::with({{NSLocalizedDescriptionKey, str(std::move(text))}}));
+}

@@ -1,0 +1,113 @@
+#pragma once
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "core/FSItem.h"
+#include "core/KZVBatchId.h"
+#include "core/ProgressCallback.h"
+#include "foundation/NSError.h"
+
+/// How far a batch of copies is. What is known grows while folders are being listed.
+struct CopyCounts {
+  std::uint64_t bytesDone = 0;
+  std::uint64_t bytesKnown = 0;
+  std::uint64_t filesDone = 0;  // copied or failed
+  std::uint64_t filesKnown = 0;
+};
+
+/// One file or folder of a batch that is finished.
+struct CopiedItem {
+  std::string from;  // a path of the file system that it comes from
+  std::string to;    // a path of the one that it goes to
+  bool isDirectory = false;
+  std::uint64_t sizeBytes = 0;
+  NSErrorRef failure;  // empty: it is there
+};
+
+/// What a batch tells. All may be empty. They are called on the batch's threads, never two at once; they must
+/// not block for long and must not call a file system. False stops the whole batch.
+struct CopyObservers {
+  /// One file's way, in thousandths.
+  std::function<bool(const std::string& from, NSRange)> currentProgress;
+  /// The whole batch's way in thousandths of the bytes; never goes back.
+  ProgressCallback totalProgress;
+  /// An item that was copied or failed. Without this observer the first failure stops the batch.
+  std::function<bool(const CopiedItem&)> itemCopied;
+};
+
+/// The engine of a batch: tasks that find further tasks, run by a fixed number of threads, with one stop and
+/// one count for all. add, isStopped and the reports may be called from any task's thread.
+class CopyBatch {
+ public:
+  using Task = std::function<void()>;
+
+  CopyBatch(const KZVBatchId& batchId, CopyObservers observers);
+  CopyBatch(const CopyBatch&) = delete;
+  CopyBatch& operator=(const CopyBatch&) = delete;
+  ~CopyBatch();
+
+  /// Tasks that look for more work come before those that move bytes, so that the whole is known early.
+  enum class Order { soon, inTurn };
+  void add(Task task, Order order);
+  /// Runs all tasks, also those added meanwhile, with `threads` threads, the caller's among them. Blocks
+  /// until the last one is done, or those under way are after a stop. False when an item failed (`error`: the
+  /// first failure) or the batch was stopped (CanceledByUserErrorDomain, -1).
+  bool run(std::size_t threads, NSErrorRef* error);
+
+  bool isStopped() const noexcept { return isStopped_; }
+
+  /// One file on its way.
+  struct File {
+    const std::string from;
+    const std::string to;
+    const std::uint64_t sizeBytes;
+    std::uint64_t countedBytes = 0;  // guarded by the batch's mutex_
+  };
+  using FileRef = std::shared_ptr<File>;
+  /// A file was found: it counts from now on.
+  FileRef expectFile(const std::string& from, const std::string& to, std::uint64_t sizeBytes);
+  /// What to hand to the transfer of the file.
+  ProgressCallback progressOf(const FileRef& file);
+  /// The file is there, or failed. Each expected file is finished once, unless the batch was stopped.
+  void finishFile(const FileRef& file, const NSErrorRef& failure);
+  /// A folder is there (not yet what is in it), or it or something that is no file failed.
+  void finishFolder(const std::string& from, const std::string& to, const NSErrorRef& failure);
+
+  CopyCounts counts() const;
+  /// The counts of a batch under way; nothing when there is none with this number.
+  static std::optional<CopyCounts> countsOf(const KZVBatchId& batchId);
+
+ private:
+  enum class Stop { byUser, byFailure };
+  void work();
+  void stop(Stop reason);
+  void finish(const CopiedItem& item);
+  void tell(const CopiedItem& item);
+  void transferred(const FileRef& file, NSRange range);
+  void count(File& file, std::uint64_t bytes);
+  void reportTotal();
+
+  const std::uint64_t number_;
+  const CopyObservers observers_;
+  std::atomic<bool> isStopped_{false};  // written under mutex_
+  std::mutex observersMutex_;           // held while an observer runs; taken before mutex_, never after
+  std::uint64_t lastTotal_ = 0;         // guarded by observersMutex_
+
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<Task> tasks_;        // guarded by mutex_
+  std::size_t active_ = 0;        // guarded by mutex_: tasks that are running
+  CopyCounts counts_;             // guarded by mutex_
+  bool isStoppedByUser_ = false;  // guarded by mutex_
+  NSErrorRef firstFailure_;       // guarded by mutex_
+};
+
+/// An error of a copy in NSPOSIXErrorDomain with a text of its own.
+NSErrorRef copyError(int errnoValue, std::string text);

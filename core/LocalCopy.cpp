@@ -1,0 +1,112 @@
+#include "core/LocalCopy.h"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <utility>
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "core/KZVConstants.h"
+#include "core/KZVSupport.h"
+#include "foundation/Paths.h"
+
+namespace {
+
+constexpr std::size_t stepBytes = std::size_t{4} * 1024 * 1024;
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (number_ >= 0) ::close(number_);
+  }
+  int number() const { return number_; }
+  /// 0, or why the last bytes could not be kept.
+  int close() { return ::close(std::exchange(number_, -1)) == 0 ? 0 : errno; }
+
+ private:
+  int number_;
+};
+
+/// One step with read and write, for disks and kernels that cannot do it between themselves. Negative with
+/// errno.
+ssize_t copyThroughMemory(int from, int to) {
+  std::array<char, 64 * 1024> buffer;  // NOLINT: filled before use
+  const ssize_t count = ::read(from, buffer.data(), buffer.size());
+  for (ssize_t written = 0; written < count;) {
+    const ssize_t step = ::write(to, buffer.data() + written, static_cast<std::size_t>(count - written));
+    if (step < 0 && errno == EINTR) continue;
+    if (step < 0) return -1;
+    written += step;
+  }
+  return count;
+}
+
+/// 0 once all is copied, ECANCELED after a stop, else the reason.
+int copyBytes(int from, int to, const std::function<bool()>& goesOn) {
+  if (::ioctl(to, FICLONE, from) == 0) return 0;
+  bool throughKernel = true;
+  while (true) {
+    if (!goesOn()) return ECANCELED;
+    const ssize_t count = throughKernel ? ::copy_file_range(from, nullptr, to, nullptr, stepBytes, 0)
+                                        : copyThroughMemory(from, to);
+    if (count == 0 && throughKernel && ::lseek(to, 0, SEEK_CUR) == 0) {
+      throughKernel = false;  // some virtual disks report the end at once
+    } else if (count == 0) {
+      return 0;
+    } else if (count < 0 && throughKernel && errno != ENOSPC && errno != EDQUOT && errno != EIO) {
+      throughKernel = false;
+    } else if (count < 0 && errno != EINTR) {
+      return errno;
+    }
+  }
+}
+
+int setModified(int file, const std::optional<NSDate::Time>& modified) {
+  if (!modified) return 0;
+  using namespace std::chrono;
+  const auto whole = floor<seconds>(*modified);
+  const timespec time{whole.time_since_epoch().count(),
+                      duration_cast<nanoseconds>(*modified - whole).count()};
+  const timespec times[2]{time, time};
+  return ::futimens(file, times) == 0 ? 0 : errno;
+}
+
+int fill(int from, const std::string& temporary, const std::optional<NSDate::Time>& modified,
+         const std::function<bool()>& goesOn) {
+  Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+  if (file.number() < 0) return errno;
+  if (const int reason = copyBytes(from, file.number(), goesOn)) return reason;
+  if (const int reason = setModified(file.number(), modified)) return reason;
+  return file.close();
+}
+
+bool refuse(NSErrorRef* error, int reason, const std::string& path) {
+  setError(error, reason == ECANCELED ? std::make_shared<NSError>(std::string(CanceledByUserErrorDomain), -1)
+                                      : NSError::posix(reason, path));
+  return false;
+}
+
+}  // namespace
+
+bool copyLocalFile(const std::string& from, const std::string& to, std::optional<NSDate::Time> modified,
+                   const std::function<bool()>& goesOn, NSErrorRef* error) {
+  const Descriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status {};
+  if (source.number() < 0 || ::fstat(source.number(), &status) != 0) return refuse(error, errno, from);
+  if (!S_ISREG(status.st_mode)) return refuse(error, S_ISDIR(status.st_mode) ? EISDIR : EINVAL, from);
+  const std::string temporary =
+      appendingPathComponent(deletingLastPathComponent(to), ".kzv-" + KZVSupport::uniquePathComponent());
+  int reason = fill(source.number(), temporary, modified, goesOn);
+  if (reason == 0 && ::rename(temporary.c_str(), to.c_str()) != 0) reason = errno;
+  if (reason == 0) return true;
+  ::unlink(temporary.c_str());
+  return refuse(error, reason, to);
+}

@@ -1,0 +1,29 @@
+#pragma once
+#include <memory>
+#include <string>
+
+#include "core/CopyBatch.h"
+#include "core/FSPlugin.h"
+
+/// Copies items of file systems to the local disk; see KZVLocalFS::writeFiles. For one run.
+class ReceivingBatch {
+ public:
+  ReceivingBatch(const KZVBatchId& batchId, CopyObservers observers);
+
+  bool run(const FSItems& items, const std::string& path, NSErrorRef* error);
+
+ private:
+  using Item = std::shared_ptr<FSItem>;
+  /// Whether the folder may be reached through a link: the one that the user named may.
+  enum class Link { follow, refuse };
+
+  void addTop(const Item& item, const std::string& to);
+  void addFile(const Item& item, const std::string& to);
+  void addFolder(const Item& item, const std::string& to, Link link);
+  void addChildren(const FSItems& children, const std::string& folder);
+  void copyFile(const Item& item, const CopyBatch::FileRef& file);
+  void copyFolder(const Item& item, const std::string& to, Link link);
+  bool receive(const Item& item, const CopyBatch::FileRef& file, NSErrorRef* error);
+
+  CopyBatch batch_;
+};

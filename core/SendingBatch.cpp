@@ -1,0 +1,83 @@
+#include "core/SendingBatch.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include "foundation/Paths.h"
+#include "foundation/Unicode.h"
+
+namespace {
+
+/// Fewer than are fetched at once: a service takes changes of one account one after another anyway.
+constexpr std::size_t filesAtOnce = 4;
+
+}  // namespace
+
+SendingBatch::SendingBatch(const KZVBatchId& batchId, CopyObservers observers,
+                           std::shared_ptr<FSPlugin> volume)
+    : batch_(batchId, std::move(observers)), volume_(std::move(volume)) {}
+
+bool SendingBatch::run(const std::string& from, const std::string& to, NSErrorRef* error) {
+  batch_.add([this, from, to] { send(from, to, Place::top); }, CopyBatch::Order::soon);
+  return batch_.run(filesAtOnce, error);
+}
+
+void SendingBatch::send(const std::string& from, const std::string& to, Place place) {
+  const auto refuse = [&](const NSErrorRef& reason) { batch_.finishFolder(from, to, reason); };
+  struct stat link {};
+  struct stat status {};
+  if (::lstat(from.c_str(), &link) != 0 || ::stat(from.c_str(), &status) != 0)
+    return refuse(NSError::posix(errno, from));
+  if (!isValidUtf8(lastPathComponent(to)))
+    return refuse(copyError(EILSEQ, "this name is not valid UTF-8, which remote names must be"));
+  if (S_ISREG(status.st_mode)) {
+    const auto file = batch_.expectFile(from, to, static_cast<std::uint64_t>(status.st_size));
+    batch_.add([this, file] { sendFile(file); }, CopyBatch::Order::inTurn);
+  } else if (S_ISDIR(status.st_mode) && S_ISLNK(link.st_mode) && place == Place::below) {
+    refuse(copyError(ELOOP, "a link to a folder is not followed"));  // it may lead back up
+  } else if (S_ISDIR(status.st_mode)) {
+    sendFolder(from, to);
+  } else {
+    refuse(copyError(EINVAL, "neither a file nor a folder"));
+  }
+}
+
+void SendingBatch::sendFile(const CopyBatch::FileRef& file) {
+  NSErrorRef error;
+  const auto source = NSURL::fileURLWithPath(file->from);
+  const bool isThere = source && volume_->writeFile(*source, file->to, batch_.progressOf(file), &error);
+  if (!isThere && !error) error = copyError(EIO, "the file was not stored");
+  batch_.finishFile(file, isThere ? nullptr : error);
+}
+
+void SendingBatch::sendFolder(const std::string& from, const std::string& to) {
+  NSErrorRef error;
+  // The root is always there, and no service makes it.
+  bool isThere = to == "/" || volume_->createDirectoryAtPath(to, nullptr, &error);
+  if (!isThere && !error) error = copyError(EIO, "the folder was not made");
+  if (isThere) isThere = addChildren(from, to, &error);
+  batch_.finishFolder(from, to, isThere ? nullptr : error);
+}
+
+bool SendingBatch::addChildren(const std::string& from, const std::string& to, NSErrorRef* error) {
+  std::error_code code;
+  std::vector<std::string> names;
+  for (std::filesystem::directory_iterator entry(from, code), end; !code && entry != end;
+       entry.increment(code))
+    names.push_back(entry->path().filename().string());
+  if (code) {
+    setError(error, NSError::posix(code.value(), from));
+    return false;
+  }
+  std::sort(names.begin(), names.end());
+  for (const std::string& name : names) {
+    batch_.add([this, child = appendingPathComponent(from, name),
+                target = appendingPathComponent(to, name)] { send(child, target, Place::below); },
+               CopyBatch::Order::inTurn);
+  }
+  return true;
+}

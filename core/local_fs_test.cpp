@@ -1,0 +1,462 @@
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "core/KZVConstants.h"
+#include "core/KZVLocalFS.h"
+#include "core/KZVSupport.h"
+#include "foundation/NSFileManager.h"
+#include "foundation/NSNumber.h"
+#include "foundation/NSString.h"
+#include "foundation/Paths.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using Tree = std::map<std::string, std::string>;  // path -> content; folders end in "/" and have none
+
+const NSDate::Time someTime = std::chrono::system_clock::from_time_t(1'714'548'600);
+
+fs::path scratch() {
+  fs::path folder = fs::temp_directory_path() / ("kzv-copy-" + KZVSupport::uniquePathComponent());
+  fs::create_directories(folder);
+  return folder;
+}
+
+NSErrorRef orderedError() { return std::make_shared<NSError>("TestDomain", 7); }
+
+/// What lies below a folder of the disk.
+Tree treeAt(const fs::path& top) {
+  Tree tree;
+  for (const auto& entry : fs::recursive_directory_iterator(top)) {
+    const std::string path = "/" + entry.path().lexically_relative(top).string();
+    if (entry.is_directory()) {
+      tree[path + "/"] = "";
+    } else {
+      std::ifstream file(entry.path());
+      tree[path] = {std::istreambuf_iterator<char>(file), {}};
+    }
+  }
+  return tree;
+}
+
+/// A file system in memory that hands out local copies. An item whose name begins with "fail" fails.
+class MemoryVolume final : public FSPlugin {
+ public:
+  explicit MemoryVolume(Tree tree) : tree_(std::move(tree)) {}
+  ~MemoryVolume() override { fs::remove_all(copies_); }
+
+  id options() const override { return nullptr; }
+  std::string label() const override { return "memory"; }
+  bool isFSAvailable() const override { return true; }
+  std::shared_ptr<FSItem> parentItem() const override { return nullptr; }
+  bool isEjectable() const override { return false; }
+  void eject() override {}
+  std::shared_ptr<NSURL> tmpFolderUrl() const override { return nullptr; }
+  void setTmpFolderUrl(std::shared_ptr<NSURL> /*url*/) override {}
+  bool isSeekable() const override { return false; }
+  bool isExecutable(const std::string& /*path*/) override { return false; }
+  bool isExists(const std::string& path) override { return attributesAtPath(path, nullptr) != nullptr; }
+  bool isReadable(const std::string& path) override { return isExists(path); }
+  bool isWritable(const std::string& path) override { return isExists(path); }
+
+  std::shared_ptr<NSDictionary> attributesAtPath(const std::string& path, NSErrorRef* /*error*/) override {
+    const std::lock_guard lock(mutex_);
+    const auto file = tree_.find(path);
+    if (file == tree_.end() && path != "/" && !tree_.contains(path + "/")) return nullptr;
+    const bool isFile = file != tree_.end() && path != "/";
+    const auto size = isFile ? static_cast<std::int64_t>(file->second.size()) : 0;
+    return NSDictionary::with(
+        {{NSFileSize, NSNumber::withInt(size)},
+         {NSFileModificationDate, std::make_shared<NSDate>(someTime)},
+         {NSFileType, str(std::string(isFile ? NSFileTypeRegular : NSFileTypeDirectory))}});
+  }
+
+  std::optional<FSItems> contentAtPath(const std::string& path, bool /*recursive*/, bool /*showHidden*/,
+                                       NSErrorRef* error) override {
+    if (failsByName(path, error)) return std::nullopt;
+    FSItems items;
+    const std::string folder = path == "/" ? "/" : path + "/";
+    const std::lock_guard lock(mutex_);
+    for (const auto& [entry, content] : tree_) {
+      if (!entry.starts_with(folder) || entry == folder) continue;
+      const std::size_t slash = entry.find('/', folder.size());
+      if (slash != std::string::npos && slash + 1 != entry.size()) continue;
+      auto item = std::make_shared<FSItem>(entry.substr(0, slash), shared_from_this());
+      item->setIsDirectory(slash != std::string::npos);
+      item->setSize(content.size());
+      item->setModificationDate(someTime);
+      items.push_back(std::move(item));
+    }
+    return items;
+  }
+
+  std::shared_ptr<NSURL> requestFileUrl(const std::string& path, ProgressCallback progress,
+                                        NSErrorRef* error) override {
+    if (failsByName(path, error)) return nullptr;
+    if (onTransfer) onTransfer(path);
+    for (const std::uint64_t part : {0U, 500U, 1000U}) {
+      if (progress && !progress({part, 1000})) {
+        setError(error, std::make_shared<NSError>(std::string(CanceledByUserErrorDomain), -1));
+        return nullptr;
+      }
+    }
+    const std::string local = (copies_ / KZVSupport::uniquePathComponent()).string();
+    const std::lock_guard lock(mutex_);
+    std::ofstream(local) << tree_.at(path);
+    held_.insert(local);
+    return NSURL::fileURLWithPath(local);
+  }
+  void releaseFileUrl(const NSURL& url) override {
+    const std::lock_guard lock(mutex_);
+    EXPECT_EQ(held_.erase(url.path()), 1U);
+  }
+  bool writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
+                 NSErrorRef* error) override {
+    if (failsByName(path, error)) return false;
+    if (progress && !progress({500, 1000})) {
+      setError(error, std::make_shared<NSError>(std::string(CanceledByUserErrorDomain), -1));
+      return false;
+    }
+    std::ifstream file(source.path());
+    const std::lock_guard lock(mutex_);
+    tree_[path] = {std::istreambuf_iterator<char>(file), {}};
+    return true;
+  }
+  bool createDirectoryAtPath(const std::string& path, const std::shared_ptr<NSDictionary>& /*attributes*/,
+                             NSErrorRef* error) override {
+    if (failsByName(path, error)) return false;
+    const std::lock_guard lock(mutex_);
+    tree_[path + "/"] = "";
+    return true;
+  }
+
+  Tree tree() const {
+    const std::lock_guard lock(mutex_);
+    return tree_;
+  }
+  std::size_t held() const {
+    const std::lock_guard lock(mutex_);
+    return held_.size();
+  }
+  std::function<void(const std::string& path)> onTransfer;
+
+ private:
+  static bool failsByName(const std::string& path, NSErrorRef* error) {
+    const bool fails = lastPathComponent(path).starts_with("fail");
+    if (fails) setError(error, orderedError());
+    return fails;
+  }
+
+  const fs::path copies_ = scratch();
+  mutable std::mutex mutex_;
+  Tree tree_;                   // guarded by mutex_
+  std::set<std::string> held_;  // guarded by mutex_
+};
+
+class LocalFSTest : public testing::Test {
+ protected:
+  ~LocalFSTest() override { fs::remove_all(disk_); }
+
+  bool receive(const std::shared_ptr<MemoryVolume>& volume, const std::vector<std::string>& paths,
+               const fs::path& to, const KZVLocalFS::ItemCopied& itemCopied = {},
+               const ProgressCallback& total = {}) {
+    FSItems items;
+    for (const std::string& path : paths) items.push_back(std::make_shared<FSItem>(path, volume));
+    error_ = nullptr;
+    return KZVLocalFS::shared().writeFiles(batch_, items, to.string(), {}, total, itemCopied, &error_);
+  }
+  bool send(const fs::path& from, const std::shared_ptr<MemoryVolume>& volume, const std::string& to,
+            const KZVLocalFS::ItemCopied& itemCopied = {}) {
+    error_ = nullptr;
+    return KZVLocalFS::shared().sendFiles(batch_, from.string(), volume, to, {}, {}, itemCopied, &error_);
+  }
+  void write(const std::string& name, const std::string& content) const {
+    fs::create_directories((disk_ / name).parent_path());
+    std::ofstream(disk_ / name) << content;
+  }
+
+  const fs::path disk_ = scratch();
+  const KZVBatchId batch_;
+  NSErrorRef error_;
+};
+
+TEST_F(LocalFSTest, ReceivesWhatIsThere) {
+  const Tree remote{{"/d/", ""},          {"/d/a.txt", "A"},        {"/d/empty", ""},
+                    {"/d/sub/", ""},      {"/d/sub/b", "BB"},       {"/d/hollow/", ""},
+                    {"/d/sub/deep/", ""}, {"/d/sub/deep/c", "CCC"}, {"/single", "single"}};
+  struct Case {
+    const char* name;
+    std::vector<std::string> paths;
+    std::string to;
+    Tree before;
+    Tree after;
+  };
+  const Case cases[] = {
+      {"a file gets the name given", {"/single"}, "new", {}, {{"/new", "single"}}},
+      {"a file goes into a folder",
+       {"/single"},
+       "to/",
+       {{"/to/", ""}},
+       {{"/to/", ""}, {"/to/single", "single"}}},
+      {"folders above are made",
+       {"/single"},
+       "x/y/z",
+       {},
+       {{"/x/", ""}, {"/x/y/", ""}, {"/x/y/z", "single"}}},
+      {"several go into a folder",
+       {"/single", "/d/a.txt"},
+       "to",
+       {},
+       {{"/to/", ""}, {"/to/single", "single"}, {"/to/a.txt", "A"}}},
+      {"a whole folder",
+       {"/d"},
+       "copy",
+       {},
+       {{"/copy/", ""},
+        {"/copy/a.txt", "A"},
+        {"/copy/empty", ""},
+        {"/copy/hollow/", ""},
+        {"/copy/sub/", ""},
+        {"/copy/sub/b", "BB"},
+        {"/copy/sub/deep/", ""},
+        {"/copy/sub/deep/c", "CCC"}}},
+      {"an existing file is replaced, an existing folder joined",
+       {"/d/sub"},
+       "copy",
+       {{"/copy/", ""}, {"/copy/b", "older and longer"}, {"/copy/mine", "kept"}},
+       {{"/copy/", ""},
+        {"/copy/b", "BB"},
+        {"/copy/mine", "kept"},
+        {"/copy/deep/", ""},
+        {"/copy/deep/c", "CCC"}}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(disk_);
+    fs::create_directories(disk_);
+    for (const auto& [path, content] : c.before) {
+      if (path.ends_with('/')) {
+        fs::create_directories(disk_ / path.substr(1));
+      } else {
+        write(path.substr(1), content);
+      }
+    }
+    const auto volume = std::make_shared<MemoryVolume>(remote);
+    EXPECT_TRUE(receive(volume, c.paths, (disk_ / "").string() + c.to))
+        << (error_ ? error_->description() : "");
+    EXPECT_EQ(treeAt(disk_), c.after);
+    EXPECT_EQ(volume->held(), 0U) << "local copies not handed back";
+  }
+  EXPECT_EQ(fs::last_write_time(disk_ / "copy/b"), std::chrono::file_clock::from_sys(someTime));
+}
+
+TEST_F(LocalFSTest, AnItemThatFailsCostsOnlyItself) {
+  struct Case {
+    const char* name;
+    Tree remote;
+    std::function<void(const fs::path& target)> prepare;
+    Tree after;        // below the target
+    std::string from;  // the item reported
+    std::string domain;
+    std::int64_t code;
+  };
+  const auto nothing = [](const fs::path&) {};
+  const std::string longName(300, 'n');
+  const Case cases[] = {
+      {"a file of the service",
+       {{"/d/", ""}, {"/d/fail", "x"}, {"/d/z", "Z"}},
+       nothing,
+       {{"/z", "Z"}},
+       "/d/fail",
+       "TestDomain",
+       7},
+      {"a folder that cannot be listed",
+       {{"/d/", ""}, {"/d/fail/", ""}, {"/d/z", "Z"}},
+       nothing,
+       {{"/fail/", ""}, {"/z", "Z"}},
+       "/d/fail",
+       "TestDomain",
+       7},
+      {"a name that leads up",
+       {{"/d/", ""}, {"/d/..", "evil"}, {"/d/z", "Z"}},
+       nothing,
+       {{"/z", "Z"}},
+       "/d/..",
+       "NSPOSIXErrorDomain",
+       EINVAL},
+      {"a name too long for the disk",
+       {{"/d/", ""}, {"/d/" + longName, "x"}, {"/d/z", "Z"}},
+       nothing,
+       {{"/z", "Z"}},
+       "/d/" + longName,
+       "NSPOSIXErrorDomain",
+       ENAMETOOLONG},
+      {"a folder where the file should be",
+       {{"/d/", ""}, {"/d/a", "A"}, {"/d/z", "Z"}},
+       [](const fs::path& target) { fs::create_directories(target / "a"); },
+       {{"/a/", ""}, {"/z", "Z"}},
+       "/d/a",
+       "NSPOSIXErrorDomain",
+       EISDIR},
+      {"a file where the folder should be",
+       {{"/d/", ""}, {"/d/a/", ""}, {"/d/a/b", "B"}, {"/d/z", "Z"}},
+       [](const fs::path& target) { std::ofstream(target / "a") << "file"; },
+       {{"/a", "file"}, {"/z", "Z"}},
+       "/d/a",
+       "NSPOSIXErrorDomain",
+       ENOTDIR},
+      {"a link that leads elsewhere",
+       {{"/d/", ""}, {"/d/a/", ""}, {"/d/a/b", "B"}, {"/d/z", "Z"}},
+       [](const fs::path& target) { fs::create_directory_symlink("/tmp", target / "a"); },
+       {{"/a/", ""}, {"/z", "Z"}},
+       "/d/a",
+       "NSPOSIXErrorDomain",
+       ENOTDIR},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path target = disk_ / KZVSupport::uniquePathComponent();
+    fs::create_directories(target);
+    c.prepare(target);
+    std::vector<CopiedItem> failures;
+    const auto volume = std::make_shared<MemoryVolume>(c.remote);
+    EXPECT_FALSE(receive(volume, {"/d"}, target, [&](const CopiedItem& item) {
+      if (item.failure) failures.push_back(item);
+      return true;
+    }));
+    EXPECT_EQ(treeAt(target), c.after);
+    ASSERT_EQ(failures.size(), 1U);
+    EXPECT_EQ(failures[0].from, c.from);
+    ASSERT_TRUE(error_);
+    EXPECT_EQ(error_->domain(), c.domain);
+    EXPECT_EQ(error_->code(), c.code);
+    EXPECT_EQ(volume->held(), 0U);
+  }
+}
+
+TEST_F(LocalFSTest, WithoutAnObserverTheFirstFailureEndsTheBatch) {
+  Tree remote{{"/d/", ""}, {"/d/fail", "x"}};
+  for (int i = 0; i < 100; ++i) remote["/d/z" + std::to_string(i)] = "Z";
+  const auto volume = std::make_shared<MemoryVolume>(remote);
+  EXPECT_FALSE(receive(volume, {"/d"}, disk_ / "to"));
+  ASSERT_TRUE(error_);
+  EXPECT_EQ(error_->domain(), "TestDomain");
+  EXPECT_LT(treeAt(disk_).size(), 60U) << "the rest was copied although the whole had failed";
+}
+
+TEST_F(LocalFSTest, AMissingItemIsAnErrorThatSaysSo) {
+  EXPECT_FALSE(receive(std::make_shared<MemoryVolume>(Tree{}), {"/none"}, disk_ / "to"));
+  ASSERT_TRUE(error_);
+  EXPECT_EQ(error_->code(), ENOENT);
+}
+
+TEST_F(LocalFSTest, AStopEndsAllAndLeavesNoHalfFiles) {
+  Tree remote{{"/d/", ""}};
+  for (int i = 0; i < 200; ++i) remote["/d/f" + std::to_string(i)] = std::string(10'000, 'x');
+  const auto volume = std::make_shared<MemoryVolume>(remote);
+  int calls = 0;
+  EXPECT_FALSE(receive(volume, {"/d"}, disk_ / "to", {}, [&](NSRange) { return ++calls < 30; }));
+  ASSERT_TRUE(error_);
+  EXPECT_EQ(error_->domain(), CanceledByUserErrorDomain);
+  EXPECT_EQ(error_->code(), -1);
+  EXPECT_EQ(volume->held(), 0U);
+  const Tree left = treeAt(disk_ / "to");
+  EXPECT_LT(left.size(), 100U);
+  for (const auto& [path, content] : left) EXPECT_EQ(content.size(), 10'000U) << path;
+}
+
+TEST_F(LocalFSTest, EightFilesAreUnderWayAtOnceAndNotMore) {
+  Tree remote{{"/d/", ""}};
+  for (int i = 0; i < 40; ++i) remote["/d/f" + std::to_string(i)] = "x";
+  const auto volume = std::make_shared<MemoryVolume>(remote);
+  std::mutex mutex;
+  std::condition_variable changed;
+  int inFlight = 0;
+  int most = 0;
+  int arrived = 0;
+  // Each transfer waits for seven others, as long as there are enough to come.
+  volume->onTransfer = [&](const std::string&) {
+    std::unique_lock lock(mutex);
+    most = std::max(most, ++inFlight);
+    const int group = arrived++ / 8;
+    changed.notify_all();
+    changed.wait_for(lock, 10s, [&] { return arrived >= (group + 1) * 8; });
+    --inFlight;
+  };
+  EXPECT_TRUE(receive(volume, {"/d"}, disk_ / "to"));
+  EXPECT_EQ(most, 8);
+}
+
+TEST_F(LocalFSTest, TheWholeIsCountedOnceAndNeverGoesBack) {
+  const auto volume = std::make_shared<MemoryVolume>(
+      Tree{{"/d/", ""}, {"/d/a", std::string(3000, 'a')}, {"/d/s/", ""}, {"/d/s/b", std::string(7000, 'b')}});
+  std::uint64_t last = 0;
+  CopyCounts counts;
+  EXPECT_TRUE(receive(volume, {"/d"}, disk_ / "to", {}, [&](NSRange range) {
+    EXPECT_GE(range.location, last);
+    EXPECT_EQ(range.length, 1000U);
+    last = range.location;
+    counts = KZVLocalFS::counts(batch_).value();
+    return true;
+  }));
+  EXPECT_EQ(last, 1000U);
+  EXPECT_EQ(counts.bytesDone, 10'000U);
+  EXPECT_EQ(counts.bytesKnown, 10'000U);
+  EXPECT_EQ(counts.filesDone, 2U);
+  EXPECT_EQ(counts.filesKnown, 2U);
+  EXPECT_FALSE(KZVLocalFS::counts(batch_)) << "the batch is over";
+}
+
+TEST_F(LocalFSTest, SendsATreeAndReportsWhatCannotBeSent) {
+  write("d/a", "A");
+  write("d/empty", "");
+  write("d/sub/b", "BB");
+  fs::create_directories(disk_ / "d/hollow");
+  fs::create_symlink("a", disk_ / "d/link to a file");
+  fs::create_directory_symlink("..", disk_ / "d/link to a folder");
+  fs::create_symlink("nowhere", disk_ / "d/dangling");
+  ASSERT_EQ(::mkfifo((disk_ / "d/pipe").c_str(), 0600), 0);
+  write("d/\xff", "x");
+  write("d/fail", "x");
+  const auto volume = std::make_shared<MemoryVolume>(Tree{});
+  std::map<std::string, std::int64_t> failures;
+  EXPECT_FALSE(send(disk_ / "d", volume, "/new", [&](const CopiedItem& item) {
+    if (item.failure) failures[lastPathComponent(item.from)] = item.failure->code();
+    return true;
+  }));
+  EXPECT_EQ(volume->tree(), (Tree{{"/new/", ""},
+                                  {"/new/a", "A"},
+                                  {"/new/empty", ""},
+                                  {"/new/hollow/", ""},
+                                  {"/new/link to a file", "A"},
+                                  {"/new/sub/", ""},
+                                  {"/new/sub/b", "BB"}}));
+  const std::map<std::string, std::int64_t> expected{
+      {"dangling", ENOENT}, {"fail", 7}, {"link to a folder", ELOOP}, {"pipe", EINVAL}, {"\xff", EILSEQ}};
+  EXPECT_EQ(failures, expected);
+}
+
+TEST_F(LocalFSTest, SendsOneFileUnderItsNewName) {
+  write("a", "A");
+  const auto volume = std::make_shared<MemoryVolume>(Tree{});
+  EXPECT_TRUE(send(disk_ / "a", volume, "/b"));
+  EXPECT_EQ(volume->tree(), (Tree{{"/b", "A"}}));
+  EXPECT_FALSE(send(disk_ / "missing", volume, "/c"));
+  ASSERT_TRUE(error_);
+  EXPECT_EQ(error_->code(), ENOENT);
+}
+
+}  // namespace
