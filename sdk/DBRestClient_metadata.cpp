@@ -88,9 +88,10 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
   void receivedPage(ServiceAnswer& answer) {
     if (answer.error) return listingFailed(answer);
     auto page = Document::parse(answer.response.body);
-    const auto* entries = page ? servicejson::array(page->root(), "entries") : nullptr;
-    const auto cursor = page ? servicejson::text(page->root(), "cursor") : std::nullopt;
-    const auto hasMore = page ? servicejson::boolean(page->root(), "has_more") : std::nullopt;
+    if (!page) return failInvalid(answer.response);
+    const auto* entries = servicejson::array(page->root(), "entries");
+    const auto cursor = servicejson::text(page->root(), "cursor");
+    const auto hasMore = servicejson::boolean(page->root(), "has_more");
     if (!entries || !cursor || !hasMore) return failInvalid(answer.response);
     lastPageArrived_ = !*hasMore;
     if (*hasMore) askForNextPage(*cursor);
