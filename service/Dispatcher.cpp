@@ -9,6 +9,7 @@
 
 #include "service/ApiError.h"
 #include "service/Encoding.h"
+#include "service/FaultRun.h"
 #include "service/JsonText.h"
 
 namespace kzv::service {
@@ -93,29 +94,6 @@ std::string loggedArgument(std::string_view text) {
   return quoted.take();
 }
 
-HttpResponse defaultFaultResponse(int status, std::int64_t retryAfter) {
-  try {
-    if (status == 429) failRateLimited("too_many_requests", retryAfter);
-    if (status == 401) failWithTags(401, {"expired_access_token"});
-  } catch (const ApiError& error) {
-    HttpResponse response = error.response();
-    response.headers.clear();
-    return response;
-  }
-  return textResponse(status, fmt::format("The service answers {} by order.", status));
-}
-
-HttpResponse faultResponse(const FaultOrder& order) {
-  const int status = order.status.value_or(429);
-  HttpResponse response = defaultFaultResponse(status, order.retryAfterSeconds.value_or(1));
-  if (!order.body.empty()) response.body = order.body;
-  if (!order.contentType.empty()) response.contentType = order.contentType;
-  if (order.retryAfterSeconds) {
-    response.headers.emplace_back("Retry-After", std::to_string(*order.retryAfterSeconds));
-  }
-  return response;
-}
-
 }  // namespace
 
 void Call::reply(std::string text) { response = jsonResponse(200, std::move(text)); }
@@ -147,43 +125,6 @@ std::string readWholeBody(HttpRequest& request, std::size_t maxBytes) {
   if (!complete) throw ApiError(textResponse(400, "The request body is incomplete."));
   return body;
 }
-
-/// One claimed fault rule, from before the endpoint to the last byte of the answer.
-class Dispatcher::FaultRun {
- public:
-  FaultRun(Faults& faults, Faults::Claim claim) : faults_(faults), claim_(std::move(claim)) {}
-
-  explicit operator bool() const { return claim_ != nullptr; }
-  const FaultOrder& order() const { return Faults::order(claim_); }
-  void hit() {
-    if (!counted_->exchange(true)) faults_.hit(claim_);
-  }
-  std::function<void()> hitLater() {
-    return [&faults = faults_, claim = claim_, counted = counted_] {
-      if (!counted->exchange(true)) faults.hit(claim);
-    };
-  }
-
-  bool isDelayOnly() const {
-    const FaultOrder& o = order();
-    return !answersInstead() && !o.cutRequestAfter && !o.cutResponseAfter && !o.stallAfter && !o.dropAnswer &&
-           o.corrupt == Corruption::none;
-  }
-  bool answersInstead() const { return order().status.has_value() || order().retryAfterSeconds.has_value(); }
-  bool corruptsRequest(RouteStyle style) const {
-    return order().corrupt == Corruption::request ||
-           (order().corrupt == Corruption::content && style == RouteStyle::upload);
-  }
-  bool corruptsResponse(RouteStyle style) const {
-    return order().corrupt == Corruption::response ||
-           (order().corrupt == Corruption::content && style != RouteStyle::upload);
-  }
-
- private:
-  Faults& faults_;
-  Faults::Claim claim_;
-  std::shared_ptr<std::atomic<bool>> counted_ = std::make_shared<std::atomic<bool>>(false);
-};
 
 Dispatcher::Dispatcher(ServiceState& state) : state_(state) {
   addAccountRoutes(table_);
@@ -420,52 +361,21 @@ void Dispatcher::applyPathRoot(Call& call) {
 
 void Dispatcher::withFaults(const std::string& name, RouteStyle style, HttpRequest& request,
                             HttpResponse& response, const std::function<void()>& work) {
-  FaultRun run(state_.faults, state_.faults.claim(name));
-  if (!run) {
+  auto claim = state_.faults.claim(name);
+  if (!claim) {
     work();
     return;
   }
-  const FaultOrder& order = run.order();
-  if (run.isDelayOnly()) run.hit();
-  delay(order.delayMs);
-
-  // The body of a call in rpc style is here already; other bodies are watched while the endpoint reads them.
-  bool cut = order.cutRequestAfter && request.transfer->bytesIn >= *order.cutRequestAfter;
-  const auto readOn = request.readBody;
-  bool flipped = false;
-  if (!cut && style == RouteStyle::upload) {
-    request.readBody = [&](const std::function<bool(std::string_view)>& sink) {
-      return readOn([&](std::string_view bytes) {
-        if (order.cutRequestAfter && request.transfer->bytesIn >= *order.cutRequestAfter) {
-          cut = true;
-          return false;
-        }
-        if (flipped || !run.corruptsRequest(style)) return sink(bytes);
-        flipped = true;
-        run.hit();
-        std::string spoilt(bytes);
-        spoilt[spoilt.size() / 2] ^= 0x01;
-        return sink(spoilt);
-      });
-    };
-  }
-  if (!cut && run.answersInstead()) {
-    run.hit();
-    response = faultResponse(order);
-  } else if (!cut) {
+  FaultRun run(state_.faults, std::move(claim), style);
+  delay(run.begin());
+  run.watch(request);
+  if (auto answer = run.answerInstead()) {
+    response = std::move(*answer);
+  } else if (!run.isCut()) {
     work();
   }
-  request.readBody = readOn;
-
-  AnswerFault fault;
-  fault.happened = run.hitLater();
-  fault.dropAnswer = order.dropAnswer || cut;
-  fault.resetAfter = order.cutResponseAfter;
-  fault.stallAfter = order.stallAfter;
-  const std::uint64_t size = response.stream ? response.stream->sizeBytes : response.body.size();
-  if (run.corruptsResponse(style) && size > 0) fault.flipAt = size / 2;
-  if (fault.dropAnswer || fault.resetAfter || fault.stallAfter || fault.flipAt)
-    response.fault = std::move(fault);
+  run.unwatch(request);
+  run.spoil(response);
 }
 
 }  // namespace kzv::service

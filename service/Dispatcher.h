@@ -22,8 +22,6 @@ class Dispatcher {
   void stop();
 
  private:
-  class FaultRun;
-
   void dispatch(HttpRequest& request, HttpResponse& response, std::uint64_t& logNumber);
   void serveApi(const std::string& name, HttpRequest& request, HttpResponse& response,
                 std::uint64_t& logNumber);

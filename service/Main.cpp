@@ -39,7 +39,9 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "kzv-service: %s\n", error.c_str());
       return 1;
     }
-    std::printf("listening on http://%s:%d\n", options->host.c_str(), *port);
+    const bool isIpv6 = options->host.find(':') != std::string::npos;
+    std::printf(isIpv6 ? "listening on http://[%s]:%d\n" : "listening on http://%s:%d\n",
+                options->host.c_str(), *port);
     std::fflush(stdout);
     waitForStop(signals);
     service.stop();
