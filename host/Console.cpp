@@ -77,6 +77,12 @@ void Console::note(std::string_view text) {
   if (!isQuiet_) error(text);
 }
 
+void Console::prompt(std::string_view text) {
+  const std::lock_guard lock(mutex_);
+  removeProgress();
+  writeError(text);
+}
+
 std::size_t Console::progressWidth() {
   winsize size{};
   constexpr std::size_t usual = 80;

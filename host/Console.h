@@ -27,6 +27,8 @@ class Console {
   void error(std::string_view text);
   /// As error, but not when quiet: for hints.
   void note(std::string_view text);
+  /// A question on standard error, without an end of line.
+  void prompt(std::string_view text);
 
   /// Whether a progress line can be shown: standard error is a terminal and nobody asked for quiet.
   bool showsProgress() const noexcept { return showsProgress_; }

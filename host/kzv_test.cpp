@@ -9,60 +9,12 @@
 
 #include <gtest/gtest.h>
 
-#include "core/KZVSupport.h"
-#include "host/testing/Program.h"
+#include "host/testing/KzvTest.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
-
-/// A volume to work on and a folder for the program's own files.
-class KzvTest : public testing::Test {
- protected:
-  KzvTest() {
-    fs::create_directories(home_);
-    folder("Documents/Sub");
-    file("Documents/report.txt", 1234);
-    file("Documents/timeless-note", 0);
-    file("Documents/Sub/deep.txt", 5);
-    folder("empty");
-    for (const auto& entry : fs::recursive_directory_iterator(tree_)) setTime(entry.path());
-  }
-  ~KzvTest() override { fs::remove_all(base_); }
-
-  void folder(const std::string& path) const { fs::create_directories(tree_ / path); }
-  void file(const std::string& path, std::size_t bytes) const {
-    fs::create_directories((tree_ / path).parent_path());
-    std::ofstream(tree_ / path) << std::string(bytes, 'x');
-    setTime(tree_ / path);
-  }
-  static void setTime(const fs::path& path) {
-    constexpr std::int64_t seconds = 1'714'555'800;  // 2024-05-01T09:30:00Z
-    fs::last_write_time(
-        path, std::chrono::file_clock::from_sys(std::chrono::sys_seconds(std::chrono::seconds(seconds))));
-  }
-
-  Program::Environment environment(const std::string& accounts = "u1=Ada") const {
-    return {{"KZV_TEST_TREE", tree_.string()},
-            {"KZV_TEST_ACCOUNTS", accounts},
-            {"KZV_TEST_EVENTS", events_.string()},
-            {"KZV_HOME", home_.string()}};
-  }
-  Program::Result run(const std::vector<std::string>& arguments, const std::string& accounts = "u1=Ada",
-                      const std::string& input = {}) const {
-    return Program::run(arguments, environment(accounts), input);
-  }
-  std::string events() const {
-    std::ifstream file(events_);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
-  const fs::path base_ = fs::temp_directory_path() / ("kzv-host-" + KZVSupport::uniquePathComponent());
-  const fs::path tree_ = base_ / "tree";
-  const fs::path home_ = base_ / "home";
-  const fs::path events_ = base_ / "events";
-};
 
 TEST_F(KzvTest, EachCommandPrintsWhatItShouldAndNothingElse) {
   file("fail-file", 1);
@@ -292,6 +244,8 @@ TEST_F(KzvTest, EachCommandPrintsWhatItShouldAndNothingElse) {
        2,
        "",
        "kzv: unlink: ID is required; see kzv unlink --help\n"},
+      {"df", {"df"}, "u1", "", 0, "total  2 GB\nfree   -1.5 MB\n", ""},
+      {"df as JSON", {"--json", "df"}, "u1", "", 0, "{\"total\":2000000000,\"free\":-1500000}\n", ""},
       {"no verb", {}, "", "", 2, "", "kzv: no verb given; see kzv --help\n"},
   };
   for (const Case& c : cases) {
@@ -310,7 +264,8 @@ TEST_F(KzvTest, EachCommandPrintsWhatItShouldAndNothingElse) {
 TEST_F(KzvTest, EveryVerbHasHelpWithAnExample) {
   const auto help = run({"--help"});
   EXPECT_EQ(help.status, 0);
-  for (const char* verb : {"accounts", "link", "unlink", "ls", "stat"}) {
+  for (const char* verb :
+       {"accounts", "link", "unlink", "ls", "stat", "get", "put", "mkdir", "rm", "mv", "df"}) {
     EXPECT_NE(help.out.find(std::string("  ") + verb), std::string::npos) << verb;
     const auto own = run({verb, "--help"});
     EXPECT_EQ(own.status, 0) << verb;

@@ -2,10 +2,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 #include <utility>
 
 #include <unistd.h>
 
+#include "core/KZVConstants.h"
+#include "core/KZVCoreObj.h"
+#include "core/KZVSupport.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
@@ -21,6 +25,7 @@ struct Behaviour {
   static constexpr std::string_view fails = "fail-";         // every operation fails
   static constexpr std::string_view hangs = "hang-";         // looking at it never ends
   static constexpr std::string_view unlinks = "unlink-";     // looking at it unlinks the account
+  static constexpr std::string_view endless = "endless-";    // its transfer goes on until it is stopped
   static constexpr std::string_view timeless = "timeless-";  // has no modification date
   static constexpr std::string_view many = "many-";          // a folder of 50,000 files
 };
@@ -106,4 +111,65 @@ std::optional<FSItems> FolderVolume::contentAtPath(const std::string& path, bool
     items.insert(items.end(), below->begin(), below->end());
   }
   return items;
+}
+
+bool FolderVolume::transfer(const std::string& path, const fs::path& from, const fs::path& to,
+                            const ProgressCallback& progress, NSErrorRef* error) {
+  if (failsByName(path, error)) return false;
+  const bool isEndless = lastPathComponent(path).starts_with(Behaviour::endless);
+  bool goesOn = !progress || progress({0, 1000});
+  while (goesOn && isEndless) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    goesOn = progress({500, 1000});
+  }
+  if (goesOn && progress) goesOn = progress({1000, 1000});
+  std::error_code code;
+  if (goesOn && fs::copy_file(from, to, fs::copy_options::overwrite_existing, code)) return true;
+  setError(error, goesOn ? NSError::posix(code.value(), path)
+                         : std::make_shared<NSError>(std::string(CanceledByUserErrorDomain), -1));
+  return false;
+}
+
+std::shared_ptr<NSURL> FolderVolume::requestFileUrl(const std::string& path, ProgressCallback progress,
+                                                    NSErrorRef* error) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!tmpFolderUrl_) tmpFolderUrl_ = KZVCoreObj::shared().temporaryFolderForPlugin(*this, error);
+    if (!tmpFolderUrl_) return nullptr;
+  }
+  const std::string copy = appendingPathComponent(tmpFolderUrl_->path(), KZVSupport::uniquePathComponent());
+  return transfer(path, onDisk(path), copy, progress, error) ? NSURL::fileURLWithPath(copy) : nullptr;
+}
+
+void FolderVolume::releaseFileUrl(const NSURL& url) { NSFileManager::defaultManager().removeItemAtURL(url); }
+
+bool FolderVolume::writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
+                             NSErrorRef* error) {
+  return transfer(path, source.path(), onDisk(path), progress, error);
+}
+
+bool FolderVolume::removeItemAtPath(const std::string& path, NSErrorRef* error) {
+  return !failsByName(path, error) && NSFileManager::defaultManager().removeItemAtPath(onDisk(path), error);
+}
+
+bool FolderVolume::moveFromPath(const std::string& path, const std::string& to,
+                                const std::shared_ptr<NSDictionary>& /*attributes*/,
+                                ProgressCallback /*progress*/, NSErrorRef* error) {
+  if (failsByName(path, error)) return false;
+  std::error_code code;
+  fs::rename(onDisk(path), onDisk(to), code);
+  if (code) setError(error, NSError::posix(code.value(), to));
+  return !code;
+}
+
+bool FolderVolume::createDirectoryAtPath(const std::string& path,
+                                         const std::shared_ptr<NSDictionary>& /*attributes*/,
+                                         NSErrorRef* error) {
+  return !failsByName(path, error) &&
+         NSFileManager::defaultManager().createDirectoryAtPath(onDisk(path), true, error);
+}
+
+std::shared_ptr<NSDictionary> FolderVolume::fsAttributes(const std::string& /*path*/, NSErrorRef* /*error*/) {
+  return NSDictionary::with({{NSFileSystemSize, NSNumber::withInt(2'000'000'000)},
+                             {NSFileSystemFreeSize, NSNumber::withInt(-1'500'000)}});
 }

@@ -1,6 +1,7 @@
 #pragma once
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "core/FSPlugin.h"
@@ -29,7 +30,24 @@ class FolderVolume final : public FSPlugin {
   std::optional<FSItems> contentAtPath(const std::string& path, bool recursive, bool showHidden,
                                        NSErrorRef* error) override;
 
+  std::shared_ptr<NSURL> requestFileUrl(const std::string& path, ProgressCallback progress,
+                                        NSErrorRef* error) override;
+  void releaseFileUrl(const NSURL& url) override;
+  bool writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
+                 NSErrorRef* error) override;
+  bool removeItemAtPath(const std::string& path, NSErrorRef* error) override;
+  bool moveFromPath(const std::string& path, const std::string& to,
+                    const std::shared_ptr<NSDictionary>& attributes, ProgressCallback progress,
+                    NSErrorRef* error) override;
+  bool createDirectoryAtPath(const std::string& path, const std::shared_ptr<NSDictionary>& attributes,
+                             NSErrorRef* error) override;
+  std::shared_ptr<NSDictionary> fsAttributes(const std::string& path, NSErrorRef* error) override;
+
  private:
+  /// Moves a file's bytes, telling of it; false with an error when the name orders that or the receiver stops
+  /// it.
+  bool transfer(const std::string& path, const std::filesystem::path& from, const std::filesystem::path& to,
+                const ProgressCallback& progress, NSErrorRef* error);
   std::filesystem::path onDisk(const std::string& path) const;
   /// Does what the item's name orders; true when the operation ends with that, having failed.
   bool failsByName(const std::string& path, NSErrorRef* error);
@@ -38,4 +56,5 @@ class FolderVolume final : public FSPlugin {
   const std::string accountId_;
   const std::filesystem::path tree_;
   std::shared_ptr<NSURL> tmpFolderUrl_;
+  std::mutex mutex_;  // guards the making of the temporary folder
 };

@@ -2,7 +2,8 @@
 
 std::vector<std::unique_ptr<Verb>> allVerbs() {
   std::vector<std::unique_ptr<Verb>> verbs;
-  for (auto* make : {makeAccountsVerb, makeLinkVerb, makeUnlinkVerb, makeLsVerb, makeStatVerb})
+  for (auto* make : {makeAccountsVerb, makeLinkVerb, makeUnlinkVerb, makeLsVerb, makeStatVerb, makeGetVerb,
+                     makePutVerb, makeMkdirVerb, makeRmVerb, makeMvVerb, makeDfVerb})
     verbs.push_back(make());
   return verbs;
 }

@@ -1,0 +1,69 @@
+#include "host/TransferReport.h"
+
+#include <boost/json.hpp>
+
+#include <fmt/format.h>
+
+#include "host/Console.h"
+#include "host/Formatting.h"
+#include "host/HostError.h"
+#include "host/StopSignal.h"
+
+using namespace std::chrono_literals;
+
+TransferReport::TransferReport(VerbContext& context, const KZVBatchId& batchId, Direction direction)
+    : context_(context), batchId_(batchId), direction_(direction) {}
+
+ProgressCallback TransferReport::totalProgress() {
+  return [this](NSRange) {
+    draw();
+    return !StopSignal::isRequested();
+  };
+}
+
+KZVLocalFS::ItemCopied TransferReport::itemCopied() {
+  return [this](const CopiedItem& item) {
+    if (item.failure) {
+      hasReportedFailure_ = true;
+      context_.fail(item.from, item.failure);
+    } else if (!item.isDirectory) {
+      ++filesCopied_;
+      bytesCopied_ += item.sizeBytes;
+      showCopied(item);
+    }
+    return !StopSignal::isRequested();
+  };
+}
+
+void TransferReport::draw() {
+  Console& console = context_.console;
+  const auto now = Clock::now();
+  if (!console.showsProgress() || now - lastDrawn_ < 100ms) return;
+  const auto counts = KZVLocalFS::counts(batchId_);
+  if (!counts) return;
+  lastDrawn_ = now;
+  rate_.add(counts->bytesDone, now);
+  console.progress(progressLine(*counts, rate_.bytesPerSecond(), Console::progressWidth()));
+}
+
+void TransferReport::showCopied(const CopiedItem& item) {
+  const std::string& remote = direction_ == Direction::toDisk ? item.from : item.to;
+  if (context_.options.json) {
+    context_.console.line(
+        boost::json::serialize(boost::json::object{{"path", validUtf8(remote)}, {"size", item.sizeBytes}}));
+  } else if (!context_.options.quiet && !context_.console.showsProgress()) {
+    context_.console.line(fmt::format("{}  {}", harmless(remote), byteCount(item.sizeBytes)));
+  }
+  context_.console.flush();  // whoever waits for a file sees when it is there
+}
+
+void TransferReport::finish(bool isComplete, const NSErrorRef& error, const std::string& subject) {
+  Console& console = context_.console;
+  console.progress("");
+  // A stop is told even when items had failed before: it decides the exit status.
+  if (!isComplete && (!hasReportedFailure_ || (error && isStop(*error)))) context_.fail(subject, error);
+  if (!console.showsProgress() || context_.options.json) return;
+  const auto needed = std::chrono::ceil<std::chrono::seconds>(Clock::now() - start_);
+  console.note(fmt::format("{} {}, {} in {}", filesCopied_, filesCopied_ == 1 ? "file" : "files",
+                           byteCount(bytesCopied_), duration(needed)));
+}

@@ -1,0 +1,200 @@
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "host/testing/KzvTest.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A folder of this computer beside the volume.
+class TransferTest : public KzvTest {
+ protected:
+  TransferTest() { fs::create_directories(local_); }
+  std::string at(const std::string& name) const { return (local_ / name).string(); }
+  /// Words with "LOCAL/" stand for the local folder.
+  std::vector<std::string> resolved(std::vector<std::string> words) const {
+    for (std::string& word : words)
+      if (word.starts_with("LOCAL/")) word = at(word.substr(6));
+    return words;
+  }
+  const fs::path local_ = base_ / "local";
+};
+
+const std::string report(1234, 'x');
+const std::string notFound = "No such file or directory (NSPOSIXErrorDomain 2)\n";
+
+TEST_F(TransferTest, EachCommandChangesWhatItShould) {
+  struct Case {
+    const char* name;
+    std::vector<std::string> arguments;
+    int status;
+    std::string out;
+    std::string err;  // "LOCAL/" stands for the local folder
+    KzvTest::Tree local;
+  };
+  const KzvTest::Tree documents{{"Documents/", ""},
+                                {"Documents/Sub/", ""},
+                                {"Documents/Sub/deep.txt", "xxxxx"},
+                                {"Documents/report.txt", report},
+                                {"Documents/timeless-note", ""}};
+  const Case cases[] = {
+      {"get a file into a folder",
+       {"get", "/Documents/report.txt", "LOCAL/"},
+       0,
+       "/Documents/report.txt  1 KB\n",
+       "",
+       {{"report.txt", report}}},
+      {"get a file under a new name",
+       {"get", "/Documents/report.txt", "LOCAL/new"},
+       0,
+       "/Documents/report.txt  1 KB\n",
+       "",
+       {{"new", report}}},
+      {"get as JSON",
+       {"--json", "get", "/Documents/Sub", "LOCAL/"},
+       0,
+       "{\"path\":\"/Documents/Sub/deep.txt\",\"size\":5}\n",
+       "",
+       {{"Sub/", ""}, {"Sub/deep.txt", "xxxxx"}}},
+      {"get quietly", {"--quiet", "get", "/Documents", "LOCAL/"}, 0, "", "", documents},
+      {"get into a folder that is not there",
+       {"get", "/Documents", "LOCAL/no/where"},
+       1,
+       "",
+       "kzv: get: LOCAL/no/where: " + notFound,
+       {}},
+      {"get what is not there",
+       {"get", "/none", "LOCAL/"},
+       1,
+       "",
+       "kzv: get: /none: no such file or folder (NSPOSIXErrorDomain 2)\n",
+       {}},
+      {"get with a file that fails",
+       {"get", "/mixed", "LOCAL/"},
+       1,
+       "/mixed/good  1 byte\n",
+       "kzv: get: /mixed/fail-x: this item always fails (TestDomain 7)\n",
+       {{"mixed/", ""}, {"mixed/good", "x"}}},
+      {"put what is not there", {"put", "LOCAL/none", "/"}, 1, "", "kzv: put: LOCAL/none: " + notFound, {}},
+      {"put refused",
+       {"put", "LOCAL/", "/fail-here"},
+       1,
+       "",
+       "kzv: put: LOCAL/: this item always fails (TestDomain 7)\n",
+       {}},
+      {"rm the root",
+       {"rm", "-f", "/"},
+       2,
+       "",
+       "kzv: rm: /: the whole account is not removed (KZVHostErrorDomain 3)\n",
+       {}},
+      {"mv the root",
+       {"mv", "/", "/x"},
+       2,
+       "",
+       "kzv: mv: /: the whole account is not moved (KZVHostErrorDomain 3)\n",
+       {}},
+      {"mkdir refused",
+       {"mkdir", "/fail-x"},
+       1,
+       "",
+       "kzv: mkdir: /fail-x: this item always fails (TestDomain 7)\n",
+       {}},
+  };
+  file("mixed/good", 1);
+  file("mixed/fail-x", 1);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(local_);
+    fs::create_directories(local_);
+    const KzvTest::Tree before = treeAt(tree_);
+    const auto result = run(resolved(c.arguments));
+    EXPECT_EQ(result.status, c.status);
+    EXPECT_EQ(result.out, c.out);
+    std::string expected = c.err;
+    if (const auto place = expected.find("LOCAL/"); place != std::string::npos)
+      expected.replace(place, 6, at(""));
+    if (std::string(c.name) == "put refused") expected.erase(expected.find("local/") + 5, 1);
+    EXPECT_EQ(result.err, expected);
+    EXPECT_EQ(treeAt(local_), c.local);
+    EXPECT_EQ(treeAt(tree_), before) << "the account";
+  }
+}
+
+TEST_F(TransferTest, TreeChangesReachTheAccount) {
+  fs::create_directories(local_ / "in/deep");
+  std::ofstream(local_ / "in/a") << "A";
+  std::ofstream(local_ / "in/deep/b") << "BB";
+  file("old", 3);
+  struct Step {
+    std::vector<std::string> arguments;
+    std::string out;
+    std::vector<std::string> there;
+    std::vector<std::string> gone;
+  };
+  const Step steps[] = {
+      {{"put", "LOCAL/in/a", "/"}, "/a  1 byte\n", {"a"}, {}},
+      {{"put", "LOCAL/in/a", "/empty"}, "/empty/a  1 byte\n", {"empty/a"}, {}},
+      {{"put", "LOCAL/in/a", "/renamed"}, "/renamed  1 byte\n", {"renamed"}, {}},
+      {{"--json", "put", "LOCAL/in/deep", "/Documents"},
+       "{\"path\":\"/Documents/deep/b\",\"size\":2}\n",
+       {"Documents/deep/b"},
+       {}},
+      {{"--quiet", "put", "LOCAL/in", "/whole"}, "", {"whole/a", "whole/deep/b"}, {}},
+      {{"mkdir", "/new", "/new"}, "", {"new"}, {}},
+      {{"mv", "/a", "/new"}, "", {"new/a"}, {"a"}},
+      {{"mv", "/new/a", "/b"}, "", {"b"}, {"new/a"}},
+      {{"mv", "/b", "/B"}, "", {"B"}, {"b"}},
+      {{"mv", "/new", "/NEW/"}, "", {"NEW"}, {"new"}},
+      {{"rm", "/old", "/whole"}, "", {}, {"old", "whole"}},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.arguments[0] + " " + step.arguments[1]);
+    const auto result = run(resolved(step.arguments));
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, step.out);
+    for (const std::string& path : step.there) EXPECT_TRUE(fs::exists(tree_ / path)) << path;
+    for (const std::string& path : step.gone) EXPECT_FALSE(fs::exists(tree_ / path)) << path;
+  }
+}
+
+TEST_F(TransferTest, ASignalEndsACopyCleanly) {
+  file("slow/endless-a", 10);
+  file("slow/endless-b", 10);
+  file("slow/quick", 10);
+  fs::create_directories(local_ / "up");
+  std::ofstream(local_ / "up/endless-c") << "C";
+  std::ofstream(local_ / "up/quick") << "C";
+  struct Case {
+    std::vector<std::string> arguments;
+    const char* firstLine;
+    std::string err;
+  };
+  const Case cases[] = {{{"get", "/slow", "LOCAL/"},
+                         "/slow/quick  10 bytes\n",
+                         "kzv: get: /slow: stopped (CanceledByUserErrorDomain -1)\n"},
+                        {{"put", "LOCAL/up", "/up"},
+                         "/up/quick  1 byte\n",
+                         "kzv: put: " + at("up") + ": stopped (CanceledByUserErrorDomain -1)\n"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.arguments[0]);
+    Program program(resolved(c.arguments), environment());
+    ASSERT_TRUE(program.waitForOutput(c.firstLine)) << "a line appears when its file is there";
+    program.signal(SIGINT);
+    const auto result = program.finish();
+    EXPECT_EQ(result.status, 130);
+    EXPECT_EQ(result.err, c.err);
+    EXPECT_NE(events().find("volume u1 is gone"), std::string::npos) << "ended in order, not cut off";
+  }
+  EXPECT_EQ(treeAt(local_ / "slow"), (KzvTest::Tree{{"quick", std::string(10, 'x')}}));
+  EXPECT_FALSE(fs::exists(tree_ / "up/endless-c"));
+  EXPECT_TRUE(fs::is_empty(home_ / "cache/tmp")) << "temporary files are gone";
+}
+
+}  // namespace

@@ -1,0 +1,34 @@
+#include <CLI/CLI.hpp>
+
+#include "host/verbs/Verbs.h"
+
+namespace {
+
+class MkdirVerb final : public Verb {
+ public:
+  Words words() const override {
+    return {"mkdir", "Make folders; one that exists is fine", "  kzv mkdir /Documents/2024"};
+  }
+  void declare(CLI::App& command) override {
+    command.add_option("PATH", typed_, "Folders of the account")->required();
+  }
+
+  void run(VerbContext& context) override {
+    const auto volume = context.openVolume();
+    if (!volume) return;
+    for (const std::string& typed : typed_) {
+      const std::string path = context.pathFrom(typed);
+      if (path.empty()) continue;
+      if (context.shouldStop(path)) return;
+      NSErrorRef error;
+      if (!volume->createDirectoryAtPath(path, nullptr, &error)) context.fail(path, error);
+    }
+  }
+
+ private:
+  std::vector<std::string> typed_;
+};
+
+}  // namespace
+
+std::unique_ptr<Verb> makeMkdirVerb() { return std::make_unique<MkdirVerb>(); }

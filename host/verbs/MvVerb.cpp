@@ -1,0 +1,56 @@
+#include <CLI/CLI.hpp>
+
+#include "foundation/Paths.h"
+#include "foundation/Unicode.h"
+#include "host/Entry.h"
+#include "host/HostError.h"
+#include "host/verbs/Verbs.h"
+
+namespace {
+
+class MvVerb final : public Verb {
+ public:
+  Words words() const override {
+    return {"mv", "Move or rename a file or folder",
+            "  kzv mv /draft.txt /Documents\n  kzv mv /Documents/draft.txt /Documents/final.txt"};
+  }
+  void declare(CLI::App& command) override {
+    command.add_option("FROM", from_, "File or folder of the account")->required();
+    command
+        .add_option("TO", to_, "An existing folder, which receives it under its own name, or its new path")
+        ->required();
+  }
+
+  void run(VerbContext& context) override {
+    const auto volume = context.openVolume();
+    const std::string from = volume ? context.pathFrom(from_) : std::string();
+    const std::string to = from.empty() ? std::string() : context.pathFrom(to_);
+    if (to.empty() || context.shouldStop(from)) return;
+    if (from == "/")
+      return context.fail(from, hostError(HostErrorCode::badInput, "the whole account is not moved"));
+    NSErrorRef error;
+    if (!volume->moveFromPath(from, targetFor(*volume, from, to), nullptr, {}, &error))
+      context.fail(from, error);
+  }
+
+ private:
+  std::string targetFor(FSPlugin& volume, const std::string& from, const std::string& to) const {
+    // Paths that differ in letter case alone name the same item: that is a new spelling, not a move into
+    // itself.
+    const bool isRespelled = lowercased(from) == lowercased(to);
+    const bool isInto = to == "/" || (!isRespelled && (to_.ends_with('/') || isFolder(volume, to)));
+    return isInto ? appendingPathComponent(to, lastPathComponent(from)) : to;
+  }
+
+  static bool isFolder(FSPlugin& volume, const std::string& path) {
+    const auto attributes = volume.attributesAtPath(path, nullptr);
+    return attributes && Entry::from(path, *attributes).isDirectory;
+  }
+
+  std::string from_;
+  std::string to_;
+};
+
+}  // namespace
+
+std::unique_ptr<Verb> makeMvVerb() { return std::make_unique<MvVerb>(); }
