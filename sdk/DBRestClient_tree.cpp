@@ -1,4 +1,4 @@
-#include <atomic>
+#include <functional>
 #include <random>
 #include <utility>
 
@@ -32,6 +32,24 @@ RecordRef recordAt(const std::string& path, const HttpResponse& response, Record
   if (!metadata) return nullptr;
   return RecordReader().record(*metadata,
                                std::make_shared<const std::string>(deletingLastPathComponent(path)), kind);
+}
+
+/// Asks what is at `path` now. For a change whose answer was lost.
+void lookAt(const ImplRef& client, const OperationRef& operation, const std::string& path,
+            const RequestDescription& about, std::function<void(ServiceAnswer&)> handler) {
+  client->send(operation, readingRequest("files/get_metadata", {{"path", path}}, about), std::move(handler));
+}
+
+bool isNotFound(const ServiceAnswer& answer) {
+  return answer.error && hasErrorTag(answer.response, "not_found");
+}
+
+/// The record that a look at `path` brought; null when there is nothing.
+RecordRef recordFound(const std::string& path, const ServiceAnswer& answer) {
+  const auto document = answer.error ? nullptr : Document::parse(answer.response.body);
+  if (!document) return nullptr;
+  return RecordReader().record(document->root(),
+                               std::make_shared<const std::string>(deletingLastPathComponent(path)));
 }
 
 /// A move from one path to another. A new name that differs from the old one in letter case only is the same
@@ -119,9 +137,25 @@ class Move : public std::enable_shared_from_this<Move> {
   }
 
   void ended(const ServiceAnswer& answer) {
+    if (answer.error && answer.mayHaveBeenCarriedOut && detour_.empty()) return lookAfter(answer);
     if (answer.error) return fail(answer);
     const RecordRef record = recordAt(*to_, answer.response, RecordReader::Kind::byTag);
     if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
+    finish(record);
+  }
+
+  /// The item has been moved when it is no longer at the old place and something is at the new one.
+  void lookAfter(const ServiceAnswer& lost) {
+    lookAt(client_, operation_, *from_, about_, [self = shared_from_this(), lost](ServiceAnswer& old) {
+      if (!isNotFound(old)) return self->fail(lost);
+      lookAt(self->client_, self->operation_, *self->to_, self->about_, [self, lost](ServiceAnswer& now) {
+        const RecordRef record = recordFound(*self->to_, now);
+        record ? self->finish(record) : self->fail(lost);
+      });
+    });
+  }
+
+  void finish(const RecordRef& record) {
     client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.movedPath(client, fromPath_, record);
     });
@@ -154,6 +188,11 @@ void DBRestClient::createFolder(const std::string& path) {
       delegate.createFolderFailedWithError(client, answer.error);
     });
   };
+  const auto finish = [impl = impl_, operation](const RecordRef& record) {
+    impl->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.createdFolder(client, record);
+    });
+  };
   const auto target = servicePath(path);
   if (!target || target->empty()) {
     impl_->performLater(operation, [fail, about] { fail({{}, unacceptablePathError(about), {}}); });
@@ -161,13 +200,17 @@ void DBRestClient::createFolder(const std::string& path) {
   }
   impl_->send(operation,
               changingRequest("files/create_folder_v2", {{"path", *target}, {"autorename", false}}, about),
-              [impl = impl_, operation, fail, about, target](ServiceAnswer& answer) {
+              [impl = impl_, operation, fail, finish, about, target](ServiceAnswer& answer) {
+                if (answer.error && answer.mayHaveBeenCarriedOut) {
+                  return lookAt(impl, operation, *target, about,
+                                [fail, finish, target, lost = answer](ServiceAnswer& now) {
+                                  const RecordRef record = recordFound(*target, now);
+                                  record && record->isDirectory() ? finish(record) : fail(lost);
+                                });
+                }
                 if (answer.error) return fail(answer);
                 const RecordRef record = recordAt(*target, answer.response, RecordReader::Kind::folder);
-                if (!record) return fail({{}, invalidResponseError(answer.response, about), {}});
-                impl->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-                  delegate.createdFolder(client, record);
-                });
+                record ? finish(record) : fail({{}, invalidResponseError(answer.response, about), {}});
               });
 }
 
@@ -179,17 +222,25 @@ void DBRestClient::deletePath(const std::string& path) {
       delegate.deletePathFailedWithError(client, answer.error);
     });
   };
+  const auto finish = [impl = impl_, operation, path] {
+    impl->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.deletedPath(client, path);
+    });
+  };
   const auto target = servicePath(path);
   if (!target || target->empty()) {
     impl_->performLater(operation, [fail, about] { fail({{}, unacceptablePathError(about), {}}); });
     return;
   }
   impl_->send(operation, changingRequest("files/delete_v2", {{"path", *target}}, about),
-              [impl = impl_, operation, fail, path](ServiceAnswer& answer) {
-                if (answer.error) return fail(answer);
-                impl->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-                  delegate.deletedPath(client, path);
-                });
+              [impl = impl_, operation, fail, finish, about, target](ServiceAnswer& answer) {
+                if (answer.error && answer.mayHaveBeenCarriedOut) {
+                  return lookAt(impl, operation, *target, about,
+                                [fail, finish, lost = answer](ServiceAnswer& now) {
+                                  isNotFound(now) ? finish() : fail(lost);
+                                });
+                }
+                answer.error ? fail(answer) : finish();
               });
 }
 

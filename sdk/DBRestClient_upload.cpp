@@ -325,10 +325,30 @@ class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
       // An upload that was begun elsewhere: the service tells how much it has. Where the number is known to
       // be another, something is missing, and the file must not be stored without it.
       const auto offset = ChunkUpload::correctOffset(answer.response);
+      if (answer.mayHaveBeenCarriedOut && isKnown_) return lookAfter(answer);
       if (isKnown_ || !offset) return fail(answer);
       isKnown_ = true;
       return send(*offset);
     }
+    stored(answer);
+  }
+
+  /// The session is used up by success, so a lost answer must not end in a second attempt: when the target
+  /// holds what was sent, the file has been stored.
+  void lookAfter(const ServiceAnswer& lost) {
+    const json::object argument{{"path", *target_}};
+    client_->send(
+        operation_, readingRequest("files/get_metadata", argument, about_),
+        [self = shared_from_this(), lost](ServiceAnswer& now) {
+          const auto document = now.error ? nullptr : Document::parse(now.response.body);
+          const auto hash = document ? servicejson::text(document->root(), "content_hash") : std::nullopt;
+          const UploadSessions::Session* known = self->client_->uploads.find(self->uploadId_);
+          const bool isThere = hash && known && known->hash && ContentHash(*known->hash).finish() == *hash;
+          isThere ? self->stored(now) : self->fail(lost);
+        });
+  }
+
+  void stored(const ServiceAnswer& answer) {
     const auto document = Document::parse(answer.response.body);
     const RecordRef record = document ? storedRecord(*target_, document->root()) : nullptr;
     if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});

@@ -40,8 +40,9 @@ struct HttpRequest {
 
 /// What came back. An HTTP error status is an answer like any other at this level.
 struct HttpResponse {
-  int curlCode = 0;  // CURLcode; anything but CURLE_OK is a failure of transport
-  long status = 0;   // 0: no status line arrived
+  int curlCode = 0;   // CURLcode; anything but CURLE_OK is a failure of transport
+  long status = 0;    // 0: no status line arrived
+  int timesSent = 0;  // libcurl sends again by itself what it sent on a kept connection that turns out dead
   std::string body;
   std::string requestId;                          // X-Dropbox-Request-Id
   std::string apiResult;                          // Dropbox-API-Result

@@ -105,6 +105,11 @@ int rewindBody(void* context, curl_off_t offset, int origin) {
                                                                        : CURL_SEEKFUNC_FAIL;
 }
 
+int beforeSending(void* context, char*, char*, int, int) {
+  ++static_cast<HttpTransfer*>(context)->response.timesSent;
+  return CURL_PREREQFUNC_OK;
+}
+
 void initializeCurlOnce() {
   static const CURLcode initialized = curl_global_init(CURL_GLOBAL_DEFAULT);
   if (initialized != CURLE_OK) fatalInvariant("libcurl can be initialised");
@@ -261,6 +266,7 @@ CURL* NetworkThread::Loop::makeHandle() const {
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, receiveBody);
   curl_easy_setopt(easy, CURLOPT_READFUNCTION, sendBody);
   curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, rewindBody);
+  curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, beforeSending);
   return easy;
 }
 
@@ -296,6 +302,7 @@ void NetworkThread::Loop::configure(CURL* easy, HttpTransfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_READDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_SEEKDATA, &transfer);
+  curl_easy_setopt(easy, CURLOPT_PREREQDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectTimeoutMs.load());
   curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, silenceTimeoutSeconds.load());
   // Plain HTTP is a server on this machine: no proxy, no compression, nothing to wait for before a second

@@ -12,6 +12,12 @@ double randomFraction() {
   return std::uniform_real_distribution<double>(0, 1)(generator);
 }
 
+bool mayHaveBeenCarriedOut(const HttpResponse& response) {
+  if (response.timesSent == 0) return false;
+  return response.curlCode != 0 || response.timesSent > 1 ||
+         (response.status >= 500 && response.status != 503);
+}
+
 bool isContent(ServiceRequest::Style style) {
   return style == ServiceRequest::Style::contentUpload || style == ServiceRequest::Style::contentDownload;
 }
@@ -107,6 +113,7 @@ void ServiceCall::received(HttpResponse& response) {
   }
   if (repairAuthorization(response) || repeatLater(response)) return;
   answer_.error = errorFromResponse(response, request_.about);
+  answer_.mayHaveBeenCarriedOut = mayHaveBeenCarriedOut(response);
   answer_.response = std::move(response);
   finish();
 }

@@ -45,7 +45,10 @@ struct ServiceAnswer {
   HttpResponse response;
   NSErrorRef error;  // null: success
   /// Set when the account's authorization turned out to be withdrawn: the linking it concerns.
-  std::optional<std::uint64_t> lostLinking;
+  std::optional<std::uint64_t> lostLinking{};
+  /// Beside an error: the service may have carried the request out all the same, and only its answer was
+  /// lost. Whoever changed something should look before believing the error.
+  bool mayHaveBeenCarriedOut = false;
 };
 
 /// One request under way, with all that its caller need not know of: the renewal of an expired token, and

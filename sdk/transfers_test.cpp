@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -347,6 +348,22 @@ TEST_F(ChunkedUpload, HashSurvivesALostAnswer) {
   EXPECT_EQ(commit("S"), "error 101") << "the hash of all that was sent is still known";
 }
 
+TEST_F(ChunkedUpload, LostAnswerToTheCommitIsNoFailureWhenTheFileIsThere) {
+  std::atomic<bool> isThere{true};
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    if (request.route == startRoute) return jsonReply(R"({"session_id":"S"})");
+    if (request.route == finishRoute) return ScriptedReply{.cutBeforeAnswer = true};
+    std::string json = storedJson("/A/n", isThere ? content : "an older version");
+    return jsonReply(json.insert(1, R"(".tag":"file",)"));
+  });
+  localFile(content);
+  EXPECT_EQ(chunk(std::nullopt, 0), "chunk S 2500000");
+  EXPECT_EQ(commit("S"), "committed S /A/n as /A/n");
+  isThere = false;
+  EXPECT_EQ(chunk(std::nullopt, 0), "chunk S 2500000");
+  EXPECT_EQ(commit("S"), "error -52");
+}
+
 TEST_F(ChunkedUpload, UploadBegunElsewhereIsCommittedAtTheOffsetThatTheServiceKnows) {
   const auto serving = serve([&](const ScriptedRequest& request) {
     if (request.headers.at("dropbox-api-arg").find("\"offset\":77") != std::string::npos) return finished();
@@ -377,6 +394,44 @@ TEST_F(TreeChanges, EndWithTheServicesRecord) {
     EXPECT_EQ(outcome([&](DBRestClient& own) { own.deletePath(root); }), "error 400")
         << "never the whole account";
     EXPECT_EQ(outcome([&](DBRestClient& own) { own.moveFrom("/a", root); }), "error 400");
+  }
+}
+
+// The service does what it is asked and then breaks the connection instead of answering. Each row is tried on
+// a fresh connection, and on a kept one, where libcurl sends the request a second time.
+TEST_F(TreeChanges, ChangeWhoseAnswerWasLostIsNotReportedAsFailed) {
+  std::mutex mutex;
+  std::set<std::string> paths;
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    const std::lock_guard lock(mutex);
+    const auto value = [&](const std::string& key) {
+      const auto begin = request.body.find("\"" + key + "\":\"") + key.size() + 4;
+      return request.body.substr(begin, request.body.find('"', begin) - begin);
+    };
+    if (request.route == "/2/files/get_metadata") {
+      return paths.count(value("path")) ? jsonReply(folderJson(value("path")))
+                                        : errorReply(409, {"path", "not_found"});
+    }
+    if (request.route == "/2/files/list_folder") return jsonReply(pageJson(""));
+    bool done = false;
+    if (request.route == "/2/files/create_folder_v2") done = paths.insert(value("path")).second;
+    if (request.route == "/2/files/delete_v2") done = paths.erase(value("path")) > 0;
+    if (request.route == "/2/files/move_v2") {
+      done = paths.erase(value("from_path")) > 0;
+      if (done) paths.insert(value("to_path"));
+    }
+    if (done) return ScriptedReply{.cutBeforeAnswer = true};
+    return errorReply(409, {"path", request.route == "/2/files/create_folder_v2" ? "conflict" : "not_found"});
+  });
+  for (const bool isKept : {false, true}) {
+    SCOPED_TRACE(isKept);
+    const auto change = [&](const std::function<void(DBRestClient&)>& request) {
+      if (isKept) outcomeOf("/");
+      return outcome(request);
+    };
+    EXPECT_EQ(change([](DBRestClient& own) { own.createFolder("/n"); }), "created /n");
+    EXPECT_EQ(change([](DBRestClient& own) { own.moveFrom("/n", "/m"); }), "moved /n to /m");
+    EXPECT_EQ(change([](DBRestClient& own) { own.deletePath("/m"); }), "deleted /m");
   }
 }
 
