@@ -40,24 +40,24 @@ inline std::string shown(const id& value) {
   switch (value->kind()) {
     case NSKind::array:
       for (const id& item : as<NSArray>(value)->items()) text += (text.empty() ? "" : ",") + shown(item);
-      return "[" + text + "]";
+      return text.insert(0, 1, '[').append(1, ']');
     case NSKind::dictionary:
       for (const auto& [key, item] : as<NSDictionary>(value)->entries()) {
         text += (text.empty() ? "" : ",") + shown(key) + ":" + shown(item);
       }
-      return "{" + text + "}";
+      return text.insert(0, 1, '{').append(1, '}');
     case NSKind::string:
-      return '"' + *textOf(value) + '"';
+      return text.append(1, '"').append(*textOf(value)).append(1, '"');
     case NSKind::number:
       switch (as<NSNumber>(value)->origin()) {
         case NSNumber::Origin::boolean:
-          return "b" + value->description();
+          return text.append("b").append(value->description());
         case NSNumber::Origin::integer:
-          return "i" + value->description();
+          return text.append("i").append(value->description());
         case NSNumber::Origin::decimal:
-          return "d" + value->description();
+          return text.append("d").append(value->description());
         default:
-          return "?" + value->description();
+          return text.append("?").append(value->description());
       }
     default:
       return value->description();

@@ -6,7 +6,7 @@
 namespace {
 // Small ones are what malloc gives from its quickest lists; a text with many values gets few large ones.
 constexpr std::size_t leastChunkBytes = 1000;
-constexpr std::size_t mostChunkBytes = 64 * 1024;
+constexpr std::size_t mostChunkBytes = 65'536;
 constexpr std::size_t fewChunks = 8;
 // Stands for the arena itself, far above the number of objects that fit into a chunk.
 constexpr std::size_t inUse = std::size_t{1} << 32;

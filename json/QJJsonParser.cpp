@@ -15,8 +15,8 @@ namespace {
 // What a call may leave reserved for the next one: enough for an ordinary text, little beside an outsize one.
 constexpr std::size_t fewItems = 64;
 constexpr std::size_t fewContainers = 8;
-constexpr std::size_t keptItems = 16 * 1024;
-constexpr std::size_t keptTextBytes = 256 * 1024;
+constexpr std::size_t keptItems = 16'384;
+constexpr std::size_t keptTextBytes = 262'144;
 }  // namespace
 
 id QJJsonParser::objectWithString(const id& text, NSErrorRef* error) {

@@ -138,7 +138,6 @@ QJJsonWriter::Step QJJsonWriter::beginProxy(const NSObject* value) {
                                                           value ? value->className() : "(null)"));
   }
   OpenValue open;
-  open.depthBefore = depth_;
   open.proxiesInARow = open_.empty() ? 1 : open_.back().proxiesInARow + 1;
   if (open.proxiesInARow > maxProxiesInARow) return fail(QJJsonErrorCode::depth, "Nested too deep");
   open.proxy = offer->proxyForJson();

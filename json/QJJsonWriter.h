@@ -61,7 +61,6 @@ class QJJsonWriter : public QJJsonBase {
     id proxy;                     // the value in the place of the object that offered it; kept for the call
     std::size_t next = 0;         // the element or member to write next
     std::size_t firstSorted = 0;  // of a dictionary: where its members begin in sorted_
-    std::size_t depthBefore = 0;  // of a proxy
     std::size_t proxiesInARow = 0;
   };
   enum class Step : unsigned char {

@@ -121,11 +121,7 @@ bool QJJsonWriter::failOpenValues(std::size_t outermost) {
       addErrorWithCode(QJJsonErrorCode::unsupported,
                        fmt::format("Unsupported value for key {} in object", key));
     }
-    if (isProxy) {
-      depth_ = open.depthBefore;
-    } else {
-      --depth_;
-    }
+    if (!isProxy) --depth_;
     leaveInnermost();
     if (isProxy) return true;
   }

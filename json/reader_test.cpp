@@ -238,11 +238,14 @@ TEST(Reader, AValueLivesOnAlone) {
 }
 
 TEST(Reader, EqualKeysShareOneObject) {
-  const id list = QJJsonParser().objectWithString(R"([{"k":1},{"k":2},{"k":3},{"k":4}])");
-  const auto key = [&](std::size_t at) {
+  const char* const text = R"([{"sharedKey":1},{"sharedKey":2},{"sharedKey":3},{"sharedKey":4}])";
+  const auto key = [](const id& list, std::size_t at) {
     return as<NSDictionary>(as<NSArray>(list)->items()[at])->entries()[0].first;
   };
-  EXPECT_EQ(key(2), key(3));
+  const id first = QJJsonParser().objectWithString(text);
+  const id second = QJJsonParser().objectWithString(text);
+  EXPECT_EQ(key(first, 2), key(first, 3));
+  EXPECT_EQ(key(first, 3), key(second, 0));
 }
 
 TEST(Reader, ManyKeysAreToldApart) {
