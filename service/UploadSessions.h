@@ -67,8 +67,10 @@ class UploadSessions {
   /// Everything that was received, ready to be committed. The session is locked until `finished` is
   /// destroyed.
   struct Ready {
-    std::unique_lock<std::mutex> lock;
+    // Holds the mutex of `lock`, so it has to be destroyed after it: a session that was removed lives on here
+    // alone.
     std::shared_ptr<void> keepAlive;
+    std::unique_lock<std::mutex> lock;
     std::filesystem::path file;
     std::uint64_t sizeBytes = 0;
     std::string hash;
