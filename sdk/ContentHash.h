@@ -28,7 +28,7 @@ class Sha256 {
 /// service's public documentation, "Content hash"). Copyable in the middle of a file.
 class ContentHash {
  public:
-  static constexpr std::size_t blockBytes = 4 * 1024 * 1024;
+  static constexpr std::size_t blockBytes = 4UL * 1024 * 1024;
   void update(std::string_view bytes);
   /// As lower-case hexadecimal digits. Ends the hash.
   std::string finish();

@@ -1,4 +1,3 @@
-#include <chrono>
 #include <utility>
 
 #include "foundation/DispatchQueue.h"
@@ -93,11 +92,6 @@ class AccountLoad : public std::enable_shared_from_this<AccountLoad> {
   std::optional<AccountFields> fields_;
   std::optional<DBQuota> quota_;
 };
-
-std::int64_t unixNow() {
-  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 /// What a person or the service handed over: a bare token, or a token answer as JSON. Nothing for an empty
 /// text, one with a control character (it could not travel in a header), or JSON without a token.

@@ -45,7 +45,7 @@ class Download : public std::enable_shared_from_this<Download> {
     }
     auto request = makeRequest();
     if (!request) return failLater(requestError(400, "there is no preview of this size", about_));
-    sink_ = std::make_shared<FileSink>(intoPath_, progressReceiver());
+    sink_ = std::make_shared<FileSink>(intoPath_, progress());
     request->style = ServiceRequest::Style::contentDownload;
     request->sink = sink_;
     client_->send(operation_, std::move(*request),
@@ -55,7 +55,7 @@ class Download : public std::enable_shared_from_this<Download> {
  protected:
   virtual std::optional<ServiceRequest> makeRequest() const = 0;
   /// Progress reports, or nothing.
-  virtual std::function<void(std::int64_t, std::int64_t)> progressReceiver() { return {}; }
+  virtual ProgressReceiver progress() { return {}; }
   /// Reads what the answer says of the file; null when the content is as it should be.
   virtual NSErrorRef check(const json::object* description, FileSink& sink) = 0;
   virtual void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) = 0;
@@ -118,18 +118,14 @@ class FileDownload final : public Download {
     return readingRequest("files/download", {{"path", *path_}}, about_);
   }
 
-  std::function<void(std::int64_t, std::int64_t)> progressReceiver() override {
-    auto report = [client = client_, operation = operation_, path = intoPath_](double fraction) {
-      if (operation->cancelled) return;
-      client->notify([&](DBRestClientDelegate& delegate, DBRestClient& owner) {
-        delegate.loadProgress(owner, fraction, path);
-      });
-    };
-    auto post = [runLoop = operation_->runLoop](std::function<void()> block) {
-      runLoop->perform(std::move(block));
-    };
-    auto meter = std::make_shared<ProgressMeter>(std::move(post), std::move(report));
-    return [meter](std::int64_t done, std::int64_t total) { meter->reached(done, total); };
+  ProgressReceiver progress() override {
+    return progressReceiver(operation_->runLoop,
+                            [client = client_, operation = operation_, path = intoPath_](double fraction) {
+                              if (operation->cancelled) return;
+                              client->notify([&](DBRestClientDelegate& delegate, DBRestClient& owner) {
+                                delegate.loadProgress(owner, fraction, path);
+                              });
+                            });
   }
 
   NSErrorRef check(const json::object* description, FileSink& sink) override {

@@ -1,4 +1,3 @@
-#include <chrono>
 #include <utility>
 
 #include "sdk/DBError.h"
@@ -9,11 +8,6 @@ namespace json = boost::json;
 using servicejson::Document;
 
 namespace {
-
-std::int64_t unixNow() {
-  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 std::optional<DBCredential> credentialOf(const HttpResponse& response) {
   const auto document = Document::parse(response.body);

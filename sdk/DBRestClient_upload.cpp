@@ -113,18 +113,13 @@ class Upload : public std::enable_shared_from_this<Upload> {
 
  private:
   void reportProgress() {
-    auto report = [weak = weak_from_this()](double fraction) {
+    source_->setProgress(progressReceiver(operation_->runLoop, [weak = weak_from_this()](double fraction) {
       const auto self = weak.lock();
       if (!self || self->operation_->cancelled) return;
       self->client_->notify([&](DBRestClientDelegate& delegate, DBRestClient& client) {
         self->tellProgress(delegate, client, fraction);
       });
-    };
-    auto post = [runLoop = operation_->runLoop](std::function<void()> block) {
-      runLoop->perform(std::move(block));
-    };
-    auto meter = std::make_shared<ProgressMeter>(std::move(post), std::move(report));
-    source_->setProgress([meter](std::int64_t done, std::int64_t total) { meter->reached(done, total); });
+    }));
   }
 };
 

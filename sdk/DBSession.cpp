@@ -16,11 +16,6 @@ namespace {
 // A token this close to its end would run out under way.
 constexpr std::int64_t renewalMarginSeconds = 300;
 
-std::int64_t unixNow() {
-  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
 std::shared_ptr<DBSession>& sharedSlot() {
   static auto& slot = *new std::shared_ptr<DBSession>;
   return slot;
@@ -31,6 +26,11 @@ std::mutex& sharedMutex() {
 }
 
 }  // namespace
+
+std::int64_t unixNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
 
 DBSession::Internals::Internals(std::string key, std::string secret, std::string_view rootName)
     : appKey(std::move(key)),
@@ -146,10 +146,10 @@ void DBSession::Internals::unlink(const std::string& userId) {
                 (error ? error->localizedDescription() : "no reason"));
     }
   }
-  revoke(std::move(credential));
+  revoke(credential);
 }
 
-void DBSession::Internals::revoke(DBCredential credential) {
+void DBSession::Internals::revoke(const DBCredential& credential) {
   ServiceRequest request;
   request.style = ServiceRequest::Style::rpcWithoutArgument;
   request.route = "auth/token/revoke";

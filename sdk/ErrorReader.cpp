@@ -48,6 +48,8 @@ constexpr TagRow tagRows[] = {
     {"expired_access_token", 401, "the authorization has expired"},
     {"missing_scope", 401, "the application has not been granted this permission"},
     {"user_suspended", 401, "the account is suspended"},
+    {"invalid_grant", 0, "the authorization is no longer valid; sign in again"},
+    {"invalid_client", 0, "the service does not know this application"},
     {"reset", 0, "the list of changes has to be started again"},
     {"cant_move_folder_into_itself", 0, "a folder cannot be moved into itself"},
     {"duplicated_or_nested_paths", 0, "source and target are the same or one lies inside the other"},

@@ -1,7 +1,9 @@
 #include "sdk/LocalFile.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <random>
 #include <utility>
 
@@ -31,28 +33,45 @@ void syncFolder(const std::string& folder) {
   ::close(descriptor);
 }
 
+class ProgressMeter {
+ public:
+  ProgressMeter(std::shared_ptr<NSRunLoop> runLoop, std::function<void(double)> report)
+      : runLoop_(std::move(runLoop)), shared_(std::make_shared<Shared>()) {
+    shared_->report = std::move(report);
+  }
+
+  void reached(std::int64_t doneBytes, std::int64_t totalBytes) {
+    const bool isLast = doneBytes >= totalBytes;
+    const auto now = std::chrono::steady_clock::now();
+    if (!isLast && now - lastReport_ < reportInterval) return;
+    lastReport_ = now;
+    shared_->fraction = isLast ? 1.0 : static_cast<double>(doneBytes) / static_cast<double>(totalBytes);
+    if (shared_->isWaiting.exchange(true)) return;
+    runLoop_->perform([shared = shared_] {
+      shared->isWaiting = false;
+      shared->report(shared->fraction);
+    });
+  }
+
+ private:
+  struct Shared {
+    std::atomic<double> fraction{0};
+    std::atomic<bool> isWaiting{false};
+    std::function<void(double)> report;
+  };
+  const std::shared_ptr<NSRunLoop> runLoop_;
+  const std::shared_ptr<Shared> shared_;
+  std::chrono::steady_clock::time_point lastReport_{};
+};
+
 }  // namespace
 
-ProgressMeter::ProgressMeter(std::function<void(std::function<void()>)> post,
-                             std::function<void(double)> report)
-    : post_(std::move(post)), shared_(std::make_shared<Shared>()) {
-  shared_->report = std::move(report);
+ProgressReceiver progressReceiver(std::shared_ptr<NSRunLoop> runLoop, std::function<void(double)> report) {
+  auto meter = std::make_shared<ProgressMeter>(std::move(runLoop), std::move(report));
+  return [meter](std::int64_t done, std::int64_t total) { meter->reached(done, total); };
 }
 
-void ProgressMeter::reached(std::int64_t doneBytes, std::int64_t totalBytes) {
-  const bool isLast = doneBytes >= totalBytes;
-  const auto now = std::chrono::steady_clock::now();
-  if (!isLast && now - lastReport_ < reportInterval) return;
-  lastReport_ = now;
-  shared_->fraction = isLast ? 1.0 : static_cast<double>(doneBytes) / static_cast<double>(totalBytes);
-  if (shared_->isWaiting.exchange(true)) return;
-  post_([shared = shared_] {
-    shared->isWaiting = false;
-    shared->report(shared->fraction);
-  });
-}
-
-FileSink::FileSink(std::string target, std::function<void(std::int64_t, std::int64_t)> progress)
+FileSink::FileSink(std::string target, ProgressReceiver progress)
     : target_(std::move(target)), progress_(std::move(progress)) {}
 
 FileSink::~FileSink() {
@@ -67,9 +86,6 @@ bool FileSink::fail(int errnoValue) {
 
 bool FileSink::open() {
   const std::string folder = deletingLastPathComponent(target_);
-  if (!target_.starts_with('/') || target_.ends_with('/') || target_.find('\0') != std::string::npos) {
-    return fail(EINVAL);
-  }
   do {
     temporary_ = appendingPathComponent(folder, randomName());
     // An ordinary file with the user's own mode: it becomes one when it is whole.
@@ -147,9 +163,7 @@ void FileSource::setSection(std::int64_t offset, std::int64_t sizeBytes, Content
   rewind();
 }
 
-void FileSource::setProgress(std::function<void(std::int64_t, std::int64_t)> progress) {
-  progress_ = std::move(progress);
-}
+void FileSource::setProgress(ProgressReceiver progress) { progress_ = std::move(progress); }
 
 bool FileSource::rewind() {
   sentBytes_ = 0;

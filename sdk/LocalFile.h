@@ -1,6 +1,4 @@
 #pragma once
-#include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -9,35 +7,24 @@
 
 #include "foundation/NSDate.h"
 #include "foundation/NSError.h"
+#include "foundation/NSRunLoop.h"
 #include "sdk/ContentHash.h"
 #include "sdk/HttpRequest.h"
 
-/// Passes the progress of a transfer on from the network thread, rarely enough to cost nothing: not while an
-/// earlier report is still waiting to be read, and some milliseconds apart, but always the last one.
-class ProgressMeter {
- public:
-  /// @param post  hands a block to the thread that reads the reports. @param report  runs there.
-  ProgressMeter(std::function<void(std::function<void()>)> post, std::function<void(double)> report);
-  /// Network thread.
-  void reached(std::int64_t doneBytes, std::int64_t totalBytes);
+/// Takes bytes done and bytes in all. Network thread.
+using ProgressReceiver = std::function<void(std::int64_t, std::int64_t)>;
 
- private:
-  struct Shared {
-    std::atomic<double> fraction{0};
-    std::atomic<bool> isWaiting{false};
-    std::function<void(double)> report;
-  };
-  const std::function<void(std::function<void()>)> post_;
-  const std::shared_ptr<Shared> shared_;
-  std::chrono::steady_clock::time_point lastReport_{};
-};
+/// Passes the progress of a transfer on from the network thread to `runLoop` as fractions, rarely enough to
+/// cost nothing: not while an earlier report is still waiting to be read, and some milliseconds apart, but
+/// always the last one.
+ProgressReceiver progressReceiver(std::shared_ptr<NSRunLoop> runLoop, std::function<void(double)> report);
 
 /// Receives a body into a file that appears under its name only when it is whole: the bytes go to a temporary
 /// name beside it, which goes away again unless keep() succeeds.
 class FileSink final : public BodySink {
  public:
-  /// @param target  an absolute path in a folder that exists.
-  FileSink(std::string target, std::function<void(std::int64_t, std::int64_t)> progress);
+  /// @param target  an absolute path that names a file; its folder has to exist.
+  FileSink(std::string target, ProgressReceiver progress);
   ~FileSink() override;
   bool begin(std::optional<std::int64_t> sizeBytes) override;
   bool write(std::string_view bytes) override;
@@ -56,7 +43,7 @@ class FileSink final : public BodySink {
   bool fail(int errnoValue);
 
   const std::string target_;
-  const std::function<void(std::int64_t, std::int64_t)> progress_;
+  const ProgressReceiver progress_;
   std::string temporary_;
   int descriptor_ = -1;
   std::optional<std::int64_t> expectedBytes_;
@@ -76,7 +63,7 @@ class FileSource final : public BodySource {
   NSDate::Time modificationDate() const noexcept { return modificationDate_; }
   /// What is sent; at first the whole file. `hashBefore` is the content hash of what lies before `offset`.
   void setSection(std::int64_t offset, std::int64_t sizeBytes, ContentHash hashBefore);
-  void setProgress(std::function<void(std::int64_t, std::int64_t)> progress);
+  void setProgress(ProgressReceiver progress);
 
   std::int64_t sizeBytes() const override { return sizeBytes_; }
   bool rewind() override;
@@ -100,6 +87,6 @@ class FileSource final : public BodySource {
   std::int64_t sentBytes_ = 0;
   ContentHash hashBefore_;
   ContentHash hash_;
-  std::function<void(std::int64_t, std::int64_t)> progress_;
+  ProgressReceiver progress_;
   NSErrorRef failure_;
 };

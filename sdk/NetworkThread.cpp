@@ -15,11 +15,11 @@
 
 namespace {
 
-constexpr long receiveBufferBytes = 256 * 1024;
-constexpr long sendBufferBytes = 512 * 1024;
+constexpr long receiveBufferBytes = 256L * 1024;
+constexpr long sendBufferBytes = 512L * 1024;
 constexpr std::size_t idleHandleLimit = 16;
 // A page of 2000 entries takes about one MB; more than this is not an answer but an attack or a mistake.
-constexpr std::size_t memoryBodyLimitBytes = 64 * 1024 * 1024;
+constexpr std::size_t memoryBodyLimitBytes = 64UL * 1024 * 1024;
 
 std::atomic<long> connectTimeoutMs{30'000};
 std::atomic<long> silenceTimeoutSeconds{60};
@@ -149,7 +149,7 @@ class NetworkThread::Loop {
   std::map<std::pair<Clock::time_point, TimerId>, Block> timers_;
   TimerId lastTimer_ = 0;
 
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::vector<Block> posted_;    // guarded by mutex_
   bool stopped_ = false;         // guarded by mutex_
   std::thread::id runningOn_{};  // guarded by mutex_
@@ -229,7 +229,7 @@ int NetworkThread::Loop::pollTimeoutMs() const {
   constexpr int idleMs = 1'000'000;  // curl shortens it to its own timers
   {
     // Posted by this thread itself a moment ago, so without a wake-up.
-    const std::lock_guard lock(const_cast<std::mutex&>(mutex_));
+    const std::lock_guard lock(mutex_);
     if (!posted_.empty()) return 0;
   }
   if (timers_.empty()) return idleMs;

@@ -13,6 +13,9 @@
 #include "sdk/ServiceHosts.h"
 #include "sdk/TokenRefresh.h"
 
+/// Seconds since 1970 (POSIX), as the times of tokens are kept.
+std::int64_t unixNow();
+
 /// What a request needs in order to act for an account. Secret.
 struct Authorization {
   std::string accessToken;
@@ -60,7 +63,7 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
     std::uint64_t linking = 0;
     bool failureNoted = false;
   };
-  void revoke(DBCredential credential);
+  void revoke(const DBCredential& credential);
   Account* find(std::string_view userId);
   const Account* find(std::string_view userId) const;
 

@@ -1,18 +1,11 @@
 #include "sdk/TokenRefresh.h"
 
-#include <chrono>
-
 #include "sdk/DBError.h"
 #include "sdk/FormText.h"
 #include "sdk/ServiceCall.h"
 #include "sdk/ServiceJson.h"
 
 namespace {
-
-std::int64_t unixNow() {
-  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 ServiceRequest refreshRequest(const DBSession::Internals& session, const std::string& refreshToken) {
   ServiceRequest request;
