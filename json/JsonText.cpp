@@ -1,6 +1,5 @@
 #include "json/JsonText.h"
 
-#include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <cstring>
@@ -38,6 +37,16 @@ Word load(std::string_view text, std::size_t at) noexcept {
   return word;
 }
 
+/// Copies a word to the same place of `to` and marks its bytes that end a plain run.
+template <class Word>
+std::uint64_t copyWord(std::string_view text, std::size_t at, char* to) noexcept {
+  const auto word = load<Word>(text, at);
+  std::memcpy(to + at, &word, sizeof word);
+  // What a shorter word leaves of the eight bytes must not look like a control character.
+  constexpr std::uint64_t filling = sizeof(Word) < 8 ? everyByte(' ') << 8 * (sizeof(Word) % 8) : 0;
+  return marksEnds(word | filling);
+}
+
 /// Lets `run` grow by whole blocks of eight bytes; true when it found the end of the run.
 bool growByWords(std::string_view text, PlainRun& run) noexcept {
   if constexpr (std::endian::native != std::endian::little) return false;
@@ -71,7 +80,14 @@ unsigned endsIn(__m128i block) noexcept {
       _mm_movemask_epi8(_mm_or_si128(_mm_or_si128(isQuote, isBackslash), isControl)));
 }
 
-/// The same by blocks of sixteen.
+/// Copies sixteen bytes to the same place of `to` and tells which of them end a plain run.
+unsigned copyBlock(std::string_view text, std::size_t at, char* to) noexcept {
+  const __m128i block = blockAt(text, at);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(to + at), block);
+  return endsIn(block);
+}
+
+/// growByWords by blocks of sixteen.
 bool growByBlocks(std::string_view text, PlainRun& run) noexcept {
   while (run.sizeBytes + sizeof(__m128i) <= text.size()) {
     const __m128i block = blockAt(text, run.sizeBytes);
@@ -137,27 +153,31 @@ PlainRun plainRun(std::string_view text) noexcept {
 }
 
 // By blocks of which the last two overlap, so that there is no rest to go through byte by byte.
-bool isPlain(std::string_view text) noexcept {
+bool copyPlain(std::string_view text, char* to) noexcept {
   const std::size_t size = text.size();
 #ifdef __SSE2__
   if (size >= sizeof(__m128i)) {
-    unsigned ends = endsIn(blockAt(text, size - sizeof(__m128i)));
+    unsigned ends = copyBlock(text, size - sizeof(__m128i), to);
     for (std::size_t at = 0; at + sizeof(__m128i) < size; at += sizeof(__m128i))
-      ends |= endsIn(blockAt(text, at));
+      ends |= copyBlock(text, at, to);
     return ends == 0;
   }
 #endif
   if (size >= 8) {
-    std::uint64_t ends = marksEnds(load<std::uint64_t>(text, size - 8));
-    for (std::size_t at = 0; at + 8 < size; at += 8) ends |= marksEnds(load<std::uint64_t>(text, at));
+    std::uint64_t ends = copyWord<std::uint64_t>(text, size - 8, to);
+    for (std::size_t at = 0; at + 8 < size; at += 8) ends |= copyWord<std::uint64_t>(text, at, to);
     return ends == 0;
   }
   if (size >= 4) {
-    const std::uint64_t last = load<std::uint32_t>(text, size - 4);
-    return marksEnds(load<std::uint32_t>(text, 0) | last << 32) == 0;
+    const std::uint64_t last = copyWord<std::uint32_t>(text, size - 4, to);
+    return (copyWord<std::uint32_t>(text, 0, to) | last) == 0;
   }
-  return std::none_of(text.begin(), text.end(),
-                      [](char byte) { return endsPlainRun(static_cast<std::uint8_t>(byte)); });
+  bool isPlain = true;
+  for (std::size_t at = 0; at < size; ++at) {
+    to[at] = text[at];
+    isPlain = isPlain && !endsPlainRun(byteAt(text, at));
+  }
+  return isPlain;
 }
 
 bool isGeneralisedUtf8(std::string_view text) noexcept {

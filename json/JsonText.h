@@ -13,8 +13,9 @@ struct PlainRun {
 /// nothing outside `text`.
 PlainRun plainRun(std::string_view text) noexcept;
 
-/// Whether the whole of `text` is such a run.
-bool isPlain(std::string_view text) noexcept;
+/// Copies `text` to `to`, which has room for it. False when `text` as a whole is not such a run; what was
+/// copied is then of no use.
+bool copyPlain(std::string_view text, char* to) noexcept;
 
 /// Whether `text` is UTF-8 (RFC 3629), where one half of a surrogate pair may also stand alone in its
 /// three-byte form. Both halves in a row are refused: the four-byte form is the only one for such a

@@ -71,16 +71,15 @@ bool QJJsonParser::scanIsAtEnd() {
 
 bool QJJsonParser::scanValue(id* value) {
   for (;;) {
-    Step step = scanBeginningOfValue(value);
+    Step step = scanBeginningOfValue(&items_.emplace_back());
     while (step == Step::value && !open_.empty()) {
-      items_.push_back(std::move(*value));
-      step = open_.back().isDictionary ? scanRestOfDictionary(value) : scanRestOfArray(value);
+      step = open_.back().isDictionary ? scanRestOfDictionary() : scanRestOfArray();
     }
-    if (step == Step::value) return true;
-    if (step == Step::failed) {
-      failOpenContainers();
-      return false;
-    }
+    if (step == Step::needsValue) continue;
+    if (step == Step::failed) failOpenContainers();
+    *value = std::move(items_.back());
+    items_.clear();
+    return step == Step::value;
   }
 }
 
@@ -92,7 +91,7 @@ QJJsonParser::Step QJJsonParser::scanBeginningOfValue(id* value) {
     case '[':
     case '{':
       ++position_;
-      return openContainer(first == '{', value);
+      return openContainer(first == '{');
     case '"': {
       ++position_;
       std::string_view text;
@@ -150,14 +149,14 @@ bool QJJsonParser::scanRestOfNull(id* value) {
   return true;
 }
 
-QJJsonParser::Step QJJsonParser::openContainer(bool isDictionary, id* container) {
+QJJsonParser::Step QJJsonParser::openContainer(bool isDictionary) {
   ++depth_;
   if (maxDepth() != 0 && depth_ > maxDepth()) {
     addErrorWithCode(QJJsonErrorCode::depth, "Nested too deep");
     return Step::failed;
   }
   open_.push_back({items_.size(), isDictionary});
-  return isDictionary ? scanRestOfDictionary(container) : scanRestOfArray(container);
+  return isDictionary ? scanRestOfDictionary() : scanRestOfArray();
 }
 
 // Elements and members may follow each other without a comma: texts like that are around and have always been
@@ -174,7 +173,7 @@ bool QJJsonParser::passesSeparator(char closing, std::string_view messageIfTrail
 
 // The end of the text is looked for before white space is skipped: right after the bracket it is the array
 // that lacks its end, after a blank it is a value that is missing.
-QJJsonParser::Step QJJsonParser::scanRestOfArray(id* array) {
+QJJsonParser::Step QJJsonParser::scanRestOfArray() {
   const bool hasElements = items_.size() > open_.back().firstItem;
   if (hasElements && !passesSeparator(']', "Trailing comma disallowed in array")) return Step::failed;
   if (current() == '\0') {
@@ -183,11 +182,11 @@ QJJsonParser::Step QJJsonParser::scanRestOfArray(id* array) {
   skipWhitespace();
   if (current() != ']') return Step::needsValue;
   ++position_;
-  *array = closeArray();
+  closeArray();
   return Step::value;
 }
 
-QJJsonParser::Step QJJsonParser::scanRestOfDictionary(id* dictionary) {
+QJJsonParser::Step QJJsonParser::scanRestOfDictionary() {
   const bool hasMembers = items_.size() > open_.back().firstItem;
   if (hasMembers && !passesSeparator('}', "Trailing comma disallowed in object")) return Step::failed;
   if (current() == '\0') {
@@ -196,7 +195,7 @@ QJJsonParser::Step QJJsonParser::scanRestOfDictionary(id* dictionary) {
   skipWhitespace();
   if (current() != '}') return scanKeyAndColon();
   ++position_;
-  *dictionary = closeDictionary();
+  closeDictionary();
   return Step::value;
 }
 
@@ -214,21 +213,21 @@ QJJsonParser::Step QJJsonParser::scanKeyAndColon() {
   return Step::needsValue;
 }
 
-id QJJsonParser::closeArray() {
+void QJJsonParser::closeArray() {
   const auto first = items_.begin() + static_cast<std::ptrdiff_t>(open_.back().firstItem);
   std::vector<id> elements(std::make_move_iterator(first), std::make_move_iterator(items_.end()));
   leaveInnermost();
-  return arena_.make<NSArray>(std::move(elements));
+  items_.back() = arena_.make<NSArray>(std::move(elements));
 }
 
-id QJJsonParser::closeDictionary() {
+void QJJsonParser::closeDictionary() {
   NSDictionary::Entries entries;
   entries.reserve((items_.size() - open_.back().firstItem) / 2);
   for (std::size_t at = open_.back().firstItem; at < items_.size(); at += 2) {
     entries.emplace_back(std::move(items_[at]), std::move(items_[at + 1]));
   }
   leaveInnermost();
-  return arena_.make<NSDictionary>(std::move(entries));
+  items_.back() = arena_.make<NSDictionary>(std::move(entries));
 }
 
 void QJJsonParser::leaveInnermost() {
@@ -246,6 +245,7 @@ QJJsonParser::Step QJJsonParser::failInnermost(QJJsonErrorCode code, std::string
 // The containers around a failure fail for want of their value, from the innermost outwards.
 void QJJsonParser::failOpenContainers() {
   while (!open_.empty()) {
+    items_.pop_back();  // the place of what failed
     if (open_.back().isDictionary) {
       const std::string* key = textOf(items_.back());  // the one whose value failed
       failInnermost(QJJsonErrorCode::syntax, fmt::format("Object value expected for key: {}", *key));

@@ -62,8 +62,8 @@ class QJJsonParser : public QJJsonBase {
   bool scanRestOfTrue(id* value);
   bool scanRestOfFalse(id* value);
   bool scanRestOfNull(id* value);
-  Step scanRestOfArray(id* array);
-  Step scanRestOfDictionary(id* dictionary);
+  Step scanRestOfArray();
+  Step scanRestOfDictionary();
   Step scanKeyAndColon();
   bool scanRestOfString(std::string_view* text);
   bool scanStringPieces();
@@ -81,9 +81,9 @@ class QJJsonParser : public QJJsonBase {
   id integer(std::int64_t value);
 
   bool scanRestOfWord(std::string_view rest, std::string_view messageIfNot);
-  Step openContainer(bool isDictionary, id* container);
-  id closeArray();
-  id closeDictionary();
+  Step openContainer(bool isDictionary);
+  void closeArray();
+  void closeDictionary();
   bool passesSeparator(char closing, std::string_view messageIfTrailing);
   Step failInnermost(QJJsonErrorCode code, std::string_view message);
   void failOpenContainers();
@@ -101,8 +101,10 @@ class QJJsonParser : public QJJsonBase {
   const char* position_ = nullptr;
   const char* end_ = nullptr;
   std::vector<OpenContainer> open_;
-  std::vector<id> items_;  // of all open containers, outermost first
-  std::string pieces_;     // the string that is being put together
+  // What has been read of all open containers, outermost first. Each value that has begun has its place here
+  // already, a container before its items.
+  std::vector<id> items_;
+  std::string pieces_;  // the string that is being put together
   bool hasFoldedUnit_ = false;
   ObjectKeys keys_;
   ObjectArena arena_;

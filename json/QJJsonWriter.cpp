@@ -6,7 +6,6 @@
 
 #include <fmt/format.h>
 
-#include "json/JsonText.h"
 #include "json/QJJsonProxying.h"
 
 namespace {
@@ -20,34 +19,6 @@ bool isContainer(const NSObject* value) {
   return value && (value->kind() == NSKind::dictionary || value->kind() == NSKind::array);
 }
 
-void appendEscaped(char byte, std::string& into) {
-  switch (byte) {
-    case '"':
-      into += "\\\"";
-      return;
-    case '\\':
-      into += "\\\\";
-      return;
-    case '\b':
-      into += "\\b";
-      return;
-    case '\t':
-      into += "\\t";
-      return;
-    case '\n':
-      into += "\\n";
-      return;
-    case '\f':
-      into += "\\f";
-      return;
-    case '\r':
-      into += "\\r";
-      return;
-    default:
-      fmt::format_to(std::back_inserter(into), "\\u{:04x}", static_cast<unsigned char>(byte));
-  }
-}
-
 }  // namespace
 
 std::optional<std::string> QJJsonWriter::stringWithObject(const id& value, NSErrorRef* error) {
@@ -56,6 +27,7 @@ std::optional<std::string> QJJsonWriter::stringWithObject(const id& value, NSErr
     clearErrorTrace();
     if (isContainer(written.get())) {
       depth_ = 0;
+      estimateAtBytes_ = firstEstimateAtBytes;
       std::string text;
       text.reserve(firstCapacityBytes);
       if (appendValue(written, text)) return text;
@@ -75,20 +47,27 @@ std::optional<std::string> QJJsonWriter::stringWithObject(const id& value, NSErr
   }
 }
 
-bool QJJsonWriter::appendValue(const id& value, std::string& into) { return append(value.get(), into); }
+bool QJJsonWriter::appendValue(const id& value, std::string& into) {
+  JsonOutput output(into);
+  return write(value.get(), output);
+}
 
-bool QJJsonWriter::appendArray(const NSArray& array, std::string& into) { return append(&array, into); }
+bool QJJsonWriter::appendArray(const NSArray& array, std::string& into) {
+  JsonOutput output(into);
+  return write(&array, output);
+}
 
 bool QJJsonWriter::appendDictionary(const NSDictionary& dictionary, std::string& into) {
-  return append(&dictionary, into);
+  JsonOutput output(into);
+  return write(&dictionary, output);
 }
 
 bool QJJsonWriter::appendString(const NSString& string, std::string& into) {
-  appendQuoted(string.text(), into);
-  return true;
+  JsonOutput output(into);
+  return write(&string, output);
 }
 
-bool QJJsonWriter::append(const NSObject* value, std::string& into) {
+bool QJJsonWriter::write(const NSObject* value, JsonOutput& into) {
   const std::size_t outermost = open_.size();
   Step step = beginValue(value, into);
   for (;;) {
@@ -108,19 +87,19 @@ bool QJJsonWriter::append(const NSObject* value, std::string& into) {
   }
 }
 
-QJJsonWriter::Step QJJsonWriter::beginValue(const NSObject* value, std::string& into) {
+QJJsonWriter::Step QJJsonWriter::beginValue(const NSObject* value, JsonOutput& into) {
   switch (value ? value->kind() : NSKind::object) {
     case NSKind::dictionary:
       return beginDictionary(static_cast<const NSDictionary&>(*value), into);
     case NSKind::array:
       return beginArray(static_cast<const NSArray&>(*value), into);
     case NSKind::string:
-      appendQuoted(static_cast<const NSString&>(*value).text(), into);
+      into.addQuoted(static_cast<const NSString&>(*value).text());
       return Step::done;
     case NSKind::number:
       return appendNumber(static_cast<const NSNumber&>(*value), into);
     case NSKind::null:
-      into += "null";
+      into.add("null");
       return Step::done;
     case NSKind::object:
     case NSKind::date:
@@ -146,16 +125,16 @@ QJJsonWriter::Step QJJsonWriter::beginProxy(const NSObject* value) {
   return Step::needsValue;
 }
 
-QJJsonWriter::Step QJJsonWriter::appendNumber(const NSNumber& number, std::string& into) {
+QJJsonWriter::Step QJJsonWriter::appendNumber(const NSNumber& number, JsonOutput& into) {
   switch (number.origin()) {
     case NSNumber::Origin::boolean:
     case NSNumber::Origin::character:
-      into += number.boolValue() ? "true" : "false";
+      into.add(number.boolValue() ? "true" : "false");
       return Step::done;
     case NSNumber::Origin::integer: {
       std::array<char, 24> text;
       const char* const end = std::to_chars(text.data(), text.data() + text.size(), number.int64Value()).ptr;
-      into.append(text.data(), static_cast<std::size_t>(end - text.data()));
+      into.add({text.data(), static_cast<std::size_t>(end - text.data())});
       return Step::done;
     }
     case NSNumber::Origin::real32:
@@ -168,29 +147,11 @@ QJJsonWriter::Step QJJsonWriter::appendNumber(const NSNumber& number, std::strin
   if (number.origin() != NSNumber::Origin::decimal && std::isinf(number.doubleValue())) {
     return fail(QJJsonErrorCode::unsupported, "Infinity is not a valid number in JSON");
   }
-  into += number.stringValue();
+  into.add(number.stringValue());
   return Step::done;
 }
 
 QJJsonWriter::Step QJJsonWriter::fail(QJJsonErrorCode code, std::string_view message) {
   addErrorWithCode(code, message);
   return Step::failed;
-}
-
-void QJJsonWriter::appendQuoted(std::string_view text, std::string& into) {
-  if (isPlain(text)) {
-    const std::size_t before = into.size();
-    into.append(text.size() + 2, '"');  // one step for all: what lies between the quotes is written over
-    text.copy(into.data() + before + 1, text.size());
-    return;
-  }
-  into += '"';
-  for (;;) {
-    const std::size_t plainBytes = plainRun(text).sizeBytes;
-    into.append(text.data(), plainBytes);
-    if (plainBytes == text.size()) break;
-    appendEscaped(text[plainBytes], into);
-    text.remove_prefix(plainBytes + 1);
-  }
-  into += '"';
 }

@@ -11,6 +11,7 @@
 #include "foundation/NSNumber.h"
 #include "foundation/NSObject.h"
 #include "foundation/NSString.h"
+#include "json/JsonOutput.h"
 #include "json/QJJsonBase.h"
 
 /// Writes trees of NSDictionary, NSArray, NSString, NSNumber and NSNull, and whatever offers a proxy
@@ -62,6 +63,8 @@ class QJJsonWriter : public QJJsonBase {
     std::size_t next = 0;         // the element or member to write next
     std::size_t firstSorted = 0;  // of a dictionary: where its members begin in sorted_
     std::size_t proxiesInARow = 0;
+
+    std::size_t count() const { return array ? array->items().size() : dictionary ? dictionary->count() : 0; }
   };
   enum class Step : unsigned char {
     failed,      // its error is in the trace
@@ -69,29 +72,32 @@ class QJJsonWriter : public QJJsonBase {
     needsValue,  // the innermost open container goes on with pending_
   };
 
-  bool append(const NSObject* value, std::string& into);
-  Step beginValue(const NSObject* value, std::string& into);
-  Step beginArray(const NSArray& array, std::string& into);
-  Step beginDictionary(const NSDictionary& dictionary, std::string& into);
+  bool write(const NSObject* value, JsonOutput& into);
+  Step beginValue(const NSObject* value, JsonOutput& into);
+  Step beginArray(const NSArray& array, JsonOutput& into);
+  Step beginDictionary(const NSDictionary& dictionary, JsonOutput& into);
   Step beginProxy(const NSObject* value);
-  Step appendNumber(const NSNumber& number, std::string& into);
-  Step goOn(std::string& into);
-  Step goOnWithArray(OpenValue& open, std::string& into);
-  Step goOnWithDictionary(OpenValue& open, std::string& into);
-  Step end(char bracket, bool isEmpty, std::string& into);
+  Step appendNumber(const NSNumber& number, JsonOutput& into);
+  Step goOn(JsonOutput& into);
+  Step goOnWithArray(OpenValue& open, JsonOutput& into);
+  Step goOnWithDictionary(OpenValue& open, JsonOutput& into);
+  Step end(char bracket, bool isEmpty, JsonOutput& into);
   Step fail(QJJsonErrorCode code, std::string_view message);
   bool goesDeeper();
   bool failOpenValues(std::size_t outermost);
   void leaveInnermost();
   void sortMembers(const NSDictionary& dictionary);
   const NSDictionary::Entries::value_type& member(const OpenValue& open, std::size_t at) const;
-  void separate(std::size_t position, std::string& into) const;
-  void appendIndent(std::string& into) const;
-  static void appendQuoted(std::string_view text, std::string& into);
+  void separate(std::size_t position, JsonOutput& into);
+  void reserveForRest(JsonOutput& into);
+  void addIndent(JsonOutput& into) const;
+
+  static constexpr std::size_t firstEstimateAtBytes = 65'536;
 
   bool sortKeys_ = false;
   bool humanReadable_ = false;
   const NSObject* pending_ = nullptr;
+  std::size_t estimateAtBytes_ = firstEstimateAtBytes;  // of the text: when to foresee its size next
   std::vector<OpenValue> open_;
   std::vector<const NSDictionary::Entries::value_type*> sorted_;  // of all open dictionaries, outermost first
 };
