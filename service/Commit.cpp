@@ -145,11 +145,11 @@ std::string commitFile(Call& call, const CommitArg& arg, const PendingContent& c
     file.content = content.store(writer);
     editor.addFile(path, parent, file);
     const std::string stored = parent.path.lower + "/" + std::string(nameOf(path.lower));
-    const std::string made = items.json(*editor.tree().find(stored), false);
+    std::string made = items.json(*editor.tree().find(stored), false);
     writer.commit();
     return made;
   }
-  const std::string made = items.json(*editor.tree().find(target.path.lower), false);
+  std::string made = items.json(*editor.tree().find(target.path.lower), false);
   writer.commit();
   return made;
 }

@@ -215,7 +215,7 @@ struct FinishArg {
 
 // Commits what the session holds. Throws WriteRefused, ApiError; the session stays as it is then.
 std::string commitReady(Call& call, const FinishArg& arg, const UploadSessions::Ready& ready) {
-  const std::string made = commitFile(
+  std::string made = commitFile(
       call, arg.commit, {ready.sizeBytes, ready.hash, [&](Store::Writer& writer) {
                            return storeContentFile(writer, ready.file, ready.hash, ready.sizeBytes);
                          }});

@@ -73,7 +73,7 @@ void Tokens::load() {
 }
 
 std::string Tokens::issueCode(Approval approval) {
-  const std::string code = newSecret("");
+  std::string code = newSecret("");
   const std::lock_guard<std::mutex> lock(mutex_);
   codes_[sha256(code)] = {std::move(approval), clock_.now() + kCodeSeconds};
   return code;
@@ -118,7 +118,7 @@ void Tokens::storeAccess(const std::string& digest, const Access& access) {
 }
 
 std::string Tokens::issueAccess(std::int64_t grant, const std::string& scope) {
-  const std::string token = newSecret("sl.u.");
+  std::string token = newSecret("sl.u.");
   storeAccess(sha256(token), {grant, scope, clock_.now() + lifetimeSeconds_});
   return token;
 }

@@ -12,7 +12,7 @@
 namespace kzv::service {
 namespace {
 
-constexpr std::int64_t kLifeSeconds = 7 * 86400;
+constexpr std::int64_t kLifeSeconds = std::int64_t{7} * 86400;
 
 void writeAt(int fd, std::string_view bytes, std::uint64_t offset) {
   while (!bytes.empty()) {
@@ -56,7 +56,7 @@ void UploadSessions::removeExpired() {
 }
 
 std::string UploadSessions::start(std::int64_t account, bool concurrent) {
-  const std::string id = "AAAAAG" + base64UrlEncode(randomBytes(18));
+  std::string id = "AAAAAG" + base64UrlEncode(randomBytes(18));
   const OwnedFd fd(::open(file(id).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   if (!fd.isOpen())
     throw DatabaseError(std::string("cannot create an upload session: ") + std::strerror(errno));
