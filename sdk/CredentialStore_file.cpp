@@ -23,7 +23,7 @@ namespace {
 
 using Credentials = std::vector<DBCredential>;
 
-constexpr std::uint64_t fileLimitBytes = 4 * 1024 * 1024;
+constexpr std::uint64_t fileLimitBytes = 4UL * 1024 * 1024;
 constexpr unsigned ownerReadWrite = 0600;
 constexpr unsigned ownerOnlyFolder = 0700;
 // A writer holds the lock for some milliseconds; one that was stopped while it held it must not stop us, too.

@@ -29,7 +29,7 @@ bool isAcceptableTarget(std::string_view path) {
 /// the two callbacks of the derived class.
 class Download : public std::enable_shared_from_this<Download> {
  public:
-  Download(std::shared_ptr<DBRestClient::Impl> client, std::string path, std::string intoPath,
+  Download(std::shared_ptr<DBRestClient::Impl> client, const std::string& path, std::string intoPath,
            std::string action)
       : client_(std::move(client)),
         operation_(client_->beginOperation()),
@@ -72,7 +72,7 @@ class Download : public std::enable_shared_from_this<Download> {
   const std::string intoPath_;
 
  private:
-  void failLater(NSErrorRef error) {
+  void failLater(const NSErrorRef& error) {
     client_->performLater(operation_, [self = shared_from_this(), error] { self->fail({{}, error, {}}); });
   }
 

@@ -23,7 +23,7 @@ using RecordRef = DBRestClientDelegate::MetadataRef;
 constexpr std::int64_t requestLimitBytes = 150LL * 1024 * 1024;  // the service's, for one body
 // Four of the service's hash blocks. A chunk costs a round trip and an acknowledgement, some tenths of a
 // second, so smaller ones waste a good line; a failed chunk is sent again, so larger ones waste a bad one.
-constexpr std::uint64_t defaultChunkBytes = 16 * 1024 * 1024;
+constexpr std::uint64_t defaultChunkBytes = 16UL * 1024 * 1024;
 
 std::uint64_t chunkSizeFromEnvironment() {
   const char* text = std::getenv("KZV_UPLOAD_CHUNK_BYTES");

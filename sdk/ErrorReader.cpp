@@ -64,13 +64,19 @@ constexpr TagRow tagRows[] = {
     {"invalid_root", 0, "the account's root folder has changed"},
 };
 
+const TagRow* rowFor(std::string_view tag) {
+  const auto row = std::find_if(std::begin(tagRows), std::end(tagRows),
+                                [&](const TagRow& candidate) { return candidate.tag == tag; });
+  return row == std::end(tagRows) ? nullptr : row;
+}
+
+/// The innermost tag that is known says most.
 const TagRow* rowFor(const std::vector<std::string>& tags) {
-  for (auto tag = tags.rbegin(); tag != tags.rend(); ++tag) {
-    const auto row = std::find_if(std::begin(tagRows), std::end(tagRows),
-                                  [&](const TagRow& candidate) { return candidate.tag == *tag; });
-    if (row != std::end(tagRows)) return row;
+  const TagRow* found = nullptr;
+  for (const std::string& tag : tags) {
+    if (const TagRow* row = rowFor(tag)) found = row;
   }
-  return nullptr;
+  return found;
 }
 
 /// From {"error":…} inwards; a rate limit and a refused upload keep the next union under "reason".
@@ -152,7 +158,7 @@ std::string sentence(const RequestDescription& about, std::string_view reason) {
 
 NSDictionary::Entries detailsOf(const RequestDescription& about, std::string_view reason) {
   NSDictionary::Entries entries;
-  const auto add = [&](std::string_view key, id value) {
+  const auto add = [&](std::string_view key, const id& value) {
     entries.emplace_back(str(std::string(key)), value);
   };
   add(NSLocalizedDescriptionKey, str(sentence(about, reason)));
@@ -168,7 +174,7 @@ NSErrorRef makeError(std::int64_t code, NSDictionary::Entries details) {
 }
 
 void addResponseDetails(NSDictionary::Entries& details, const HttpResponse& response) {
-  const auto add = [&](std::string_view key, id value) {
+  const auto add = [&](std::string_view key, const id& value) {
     details.emplace_back(str(std::string(key)), value);
   };
   if (!response.requestId.empty()) add(DBErrorRequestIdKey, str(response.requestId));

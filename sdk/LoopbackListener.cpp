@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::size_t requestLimitBytes = 16 * 1024;
+constexpr std::size_t requestLimitBytes = 16UL * 1024;
 constexpr std::chrono::seconds longestRequest{5};  // a browser sends its few lines at once
 
 int listenOn(const sockaddr* address, socklen_t size) {
