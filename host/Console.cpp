@@ -34,21 +34,24 @@ Console::Console(bool isQuiet)
       isTerminal_(::isatty(STDOUT_FILENO) == 1) {}
 
 void Console::line(std::string_view text) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(outputMutex_);
   if (isClosed_) return;
   (buffer_ += text) += '\n';
   if (isTerminal_ || buffer_.size() >= bufferBytes) writeBuffer();
 }
 
 bool Console::flush() {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(outputMutex_);
   return writeBuffer();
 }
 
 bool Console::writeBuffer() {
   if (isClosed_) return false;
   if (buffer_.empty()) return true;
-  if (isTerminal_) removeProgress();
+  if (isTerminal_) {
+    const std::lock_guard lock(errorMutex_);
+    removeProgress();
+  }
   const int reason = writeAll(STDOUT_FILENO, buffer_);
   buffer_.clear();
   if (reason == 0) return true;
@@ -58,17 +61,17 @@ bool Console::writeBuffer() {
 }
 
 bool Console::isClosed() const {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(outputMutex_);
   return isClosed_;
 }
 
 NSErrorRef Console::outputError() const {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(outputMutex_);
   return outputErrno_ ? NSError::posix(outputErrno_, "standard output") : nullptr;
 }
 
 void Console::error(std::string_view text) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(errorMutex_);
   removeProgress();
   writeError(std::string(text) + "\n");
 }
@@ -78,7 +81,7 @@ void Console::note(std::string_view text) {
 }
 
 void Console::prompt(std::string_view text) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(errorMutex_);
   removeProgress();
   writeError(text);
 }
@@ -92,7 +95,7 @@ std::size_t Console::progressWidth() {
 
 void Console::progress(std::string_view text) {
   if (!showsProgress_) return;
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(errorMutex_);
   removeProgress();
   if (text.empty()) return;
   writeError(text);

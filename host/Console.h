@@ -45,9 +45,12 @@ class Console {
   const bool isQuiet_;
   const bool showsProgress_;
   const bool isTerminal_;
-  mutable std::mutex mutex_;
-  std::string buffer_;              // guarded by mutex_
-  bool isClosed_ = false;           // guarded by mutex_
-  int outputErrno_ = 0;             // guarded by mutex_
-  bool isProgressVisible_ = false;  // guarded by mutex_
+  // Two locks, because a reader that does not read may keep a line of results waiting for ever, and an error
+  // must be told even then. outputMutex_ is taken first.
+  mutable std::mutex outputMutex_;
+  std::string buffer_;     // guarded by outputMutex_
+  bool isClosed_ = false;  // guarded by outputMutex_
+  int outputErrno_ = 0;    // guarded by outputMutex_
+  std::mutex errorMutex_;
+  bool isProgressVisible_ = false;  // guarded by errorMutex_
 };

@@ -2,11 +2,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdint>
 #include <thread>
 
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -17,30 +17,31 @@ namespace {
 
 /// How long the work may take to stop by itself. Together with the rest it stays below a quarter of a second,
 /// what a person still takes for "at once".
-constexpr int graceMilliseconds = 200;
+constexpr auto grace = std::chrono::milliseconds(200);
 
 std::atomic<bool> requested{false};
 std::atomic<void (*)()> leaveHook{nullptr};
 int wakeUp = -1;  // an eventfd, set before the handlers are installed
 
+/// Safe in a signal handler.
+[[noreturn]] void endNow(int status) {
+  if (void (*restore)() = leaveHook.load()) restore();
+  ::_exit(status);
+}
+
 extern "C" void onStopSignal(int /*number*/) {
   const int before = errno;
-  requested.store(true);
+  // The second one ends the program right here: whatever holds it up must not hold up this.
+  if (requested.exchange(true)) endNow(static_cast<int>(ExitStatus::stopped));
   const std::uint64_t one = 1;
   [[maybe_unused]] const ssize_t ignored = ::write(wakeUp, &one, sizeof one);
   errno = before;
 }
 
-/// Waits for signals, at most `milliseconds` (-1: for ever), and returns how many came.
-std::uint64_t waitForSignals(int milliseconds) {
-  pollfd waiting{wakeUp, POLLIN, 0};
-  int ready = 0;
-  do {
-    ready = ::poll(&waiting, 1, milliseconds);
-  } while (ready < 0 && errno == EINTR);
+void waitForSignal() {
   std::uint64_t count = 0;
-  if (ready <= 0 || ::read(wakeUp, &count, sizeof count) != sizeof count) return 0;
-  return count;
+  while (::read(wakeUp, &count, sizeof count) != sizeof count) {
+  }
 }
 
 void handle(int number, bool onlyIfNotIgnored) {
@@ -59,9 +60,9 @@ void StopSignal::install(std::function<void()> unanswered) {
   wakeUp = ::eventfd(0, EFD_CLOEXEC);
   std::thread([unanswered = std::move(unanswered)] {
     setCurrentThreadName("kzv-signals");
-    std::uint64_t count = 0;
-    while (count == 0) count = waitForSignals(-1);
-    if (count == 1 && waitForSignals(graceMilliseconds) == 0) unanswered();
+    waitForSignal();
+    std::this_thread::sleep_for(grace);
+    unanswered();
     leave(static_cast<int>(ExitStatus::stopped));
   }).detach();
   // A shell ignores SIGINT for what it runs in the background; who then sends one by hand still means it.
@@ -76,8 +77,7 @@ void leave(int status) {
   static std::atomic_flag isLeaving;
   if (isLeaving.test_and_set())
     while (true) ::pause();
-  if (void (*restore)() = leaveHook.load()) restore();
-  ::_exit(status);
+  endNow(status);
 }
 
 void setLeaveHook(void (*restore)()) { leaveHook.store(restore); }

@@ -8,7 +8,7 @@ class StopSignal {
  public:
   /// Takes over the signals. Once per process, before other threads start.
   /// @param unanswered  runs on a thread of this class when the work did not stop in time, before the program
-  ///                    ends with status 130; must not wait for that work.
+  ///                    ends with status 130; must not wait for that work, nor for what it may hold.
   static void install(std::function<void()> unanswered);
   /// Whether a stop has been asked for.
   static bool isRequested() noexcept;

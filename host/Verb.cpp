@@ -10,16 +10,28 @@ VerbContext::VerbContext(std::string verb, const GlobalOptions& globalOptions, C
                          HostSession& theSession)
     : options(globalOptions), console(theConsole), session(theSession), verb_(std::move(verb)) {}
 
+bool VerbContext::record(ExitStatus status) {
+  const std::lock_guard lock(mutex_);
+  if (status_ == ExitStatus::stopped) return false;  // what fails because everything ends is no news
+  if (status_ == ExitStatus::done || status == ExitStatus::stopped) status_ = status;
+  return true;
+}
+
 void VerbContext::fail(std::string_view path, NSErrorRef error) {
   if (!error) error = session.reasonForNothing();
-  const ExitStatus status = exitStatusFor(*error);
-  {
-    const std::lock_guard lock(mutex_);
-    if (status_ == ExitStatus::stopped) return;  // what fails because everything ends is no news
-    if (status_ == ExitStatus::done || status == ExitStatus::stopped) status_ = status;
-  }
+  if (!record(exitStatusFor(*error))) return;
   console.flush();  // lines come out in the order in which things happened
   console.error(failureLine(verb_, path, *error));
+}
+
+void VerbContext::failUnanswered() {
+  if (!record(ExitStatus::stopped)) return;
+  std::string subject;
+  {
+    const std::lock_guard lock(mutex_);
+    subject = subject_;
+  }
+  console.error(failureLine(verb_, subject, *stoppedError()));
 }
 
 ExitStatus VerbContext::status() const {
@@ -50,9 +62,4 @@ bool VerbContext::shouldStop(std::string_view path) {
 void VerbContext::setSubject(std::string_view path) {
   const std::lock_guard lock(mutex_);
   subject_ = path;
-}
-
-std::string VerbContext::subject() const {
-  const std::lock_guard lock(mutex_);
-  return subject_;
 }

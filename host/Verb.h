@@ -15,8 +15,8 @@ class App;
 class Console;
 class HostSession;
 
-/// What a verb works with, and where it tells of its failures. The verb's thread uses it; failureReported and
-/// subject may be used from any thread.
+/// What a verb works with, and where it tells of its failures. The verb's thread uses it; fail and
+/// failUnanswered may be used from any thread.
 class VerbContext {
  public:
   VerbContext(std::string verb, const GlobalOptions& options, Console& console, HostSession& session);
@@ -28,6 +28,8 @@ class VerbContext {
   /// Reports one failure on standard error; `path` may be empty. The worst failure decides the exit status: a
   /// stop before all others, and is reported once. An empty `error` means that the operation gave no reason.
   void fail(std::string_view path, NSErrorRef error);
+  /// Reports the stop of a verb that does not answer. Waits for nothing that the verb may hold.
+  void failUnanswered();
   ExitStatus status() const;
 
   /// The volume to work on; null after having reported why not.
@@ -39,9 +41,10 @@ class VerbContext {
   bool shouldStop(std::string_view path);
   /// What is being worked on now, for the message when the program has to end without the verb's answer.
   void setSubject(std::string_view path);
-  std::string subject() const;
 
  private:
+  bool record(ExitStatus status);
+
   const std::string verb_;
   mutable std::mutex mutex_;
   std::string subject_;                   // guarded by mutex_

@@ -361,6 +361,15 @@ TEST_F(KzvTest, ASignalEndsItWithinAQuarterOfASecondEvenWhileTheServiceIsSilent)
   }
 }
 
+TEST_F(KzvTest, ASignalEndsItAlsoWhileNobodyReadsItsOutput) {
+  folder("many-files");
+  Program program({"ls", "/many-files"}, environment());
+  ASSERT_TRUE(program.waitForOutput("file 0\n"));  // and then no more: the pipe is full now, or soon
+  program.signal(SIGINT);
+  EXPECT_TRUE(program.endsUnread(std::chrono::seconds(5)));
+  EXPECT_EQ(program.finish().status, 130);
+}
+
 TEST_F(KzvTest, ASecondSignalEndsItAtOnce) {
   folder("walk/hang-here");
   Program program({"ls", "-R", "/walk"}, environment());

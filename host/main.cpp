@@ -74,7 +74,7 @@ int main(int argc, char** argv) {
   Console console(options.quiet);
   HostSession session;
   VerbContext context(verb->words().name, options, console, session);
-  StopSignal::install([&context] { context.fail(context.subject(), stoppedError()); });
+  StopSignal::install([&context] { context.failUnanswered(); });
 
   NSErrorRef error;
   if (session.load(&error)) {

@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -139,6 +140,14 @@ bool Program::waitForFile(const std::string& path, const std::string& text) {
 }
 
 void Program::signal(int number) const { ::kill(process_, number); }
+
+bool Program::endsUnread(std::chrono::milliseconds limit) const {
+  const int process = static_cast<int>(::syscall(SYS_pidfd_open, process_, 0));
+  pollfd waiting{process, POLLIN, 0};
+  const int ended = ::poll(&waiting, 1, static_cast<int>(limit.count()));
+  ::close(process);
+  return ended == 1;
+}
 
 void Program::closeOutput() { closeOnce(output_); }
 

@@ -33,6 +33,8 @@ class Program {
   /// The same for a file that it writes.
   static bool waitForFile(const std::string& path, const std::string& text);
   void signal(int number) const;
+  /// Whether it ends within `limit` although nobody reads its output.
+  bool endsUnread(std::chrono::milliseconds limit) const;
   /// Reads its standard output no more.
   void closeOutput();
   /// Ends its input (unless told otherwise), reads all its output and waits for its end, at most `limit`.

@@ -6,7 +6,7 @@
 #include "host/Console.h"
 #include "host/Entry.h"
 #include "host/Formatting.h"
-#include "host/HostSession.h"
+#include "host/StopSignal.h"
 #include "host/verbs/Verbs.h"
 
 namespace {
@@ -36,6 +36,7 @@ class LsVerb final : public Verb {
         isFirst = false;
       }
       list(context, *volume, path);
+      if (context.shouldStop(path)) return;
     }
   }
 
@@ -96,7 +97,7 @@ class LsVerb final : public Verb {
       for (const Entry& entry : entries) sizeWidth = std::max(sizeWidth, sizeText(entry).size());
     }
     for (const Entry& entry : entries) {
-      if (context.console.isClosed()) return;
+      if (context.console.isClosed() || StopSignal::isRequested()) return;
       context.console.line(context.options.json ? entry.json() : plain(entry, sizeWidth));
     }
   }
