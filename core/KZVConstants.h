@@ -17,5 +17,12 @@ inline constexpr std::string_view KZVFSTypeDropbox = "KZVFSTypeDropbox";
 inline constexpr std::string_view AttachedPluginsDidChangeNotification =
     "AttachedPluginsDidChangeNotification";
 
+/// Posted on the main queue, object none, at each step of linking an account in the browser
+/// (FSPluginAccounts::linkAccount), with a dictionary of these keys as its user info.
+inline constexpr std::string_view KZVAccountLinkingNotification = "KZVAccountLinkingNotification";
+inline constexpr std::string_view KZVLinkingErrorKey = "error";      // NSError; only for a step that failed
+inline constexpr std::string_view KZVLinkingAccountKey = "account";  // id of the account; only once linked
+inline constexpr std::string_view KZVLinkingGoesOnKey = "goesOn";    // boolean: the linking is not over
+
 /// Domain of the error that stands for a stop by the user; its code is -1.
 inline constexpr std::string_view CanceledByUserErrorDomain = "CanceledByUserErrorDomain";
