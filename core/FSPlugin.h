@@ -70,6 +70,14 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   /// Size and free space in bytes: NSFileSystemSize, NSFileSystemFreeSize (which may be negative).
   virtual std::shared_ptr<NSDictionary> fsAttributes(const std::string& path, NSErrorRef* error);
 
+  // Pictures. Nothing without an error: there is none for this item.
+  virtual std::shared_ptr<NSImage> icon(const std::string& /*path*/, NSErrorRef* /*error*/) {
+    return nullptr;
+  }
+  virtual std::shared_ptr<NSImage> preview(const std::string& /*path*/, NSErrorRef* /*error*/) {
+    return nullptr;
+  }
+
   // Watching. A file system that cannot be watched keeps these defaults.
   /// Calls the item's change callback, on the main queue, whenever the folder has changed, until
   /// stopWatchFolder with the same object. Watching a file does nothing. Call these three from one thread at
@@ -109,6 +117,34 @@ class FSPluginAccounts {
   /// Links the account that an access token (or a token answer of the service as JSON, with a refresh token)
   /// belongs to. Blocks for two requests. Returns the account's id, or nothing with the error.
   virtual std::optional<std::string> linkAccountWithToken(const std::string& token, NSErrorRef* error) = 0;
+  // Linking in the browser, and the desktop client. A plug-in without them keeps these defaults.
+  /// How the person's approval comes back from the page.
+  enum class LinkingAnswer {
+    byRedirect,  // the browser brings it to this machine
+    typedIn      // the page shows a code, and useAuthorizationCode takes it
+  };
+  /// Begins to link an account: shows a page with NSWorkspace::openURL, then waits for the person, without a
+  /// time limit, until NSApplicationDidBecomeActiveNotification says that they are back. Each step is told by
+  /// KZVAccountLinkingNotification. A linking that still waits is replaced. Returns at once; false when the
+  /// plug-in cannot do it.
+  virtual bool linkAccount(LinkingAnswer /*answer*/) { return false; }
+  /// A code that the person copied from the page, which the next activation uses. False when the text cannot
+  /// be one, or no linking waits for it. A secret: log it nowhere.
+  virtual bool useAuthorizationCode(const std::string& /*code*/) { return false; }
+  /// The local folder of the file system's own desktop client; nothing when there is none.
+  virtual std::optional<std::string> desktopFolder() const { return std::nullopt; }
+  /// The linked account that the desktop client uses; nothing when it is not known.
+  virtual std::optional<std::string> desktopAccountId() const { return std::nullopt; }
+  /// Records it; an id that is not linked is ignored. Blocks for the disk.
+  virtual void setDesktopAccountId(const std::string& /*accountId*/) {}
+  /// Texts about an account, for people: "id", "email", "name", "free", "total", as far as known. Nothing on
+  /// failure.
+  virtual std::shared_ptr<NSDictionary> accountSummary(const std::string& /*accountId*/) { return nullptr; }
+  /// A link to a file of the desktop client's account that anybody can open; nothing, without an error, when
+  /// no such account is known.
+  virtual std::optional<std::string> publicLink(const std::string& /*path*/, NSErrorRef* /*error*/) {
+    return std::nullopt;
+  }
   /// Forgets the account at once; its token is revoked in the background. Unknown ids are ignored.
   virtual void unlinkAccount(const std::string& accountId) = 0;
   /// Waits until work begun in the background (revoking tokens) is done, at most `seconds`: for a program

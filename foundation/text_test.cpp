@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "foundation/NSByteCountFormatter.h"
 #include "foundation/NSDate.h"
 #include "foundation/NSDecimalNumber.h"
 #include "foundation/NSNumber.h"
@@ -123,6 +124,33 @@ TEST(Unicode, CanonicalCompare) {
     EXPECT_EQ(sign(canonicalCompare(c.right, c.left)), -c.order);
   }
   EXPECT_EQ(canonicallyDecomposed("/\u00c5"), "/A\u030a");
+}
+
+TEST(ByteCount, ForPeople) {
+  struct Case {
+    std::int64_t bytes;
+    const char* text;
+  };
+  const Case cases[] = {
+      {0, "Zero KB"},
+      {1, "1 byte"},
+      {999, "999 bytes"},
+      {1'000, "1 KB"},
+      {1'499, "1 KB"},
+      {1'500, "2 KB"},
+      {999'499, "999 KB"},
+      {999'999, "1 MB"},
+      {1'500'000, "1.5 MB"},
+      {2'000'000'000, "2 GB"},
+      {1'234'567'890, "1.23 GB"},
+      {1'235'000'000, "1.24 GB"},
+      {999'995'000'000, "1 TB"},
+      {-1, "-1 byte"},
+      {-5'000, "-5 KB"},
+      {std::numeric_limits<std::int64_t>::max(), "9223.37 PB"},
+      {std::numeric_limits<std::int64_t>::min(), "-9223.37 PB"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(stringFromByteCount(c.bytes), c.text) << c.bytes;
 }
 
 TEST(DecimalNumber, Text) {

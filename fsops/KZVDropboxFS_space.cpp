@@ -1,18 +1,40 @@
 #include "foundation/Fatal.h"
+#include "foundation/NSByteCountFormatter.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/NSNumber.h"
+#include "foundation/NSString.h"
 #include "plugin/KZVDropboxFS.h"
+
+namespace {
+
+/// Negative for an account that uses more than its quota.
+std::int64_t freeBytes(const DBQuota& quota) {
+  std::int64_t free = 0;
+  if (__builtin_sub_overflow(quota.totalBytes, quota.totalConsumedBytes, &free)) {
+    fatalInvariant("a quota's difference fits 64 bits");
+  }
+  return free;
+}
+
+id textOrNothing(const std::string& text) { return text.empty() ? nullptr : str(text); }
+
+}  // namespace
 
 // The caller's error is not passed on, on purpose: a panel that cannot show free space shows none and says
 // nothing.
 std::shared_ptr<NSDictionary> KZVDropboxFS::fsAttributes(const std::string& /*path*/, NSErrorRef* /*error*/) {
   const auto info = requiredManager().accountInfo(nullptr);
   if (!info) return nullptr;
-  const DBQuota& quota = info->quota();
-  std::int64_t freeBytes = 0;
-  if (__builtin_sub_overflow(quota.totalBytes, quota.totalConsumedBytes, &freeBytes)) {
-    fatalInvariant("a quota's difference fits 64 bits");
-  }
-  return NSDictionary::with({{NSFileSystemSize, NSNumber::withInt(quota.totalBytes)},
-                             {NSFileSystemFreeSize, NSNumber::withInt(freeBytes)}});
+  return NSDictionary::with({{NSFileSystemSize, NSNumber::withInt(info->quota().totalBytes)},
+                             {NSFileSystemFreeSize, NSNumber::withInt(freeBytes(info->quota()))}});
+}
+
+std::shared_ptr<NSDictionary> KZVDropboxFS::dropboxInfoFor(const std::string& userId) {
+  const auto info = KZVDropboxFileManager::initWithUserId(userId)->accountInfo(nullptr);
+  if (!info) return nullptr;
+  return NSDictionary::with({{"id", str(userId)},
+                             {"email", textOrNothing(info->email())},
+                             {"name", textOrNothing(info->displayName())},
+                             {"free", str(stringFromByteCount(freeBytes(info->quota())))},
+                             {"total", str(stringFromByteCount(info->quota().totalBytes))}});
 }

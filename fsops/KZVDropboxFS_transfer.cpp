@@ -10,9 +10,6 @@
 
 namespace {
 
-/// The message stands in the domain, on purpose: hosts show the domain of an error that carries no details.
-constexpr const char* noTemporaryFile = "Could not create temporary file";
-
 /// A path of the service is data: none of its components may lead out of the folder it is put into.
 bool staysBelow(const std::string& path) {
   if (!path.starts_with('/') || path.find('\0') != std::string::npos) return false;
@@ -27,6 +24,11 @@ bool staysBelow(const std::string& path) {
 
 }  // namespace
 
+// The message stands in the domain, on purpose: hosts show the domain of an error that carries no details.
+NSErrorRef KZVDropboxFS::temporaryFileError() {
+  return std::make_shared<NSError>("Could not create temporary file", -1);
+}
+
 std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, ProgressCallback progress,
                                                     NSErrorRef* error) {
   const std::string key = lowercased(path);
@@ -35,7 +37,7 @@ std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, Pro
   auto copy = makeLocalCopy(path, key, std::move(progress), &reason);
   if (copy) return copy;
   cache().invalidate(key);
-  if (!reason) reason = std::make_shared<NSError>(noTemporaryFile, -1);
+  if (!reason) reason = temporaryFileError();
   setError(error, std::move(reason));
   return nullptr;
 }

@@ -38,7 +38,7 @@ std::shared_ptr<FSPlugin> KZVDropboxFS::makePlugin(const std::shared_ptr<FSItem>
 }
 
 KZVDropboxFS::KZVDropboxFS(const std::shared_ptr<FSItem>& /*item*/, const id& options)
-    : cache_(std::make_shared<KZVSmartCache>()) {
+    : cachedThumbs_(std::make_shared<ThumbnailCache>()), cache_(std::make_shared<KZVSmartCache>()) {
   if (const std::string* text = textOf(options)) {
     userId_ = *text;
     manager_ = KZVDropboxFileManager::initWithUserId(*text);

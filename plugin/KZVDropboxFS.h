@@ -9,6 +9,7 @@
 #include "foundation/Guarded.h"
 #include "foundation/NSNotificationCenter.h"
 #include "foundation/NSRunLoop.h"
+#include "plugin/ThumbnailCache.h"
 #include "sdk/DBSession.h"
 
 /// The plug-in. Its static members are the class side: one session for all accounts, the service thread, the
@@ -28,6 +29,15 @@ class KZVDropboxFS final : public FSPlugin {
   static void reachabilityChanged(const NSNotification& notification);
   /// Asks for a refresh of the account list; returns at once.
   static void updateList();
+
+  // --- Linking accounts (accounts/KZVDropboxFS_linking.cpp)
+
+  /// Starts a sign-in in the browser; returns at once. The steps arrive as authHelperStateChangedNotification
+  /// and go on to the host as KZVAccountLinkingNotification.
+  static void linkDropbox(DBRestClient::SignInCode code = DBRestClient::SignInCode::byRedirect);
+  static void authHelperStateChangedNotification(const NSNotification& notification);
+  /// The desktop client's local folder, found during start-up; nothing when there is none.
+  static std::optional<std::string> dropboxDesktopPath();
 
   // --- Accounts (accounts/KZVDropboxFS_accounts.cpp)
 
@@ -90,9 +100,20 @@ class KZVDropboxFS final : public FSPlugin {
   bool createDirectoryAtPath(const std::string& path, const std::shared_ptr<NSDictionary>& attributes,
                              NSErrorRef* error) override;
 
-  // --- Space (fsops/KZVDropboxFS_space.cpp)
+  // --- Space, account summary, links (fsops/KZVDropboxFS_space.cpp, _links.cpp)
 
   std::shared_ptr<NSDictionary> fsAttributes(const std::string& path, NSErrorRef* error) override;
+  /// Texts of a linked account: "id", "email" and "name" where it has them, "free" and "total". Nothing on
+  /// failure.
+  static std::shared_ptr<NSDictionary> dropboxInfoFor(const std::string& userId);
+  /// A link that anybody can open, made in the desktop client's account whatever volume is shown; nothing,
+  /// and no error, when there is no such account.
+  static std::optional<std::string> dropboxPublic(const std::string& path, NSErrorRef* error);
+
+  // --- Icons and previews (fsops/KZVDropboxFS_pictures.cpp)
+
+  std::shared_ptr<NSImage> icon(const std::string& path, NSErrorRef* error) override;
+  std::shared_ptr<NSImage> preview(const std::string& path, NSErrorRef* error) override;
 
   // --- Change watching (fsops/KZVDropboxFS_watching.cpp)
 
@@ -134,10 +155,13 @@ class KZVDropboxFS final : public FSPlugin {
   std::shared_ptr<NSURL> copyFolder(const std::string& path, const std::string& folder,
                                     ProgressCallback progress, NSErrorRef* error);
   std::string requiredTemporaryFolder(NSErrorRef* error);
+  static NSErrorRef temporaryFileError();
+  std::shared_ptr<NSURL> fetchPreview(const std::string& path, NSErrorRef* error);
 
   Guarded<std::shared_ptr<NSURL>> tmpFolderUrl_;
   std::optional<std::string> userId_;
   std::shared_ptr<KZVDropboxFileManager> manager_;
+  const std::shared_ptr<ThumbnailCache> cachedThumbs_;
   const std::shared_ptr<KZVSmartCache> cache_;
   /// By identity: two items of one path are two entries. Readers take the whole view.
   Guarded<FSItems> _watchedFolders;

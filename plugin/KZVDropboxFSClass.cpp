@@ -1,5 +1,6 @@
 #include "plugin/KZVDropboxFSClass.h"
 
+#include "accounts/DBAuthHelperOSXfix.h"
 #include "accounts/TokenLinking.h"
 #include "foundation/Fatal.h"
 #include "plugin/KZVDropboxFS.h"
@@ -31,6 +32,36 @@ std::optional<std::string> KZVDropboxFSClass::linkAccountWithToken(const std::st
   auto userId = linkWithToken(token, error);
   if (userId) KZVDropboxFS::updateList();
   return userId;
+}
+
+bool KZVDropboxFSClass::linkAccount(LinkingAnswer answer) {
+  KZVDropboxFS::linkDropbox(answer == LinkingAnswer::typedIn ? DBRestClient::SignInCode::typedIn
+                                                             : DBRestClient::SignInCode::byRedirect);
+  return true;
+}
+
+bool KZVDropboxFSClass::useAuthorizationCode(const std::string& code) {
+  return DBAuthHelperOSXfix::sharedHelper()->useAuthorizationCode(code);
+}
+
+std::optional<std::string> KZVDropboxFSClass::desktopFolder() const {
+  return KZVDropboxFS::dropboxDesktopPath();
+}
+
+std::optional<std::string> KZVDropboxFSClass::desktopAccountId() const {
+  return KZVDropboxFS::dropboxDesktopUserId();
+}
+
+void KZVDropboxFSClass::setDesktopAccountId(const std::string& accountId) {
+  KZVDropboxFS::setDropboxDesktopUserId(accountId);
+}
+
+std::shared_ptr<NSDictionary> KZVDropboxFSClass::accountSummary(const std::string& accountId) {
+  return KZVDropboxFS::dropboxInfoFor(accountId);
+}
+
+std::optional<std::string> KZVDropboxFSClass::publicLink(const std::string& path, NSErrorRef* error) {
+  return KZVDropboxFS::dropboxPublic(path, error);
 }
 
 void KZVDropboxFSClass::unlinkAccount(const std::string& accountId) {

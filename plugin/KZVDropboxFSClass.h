@@ -18,6 +18,13 @@ class KZVDropboxFSClass final : public FSPluginClass, public FSPluginAccounts, p
   FSPluginAccounts* accounts() override { return this; }
   std::vector<std::string> linkedAccountIds() const override;
   std::optional<std::string> linkAccountWithToken(const std::string& token, NSErrorRef* error) override;
+  bool linkAccount(LinkingAnswer answer) override;
+  bool useAuthorizationCode(const std::string& code) override;
+  std::optional<std::string> desktopFolder() const override;
+  std::optional<std::string> desktopAccountId() const override;
+  void setDesktopAccountId(const std::string& accountId) override;
+  std::shared_ptr<NSDictionary> accountSummary(const std::string& accountId) override;
+  std::optional<std::string> publicLink(const std::string& path, NSErrorRef* error) override;
   void unlinkAccount(const std::string& accountId) override;
   void finishBackgroundWork(double seconds) override;
 

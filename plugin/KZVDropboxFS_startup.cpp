@@ -3,6 +3,8 @@
 
 #include <fmt/format.h>
 
+#include "accounts/DBAuthHelperOSXfix.h"
+#include "accounts/DesktopClient.h"
 #include "core/DLog.h"
 #include "foundation/DispatchQueue.h"
 #include "foundation/Fatal.h"
@@ -73,8 +75,15 @@ void dropStaleDesktopUserId(const DBSession& session) {
   KZVDropboxUserDefaults()->synchronize();
 }
 
-/// What accounts need at start-up beyond the session. Nothing, until a desktop client can be found.
-void startAccounts() {}
+void startAccounts() {
+  NSNotificationCenter::defaultCenter().addObserver(
+      &KZVDropboxFSClass::shared(), DBAuthHelperOSXStateChangedNotification,
+      DBAuthHelperOSXfix::sharedHelper().get(), &KZVDropboxFS::authHelperStateChangedNotification);
+  const auto folder = desktopClientFolder();
+  if (!folder) return;
+  KZVDropboxFSDesktopPath().set(folder);
+  DLog("dropbox path is " + *folder, "initialize()");
+}
 
 }  // namespace
 

@@ -1,0 +1,15 @@
+#include "foundation/Fatal.h"
+#include "plugin/KZVDropboxFS.h"
+#include "plugin/KZVDropboxFSGlobals.h"
+#include "support/KZVDropboxFSSupport.h"
+
+std::optional<std::string> KZVDropboxFS::dropboxPublic(const std::string& path, NSErrorRef* error) {
+  const auto desktopUser = KZVDropboxFSDesktopUserID().get();
+  if (!desktopUser) return std::nullopt;
+  const auto manager = KZVDropboxFileManager::initWithUserId(*desktopUser);
+  auto link = manager->publicLink(path, error);
+  KZVDropboxFSSupport::performBlockInBackgroundAndWait(
+      [&] { manager->mainClient->cancelAllRequests(); },
+      *required(KZVDropboxFileManager::dropboxThread(), "the service thread runs"));
+  return link;
+}
