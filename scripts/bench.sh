@@ -36,6 +36,7 @@ runOne() {
   cat "$report" >>"$results.new"
 }
 
+trap 'rm -f "$results.new"' EXIT
 separator=
 printf '{' >"$results.new"
 for program in "$folder"/bench/*; do
