@@ -29,7 +29,7 @@ void declareGlobal(CLI::App& app, GlobalOptions& options) {
       ->option_text("URL")
       ->check([](const std::string& url) {
         const bool isWeb = url.starts_with("http://") || url.starts_with("https://");
-        return isWeb ? std::string() : "--service must begin with http:// or https://";
+        return isWeb ? std::string() : "must begin with http:// or https://";
       });
   app.add_option("--home", options.home, "Settings, tokens and caches below one folder [KZV_HOME]")
       ->option_text("DIR");
