@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "host/BrowserLinking.h"
 #include "host/Console.h"
 #include "host/Formatting.h"
 #include "host/HostSession.h"
@@ -14,27 +15,52 @@ namespace {
 class LinkVerb final : public Verb {
  public:
   Words words() const override {
-    return {"link", "Link an account",
-            "  kzv link --token-stdin < token.txt\n  kzv link --token-stdin      (asks, without showing it)"};
+    return {"link", "Link an account: sign in in the browser",
+            "  kzv link\n"
+            "  kzv link --no-browser        (prints the page's address)\n"
+            "  kzv link --type-code         (for a browser on another machine)\n"
+            "  kzv link --token-stdin < token.txt"};
   }
   void declare(CLI::App& command) override {
+    auto* noBrowser = command.add_flag("--no-browser", withoutBrowser_,
+                                       "Print the address of the sign-in page instead of opening it");
+    auto* typeCode = command.add_flag(
+        "--type-code", typesCode_,
+        "The page shows a code to be typed in here: for a browser that cannot reach this machine");
     command
         .add_flag("--token-stdin", fromStandardInput_,
                   "Read an access token, or a token answer as JSON, from standard input")
-        ->required();
+        ->excludes(noBrowser)
+        ->excludes(typeCode);
   }
 
   void run(VerbContext& context) override {
     NSErrorRef error;
     FSPluginAccounts* accounts = context.session.accountsInterface(&error);
-    const auto token = accounts ? readToken(&error) : std::nullopt;
-    if (!token || context.shouldStop("")) return token ? void() : context.fail("", error);
-    const auto accountId = accounts->linkAccountWithToken(*token, &error);
-    if (!accountId) return context.fail("", error);
-    report(context, context.session.accountNamed(*accountId));
+    if (!accounts) return context.fail("", error);
+    const auto accountId =
+        fromStandardInput_ ? linkWithToken(context, *accounts) : linkInBrowser(context, *accounts);
+    if (accountId) report(context, context.session.accountNamed(*accountId));
   }
 
  private:
+  static std::optional<std::string> linkWithToken(VerbContext& context, FSPluginAccounts& accounts) {
+    NSErrorRef error;
+    const auto token = readToken(&error);
+    if (token && context.shouldStop("")) return std::nullopt;
+    auto accountId = token ? accounts.linkAccountWithToken(*token, &error) : std::nullopt;
+    if (!accountId) context.fail("", error);
+    return accountId;
+  }
+
+  std::optional<std::string> linkInBrowser(VerbContext& context, FSPluginAccounts& accounts) const {
+    using Answer = FSPluginAccounts::LinkingAnswer;
+    BrowserLinking linking(
+        context, accounts,
+        {!withoutBrowser_ && !typesCode_, typesCode_ ? Answer::typedIn : Answer::byRedirect});
+    return linking.run();
+  }
+
   static void report(VerbContext& context, const Account& account) {
     context.console.line(context.options.json
                              ? boost::json::serialize(boost::json::object{
@@ -42,6 +68,8 @@ class LinkVerb final : public Verb {
                              : fmt::format("linked {} ({})", harmless(account.label), harmless(account.id)));
   }
 
+  bool withoutBrowser_ = false;
+  bool typesCode_ = false;
   bool fromStandardInput_ = false;
 };
 

@@ -15,3 +15,4 @@ std::unique_ptr<Verb> makeMkdirVerb();
 std::unique_ptr<Verb> makeRmVerb();
 std::unique_ptr<Verb> makeMvVerb();
 std::unique_ptr<Verb> makeDfVerb();
+std::unique_ptr<Verb> makeDesktopVerb();
