@@ -291,7 +291,8 @@ TEST_F(SignInTest, ASecondAccountIsListedBesideTheFirst) {
   EXPECT_NE(bob, *ada->userId());
   ASSERT_TRUE(waitUntil([&] { return plugin().availableRootItems()->items().size() == 2; }));
   std::set<std::string> labels;
-  for (const id& item : plugin().availableRootItems()->items())
+  const auto items = plugin().availableRootItems();
+  for (const id& item : items->items())
     labels.insert(*textOf(as<NSDictionary>(item)->objectForKey(KZVFSLabel)));
   EXPECT_EQ(labels, (std::set<std::string>{"Ada", "Bob"}));
   EXPECT_EQ(plugin().desktopAccountId(), std::nullopt) << "without a desktop client";
@@ -444,7 +445,7 @@ TEST_F(LinkCommandTest, EndsAsThePersonAnswers) {
   const Case cases[] = {
       {"allowed", "auto", {"link", "--no-browser"}, 0, 0, "linked Ada (dbid:", ""},
       {"the code is typed in", "auto", {"link", "--type-code"}, 0, 0, "linked Ada (dbid:", ""},
-      {"refused", "deny", {"link", "--no-browser"}, 0, 1, "", "kzv: link: the sign-in was declined"},
+      {"refused", "deny", {"link", "--no-browser"}, 0, 1, "", "kzv: link: Could not sign in: the sign-in was declined"},
       {"stopped", "page", {"link", "--no-browser"}, SIGINT, 130, "", "kzv: link: stopped"},
   };
   for (const Case& c : cases) {

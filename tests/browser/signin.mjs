@@ -1,0 +1,175 @@
+// The sign-in as a person sees it: kzv, the stand-in's page and a real browser.
+//
+//   node signin.mjs KZV KZV-SERVICE BUNDLE [SCREENSHOT-FOLDER]
+//
+// With a folder the pages are also saved there as pictures. Ends with status 77 and the reason when the browser, or
+// playwright-core to drive it, is not installed.
+import assert from 'node:assert/strict';
+import { spawn } from 'node:child_process';
+import { existsSync, mkdtempSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { createInterface } from 'node:readline';
+
+const skipped = 77;
+const patience = 30_000;
+const browserPath = [process.env.KZV_CHROMIUM, '/usr/bin/chromium', '/usr/bin/chromium-browser', '/usr/bin/google-chrome']
+  .find((path) => path && existsSync(path));
+
+function skip(reason) {
+  console.log(`SKIPPED: ${reason}`);
+  process.exit(skipped);
+}
+
+async function loadPlaywright() {
+  try {
+    return await import('playwright-core');
+  } catch {
+    return skip('playwright-core is not installed (npm install in tests/browser)');
+  }
+}
+
+/// A program of ours: its lines as they come, its end.
+class Program {
+  constructor(path, args, environment) {
+    this.process = spawn(path, args, { env: { ...process.env, ...environment } });
+    this.output = '';
+    this.errors = '';
+    this.lines = createInterface({ input: this.process.stdout })[Symbol.asyncIterator]();
+    this.process.stderr.on('data', (bytes) => (this.errors += bytes));
+    this.ended = new Promise((resolve) => this.process.on('close', (status) => resolve(status)));
+  }
+
+  async line() {
+    const { value } = await bounded(this.lines.next(), `a line of output (${this.errors})`);
+    this.output += `${value}\n`;
+    return value;
+  }
+
+  async end() {
+    for await (const line of this.lines) this.output += `${line}\n`;
+    return bounded(this.ended, 'the end of a program');
+  }
+
+  stop() {
+    this.process.kill('SIGKILL');
+  }
+}
+
+function bounded(promise, what) {
+  let timer;
+  const late = new Promise((_, reject) => (timer = setTimeout(() => reject(new Error(`waited too long for ${what}`)), patience)));
+  return Promise.race([promise, late]).finally(() => clearTimeout(timer));
+}
+
+const [kzvPath, servicePath, bundle, pictures] = process.argv.slice(2);
+if (!browserPath) skip('no Chromium (apt-get install chromium)');
+const { chromium } = await loadPlaywright();
+
+const home = mkdtempSync(join(tmpdir(), 'kzv-browser-'));
+const programs = [];
+let browser;
+
+function start(path, args) {
+  const program = new Program(path, args, environment);
+  programs.push(program);
+  return program;
+}
+
+const environment = {
+  HOME: home,
+  KZV_HOME: home,
+  KZV_TOKEN_STORE: 'file',
+  KZV_BUNDLE: bundle,
+  KZV_SIGN_IN_PORT: '0',
+};
+
+async function picture(page, name) {
+  if (pictures) await page.screenshot({ path: join(pictures, `${name}.png`) });
+}
+
+/// The sign-in page of a `kzv link` that has just begun.
+async function beginLinking(context) {
+  const kzv = start(kzvPath, ['link', '--no-browser']);
+  const page = await context.newPage();
+  page.setDefaultTimeout(patience);
+  await page.goto(await kzv.line());
+  return { kzv, page };
+}
+
+async function accounts() {
+  const kzv = start(kzvPath, ['--json', 'accounts']);
+  assert.equal(await kzv.end(), 0, kzv.errors);
+  return kzv.output.trim().split('\n').filter(Boolean).map((line) => JSON.parse(line).label);
+}
+
+async function cancelLinksNothing(context) {
+  const { kzv, page } = await beginLinking(context);
+  await page.getByRole('button', { name: 'Cancel' }).click();
+  await page.getByText('declined').waitFor();
+  assert.equal(await kzv.end(), 1);
+  assert.match(kzv.errors, /kzv: link: .*declined/);
+  assert.deepEqual(await accounts(), []);
+}
+
+async function allowLinksTheAccount(context) {
+  const { kzv, page } = await beginLinking(context);
+  await page.getByRole('heading', { name: 'Allow access to your files?' }).waitFor();
+  await page.getByText('read the content of your files').waitFor();
+  await picture(page, 'signin-page');
+  await page.getByLabel('Ada').check();
+  await page.getByRole('button', { name: 'Allow' }).click();
+  await page.getByText('You can close this window').waitFor();
+  assert.match(page.url(), /^http:\/\/localhost:\d+\//);
+  await picture(page, 'signed-in-page');
+  assert.equal(await kzv.end(), 0, kzv.errors);
+  assert.match(kzv.output, /^linked Ada \(/m);
+  assert.deepEqual(await accounts(), ['Ada']);
+}
+
+async function aSecondAccountStandsBesideTheFirst(context) {
+  const { kzv, page } = await beginLinking(context);
+  await page.getByLabel('Bob').check();
+  await page.keyboard.press('Enter'); // the page works without a mouse
+  await page.getByText('You can close this window').waitFor();
+  assert.equal(await kzv.end(), 0, kzv.errors);
+  assert.deepEqual(await accounts(), ['Ada', 'Bob']);
+}
+
+async function theCodeCanBeTypedIn(context) {
+  const kzv = start(kzvPath, ['link', '--type-code']);
+  const page = await context.newPage();
+  page.setDefaultTimeout(patience);
+  await page.goto(await kzv.line());
+  await page.getByLabel('Another account').check();
+  await page.getByLabel('Name', { exact: true }).fill('Dora');
+  await page.getByLabel('E-mail address').fill('dora@example.com');
+  await page.getByRole('button', { name: 'Allow' }).click();
+  kzv.process.stdin.write(`${await page.locator('#code').innerText()}\n`);
+  assert.equal(await kzv.end(), 0, kzv.errors);
+  assert.deepEqual(await accounts(), ['Ada', 'Bob', 'Dora']);
+}
+
+try {
+  const service = start(servicePath, [
+    '--listen', '127.0.0.1:0',
+    '--account', 'Ada:ada@example.com:ada-token',
+    '--account', 'Bob:bob@example.com:bob-token',
+  ]);
+  environment.KZV_SERVICE_URL = (await service.line()).replace('listening on ', '');
+  browser = await chromium.launch({
+    executablePath: browserPath,
+    args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
+      '--disable-component-update', '--disable-sync'],
+  });
+  // Without scripts: the page must not need any.
+  const context = await browser.newContext({ javaScriptEnabled: false, viewport: { width: 900, height: 760 } });
+  for (const scenario of [cancelLinksNothing, allowLinksTheAccount, aSecondAccountStandsBesideTheFirst, theCodeCanBeTypedIn]) {
+    await scenario(context);
+    console.log(`passed: ${scenario.name}`);
+  }
+} finally {
+  await browser?.close();
+  for (const program of programs) program.stop();
+  rmSync(home, { recursive: true, force: true });
+}
