@@ -278,10 +278,11 @@ TEST(Defaults, WhatIsDamagedIsKeptAsideEachTime) {
 TEST(Defaults, AFileThatCannotBeReadIsNotReplaced) {
   const TemporaryFolder folder;
   const std::string file = folder / "suite.defaults";
-  ASSERT_TRUE(NSFileManager::defaultManager().createDirectoryAtPath(file, false));  // unreadable for root too
+  ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);  // unreadable for root too, and a rename would replace it
   NSUserDefaults defaults(file);
   defaults.setValue(str("v"), "k");
   EXPECT_FALSE(defaults.synchronize());
+  EXPECT_TRUE(fs::is_fifo(file));
   EXPECT_EQ(*textOf(defaults.objectForKey("k")), "v");
   ASSERT_TRUE(NSFileManager::defaultManager().removeItemAtPath(file));
   EXPECT_TRUE(defaults.synchronize()) << "the value was still pending";
