@@ -196,6 +196,21 @@ TEST(Writer, NestingWithoutLimitCostsNoStack) {
   EXPECT_EQ(writer.stringWithObject(array({array({integer(1)})})), "[\n  [\n    1\n  ]\n]");
 }
 
+// The size of a large text is foreseen from its beginning: rightly, far too small, far too large, and beside
+// one string that is longer than all room made so far.
+TEST(Writer, LargeTextsAreWholeWhateverTheirBeginningLetsExpect) {
+  const std::string longString(200'000, 'x');
+  for (const char* item : {"1", "[\"a\",{\"b\":null}]"}) {
+    for (const auto& first :
+         {std::string("0"), '"' + longString + '"', '"' + longString.substr(0, 50'000) + "\\n\""}) {
+      for (const auto& last : {std::string("0"), '"' + longString + '"'}) {
+        const std::string text = "[" + first + "," + repeated(item + std::string(","), 100'000) + last + "]";
+        EXPECT_TRUE(QJJsonWriter().stringWithObject(QJJsonParser().objectWithString(text)) == text);
+      }
+    }
+  }
+}
+
 // Inside one text the writers of the single kinds go on where they are called, and add to the trace.
 TEST(Writer, TheWritersOfEachKindAppend) {
   QJJsonWriter writer;
