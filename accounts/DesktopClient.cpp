@@ -15,7 +15,7 @@ namespace {
 
 constexpr const char* informationFile = ".dropbox/info.json";
 /// The client writes a few hundred bytes.
-constexpr std::uint64_t limitBytes = 1024 * 1024;
+constexpr std::uint64_t limitBytes = std::uint64_t{1024} * 1024;
 
 std::string informationPath() {
   if (!KZVSupport::isSandboxed()) return expandingTilde(std::string("~/") + informationFile);

@@ -362,10 +362,7 @@ TEST(DesktopClient, TheFolderIsKnownOrUnknownButNeverAProblem) {
       {"a device without an end", [&] { fs::create_symlink("/dev/zero", file); }, std::nullopt},
       {"a link to itself", [&] { fs::create_symlink(file, file); }, std::nullopt},
       {"100 MB",
-       [&] {
-         std::ofstream(file) << R"({"personal":{"path":"/d"}})";
-         fs::resize_file(file, 100'000'000);
-       },
+       [&] { home.writeInformation(R"({"personal":{"path":"/d"}})" + std::string(100'000'000, ' ')); },
        std::nullopt},
   };
   const std::string log = home.userHome.path() + "/log";
@@ -445,7 +442,13 @@ TEST_F(LinkCommandTest, EndsAsThePersonAnswers) {
   const Case cases[] = {
       {"allowed", "auto", {"link", "--no-browser"}, 0, 0, "linked Ada (dbid:", ""},
       {"the code is typed in", "auto", {"link", "--type-code"}, 0, 0, "linked Ada (dbid:", ""},
-      {"refused", "deny", {"link", "--no-browser"}, 0, 1, "", "kzv: link: Could not sign in: the sign-in was declined"},
+      {"refused",
+       "deny",
+       {"link", "--no-browser"},
+       0,
+       1,
+       "",
+       "kzv: link: Could not sign in: the sign-in was declined"},
       {"stopped", "page", {"link", "--no-browser"}, SIGINT, 130, "", "kzv: link: stopped"},
   };
   for (const Case& c : cases) {

@@ -46,9 +46,22 @@ class Program {
     return value;
   }
 
+  /// Waits until standard error holds what `pattern` matches.
+  complaint(pattern) {
+    const seen = new Promise((resolve) => {
+      const look = () => pattern.test(this.errors) && resolve();
+      this.process.stderr.on('data', look);
+      look();
+    });
+    return bounded(seen, `${pattern} on standard error`);
+  }
+
   async end() {
-    for await (const line of this.lines) this.output += `${line}\n`;
-    return bounded(this.ended, 'the end of a program');
+    const rest = async () => {
+      for await (const line of this.lines) this.output += `${line}\n`;
+      return this.ended;
+    };
+    return bounded(rest(), `the end of a program (${this.output}${this.errors})`);
   }
 
   stop() {
@@ -136,6 +149,19 @@ async function aSecondAccountStandsBesideTheFirst(context) {
   assert.deepEqual(await accounts(), ['Ada', 'Bob']);
 }
 
+async function enterTriesAgainWhenTheTokensDidNotCome(context) {
+  await fetch(`${environment.KZV_SERVICE_URL}/admin/faults`, {
+    method: 'POST',
+    body: JSON.stringify([{ route: 'oauth2/token', times: 1, status: 500, body: 'no' }]),
+  });
+  const { kzv, page } = await beginLinking(context);
+  await page.getByRole('button', { name: 'Allow' }).click();
+  await kzv.complaint(/not linked yet: .*press Enter to try again/);
+  kzv.process.stdin.write('\n');
+  assert.equal(await kzv.end(), 0, kzv.errors);
+  assert.deepEqual(await accounts(), ['Ada', 'Bob']);
+}
+
 async function theCodeCanBeTypedIn(context) {
   const kzv = start(kzvPath, ['link', '--type-code']);
   const page = await context.newPage();
@@ -152,7 +178,7 @@ async function theCodeCanBeTypedIn(context) {
 
 try {
   const service = start(servicePath, [
-    '--listen', '127.0.0.1:0',
+    '--listen', '127.0.0.1:0', '--admin',
     '--account', 'Ada:ada@example.com:ada-token',
     '--account', 'Bob:bob@example.com:bob-token',
   ]);
@@ -164,7 +190,8 @@ try {
   });
   // Without scripts: the page must not need any.
   const context = await browser.newContext({ javaScriptEnabled: false, viewport: { width: 900, height: 760 } });
-  for (const scenario of [cancelLinksNothing, allowLinksTheAccount, aSecondAccountStandsBesideTheFirst, theCodeCanBeTypedIn]) {
+  for (const scenario of [cancelLinksNothing, allowLinksTheAccount, aSecondAccountStandsBesideTheFirst,
+    enterTriesAgainWhenTheTokensDidNotCome, theCodeCanBeTypedIn]) {
     await scenario(context);
     console.log(`passed: ${scenario.name}`);
   }
