@@ -37,6 +37,9 @@ std::vector<std::string> fullEnvironment(const Program::Environment& added) {
   Program::Environment all{{"KZV_BUNDLE", KZV_TEST_BUNDLE}, {"TZ", "UTC"}, {"LC_ALL", "C.UTF-8"}};
   for (const char* kept : {"PATH", "HOME", "TMPDIR", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"})
     if (const char* value = std::getenv(kept)) all[kept] = value;
+  // That sanitizer sleeps a second before a process ends, to catch races of the last moment; here the end is
+  // timed.
+  all["TSAN_OPTIONS"] += " atexit_sleep_ms=0";
   for (const auto& [name, value] : added) all[name] = value;
   std::vector<std::string> lines;
   lines.reserve(all.size());
