@@ -91,7 +91,7 @@ TEST_F(CommandsTest, ExitStatusAndOneLineSayWhatHappened) {
     const char* errors;  // contained in standard error
   };
   const Case unlinked[] = {{"no account yet", {"ls", "/"}, 3, "", "kzv: ls:"},
-                           {"empty token", {"link", "--token-stdin"}, 1, "", "kzv: link:"}};
+                           {"empty token", {"link", "--token-stdin"}, 2, "", "kzv: link:"}};
   for (const Case& c : unlinked) {
     SCOPED_TRACE(c.name);
     const auto outcome = kzv(c.arguments);
