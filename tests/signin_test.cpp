@@ -328,6 +328,8 @@ TEST_F(SignInWithDesktopClientTest, TheFirstAccountLinkedIsTheDesktopClientsAndT
   EXPECT_EQ(plugin().desktopAccountId(), bob) << "an account that is not linked";
   plugin().setDesktopAccountId(cid);
   EXPECT_EQ(*textOf(stored()), cid);
+  signInAs("bob@example.com");
+  EXPECT_EQ(plugin().desktopAccountId(), cid) << "what a person has said stays";
   plugin().unlinkAccount(cid);
   EXPECT_EQ(plugin().desktopAccountId(), std::nullopt);
   EXPECT_EQ(stored(), nullptr);
@@ -355,6 +357,7 @@ TEST(DesktopClient, TheFolderIsKnownOrUnknownButNeverAProblem) {
       {"an array", text(R"([{"personal":{"path":"/d"}}])"), std::nullopt},
       {"cut off", text(R"({"personal":{"path":"/d)"), std::nullopt},
       {"not UTF-8", text("{\"personal\":{\"path\":\"/d\xff\"}}"), std::nullopt},
+      {"half of a character", text("{\"personal\":{\"path\":\"/d\xed\xa0\x80\"}}"), std::nullopt},
       {"empty", text(""), std::nullopt},
       {"deep", text(std::string(500'000, '[')), std::nullopt},
       {"a folder", [&] { fs::create_directories(file); }, std::nullopt},
