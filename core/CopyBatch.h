@@ -1,6 +1,7 @@
 #pragma once
 #include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -13,6 +14,11 @@
 #include "core/KZVBatchId.h"
 #include "core/ProgressCallback.h"
 #include "foundation/NSError.h"
+
+/// So many files of a batch are under way at once, either way: enough to hide a service's answer times, few
+/// enough not to look like an attack. A service that takes changes one after another says so, and is asked
+/// again.
+inline constexpr std::size_t copiesAtOnce = 16;
 
 /// How far a batch of copies is. What is known grows while folders are being listed.
 struct CopyCounts {

@@ -10,20 +10,13 @@
 #include "foundation/Paths.h"
 #include "foundation/Unicode.h"
 
-namespace {
-
-/// Fewer than are fetched at once: a service takes changes of one account one after another anyway.
-constexpr std::size_t filesAtOnce = 4;
-
-}  // namespace
-
 SendingBatch::SendingBatch(const KZVBatchId& batchId, CopyObservers observers,
                            std::shared_ptr<FSPlugin> volume)
     : batch_(batchId, std::move(observers)), volume_(std::move(volume)) {}
 
 bool SendingBatch::run(const std::string& from, const std::string& to, NSErrorRef* error) {
   batch_.add([this, from, to] { send(from, to, Place::top); }, CopyBatch::Order::soon);
-  return batch_.run(filesAtOnce, error);
+  return batch_.run(copiesAtOnce, error);
 }
 
 void SendingBatch::send(const std::string& from, const std::string& to, Place place) {

@@ -378,26 +378,26 @@ TEST_F(LocalFSTest, AStopEndsAllAndLeavesNoHalfFiles) {
   for (const auto& [path, content] : left) EXPECT_EQ(content.size(), 10'000U) << path;
 }
 
-TEST_F(LocalFSTest, EightFilesAreUnderWayAtOnceAndNotMore) {
+TEST_F(LocalFSTest, SixteenFilesAreUnderWayAtOnceAndNotMore) {
   Tree remote{{"/d/", ""}};
-  for (int i = 0; i < 40; ++i) remote["/d/f" + std::to_string(i)] = "x";
+  for (int i = 0; i < 80; ++i) remote["/d/f" + std::to_string(i)] = "x";
   const auto volume = std::make_shared<MemoryVolume>(remote);
   std::mutex mutex;
   std::condition_variable changed;
   int inFlight = 0;
   int most = 0;
   int arrived = 0;
-  // Each transfer waits for seven others, as long as there are enough to come.
+  // Each transfer waits for fifteen others, as long as there are enough to come.
   volume->onTransfer = [&](const std::string&) {
     std::unique_lock lock(mutex);
     most = std::max(most, ++inFlight);
-    const int group = arrived++ / 8;
+    const int group = arrived++ / 16;
     changed.notify_all();
-    changed.wait_for(lock, 10s, [&] { return arrived >= (group + 1) * 8; });
+    changed.wait_for(lock, 10s, [&] { return arrived >= (group + 1) * 16; });
     --inFlight;
   };
   EXPECT_TRUE(receive(volume, {"/d"}, disk_ / "to"));
-  EXPECT_EQ(most, 8);
+  EXPECT_EQ(most, 16);
 }
 
 TEST_F(LocalFSTest, TheWholeIsCountedOnceAndNeverGoesBack) {
