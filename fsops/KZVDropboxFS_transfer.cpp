@@ -33,6 +33,8 @@ std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, Pro
                                                     NSErrorRef* error) {
   const std::string key = lowercased(path);
   if (auto held = cache().urlForKey(key)) return held;
+  const KeyedGate::Pass pass(copiesBeingMade_, key);  // two copies of one item would remove each other's file
+  if (auto held = cache().urlForKey(key)) return held;
   NSErrorRef reason;
   auto copy = makeLocalCopy(path, key, std::move(progress), &reason);
   if (copy) return copy;

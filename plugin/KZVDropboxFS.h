@@ -9,6 +9,7 @@
 #include "foundation/Guarded.h"
 #include "foundation/NSNotificationCenter.h"
 #include "foundation/NSRunLoop.h"
+#include "plugin/KeyedGate.h"
 #include "plugin/ThumbnailCache.h"
 #include "sdk/DBSession.h"
 
@@ -163,6 +164,7 @@ class KZVDropboxFS final : public FSPlugin {
   std::shared_ptr<KZVDropboxFileManager> manager_;
   const std::shared_ptr<ThumbnailCache> cachedThumbs_;
   const std::shared_ptr<KZVSmartCache> cache_;
+  KeyedGate copiesBeingMade_;  // by the cache's keys
   /// By identity: two items of one path are two entries. Readers take the whole view.
   Guarded<FSItems> _watchedFolders;
 };
