@@ -2,21 +2,15 @@
 // handle and Boost.JSON. One stand-in serves both.
 #include <atomic>
 #include <boost/json.hpp>
-#include <cstdlib>
 #include <stdexcept>
 #include <thread>
 
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
+#include "bench/Account.h"
 #include "bench/Paired.h"
-#include "core/KZVCoreObj.h"
 #include "core/synced.h"
-#include "foundation/NSString.h"
-#include "plugin/KZVDropboxFS.h"
-#include "plugin/KZVDropboxFSClass.h"
-#include "testing/StandIn.h"
-#include "testing/TemporaryFolder.h"
 
 namespace json = boost::json;
 
@@ -25,78 +19,55 @@ namespace {
 constexpr int entries = 10'000;
 constexpr const char* folder = "/big";
 
-/// The plug-in in this process, with one linked account that holds a folder of 10,000 files and nothing else.
-class Bench {
+/// The bare way, in the same process: one keep-alive connection, each answer parsed.
+class BareClient {
  public:
-  static Bench& shared() {
-    static Bench bench;
-    return bench;
-  }
-  std::shared_ptr<KZVDropboxFS> coldInstance() const {
-    return std::make_shared<KZVDropboxFS>(nullptr, account_);
-  }
-  std::shared_ptr<KZVDropboxFileManager> coldManager() const {
-    return KZVDropboxFileManager::initWithUserId(*textOf(account_));
-  }
-  StandIn& standIn() { return standIn_; }
-
-  /// The bare way: one request, parsed.
-  json::value bareCall(const std::string& route, const json::value& argument) {
-    const auto answer = http_.post(standIn_.url() + "/2/" + route, json::serialize(argument),
-                                   {"Content-Type: application/json", "Authorization: Bearer ada-token"});
+  json::value call(const std::string& route, const json::value& argument) {
+    const auto answer =
+        http_.post(Account::shared().standIn().url() + "/2/" + route, json::serialize(argument),
+                   {"Content-Type: application/json", "Authorization: Bearer ada-token"});
     if (answer.status != 200) throw std::runtime_error(answer.body);
     return json::parse(answer.body);
   }
-  std::size_t bareListing() {
-    json::value page = bareCall("files/list_folder", {{"path", folder}, {"limit", 2000}});
+  std::size_t list() {
+    json::value page = call("files/list_folder", {{"path", folder}, {"limit", 2000}});
     std::size_t count = page.at("entries").as_array().size();
     while (page.at("has_more").as_bool()) {
-      page = bareCall("files/list_folder/continue", {{"cursor", page.at("cursor")}});
+      page = call("files/list_folder/continue", {{"cursor", page.at("cursor")}});
       count += page.at("entries").as_array().size();
     }
     return count;
   }
 
  private:
-  Bench() {
-    setenv("KZV_HOME", home_.path().c_str(), 1);
-    setenv("KZV_TOKEN_STORE", "file", 1);
-    setenv("KZV_SERVICE_URL", standIn_.url().c_str(), 1);
-    setenv("KZV_POLL_SECONDS", "3600", 1);
-    KZVDropboxFSClass::shared().initialize();
-    const auto userId = KZVDropboxFSClass::shared().linkAccountWithToken("ada-token", nullptr);
-    if (!userId) throw std::runtime_error("cannot link the account");
-    account_ = str(*userId);
-    standIn_.makeTree(folder, 0, entries);
-  }
-
-  TemporaryFolder home_;
-  StandIn standIn_;
   HttpClient http_;
-  id account_;
 };
 
-void check(bool holds) {
-  if (!holds) throw std::runtime_error("the benchmark did not do what it measures");
+/// The account with its folder of 10,000 files and nothing else.
+Account& account() {
+  static Account& filled = [&]() -> Account& {
+    Account::shared().standIn().makeTree(folder, 0, entries);
+    return Account::shared();
+  }();
+  return filled;
 }
 
 void BM_ListCold(benchmark::State& state) {
-  Bench& bench = Bench::shared();
+  BareClient bare;
   Paired pairs(state);
   for (auto _ : state) {
-    const auto instance = bench.coldInstance();
+    const auto instance = account().coldInstance();
     pairs.iterate([&] { check(instance->contentAtPath(folder, false, true, nullptr)->size() == entries); },
-                  [&] { check(bench.bareListing() == entries); });
+                  [&] { check(bare.list() == entries); });
   }
   pairs.report();
 }
 BENCHMARK(BM_ListCold)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillisecond);
 
 void BM_ListWarm(benchmark::State& state) {
-  Bench& bench = Bench::shared();
   Paired pairs(state);
   for (auto _ : state) {
-    const auto instance = bench.coldInstance();
+    const auto instance = account().coldInstance();
     const auto list = [&] {
       check(instance->contentAtPath(folder, false, true, nullptr)->size() == entries);
     };
@@ -128,7 +99,7 @@ double attributeRate(KZVDropboxFS& instance, const std::vector<std::string>& pat
 }
 
 void BM_Attributes(benchmark::State& state) {
-  const auto instance = Bench::shared().coldInstance();
+  const auto instance = account().coldInstance();
   std::vector<std::string> paths;
   for (const auto& item : *instance->contentAtPath(folder, false, true, nullptr))
     paths.push_back(item->path());
@@ -147,21 +118,21 @@ BENCHMARK(BM_Attributes)->UseManualTime()->Iterations(15)->Unit(benchmark::kMill
 
 /// One small request: the listing of a root that holds one folder.
 void BM_BlockingCall(benchmark::State& state) {
-  Bench& bench = Bench::shared();
+  BareClient bare;
   const auto delayMs = state.range(0);
   if (delayMs > 0) {
-    bench.standIn().fault({{"route", "files/list_folder"}, {"times", 1'000'000}, {"delay_ms", delayMs}});
+    account().standIn().fault({{"route", "files/list_folder"}, {"times", 1'000'000}, {"delay_ms", delayMs}});
   }
-  const auto manager = bench.coldManager();
+  const auto manager = account().coldManager();
   Paired pairs(state);
   const json::value argument = {{"path", ""}, {"limit", 2000}};
   for (auto _ : state) {
     synced(*manager->metaCache, [&] { manager->metaCache->removeAll(); });
     pairs.iterate([&] { check(manager->metadata("/") != nullptr); },
-                  [&] { check(bench.bareCall("files/list_folder", argument).is_object()); });
+                  [&] { check(bare.call("files/list_folder", argument).is_object()); });
   }
   pairs.report();
-  bench.standIn().clearFaults();
+  account().standIn().clearFaults();
 }
 BENCHMARK(BM_BlockingCall)
     ->ArgName("delay_ms")
