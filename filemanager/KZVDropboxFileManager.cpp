@@ -59,6 +59,13 @@ KZVDropboxFileManager::ClientRef KZVDropboxFileManager::prepare(ClientRef client
 }
 
 void KZVDropboxFileManager::start(const ClientRef& client, std::function<void(DBRestClient&)> request) {
+  if (!isLinked()) {
+    // Nothing can be asked for: without the condition wait returns at once. Posting all the same would bury
+    // the service thread under the calls of a host that keeps asking.
+    if (const auto condition = as<NSCondition>(objForKey(*client, KZVDFMLockKey()))) condition->unlock();
+    setObj(*client, nullptr, KZVDFMLockKey());
+    return;
+  }
   KZVDropboxFSSupport::performBlockInBackground(
       [client, request = std::move(request)] {
         client->cancelAllRequests();  // what an unlinked account's caller left running must not answer this
@@ -75,6 +82,10 @@ void KZVDropboxFileManager::finish(DBRestClient& client, id result, const NSErro
   if (error) setObj(client, error, KZVDFMErrorKey());
   const std::lock_guard lock(*condition);
   condition->signal();
+}
+
+bool KZVDropboxFileManager::isLinked() const {
+  return required(DBSession::sharedSession(), "a shared session is installed")->hasUserId(userId);
 }
 
 id KZVDropboxFileManager::wait(DBRestClient& client, NSErrorRef* error) {

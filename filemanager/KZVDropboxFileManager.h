@@ -138,7 +138,8 @@ class KZVDropboxFileManager final : public NSObject,
   // The three steps of every request, and the start between them.
   ClientRef prepare(ClientRef client);
   /// Runs `request` with the client on dropboxThread(); does not wait.
-  static void start(const ClientRef& client, std::function<void(DBRestClient&)> request);
+  void start(const ClientRef& client, std::function<void(DBRestClient&)> request);
+  bool isLinked() const;
   static void finish(DBRestClient& client, id result, const NSErrorRef& error);
   id wait(DBRestClient& client, NSErrorRef* error);
   /// prepare, start and wait on mainClient, under its lock.

@@ -55,7 +55,12 @@ transferSteps() {
     compare "$files/picture.png" "$files/again.png" &&
     step "Copy a folder out" get /Projects "$files/Projects" &&
     step "Delete the folder made above, with what is in it" rm -f /Tour &&
-    step "The account's space" df
+    step "The account's space" df &&
+    step "Whose account it is" info &&
+    step "Record the account as the desktop client's, whose files can be shared" desktop --set "Sample User" &&
+    step "A public link" share "/Photos/Lake in the evening.jpg" &&
+    step "A preview of a picture" preview "/Photos/Lake in the evening.jpg" --out "$files/preview.png" &&
+    step "The icon of a folder" icon /Photos --out "$files/icon.png"
 }
 
 # The steps, in order; each may count on the ones before it. A new verb of kzv gets its step here.

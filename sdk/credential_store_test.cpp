@@ -119,7 +119,7 @@ TEST_F(FileStore, ProcessesAtOnceLoseNoAccount) {
 
 TEST_F(FileStore, SurvivesAWriterKilledAtAnyMoment) {
   save("first", std::string(20'000, 't'));
-  for (int round = 0; round < 60; ++round) {
+  for (int round = 0; round < 200; ++round) {
     int ready[2];
     ASSERT_EQ(::pipe(ready), 0);
     const pid_t child = inChild([&] {

@@ -4,6 +4,7 @@
 #include "foundation/NSFileManager.h"
 #include "foundation/NSNumber.h"
 #include "foundation/NSRunLoop.h"
+#include "plugin/KZVDropboxFSGlobals.h"
 #include "tests/PluginFixture.h"
 
 using namespace std::chrono_literals;
@@ -103,6 +104,55 @@ TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
   standIn.write("/Photos/new.jpg", "two");
   EXPECT_TRUE(NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 20s));
   EXPECT_EQ(told, (std::map<std::string, int>{{"/Photos", 1}, {"/photos/2014", 1}, {"/PhotosOld", 1}}));
+}
+
+TEST_F(ChangesTest, PollsThatFailLoseNothing) {
+  standIn.write("/Docs/a.txt", "one");
+  settle(*ada);
+  const auto folder = std::make_shared<FSItem>("/Docs", ada);
+  folder->setIsDirectory(true);
+  folder->setChangeCallback([](const auto&) { NSRunLoop::mainRunLoop()->stop(); });
+  ada->startWatchFolder(folder);
+  standIn.fault(
+      {{"route", "files/list_folder/continue"}, {"times", 9}, {"status", 500}});  // each poll asks thrice
+  standIn.write("/Docs/b.txt", "two");
+  EXPECT_TRUE(NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 30s));
+  EXPECT_EQ(standIn.faultHits(), 9);
+}
+
+TEST_F(ChangesTest, EveryInstanceOfTheAccountDropsItsCopyAndNoOtherAccountHears) {
+  standIn.write("/docs/a.txt", "one");
+  const auto bob = open("bob-token");
+  const auto second = std::make_shared<KZVDropboxFS>(nullptr, ada->options());
+  KZVCoreObj::shared().attach(second);
+  std::promise<void> listed;  // linking Bob redraws his panels, once the list of accounts has him
+  KZVDropboxQueue().async([&] { listed.set_value(); });
+  ASSERT_EQ(listed.get_future().wait_for(patience), std::future_status::ready);
+  const auto bobsRoot = std::make_shared<FSItem>("/", bob);
+  bobsRoot->setIsDirectory(true);
+  bool bobHeard = false;
+  bobsRoot->setChangeCallback([&](const auto&) { bobHeard = true; });
+  bob->startWatchFolder(bobsRoot);
+  const auto contentIn = [&](KZVDropboxFS& plugin) {
+    const auto copy = bounded([&] { return plugin.requestFileUrl("/docs/a.txt", nullptr, nullptr); });
+    auto bytes = copy ? readFile(copy->path(), 100).value_or("") : "";
+    if (copy) plugin.releaseFileUrl(*copy);
+    return bytes;
+  };
+  for (KZVDropboxFS* plugin : {ada.get(), second.get()}) {
+    settle(*plugin);
+    EXPECT_TRUE(bounded([&] { return plugin->contentAtPath("/docs", false, true, nullptr).has_value(); }));
+    EXPECT_EQ(contentIn(*plugin), "one");
+  }
+  standIn.write("/docs/a.txt", "two");
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  for (KZVDropboxFS* plugin : {ada.get(), second.get()}) {
+    while (contentIn(*plugin) == "one" && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::yield();
+    EXPECT_EQ(contentIn(*plugin), "two");
+  }
+  NSRunLoop::mainRunLoop()->runUntilDate(NSRunLoop::Clock::now());
+  EXPECT_FALSE(bobHeard);
 }
 
 TEST_F(ChangesTest, NoListingStaysStaleWhateverTheOrderOfCursorListingAndChange) {

@@ -120,6 +120,44 @@ TEST_F(CommandsTest, ExitStatusAndOneLineSayWhatHappened) {
   EXPECT_EQ(kzv({"ls", "/"}).exitStatus, 3);  // which of the two?
 }
 
+TEST_F(CommandsTest, WatchTellsOfChangesUntilItIsStopped) {
+  standIn.write("/Docs/a.txt", "1");
+  link("ada-token");
+  auto variables = environment();
+  variables["KZV_POLL_SECONDS"] = "0.05";
+  ChildProcess watching({KZV_PROGRAM, "--json", "watch", "/Docs"}, variables);
+  while (standIn.requests().count("files/list_folder/continue") == 0) std::this_thread::yield();  // it polls
+  standIn.write("/Docs/b.txt", "2");
+  EXPECT_EQ(watching.readLine(30s), "{\"path\":\"/Docs\"}");
+  watching.signal(SIGINT);
+  EXPECT_EQ(watching.finish(10s).exitStatus, 130);
+}
+
+TEST_F(CommandsTest, SpaceSummaryLinksAndPicturesAreOneCommandEach) {
+  standIn.write("/Docs/a.txt", "12345");
+  link("ada-token");
+  const std::string icon = home.path() + "/icon.png";
+  struct Case {
+    std::vector<std::string> arguments;
+    int exitStatus;
+    const char* output;
+  };
+  const Case cases[] = {
+      {{"--json", "df"}, 0, "\"total\":"},
+      {{"--json", "info"}, 0, "\"email\":\"ada@example.com\""},
+      {{"share", "/Docs/a.txt"}, 3, ""},
+      {{"desktop", "--set", "Ada"}, 0, "account"},
+      {{"--json", "share", "/Docs/a.txt"}, 0, "{\"url\":\"http"},
+      {{"--json", "icon", "/Docs/a.txt", "--out", icon}, 0, "{\"width\":48,\"height\":48}"},
+      {{"preview", "/Docs/a.txt", "--out", icon}, 1, ""},
+  };
+  for (const Case& c : cases) {
+    const auto outcome = kzv(c.arguments);
+    EXPECT_EQ(outcome.exitStatus, c.exitStatus) << c.arguments[0] << ": " << outcome.errors;
+    EXPECT_NE(outcome.output.find(c.output), std::string::npos) << outcome.output;
+  }
+}
+
 TEST_F(CommandsTest, TokensAreSeenInNoOutputAndNoReadableFileAndDieWithTheAccount) {
   link("ada-token");
   std::string everything;

@@ -3,7 +3,8 @@
 std::vector<std::unique_ptr<Verb>> allVerbs() {
   std::vector<std::unique_ptr<Verb>> verbs;
   for (auto* make : {makeAccountsVerb, makeLinkVerb, makeUnlinkVerb, makeLsVerb, makeStatVerb, makeGetVerb,
-                     makePutVerb, makeMkdirVerb, makeRmVerb, makeMvVerb, makeDfVerb, makeDesktopVerb})
+                     makePutVerb, makeMkdirVerb, makeRmVerb, makeMvVerb, makeDfVerb, makeInfoVerb,
+                     makeShareVerb, makeIconVerb, makePreviewVerb, makeWatchVerb, makeDesktopVerb})
     verbs.push_back(make());
   return verbs;
 }

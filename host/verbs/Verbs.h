@@ -16,3 +16,8 @@ std::unique_ptr<Verb> makeRmVerb();
 std::unique_ptr<Verb> makeMvVerb();
 std::unique_ptr<Verb> makeDfVerb();
 std::unique_ptr<Verb> makeDesktopVerb();
+std::unique_ptr<Verb> makeInfoVerb();
+std::unique_ptr<Verb> makeShareVerb();
+std::unique_ptr<Verb> makeIconVerb();
+std::unique_ptr<Verb> makePreviewVerb();
+std::unique_ptr<Verb> makeWatchVerb();

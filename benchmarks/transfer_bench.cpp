@@ -8,8 +8,8 @@
 
 #include <benchmark/benchmark.h>
 
-#include "bench/Account.h"
-#include "bench/Paired.h"
+#include "benchmarks/Account.h"
+#include "benchmarks/Paired.h"
 #include "core/KZVLocalFS.h"
 
 namespace fs = std::filesystem;

@@ -1,0 +1,91 @@
+#include <CLI/CLI.hpp>
+#include <boost/json.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+#include "host/Console.h"
+#include "host/Formatting.h"
+#include "host/verbs/Verbs.h"
+
+namespace {
+
+/// Paths of changed folders, from the main thread, where volumes tell of them, to the verb's own.
+class News {
+ public:
+  void add(const std::string& path) {
+    {
+      const std::lock_guard lock(mutex_);
+      paths_.push_back(path);
+    }
+    arrived_.notify_one();
+  }
+  /// What has arrived, waiting a moment for something to.
+  std::deque<std::string> take() {
+    constexpr auto moment = std::chrono::milliseconds(100);  // so soon a stop is noticed
+    std::unique_lock lock(mutex_);
+    arrived_.wait_for(lock, moment, [&] { return !paths_.empty(); });
+    return std::exchange(paths_, {});
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::deque<std::string> paths_;  // guarded by mutex_
+};
+
+class WatchVerb final : public Verb {
+ public:
+  Words words() const override {
+    return {"watch", "Print a line whenever a watched folder changes, until stopped",
+            "  kzv watch /Documents /Photos"};
+  }
+  void declare(CLI::App& command) override {
+    command.add_option("PATH", typed_, "Folders of the account; what is below them counts, too")->required();
+  }
+
+  void run(VerbContext& context) override {
+    const auto volume = context.openVolume();
+    if (!volume) return;
+    const auto news = std::make_shared<News>();  // callbacks may still come while the verb ends
+    FSItems watched;
+    for (const std::string& typed : typed_) {
+      if (auto item = watch(context, volume, typed, news)) watched.push_back(std::move(item));
+    }
+    while (!watched.empty() && !context.shouldStop(watched.front()->path())) {
+      for (const std::string& path : news->take()) report(context, path);
+    }
+    for (const auto& item : watched) volume->stopWatchFolder(item);
+  }
+
+ private:
+  static std::shared_ptr<FSItem> watch(VerbContext& context, const std::shared_ptr<FSPlugin>& volume,
+                                       const std::string& typed, const std::shared_ptr<News>& news) {
+    const std::string path = context.pathFrom(typed);
+    if (path.empty()) return nullptr;
+    NSErrorRef error;
+    if (!volume->contentAtPath(path, false, true, &error)) {  // changes are told from what was seen on
+      context.fail(path, error);
+      return nullptr;
+    }
+    auto item = std::make_shared<FSItem>(path, volume);
+    item->setIsDirectory(true);
+    item->setChangeCallback([news](const std::shared_ptr<FSItem>& changed) { news->add(changed->path()); });
+    volume->startWatchFolder(item);
+    return item;
+  }
+
+  static void report(VerbContext& context, const std::string& path) {
+    context.console.line(context.options.json
+                             ? boost::json::serialize(boost::json::object{{"path", validUtf8(path)}})
+                             : harmless(path));
+    context.console.flush();
+  }
+
+  std::vector<std::string> typed_;
+};
+
+}  // namespace
+
+std::unique_ptr<Verb> makeWatchVerb() { return std::make_unique<WatchVerb>(); }
