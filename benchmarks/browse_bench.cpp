@@ -101,8 +101,8 @@ double attributeRate(KZVDropboxFS& instance, const std::vector<std::string>& pat
 void BM_Attributes(benchmark::State& state) {
   const auto instance = account().coldInstance();
   std::vector<std::string> paths;
-  for (const auto& item : *instance->contentAtPath(folder, false, true, nullptr))
-    paths.push_back(item->path());
+  const auto items = instance->contentAtPath(folder, false, true, nullptr);
+  for (const auto& item : *items) paths.push_back(item->path());
   constexpr int calls = 160'000;
   std::vector<double> single;
   std::vector<double> ratio;

@@ -53,8 +53,8 @@ MetadataCache::Record MetadataCache::find(std::string_view key) const {
   const auto [folderKey, name] = placeOf(key);
   const auto folder = folders_.find(folderKey);
   if (folder == folders_.end()) return nullptr;
-  const auto found = folder->second.find(name);
-  return found == folder->second.end() ? nullptr : found->second;
+  const auto found = folder->second.children.find(name);
+  return found == folder->second.children.end() ? nullptr : found->second;
 }
 
 void MetadataCache::store(std::string_view key, Record record) {
@@ -66,13 +66,19 @@ void MetadataCache::store(std::string_view key, Record record) {
   const auto [folderKey, name] = placeOf(key);
   auto folder = folders_.find(folderKey);
   if (folder == folders_.end()) folder = folders_.try_emplace(std::string(folderKey)).first;
-  const auto found = folder->second.find(name);
-  if (found != folder->second.end()) {
-    found->second = std::move(record);
-  } else {
-    folder->second.emplace(std::string(name), std::move(record));
-    ++count_;
-  }
+  folder->second.entered = nullptr;
+  const auto [child, isNew] = folder->second.children.insert_or_assign(std::string(name), std::move(record));
+  if (isNew) ++count_;
+}
+
+bool MetadataCache::isEntered(std::string_view key, const Record& folder) const {
+  const auto found = folders_.find(key);
+  return found != folders_.end() && found->second.entered == folder.get() && find(key) == folder;
+}
+
+void MetadataCache::noteEntered(std::string_view key, const Record& folder) {
+  const auto found = folders_.find(key);
+  if (found != folders_.end() && find(key) == folder) found->second.entered = folder.get();
 }
 
 void MetadataCache::dropOne(std::string_view key, std::vector<std::string>& droppedFiles) {
@@ -83,20 +89,22 @@ void MetadataCache::dropOne(std::string_view key, std::vector<std::string>& drop
   const auto [folderKey, name] = placeOf(key);
   const auto folder = folders_.find(folderKey);
   if (folder == folders_.end()) return;
-  const auto found = folder->second.find(name);
-  if (found == folder->second.end()) return;
+  Children& children = folder->second.children;
+  const auto found = children.find(name);
+  if (found == children.end()) return;
   if (isFile(found->second)) droppedFiles.emplace_back(key);
-  folder->second.erase(found);
+  children.erase(found);
+  folder->second.entered = nullptr;
   --count_;
-  if (folder->second.empty()) folders_.erase(folder);
+  if (children.empty()) folders_.erase(folder);
 }
 
 MetadataCache::Folders::iterator MetadataCache::dropFolder(Folders::iterator folder,
                                                            std::vector<std::string>& droppedFiles) {
-  for (const auto& [name, record] : folder->second) {
+  for (const auto& [name, record] : folder->second.children) {
     if (isFile(record)) droppedFiles.push_back(keyIn(folder->first, name));
   }
-  count_ -= folder->second.size();
+  count_ -= folder->second.children.size();
   return folders_.erase(folder);
 }
 

@@ -29,6 +29,10 @@ class MetadataCache final : public NSObject {
 
   Record find(std::string_view key) const;
   void store(std::string_view key, Record record);
+  /// Whether every child of `folder`, the listing that is cached at `key`, has been entered and none of them
+  /// has changed since; noteEntered says so after a listing was walked.
+  bool isEntered(std::string_view key, const Record& folder) const;
+  void noteEntered(std::string_view key, const Record& folder);
   /// Drops the record at `key` and nothing else; a fetch of it that is under way becomes stale.
   void remove(std::string_view key);
   /// Drops the record at `key` and everything below it; fetches there become stale. Returns the keys of the
@@ -52,8 +56,13 @@ class MetadataCache final : public NSObject {
   };
   /// Name (in lower case) -> record, for the children of one folder.
   using Children = std::unordered_map<std::string, Record, TextHash, std::equal_to<>>;
+  struct Folder {
+    Children children;
+    const DBMetadata* entered =
+        nullptr;  // the listing whose children these are, all of them; null: not known
+  };
   /// Key of a folder -> what is known below it. Ordered, so that the folders of a subtree stand together.
-  using Folders = std::map<std::string, Children, std::less<>>;
+  using Folders = std::map<std::string, Folder, std::less<>>;
   struct ActiveFetch {
     Fetch number;
     std::string key;

@@ -67,13 +67,10 @@ bool KZVDropboxFS::appendContent(const std::string& path, bool recursive, bool s
   const MetadataRef folder = manager.metadata(path, error);
   if (!folder || folder->isDeleted() || !folder->isDirectory()) return false;
   const auto contents = required(folder->contents(), "a listed folder carries its contents");
+  enterListing(folder);
   items.reserve(items.size() + contents->size());
   for (const MetadataRef& child : *contents) {
     if (child->isDeleted()) continue;
-    if (recordListedChild(folder, child)) {
-      const std::string key = lowercased(child->path());
-      for (const auto& instance : attachedInstances(requiredUserId())) instance->cache().invalidate(key);
-    }
     items.push_back(itemFor(*child));
     const bool descends = recursive && child->isDirectory();
     if (descends && !appendContent(items.back()->path(), recursive, showHidden, error, items)) return false;
@@ -81,10 +78,24 @@ bool KZVDropboxFS::appendContent(const std::string& path, bool recursive, bool s
   return true;
 }
 
-/// Notes the child of a listing in the cache of records; true when another revision of it was known before.
-bool KZVDropboxFS::recordListedChild(const MetadataRef& folder, const MetadataRef& child) {
-  if (child->isDirectory() && !child->contents()) return false;
+/// Enters the children of a listing into the cache of records; what is known in another revision loses its
+/// local copies.
+void KZVDropboxFS::enterListing(const MetadataRef& folder) {
   const std::string folderKey = MetadataCache::keyOf(*folder);
+  MetadataCache& cache = *requiredManager().metaCache;
+  if (synced(cache, [&] { return cache.isEntered(folderKey, folder); })) return;
+  for (const MetadataRef& child : *folder->contents()) {
+    if (child->isDeleted() || !recordListedChild(folderKey, folder, child)) continue;
+    const std::string key = lowercased(child->path());
+    for (const auto& instance : attachedInstances(requiredUserId())) instance->cache().invalidate(key);
+  }
+  synced(cache, [&] { cache.noteEntered(folderKey, folder); });
+}
+
+/// True when another revision of the child was known before.
+bool KZVDropboxFS::recordListedChild(const std::string& folderKey, const MetadataRef& folder,
+                                     const MetadataRef& child) {
+  if (child->isDirectory() && !child->contents()) return false;
   const std::string childKey = MetadataCache::keyOf(*child);
   MetadataCache& cache = *requiredManager().metaCache;
   return synced(cache, [&] {

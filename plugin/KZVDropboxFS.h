@@ -145,7 +145,8 @@ class KZVDropboxFS final : public FSPlugin {
 
   bool appendContent(const std::string& path, bool recursive, bool showHidden, NSErrorRef* error,
                      FSItems& items);
-  bool recordListedChild(const KZVDropboxFileManager::MetadataRef& folder,
+  void enterListing(const KZVDropboxFileManager::MetadataRef& folder);
+  bool recordListedChild(const std::string& folderKey, const KZVDropboxFileManager::MetadataRef& folder,
                          const KZVDropboxFileManager::MetadataRef& child);
   std::shared_ptr<FSItem> itemFor(const DBMetadata& record);
 
