@@ -28,6 +28,9 @@ void refuseHugePicture(GdkPixbufLoader* loader, int width, int height, gpointer 
 }
 
 std::unique_ptr<GdkPixbuf, Release> decode(std::string_view bytes) {
+  // One at a time: it bounds the memory that pictures from outside can take, whatever asks for them at once.
+  static auto& oneAtATime = *new std::mutex;
+  const std::lock_guard lock(oneAtATime);
   bool isRefused = false;
   const std::unique_ptr<GdkPixbufLoader, Release> loader(gdk_pixbuf_loader_new());
   g_signal_connect(loader.get(), "size-prepared", G_CALLBACK(refuseHugePicture), &isRefused);
