@@ -52,6 +52,9 @@ void SendingBatch::sendFolder(const std::string& from, const std::string& to) {
   // The root is always there, and no service makes it.
   bool isThere = to == "/" || volume_->createDirectoryAtPath(to, nullptr, &error);
   if (!isThere && !error) error = copyError(EIO, "the folder was not made");
+  // A file system that has just been listed knows what each file replaces, and need not ask for every one of
+  // them.
+  if (isThere) volume_->contentAtPath(to, false, true, nullptr);
   if (isThere) isThere = addChildren(from, to, &error);
   batch_.finishFolder(from, to, isThere ? nullptr : error);
 }

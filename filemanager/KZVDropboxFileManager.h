@@ -1,4 +1,5 @@
 #pragma once
+#include <atomic>
 #include <condition_variable>
 #include <functional>
 #include <memory>
@@ -177,6 +178,6 @@ class KZVDropboxFileManager final : public NSObject,
   std::condition_variable firstRunEnded_;
   std::optional<std::string> lastDeltaCursor;  // guarded by deltaStateMutex_: of the last complete run
   std::optional<NSDate::Time>
-      lastDeltaDate;                 // guarded by deltaStateMutex_: absent means run at the next chance
-  bool isFirstRunUnderWay_ = false;  // guarded by deltaStateMutex_
+      lastDeltaDate;  // guarded by deltaStateMutex_: absent means run at the next chance
+  std::atomic<bool> isFirstRunUnderWay_ = false;  // changed under deltaStateMutex_
 };

@@ -16,7 +16,7 @@ void KZVDropboxFileManager::loadDelta(NSErrorRef* error) {
 void KZVDropboxFileManager::runFirstDeltaInBackground() {
   {
     const std::lock_guard lock(deltaStateMutex_);
-    if (std::exchange(isFirstRunUnderWay_, true)) return;  // a second one would find nothing left to do
+    if (isFirstRunUnderWay_.exchange(true)) return;  // a second one would find nothing left to do
   }
   DispatchQueue::global().async([self = shared_from_this()] {
     self->runDelta(nullptr);

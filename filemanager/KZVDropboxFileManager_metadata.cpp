@@ -24,6 +24,7 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::metadata(const std::st
                                                                    NSErrorRef* error) {
   const std::string wanted = withoutTrailingDotDot(path);
   const std::string key = MetadataCache::keyOf(wanted);
+  awaitFirstCursor();
   if (auto record = cachedRecord(key)) return record;
   return fetchRecord(wanted, key, error);
 }
@@ -38,7 +39,6 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::cachedRecord(const std
 KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::fetchRecord(const std::string& path,
                                                                       const std::string& key,
                                                                       NSErrorRef* error) {
-  awaitFirstCursor();
   return synced(*mainClient, [&]() -> MetadataRef {
     if (auto record = cachedRecord(key)) return record;  // another caller fetched it while this one queued up
     const auto fetch = synced(*metaCache, [&] { return metaCache->beginFetch(key); });
@@ -55,6 +55,7 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::fetchRecord(const std:
 // The first cursor drops what was fetched before it, since a change between the two would never be told. A
 // fetch that leaves after the cursor has come may be kept: so the very first one lets the cursor go ahead.
 void KZVDropboxFileManager::awaitFirstCursor() {
+  if (!isFirstRunUnderWay_) return;
   std::unique_lock lock(deltaStateMutex_);
   firstRunEnded_.wait_for(lock, firstCursorPatience, [&] { return !isFirstRunUnderWay_; });
 }
