@@ -34,7 +34,8 @@ visitPage() {
 linkSampleAccount() {
   printf '\n# %s\n$ %s\n' "Sign in and link the account (the page of this service says yes at once)" \
     "kzv link --no-browser"
-  timeout 90 "$root/build/release/bin/kzv" link --no-browser </dev/null 2>&1 | visitPage
+  # A port of its own: the usual one may belong to a sign-in of the person who runs this.
+  KZV_SIGN_IN_PORT=$((30000 + RANDOM % 20000)) timeout 90 "$root/build/release/bin/kzv" link --no-browser </dev/null 2>&1 | visitPage
 }
 
 # compare LOCAL LOCAL: shown as the command it is.
