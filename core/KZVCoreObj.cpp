@@ -45,6 +45,12 @@ void KZVCoreObj::attach(std::shared_ptr<FSPlugin> plugin) {
 }
 
 void KZVCoreObj::detach(const FSPlugin& plugin) {
+  // A watched item keeps its file system alive, and the file system the item: closing the volume ends its
+  // watches.
+  for (const auto& attached : attachedPlugins()) {
+    if (attached.get() != &plugin) continue;
+    for (const auto& item : attached->watchedFolders()) attached->stopWatchFolder(item);
+  }
   std::shared_ptr<FSPlugin> released;  // may be the last reference, whose end may ask this object something
   const std::lock_guard lock(state_->mutex);
   auto& attached = state_->attached;
