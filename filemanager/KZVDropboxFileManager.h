@@ -158,6 +158,8 @@ class KZVDropboxFileManager final : public NSObject,
   void runDelta(NSErrorRef* error);
   void runFirstDeltaInBackground();
   bool isDeltaRecent() const;
+  /// Seconds between two delta runs, as the plug-in's start-up settled them.
+  static double deltaInterval();
   /// Makes the next delta run due at once: for calls that change the tree.
   void clearLastDeltaDate();
   std::optional<std::string> deltaCursor() const;

@@ -3,7 +3,6 @@
 #include "foundation/DispatchQueue.h"
 #include "foundation/NSString.h"
 #include "foundation/Paths.h"
-#include "plugin/KZVDropboxFSGlobals.h"
 
 void KZVDropboxFileManager::loadDelta(NSErrorRef* error) {
   if (deltaCursor()) {
@@ -44,7 +43,7 @@ bool KZVDropboxFileManager::isDeltaRecent() const {
   // run is due.
   const std::chrono::duration<double> age =
       std::chrono::abs(std::chrono::system_clock::now() - *lastDeltaDate);
-  return age.count() < deltaUpdateInterval();
+  return age.count() < deltaInterval();
 }
 
 void KZVDropboxFileManager::clearLastDeltaDate() {

@@ -1,12 +1,13 @@
-// The one place where a file manager reaches up to the plug-in class: for the service thread, and to report
-// changes.
-#include "core/DLog.h"
+// The one place where a file manager reaches up to the plug-in class: for the service thread and the time
+// between polls, and to report changes.
 #include "filemanager/KZVDropboxFileManager.h"
 #include "foundation/DispatchQueue.h"
 #include "plugin/KZVDropboxFS.h"
 #include "plugin/KZVDropboxFSGlobals.h"
 
 std::shared_ptr<NSThread> KZVDropboxFileManager::dropboxThread() { return dropboxOperationsThread().get(); }
+
+double KZVDropboxFileManager::deltaInterval() { return deltaUpdateInterval(); }
 
 void KZVDropboxFileManager::reportChanges(Changes changes) {
   if (changes.folders.empty() && changes.files.empty()) return;
