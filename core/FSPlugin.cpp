@@ -26,6 +26,13 @@ bool FSPlugin::writeFile(const NSURL& /*source*/, const std::string& path, Progr
   return false;
 }
 
+std::optional<StoredFile> FSPlugin::storeFile(const NSURL& source, const std::string& path,
+                                              const WriteBase& /*base*/, ProgressCallback progress,
+                                              NSErrorRef* error) {
+  if (!writeFile(source, path, std::move(progress), error)) return std::nullopt;
+  return StoredFile{path, std::nullopt};
+}
+
 bool FSPlugin::removeItemAtPath(const std::string& path, NSErrorRef* error) {
   setNotSupported(error, path);
   return false;

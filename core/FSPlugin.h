@@ -6,6 +6,7 @@
 
 #include "core/FSItem.h"
 #include "core/ProgressCallback.h"
+#include "core/WriteBase.h"
 #include "foundation/NSArray.h"
 #include "foundation/NSDictionary.h"
 #include "foundation/NSError.h"
@@ -58,6 +59,16 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   /// Stores a local file under the remote path `path`. True once the file system has it.
   virtual bool writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
                          NSErrorRef* error);
+  /// As writeFile, for a file that was made from a certain version: when another one is there by now, that
+  /// one stays, and this one is stored beside it under a name that the answer tells. Nothing on failure. A
+  /// file system that keeps no versions keeps this default: writeFile.
+  virtual std::optional<StoredFile> storeFile(const NSURL& source, const std::string& path,
+                                              const WriteBase& base, ProgressCallback progress,
+                                              NSErrorRef* error);
+  /// Which version of the file is there, as far as this process knows without asking anybody: an opaque text,
+  /// another one after each change. Nothing for what is not known, folders, and where there are no versions.
+  /// Does not block.
+  virtual std::optional<std::string> revisionAtPath(const std::string& /*path*/) { return std::nullopt; }
   /// Removes a file, or a folder with everything in it.
   virtual bool removeItemAtPath(const std::string& path, NSErrorRef* error);
   /// Moves or renames; `to` is the full new path. `attributes` may be empty.

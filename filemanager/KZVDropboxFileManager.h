@@ -9,6 +9,7 @@
 #include <string>
 
 #include "core/ProgressCallback.h"
+#include "core/WriteBase.h"
 #include "filemanager/MetadataCache.h"
 #include "foundation/NSDate.h"
 #include "foundation/NSError.h"
@@ -65,10 +66,14 @@ class KZVDropboxFileManager final : public NSObject,
   /// Uploads a local file: one request below 104857600 bytes, else chunks of the client layer's own size. A
   /// version that somebody else stored meanwhile is not overwritten: the service then keeps this one beside
   /// it under another name.
+  /// @param base      which version it may replace; the latest known one is asked for when the cache cannot
+  ///                  tell.
   /// @param progress  as for loadFile.
-  /// @return true once the service has stored the file. Blocks.
-  bool uploadFile(const NSURL& local, const std::string& toPath, ProgressCallback progress,
-                  NSErrorRef* error = nullptr);
+  /// @return the record once the service has stored the file, whose path says where; or null. Blocks.
+  MetadataRef uploadFile(const NSURL& local, const std::string& toPath, const WriteBase& base,
+                         ProgressCallback progress, NSErrorRef* error = nullptr);
+  /// The revision of the file at `path` as far as the cache knows. Does not block.
+  std::optional<std::string> knownRevision(const std::string& path) const;
   // Tree changes; each blocks for its request, and the next listing shows it.
   bool deletePath(const std::string& path, NSErrorRef* error = nullptr);
   bool moveFrom(const std::string& path, const std::string& toPath, NSErrorRef* error = nullptr);
@@ -171,7 +176,8 @@ class KZVDropboxFileManager final : public NSObject,
   /// What the cache knows of `key`: its record, or an empty one when its folder's listing does not hold it;
   /// nothing when the cache cannot tell.
   std::optional<MetadataRef> knownRecord(const std::string& key) const;
-  std::optional<std::string> parentRevision(const std::string& path, bool& isKnown, NSErrorRef* error);
+  std::optional<std::string> parentRevision(const std::string& path, const WriteBase& base, bool& isKnown,
+                                            NSErrorRef* error);
   void noteUploaded(const std::string& askedKey, const MetadataRef& record);
   /// Drops `path` with everything below it and the listing that holds it.
   void forget(const std::string& path);

@@ -52,15 +52,18 @@ std::optional<std::string> storedText(const DBRestClient& client, const NSString
 
 }  // namespace
 
-bool KZVDropboxFileManager::uploadFile(const NSURL& local, const std::string& toPath,
-                                       ProgressCallback progress, NSErrorRef* error) {
+KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::uploadFile(const NSURL& local,
+                                                                     const std::string& toPath,
+                                                                     const WriteBase& base,
+                                                                     ProgressCallback progress,
+                                                                     NSErrorRef* error) {
   clearLastDeltaDate();
   bool isKnown = false;
-  const auto parentRev = parentRevision(toPath, isKnown, error);
-  if (!isKnown) return false;
+  const auto parentRev = parentRevision(toPath, base, isKnown, error);
+  if (!isKnown) return nullptr;
   const std::string localPath = local.path();
   const auto sizeBytes = NSFileManager::defaultManager().fileSize(localPath, error);
-  if (!sizeBytes) return false;
+  if (!sizeBytes) return nullptr;
   const auto request = [=, isSmall = *sizeBytes < singleRequestLimitBytes](DBRestClient& client) {
     if (isSmall) {
       client.uploadFile(lastPathComponent(toPath), deletingLastPathComponent(toPath), parentRev, localPath);
@@ -71,18 +74,20 @@ bool KZVDropboxFileManager::uploadFile(const NSURL& local, const std::string& to
     setObj(client, parentRev ? str(*parentRev) : nullptr, KZVDFMUploadParentRevKey());
     client.uploadFileChunk(std::nullopt, 0, localPath);
   };
-  const MetadataRef record = as<DBMetadata>(requestOnFreshClient(std::move(progress), request, error));
-  if (!record) return false;
-  noteUploaded(MetadataCache::keyOf(toPath), record);
-  return true;
+  MetadataRef record = as<DBMetadata>(requestOnFreshClient(std::move(progress), request, error));
+  if (record) noteUploaded(MetadataCache::keyOf(toPath), record);
+  return record;
 }
 
 /// The revision that an upload to `path` replaces, or nothing for a new file. `isKnown` turns false, with the
 /// error, when the service could not say: sending anyway might leave the user with a second copy.
-std::optional<std::string> KZVDropboxFileManager::parentRevision(const std::string& path, bool& isKnown,
+std::optional<std::string> KZVDropboxFileManager::parentRevision(const std::string& path,
+                                                                 const WriteBase& base, bool& isKnown,
                                                                  NSErrorRef* error) {
   constexpr std::int64_t notFound = 404;
   isKnown = true;
+  if (base.kind == WriteBase::Kind::nothing) return std::nullopt;
+  if (base.kind == WriteBase::Kind::revision) return base.revision;
   MetadataRef record;
   if (const auto known = knownRecord(MetadataCache::keyOf(path))) {
     record = *known;
@@ -96,6 +101,11 @@ std::optional<std::string> KZVDropboxFileManager::parentRevision(const std::stri
   }
   if (!record || record->rev().empty()) return std::nullopt;
   return record->rev();
+}
+
+std::optional<std::string> KZVDropboxFileManager::knownRevision(const std::string& path) const {
+  const MetadataRef record = knownRecord(MetadataCache::keyOf(path)).value_or(nullptr);
+  return record && !record->rev().empty() ? std::optional(record->rev()) : std::nullopt;
 }
 
 std::optional<KZVDropboxFileManager::MetadataRef> KZVDropboxFileManager::knownRecord(

@@ -108,5 +108,18 @@ void KZVDropboxFS::releaseFileUrl(const NSURL& url) {
 bool KZVDropboxFS::writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
                              NSErrorRef* error) {
   cache().invalidate(path);
-  return requiredManager().uploadFile(source, path, std::move(progress), error);
+  return requiredManager().uploadFile(source, path, {}, std::move(progress), error) != nullptr;
+}
+
+std::optional<StoredFile> KZVDropboxFS::storeFile(const NSURL& source, const std::string& path,
+                                                  const WriteBase& base, ProgressCallback progress,
+                                                  NSErrorRef* error) {
+  cache().invalidate(path);
+  const auto record = requiredManager().uploadFile(source, path, base, std::move(progress), error);
+  if (!record) return std::nullopt;
+  return StoredFile{record->path(), record->rev()};
+}
+
+std::optional<std::string> KZVDropboxFS::revisionAtPath(const std::string& path) {
+  return requiredManager().knownRevision(path);
 }

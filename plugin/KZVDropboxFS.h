@@ -91,6 +91,9 @@ class KZVDropboxFS final : public FSPlugin {
   void releaseFileUrl(const NSURL& url) override;
   bool writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
                  NSErrorRef* error) override;
+  std::optional<StoredFile> storeFile(const NSURL& source, const std::string& path, const WriteBase& base,
+                                      ProgressCallback progress, NSErrorRef* error) override;
+  std::optional<std::string> revisionAtPath(const std::string& path) override;
 
   // --- Tree changes (fsops/KZVDropboxFS_tree.cpp)
 
