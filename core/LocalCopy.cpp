@@ -3,7 +3,6 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <utility>
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -13,27 +12,12 @@
 
 #include "core/KZVConstants.h"
 #include "core/KZVSupport.h"
+#include "foundation/Descriptor.h"
 #include "foundation/Paths.h"
 
 namespace {
 
 constexpr std::size_t stepBytes = std::size_t{4} * 1024 * 1024;
-
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (number_ >= 0) ::close(number_);
-  }
-  int number() const { return number_; }
-  /// 0, or why the last bytes could not be kept.
-  int close() { return ::close(std::exchange(number_, -1)) == 0 ? 0 : errno; }
-
- private:
-  int number_;
-};
 
 /// One step with read and write, for disks and kernels that cannot do it between themselves. Negative with
 /// errno.
@@ -82,7 +66,7 @@ int setModified(int file, const std::optional<NSDate::Time>& modified) {
 int fill(int from, const std::string& temporary, const std::optional<NSDate::Time>& modified,
          const std::function<bool()>& goesOn) {
   Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-  if (file.number() < 0) return errno;
+  if (!file.isOpen()) return errno;
   if (const int reason = copyBytes(from, file.number(), goesOn)) return reason;
   if (const int reason = setModified(file.number(), modified)) return reason;
   return file.close();
@@ -100,7 +84,7 @@ bool copyLocalFile(const std::string& from, const std::string& to, std::optional
                    const std::function<bool()>& goesOn, NSErrorRef* error) {
   const Descriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
-  if (source.number() < 0 || ::fstat(source.number(), &status) != 0) return refuse(error, errno, from);
+  if (!source.isOpen() || ::fstat(source.number(), &status) != 0) return refuse(error, errno, from);
   if (!S_ISREG(status.st_mode)) return refuse(error, S_ISDIR(status.st_mode) ? EISDIR : EINVAL, from);
   const std::string temporary =
       appendingPathComponent(deletingLastPathComponent(to), ".kzv-" + KZVSupport::uniquePathComponent());

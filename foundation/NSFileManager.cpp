@@ -3,35 +3,17 @@
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
-#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "foundation/Descriptor.h"
 #include "foundation/Paths.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-/// A file descriptor that closes itself.
-class Descriptor {
- public:
-  explicit Descriptor(int number) : number_(number) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (number_ >= 0) ::close(number_);
-  }
-  bool isOpen() const { return number_ >= 0; }
-  int number() const { return number_; }
-  /// Closes now; false when the system reports a failed write only here.
-  bool close() { return ::close(std::exchange(number_, -1)) == 0; }
-
- private:
-  int number_;
-};
 
 bool fail(NSErrorRef* error, int errnoValue, const std::string& path) {
   setError(error, NSError::posix(errnoValue, path));
@@ -115,7 +97,7 @@ std::optional<std::uint64_t> NSFileManager::fileSize(const std::string& path, NS
 bool writeFile(const std::string& path, std::string_view bytes, NSErrorRef* error) {
   if (holdsNul(path)) return fail(error, EINVAL, path);
   Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-  if (!file.isOpen() || !writeAll(file.number(), bytes) || !file.close()) return fail(error, errno, path);
+  if (!file.isOpen() || !writeAll(file.number(), bytes) || file.close() != 0) return fail(error, errno, path);
   return true;
 }
 
@@ -126,7 +108,7 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes, unsign
   Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!file.isOpen()) return fail(error, errno, path);
   const bool isStored = ::fchmod(file.number(), mode) == 0 && writeAll(file.number(), bytes) &&
-                        ::fsync(file.number()) == 0 && file.close() &&
+                        ::fsync(file.number()) == 0 && file.close() == 0 &&
                         ::rename(temporary.c_str(), path.c_str()) == 0;
   if (!isStored) {
     const int reason = errno;

@@ -1,0 +1,29 @@
+#pragma once
+#include <cerrno>
+#include <utility>
+
+#include <unistd.h>
+
+/// A file descriptor that closes itself. Negative: none; then `errno` still tells why, if it was made from a
+/// call that failed.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(number_, other.number_);
+    return *this;
+  }
+  ~Descriptor() {
+    if (number_ >= 0) ::close(number_);
+  }
+
+  bool isOpen() const noexcept { return number_ >= 0; }
+  int number() const noexcept { return number_; }
+  /// Closes now. 0, or the errno value of a write that the system reports only here.
+  int close() { return ::close(std::exchange(number_, -1)) == 0 ? 0 : errno; }
+
+ private:
+  int number_ = -1;
+};
