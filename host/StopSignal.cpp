@@ -3,8 +3,10 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdint>
+#include <mutex>
 #include <thread>
 
 #include <sys/eventfd.h>
@@ -17,11 +19,26 @@ namespace {
 
 /// How long the work may take to stop by itself. Together with the rest it stays below a quarter of a second,
 /// what a person still takes for "at once".
-constexpr auto grace = std::chrono::milliseconds(200);
+constexpr auto usualGrace = std::chrono::milliseconds(200);
 
 std::atomic<bool> requested{false};
+std::atomic<bool> isEndRequested{false};  // by another signal than Ctrl-C
 std::atomic<void (*)()> leaveHook{nullptr};
 int wakeUp = -1;  // an eventfd, set before the handlers are installed
+
+/// What the thread of this class and the work have to tell each other.
+struct Watch {
+  std::mutex mutex;
+  std::condition_variable wasReset;
+  std::function<void()> told;                    // guarded by mutex
+  std::chrono::milliseconds grace = usualGrace;  // guarded by mutex
+  std::uint64_t resets = 0;                      // guarded by mutex
+};
+
+Watch& watch() {
+  static auto& theWatch = *new Watch;  // its thread uses it to the end
+  return theWatch;
+}
 
 /// Safe in a signal handler.
 [[noreturn]] void endNow(int status) {
@@ -29,8 +46,9 @@ int wakeUp = -1;  // an eventfd, set before the handlers are installed
   ::_exit(status);
 }
 
-extern "C" void onStopSignal(int /*number*/) {
+extern "C" void onStopSignal(int number) {
   const int before = errno;
+  if (number != SIGINT) isEndRequested = true;
   // The second one ends the program right here: whatever holds it up must not hold up this.
   if (requested.exchange(true)) endNow(static_cast<int>(ExitStatus::stopped));
   const std::uint64_t one = 1;
@@ -42,6 +60,17 @@ void waitForSignal() {
   std::uint64_t count = 0;
   while (::read(wakeUp, &count, sizeof count) != sizeof count) {
   }
+}
+
+/// Waits until the stop that has just been asked for is answered with a reset; false when that takes too
+/// long.
+bool isAnswered() {
+  Watch& state = watch();
+  std::unique_lock lock(state.mutex);
+  if (!requested) return true;
+  if (state.told) state.told();
+  return state.wasReset.wait_for(lock, state.grace,
+                                 [&, before = state.resets] { return state.resets != before; });
 }
 
 void handle(int number, bool onlyIfNotIgnored) {
@@ -60,8 +89,9 @@ void StopSignal::install(std::function<void()> unanswered) {
   wakeUp = ::eventfd(0, EFD_CLOEXEC);
   std::thread([unanswered = std::move(unanswered)] {
     setCurrentThreadName("kzv-signals");
-    waitForSignal();
-    std::this_thread::sleep_for(grace);
+    do {
+      waitForSignal();
+    } while (isAnswered());
     unanswered();
     leave(static_cast<int>(ExitStatus::stopped));
   }).detach();
@@ -72,6 +102,25 @@ void StopSignal::install(std::function<void()> unanswered) {
 }
 
 bool StopSignal::isRequested() noexcept { return requested.load(); }
+
+void StopSignal::whenRequested(std::function<void()> told, std::chrono::milliseconds grace) {
+  Watch& state = watch();
+  const std::lock_guard lock(state.mutex);
+  state.grace = told ? grace : usualGrace;
+  state.told = std::move(told);
+  if (state.told && requested) state.told();
+}
+
+void StopSignal::reset() {
+  Watch& state = watch();
+  {
+    const std::lock_guard lock(state.mutex);
+    if (isEndRequested) return;
+    requested = false;
+    ++state.resets;
+  }
+  state.wasReset.notify_all();
+}
 
 void leave(int status) {
   static std::atomic_flag isLeaving;

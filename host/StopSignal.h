@@ -1,4 +1,5 @@
 #pragma once
+#include <chrono>
 #include <functional>
 
 /// What happens on Ctrl-C and on a request to end (SIGINT, SIGTERM, SIGHUP): the first one asks the work to
@@ -10,8 +11,15 @@ class StopSignal {
   /// @param unanswered  runs on a thread of this class when the work did not stop in time, before the program
   ///                    ends with status 130; must not wait for that work, nor for what it may hold.
   static void install(std::function<void()> unanswered);
+  /// For work that takes longer to end well than a command does: `told` runs, perhaps twice, on a thread of
+  /// this class, when the first stop is asked for (at once, if that was before), and the work then has
+  /// `grace` to end. Null takes it back: `told` does not run any more once this returns.
+  static void whenRequested(std::function<void()> told, std::chrono::milliseconds grace);
   /// Whether a stop has been asked for.
   static bool isRequested() noexcept;
+  /// The stop has been answered, and the program goes on with other work, as a shell does. A request to end
+  /// the program (SIGTERM, SIGHUP) stays.
+  static void reset();
 };
 
 /// Ends the process with `status` without running destructors of static objects, which threads of the plug-in
