@@ -96,6 +96,8 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   virtual void startWatchFolder(const std::shared_ptr<FSItem>& /*item*/) {}
   virtual void stopWatchFolder(const std::shared_ptr<FSItem>& /*item*/) {}
   virtual FSItems watchedFolders() const { return {}; }
+  /// Asks now for changes made elsewhere, and not only at the next poll. Blocks; a failure is not told.
+  virtual void pollForChanges() {}
 };
 
 /// The class side of a plug-in: what can be asked of it without a volume. One object per loaded bundle, alive

@@ -49,6 +49,8 @@ class KZVDropboxFileManager final : public NSObject,
   /// Brings metaCache up to date with the account's change feed, at most once in deltaUpdateInterval. The
   /// first run of a manager happens in the background; later ones block for their pages.
   void loadDelta(NSErrorRef* error = nullptr);
+  /// As loadDelta, however recent the last run was.
+  void loadDeltaNow(NSErrorRef* error = nullptr);
   /// Does nothing, on purpose: callers from before delta runs became cheap still ask for it. Runs start in
   /// loadDelta only.
   void deltaSmartUpdate() {}

@@ -12,6 +12,11 @@ void KZVDropboxFileManager::loadDelta(NSErrorRef* error) {
   }
 }
 
+void KZVDropboxFileManager::loadDeltaNow(NSErrorRef* error) {
+  clearLastDeltaDate();
+  loadDelta(error);
+}
+
 void KZVDropboxFileManager::runFirstDeltaInBackground() {
   {
     const std::lock_guard lock(deltaStateMutex_);

@@ -15,6 +15,8 @@ void KZVDropboxFS::stopWatchFolder(const std::shared_ptr<FSItem>& item) {
   _watchedFolders.update([&](FSItems& items) { std::erase(items, item); });
 }
 
+void KZVDropboxFS::pollForChanges() { requiredManager().loadDeltaNow(); }
+
 void KZVDropboxFS::dbTimerIntervalExpired(NSTimer& /*timer*/) {
   for (const auto& plugin : KZVCoreObj::shared().attachedPlugins()) {
     const auto instance = as<KZVDropboxFS>(plugin);

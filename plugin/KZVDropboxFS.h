@@ -124,6 +124,7 @@ class KZVDropboxFS final : public FSPlugin {
   void startWatchFolder(const std::shared_ptr<FSItem>& item) override;
   void stopWatchFolder(const std::shared_ptr<FSItem>& item) override;
   FSItems watchedFolders() const override { return _watchedFolders.get(); }
+  void pollForChanges() override;
   /// The service thread's timer: one poll of the change feed for every attached instance. Does not wait for
   /// them.
   static void dbTimerIntervalExpired(NSTimer& timer);
