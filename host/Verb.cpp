@@ -1,5 +1,7 @@
 #include "host/Verb.h"
 
+#include <fmt/format.h>
+
 #include "host/Console.h"
 #include "host/Formatting.h"
 #include "host/HostError.h"
@@ -22,6 +24,15 @@ void VerbContext::fail(std::string_view path, NSErrorRef error) {
   if (!record(exitStatusFor(*error))) return;
   console.flush();  // lines come out in the order in which things happened
   console.error(failureLine(verb_, path, *error));
+}
+
+void VerbContext::failAsSaid(std::string_view said, int exitStatus) {
+  const auto status = static_cast<ExitStatus>(exitStatus);
+  if (!record(status == ExitStatus::done ? ExitStatus::failed : status)) return;
+  console.flush();
+  while (said.ends_with('\n')) said.remove_suffix(1);
+  console.error(said.empty() ? fmt::format("kzv: {}: ended with status {}", verb_, exitStatus)
+                             : std::string(said));
 }
 
 void VerbContext::failUnanswered() {

@@ -28,6 +28,8 @@ class VerbContext {
   /// Reports one failure on standard error; `path` may be empty. The worst failure decides the exit status: a
   /// stop before all others, and is reported once. An empty `error` means that the operation gave no reason.
   void fail(std::string_view path, NSErrorRef error);
+  /// Reports what another process of this program has said on its standard error, and how it ended.
+  void failAsSaid(std::string_view said, int exitStatus);
   /// Reports the stop of a verb that does not answer. Waits for nothing that the verb may hold.
   void failUnanswered();
   ExitStatus status() const;

@@ -2,9 +2,10 @@
 
 std::vector<std::unique_ptr<Verb>> allVerbs() {
   std::vector<std::unique_ptr<Verb>> verbs;
-  for (auto* make : {makeAccountsVerb, makeLinkVerb, makeUnlinkVerb, makeLsVerb, makeStatVerb, makeGetVerb,
-                     makePutVerb, makeMkdirVerb, makeRmVerb, makeMvVerb, makeDfVerb, makeInfoVerb,
-                     makeShareVerb, makeIconVerb, makePreviewVerb, makeWatchVerb, makeDesktopVerb})
+  for (auto* make :
+       {makeAccountsVerb, makeLinkVerb, makeUnlinkVerb, makeLsVerb, makeStatVerb, makeGetVerb, makePutVerb,
+        makeMkdirVerb, makeRmVerb, makeMvVerb, makeDfVerb, makeInfoVerb, makeShareVerb, makeIconVerb,
+        makePreviewVerb, makeWatchVerb, makeDesktopVerb, makeMountVerb, makeUmountVerb})
     verbs.push_back(make());
   return verbs;
 }

@@ -1,0 +1,272 @@
+#include "host/mount/FileContent.h"
+
+#include <cerrno>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "core/LocalCopy.h"
+#include "foundation/Fatal.h"
+#include "host/mount/MountErrors.h"
+
+namespace {
+constexpr mode_t privateFile = 0600;
+}  // namespace
+
+FileContent::FileContent(std::shared_ptr<FSPlugin> volume, std::shared_ptr<UploadJournal> journal)
+    : volume_(std::move(volume)), journal_(std::move(journal)) {}
+
+FileContent::~FileContent() {
+  if (!id_.empty() && id_ != recordedId_) ::unlink(pathOf(id_).c_str());
+  if (copy_) volume_->releaseFileUrl(*copy_);
+}
+
+std::string FileContent::pathOf(const std::string& dataId) const {
+  return isLocalOnly_ ? journal_->localPath(dataId) : journal_->dataPath(dataId);
+}
+
+bool FileContent::hasData() const {
+  const std::lock_guard lock(mutex_);
+  return data_ != nullptr;
+}
+
+void FileContent::useCopy(std::shared_ptr<NSURL> copy, Descriptor file, WriteBase base) {
+  std::shared_ptr<NSURL> unused = copy;
+  {
+    const std::lock_guard lock(mutex_);
+    if (!data_) {
+      data_ = std::make_shared<const Descriptor>(std::move(file));
+      copy_ = std::move(copy);
+      base_ = std::move(base);
+      unused = nullptr;
+    }
+  }
+  if (unused) volume_->releaseFileUrl(*unused);  // somebody else was first
+}
+
+/// A new, empty private file under `dataId`.
+int FileContent::createData(std::string dataId) {
+  Descriptor file(::open(pathOf(dataId).c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, privateFile));
+  if (!file.isOpen()) return errno;
+  const std::string before = std::exchange(id_, std::move(dataId));
+  if (!before.empty() && before != recordedId_) ::unlink(pathOf(before).c_str());
+  data_ = std::make_shared<const Descriptor>(std::move(file));
+  return 0;
+}
+
+int FileContent::makeEmpty(const WriteBase& base) {
+  std::shared_ptr<NSURL> unused;
+  std::unique_lock lock(mutex_);
+  ++wishes_;
+  changed_.wait(lock, [&] { return !isSending_; });
+  --wishes_;
+  if (const int reason = createData(journal_->newId())) return reason;
+  // What waits to be sent replaces the version that it was made from; so does what comes after it.
+  if (!isUnsent_) base_ = base;
+  isUnsent_ = true;
+  isWritten_ = false;
+  unused = std::exchange(copy_, nullptr);
+  lock.unlock();
+  if (unused) volume_->releaseFileUrl(*unused);
+  return 0;
+}
+
+int FileContent::makeLocalOnly() {
+  const std::lock_guard lock(mutex_);
+  isLocalOnly_ = true;
+  return createData(journal_->newId());
+}
+
+int FileContent::adopt(const UploadJournal::Upload& upload) {
+  const std::lock_guard lock(mutex_);
+  Descriptor file(::open(journal_->dataPath(upload.id).c_str(), O_RDWR | O_CLOEXEC));
+  if (!file.isOpen()) return errno;
+  data_ = std::make_shared<const Descriptor>(std::move(file));
+  id_ = recordedId_ = upload.id;
+  base_ = upload.base;
+  isUnsent_ = true;
+  isWritten_ = true;
+  return 0;
+}
+
+std::shared_ptr<const Descriptor> FileContent::data() const {
+  const std::lock_guard lock(mutex_);
+  return data_;
+}
+
+std::uint64_t FileContent::sizeBytes() const {
+  const auto file = data();
+  struct stat status {};
+  if (!file || ::fstat(file->number(), &status) != 0) return 0;
+  return static_cast<std::uint64_t>(status.st_size);
+}
+
+/// Makes the bytes a private file that may be written: not the volume's copy, and not the version that waits
+/// in the journal.
+int FileContent::makePrivate() {
+  if (!id_.empty() && id_ != recordedId_) return 0;
+  if (!data_) fatalInvariant("a file has bytes before it is written");
+  const std::string from = copy_ ? copy_->path() : pathOf(id_);
+  std::string dataId = journal_->newId();
+  NSErrorRef error;
+  if (!copyLocalFile(
+          from, pathOf(dataId), std::nullopt, [] { return true; }, &error))
+    return errnoOf(error);
+  Descriptor file(::open(pathOf(dataId).c_str(), O_RDWR | O_CLOEXEC));
+  if (!file.isOpen() || ::fchmod(file.number(), privateFile) != 0) return errno;
+  data_ = std::make_shared<const Descriptor>(std::move(file));
+  id_ = std::move(dataId);
+  if (const auto copy = std::exchange(copy_, nullptr)) volume_->releaseFileUrl(*copy);
+  return 0;
+}
+
+int FileContent::write(const std::function<int(int file)>& put) {
+  std::unique_lock lock(mutex_);
+  ++wishes_;
+  changed_.wait(lock, [&] { return !isSending_; });
+  --wishes_;
+  if (const int reason = makePrivate()) return reason;
+  isUnsent_ = isWritten_ = !isLocalOnly_;
+  return put(data_->number());
+}
+
+int FileContent::truncate(std::uint64_t sizeBytes) {
+  return write([&](int file) { return ::ftruncate(file, static_cast<off_t>(sizeBytes)) == 0 ? 0 : errno; });
+}
+
+void FileContent::setModified(NSDate::Time time) {
+  using namespace std::chrono;
+  const std::lock_guard lock(mutex_);
+  if (id_.empty()) return;
+  const auto whole = floor<seconds>(time);
+  const timespec value{whole.time_since_epoch().count(), duration_cast<nanoseconds>(time - whole).count()};
+  const timespec times[2]{value, value};
+  ::futimens(data_->number(), times);
+}
+
+void FileContent::addUser(Access access) {
+  const std::lock_guard lock(mutex_);
+  ++(access == Access::write ? writers_ : readers_);
+}
+
+void FileContent::removeUser(Access access) {
+  const std::lock_guard lock(mutex_);
+  --(access == Access::write ? writers_ : readers_);
+}
+
+bool FileContent::hasUsers() const {
+  const std::lock_guard lock(mutex_);
+  return readers_ + writers_ > 0;
+}
+
+int FileContent::writers() const {
+  const std::lock_guard lock(mutex_);
+  return writers_;
+}
+
+bool FileContent::isUnsent() const {
+  const std::lock_guard lock(mutex_);
+  return isUnsent_;
+}
+
+bool FileContent::isWritten() const {
+  const std::lock_guard lock(mutex_);
+  return isWritten_;
+}
+
+bool FileContent::isWanted() const {
+  const std::lock_guard lock(mutex_);
+  return wishes_ > 0;
+}
+
+FileContent::Wish::Wish(std::shared_ptr<FileContent> content) : content_(std::move(content)) {
+  if (!content_) return;
+  const std::lock_guard lock(content_->mutex_);
+  ++content_->wishes_;
+}
+
+FileContent::Wish::~Wish() {
+  if (!content_) return;
+  const std::lock_guard lock(content_->mutex_);
+  --content_->wishes_;
+}
+
+bool FileContent::isLocalOnly() const {
+  const std::lock_guard lock(mutex_);
+  return isLocalOnly_;
+}
+
+void FileContent::sendFromNow(const WriteBase& base) {
+  const std::lock_guard lock(mutex_);
+  if (!isLocalOnly_) fatalInvariant("only a file that stayed here begins to be sent");
+  const std::string from = pathOf(id_);
+  isLocalOnly_ = false;
+  if (::rename(from.c_str(), pathOf(id_).c_str()) != 0)
+    fatalInvariant("two folders of one journal lie on one disk");
+  base_ = base;
+  isUnsent_ = true;
+  isWritten_ = true;
+}
+
+WriteBase FileContent::base() const {
+  const std::lock_guard lock(mutex_);
+  return base_;
+}
+
+void FileContent::setBase(const WriteBase& base) {
+  const std::lock_guard lock(mutex_);
+  base_ = base;
+}
+
+std::optional<FileContent::Sending> FileContent::beginSending(bool onlyClosed) {
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] { return !isSending_; });
+  if (!isUnsent_ || (onlyClosed && writers_ > 0)) return std::nullopt;
+  isSending_ = true;
+  return Sending{id_, base_};
+}
+
+void FileContent::endSending(const std::optional<WriteBase>& stored) {
+  {
+    const std::lock_guard lock(mutex_);
+    isSending_ = false;
+    if (stored) {
+      isUnsent_ = isWritten_ = false;
+      base_ = *stored;
+      dropRecorded();
+    }
+  }
+  changed_.notify_all();
+}
+
+NSErrorRef FileContent::record(const std::string& path, UploadJournal::Durability durability) {
+  const std::lock_guard lock(mutex_);
+  if (NSErrorRef error = journal_->put({id_, path, base_}, durability)) return error;
+  if (recordedId_ != id_) dropRecorded();
+  recordedId_ = id_;
+  return nullptr;
+}
+
+NSErrorRef FileContent::moveRecord(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  if (recordedId_.empty()) return nullptr;
+  return journal_->put({recordedId_, path, base_}, UploadJournal::Durability::process);
+}
+
+bool FileContent::isRecorded() const {
+  const std::lock_guard lock(mutex_);
+  return !recordedId_.empty();
+}
+
+void FileContent::dropRecorded() {
+  if (recordedId_.empty()) return;
+  journal_->forgetUpload(recordedId_);
+  if (recordedId_ != id_) ::unlink(pathOf(recordedId_).c_str());
+  recordedId_.clear();
+}
+
+void FileContent::discard() {
+  const std::lock_guard lock(mutex_);
+  dropRecorded();
+  isUnsent_ = isWritten_ = false;
+}

@@ -1,0 +1,125 @@
+#pragma once
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "core/FSPlugin.h"
+#include "core/WriteBase.h"
+#include "foundation/Descriptor.h"
+#include "foundation/NSDate.h"
+#include "host/mount/UploadJournal.h"
+
+/// The bytes of one file of a mount, while somebody has it open or they wait to be sent: the volume's local
+/// copy while they are only read, a private file once they are written. Any thread; errors are errno values,
+/// 0 for none.
+///
+/// A version that was closed and could not be sent is never written over: the next write works on a copy, and
+/// the older version waits until the newer one has been closed.
+class FileContent {
+ public:
+  FileContent(std::shared_ptr<FSPlugin> volume, std::shared_ptr<UploadJournal> journal);
+  FileContent(const FileContent&) = delete;
+  FileContent& operator=(const FileContent&) = delete;
+  /// Hands the volume's copy back. The private file goes unless it waits in the journal.
+  ~FileContent();
+
+  // Making.
+  bool hasData() const;
+  /// Shows the volume's copy, which is given back at the end, unless there are bytes already.
+  /// @param file  `copy`, open for reading.
+  /// @param base  the version that it is.
+  void useCopy(std::shared_ptr<NSURL> copy, Descriptor file, WriteBase base);
+  /// An empty private file in place of whatever there was, to be sent even if nothing is written.
+  int makeEmpty(const WriteBase& base);
+  /// An empty private file that is never sent.
+  int makeLocalOnly();
+  /// Takes over what an earlier process left in the journal.
+  int adopt(const UploadJournal::Upload& upload);
+
+  // Bytes.
+  std::shared_ptr<const Descriptor> data() const;
+  std::uint64_t sizeBytes() const;
+  /// Lets `put` write into the private file, which is made first. Blocks while the bytes are being sent.
+  int write(const std::function<int(int file)>& put);
+  int truncate(std::uint64_t sizeBytes);
+  /// The time that goes along when the bytes are sent.
+  void setModified(NSDate::Time time);
+
+  // Users.
+  enum class Access { read, write };
+  void addUser(Access access);
+  void removeUser(Access access);
+  bool hasUsers() const;
+  int writers() const;
+
+  // Sending.
+  bool isUnsent() const;
+  /// Whether bytes were written (or cut off) since the last sending, or since it was emptied by an open.
+  bool isWritten() const;
+  /// Whether somebody would rather write than wait for a sending in the background.
+  bool isWanted() const;
+  /// While it lives, somebody would rather have the file than have it sent. `content` may be empty.
+  class Wish {
+   public:
+    explicit Wish(std::shared_ptr<FileContent> content);
+    Wish(const Wish&) = delete;
+    Wish& operator=(const Wish&) = delete;
+    ~Wish();
+
+   private:
+    const std::shared_ptr<FileContent> content_;
+  };
+  bool isLocalOnly() const;
+  /// A file that stayed here is to be sent from now on, in place of the version `base`.
+  void sendFromNow(const WriteBase& base);
+  WriteBase base() const;
+  void setBase(const WriteBase& base);
+
+  /// One version on its way. Ended by endSending.
+  struct Sending {
+    std::string id;
+    WriteBase base;
+  };
+  /// Nothing when there is nothing to send, or `onlyClosed` and somebody has it open for writing. Waits for a
+  /// sending under way. Until endSending, writers wait.
+  std::optional<Sending> beginSending(bool onlyClosed);
+  /// @param stored  the version that the service has now, or nothing when it failed.
+  void endSending(const std::optional<WriteBase>& stored);
+  /// Notes in the journal that these bytes, which were closed, are to be stored at `path`, in place of an
+  /// older version that waited.
+  NSErrorRef record(const std::string& path, UploadJournal::Durability durability);
+  /// The version that waits in the journal, if there is one, goes to `path` now.
+  NSErrorRef moveRecord(const std::string& path);
+  /// Whether a version waits in the journal.
+  bool isRecorded() const;
+  /// The file is gone, or has another's place: nothing is sent any more.
+  void discard();
+
+ private:
+  int makePrivate();
+  int createData(std::string dataId);
+  void dropRecorded();
+  std::string pathOf(const std::string& dataId) const;
+
+  const std::shared_ptr<FSPlugin> volume_;
+  const std::shared_ptr<UploadJournal> journal_;
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  // All guarded by mutex_.
+  std::shared_ptr<const Descriptor> data_;
+  std::shared_ptr<NSURL> copy_;  // the volume's, while it is shown
+  std::string id_;               // of the private file; empty: none
+  std::string recordedId_;       // of the version that waits in the journal; empty: none
+  WriteBase base_;
+  bool isLocalOnly_ = false;
+  bool isUnsent_ = false;
+  bool isWritten_ = false;
+  bool isSending_ = false;
+  int wishes_ = 0;
+  int readers_ = 0;
+  int writers_ = 0;
+};

@@ -1,0 +1,88 @@
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "core/FSItem.h"
+#include "foundation/NSDate.h"
+#include "host/mount/FileContent.h"
+
+using NodeId = std::uint64_t;
+
+/// One file or folder that a mount has shown. Everything but id and isFolder is guarded by the lock of the
+/// tree's owner.
+struct MountNode : std::enable_shared_from_this<MountNode> {
+  MountNode(NodeId number, bool folder) : id(number), isFolder(folder) {}
+
+  const NodeId id;
+  const bool isFolder;
+  MountNode* parent = nullptr;  // null for the root, and for what is no longer in the tree
+  std::string name;             // as the service spells it; empty for the root
+  bool isRemote = false;        // the service has it
+  bool isKernelFresh = false;   // what the kernel keeps of the bytes is what they are
+  std::uint64_t sizeBytes = 0;
+  NSDate::Time modified{};
+  NSDate::Time listedModified{};         // the date as the volume tells it; `modified` may have been set here
+  std::uint64_t lookups = 0;             // how often the kernel has been told of it
+  std::shared_ptr<FileContent> content;  // files: while open or unsent
+
+  /// What is known of a folder's inside.
+  struct Inside {
+    enum class Listing { unknown, outOfDate, complete };
+    Listing listing = Listing::unknown;
+    /// Grows with every change made here, so that a listing that was asked for before is not taken for the
+    /// truth after it.
+    std::uint64_t changes = 0;
+    std::unordered_map<std::string, std::shared_ptr<MountNode>> children;  // by key
+    std::shared_ptr<FSItem> watched;
+  };
+  std::unique_ptr<Inside> inside;  // folders only
+};
+
+using MountNodeRef = std::shared_ptr<MountNode>;
+
+/// The part of an account's tree that a mount has shown, with the numbers that the kernel knows it by. Not
+/// thread-safe: its owner has a lock.
+class MountTree {
+ public:
+  static constexpr NodeId rootId = 1;
+
+  MountTree();
+
+  const MountNodeRef& root() const noexcept { return root_; }
+  /// Null for a number that was never given to the kernel, or has been taken back.
+  MountNodeRef find(NodeId number) const;
+  MountNodeRef child(const MountNode& folder, const std::string& name) const;
+
+  MountNodeRef make(bool isFolder);
+  /// Hangs `node` into `folder` under `name`. What was there under that key must be gone.
+  void add(MountNode& folder, const MountNodeRef& node, std::string name);
+  /// Gives `node`, with everything below it, another place. What was there under that key must be gone.
+  void move(const MountNodeRef& node, MountNode& folder, std::string name);
+  /// Takes `node` and everything below it out of the tree.
+  void remove(const MountNodeRef& node);
+  /// The folders at and below `node` that are watched.
+  static void collectWatched(MountNode& node, std::vector<MountNodeRef>& folders);
+  /// The files at and below `node` whose bytes are at hand.
+  static void collectContents(MountNode& node, std::vector<MountNodeRef>& files);
+
+  /// Whether the node is the root or hangs in it.
+  bool holds(const MountNode& node) const;
+  /// "/a/b" with the names as they are shown; with their keys.
+  static std::string pathOf(const MountNode& node);
+  static std::string keyPathOf(const MountNode& node);
+
+  /// The kernel was told of the node once more; forgets `count` of these.
+  void addLookup(const MountNodeRef& node);
+  void forget(NodeId number, std::uint64_t count);
+
+ private:
+  static void detach(MountNode& node);
+
+  const MountNodeRef root_;
+  NodeId lastId_ = rootId;
+  std::unordered_map<NodeId, MountNodeRef> known_;  // to the kernel
+};

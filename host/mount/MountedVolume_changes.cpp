@@ -1,0 +1,355 @@
+#include <cerrno>
+
+#include "core/KZVSupport.h"
+#include "foundation/NSLog.h"
+#include "foundation/Paths.h"
+#include "host/mount/MountNames.h"
+#include "host/mount/MountedVolume.h"
+#include "host/mount/MountedVolume_private.h"
+
+namespace {
+
+int errorOfName(const std::string& name) {
+  switch (kindOfName(name)) {
+    case NameKind::tooLong:
+      return ENAMETOOLONG;
+    case NameKind::notAllowed:
+      return EINVAL;
+    case NameKind::remote:
+    case NameKind::localOnly:
+      break;
+  }
+  return 0;
+}
+
+bool isAtOrBelow(const MountNode& node, const MountNode& top) {
+  for (const MountNode* each = &node; each; each = each->parent)
+    if (each == &top) return true;
+  return false;
+}
+
+constexpr auto never = [] { return false; };
+
+}  // namespace
+
+// --- Steps on the service
+
+int MountedVolume::removeRemote(const std::string& path, const IsInterrupted& isInterrupted) {
+  const int reason =
+      attempt(isInterrupted, [&](NSErrorRef* error) { return volume_->removeItemAtPath(path, error); });
+  return reason == ENOENT ? 0 : reason;  // somebody else, or an attempt whose answer was lost
+}
+
+int MountedVolume::moveRemote(const std::string& from, const std::string& to,
+                              const IsInterrupted& isInterrupted) {
+  bool isRepeated = false;
+  return attempt(isInterrupted, [&](NSErrorRef* error) {
+    if (volume_->moveFromPath(from, to, nullptr, {}, error)) return true;
+    // The answer of the attempt before this one may have been lost.
+    const bool wasDone = isRepeated && error && errnoOf(*error) == ENOENT && volume_->isExists(to);
+    isRepeated = true;
+    return wasDone;
+  });
+}
+
+/// Whether nothing is in the folder, as the service says now: removing a folder removes what is in it. The
+/// caller holds its subtree.
+bool MountedVolume::isEmptyNow(const MountNodeRef& folder, const std::string& path,
+                               const IsInterrupted& isInterrupted, int& error) {
+  bool isRemote = false;
+  {
+    const std::lock_guard lock(treeMutex_);
+    isRemote = folder->isRemote;
+    for (const auto& [key, child] : folder->inside->children) {
+      if (child->isRemote) continue;
+      error = ENOTEMPTY;
+      return false;
+    }
+  }
+  if (!isRemote) return true;
+  volume_->pollForChanges();
+  bool isEmpty = false;
+  error = attempt(isInterrupted, [&](NSErrorRef* reason) {
+    const auto items = volume_->contentAtPath(path, false, true, reason);
+    isEmpty = items && items->empty();
+    return items.has_value();
+  });
+  if (error == ENOENT) {
+    error = 0;
+    return true;  // gone already
+  }
+  if (error == 0 && !isEmpty) error = ENOTEMPTY;
+  return error == 0;
+}
+
+// --- Making and removing
+
+Answer<MountedVolume::Found> MountedVolume::makeFolder(NodeId folderId, const std::string& name,
+                                                       const IsInterrupted& isInterrupted) {
+  if (const int reason = errorOfName(name)) return {{}, reason};
+  if (kindOfName(name) == NameKind::localOnly) return {{}, EINVAL};
+  const auto folder = find(folderId);
+  const auto child = childOf(folder, name, isInterrupted);
+  if (child.error || child.value) return {{}, child.error ? child.error : EEXIST};
+  const auto held = holdPath(folder);
+  if (!held) return {{}, ENOENT};
+  const std::string path = appendingPathComponent(held->path, name);
+  const int reason = attempt(
+      isInterrupted, [&](NSErrorRef* error) { return volume_->createDirectoryAtPath(path, nullptr, error); });
+  if (reason) return {{}, reason};
+  MountNodeRef made;
+  Found found;
+  {
+    const std::lock_guard lock(treeMutex_);
+    made = tree_.child(*folder, name);  // a listing may have been faster
+    if (!made) {
+      made = tree_.make(true);
+      made->isRemote = true;
+      made->modified = startTime_;
+      // Nothing is in it. Should another device have made it in the same moment, the watch will tell.
+      made->inside->listing = MountNode::Inside::Listing::complete;
+      tree_.add(*folder, made, name);
+    }
+    found = foundLocked(made, name);
+  }
+  watch(made, path);
+  return {std::move(found), 0};
+}
+
+int MountedVolume::removeFile(NodeId folderId, const std::string& name, const IsInterrupted& isInterrupted) {
+  const auto child = childOf(find(folderId), name, isInterrupted);
+  if (child.error || !child.value) return child.error ? child.error : ENOENT;
+  const MountNodeRef& node = child.value;
+  if (node->isFolder) return EISDIR;
+  const auto claimed = claimSubtree(node);
+  if (!claimed) return ENOENT;
+  if (claimed->isRemote) {
+    if (const int reason = removeRemote(claimed->path, isInterrupted)) return reason;
+  }
+  takeOut(node, name);
+  return 0;
+}
+
+int MountedVolume::removeFolder(NodeId folderId, const std::string& name,
+                                const IsInterrupted& isInterrupted) {
+  const auto child = childOf(find(folderId), name, isInterrupted);
+  if (child.error || !child.value) return child.error ? child.error : ENOENT;
+  const MountNodeRef& node = child.value;
+  if (!node->isFolder) return ENOTDIR;
+  const auto claimed = claimSubtree(node);
+  if (!claimed) return ENOENT;
+  int error = 0;
+  if (!isEmptyNow(node, claimed->path, isInterrupted, error)) {
+    inbox_->add(node);  // what is in it may never have been shown
+    return error;
+  }
+  if (claimed->isRemote) {
+    if (const int reason = removeRemote(claimed->path, isInterrupted)) return reason;
+  }
+  unwatch(*node);
+  takeOut(node, name);
+  return 0;
+}
+
+/// The node alone with everything below it; nothing when it is gone.
+std::optional<MountedVolume::Claimed> MountedVolume::claimSubtree(const MountNodeRef& node) {
+  while (true) {
+    std::string key;
+    std::shared_ptr<FileContent> content;
+    {
+      const std::lock_guard lock(treeMutex_);
+      if (!tree_.holds(*node)) return std::nullopt;
+      key = MountTree::keyPathOf(*node);
+      content = node->content;
+    }
+    const FileContent::Wish wish(content);  // a sending in the background gives way
+    Claimed claimed;
+    claimed.hold = paths_.hold({{key, PathLocks::Kind::subtree}});
+    const std::lock_guard lock(treeMutex_);
+    if (!tree_.holds(*node)) return std::nullopt;
+    if (MountTree::keyPathOf(*node) != key) continue;
+    claimed.path = MountTree::pathOf(*node);
+    claimed.isRemote = node->isRemote;
+    return claimed;
+  }
+}
+
+/// Takes a removed node out of the tree; what it had to send is sent no more. The kernel knows of `name`.
+void MountedVolume::takeOut(const MountNodeRef& node, const std::string& name) {
+  std::shared_ptr<FileContent> content;
+  Notices notices;
+  {
+    const std::lock_guard lock(treeMutex_);
+    if (node->parent && node->name != name) notices.entries.emplace_back(node->parent->id, node->name);
+    tree_.remove(node);
+    content = node->content;
+  }
+  tell(notices);
+  if (!content) return;
+  content->discard();
+  dropContent(node, content);
+}
+
+// --- Renaming
+
+struct MountedVolume::RenamePlan {
+  MountNodeRef source;
+  MountNodeRef target;  // what is in the way; may be empty
+  MountNodeRef toFolder;
+  std::string fromPath;
+  std::string toPath;
+  std::string toName;
+  PathLocks::Hold hold;
+};
+
+int MountedVolume::rename(NodeId fromFolderId, const std::string& fromName, NodeId toFolderId,
+                          const std::string& toName, Target target, const IsInterrupted& isInterrupted) {
+  if (const int reason = errorOfName(toName)) return reason;
+  const auto fromFolder = find(fromFolderId);
+  RenamePlan plan;
+  plan.toFolder = find(toFolderId);
+  plan.toName = toName;
+  const auto source = childOf(fromFolder, fromName, isInterrupted);
+  if (source.error || !source.value) return source.error ? source.error : ENOENT;
+  const auto inTheWay = childOf(plan.toFolder, toName, isInterrupted);
+  if (inTheWay.error) return inTheWay.error;
+  plan.source = source.value;
+  if (const int reason = claim(plan)) return reason;
+  if (plan.target) {
+    if (target == Target::mustNotExist) return EEXIST;
+    if (plan.source->isFolder && !plan.target->isFolder) return ENOTDIR;
+    if (!plan.source->isFolder && plan.target->isFolder) return EISDIR;
+    int error = 0;
+    if (plan.target->isFolder && !isEmptyNow(plan.target, plan.toPath, isInterrupted, error)) return error;
+  }
+  const auto content = contentOf(plan.source);
+  const bool becomesLocal = kindOfName(toName) == NameKind::localOnly;
+  const bool wasLocal = content && content->isLocalOnly();
+  // The account would lose it, and this machine would have it only for as long as the mount is there.
+  if (becomesLocal && !wasLocal) return EINVAL;
+  if (plan.source->isRemote) return renameRemote(plan, isInterrupted);
+  return renameUnsent(plan, becomesLocal, isInterrupted);
+}
+
+/// Looks the plan's nodes and paths up and claims both subtrees.
+int MountedVolume::claim(RenamePlan& plan) {
+  while (true) {
+    std::string fromKey;
+    std::string toKey;
+    const auto look = [&] {
+      if (!tree_.holds(*plan.source) || !tree_.holds(*plan.toFolder) || !plan.source->parent) return false;
+      plan.target = tree_.child(*plan.toFolder, plan.toName);
+      if (plan.target == plan.source) plan.target = nullptr;  // another spelling of its own name
+      plan.fromPath = MountTree::pathOf(*plan.source);
+      plan.toPath = appendingPathComponent(MountTree::pathOf(*plan.toFolder), plan.toName);
+      return true;
+    };
+    {
+      const std::lock_guard lock(treeMutex_);
+      if (!look()) return ENOENT;
+      if (isAtOrBelow(*plan.toFolder, *plan.source)) return EINVAL;  // into itself
+      fromKey = keyOfPath(plan.fromPath);
+      toKey = keyOfPath(plan.toPath);
+    }
+    const FileContent::Wish wish(contentOf(plan.source));
+    plan.hold = paths_.hold({{fromKey, PathLocks::Kind::subtree}, {toKey, PathLocks::Kind::subtree}});
+    const std::lock_guard lock(treeMutex_);
+    if (!look()) return ENOENT;
+    if (keyOfPath(plan.fromPath) == fromKey && keyOfPath(plan.toPath) == toKey) return 0;
+    plan.hold = {};
+  }
+}
+
+/// A file that the service does not have yet takes its new place here; what it replaces stays on the service
+/// until the new bytes do.
+int MountedVolume::renameUnsent(RenamePlan& plan, bool staysLocal, const IsInterrupted& isInterrupted) {
+  const auto content = contentOf(plan.source);
+  if (!content) return EBUSY;  // a folder that another device has just deleted
+  const bool isReplacing = plan.target && plan.target->isRemote;
+  const WriteBase base =
+      isReplacing ? knownBase(*plan.target, plan.toPath) : WriteBase{WriteBase::Kind::nothing, {}};
+  const bool beginsToBeSent = content->isLocalOnly() && !staysLocal;
+  if (beginsToBeSent) {
+    content->sendFromNow(base);
+  } else {
+    content->setBase(base);
+  }
+  if (plan.target) takeOut(plan.target, plan.toName);
+  hang(plan);
+  {
+    const std::lock_guard lock(treeMutex_);
+    plan.source->isRemote = isReplacing;
+  }
+  if (!beginsToBeSent || content->writers() > 0) return 0;
+  plan.hold = {};  // sending holds the path itself
+  const int reason = send(plan.source, content, Manner::foreground, isInterrupted);
+  dropContent(plan.source, content);
+  return reason;
+}
+
+/// On the service nothing takes the place of something else: what is in the way is set aside first, and comes
+/// back if the move fails. The journal knows of it, should this process die in between.
+int MountedVolume::renameRemote(RenamePlan& plan, const IsInterrupted& isInterrupted) {
+  std::string aside;
+  UploadJournal::Rename record;
+  if (plan.target && plan.target->isRemote) {
+    aside = appendingPathComponent(
+        deletingLastPathComponent(plan.toPath),
+        setAsideName(plan.target->name, KZVSupport::uniquePathComponent().substr(0, 8)));
+    record = {journal_->newId(), plan.toPath, aside};
+    if (const auto error = journal_->put(record)) return errnoOf(error);
+    if (const int reason = moveRemote(MountTree::pathOf(*plan.target), aside, isInterrupted)) {
+      journal_->forgetRename(record.id);
+      return reason;
+    }
+  }
+  const auto revisionBefore = volume_->revisionAtPath(plan.fromPath);
+  const int reason =
+      moveRemote(plan.fromPath, plan.toPath, aside.empty() ? isInterrupted : IsInterrupted(never));
+  if (!aside.empty()) {
+    const int second = reason == 0 ? removeRemote(aside, never) : moveRemote(aside, plan.toPath, never);
+    if (second == 0) {
+      journal_->forgetRename(record.id);
+    } else {
+      NSLog(NSLogLevel::warning, "mount",
+            "what was at " + plan.toPath + " lies at " + aside + " until this volume is mounted again");
+    }
+  }
+  if (reason != 0) return reason;
+  if (plan.target) takeOut(plan.target, plan.toName);
+  std::vector<MountNodeRef> watched;
+  {
+    const std::lock_guard lock(treeMutex_);
+    MountTree::collectWatched(*plan.source, watched);
+  }
+  if (const auto content = contentOf(plan.source)) {
+    // What was made from the version that has moved goes on from it.
+    const auto revision = volume_->revisionAtPath(plan.toPath);
+    if (revision && revisionBefore && content->base().revision == *revisionBefore)
+      content->setBase({WriteBase::Kind::revision, *revision});
+  }
+  hang(plan);
+  plan.hold = {};
+  moveWatches(watched);
+  return 0;
+}
+
+/// Gives the source its new place in the tree, and what waits in the journal its new path.
+void MountedVolume::hang(RenamePlan& plan) {
+  std::vector<MountNodeRef> files;
+  std::vector<std::string> paths;
+  {
+    const std::lock_guard lock(treeMutex_);
+    tree_.move(plan.source, *plan.toFolder, plan.toName);
+    MountTree::collectContents(*plan.source, files);
+    for (const auto& file : files) paths.push_back(MountTree::pathOf(*file));
+  }
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    if (const auto content = contentOf(files[i])) content->moveRecord(paths[i]);
+  }
+}
+
+std::shared_ptr<FileContent> MountedVolume::contentOf(const MountNodeRef& node) const {
+  const std::lock_guard lock(treeMutex_);
+  return node->content;
+}

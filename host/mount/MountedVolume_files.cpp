@@ -1,0 +1,329 @@
+#include <cerrno>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "foundation/NSDate.h"
+#include "foundation/NSDictionary.h"
+#include "foundation/NSFileManager.h"
+#include "foundation/NSLog.h"
+#include "foundation/NSNumber.h"
+#include "foundation/Paths.h"
+#include "host/mount/MountNames.h"
+#include "host/mount/MountedVolume.h"
+#include "host/mount/MountedVolume_private.h"
+
+using namespace std::chrono_literals;
+using Access = FileContent::Access;
+
+namespace {
+
+/// A file that was made and closed without a byte is often a test whether one can write, or gets its bytes
+/// from the next program: it is sent only if it is still there then.
+constexpr auto emptyFileDelay = 1s;
+
+WriteBase baseOf(const std::optional<std::string>& revision) {
+  return revision ? WriteBase{WriteBase::Kind::revision, *revision} : WriteBase{};
+}
+
+}  // namespace
+
+// --- Opening
+
+/// The bytes of the file, with one user more.
+std::shared_ptr<FileContent> MountedVolume::useContent(const MountNodeRef& node, Access access) {
+  const std::lock_guard lock(treeMutex_);
+  if (!node->content) node->content = std::make_shared<FileContent>(volume_, journal_);
+  node->content->addUser(access);
+  return node->content;
+}
+
+/// Lets go of bytes that nobody has open and that the service has.
+void MountedVolume::dropContent(const MountNodeRef& node, const std::shared_ptr<FileContent>& content) {
+  std::shared_ptr<FileContent> unused;
+  const std::lock_guard lock(treeMutex_);
+  if (node->content != content || content->hasUsers() || content->isUnsent()) return;
+  if (content->isLocalOnly() && tree_.holds(*node)) return;
+  unused = std::move(node->content);
+}
+
+MountedVolume::Opened MountedVolume::openedLocked(const MountNodeRef& node,
+                                                  std::shared_ptr<FileContent> content, Access access) {
+  auto file = std::make_unique<OpenFile>();
+  file->node = node;
+  file->content = std::move(content);
+  file->access = access;
+  return {std::move(file), attributesOf(*node), node->isKernelFresh};
+}
+
+/// The version that a file written now replaces.
+WriteBase MountedVolume::knownBase(const MountNode& node, const std::string& path) {
+  if (!node.isRemote) return {WriteBase::Kind::nothing, {}};
+  return baseOf(volume_->revisionAtPath(path));
+}
+
+Answer<MountedVolume::Opened> MountedVolume::open(NodeId number, int flags, const IsInterrupted& isInterrupted) {
+  const auto node = find(number);
+  if (!node) return {{}, ENOENT};
+  if (node->isFolder) return {{}, EISDIR};
+  const Access access = (flags & O_ACCMODE) == O_RDONLY ? Access::read : Access::write;
+  const auto content = useContent(node, access);
+  const int reason = prepare(node, content, (flags & O_TRUNC) != 0 && access == Access::write, isInterrupted);
+  if (reason != 0) {
+    content->removeUser(access);
+    dropContent(node, content);
+    return {{}, reason};
+  }
+  const std::lock_guard lock(treeMutex_);
+  return {openedLocked(node, content, access), 0};
+}
+
+/// Gets the bytes that an open needs: none when it throws them away, or when the kernel still has them.
+int MountedVolume::prepare(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
+                           bool truncates, const IsInterrupted& isInterrupted) {
+  if (truncates) {
+    const auto held = holdPath(node);
+    if (const int reason = content->makeEmpty(held ? knownBase(*node, held->path) : WriteBase{}))
+      return reason;
+    noteWritten(node, content);
+    return 0;
+  }
+  if (content->hasData()) return 0;
+  {
+    const std::lock_guard lock(treeMutex_);
+    if (node->isKernelFresh) return 0;
+  }
+  return fetch(node, content, isInterrupted);
+}
+
+int MountedVolume::fetch(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
+                         const IsInterrupted& isInterrupted) {
+  const auto held = holdPath(node);
+  if (!held) return ENOENT;
+  const auto before = volume_->revisionAtPath(held->path);
+  std::shared_ptr<NSURL> copy;
+  const auto goesOn = [&](NSRange) { return !isStopping_ && !isInterrupted(); };
+  const int reason = attempt(isInterrupted, [&](NSErrorRef* error) {
+    copy = volume_->requestFileUrl(held->path, goesOn, error);
+    return copy != nullptr;
+  });
+  if (reason) return reason;
+  Descriptor file(::open(copy->path().c_str(), O_RDONLY | O_CLOEXEC));
+  struct stat status {};
+  if (!file.isOpen() || ::fstat(file.number(), &status) != 0) {
+    const int failure = errno;
+    volume_->releaseFileUrl(*copy);
+    return failure;
+  }
+  // Replaced while it was fetched: the older version is the safe one to name, since then both are kept.
+  content->useCopy(std::move(copy), std::move(file),
+                   baseOf(before ? before : volume_->revisionAtPath(held->path)));
+  Notices notices;
+  {
+    const std::lock_guard lock(treeMutex_);
+    const auto sizeBytes = static_cast<std::uint64_t>(status.st_size);
+    if (node->content == content) {
+      if (node->sizeBytes != sizeBytes) notices.contents.push_back(node->id);
+      node->sizeBytes = sizeBytes;
+      node->isKernelFresh = true;
+    }
+  }
+  tell(notices);
+  return 0;
+}
+
+Answer<MountedVolume::Created> MountedVolume::create(NodeId folderId, const std::string& name, int flags,
+                                                     const IsInterrupted& isInterrupted) {
+  const NameKind kind = kindOfName(name);
+  if (kind == NameKind::notAllowed) return {{}, EINVAL};
+  if (kind == NameKind::tooLong) return {{}, ENAMETOOLONG};
+  const auto folder = find(folderId);
+  const auto child = childOf(folder, name, isInterrupted);
+  if (child.error) return {{}, child.error};
+  if (child.value) return openExisting(child.value, name, flags, isInterrupted);
+  auto content = std::make_shared<FileContent>(volume_, journal_);
+  const int reason = kind == NameKind::localOnly ? content->makeLocalOnly()
+                                                 : content->makeEmpty({WriteBase::Kind::nothing, {}});
+  if (reason) return {{}, reason};
+  const Access access = (flags & O_ACCMODE) == O_RDONLY ? Access::read : Access::write;
+  content->addUser(access);
+  const std::lock_guard lock(treeMutex_);
+  if (!tree_.holds(*folder)) return {{}, ENOENT};
+  if (tree_.child(*folder, name)) return {{}, EEXIST};  // made by a listing just now
+  const auto node = tree_.make(false);
+  node->modified = std::chrono::system_clock::now();
+  node->isKernelFresh = true;
+  node->content = content;
+  tree_.add(*folder, node, name);
+  Created created;
+  created.found = foundLocked(node, name);
+  created.opened = openedLocked(node, std::move(content), access);
+  return {std::move(created), 0};
+}
+
+Answer<MountedVolume::Created> MountedVolume::openExisting(const MountNodeRef& node, const std::string& name,
+                                                           int flags, const IsInterrupted& isInterrupted) {
+  if (flags & O_EXCL) return {{}, EEXIST};
+  Created created;
+  {
+    const std::lock_guard lock(treeMutex_);
+    created.found = foundLocked(node, name);
+  }
+  auto opened = open(node->id, flags, isInterrupted);
+  if (opened.error) {
+    forget(node->id, 1);
+    return {{}, opened.error};
+  }
+  created.found.attributes = opened.value.attributes;
+  created.opened = std::move(opened.value);
+  return {std::move(created), 0};
+}
+
+// --- Bytes
+
+Answer<std::shared_ptr<const Descriptor>> MountedVolume::bytesOf(OpenFile& file,
+                                                                 const IsInterrupted& isInterrupted) {
+  if (auto data = file.content->data()) return {std::move(data), 0};
+  if (const int reason = fetch(file.node, file.content, isInterrupted)) return {nullptr, reason};
+  return {file.content->data(), 0};
+}
+
+void MountedVolume::noteWritten(const MountNodeRef& node, const std::shared_ptr<FileContent>& content) {
+  const std::uint64_t sizeBytes = content->sizeBytes();
+  const std::lock_guard lock(treeMutex_);
+  if (node->content != content) return;
+  node->sizeBytes = sizeBytes;
+  node->modified = std::chrono::system_clock::now();
+  node->isKernelFresh = true;
+}
+
+int MountedVolume::write(OpenFile& file, const std::function<int(int descriptor)>& put,
+                         const IsInterrupted& isInterrupted) {
+  if (const auto bytes = bytesOf(file, isInterrupted); bytes.error) return bytes.error;
+  const int reason = file.content->write(put);
+  noteWritten(file.node, file.content);
+  return reason;
+}
+
+int MountedVolume::truncate(NodeId number, OpenFile* file, std::uint64_t sizeBytes,
+                            const IsInterrupted& isInterrupted) {
+  const auto cut = [&](int descriptor) {
+    return ::ftruncate(descriptor, static_cast<off_t>(sizeBytes)) == 0 ? 0 : errno;
+  };
+  if (file) return write(*file, cut, isInterrupted);
+  // Nobody has it open for this: what is cut is sent at once, as no close will come.
+  auto opened = open(number, O_WRONLY | (sizeBytes == 0 ? O_TRUNC : 0), isInterrupted);
+  if (opened.error) return opened.error;
+  int reason = write(*opened.value.file, cut, isInterrupted);
+  if (reason == 0) reason = flush(*opened.value.file, isInterrupted);
+  release(std::move(opened.value.file));
+  return reason;
+}
+
+int MountedVolume::setModified(NodeId number, NSDate::Time time) {
+  const std::lock_guard lock(treeMutex_);
+  const auto node = tree_.find(number);
+  if (!node) return ENOENT;
+  node->modified = time;
+  if (node->content) node->content->setModified(time);
+  return 0;
+}
+
+int MountedVolume::flush(OpenFile& file, const IsInterrupted& isInterrupted) {
+  FileContent& content = *file.content;
+  if (file.access != Access::write || !content.isUnsent() || content.writers() > 1) return 0;
+  if (content.isWritten()) return send(file.node, file.content, Manner::foreground, isInterrupted);
+  // One of several descriptors of a file that was opened to be written (a shell's redirection): its bytes are
+  // still to come, or never.
+  if (const auto held = holdPath(file.node)) content.record(held->path, UploadJournal::Durability::process);
+  return 0;
+}
+
+int MountedVolume::sync(OpenFile& file, const IsInterrupted& isInterrupted) {
+  if (file.access != Access::write) return 0;
+  return send(file.node, file.content, Manner::foreground, isInterrupted);
+}
+
+void MountedVolume::release(std::unique_ptr<OpenFile> file) {
+  FileContent& content = *file->content;
+  content.removeUser(file->access);
+  if (content.isUnsent() && content.writers() == 0) {
+    if (content.isWritten()) {
+      send(file->node, file->content, Manner::foreground, [] { return false; });
+    } else if (const auto held = holdPath(file->node)) {
+      content.record(held->path, UploadJournal::Durability::process);
+      sendLater(file->node, emptyFileDelay);
+    } else {
+      content.discard();
+    }
+  }
+  dropContent(file->node, file->content);
+}
+
+// --- Sending
+
+int MountedVolume::send(const MountNodeRef& node, const std::shared_ptr<FileContent>& content, Manner manner,
+                        const IsInterrupted& isInterrupted) {
+  const auto held = holdPath(node);
+  if (!held) {
+    content->discard();  // removed while it was open: nobody will miss it
+    return 0;
+  }
+  const bool isBackground = manner == Manner::background;
+  const auto sending = content->beginSending(isBackground);
+  if (!sending) return 0;
+  if (const auto error = content->record(held->path, UploadJournal::Durability::process))
+    NSLog(NSLogLevel::warning, "mount",
+          "cannot note that " + held->path + " is to be sent: " + error->localizedDescription());
+  const auto source = NSURL::fileURLWithPath(journal_->dataPath(sending->id));
+  const auto goesOn = [&](NSRange) {
+    return !isStopping_ && !isInterrupted() && !(isBackground && content->isWanted());
+  };
+  std::optional<StoredFile> stored;
+  const int reason = attempt(isInterrupted, [&](NSErrorRef* error) {
+    stored = volume_->storeFile(*source, held->path, sending->base, goesOn, error);
+    if (!stored && error && *error) lastFailure_.set((*error)->localizedDescription());
+    return stored.has_value();
+  });
+  if (reason == 0) {
+    noteStored(node, content, held->path, *stored);
+    content->endSending(baseOf(stored->revision));
+    return 0;
+  }
+  content->record(held->path, UploadJournal::Durability::power);
+  content->endSending(std::nullopt);
+  if (!isBackground && !isStopping_) {
+    NSLog(NSLogLevel::warning, "mount",
+          held->path + " could not be sent (" + lastFailure_.get() + "); it is kept and will be tried again");
+    sendLater(node, firstRetryDelay);
+  }
+  return reason;
+}
+
+void MountedVolume::noteStored(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
+                               const std::string& path, const StoredFile& stored) {
+  noteElsewhere(path, stored);
+  const bool isElsewhere = keyOfPath(stored.path) != keyOfPath(path);
+  // From what the volume has just been told: asks nobody.
+  const auto attributes = isElsewhere ? nullptr : volume_->attributesAtPath(path, nullptr);
+  const auto date = attributes ? as<NSDate>(attributes->objectForKey(NSFileModificationDate)) : nullptr;
+  Notices notices;
+  {
+    const std::lock_guard lock(treeMutex_);
+    node->isRemote = true;
+    if (!node->parent) return;
+    ++node->parent->inside->changes;
+    if (!isElsewhere) {
+      if (date) node->listedModified = date->time();
+      return;
+    }
+    // The name belongs to the other version; who opens it from now on gets that one.
+    if (node->content == content) node->content.reset();
+    node->isKernelFresh = false;
+    node->listedModified = {};
+    notices.contents.push_back(node->id);
+    inbox_->add(node->parent->shared_from_this());
+  }
+  tell(notices);
+}

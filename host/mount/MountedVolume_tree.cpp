@@ -1,0 +1,309 @@
+#include <algorithm>
+#include <cerrno>
+#include <unordered_set>
+
+#include "foundation/NSFileManager.h"
+#include "foundation/NSNumber.h"
+#include "foundation/Paths.h"
+#include "host/mount/MountNames.h"
+#include "host/mount/MountedVolume.h"
+#include "host/mount/MountedVolume_private.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+/// Desktops ask for space all the time, and the service takes two requests to tell.
+constexpr auto spaceAge = 30s;
+
+/// Names that would mean something else to a kernel; the service has none of them.
+bool isShowable(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos;
+}
+
+bool mustStay(MountNode& node) {
+  std::vector<MountNodeRef> files;
+  MountTree::collectContents(node, files);
+  return std::any_of(files.begin(), files.end(), [](const MountNodeRef& file) {
+    return file->content->isUnsent() || file->content->isLocalOnly();
+  });
+}
+
+}  // namespace
+
+std::vector<std::string> componentsOf(const std::string& path) {
+  std::vector<std::string> names;
+  for (std::size_t start = 1; start < path.size();) {
+    const std::size_t end = std::min(path.find('/', start), path.size());
+    names.push_back(path.substr(start, end - start));
+    start = end + 1;
+  }
+  return names;
+}
+
+std::string keyOfPath(const std::string& path) { return keyOfName(path); }
+
+// --- Looking
+
+MountedVolume::Found MountedVolume::foundLocked(const MountNodeRef& node, const std::string& name) {
+  tree_.addLookup(node);
+  return {node, attributesOf(*node), node->name != name};
+}
+
+Answer<MountNodeRef> MountedVolume::childOf(const MountNodeRef& folder, const std::string& name,
+                                            const IsInterrupted& isInterrupted) {
+  if (!folder) return {nullptr, ENOENT};
+  if (!folder->isFolder) return {nullptr, ENOTDIR};
+  if (const int reason = ensureListed(folder, isInterrupted)) return {nullptr, reason};
+  const std::lock_guard lock(treeMutex_);
+  return {tree_.child(*folder, name), 0};
+}
+
+Answer<MountedVolume::Found> MountedVolume::lookup(NodeId folder, const std::string& name,
+                                                   const IsInterrupted& isInterrupted) {
+  const auto child = childOf(find(folder), name, isInterrupted);
+  if (child.error) return {{}, child.error};
+  const std::lock_guard lock(treeMutex_);
+  if (!child.value || !tree_.holds(*child.value)) return {{}, ENOENT};
+  return {foundLocked(child.value, name), 0};
+}
+
+void MountedVolume::forget(NodeId node, std::uint64_t count) {
+  const std::lock_guard lock(treeMutex_);
+  tree_.forget(node, count);
+}
+
+Answer<NodeAttributes> MountedVolume::attributes(NodeId number) {
+  const std::lock_guard lock(treeMutex_);
+  const auto node = tree_.find(number);
+  if (!node) return {{}, ENOENT};
+  return {attributesOf(*node), 0};
+}
+
+Answer<std::shared_ptr<const MountedVolume::Listing>> MountedVolume::list(
+    NodeId number, const IsInterrupted& isInterrupted) {
+  const auto folder = find(number);
+  if (!folder) return {nullptr, ENOENT};
+  if (!folder->isFolder) return {nullptr, ENOTDIR};
+  if (const int reason = ensureListed(folder, isInterrupted)) return {nullptr, reason};
+  auto listing = std::make_shared<Listing>();
+  const std::lock_guard lock(treeMutex_);
+  listing->reserve(folder->inside->children.size());
+  for (const auto& [key, child] : folder->inside->children) listing->push_back({child, child->name});
+  return {std::move(listing), 0};
+}
+
+std::optional<NodeAttributes> MountedVolume::showListed(const ListedItem& item) {
+  const std::lock_guard lock(treeMutex_);
+  if (!tree_.holds(*item.node) || item.node->name != item.name) return std::nullopt;
+  return foundLocked(item.node, item.name).attributes;
+}
+
+Answer<std::pair<std::uint64_t, std::uint64_t>> MountedVolume::space() {
+  const std::lock_guard lock(spaceMutex_);
+  if (space_ && Clock::now() - spaceAskedAt_ < spaceAge) return {*space_, 0};
+  NSErrorRef error;
+  const auto told = volume_->fsAttributes("/", &error);
+  if (!told) return {{}, EIO};
+  const auto bytes = [&](std::string_view key) -> std::uint64_t {
+    const auto number = as<NSNumber>(told->objectForKey(key));
+    return number ? static_cast<std::uint64_t>(std::max<std::int64_t>(number->int64Value(), 0)) : 0;
+  };
+  space_ = {bytes(NSFileSystemSize), bytes(NSFileSystemFreeSize)};
+  spaceAskedAt_ = Clock::now();
+  return {*space_, 0};
+}
+
+Answer<std::string> MountedVolume::revision(NodeId number) {
+  std::string path;
+  {
+    const std::lock_guard lock(treeMutex_);
+    const auto node = tree_.find(number);
+    if (!node || !tree_.holds(*node)) return {{}, ENOENT};
+    if (!node->isRemote || (node->content && node->content->isUnsent())) return {{}, ENODATA};
+    path = MountTree::pathOf(*node);
+  }
+  const auto revision = volume_->revisionAtPath(path);
+  return revision ? Answer<std::string>{*revision, 0} : Answer<std::string>{{}, ENODATA};
+}
+
+Answer<std::string> MountedVolume::publicLink(NodeId number) {
+  const auto node = find(number);
+  const auto held = node ? holdPath(node) : std::nullopt;
+  if (!held) return {{}, ENOENT};
+  if (!makeLink_) return {{}, ENODATA};
+  NSErrorRef error;
+  const auto link = makeLink_(held->path, &error);
+  if (link) return {*link, 0};
+  return {{}, error ? errnoOf(error) : ENODATA};
+}
+
+// --- Listing
+
+int MountedVolume::ensureListed(const MountNodeRef& folder, const IsInterrupted& isInterrupted) {
+  constexpr int rounds = 3;  // then what changes all the time is shown as it was a moment ago
+  for (int round = 1; round <= rounds; ++round) {
+    std::uint64_t changes = 0;
+    {
+      const std::lock_guard lock(treeMutex_);
+      if (folder->inside->listing == MountNode::Inside::Listing::complete) return 0;
+      if (!folder->isRemote) return 0;  // deleted elsewhere, but for what is still to be sent
+      changes = folder->inside->changes;
+    }
+    const auto held = holdPath(folder);
+    if (!held) return ENOENT;
+    watch(folder, held->path);  // before the look: what changes after it is told
+    FSItems items;
+    const int reason = attempt(isInterrupted, [&](NSErrorRef* error) {
+      auto listed = volume_->contentAtPath(held->path, false, true, error);
+      if (listed) items = *std::move(listed);
+      return listed.has_value();
+    });
+    if (reason) return reason;
+    Notices notices;
+    {
+      const std::lock_guard lock(treeMutex_);
+      const bool isCurrent = folder->inside->changes == changes;
+      if (!isCurrent && round < rounds) continue;
+      applyListing(*folder, items, notices);
+      folder->inside->listing =
+          isCurrent ? MountNode::Inside::Listing::complete : MountNode::Inside::Listing::outOfDate;
+    }
+    tell(notices);
+    return 0;
+  }
+  return 0;
+}
+
+void MountedVolume::applyListing(MountNode& folder, const FSItems& items, Notices& notices) {
+  std::unordered_set<std::string> seen;
+  bool isChanged = false;
+  for (const auto& item : items) {
+    std::string name = item->name();
+    if (!isShowable(name)) continue;
+    MountNodeRef node = tree_.child(folder, name);
+    if (!seen.insert(keyOfName(name)).second) continue;
+    if (node && node->isFolder != item->isDirectory()) {
+      if (mustStay(*node)) continue;
+      notices.entries.emplace_back(folder.id, node->name);
+      tree_.remove(node);
+      node = nullptr;
+    }
+    if (!node) {
+      node = tree_.make(item->isDirectory());
+      tree_.add(folder, node, std::move(name));
+      isChanged = true;
+    }
+    update(*node, *item, notices);
+  }
+  std::vector<MountNodeRef> gone;
+  for (const auto& [key, child] : folder.inside->children) {
+    if (!seen.contains(key) && child->isRemote) gone.push_back(child);
+  }
+  for (const auto& child : gone) {
+    if (mustStay(*child)) {
+      child->isRemote = false;
+      continue;
+    }
+    notices.entries.emplace_back(folder.id, child->name);
+    tree_.remove(child);
+    isChanged = true;
+  }
+  adoptLeftUploads(folder);
+  if (isChanged) notices.listings.push_back(folder.id);
+}
+
+/// Brings a node up to date with a listing. What was written here and is not sent yet stays as it is.
+void MountedVolume::update(MountNode& node, const FSItem& item, Notices& notices) {
+  node.isRemote = true;
+  if (node.name != item.name()) {
+    notices.entries.emplace_back(node.parent->id, node.name);
+    notices.listings.push_back(node.parent->id);
+    node.name = item.name();
+  }
+  const NSDate::Time listed = item.modificationDate().value_or(startTime_);
+  const bool isSame = node.listedModified == listed && node.sizeBytes == item.size();
+  if (isSame || (node.content && node.content->isUnsent())) return;
+  node.listedModified = node.modified = listed;
+  node.sizeBytes = item.size();
+  if (node.isFolder) return;
+  if (node.lookups > 0) notices.contents.push_back(node.id);
+  node.isKernelFresh = false;
+  node.content.reset();  // who has it open keeps the version that was opened
+}
+
+/// What earlier processes could not send is shown where it belongs.
+void MountedVolume::adoptLeftUploads(MountNode& folder) {
+  const std::string key = MountTree::keyPathOf(folder);
+  const std::lock_guard lock(waitingMutex_);
+  for (Waiting& waiting : waiting_) {
+    if (!waiting.left || keyOfPath(deletingLastPathComponent(waiting.left->path)) != key) continue;
+    const std::string name = lastPathComponent(waiting.left->path);
+    MountNodeRef node = tree_.child(folder, name);
+    if (node && (node->isFolder || node->content)) continue;  // sent by its path, all the same
+    auto content = std::make_shared<FileContent>(volume_, journal_);
+    if (content->adopt(*waiting.left) != 0) continue;
+    if (!node) {
+      node = tree_.make(false);
+      tree_.add(folder, node, name);
+    }
+    node->sizeBytes = content->sizeBytes();
+    node->modified = startTime_;
+    node->content = std::move(content);
+    waiting.left.reset();
+    waiting.node = node;
+  }
+}
+
+// --- Watching
+
+void MountedVolume::watch(const MountNodeRef& folder, const std::string& path) {
+  const std::lock_guard watchLock(watchMutex_);
+  auto item = std::make_shared<FSItem>(path, volume_);
+  {
+    const std::lock_guard lock(treeMutex_);
+    if (folder->inside->watched) return;
+    folder->inside->watched = item;
+  }
+  item->setIsDirectory(true);
+  item->setChangeCallback(
+      [inbox = inbox_, changed = std::weak_ptr<MountNode>(folder)](const auto&) { inbox->add(changed); });
+  volume_->startWatchFolder(item);
+}
+
+void MountedVolume::unwatch(MountNode& folder) {
+  const std::lock_guard watchLock(watchMutex_);
+  std::shared_ptr<FSItem> item;
+  {
+    const std::lock_guard lock(treeMutex_);
+    item = std::move(folder.inside->watched);
+  }
+  if (item) volume_->stopWatchFolder(item);
+}
+
+void MountedVolume::moveWatches(const std::vector<MountNodeRef>& folders) {
+  for (const auto& folder : folders) {
+    unwatch(*folder);
+    if (const auto held = holdPath(folder)) watch(folder, held->path);
+  }
+}
+
+void MountedVolume::refreshChangedFolders() {
+  while (!isStopping_) {
+    std::unordered_set<const MountNode*> done;
+    for (const auto& changed : inbox_->take()) {
+      const MountNodeRef folder = changed.lock();
+      if (!folder || !done.insert(folder.get()).second) continue;
+      {
+        const std::lock_guard lock(treeMutex_);
+        if (!tree_.holds(*folder) || folder->inside->listing == MountNode::Inside::Listing::unknown) continue;
+        folder->inside->listing = MountNode::Inside::Listing::outOfDate;
+        ++folder->inside->changes;
+      }
+      // Listed at once, not when somebody asks: nobody may ever ask, because the kernel answers.
+      if (ensureListed(folder, [this] { return isStopping_.load(); }) != 0)
+        kernel_.listingChanged(folder->id);
+    }
+  }
+}

@@ -1,0 +1,220 @@
+#include "host/mount/Mountpoint.h"
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <spawn.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "foundation/Descriptor.h"
+#include "foundation/NSDictionary.h"
+#include "foundation/NSFileManager.h"
+#include "foundation/NSString.h"
+#include "foundation/Paths.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr std::uintmax_t largestLogBytes = 1'000'000;
+constexpr mode_t privateFile = 0600;
+
+NSErrorRef errorOf(int reason, std::string text) {
+  return std::make_shared<NSError>(std::string(NSPOSIXErrorDomain), reason,
+                                   NSDictionary::with({{NSLocalizedDescriptionKey, str(std::move(text))}}));
+}
+
+/// The absolute path without links; as far as it goes when the folder does not answer.
+std::string absolutePath(const std::string& typed) {
+  std::error_code code;
+  fs::path path = fs::absolute(typed, code).lexically_normal();
+  if (!path.has_filename()) path = path.parent_path();
+  const fs::path parent = fs::canonical(path.parent_path(), code);
+  return code ? path.string() : (parent / path.filename()).string();
+}
+
+/// Runs a program to its end; its exit status, or -1 with errno.
+int runProgram(const std::vector<std::string>& words) {
+  std::vector<char*> arguments;
+  for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
+  arguments.push_back(nullptr);
+  pid_t process = 0;
+  if (const int reason =
+          ::posix_spawnp(&process, arguments[0], nullptr, nullptr, arguments.data(), environ)) {
+    errno = reason;
+    return -1;
+  }
+  int status = 0;
+  while (::waitpid(process, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+enum class Manner { usual, lazy };
+/// 0 or an errno value.
+int detach(const std::string& path, Manner manner) {
+  if (::umount2(path.c_str(), manner == Manner::lazy ? MNT_DETACH : UMOUNT_NOFOLLOW) == 0) return 0;
+  if (errno != EPERM) return errno;
+  // Another user's way: the helper that libfuse installs for it.
+  const int status = runProgram({"fusermount3", manner == Manner::lazy ? "-uz" : "-u", "-q", "--", path});
+  if (status == 0) return 0;
+  return status < 0 ? ENOSYS : EBUSY;
+}
+
+std::optional<std::string> refusal(NSErrorRef* error, int reason, std::string text) {
+  setError(error, errorOf(reason, std::move(text)));
+  return std::nullopt;
+}
+
+void writeAll(int file, std::string_view text) {
+  [[maybe_unused]] const ssize_t ignored = ::write(file, text.data(), text.size());
+}
+
+void notifyServiceManager(std::string_view state) {
+  const char* name = std::getenv("NOTIFY_SOCKET");
+  sockaddr_un address{};
+  if (!name || (*name != '/' && *name != '@') || std::strlen(name) >= sizeof address.sun_path) return;
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, name);  // NOLINT(clang-analyzer-security.insecureAPI.strcpy): measured above
+  if (*name == '@') address.sun_path[0] = '\0';
+  const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(name));
+  if (socket.isOpen())
+    ::sendto(socket.number(), state.data(), state.size(), MSG_NOSIGNAL,
+             reinterpret_cast<const sockaddr*>(&address), length);
+}
+
+constexpr std::string_view readyWord = "ready\n";
+
+}  // namespace
+
+bool isMountpoint(const std::string& path) {
+  struct stat here {};
+  struct stat above {};
+  if (::lstat(path.c_str(), &here) != 0) return errno == ENOTCONN;
+  return ::stat(deletingLastPathComponent(path).c_str(), &above) == 0 && here.st_dev != above.st_dev;
+}
+
+std::optional<std::string> prepareMountpoint(const std::string& typed, NSErrorRef* error) {
+  const std::string path = absolutePath(typed);
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0 && errno == ENOTCONN) {
+    // Left by a process that was killed: nothing can be in use there, since nothing answers.
+    if (const int reason = detach(path, Manner::lazy))
+      return refusal(error, reason, "a dead mount is in the way");
+  }
+  if (::stat(path.c_str(), &status) != 0) {
+    return refusal(
+        error, errno,
+        errno == ENOENT ? "no such folder; make it first with: mkdir " + path : std::strerror(errno));
+  }
+  if (!S_ISDIR(status.st_mode)) return refusal(error, ENOTDIR, "not a folder");
+  if (isMountpoint(path)) return refusal(error, EBUSY, "something is mounted there already");
+  return path;
+}
+
+bool unmountAt(const std::string& typed, NSErrorRef* error) {
+  const std::string path = absolutePath(typed);
+  int reason = isMountpoint(path) ? detach(path, Manner::usual) : EINVAL;
+  if (reason == 0) return true;
+  std::string text = std::strerror(reason);
+  if (reason == EINVAL) text = "nothing is mounted there";
+  if (reason == EBUSY) text = "it is in use: close what works there (see: fuser -vm " + path + ")";
+  if (reason == ENOSYS) text = "fusermount3 is not installed (Debian: fuse3)";
+  setError(error, errorOf(reason, std::move(text)));
+  return false;
+}
+
+void reportReady(int readyDescriptor) {
+  if (readyDescriptor >= 0) {
+    writeAll(readyDescriptor, readyWord);
+    ::close(readyDescriptor);
+  }
+  notifyServiceManager("READY=1");
+}
+
+BackgroundStart startInBackground(const std::vector<std::string>& arguments, const std::string& logFile,
+                                  NSErrorRef* error) {
+  std::array<int, 2> pipe{};
+  if (::pipe2(pipe.data(), O_CLOEXEC) != 0) {
+    setError(error, NSError::posix(errno, ""));
+    return {};
+  }
+  const Descriptor fromChild(pipe[0]);
+  Descriptor toParent(pipe[1]);
+  constexpr int childDescriptor = 3;
+  std::vector<std::string> words{"kzv"};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  words.insert(words.end(), {"--ready-fd", std::to_string(childDescriptor), "--log", logFile});
+  std::vector<char*> pointers;
+  for (std::string& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+
+  // Until it is ready it talks to whoever waits here.
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, toParent.number(), STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, toParent.number(), STDERR_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, toParent.number(), childDescriptor);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  sigset_t none;
+  sigemptyset(&none);
+  sigset_t usual;
+  sigemptyset(&usual);
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) sigaddset(&usual, number);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &usual);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  pid_t process = 0;
+  const int reason =
+      ::posix_spawn(&process, "/proc/self/exe", &actions, &attributes, pointers.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  posix_spawnattr_destroy(&attributes);
+  if (reason != 0) {
+    setError(error, NSError::posix(reason, "/proc/self/exe"));
+    return {};
+  }
+  toParent.close();
+  BackgroundStart start;
+  std::array<char, 4096> buffer;  // NOLINT: filled before use
+  while (!start.said.ends_with(readyWord)) {
+    const ssize_t count = ::read(fromChild.number(), buffer.data(), buffer.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    start.said.append(buffer.data(), static_cast<std::size_t>(count));
+  }
+  start.isReady = start.said.ends_with(readyWord);
+  if (start.isReady) {
+    start.said.resize(start.said.size() - readyWord.size());
+    return start;
+  }
+  int status = 0;
+  while (::waitpid(process, &status, 0) < 0 && errno == EINTR) {
+  }
+  start.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+  return start;
+}
+
+void writeToLog(const std::string& logFile) {
+  std::error_code code;
+  const bool isLarge = fs::file_size(logFile, code) > largestLogBytes && !code;
+  const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (isLarge ? O_TRUNC : O_APPEND);
+  const Descriptor log(::open(logFile.c_str(), flags, privateFile));
+  const Descriptor nothing(log.isOpen() ? -1 : ::open("/dev/null", O_WRONLY | O_CLOEXEC));
+  const int file = log.isOpen() ? log.number() : nothing.number();
+  ::dup2(file, STDOUT_FILENO);
+  ::dup2(file, STDERR_FILENO);
+}

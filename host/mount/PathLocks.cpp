@@ -1,0 +1,56 @@
+#include "host/mount/PathLocks.h"
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+namespace {
+
+bool isAtOrBelow(std::string_view key, std::string_view top) {
+  if (!key.starts_with(top)) return false;
+  return key.size() == top.size() || top == "/" || key[top.size()] == '/';
+}
+
+bool conflict(const PathLocks::Claim& left, const PathLocks::Claim& right) {
+  const bool leftCovers = left.kind == PathLocks::Kind::subtree && isAtOrBelow(right.key, left.key);
+  const bool rightCovers = right.kind == PathLocks::Kind::subtree && isAtOrBelow(left.key, right.key);
+  return leftCovers || rightCovers;
+}
+
+}  // namespace
+
+PathLocks::Hold::Hold(Hold&& other) noexcept
+    : locks_(std::exchange(other.locks_, nullptr)), place_(other.place_) {}
+
+PathLocks::Hold& PathLocks::Hold::operator=(Hold&& other) noexcept {
+  std::swap(locks_, other.locks_);
+  std::swap(place_, other.place_);
+  return *this;
+}
+
+PathLocks::Hold::~Hold() {
+  if (locks_) locks_->release(place_);
+}
+
+bool PathLocks::isFree(const std::vector<Claim>& claims) const {
+  return std::none_of(held_.begin(), held_.end(), [&](const std::vector<Claim>& others) {
+    return std::any_of(others.begin(), others.end(), [&](const Claim& other) {
+      return std::any_of(claims.begin(), claims.end(),
+                         [&](const Claim& claim) { return conflict(claim, other); });
+    });
+  });
+}
+
+PathLocks::Hold PathLocks::hold(std::vector<Claim> claims) {
+  std::unique_lock lock(mutex_);
+  released_.wait(lock, [&] { return isFree(claims); });
+  return {*this, held_.insert(held_.end(), std::move(claims))};
+}
+
+void PathLocks::release(Hold::Place place) {
+  {
+    const std::lock_guard lock(mutex_);
+    held_.erase(place);
+  }
+  released_.notify_all();
+}

@@ -1,0 +1,230 @@
+#include "host/mount/UploadJournal.h"
+
+#include <algorithm>
+#include <boost/json.hpp>
+#include <chrono>
+#include <filesystem>
+#include <optional>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include "core/KZVSupport.h"
+#include "foundation/NSDictionary.h"
+#include "foundation/NSFileManager.h"
+#include "foundation/NSLog.h"
+#include "foundation/NSString.h"
+#include "foundation/Paths.h"
+#include "foundation/StandardFolders.h"
+
+namespace fs = std::filesystem;
+namespace json = boost::json;
+
+namespace {
+
+constexpr mode_t privateFolder = 0700;
+constexpr unsigned privateFile = 0600;
+constexpr std::uint64_t maxEntryBytes = 1'000'000;
+
+std::string lockOf(const std::string& folder) { return folder + "/lock"; }
+std::string pendingFolder(const std::string& folder) { return folder + "/pending"; }
+std::string renamesFolder(const std::string& folder) { return folder + "/renames"; }
+std::string localFolder(const std::string& folder) { return folder + "/local"; }
+
+std::string entryPath(const std::string& folder, const std::string& entryId) {
+  return folder + '/' + entryId + ".json";
+}
+
+/// An account's entryId as the name of a folder.
+std::string folderName(const std::string& accountId) {
+  std::string name;
+  for (const char c : accountId) {
+    const bool isPlain =
+        (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '-' || c == '_';
+    name += isPlain ? std::string(1, c) : fmt::format("%{:02X}", static_cast<unsigned char>(c));
+  }
+  return name;
+}
+
+std::string folderOf(const std::string& accountId) {
+  return appendingPathComponent(appendingPathComponent(stateFolder(), "mount"), folderName(accountId));
+}
+
+const char* textOf(WriteBase::Kind kind) {
+  switch (kind) {
+    case WriteBase::Kind::nothing:
+      return "nothing";
+    case WriteBase::Kind::revision:
+      return "revision";
+    case WriteBase::Kind::latestKnown:
+      break;
+  }
+  return "latest";
+}
+
+WriteBase baseFrom(const json::object& entry) {
+  const std::string kind(entry.at("base").as_string());
+  if (kind == "nothing") return {WriteBase::Kind::nothing, {}};
+  if (kind == "revision") return {WriteBase::Kind::revision, std::string(entry.at("revision").as_string())};
+  return {};
+}
+
+/// The ids of the entries in `folder`, oldest first.
+std::vector<std::string> idsIn(const std::string& folder, std::string_view extension) {
+  std::vector<std::string> ids;
+  std::error_code code;
+  for (fs::directory_iterator entry(folder, code), end; !code && entry != end; entry.increment(code))
+    if (entry->path().extension() == extension) ids.push_back(entry->path().stem().string());
+  std::sort(ids.begin(), ids.end());
+  return ids;
+}
+
+/// Reads an entry with `read`; one that cannot be understood is left where it is, for a person to look at.
+template <class Entry, class Read>
+std::optional<Entry> readEntry(const std::string& path, Read read) {
+  NSErrorRef error;
+  const auto text = readFile(path, maxEntryBytes, &error);
+  try {
+    if (text) return read(json::parse(*text).as_object());
+  } catch (const std::exception& problem) {
+    NSLog(NSLogLevel::warning, "UploadJournal::readEntry", path + " is damaged and stays: " + problem.what());
+  }
+  return std::nullopt;
+}
+
+void removeIfThere(const std::string& path) {
+  if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+    NSLog(NSLogLevel::warning, "UploadJournal::removeIfThere",
+          NSError::posix(errno, path)->localizedDescription());
+}
+
+/// As writeFileAtomically, but without waiting for the disk.
+NSErrorRef writeQuickly(const std::string& path, const std::string& text) {
+  const std::string temporary = path + ".new";
+  const Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, privateFile));
+  const bool isWritten =
+      file.isOpen() && ::write(file.number(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  if (isWritten && ::rename(temporary.c_str(), path.c_str()) == 0) return nullptr;
+  return NSError::posix(errno, path);
+}
+
+NSErrorRef syncData(const std::string& path) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return file.isOpen() && ::fdatasync(file.number()) == 0 ? nullptr : NSError::posix(errno, path);
+}
+
+NSErrorRef busyError(const std::string& accountId) {
+  std::string text = "this account is mounted already at " + UploadJournal::mountpointOf(accountId);
+  return std::make_shared<NSError>(std::string(NSPOSIXErrorDomain), EBUSY,
+                                   NSDictionary::with({{NSLocalizedDescriptionKey, str(std::move(text))}}));
+}
+
+}  // namespace
+
+UploadJournal::UploadJournal(std::string folder, Descriptor lock)
+    : folder_(std::move(folder)), lock_(std::move(lock)) {}
+
+std::unique_ptr<UploadJournal> UploadJournal::open(const std::string& accountId,
+                                                   const std::string& mountpoint, NSErrorRef* error) {
+  const std::string folder = folderOf(accountId);
+  auto& files = NSFileManager::defaultManager();
+  if (!files.createDirectoryAtPath(folder, true, error)) return nullptr;
+  const std::string lockPath = lockOf(folder);
+  Descriptor lock(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, privateFile));
+  if (!lock.isOpen()) {
+    setError(error, NSError::posix(errno, lockPath));
+    return nullptr;
+  }
+  if (::flock(lock.number(), LOCK_EX | LOCK_NB) != 0) {
+    setError(error, busyError(accountId));
+    return nullptr;
+  }
+  files.removeItemAtPath(localFolder(folder));
+  for (const std::string& made : {pendingFolder(folder), renamesFolder(folder), localFolder(folder)})
+    if (!files.createDirectoryAtPath(made, true, error)) return nullptr;
+  if (::chmod(folder.c_str(), privateFolder) != 0 || !writeFile(lockPath, mountpoint, error)) {
+    setError(error, NSError::posix(errno, folder));
+    return nullptr;
+  }
+  return std::unique_ptr<UploadJournal>(new UploadJournal(folder, std::move(lock)));
+}
+
+std::string UploadJournal::mountpointOf(const std::string& accountId) {
+  return readFile(lockOf(folderOf(accountId)), maxEntryBytes).value_or("");
+}
+
+std::size_t UploadJournal::pendingCount(const std::string& accountId) {
+  return idsIn(pendingFolder(folderOf(accountId)), ".json").size();
+}
+
+std::vector<UploadJournal::Upload> UploadJournal::uploads() {
+  const std::string folder = pendingFolder(folder_);
+  std::vector<Upload> uploads;
+  const auto ids = idsIn(folder, ".json");
+  for (const std::string& entryId : ids) {
+    auto upload = readEntry<Upload>(entryPath(folder, entryId), [&](const json::object& entry) {
+      return Upload{entryId, std::string(entry.at("path").as_string()), baseFrom(entry)};
+    });
+    if (!upload) continue;
+    if (::access(dataPath(entryId).c_str(), R_OK) == 0) {
+      uploads.push_back(*std::move(upload));
+    } else {
+      forgetUpload(entryId);  // its file was unlinked, and only the end of that was cut off
+    }
+  }
+  for (const std::string& entryId : idsIn(folder, ".data"))
+    if (!std::binary_search(ids.begin(), ids.end(), entryId)) removeIfThere(dataPath(entryId));
+  return uploads;
+}
+
+std::vector<UploadJournal::Rename> UploadJournal::renames() {
+  const std::string folder = renamesFolder(folder_);
+  std::vector<Rename> renames;
+  for (const std::string& entryId : idsIn(folder, ".json")) {
+    auto rename = readEntry<Rename>(entryPath(folder, entryId), [&](const json::object& entry) {
+      return Rename{entryId, std::string(entry.at("to").as_string()), std::string(entry.at("aside").as_string())};
+    });
+    if (rename) renames.push_back(*std::move(rename));
+  }
+  return renames;
+}
+
+std::string UploadJournal::newId() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return fmt::format("{:020}-{}", std::chrono::nanoseconds(now).count(), KZVSupport::uniquePathComponent());
+}
+
+std::string UploadJournal::dataPath(const std::string& entryId) const {
+  return pendingFolder(folder_) + '/' + entryId + ".data";
+}
+
+std::string UploadJournal::localPath(const std::string& entryId) const { return localFolder(folder_) + '/' + entryId; }
+
+NSErrorRef UploadJournal::put(const Upload& upload, Durability durability) {
+  json::object entry{{"path", upload.path}, {"base", textOf(upload.base.kind)}};
+  if (upload.base.kind == WriteBase::Kind::revision) entry["revision"] = upload.base.revision;
+  const std::string path = entryPath(pendingFolder(folder_), upload.id);
+  const std::string text = json::serialize(entry);
+  if (durability == Durability::process) return writeQuickly(path, text);
+  NSErrorRef error = syncData(dataPath(upload.id));
+  if (!error) writeFileAtomically(path, text, privateFile, &error);
+  return error;
+}
+
+NSErrorRef UploadJournal::put(const Rename& rename) {
+  NSErrorRef error;
+  const json::object entry{{"to", rename.to}, {"aside", rename.aside}};
+  writeFileAtomically(entryPath(renamesFolder(folder_), rename.id), json::serialize(entry), privateFile,
+                      &error);
+  return error;
+}
+
+void UploadJournal::forgetUpload(const std::string& entryId) {
+  removeIfThere(entryPath(pendingFolder(folder_), entryId));
+}
+
+void UploadJournal::forgetRename(const std::string& entryId) {
+  removeIfThere(entryPath(renamesFolder(folder_), entryId));
+}

@@ -1,0 +1,69 @@
+#pragma once
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/WriteBase.h"
+#include "foundation/Descriptor.h"
+#include "foundation/NSError.h"
+
+/// What one account's mounts must not lose: files that were closed and that the service is not known to have,
+/// and renames that have set something aside. One folder an account, below the state folder (mode 0700,
+/// files 0600), held by one process at a time:
+///
+///   lock            held while mounted; says where
+///   pending/ID.data a file's bytes, while it is open for writing or waits
+///   pending/ID.json {"path":…, "base":"nothing"|"latest"|"revision", "revision":…}: it was closed
+///   renames/ID.json {"to":…, "aside":…}: what was at `to` lies at `aside`
+///   local/          files that stay on this machine; emptied at each start
+///
+/// Any thread. Calls block for the disk; one that fails says why in NSPOSIXErrorDomain.
+class UploadJournal {
+ public:
+  struct Upload {
+    std::string id;
+    std::string path;  // on the volume
+    WriteBase base;
+  };
+  struct Rename {
+    std::string id;
+    std::string to;
+    std::string aside;
+  };
+
+  /// Opens the account's journal, making its folder; null with an error when another process has it (EBUSY,
+  /// and where that one is mounted) or the disk refuses.
+  static std::unique_ptr<UploadJournal> open(const std::string& accountId, const std::string& mountpoint,
+                                             NSErrorRef* error);
+  /// Where the account is mounted now, or was last; empty when it never was.
+  static std::string mountpointOf(const std::string& accountId);
+  /// How many files of the account wait to be sent, whoever holds the journal.
+  static std::size_t pendingCount(const std::string& accountId);
+
+  /// What earlier processes left, oldest first, and gone from here on: uploads() also removes bytes that
+  /// belong to no closed file.
+  std::vector<Upload> uploads();
+  std::vector<Rename> renames();
+
+  /// Names a new file of bytes, in the order of time. It does not exist yet.
+  std::string newId();
+  std::string dataPath(const std::string& entryId) const;
+  std::string localPath(const std::string& entryId) const;
+
+  enum class Durability {
+    process,  // survives the death of this process
+    power     // survives a power cut, too: bytes and entry are on the disk
+  };
+  /// Notes that the file whose bytes lie at dataPath(id) is to be stored; an entry of that id is replaced.
+  NSErrorRef put(const Upload& upload, Durability durability);
+  NSErrorRef put(const Rename& rename);
+  /// Forgets the upload; its bytes stay.
+  void forgetUpload(const std::string& entryId);
+  void forgetRename(const std::string& entryId);
+
+ private:
+  UploadJournal(std::string folder, Descriptor lock);
+
+  const std::string folder_;
+  const Descriptor lock_;
+};
