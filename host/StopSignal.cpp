@@ -31,6 +31,7 @@ struct Watch {
   std::mutex mutex;
   std::condition_variable wasReset;
   std::function<void()> told;                    // guarded by mutex
+  std::function<void()> unansweredInterrupt;     // guarded by mutex
   std::chrono::milliseconds grace = usualGrace;  // guarded by mutex
   std::uint64_t resets = 0;                      // guarded by mutex
 };
@@ -62,15 +63,19 @@ void waitForSignal() {
   }
 }
 
-/// Waits until the stop that has just been asked for is answered with a reset; false when that takes too
-/// long.
+/// Waits until the stop that has just been asked for is answered with a reset; false when that takes so long
+/// that the program has to end.
 bool isAnswered() {
   Watch& state = watch();
   std::unique_lock lock(state.mutex);
   if (!requested) return true;
   if (state.told) state.told();
-  return state.wasReset.wait_for(lock, state.grace,
-                                 [&, before = state.resets] { return state.resets != before; });
+  if (state.wasReset.wait_for(lock, state.grace,
+                              [&, before = state.resets] { return state.resets != before; }))
+    return true;
+  if (isEndRequested || !state.unansweredInterrupt) return false;
+  state.unansweredInterrupt();
+  return true;
 }
 
 void handle(int number, bool onlyIfNotIgnored) {
@@ -109,6 +114,11 @@ void StopSignal::whenRequested(std::function<void()> told, std::chrono::millisec
   state.grace = told ? grace : usualGrace;
   state.told = std::move(told);
   if (state.told && requested) state.told();
+}
+
+void StopSignal::outliveInterrupts(std::function<void()> unanswered) {
+  const std::lock_guard lock(watch().mutex);
+  watch().unansweredInterrupt = std::move(unanswered);
 }
 
 void StopSignal::reset() {

@@ -15,6 +15,10 @@ class StopSignal {
   /// this class, when the first stop is asked for (at once, if that was before), and the work then has
   /// `grace` to end. Null takes it back: `told` does not run any more once this returns.
   static void whenRequested(std::function<void()> told, std::chrono::milliseconds grace);
+  /// For a program that outlives its work, as a shell does: a Ctrl-C that the work does not answer in time
+  /// does not end the program; `unanswered` runs instead, on a thread of this class, and a second Ctrl-C
+  /// still ends it. Null takes it back: `unanswered` does not run any more once this returns.
+  static void outliveInterrupts(std::function<void()> unanswered);
   /// Whether a stop has been asked for.
   static bool isRequested() noexcept;
   /// The stop has been answered, and the program goes on with other work, as a shell does. A request to end
