@@ -112,8 +112,13 @@ std::string validUtf8(std::string_view text) {
   return out;
 }
 
-std::optional<std::string> remotePath(std::string_view typed) {
+std::optional<std::string> remotePath(std::string_view typed, std::string_view folder) {
   if (!isValidUtf8(typed)) return std::nullopt;
+  std::string whole;
+  if (!typed.starts_with('/')) {
+    ((whole += folder) += '/') += typed;
+    typed = whole;
+  }
   std::vector<std::string_view> components;
   while (!typed.empty()) {
     const std::string_view component = typed.substr(0, typed.find('/'));

@@ -25,4 +25,5 @@ std::string validUtf8(std::string_view text);
 /// A path as typed, in the form that file systems expect: beginning with one slash, without empty, "." and
 /// ".." components and without a slash at its end. Nothing when it is not valid UTF-8 or leads above the
 /// root.
-std::optional<std::string> remotePath(std::string_view typed);
+/// @param folder  what a path without a first slash counts from, in that form.
+std::optional<std::string> remotePath(std::string_view typed, std::string_view folder = "/");

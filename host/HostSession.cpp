@@ -62,11 +62,18 @@ bool HostSession::load(NSErrorRef* error) {
 std::vector<std::string> HostSession::linkedIds() const {
   if (FSPluginAccounts* accounts = plugin_->accounts()) return accounts->linkedAccountIds();
   std::vector<std::string> ids;
-  for (const Account& account : knownAccounts()) ids.push_back(account.id);
+  for (const Account& root : rootItems()) ids.push_back(root.id);
   return ids;
 }
 
-std::vector<Account> HostSession::knownAccounts() const {
+std::string HostSession::labelOf(const std::string& accountId) const {
+  for (const Account& root : rootItems())
+    if (root.id == accountId) return root.label;
+  return accountId;
+}
+
+/// The accounts that have a root item; whether they are available is left open.
+std::vector<Account> HostSession::rootItems() const {
   std::vector<Account> accounts;
   const auto items = plugin_->availableRootItems();
   if (!items) return accounts;
@@ -76,17 +83,23 @@ std::vector<Account> HostSession::knownAccounts() const {
     const std::string* accountId = textOf(root->objectForKey(KZVFSOptions));
     const std::string* label = textOf(root->objectForKey(KZVFSLabel));
     if (!accountId) continue;
-    Account account{*accountId, label ? *label : *accountId, label != nullptr, false};
+    accounts.push_back({*accountId, label ? *label : *accountId, label != nullptr, false});
+  }
+  return accounts;
+}
+
+std::vector<Account> HostSession::knownAccounts() const {
+  auto accounts = rootItems();
+  for (Account& account : accounts) {
     if (const auto volume = plugin_->makePlugin(nullptr, str(account.id)))
       account.isAvailable = volume->isFSAvailable();
-    accounts.push_back(std::move(account));
   }
   return accounts;
 }
 
 template <class Condition>
-void HostSession::waitForNames(Condition isEnough) {
-  const auto deadline = std::chrono::steady_clock::now() + namesTimeLimit;
+void HostSession::waitForNames(Condition isEnough, std::chrono::seconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   std::unique_lock lock(mutex_);
   while (true) {
     const int seen = refreshes_;
@@ -99,29 +112,37 @@ void HostSession::waitForNames(Condition isEnough) {
 
 std::vector<Account> HostSession::accounts() {
   std::vector<Account> accounts;
-  waitForNames([&](int refreshes) {
-    const auto known = knownAccounts();
-    accounts.clear();
-    for (std::string& accountId : linkedIds()) {
-      const auto found = std::find_if(known.begin(), known.end(),
-                                      [&](const Account& account) { return account.id == accountId; });
-      accounts.push_back(found != known.end() ? *found : Account{accountId, accountId});
-    }
-    // Once the plug-in has been round, an account without a name is one that the service did not tell of.
-    return refreshes > 0 ||
-           std::all_of(accounts.begin(), accounts.end(), [](const Account& a) { return a.isNamed; });
-  });
+  waitForNames(
+      [&](int refreshes) {
+        const auto known = knownAccounts();
+        accounts.clear();
+        for (std::string& accountId : linkedIds()) {
+          const auto found = std::find_if(known.begin(), known.end(),
+                                          [&](const Account& account) { return account.id == accountId; });
+          accounts.push_back(found != known.end() ? *found : Account{accountId, accountId});
+        }
+        // Once the plug-in has been round, an account without a name is one that the service did not tell of.
+        return refreshes > 0 ||
+               std::all_of(accounts.begin(), accounts.end(), [](const Account& a) { return a.isNamed; });
+      },
+      namesTimeLimit);
   return accounts;
 }
 
 Account HostSession::accountNamed(const std::string& accountId) {
   Account wanted{accountId, accountId};
-  waitForNames([&](int /*refreshes*/) {
-    for (Account& account : knownAccounts())
-      if (account.id == accountId) wanted = std::move(account);
-    return wanted.isNamed;
-  });
+  waitForNames(
+      [&](int /*refreshes*/) {
+        for (Account& account : knownAccounts())
+          if (account.id == accountId) wanted = std::move(account);
+        return wanted.isNamed;
+      },
+      namesTimeLimit);
   return wanted;
+}
+
+void HostSession::waitForName(const std::string& accountId, std::chrono::seconds limit) {
+  waitForNames([&](int refreshes) { return refreshes > 0 || labelOf(accountId) != accountId; }, limit);
 }
 
 std::optional<std::string> HostSession::chooseAccount(const std::optional<std::string>& wanted,
@@ -155,14 +176,26 @@ std::shared_ptr<FSPlugin> HostSession::openVolume(const std::optional<std::strin
                                                   NSErrorRef* error) {
   const auto accountId = chooseAccount(wanted, error);
   if (!accountId) return nullptr;
+  closeUnlinkedVolumes();
   volumeId_ = *accountId;
-  volume_ = plugin_->makePlugin(nullptr, str(volumeId_));
-  if (volume_) {
-    KZVCoreObj::shared().attach(volume_);
+  if (const auto open = volumes_.find(volumeId_); open != volumes_.end()) return open->second;
+  auto volume = plugin_->makePlugin(nullptr, str(volumeId_));
+  if (volume) {
+    KZVCoreObj::shared().attach(volume);
+    volumes_.emplace(volumeId_, volume);
   } else {
     setError(error, reasonForNothing());
   }
-  return volume_;
+  return volume;
+}
+
+void HostSession::closeUnlinkedVolumes() {
+  const auto ids = linkedIds();
+  std::erase_if(volumes_, [&](const auto& entry) {
+    const bool isLinked = std::find(ids.begin(), ids.end(), entry.first) != ids.end();
+    if (!isLinked) KZVCoreObj::shared().detach(*entry.second);
+    return !isLinked;
+  });
 }
 
 NSErrorRef HostSession::reasonForNothing() {
@@ -171,11 +204,14 @@ NSErrorRef HostSession::reasonForNothing() {
   return hostError(HostErrorCode::unlinked, fmt::format("the account {} is no longer linked", volumeId_));
 }
 
+void HostSession::noteUnlink() {
+  hasUnlinked_ = true;
+  closeUnlinkedVolumes();
+}
+
 void HostSession::close() {
-  if (volume_) {
-    KZVCoreObj::shared().detach(*volume_);
-    volume_.reset();
-  }
+  for (const auto& [accountId, volume] : volumes_) KZVCoreObj::shared().detach(*volume);
+  volumes_.clear();
   if (!plugin_) return;
   if (FSPluginAccounts* accounts = hasUnlinked_ ? plugin_->accounts() : nullptr)
     accounts->finishBackgroundWork(backgroundSeconds);

@@ -1,6 +1,7 @@
 #pragma once
 #include <chrono>
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -17,7 +18,7 @@ struct Account {
   bool isAvailable = false;
 };
 
-/// The loaded plug-in and the volume that the present command works on. Make it and load() on the main
+/// The loaded plug-in and the volumes that commands work on, each opened once. Make it and load() on the main
 /// thread; everything else belongs to the thread that runs the command, while the main thread runs its run
 /// loop: the news of a filled account list arrives there.
 class HostSession {
@@ -35,6 +36,8 @@ class HostSession {
   std::vector<Account> accounts();
   /// The account with this id, once its name is known or the wait is over.
   Account accountNamed(const std::string& accountId);
+  /// Waits until the account's name is known, at most `limit`.
+  void waitForName(const std::string& accountId, std::chrono::seconds limit);
   /// The account that `wanted` (an id, else a label) names; without it the only one. Else nothing, with an
   /// error that lists what there is. Waits for names only when it needs them.
   std::optional<std::string> chooseAccount(const std::optional<std::string>& wanted, NSErrorRef* error);
@@ -42,25 +45,31 @@ class HostSession {
   /// The interface for linking and unlinking, or null with an error when the plug-in has none.
   FSPluginAccounts* accountsInterface(NSErrorRef* error);
 
-  /// Opens the chosen account's volume and attaches it to the host. Null with an error.
+  /// The ids of the linked accounts in the order of linking. Does not wait.
+  std::vector<std::string> linkedIds() const;
+  /// The account's name, as far as it is known by now, else its id. Does not wait.
+  std::string labelOf(const std::string& accountId) const;
+
+  /// The chosen account's volume, opened and attached to the host by its first user. Null with an error.
   std::shared_ptr<FSPlugin> openVolume(const std::optional<std::string>& wanted, NSErrorRef* error);
   /// Why an operation gave neither a result nor an error: the account is gone, or else the item.
   NSErrorRef reasonForNothing();
-  /// Lets the volume go, waits (bounded) for work begun in the background when an account was unlinked, and
+  /// Lets the volumes go, waits (bounded) for work begun in the background when an account was unlinked, and
   /// removes temporary folders. The last thing before the process leaves.
   void close();
-  /// close() must wait for the revocation of a token.
-  void noteUnlink() { hasUnlinked_ = true; }
+  /// An account was unlinked: its volume goes, and close() must wait for the revocation of its token.
+  void noteUnlink();
 
  private:
-  std::vector<std::string> linkedIds() const;
+  std::vector<Account> rootItems() const;
   std::vector<Account> knownAccounts() const;
+  void closeUnlinkedVolumes();
   template <class Condition>
-  void waitForNames(Condition isEnough);
+  void waitForNames(Condition isEnough, std::chrono::seconds limit);
 
-  FSPluginClass* plugin_ = nullptr;  // set by load()
-  std::shared_ptr<FSPlugin> volume_;
-  std::string volumeId_;
+  FSPluginClass* plugin_ = nullptr;                           // set by load()
+  std::map<std::string, std::shared_ptr<FSPlugin>> volumes_;  // by the account's id
+  std::string volumeId_;                                      // of the volume opened last
   bool hasUnlinked_ = false;
 
   std::mutex mutex_;

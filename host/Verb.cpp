@@ -1,5 +1,7 @@
 #include "host/Verb.h"
 
+#include <exception>
+
 #include <fmt/format.h>
 
 #include "host/Console.h"
@@ -9,8 +11,12 @@
 #include "host/StopSignal.h"
 
 VerbContext::VerbContext(std::string verb, const GlobalOptions& globalOptions, Console& theConsole,
-                         HostSession& theSession)
-    : options(globalOptions), console(theConsole), session(theSession), verb_(std::move(verb)) {}
+                         HostSession& theSession, std::string currentFolder)
+    : options(globalOptions),
+      console(theConsole),
+      session(theSession),
+      verb_(std::move(verb)),
+      currentFolder_(std::move(currentFolder)) {}
 
 bool VerbContext::record(ExitStatus status) {
   const std::lock_guard lock(mutex_);
@@ -50,6 +56,11 @@ ExitStatus VerbContext::status() const {
   return status_;
 }
 
+void VerbContext::setStatus(ExitStatus status) {
+  const std::lock_guard lock(mutex_);
+  status_ = status;
+}
+
 std::shared_ptr<FSPlugin> VerbContext::openVolume() {
   NSErrorRef error;
   auto volume = session.openVolume(options.account, &error);
@@ -58,7 +69,7 @@ std::shared_ptr<FSPlugin> VerbContext::openVolume() {
 }
 
 std::string VerbContext::pathFrom(const std::string& typed) {
-  auto path = remotePath(typed);
+  auto path = remotePath(typed, currentFolder_);
   if (path) return *std::move(path);
   fail(typed, hostError(HostErrorCode::badInput, "not a path: it must be valid UTF-8 and stay below \"/\""));
   return {};
@@ -73,4 +84,15 @@ bool VerbContext::shouldStop(std::string_view path) {
 void VerbContext::setSubject(std::string_view path) {
   const std::lock_guard lock(mutex_);
   subject_ = path;
+}
+
+void runVerb(Verb& verb, VerbContext& context) {
+  try {
+    verb.run(context);
+  } catch (const std::exception& problem) {
+    context.fail("", hostError(HostErrorCode::internal, problem.what()));
+  }
+  context.console.progress("");
+  if (!context.console.flush() && context.console.outputError())
+    context.fail("", context.console.outputError());
 }

@@ -19,7 +19,9 @@ class HostSession;
 /// failUnanswered may be used from any thread.
 class VerbContext {
  public:
-  VerbContext(std::string verb, const GlobalOptions& options, Console& console, HostSession& session);
+  /// @param currentFolder  the remote folder that paths without a first slash count from.
+  VerbContext(std::string verb, const GlobalOptions& options, Console& console, HostSession& session,
+              std::string currentFolder = "/");
 
   const GlobalOptions& options;
   Console& console;
@@ -33,10 +35,13 @@ class VerbContext {
   /// Reports the stop of a verb that does not answer. Waits for nothing that the verb may hold.
   void failUnanswered();
   ExitStatus status() const;
+  /// The status of a verb that runs others.
+  void setStatus(ExitStatus status);
 
   /// The volume to work on; null after having reported why not.
   std::shared_ptr<FSPlugin> openVolume();
-  /// The remote path that was typed, in the file system's form; empty after having reported why not.
+  /// The remote path that was typed, counted from the current folder, in the file system's form; empty after
+  /// having reported why not.
   std::string pathFrom(const std::string& typed);
   /// True when the work should end: the person asked for it (then it is reported as a failure of `path`), or
   /// standard output takes no more lines.
@@ -48,6 +53,7 @@ class VerbContext {
   bool record(ExitStatus status);
 
   const std::string verb_;
+  const std::string currentFolder_;
   mutable std::mutex mutex_;
   std::string subject_;                   // guarded by mutex_
   ExitStatus status_ = ExitStatus::done;  // guarded by mutex_
@@ -70,6 +76,10 @@ class Verb {
   /// Does it. Runs on a thread of its own, may block. Failures go to context.fail.
   virtual void run(VerbContext& context) = 0;
 };
+
+/// Runs the verb to its end: an exception is a failure, what it printed is shown, and a failure of that is
+/// one, too. On the verb's thread.
+void runVerb(Verb& verb, VerbContext& context);
 
 /// All verbs in the order of the help text.
 std::vector<std::unique_ptr<Verb>> allVerbs();

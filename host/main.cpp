@@ -1,7 +1,6 @@
 // kzv: file systems of plug-ins on the command line. Each verb is a class in host/verbs/.
 #include <atomic>
 #include <chrono>
-#include <exception>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,18 +32,6 @@ void setUpLogging(const GlobalOptions& options) {
   if (options.quiet) setLogLevel(NSLogLevel::error);
 }
 
-void runVerb(Verb& verb, VerbContext& context) {
-  try {
-    verb.run(context);
-  } catch (const std::exception& problem) {
-    context.fail("", hostError(HostErrorCode::internal, problem.what()));
-  }
-  context.console.progress("");
-  if (!context.console.flush() && context.console.outputError())
-    context.fail("", context.console.outputError());
-  context.session.close();
-}
-
 /// The verb's operations block, so they have a thread of their own, and the main thread is free for what
 /// plug-ins post to the main queue.
 void runBesideMainLoop(Verb& verb, VerbContext& context) {
@@ -53,6 +40,7 @@ void runBesideMainLoop(Verb& verb, VerbContext& context) {
   std::thread worker([&] {
     setCurrentThreadName("kzv-verb");
     runVerb(verb, context);
+    context.session.close();
     isDone = true;
     mainLoop->stop();
   });
