@@ -163,9 +163,9 @@ void CopyBatch::finishFolder(const std::string& from, const std::string& to, con
 }
 
 void CopyBatch::finish(const CopiedItem& item) {
-  if (item.failure && isStop(*item.failure)) return stop(Stop::byUser);
   if (item.failure) {
     if (isStopped()) return;  // what fails because everything ends is no news
+    if (isStop(*item.failure)) return stop(Stop::byUser);
     const std::lock_guard lock(mutex_);
     if (!firstFailure_) firstFailure_ = item.failure;
   }
