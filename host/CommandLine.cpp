@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <map>
 
 #include <fmt/format.h>
 
@@ -66,6 +67,12 @@ std::string firstLine(std::string text) {
   return text;
 }
 
+/// How to get help, in the words of the place where the line was typed.
+std::string helpHint(const CLI::App& app, const std::string& verb) {
+  if (app.get_name().empty()) return verb.empty() ? "help" : "help " + verb;
+  return verb.empty() ? "kzv --help" : fmt::format("kzv {} --help", verb);
+}
+
 Answer refusal(const CLI::App& app, const CLI::ParseError& error) {
   const auto chosen = app.get_subcommands();
   std::string reason = firstLine(error.what());
@@ -73,18 +80,64 @@ Answer refusal(const CLI::App& app, const CLI::ParseError& error) {
     const auto remaining = app.remaining();
     reason = remaining.empty() ? "no verb given" : fmt::format("no verb \"{}\"", remaining.front());
     if (dynamic_cast<const CLI::RequiredError*>(&error) == nullptr) reason = firstLine(error.what());
-    return {fmt::format("kzv: {}; see kzv --help", harmless(reason)), ExitStatus::usage};
+    return {fmt::format("kzv: {}; see {}", harmless(reason), helpHint(app, "")), ExitStatus::usage};
   }
   const std::string verb = chosen.front()->get_name();
-  return {fmt::format("kzv: {}: {}; see kzv {} --help", verb, harmless(reason), verb), ExitStatus::usage};
+  return {fmt::format("kzv: {}: {}; see {}", verb, harmless(reason), helpHint(app, verb)), ExitStatus::usage};
+}
+
+/// The first of the options that a single line of the shell cannot change.
+std::optional<Answer> refusalOfProcessOption(const CLI::App& app, const std::string& verb) {
+  for (const char* name : {"--quiet", "--verbose", "--service", "--home", "--app-key"}) {
+    if (app.get_option(name)->count() == 0) continue;
+    return Answer{fmt::format("kzv: {}: {} holds for the whole shell: kzv {} ... shell", verb, name, name),
+                  ExitStatus::usage};
+  }
+  return std::nullopt;
+}
+
+ArgumentKind kindNamed(const std::string& word) {
+  static const std::map<std::string, ArgumentKind> kinds{{"PATH", ArgumentKind::remotePath},
+                                                         {"REMOTE", ArgumentKind::remotePath},
+                                                         {"FROM", ArgumentKind::remotePath},
+                                                         {"TO", ArgumentKind::remotePath},
+                                                         {"FOLDER", ArgumentKind::remoteFolder},
+                                                         {"LOCAL", ArgumentKind::localPath},
+                                                         {"FILE", ArgumentKind::localPath},
+                                                         {"DIR", ArgumentKind::localPath},
+                                                         {"ID", ArgumentKind::account},
+                                                         {"ID-OR-LABEL", ArgumentKind::account},
+                                                         {"VERB", ArgumentKind::verb}};
+  const auto found = kinds.find(word);
+  return found == kinds.end() ? ArgumentKind::other : found->second;
+}
+
+void addTo(VerbSyntax& syntax, const CLI::Option& option) {
+  if (option.get_positional()) {
+    syntax.arguments.push_back(kindNamed(option.get_name(true)));
+    syntax.repeatsLast = option.get_items_expected_max() > 1;
+    return;
+  }
+  std::vector<std::string> names;
+  for (const std::string& name : option.get_lnames()) names.push_back("--" + name);
+  for (const std::string& name : option.get_snames()) names.push_back("-" + name);
+  for (std::string& name : names) {
+    if (option.get_items_expected_max() == 0) {
+      syntax.flags.push_back(std::move(name));
+    } else {
+      syntax.valueOptions.emplace(std::move(name), kindNamed(option.get_option_text()));
+    }
+  }
 }
 
 }  // namespace
 
 std::variant<Command, Answer> parseCommandLine(const std::vector<std::string>& arguments,
-                                               const std::vector<std::unique_ptr<Verb>>& verbs) {
+                                               const std::vector<std::unique_ptr<Verb>>& verbs,
+                                               const GlobalOptions* shellOptions) {
   Command command;
-  CLI::App app(intro, "kzv");
+  if (shellOptions) command.options = *shellOptions;
+  CLI::App app(intro, shellOptions ? "" : "kzv");
   app.footer(outro);
   app.require_subcommand(1);
   app.set_version_flag("--version", "kzv " KZV_VERSION, "The program's version");
@@ -106,7 +159,28 @@ std::variant<Command, Answer> parseCommandLine(const std::vector<std::string>& a
   } catch (const CLI::ParseError& error) {
     return refusal(app, error);
   }
+  if (shellOptions) {
+    if (auto refused = refusalOfProcessOption(app, command.verb->words().name)) return *std::move(refused);
+  }
   return command;
+}
+
+VerbSyntax syntaxOf(Verb& verb) {
+  CLI::App app;
+  verb.declare(app);
+  VerbSyntax syntax;
+  syntax.name = verb.words().name;
+  for (const CLI::Option* option : app.get_options()) addTo(syntax, *option);
+  return syntax;
+}
+
+VerbSyntax shellLineSyntax() {
+  GlobalOptions unused;
+  CLI::App app;
+  declareGlobal(app, unused);
+  VerbSyntax syntax;
+  for (const char* name : {"--account", "--json"}) addTo(syntax, *app.get_option(name));
+  return syntax;
 }
 
 void applyToEnvironment(const GlobalOptions& options) {

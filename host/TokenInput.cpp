@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "host/HostError.h"
+#include "host/InputLine.h"
 #include "host/StopSignal.h"
 
 namespace {
@@ -49,10 +50,12 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-/// All of standard input, or its first line; at most one byte more than allowed. An errno on failure.
+/// All of standard input, or its first line; at most one byte more than allowed. An errno on failure,
+/// ECANCELED on a stop.
 int readInput(bool onlyOneLine, std::string& text) {
   char buffer[4096];
   while (text.size() <= limitBytes) {
+    if (onlyOneLine && !waitForInput()) return ECANCELED;
     const ssize_t count = ::read(STDIN_FILENO, buffer, sizeof buffer);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return errno;
@@ -77,7 +80,7 @@ std::optional<std::string> readToken(NSErrorRef* error) {
   std::string text;
   const bool isTerminal = ::isatty(STDIN_FILENO) == 1;
   if (const int reason = isTerminal ? readFromPerson(text) : readInput(false, text)) {
-    setError(error, NSError::posix(reason, "standard input"));
+    setError(error, reason == ECANCELED ? stoppedError() : NSError::posix(reason, "standard input"));
     return std::nullopt;
   }
   if (text.size() > limitBytes) {

@@ -4,8 +4,6 @@
 
 kzv() { "$root/build/release/bin/kzv" "$@"; }
 
-knowsVerb() { kzv "$1" --help >/dev/null 2>&1; }
-
 # step COMMENT ARGUMENT...: prints the command, runs it; false when it fails.
 step() {
   local comment=$1 argument shown="kzv"
@@ -73,4 +71,23 @@ tour() {
     step "A folder with everything below it" ls -R /Documents &&
     step "The attributes of a file" stat "/Photos/Lake in the evening.jpg" &&
     transferSteps
+}
+
+# stayInShell: the person goes on alone. Ctrl-C is the shell's matter as long as it runs.
+stayInShell() {
+  cat <<'END'
+
+# The rest is yours: the same commands without "kzv" before them. For instance
+#   cd Photos                        (Tab completes names)
+#   ls -l
+#   preview "Lake in the evening.jpg" --out build/lake.png
+#   put README.md /
+#   rm /README.md
+#   help
+# Ctrl-D ends it; then the local service and its account are gone.
+$ kzv shell
+END
+  trap : INT
+  kzv shell || true
+  trap 'exit 130' INT
 }

@@ -59,8 +59,10 @@ fs::path FolderVolume::onDisk(const std::string& path) const { return tree_ / pa
 
 bool FolderVolume::failsByName(const std::string& path, NSErrorRef* error) {
   const std::string name = lastPathComponent(path);
-  if (name.starts_with(Behaviour::hangs))
+  if (name.starts_with(Behaviour::hangs)) {
+    FolderPlugin::noteEvent("hangs");
     while (true) ::pause();
+  }
   if (name.starts_with(Behaviour::unlinks)) eject();
   if (name.starts_with(Behaviour::fails)) setError(error, orderedError());
   return name.starts_with(Behaviour::fails) || name.starts_with(Behaviour::unlinks);

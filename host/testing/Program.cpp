@@ -16,6 +16,7 @@
 #include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 using Clock = std::chrono::steady_clock;
@@ -75,17 +76,44 @@ Program::Program(const std::vector<std::string>& arguments, const Environment& e
   if (!outputFile.empty())
     ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outputFile.c_str(), O_WRONLY | O_CREAT, 0600);
   ::posix_spawn_file_actions_adddup2(&actions, err.writer, STDERR_FILENO);
-  std::vector<std::string> words{"kzv"};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  auto environmentLines = fullEnvironment(environment);
-  const int failure = ::posix_spawn(&process_, KZV_PROGRAM, &actions, nullptr, pointers(words).data(),
-                                    pointers(environmentLines).data());
+  start(arguments, environment, actions, nullptr);
   ::posix_spawn_file_actions_destroy(&actions);
   for (const int file : {in.reader, out.writer, err.writer}) ::close(file);
   input_ = in.writer;
   output_ = out.reader;
   error_ = err.reader;
-  if (failure != 0) throw std::runtime_error("cannot start " KZV_PROGRAM);
+}
+
+Program::Program(OnTerminal /*terminal*/, const std::vector<std::string>& arguments,
+                 const Environment& environment) {
+  input_ = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  std::array<char, 64> name{};
+  const bool isReady = input_ >= 0 && ::grantpt(input_) == 0 && ::unlockpt(input_) == 0 &&
+                       ::ptsname_r(input_, name.data(), name.size()) == 0;
+  if (!isReady) throw std::runtime_error("no terminal");
+  output_ = ::fcntl(input_, F_DUPFD_CLOEXEC, 0);
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  // The first terminal that the leader of a session opens controls it: Ctrl-C becomes a signal.
+  ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, name.data(), O_RDWR, 0);
+  ::posix_spawn_file_actions_adddup2(&actions, STDIN_FILENO, STDOUT_FILENO);
+  ::posix_spawn_file_actions_adddup2(&actions, STDIN_FILENO, STDERR_FILENO);
+  posix_spawnattr_t attributes;
+  ::posix_spawnattr_init(&attributes);
+  ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+  start(arguments, environment, actions, &attributes);
+  ::posix_spawnattr_destroy(&attributes);
+  ::posix_spawn_file_actions_destroy(&actions);
+}
+
+void Program::start(const std::vector<std::string>& arguments, const Environment& environment,
+                    const posix_spawn_file_actions_t& actions, const posix_spawnattr_t* attributes) {
+  std::vector<std::string> words{"kzv"};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  auto environmentLines = fullEnvironment(environment);
+  if (::posix_spawn(&process_, KZV_PROGRAM, &actions, attributes, pointers(words).data(),
+                    pointers(environmentLines).data()) != 0)
+    throw std::runtime_error("cannot start " KZV_PROGRAM);
 }
 
 Program::~Program() {
@@ -129,6 +157,21 @@ bool Program::waitForOutput(const std::string& text) {
   while (result_.out.find(text) == std::string::npos)
     if (readSome(deadline) != Reading::more) return false;
   return true;
+}
+
+bool Program::waitForNext(const std::string& text) {
+  const auto deadline = Clock::now() + std::chrono::seconds(20);
+  std::size_t found = result_.out.find(text, seen_);
+  for (; found == std::string::npos; found = result_.out.find(text, seen_))
+    if (readSome(deadline) != Reading::more) return false;
+  seen_ = found + text.size();
+  return true;
+}
+
+bool Program::isTerminalInUsualState() const {
+  termios state{};
+  constexpr tcflag_t usual = ICANON | ECHO | ISIG;
+  return ::tcgetattr(input_, &state) == 0 && (state.c_lflag & usual) == usual;
 }
 
 bool Program::waitForFile(const std::string& path, const std::string& text) {

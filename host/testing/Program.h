@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include <spawn.h>
 #include <sys/types.h>
 
 /// The program under test as a child process of its own: the bundle of FolderPlugin, an own home folder, and
@@ -21,6 +22,10 @@ class Program {
   /// @param outputFile  takes its standard output instead of this class; empty: none.
   explicit Program(const std::vector<std::string>& arguments, const Environment& environment = {},
                    const std::string& outputFile = {});
+  /// Starts it on a terminal of its own, which takes the place of its three streams and of Ctrl-C; what it
+  /// shows is the output.
+  struct OnTerminal {};
+  Program(OnTerminal terminal, const std::vector<std::string>& arguments, const Environment& environment);
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
   /// Kills what still runs.
@@ -30,7 +35,11 @@ class Program {
   void type(const std::string& text);
   /// Reads its standard output until `text` has come; false when it ends, or 20 s pass, before.
   bool waitForOutput(const std::string& text);
-  /// The same for a file that it writes.
+  /// The same for what has come since the text that the last call of this waited for.
+  bool waitForNext(const std::string& text);
+  /// Whether its terminal echoes and edits lines by itself, as it does between programs.
+  bool isTerminalInUsualState() const;
+  /// waitForOutput for a file that it writes.
   static bool waitForFile(const std::string& path, const std::string& text);
   void signal(int number) const;
   /// Whether it ends within `limit` although nobody reads its output.
@@ -46,6 +55,8 @@ class Program {
                     const std::string& input = {}, const std::string& outputFile = {});
 
  private:
+  void start(const std::vector<std::string>& arguments, const Environment& environment,
+             const posix_spawn_file_actions_t& actions, const posix_spawnattr_t* attributes);
   enum class Reading { more, ended, late };
   Reading readSome(std::chrono::steady_clock::time_point deadline);
 
@@ -53,5 +64,6 @@ class Program {
   int input_ = -1;
   int output_ = -1;
   int error_ = -1;
+  std::size_t seen_ = 0;  // of the output, by waitForNext
   Result result_;
 };

@@ -19,13 +19,13 @@ class LsVerb final : public Verb {
   void declare(CLI::App& command) override {
     command.add_flag("-l", isLong_, "Sizes (bytes) and dates, too");
     command.add_flag("-R", isRecursive_, "Everything below the folder, with full paths");
-    command.add_option("PATH", typed_, "Folders or files of the account (default: /)");
+    command.add_option("PATH", typed_, "Folders or files of the account (default: the current one)");
   }
 
   void run(VerbContext& context) override {
     const auto volume = context.openVolume();
     if (!volume) return;
-    if (typed_.empty()) typed_.emplace_back("/");
+    if (typed_.empty()) typed_.emplace_back(".");
     bool isFirst = true;
     for (const std::string& typed : typed_) {
       const std::string path = context.pathFrom(typed);

@@ -1,5 +1,4 @@
 #include <CLI/CLI.hpp>
-#include <iostream>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include "host/Entry.h"
 #include "host/Formatting.h"
 #include "host/HostError.h"
+#include "host/InputLine.h"
 #include "host/verbs/Verbs.h"
 
 namespace {
@@ -50,8 +50,8 @@ class RmVerb final : public Verb {
     const auto attributes = volume.attributesAtPath(path, nullptr);
     if (!attributes || !Entry::from(path, *attributes).isDirectory) return true;
     context.console.prompt(fmt::format("Remove the folder {} with everything in it? [y/N] ", harmless(path)));
-    std::string answer;
-    std::getline(std::cin, answer);
+    const auto answer = readInputLine();
+    if (!answer) context.shouldStop(path);  // or the end of the input, which is a no
     return answer == "y" || answer == "Y" || answer == "yes";
   }
 

@@ -2,10 +2,10 @@
 
 std::vector<std::unique_ptr<Verb>> allVerbs() {
   std::vector<std::unique_ptr<Verb>> verbs;
-  for (auto* make :
-       {makeAccountsVerb, makeLinkVerb, makeUnlinkVerb, makeLsVerb, makeStatVerb, makeGetVerb, makePutVerb,
-        makeMkdirVerb, makeRmVerb, makeMvVerb, makeDfVerb, makeInfoVerb, makeShareVerb, makeIconVerb,
-        makePreviewVerb, makeWatchVerb, makeDesktopVerb, makeMountVerb, makeUmountVerb})
+  for (auto* make : {makeAccountsVerb, makeLinkVerb,    makeUnlinkVerb, makeLsVerb,    makeStatVerb,
+                     makeGetVerb,      makePutVerb,     makeMkdirVerb,  makeRmVerb,    makeMvVerb,
+                     makeDfVerb,       makeInfoVerb,    makeShareVerb,  makeIconVerb,  makePreviewVerb,
+                     makeWatchVerb,    makeDesktopVerb, makeShellVerb,  makeMountVerb, makeUmountVerb})
     verbs.push_back(make());
   return verbs;
 }

@@ -21,5 +21,6 @@ std::unique_ptr<Verb> makeShareVerb();
 std::unique_ptr<Verb> makeIconVerb();
 std::unique_ptr<Verb> makePreviewVerb();
 std::unique_ptr<Verb> makeWatchVerb();
+std::unique_ptr<Verb> makeShellVerb();
 std::unique_ptr<Verb> makeMountVerb();
 std::unique_ptr<Verb> makeUmountVerb();
