@@ -212,15 +212,14 @@ void onGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* /*info
   answer(request, [&] { return replyAttributes(request, node); });
 }
 
-/// The service keeps neither owners nor permissions: what they are is fine, anything else is not permitted.
-bool asksForOtherRights(const Session& session, const struct stat& wanted, int which, bool isFolder) {
-  constexpr mode_t permissions = 07777;
-  const auto differs = [&](int flag, auto current, auto asked) {
-    return (which & flag) != 0 && current != asked;
-  };
-  return differs(FUSE_SET_ATTR_MODE, session.modeOf(isFolder) & permissions, wanted.st_mode & permissions) ||
-         differs(FUSE_SET_ATTR_UID, session.user, wanted.st_uid) ||
-         differs(FUSE_SET_ATTR_GID, session.group, wanted.st_gid);
+/// The service keeps neither owners nor permissions. Only the user who mounted gets in, so that what a mode
+/// says of others means nothing here and any value will do, and programs that copy modes (rsync -a, cp -p)
+/// can go on; what would have a meaning, and would not be kept, is not permitted.
+bool asksForOtherRights(const Session& session, const struct stat& wanted, int which) {
+  constexpr mode_t meant = S_IRUSR | S_IWUSR | S_ISUID | S_ISGID | S_ISVTX;
+  if ((which & FUSE_SET_ATTR_MODE) && (wanted.st_mode & meant) != (S_IRUSR | S_IWUSR)) return true;
+  return ((which & FUSE_SET_ATTR_UID) && wanted.st_uid != session.user) ||
+         ((which & FUSE_SET_ATTR_GID) && wanted.st_gid != session.group);
 }
 
 void onSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
@@ -228,9 +227,7 @@ void onSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, i
   answer(request, [&] {
     MountedVolume& volume = volumeOf(request);
     const NodeId id = nodeOf(node);
-    const auto attributes = volume.attributes(id);
-    if (attributes.error) return attributes.error;
-    if (asksForOtherRights(sessionOf(request), *wanted, which, attributes.value.isFolder)) return EPERM;
+    if (asksForOtherRights(sessionOf(request), *wanted, which)) return EPERM;
     if (which & FUSE_SET_ATTR_SIZE) {
       auto* file = info ? &handleOf<OpenFile>(info) : nullptr;
       const auto sizeBytes = static_cast<std::uint64_t>(wanted->st_size);
@@ -390,6 +387,14 @@ void onListExtra(fuse_req_t request, fuse_ino_t node, std::size_t size) {
   });
 }
 
+/// What was changed through another spelling of the folder's name is news to the kernel under its own.
+void noticeOtherSpelling(fuse_req_t request, fuse_ino_t parent, const char* name) {
+  if (!isOtherSpelling(parent)) return;
+  KernelCache& kernel = *sessionOf(request).kernel;
+  kernel.entryChanged(nodeOf(parent), name);
+  kernel.listingChanged(nodeOf(parent));
+}
+
 // --- Files
 
 void fillOpened(fuse_file_info* info, MountedVolume::Opened& opened, bool otherSpelling) {
@@ -424,6 +429,7 @@ void onCreate(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*
     fillOpened(info, opened, otherSpelling);
     const auto entry = sessionOf(request).entryOf(found.attributes, otherSpelling);
     const NodeId id = found.attributes.id;
+    noticeOtherSpelling(request, parent, name);
     if (fuse_reply_create(request, &entry, info) == 0) {
       opened.file.release();  // NOLINT(bugprone-unused-return-value): the kernel has it now
     } else {
@@ -441,6 +447,7 @@ void onMakeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t 
     auto created = volume.create(nodeOf(parent), name, O_WRONLY | O_EXCL, interruptionOf(request));
     if (created.error) return created.error;
     volume.release(std::move(created.value.opened.file));
+    noticeOtherSpelling(request, parent, name);
     replyEntry(request, created.value.found, isOtherSpelling(parent));
     return answered;
   });
@@ -502,17 +509,10 @@ void onMakeFolder(fuse_req_t request, fuse_ino_t parent, const char* name, mode_
   answer(request, [&] {
     const auto made = volumeOf(request).makeFolder(nodeOf(parent), name, interruptionOf(request));
     if (made.error) return made.error;
+    noticeOtherSpelling(request, parent, name);
     replyEntry(request, made.value, isOtherSpelling(parent) || made.value.isOtherSpelling);
     return answered;
   });
-}
-
-/// What was changed through another spelling of the folder's name is news to the kernel under its own.
-void noticeOtherSpelling(fuse_req_t request, fuse_ino_t parent, const char* name) {
-  if (!isOtherSpelling(parent)) return;
-  KernelCache& kernel = *sessionOf(request).kernel;
-  kernel.entryChanged(nodeOf(parent), name);
-  kernel.listingChanged(nodeOf(parent));
 }
 
 void onRemoveFile(fuse_req_t request, fuse_ino_t parent, const char* name) {
