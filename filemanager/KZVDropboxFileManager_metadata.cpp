@@ -1,3 +1,4 @@
+#include "core/StoppableCall.h"
 #include "core/synced.h"
 #include "filemanager/KZVDropboxFileManager.h"
 #include "foundation/Paths.h"
@@ -29,6 +30,24 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::metadata(const std::st
   return fetchRecord(wanted, key, error);
 }
 
+KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::metadata(const std::string& path,
+                                                                   const ProgressCallback& progress,
+                                                                   NSErrorRef* error) {
+  if (!progress) return metadata(path, error);
+  if (!isFirstRunUnderWay_) {
+    if (auto record = cachedRecord(MetadataCache::keyOf(withoutTrailingDotDot(path)))) return record;
+  }
+  auto answer = callUnlessStopped([&] { return progress({0, 1000}); },
+                                  [self = shared_from_this(), path] {
+                                    NSErrorRef reason;
+                                    auto record = self->metadata(path, &reason);
+                                    return std::pair(std::move(record), std::move(reason));
+                                  });
+  if (!answer) answer.emplace(nullptr, stoppedByUser());
+  if (answer->second) setError(error, std::move(answer->second));
+  return std::move(answer->first);
+}
+
 KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::cachedRecord(const std::string& key) const {
   return synced(*metaCache, [&]() -> MetadataRef {
     auto record = metaCache->find(key);
@@ -42,7 +61,11 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::fetchRecord(const std:
   return synced(*mainClient, [&]() -> MetadataRef {
     if (auto record = cachedRecord(key)) return record;  // another caller fetched it while this one queued up
     const auto fetch = synced(*metaCache, [&] { return metaCache->beginFetch(key); });
-    const id result = requestOnMainClient([path](DBRestClient& client) { client.loadMetadata(path); }, error);
+    const auto known = knownRecord(key);  // a parent's listing tells where there is no folder
+    const bool isNoFolder = known && !(*known && (*known)->isDirectory());
+    const auto expected = isNoFolder ? DBRestClient::Expect::noFolder : DBRestClient::Expect::anything;
+    const id result = requestOnMainClient(
+        [path, expected](DBRestClient& client) { client.loadMetadata(path, expected); }, error);
     MetadataRef record = as<DBMetadata>(result);
     synced(*metaCache, [&] {
       const bool isCurrent = metaCache->endFetch(fetch);

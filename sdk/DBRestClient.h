@@ -32,8 +32,10 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
 
   /// The record of `path` ("/" is the root); of a folder with its contents, of a deleted item flagged so. A
   /// path that never existed is an error with code 404. A folder's record and the first page of its children
-  /// are asked for together.
-  void loadMetadata(const std::string& path);
+  /// are asked for together, unless the caller expects that there is no folder: one request less where that
+  /// is so, one round trip more where it is not.
+  enum class Expect { anything, noFolder };
+  void loadMetadata(const std::string& path, Expect expected = Expect::anything);
   /// One page of changes since `cursor`. Without a cursor: only the newest cursor, no entries, `reset` true.
   void loadDelta(const std::optional<std::string>& cursor);
   void loadAccountInfo();

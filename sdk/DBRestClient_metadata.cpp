@@ -15,15 +15,18 @@ namespace {
 constexpr int pageLimit = 2000;  // the service's largest; fewer pages are fewer round trips
 
 /// Loads one item, and a folder's children page by page. The item's own record and the first page are asked
-/// for at the same time: a folder then costs one round trip less, a file only an answer that nobody reads.
+/// for at the same time, unless no folder is expected: a folder then costs one round trip less, a file only an
+/// answer that nobody reads.
 /// Each further page is asked for before the records of the page at hand are built.
 class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
  public:
-  MetadataLoad(std::shared_ptr<DBRestClient::Impl> client, const std::string& path)
+  MetadataLoad(std::shared_ptr<DBRestClient::Impl> client, const std::string& path,
+               DBRestClient::Expect expected)
       : client_(std::move(client)),
         operation_(client_->beginOperation()),
         about_{"load", path},
-        servicePath_(servicePath(path)) {}
+        servicePath_(servicePath(path)),
+        expected_(expected) {}
 
   void start() {
     if (!servicePath_) {
@@ -38,6 +41,7 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
       becomeFolder("/");
     } else {
       askForRecord();
+      if (expected_ == DBRestClient::Expect::noFolder) return;
     }
     askForFirstPage();
   }
@@ -74,6 +78,7 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
     fields_.lowercasePath = record->lowercasePath();
     fields_.icon = record->icon();
     becomeFolder(fields_.path);
+    if (expected_ == DBRestClient::Expect::noFolder) return askForFirstPage();
     if (listingFailure_) return fail(*listingFailure_);
     addWaitingPages();
     finishWhenComplete();
@@ -148,6 +153,7 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
   const DBRestClient::Impl::OperationRef operation_;
   const RequestDescription about_;
   const std::optional<std::string> servicePath_;
+  const DBRestClient::Expect expected_;
   DBMetadata::Fields fields_;              // the folder's own record, as far as it is known
   std::optional<ListingBuilder> listing_;  // set once the item is known to be a folder
   std::deque<std::shared_ptr<const Document>> waitingPages_;
@@ -158,6 +164,6 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
 
 }  // namespace
 
-void DBRestClient::loadMetadata(const std::string& path) {
-  std::make_shared<MetadataLoad>(impl_, path)->start();
+void DBRestClient::loadMetadata(const std::string& path, Expect expected) {
+  std::make_shared<MetadataLoad>(impl_, path, expected)->start();
 }
