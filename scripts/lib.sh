@@ -41,10 +41,12 @@ isProbed() {
   esac
 }
 
-# missingPackages GROUP...: Debian packages that are not installed; of alternatives the first that apt knows.
+# missingPackages GROUP...: Debian packages that are not installed; of alternatives the first that apt knows. A program
+# that is there counts, wherever it came from.
 missingPackages() {
-  local packages alternatives name
-  while IFS='|' read -r packages _; do
+  local packages probe alternatives name
+  while IFS='|' read -r packages probe _; do
+    [[ $probe == cmd:* ]] && isProbed "$probe" && continue
     IFS=, read -ra alternatives <<<"$packages"
     for name in "${alternatives[@]}"; do
       isInstalled "$name" && continue 2
@@ -96,6 +98,28 @@ needPackages() {
   fi
   command -v cmake >/dev/null || fail "cmake is not installed, so nothing can be built"
   command -v ninja >/dev/null || fail "ninja is not installed, so nothing can be built"
+}
+
+# wantPackages GROUP...: installs what is missing and can be had within minutes, and goes on without the rest. What
+# could not be had is tried again after a day.
+wantPackages() {
+  if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
+    nameMissing "$@"
+    return
+  fi
+  local missing name tried=$root/build/packages-not-to-be-had
+  mapfile -t missing < <(missingPackages "$@")
+  [[ ${#missing[@]} -eq 0 || -n $(find "$tried" -mtime -1 2>/dev/null) ]] && return
+  say "installing packages that some tests use: ${missing[*]}"
+  local update=(timeout 60 apt-get update -qq)
+  local install=(timeout 300 env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends)
+  (asRoot "${update[@]}") || say "the package lists could not be renewed; going on with those that are here"
+  rm -f "$tried"
+  for name in "${missing[@]}"; do
+    (asRoot "${install[@]}" "$name") && continue
+    say "$name could not be installed; the tests that need it are skipped"
+    mkdir -p "$root/build" && printf '%s\n' "$name" >>"$tried"
+  done
 }
 
 # --- Building
