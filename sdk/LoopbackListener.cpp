@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::size_t requestLimitBytes = 16UL * 1024;
 constexpr std::chrono::seconds longestRequest{5};  // a browser sends its few lines at once
+constexpr const char* notHere = "Nothing here";
 
 int listenOn(const sockaddr* address, socklen_t size) {
   const int socket = ::socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -31,12 +32,24 @@ std::string reasonPhrase(int status) {
   return status == 200 ? "OK" : status == 404 ? "Not Found" : "Bad Request";
 }
 
+// Plain enough for any browser, readable on a telephone and in the dark.
+constexpr const char* pageStyle =
+    ":root{color-scheme:light dark;--text:#1b1b1b;--ground:#fff}"
+    "@media(prefers-color-scheme:dark){:root{--text:#ececec;--ground:#1c1d20}}"
+    "body{font:1rem/1.5 system-ui,sans-serif;max-width:34rem;margin:3rem auto;padding:0 1rem;"
+    "color:var(--text);background:var(--ground)}h1{font-size:1.4rem}";
+
 std::string httpAnswer(const LoopbackListener::Page& page) {
   const std::string body =
-      "<!doctype html><meta charset=\"utf-8\"><title>Sign-in</title><p>" + page.text + "</p>\n";
+      "<!doctype html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
+      "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\"><title>" +
+      page.title + "</title><style>" + pageStyle + "</style></head>\n<body><main><h1>" + page.title +
+      "</h1>\n<p>" + page.text + "</p></main></body></html>\n";
   return "HTTP/1.1 " + std::to_string(page.status) + " " + reasonPhrase(page.status) +
          "\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: " + std::to_string(body.size()) +
-         "\r\nCache-Control: no-store\r\nReferrer-Policy: no-referrer\r\nConnection: close\r\n\r\n" + body;
+         "\r\nContent-Security-Policy: default-src 'none'; style-src 'unsafe-inline'"
+         "\r\nCache-Control: no-store\r\nReferrer-Policy: no-referrer\r\nConnection: close\r\n\r\n" +
+         body;
 }
 
 /// The head of a request; empty when none comes in time or it grows too large.
@@ -119,17 +132,19 @@ void LoopbackListener::run() {
 void LoopbackListener::serve(int connection) const {
   const std::string head = readHead(connection, stopSignal_);
   if (head.empty()) return;
-  const std::string answer = answerTo(head);
-  if (::send(connection, answer.data(), answer.size(), MSG_NOSIGNAL) < 0) return;
+  const Page page = pageFor(head);
+  const std::string answer = httpAnswer(page);
+  ::send(connection, answer.data(), answer.size(), MSG_NOSIGNAL);
   ::shutdown(connection, SHUT_WR);
+  if (page.afterwards) page.afterwards();
 }
 
-std::string LoopbackListener::answerTo(const std::string& requestHead) const {
+LoopbackListener::Page LoopbackListener::pageFor(const std::string& requestHead) const {
   const auto lineEnd = requestHead.find("\r\n");
   const std::string line = requestHead.substr(0, lineEnd);
-  if (!line.starts_with("GET ")) return httpAnswer({400, "This address is for the browser only."});
+  if (!line.starts_with("GET ")) return {400, notHere, "This address is for the browser only.", nullptr};
   const std::string target = line.substr(4, line.find(' ', 4) - 4);
   const auto question = target.find('?');
-  if (target.substr(0, question) != path_) return httpAnswer({404, "There is nothing here."});
-  return httpAnswer(handler_(question == std::string::npos ? "" : target.substr(question + 1)));
+  if (target.substr(0, question) != path_) return {404, notHere, "There is nothing here.", nullptr};
+  return handler_(question == std::string::npos ? "" : target.substr(question + 1));
 }

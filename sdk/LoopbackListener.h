@@ -10,12 +10,16 @@
 /// section 7.3): a tiny HTTP server on a thread of its own that answers one path.
 class LoopbackListener {
  public:
-  /// Gets the query of each request for the path, without the "?", still encoded; returns the status and the
-  /// text of the page to show. Runs on the listener's thread.
+  /// What the browser shows.
   struct Page {
     int status = 200;
+    std::string title;  // HTML, as is the text
     std::string text;
+    /// Called once the page is on its way, if there is one: what it sets off may end the program.
+    std::function<void()> afterwards;
   };
+  /// Gets the query of each request for the path, without the "?", still encoded. Runs on the listener's
+  /// thread.
   using Handler = std::function<Page(const std::string& query)>;
 
   /// @param port  0: any. Null when the port cannot be had.
@@ -29,7 +33,7 @@ class LoopbackListener {
   bool bindTo(std::uint16_t port);
   void run();
   void serve(int connection) const;
-  std::string answerTo(const std::string& requestHead) const;
+  Page pageFor(const std::string& requestHead) const;
 
   const std::string path_;
   const Handler handler_;

@@ -132,22 +132,28 @@ std::string SignIn::pageAddress(std::string_view webOrigin, std::string_view app
 }
 
 LoopbackListener::Page SignIn::redirected(const std::string& query) {
+  const auto refusal = [](const char* reason) {
+    return LoopbackListener::Page{400, "Not signed in", reason, nullptr};
+  };
   const auto state = fieldOf(query, "state");
   if (!state || !isSame(*state, stateText_)) {
-    return {400, "This is not the answer to the sign-in that is under way."};
+    return refusal("This is not the answer to the sign-in that is under way.");
   }
   const auto code = fieldOf(query, "code");
   const bool isApproved = code && canBeCode(*code);
-  if (!isApproved && !fieldOf(query, "error")) return {400, "The answer holds no code."};
+  if (!isApproved && !fieldOf(query, "error")) return refusal("The answer holds no code.");
   {
     const std::lock_guard lock(mutex_);
-    if (state_ != State::waiting) return {400, "This sign-in has already been answered."};
+    if (state_ != State::waiting) return refusal("This sign-in has already been answered.");
     state_ = isApproved ? State::approved : State::denied;
     if (isApproved) code_ = *code;
   }
-  if (arrived_) arrived_();
-  return {200, isApproved ? "Signed in. You can close this window and go back to the application."
-                          : "The sign-in was declined. You can close this window."};
+  if (!isApproved) {
+    return {200, "Not signed in",
+            "The sign-in was declined, and nothing is shared. You can close this window.", arrived_};
+  }
+  // The code has yet to be traded for tokens, so this promises no more than it knows.
+  return {200, "Access allowed", "You can close this window and go back to the application.", arrived_};
 }
 
 SignIn::State SignIn::state() const {

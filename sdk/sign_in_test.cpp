@@ -1,4 +1,6 @@
+#include <chrono>
 #include <cstdlib>
+#include <future>
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
@@ -60,6 +62,19 @@ class BrowserSignIn : public ClientFixture {
 TEST(SignIn, ChallengeAgreesWithThePublishedValue) {
   EXPECT_EQ(SignIn::challengeFor("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"),
             "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM");
+}
+
+TEST(SignIn, ThePageIsSentBeforeWhatTheAnswerSetsOff) {
+  ::setenv("KZV_SIGN_IN_PORT", "0", 1);
+  std::promise<void> pageHasCome;
+  std::future_status seen{};  // by the first who hears of the answer, who may end the program
+  {
+    const SignIn signIn(true, [&] { seen = pageHasCome.get_future().wait_for(std::chrono::seconds(10)); });
+    const std::string url = signIn.pageAddress("", "key");
+    EXPECT_EQ(visit(field(url, "redirect_uri") + "?error=access_denied&state=" + field(url, "state")), 200);
+    pageHasCome.set_value();
+  }
+  EXPECT_EQ(seen, std::future_status::ready);
 }
 
 TEST_F(BrowserSignIn, LinksTheAccountThatApproved) {

@@ -70,14 +70,21 @@ class PendingRequests {
 // --- Pages
 
 constexpr const char* kStyle =
-    "body{font:1rem/1.5 system-ui,sans-serif;max-width:34rem;margin:3rem auto;padding:0 1rem;color:#1b1b1b;"
-    "background:#fff}h1{font-size:1.4rem}fieldset{border:1px solid #767676;border-radius:.4rem;margin:1rem 0;"
-    "padding:.5rem 1rem}label{display:block;margin:.5rem 0}input[type=text],input[type=email]{width:100%;"
-    "padding:.4rem;font:inherit;box-sizing:border-box}button{font:inherit;padding:.5rem "
-    "1.5rem;margin-right:1rem;"
-    "border-radius:.4rem;border:1px solid #0a4bbd;cursor:pointer}button.allow{background:#0a4bbd;color:#fff}"
-    "button.cancel{background:#fff;color:#0a4bbd}.error{color:#a30000;font-weight:600}"
-    "code{font-size:1rem;word-break:break-all;background:#f0f0f0;padding:.3rem .5rem;display:block}";
+    ":root{color-scheme:light dark;--text:#1b1b1b;--ground:#fff;--edge:#767676;--accent:#0a4bbd;"
+    "--on-accent:#fff;--error:#a30000;--code:#f0f0f0}"
+    "@media(prefers-color-scheme:dark){:root{--text:#ececec;--ground:#1c1d20;--edge:#8d9299;"
+    "--accent:#8ab4ff;--on-accent:#10131a;--error:#ff9c94;--code:#2b2d31}}"
+    "body{font:1rem/1.5 system-ui,sans-serif;max-width:34rem;margin:3rem auto;padding:0 1rem;"
+    "color:var(--text);background:var(--ground)}h1{font-size:1.4rem}"
+    "fieldset{border:1px solid var(--edge);border-radius:.4rem;margin:1rem 0;padding:.5rem 1rem}"
+    "label{display:block;margin:.5rem 0}input[type=text],input[type=email]{width:100%;padding:.4rem;"
+    "font:inherit;box-sizing:border-box}"
+    "button{font:inherit;padding:.5rem 1.5rem;margin:0 1rem .5rem 0;border-radius:.4rem;"
+    "border:1px solid var(--accent);cursor:pointer}"
+    "button.allow{background:var(--accent);color:var(--on-accent)}"
+    "button.cancel{background:var(--ground);color:var(--accent)}"
+    ".error{color:var(--error);font-weight:600}"
+    "code{font-size:1rem;word-break:break-all;background:var(--code);padding:.3rem .5rem;display:block}";
 
 HttpResponse htmlPage(int status, const std::string& title, const std::string& content) {
   HttpResponse response;

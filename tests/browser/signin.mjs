@@ -1,32 +1,26 @@
 // The sign-in as a person sees it: kzv, the stand-in's page and a real browser.
 //
-//   node signin.mjs KZV KZV-SERVICE BUNDLE [SCREENSHOT-FOLDER]
+//   node signin.mjs PLAYWRIGHT-CORE KZV KZV-SERVICE BUNDLE [SCREENSHOT-FOLDER]
 //
-// With a folder the pages are also saved there as pictures. Ends with status 77 and the reason when the browser, or
-// playwright-core to drive it, is not installed.
+// With a folder the pages are also saved there as pictures. run.sh fetches PLAYWRIGHT-CORE (its index.mjs) and starts
+// this. Ends with status 77 and the reason when there is no browser.
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
 import { existsSync, mkdtempSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
-import { join } from 'node:path';
+import { join, resolve } from 'node:path';
 import { createInterface } from 'node:readline';
+import { pathToFileURL } from 'node:url';
 
 const skipped = 77;
 const patience = 30_000;
+const desk = { width: 900, height: 760 };
 const browserPath = [process.env.KZV_CHROMIUM, '/usr/bin/chromium', '/usr/bin/chromium-browser', '/usr/bin/google-chrome']
   .find((path) => path && existsSync(path));
 
 function skip(reason) {
   console.log(`SKIPPED: ${reason}`);
   process.exit(skipped);
-}
-
-async function loadPlaywright() {
-  try {
-    return await import('playwright-core');
-  } catch {
-    return skip('playwright-core is not installed (npm install in tests/browser)');
-  }
 }
 
 /// A program of ours: its lines as they come, its end.
@@ -75,9 +69,9 @@ function bounded(promise, what) {
   return Promise.race([promise, late]).finally(() => clearTimeout(timer));
 }
 
-const [kzvPath, servicePath, bundle, pictures] = process.argv.slice(2);
+const [playwright, kzvPath, servicePath, bundle, pictures] = process.argv.slice(2);
 if (!browserPath) skip('no Chromium (apt-get install chromium)');
-const { chromium } = await loadPlaywright();
+const { chromium } = await import(pathToFileURL(resolve(playwright)));
 
 const home = mkdtempSync(join(tmpdir(), 'kzv-browser-'));
 const programs = [];
@@ -98,7 +92,25 @@ const environment = {
 };
 
 async function picture(page, name) {
-  if (pictures) await page.screenshot({ path: join(pictures, `${name}.png`) });
+  if (!pictures) return;
+  const { y, height } = await page.locator('main').boundingBox();
+  const clip = { x: 0, y: 0, width: desk.width, height: 2 * y + height };
+  await page.screenshot({ path: join(pictures, `${name}.png`), clip });
+}
+
+/// What a page owes anyone who reads it: a language, a title that is its heading, no need to scroll sideways on the
+/// narrowest telephone, and a dark ground for those who asked for one.
+async function assertReadable(page) {
+  assert.equal(await page.locator('html').getAttribute('lang'), 'en');
+  assert.equal(await page.title(), await page.getByRole('heading', { level: 1 }).innerText());
+  await page.setViewportSize({ width: 320, height: 640 });
+  assert.ok((await page.evaluate(() => document.documentElement.scrollWidth)) <= 320, 'wider than a telephone');
+  await page.setViewportSize(desk);
+  const ground = () => page.evaluate(() => getComputedStyle(document.body).backgroundColor);
+  const inLight = await ground();
+  await page.emulateMedia({ colorScheme: 'dark' });
+  assert.notEqual(await ground(), inLight);
+  await page.emulateMedia({ colorScheme: 'light' });
 }
 
 /// The sign-in page of a `kzv link` that has just begun.
@@ -120,6 +132,7 @@ async function cancelLinksNothing(context) {
   const { kzv, page } = await beginLinking(context);
   await page.getByRole('button', { name: 'Cancel' }).click();
   await page.getByText('declined').waitFor();
+  await assertReadable(page);
   assert.equal(await kzv.end(), 1);
   assert.match(kzv.errors, /kzv: link: .*declined/);
   assert.deepEqual(await accounts(), []);
@@ -129,11 +142,13 @@ async function allowLinksTheAccount(context) {
   const { kzv, page } = await beginLinking(context);
   await page.getByRole('heading', { name: 'Allow access to your files?' }).waitFor();
   await page.getByText('read the content of your files').waitFor();
+  await assertReadable(page);
   await picture(page, 'signin-page');
   await page.getByLabel('Ada').check();
   await page.getByRole('button', { name: 'Allow' }).click();
   await page.getByText('You can close this window').waitFor();
   assert.match(page.url(), /^http:\/\/localhost:\d+\//);
+  await assertReadable(page);
   await picture(page, 'signed-in-page');
   assert.equal(await kzv.end(), 0, kzv.errors);
   assert.match(kzv.output, /^linked Ada \(/m);
@@ -185,11 +200,12 @@ try {
   environment.KZV_SERVICE_URL = (await service.line()).replace('listening on ', '');
   browser = await chromium.launch({
     executablePath: browserPath,
+    env: { ...process.env, HOME: home },
     args: ['--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run', '--disable-background-networking',
       '--disable-component-update', '--disable-sync'],
   });
   // Without scripts: the page must not need any.
-  const context = await browser.newContext({ javaScriptEnabled: false, viewport: { width: 900, height: 760 } });
+  const context = await browser.newContext({ javaScriptEnabled: false, viewport: desk });
   for (const scenario of [cancelLinksNothing, allowLinksTheAccount, aSecondAccountStandsBesideTheFirst,
     enterTriesAgainWhenTheTokensDidNotCome, theCodeCanBeTypedIn]) {
     await scenario(context);
