@@ -2,6 +2,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -159,30 +160,114 @@ TEST_F(CommandsTest, SpaceSummaryLinksAndPicturesAreOneCommandEach) {
 }
 
 TEST_F(CommandsTest, TokensAreSeenInNoOutputAndNoReadableFileAndDieWithTheAccount) {
-  link("ada-token");
+  standIn.write("/Docs/a.txt", "12345");
+  ASSERT_TRUE(std::ofstream(home.path() + "/local") << "text");
+  const std::string out = home.path() + "/out";
+  // Every verb, with what it says when it works and when it does not. link and unlink stand around them;
+  // shell and mount only run others.
+  const std::vector<std::vector<std::string>> commands{
+      {"accounts"},
+      {"ls", "-R", "/"},
+      {"stat", "/none"},
+      {"get", "/Docs/a.txt", out},
+      {"put", home.path() + "/local", "/Docs/b.txt"},
+      {"mkdir", "/Docs/New"},
+      {"mv", "/Docs/b.txt", "/Docs/New/c.txt"},
+      {"rm", "/Docs/New/c.txt"},
+      {"df"},
+      {"info"},
+      {"desktop", "--set", "Ada"},
+      {"share", "/Docs/a.txt"},
+      {"icon", "/Docs", "--out", out},
+      {"preview", "/Docs/a.txt", "--out", out},
+  };
   std::string everything;
-  for (const auto& arguments : std::vector<std::vector<std::string>>{
-           {"--verbose", "ls", "-R", "/"}, {"--verbose", "stat", "/none"}, {"--verbose", "accounts"}}) {
-    const auto outcome = kzv(arguments);
+  std::set<std::string> tried{"link", "unlink", "watch", "shell", "mount", "umount"};
+  const auto run = [&](std::vector<std::string> arguments, const std::string& input = {}) {
+    tried.insert(arguments.front());
+    arguments.insert(arguments.begin(), "--verbose");
+    const auto outcome = kzv(arguments, input);
     everything += outcome.output + outcome.errors;
+    return outcome.exitStatus;
+  };
+  ASSERT_EQ(run({"link", "--token-stdin"}, "ada-token\n"), 0);
+  for (const auto& command : commands) {
+    const bool shouldWork = command[0] != "stat" && command[0] != "preview";
+    EXPECT_EQ(run(command), shouldWork ? 0 : 1) << command[0];
   }
+  standIn.forgetRequests();
+  ChildProcess watching({KZV_PROGRAM, "--verbose", "watch", "/Docs"}, environment());
+  const auto deadline = std::chrono::steady_clock::now() + 30s;
+  while (standIn.requests().empty() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  watching.signal(SIGINT);
+  const auto watched = watching.finish(10s);
+  everything += watched.output + watched.errors;
+  for (const int status : {400, 401, 500}) {
+    standIn.fault({{"route", "*"}, {"times", 100}, {"status", status}, {"body", "refused"}});
+    EXPECT_EQ(run({"ls", "/"}), 1) << status;
+    standIn.clearFaults();
+  }
+  EXPECT_NE(everything.find("linked dropbox user"), std::string::npos) << "it is verbose";
   EXPECT_EQ(everything.find("ada-token"), std::string::npos);
+  const auto help = kzv({"--help"}).output;
+  std::istringstream verbs(help.substr(help.find("Subcommands:")));
+  for (std::string line; std::getline(verbs, line);) {
+    if (!line.starts_with("  ") || line[2] == ' ') continue;
+    EXPECT_EQ(tried.count(line.substr(2, line.find(' ', 2) - 2)), 1U) << "not tried: " << line;
+  }
+
+  int stores = 0;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(home.path())) {
     std::ifstream file(entry.path());
     std::ostringstream content;
     content << file.rdbuf();
     if (content.str().find("ada-token") == std::string::npos) continue;
+    ++stores;
     EXPECT_EQ(std::filesystem::status(entry.path()).permissions(), std::filesystem::perms(0600))
         << entry.path();
     EXPECT_EQ(std::filesystem::status(entry.path().parent_path()).permissions(),
               std::filesystem::perms(0700));
   }
+  EXPECT_EQ(stores, 1) << "the token store and no other file";
   const auto listed = kzv({"--json", "accounts"});
   const std::string accountId(
       json::parse(listed.output.substr(0, listed.output.find('\n'))).at("id").as_string());
-  EXPECT_EQ(kzv({"unlink", accountId}).exitStatus, 0);
+  EXPECT_EQ(run({"unlink", accountId}), 0);
   EXPECT_EQ(kzv({"ls", "/"}).exitStatus, 3);
   EXPECT_EQ(kzv({"link", "--token-stdin"}, "ada-token").exitStatus, 1);  // revoked at the service
+}
+
+TEST_F(CommandsTest, ASecretServiceKeepsTheTokensWhereOneRuns) {
+  for (const std::string program : {"dbus-run-session", "gnome-keyring-daemon", "gdbus"}) {
+    if (ChildProcess::run({"/bin/sh", "-c", "command -v " + program}).exitStatus != 0) {
+      GTEST_SKIP() << "no " << program << " (apt-get install dbus gnome-keyring libglib2.0-bin)";
+    }
+  }
+  const TemporaryFolder person;  // whose keyring it is
+  auto variables = environment();
+  variables["KZV_TOKEN_STORE"] = "";
+  variables["KZV_APP_KEY"] = "own-key";
+  for (const char* name : {"HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR"}) variables[name] = person.path();
+  const std::string session = R"sh(
+    printf keyring | gnome-keyring-daemon --foreground --unlock --components=secrets >/dev/null 2>&1 &
+    daemon=$!
+    trap 'kill $daemon' EXIT
+    gdbus wait --session --timeout 20 org.freedesktop.secrets || exit 9
+    kept() {
+      gdbus call --session --dest org.freedesktop.secrets --object-path /org/freedesktop/secrets \
+        --method org.freedesktop.Secret.Service.SearchItems "{'application':'own-key'}" | grep -o "'/[^']*'" | wc -l
+    }
+    echo "ada-token" | "$1" link --token-stdin >/dev/null || exit 1
+    echo "kept $(kept)"
+    "$1" ls / >/dev/null && echo "another process finds it"
+    grep -rl ada-token "$KZV_HOME" "$HOME"
+    "$1" unlink Ada >/dev/null || exit 1
+    echo "kept $(kept)"
+    "$1" ls / 2>/dev/null || echo "status $?"
+  )sh";
+  const auto outcome = ChildProcess::run(
+      {"/usr/bin/env", "dbus-run-session", "--", "sh", "-c", session, "sh", KZV_PROGRAM}, variables);
+  EXPECT_EQ(outcome.output, "kept 1\nanother process finds it\nkept 0\nstatus 3\n") << outcome.errors;
 }
 
 TEST_F(CommandsTest, AnInterruptEndsAListingThatHangsAtOnce) {
