@@ -119,15 +119,23 @@ TEST_F(BrowserSignIn, TakesOnlyTheAnswerToItsOwnQuestion) {
 TEST_F(BrowserSignIn, WhatCannotSucceedAnyMoreEndsIt) {
   const auto serving = serveTokens();
   ASSERT_EQ(begin(), "sign-in begun");
+  const std::string address = redirect();
+  const auto port = address.substr(address.rfind(':') + 1);
+  ::setenv("KZV_SIGN_IN_PORT", port.substr(0, port.find('/')).c_str(), 1);
+  ASSERT_EQ(begin(), "sign-in begun");
+  EXPECT_EQ(redirect(), address) << "one that was given up has given its port back";
   EXPECT_EQ(visit(redirect() + "?error=access_denied&state=" + state()), 200);
   EXPECT_EQ(delegate.wait(2).back(), "answer came");
   EXPECT_EQ(loadAccessToken(), "error 403");
   EXPECT_FALSE(client->requestTokenLoaded());
   ASSERT_EQ(begin(), "sign-in begun");
+  EXPECT_EQ(redirect(), address);
   EXPECT_TRUE(client->useAuthorizationCode("bad"));
   EXPECT_EQ(loadAccessToken(), "error 400");
   EXPECT_FALSE(client->requestTokenLoaded());
   EXPECT_EQ(loadAccessToken(), "error 400") << "no sign-in is under way";
+  ASSERT_EQ(begin(), "sign-in begun");
+  EXPECT_EQ(redirect(), address);
 }
 
 TEST_F(BrowserSignIn, CodeCanBeTypedIn) {

@@ -477,6 +477,26 @@ TEST_F(LinkCommandTest, EndsAsThePersonAnswers) {
   }
 }
 
+TEST_F(LinkCommandTest, ATakenPortIsGoneRoundAndOneThatWasGivenUpIsFree) {
+  const auto redirectOf = [](ChildProcess& kzv) {
+    return decoded(field(kzv.readLine(30s).value_or(""), "redirect_uri"));
+  };
+  auto waiting = start({"link", "--no-browser"});
+  const std::string address = redirectOf(*waiting);
+  const auto port = address.substr(address.rfind(':') + 1);
+  ASSERT_NE(port, "") << address;
+  setenv("KZV_SIGN_IN_PORT", port.substr(0, port.find('/')).c_str(), 1);
+  for (const int end : {SIGINT, SIGTERM, SIGKILL}) {
+    SCOPED_TRACE(end);
+    EXPECT_EQ(redirectOf(*start({"link", "--no-browser"})), "") << "another waits: the page shows the code";
+    EXPECT_EQ(visit(address).status, 400);  // a connection that the end leaves behind
+    waiting->signal(end);
+    waiting->finish(50s);
+    waiting = start({"link", "--no-browser"});
+    EXPECT_EQ(redirectOf(*waiting), address);
+  }
+}
+
 TEST_F(LinkCommandTest, NeitherCodeNorTokenIsEverShown) {
   standIn.settings({{"approve", "auto"}, {"approve_as", "ada@example.com"}});
   const auto kzv = start({"--verbose", "link", "--no-browser"});
