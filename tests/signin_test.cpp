@@ -489,7 +489,8 @@ TEST_F(LinkCommandTest, ATakenPortIsGoneRoundAndOneThatWasGivenUpIsFree) {
   for (const int end : {SIGINT, SIGTERM, SIGKILL}) {
     SCOPED_TRACE(end);
     EXPECT_EQ(redirectOf(*start({"link", "--no-browser"})), "") << "another waits: the page shows the code";
-    EXPECT_EQ(visit(address).status, 400);  // a connection that the end leaves behind
+    // A connection that the end leaves behind.
+    EXPECT_EQ(visit("http://127.0.0.1:" + port).status, 400);
     waiting->signal(end);
     waiting->finish(50s);
     waiting = start({"link", "--no-browser"});
