@@ -433,6 +433,7 @@ class LinkCommandTest : public testing::Test, protected OwnHome {
 }  // namespace
 
 TEST_F(LinkCommandTest, EndsAsThePersonAnswers) {
+  enum class Code { asShown, usedBefore, tooLate };
   struct Case {
     const char* name;
     const char* approve;
@@ -441,10 +442,15 @@ TEST_F(LinkCommandTest, EndsAsThePersonAnswers) {
     int exitStatus;
     const char* output;
     const char* errors;
+    Code code = Code::asShown;
   };
+  const char* noLongerGood =
+      "kzv: link: Could not sign in: the authorization is no longer valid; sign in again.";
   const Case cases[] = {
       {"allowed", "auto", {"link", "--no-browser"}, 0, 0, "linked Ada (dbid:", ""},
       {"the code is typed in", "auto", {"link", "--type-code"}, 0, 0, "linked Ada (dbid:", ""},
+      {"the same code again", "auto", {"link", "--type-code"}, 0, 1, "", noLongerGood, Code::usedBefore},
+      {"typed in too late", "auto", {"link", "--type-code"}, 0, 1, "", noLongerGood, Code::tooLate},
       {"refused",
        "deny",
        {"link", "--no-browser"},
@@ -453,10 +459,12 @@ TEST_F(LinkCommandTest, EndsAsThePersonAnswers) {
        "",
        "kzv: link: Could not sign in: the sign-in was declined"},
       {"stopped", "page", {"link", "--no-browser"}, SIGINT, 130, "", "kzv: link: stopped"},
+      {"allowed at last", "auto", {"link", "--no-browser"}, 0, 0, "linked Ada (dbid:", ""},
   };
+  std::string code;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    standIn.settings({{"approve", c.approve}, {"approve_as", "ada@example.com"}});
+    standIn.settings({{"approve", c.approve}, {"approve_as", "ada@example.com"}, {"clock_offset_s", 0}});
     const auto kzv = start(c.arguments);
     const auto url = kzv->readLine(30s);
     ASSERT_TRUE(url);
@@ -464,10 +472,12 @@ TEST_F(LinkCommandTest, EndsAsThePersonAnswers) {
       kzv->signal(c.stop);
     } else {
       const std::string page = visit(*url).page;
-      const auto code = page.find("<code id=\"code\">");
-      if (code != std::string::npos) {
-        const auto first = code + std::string("<code id=\"code\">").size();
-        kzv->writeInput(page.substr(first, page.find('<', first) - first) + "\n");
+      const std::string mark = "<code id=\"code\">";
+      if (const auto at = page.find(mark); at != std::string::npos) {
+        const auto first = at + mark.size();
+        if (c.code != Code::usedBefore) code = page.substr(first, page.find('<', first) - first);
+        if (c.code == Code::tooLate) standIn.settings({{"clock_offset_s", 601}});
+        kzv->writeInput(code + "\n");
       }
     }
     const auto outcome = kzv->finish(50s);
