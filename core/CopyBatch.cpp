@@ -68,16 +68,17 @@ void CopyBatch::add(Task task, Order order) {
 
 bool CopyBatch::run(std::size_t threads, NSErrorRef* error) {
   std::vector<std::thread> helpers;
-  for (std::size_t i = 1; i < threads; ++i) {
+  working_ = threads;
+  for (std::size_t i = 0; i < threads; ++i) {
     helpers.emplace_back([this] {
       setCurrentThreadName("kzv-copy");
       work();
     });
   }
-  work();
+  askWhileRunning();
   for (auto& helper : helpers) helper.join();
   const std::lock_guard lock(mutex_);
-  if (isStoppedByUser_) firstFailure_ = std::make_shared<NSError>(std::string(CanceledByUserErrorDomain), -1);
+  if (isStoppedByUser_) firstFailure_ = stoppedByUser();
   if (firstFailure_) setError(error, firstFailure_);
   return !firstFailure_;
 }
@@ -87,7 +88,7 @@ void CopyBatch::work() {
   while (true) {
     // A running task may still find more, so an empty queue is the end only when none is running.
     changed_.wait(lock, [&] { return isStopped_ || !tasks_.empty() || active_ == 0; });
-    if (isStopped_ || tasks_.empty()) return;
+    if (isStopped_ || tasks_.empty()) break;
     const Task task = std::move(tasks_.front());
     tasks_.pop_front();
     ++active_;
@@ -95,6 +96,20 @@ void CopyBatch::work() {
     task();
     lock.lock();
     if (--active_ == 0 && tasks_.empty()) changed_.notify_all();
+  }
+  if (--working_ == 0) ended_.notify_one();
+}
+
+/// Somebody has to hear of a stop also while no byte moves: a folder is being listed, a service is silent.
+void CopyBatch::askWhileRunning() {
+  std::unique_lock lock(mutex_);
+  while (!ended_.wait_for(lock, stopInterval, [this] { return working_ == 0; })) {
+    lock.unlock();
+    {
+      const std::lock_guard observing(observersMutex_);
+      if (!isStopped()) reportTotal();
+    }
+    lock.lock();
   }
 }
 

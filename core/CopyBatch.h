@@ -13,6 +13,7 @@
 #include "core/FSItem.h"
 #include "core/KZVBatchId.h"
 #include "core/ProgressCallback.h"
+#include "core/StoppableCall.h"
 #include "foundation/NSError.h"
 
 /// So many files of a batch are under way at once, either way: enough to hide a service's answer times, few
@@ -62,12 +63,18 @@ class CopyBatch {
   /// Tasks that look for more work come before those that move bytes, so that the whole is known early.
   enum class Order { soon, inTurn };
   void add(Task task, Order order);
-  /// Runs all tasks, also those added meanwhile, with `threads` threads, the caller's among them. Blocks
-  /// until the last one is done, or those under way are after a stop. False when an item failed (`error`: the
+  /// Runs all tasks, also those added meanwhile, with `threads` threads beside the caller's, which asks the
+  /// observer of the whole every stopInterval whether to go on. Blocks until the last task is done, or those
+  /// under way are after a stop. False when an item failed (`error`: the
   /// first failure) or the batch was stopped (CanceledByUserErrorDomain, -1).
   bool run(std::size_t threads, NSErrorRef* error);
 
   bool isStopped() const noexcept { return isStopped_; }
+  /// Runs a call of a file system that knows no stop, from a task; see callUnlessStopped.
+  template <class Call>
+  auto unlessStopped(Call call, NSErrorRef* error) const {
+    return callUnlessStopped([this] { return !isStopped(); }, std::move(call), error);
+  }
 
   /// One file on its way.
   struct File {
@@ -93,6 +100,7 @@ class CopyBatch {
  private:
   enum class Stop { byUser, byFailure };
   void work();
+  void askWhileRunning();
   void stop(Stop reason);
   void finish(const CopiedItem& item);
   void tell(const CopiedItem& item);
@@ -108,11 +116,13 @@ class CopyBatch {
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  std::deque<Task> tasks_;        // guarded by mutex_
-  std::size_t active_ = 0;        // guarded by mutex_: tasks that are running
-  CopyCounts counts_;             // guarded by mutex_
-  bool isStoppedByUser_ = false;  // guarded by mutex_
-  NSErrorRef firstFailure_;       // guarded by mutex_
+  std::condition_variable ended_;  // with working_
+  std::deque<Task> tasks_;         // guarded by mutex_
+  std::size_t active_ = 0;         // guarded by mutex_: tasks that are running
+  std::size_t working_ = 0;        // guarded by mutex_: threads that have not ended
+  CopyCounts counts_;              // guarded by mutex_
+  bool isStoppedByUser_ = false;   // guarded by mutex_
+  NSErrorRef firstFailure_;        // guarded by mutex_
 };
 
 /// An error of a copy in NSPOSIXErrorDomain with a text of its own.

@@ -10,8 +10,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/KZVConstants.h"
 #include "core/KZVSupport.h"
+#include "core/StoppableCall.h"
 #include "foundation/Descriptor.h"
 #include "foundation/Paths.h"
 
@@ -73,8 +73,7 @@ int fill(int from, const std::string& temporary, const std::optional<NSDate::Tim
 }
 
 bool refuse(NSErrorRef* error, int reason, const std::string& path) {
-  setError(error, reason == ECANCELED ? std::make_shared<NSError>(std::string(CanceledByUserErrorDomain), -1)
-                                      : NSError::posix(reason, path));
+  setError(error, reason == ECANCELED ? stoppedByUser() : NSError::posix(reason, path));
   return false;
 }
 

@@ -28,8 +28,11 @@ int makeFolder(const std::string& path, bool mayBeLink) {
 }
 
 /// What the file system says of an item whose maker knew only its path.
-std::shared_ptr<FSItem> described(const std::shared_ptr<FSItem>& item, NSErrorRef* error) {
-  const auto attributes = item->fs() ? item->fs()->attributesAtPath(item->path(), error) : nullptr;
+std::shared_ptr<FSItem> described(const CopyBatch& batch, const std::shared_ptr<FSItem>& item,
+                                  NSErrorRef* error) {
+  if (!item->fs()) return nullptr;
+  const auto attributes = batch.unlessStopped(
+      [item](NSErrorRef* reason) { return item->fs()->attributesAtPath(item->path(), reason); }, error);
   if (!attributes) return nullptr;
   auto full = std::make_shared<FSItem>(item->path(), item->fs());
   const std::string* type = textOf(attributes->objectForKey(NSFileType));
@@ -59,7 +62,7 @@ void ReceivingBatch::addTop(const Item& item, const std::string& to) {
   batch_.add(
       [this, item, to] {
         NSErrorRef error;
-        const Item full = described(item, &error);
+        const Item full = described(batch_, item, &error);
         if (!full) {
           if (!error) error = copyError(ENOENT, "no such file or folder");
           batch_.finishFolder(item->path(), to, error);
@@ -99,7 +102,12 @@ void ReceivingBatch::addChildren(const FSItems& children, const std::string& fol
 void ReceivingBatch::copyFolder(const Item& item, const std::string& to, Link link) {
   NSErrorRef error;
   if (const int reason = makeFolder(to, link == Link::follow)) error = NSError::posix(reason, to);
-  auto children = error ? std::nullopt : item->fs()->contentAtPath(item->path(), false, true, &error);
+  std::optional<FSItems> children;
+  if (!error) {
+    children = batch_.unlessStopped(
+        [item](NSErrorRef* reason) { return item->fs()->contentAtPath(item->path(), false, true, reason); },
+        &error);
+  }
   if (!children && !error) error = copyError(ENOENT, "the folder has gone");
   if (children) addChildren(*children, to);
   batch_.finishFolder(item->path(), to, error);

@@ -49,12 +49,17 @@ void SendingBatch::sendFile(const CopyBatch::FileRef& file) {
 
 void SendingBatch::sendFolder(const std::string& from, const std::string& to) {
   NSErrorRef error;
-  // The root is always there, and no service makes it.
-  bool isThere = to == "/" || volume_->createDirectoryAtPath(to, nullptr, &error);
+  // The root is always there, and no service makes it. A stop leaves at most an empty folder.
+  bool isThere = batch_.unlessStopped(
+      [volume = volume_, to](NSErrorRef* reason) {
+        if (to != "/" && !volume->createDirectoryAtPath(to, nullptr, reason)) return false;
+        // A file system that has just been listed knows what each file replaces, and need not ask for every
+        // one of them.
+        volume->contentAtPath(to, false, true, nullptr);
+        return true;
+      },
+      &error);
   if (!isThere && !error) error = copyError(EIO, "the folder was not made");
-  // A file system that has just been listed knows what each file replaces, and need not ask for every one of
-  // them.
-  if (isThere) volume_->contentAtPath(to, false, true, nullptr);
   if (isThere) isThere = addChildren(from, to, &error);
   batch_.finishFolder(from, to, isThere ? nullptr : error);
 }

@@ -1,19 +1,45 @@
 #include "filemanager/KZVDropboxFileManager.h"
 
-#include "core/KZVConstants.h"
+#include "core/StoppableCall.h"
 #include "core/synced.h"
 #include "filemanager/RequestKeys.h"
 #include "foundation/Fatal.h"
 #include "foundation/NSCondition.h"
+#include "foundation/NSRunLoop.h"
 #include "support/AssociatedObjects.h"
 #include "support/KZVDropboxFSSupport.h"
 
 namespace {
 
-/// A progress callback as an object, so that it can hang on a client.
-struct BoxedProgress final : NSObject {
-  explicit BoxedProgress(ProgressCallback progress) : callback(std::move(progress)) {}
-  const ProgressCallback callback;
+/// The progress callback of one call as an object, so that it can hang on the call's client.
+class BoxedProgress final : public NSObject {
+ public:
+  explicit BoxedProgress(ProgressCallback progress) : callback_(std::move(progress)) {}
+
+  /// @param fraction  nothing: the same as the last time.
+  /// @return whether to go on. On the service thread.
+  bool tell(std::optional<double> fraction) {
+    const std::lock_guard lock(mutex_);
+    if (fraction) thousandths_ = static_cast<std::uint64_t>(*fraction * 1000.0);
+    if (!callback_ || callback_({thousandths_, 1000})) return true;
+    callback_ = nullptr;  // once is enough
+    return false;
+  }
+  /// The callback does not run any more: its owner returns to whoever gave it. Any thread; waits for one
+  /// under way.
+  void close() {
+    const std::lock_guard lock(mutex_);
+    callback_ = nullptr;
+  }
+  bool isClosed() {
+    const std::lock_guard lock(mutex_);
+    return !callback_;
+  }
+
+ private:
+  std::mutex mutex_;
+  ProgressCallback callback_;      // guarded by mutex_
+  std::uint64_t thousandths_ = 0;  // guarded by mutex_
 };
 
 std::shared_ptr<DBRestClient> newClient(const std::string& userId) {
@@ -116,9 +142,14 @@ id KZVDropboxFileManager::requestOnFreshClient(ProgressCallback progress,
                                                std::function<void(DBRestClient&)> request,
                                                NSErrorRef* error) {
   ClientRef client = prepare(nullptr);
-  setObj(*client, std::make_shared<BoxedProgress>(std::move(progress)), KZVDFMProgressKey());
-  start(client, std::move(request));
-  const id result = wait(*client, error);
+  const auto box = std::make_shared<BoxedProgress>(std::move(progress));
+  setObj(*client, box, KZVDFMProgressKey());
+  start(client, [request = std::move(request)](DBRestClient& started) {
+    request(started);
+    keepReporting(started.weak_from_this());
+  });
+  id result = wait(*client, error);
+  box->close();
   // The client ends where its callbacks run: one of them may still be on its way out, or, when the account
   // was unlinked meanwhile, yet to come.
   KZVDropboxFSSupport::performBlockInBackground([client = std::move(client)]() mutable { client.reset(); },
@@ -126,10 +157,20 @@ id KZVDropboxFileManager::requestOnFreshClient(ProgressCallback progress,
   return result;
 }
 
-void KZVDropboxFileManager::reportProgress(DBRestClient& client, double fraction) {
+void KZVDropboxFileManager::reportProgress(DBRestClient& client, std::optional<double> fraction) {
   const auto progress = as<BoxedProgress>(objForKey(client, KZVDFMProgressKey()));
-  if (!progress || !progress->callback) return;
-  if (progress->callback({static_cast<std::uint64_t>(fraction * 1000.0), 1000})) return;
+  if (!progress || progress->tell(fraction)) return;
   client.cancelAllRequests();
-  finish(client, nullptr, std::make_shared<NSError>(std::string(CanceledByUserErrorDomain), -1));
+  finish(client, nullptr, stoppedByUser());
+}
+
+void KZVDropboxFileManager::keepReporting(const std::weak_ptr<DBRestClient>& client) {
+  const auto report = [client](NSTimer& /*timer*/) {
+    const ClientRef running = client.lock();
+    const auto progress = running ? as<BoxedProgress>(objForKey(*running, KZVDFMProgressKey())) : nullptr;
+    if (!progress || progress->isClosed()) return;
+    reportProgress(*running, std::nullopt);
+    keepReporting(client);
+  };
+  dropboxThread()->runLoop()->addTimer(std::make_shared<NSTimer>(stopInterval, report, false));
 }

@@ -45,6 +45,9 @@ class KZVDropboxFileManager final : public NSObject,
   /// @param error  may be null; written only when the service reports a failure.
   /// @return the record (it may be marked deleted), or null. Blocks.
   MetadataRef metadata(const std::string& path, NSErrorRef* error = nullptr);
+  /// The same at the beginning of a transfer: `progress`, unless empty, is asked every stopInterval, with
+  /// nothing done yet, and its false ends the wait as in loadFile. The request then goes beside mainClient's.
+  MetadataRef metadata(const std::string& path, const ProgressCallback& progress, NSErrorRef* error);
 
   /// Brings metaCache up to date with the account's change feed, at most once in deltaUpdateInterval. The
   /// first run of a manager happens in the background; later ones block for their pages.
@@ -59,7 +62,8 @@ class KZVDropboxFileManager final : public NSObject,
   std::shared_ptr<DBAccountInfo> accountInfo(NSErrorRef* error = nullptr);
 
   /// Downloads a file to `local`, which is there only when it is whole.
-  /// @param progress  may be empty; runs on dropboxThread() with location 0..1000, length 1000; false stops.
+  /// @param progress  may be empty; runs on dropboxThread() with location 0..1000, length 1000, also every
+  ///                  stopInterval while nothing moves; false stops. Not called any more after the return.
   /// @return `local`, or null. A stop is CanceledByUserErrorDomain, code -1. Blocks.
   std::shared_ptr<NSURL> loadFile(const DBMetadata& file, std::shared_ptr<NSURL> local,
                                   ProgressCallback progress, NSErrorRef* error = nullptr);
@@ -70,7 +74,8 @@ class KZVDropboxFileManager final : public NSObject,
   /// it under another name.
   /// @param base      which version it may replace; the latest known one is asked for when the cache cannot
   ///                  tell.
-  /// @param progress  as for loadFile.
+  /// @param progress  as for loadFile, and on the calling thread before anything is sent. After a stop the
+  ///                  service may still store what it had received whole.
   /// @return the record once the service has stored the file, whose path says where; or null. Blocks.
   MetadataRef uploadFile(const NSURL& local, const std::string& toPath, const WriteBase& base,
                          ProgressCallback progress, NSErrorRef* error = nullptr);
@@ -155,19 +160,26 @@ class KZVDropboxFileManager final : public NSObject,
   /// The same on a client of its own, beside whatever mainClient does. `progress` may be empty.
   id requestOnFreshClient(ProgressCallback progress, std::function<void(DBRestClient&)> request,
                           NSErrorRef* error);
-  /// Tells the caller's progress callback; its false ends the request as stopped by the user.
-  static void reportProgress(DBRestClient& client, double fraction);
+  /// Tells the caller's progress callback (without a fraction: the last one again); its false ends the
+  /// request as stopped by the user.
+  static void reportProgress(DBRestClient& client, std::optional<double> fraction);
+  /// Repeats the last report every stopInterval until the request's caller has returned: a stop must be heard
+  /// also while no byte moves.
+  static void keepReporting(const std::weak_ptr<DBRestClient>& client);
 
   MetadataRef cachedRecord(const std::string& key) const;
-  MetadataRef fetchRecord(const std::string& path, const std::string& key, NSErrorRef* error);
-  void awaitFirstCursor();
+  /// Gets a request carried out and waits for its result.
+  using Carry = std::function<id(std::function<void(DBRestClient&)>)>;
+  MetadataRef fetchRecord(const std::string& path, const std::string& key, const Carry& carry);
+  /// False: stopped.
+  bool awaitFirstCursor(const ProgressCallback& progress);
 
   void runDelta(NSErrorRef* error);
   void runFirstDeltaInBackground();
   bool isDeltaRecent() const;
   /// Seconds between two delta runs, as the plug-in's start-up settled them.
   static double deltaInterval();
-  /// Makes the next delta run due at once: for calls that change the tree.
+  /// Makes the next delta run due at once, also when one is under way: for calls that change the tree.
   void clearLastDeltaDate();
   std::optional<std::string> deltaCursor() const;
   void noteDeltaRunCompleted(const std::string& cursor);
@@ -178,7 +190,8 @@ class KZVDropboxFileManager final : public NSObject,
   /// What the cache knows of `key`: its record, or an empty one when its folder's listing does not hold it;
   /// nothing when the cache cannot tell.
   std::optional<MetadataRef> knownRecord(const std::string& key) const;
-  std::optional<std::string> parentRevision(const std::string& path, const WriteBase& base, bool& isKnown,
+  std::optional<std::string> parentRevision(const std::string& path, const WriteBase& base,
+                                            const ProgressCallback& progress, bool& isKnown,
                                             NSErrorRef* error);
   void noteUploaded(const std::string& askedKey, const MetadataRef& record);
   /// Drops `path` with everything below it and the listing that holds it.
@@ -188,6 +201,7 @@ class KZVDropboxFileManager final : public NSObject,
   std::condition_variable firstRunEnded_;
   std::optional<std::string> lastDeltaCursor;  // guarded by deltaStateMutex_: of the last complete run
   std::optional<NSDate::Time>
-      lastDeltaDate;  // guarded by deltaStateMutex_: absent means run at the next chance
+      lastDeltaDate;                 // guarded by deltaStateMutex_: absent means run at the next chance
+  bool isDateClearedInRun_ = false;  // guarded by deltaStateMutex_: since the present run began
   std::atomic<bool> isFirstRunUnderWay_ = false;  // changed under deltaStateMutex_
 };

@@ -35,6 +35,10 @@ void KZVDropboxFileManager::runFirstDeltaInBackground() {
 void KZVDropboxFileManager::runDelta(NSErrorRef* error) {
   synced(*deltaClient, [&] {
     if (isDeltaRecent()) return;
+    {
+      const std::lock_guard lock(deltaStateMutex_);
+      isDateClearedInRun_ = false;
+    }
     const ClientRef client = prepare(deltaClient);
     start(client, [cursor = deltaCursor()](DBRestClient& delta) { delta.loadDelta(cursor); });
     wait(*client, error);
@@ -51,11 +55,12 @@ bool KZVDropboxFileManager::isDeltaRecent() const {
   return age.count() < deltaInterval();
 }
 
+// Does not wait for a run that is under way, since the beginning of a transfer could not be stopped then; the
+// run leaves the date alone when it ends.
 void KZVDropboxFileManager::clearLastDeltaDate() {
-  synced(*deltaClient, [&] {  // a run under way would set the date again when it ends
-    const std::lock_guard lock(deltaStateMutex_);
-    lastDeltaDate.reset();
-  });
+  const std::lock_guard lock(deltaStateMutex_);
+  lastDeltaDate.reset();
+  isDateClearedInRun_ = true;
 }
 
 std::optional<std::string> KZVDropboxFileManager::deltaCursor() const {
@@ -66,7 +71,7 @@ std::optional<std::string> KZVDropboxFileManager::deltaCursor() const {
 void KZVDropboxFileManager::noteDeltaRunCompleted(const std::string& cursor) {
   const std::lock_guard lock(deltaStateMutex_);
   lastDeltaCursor = cursor;
-  lastDeltaDate = std::chrono::system_clock::now();
+  if (!isDateClearedInRun_) lastDeltaDate = std::chrono::system_clock::now();
 }
 
 void KZVDropboxFileManager::loadedDeltaEntries(DBRestClient& client, const std::vector<DBDeltaEntry>& entries,

@@ -23,29 +23,29 @@ constexpr auto firstCursorPatience = 2s;
 
 KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::metadata(const std::string& path,
                                                                    NSErrorRef* error) {
-  const std::string wanted = withoutTrailingDotDot(path);
-  const std::string key = MetadataCache::keyOf(wanted);
-  awaitFirstCursor();
-  if (auto record = cachedRecord(key)) return record;
-  return fetchRecord(wanted, key, error);
+  return metadata(path, nullptr, error);
 }
 
 KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::metadata(const std::string& path,
                                                                    const ProgressCallback& progress,
                                                                    NSErrorRef* error) {
-  if (!progress) return metadata(path, error);
-  if (!isFirstRunUnderWay_) {
-    if (auto record = cachedRecord(MetadataCache::keyOf(withoutTrailingDotDot(path)))) return record;
+  const std::string wanted = withoutTrailingDotDot(path);
+  const std::string key = MetadataCache::keyOf(wanted);
+  if (!awaitFirstCursor(progress)) {
+    setError(error, stoppedByUser());
+    return nullptr;
   }
-  auto answer = callUnlessStopped([&] { return progress({0, 1000}); },
-                                  [self = shared_from_this(), path] {
-                                    NSErrorRef reason;
-                                    auto record = self->metadata(path, &reason);
-                                    return std::pair(std::move(record), std::move(reason));
-                                  });
-  if (!answer) answer.emplace(nullptr, stoppedByUser());
-  if (answer->second) setError(error, std::move(answer->second));
-  return std::move(answer->first);
+  if (auto record = cachedRecord(key)) return record;
+  // What can be stopped must not queue up behind what cannot.
+  if (progress) {
+    return fetchRecord(
+        wanted, key, [&](auto request) { return requestOnFreshClient(progress, std::move(request), error); });
+  }
+  return synced(*mainClient, [&]() -> MetadataRef {
+    if (auto record = cachedRecord(key)) return record;  // another caller fetched it while this one queued up
+    return fetchRecord(wanted, key,
+                       [&](auto request) { return requestOnMainClient(std::move(request), error); });
+  });
 }
 
 KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::cachedRecord(const std::string& key) const {
@@ -57,30 +57,32 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::cachedRecord(const std
 
 KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::fetchRecord(const std::string& path,
                                                                       const std::string& key,
-                                                                      NSErrorRef* error) {
-  return synced(*mainClient, [&]() -> MetadataRef {
-    if (auto record = cachedRecord(key)) return record;  // another caller fetched it while this one queued up
-    const auto fetch = synced(*metaCache, [&] { return metaCache->beginFetch(key); });
-    const auto known = knownRecord(key);  // a parent's listing tells where there is no folder
-    const bool isNoFolder = known && !(*known && (*known)->isDirectory());
-    const auto expected = isNoFolder ? DBRestClient::Expect::noFolder : DBRestClient::Expect::anything;
-    const id result = requestOnMainClient(
-        [path, expected](DBRestClient& client) { client.loadMetadata(path, expected); }, error);
-    MetadataRef record = as<DBMetadata>(result);
-    synced(*metaCache, [&] {
-      const bool isCurrent = metaCache->endFetch(fetch);
-      if (record && isCurrent) metaCache->store(MetadataCache::keyOf(*record), record);
-    });
-    return record;
+                                                                      const Carry& carry) {
+  const auto fetch = synced(*metaCache, [&] { return metaCache->beginFetch(key); });
+  const auto known = knownRecord(key);  // a parent's listing tells where there is no folder
+  const bool isNoFolder = known && !(*known && (*known)->isDirectory());
+  const auto expected = isNoFolder ? DBRestClient::Expect::noFolder : DBRestClient::Expect::anything;
+  const id result = carry([path, expected](DBRestClient& client) { client.loadMetadata(path, expected); });
+  MetadataRef record = as<DBMetadata>(result);
+  synced(*metaCache, [&] {
+    const bool isCurrent = metaCache->endFetch(fetch);
+    if (record && isCurrent) metaCache->store(MetadataCache::keyOf(*record), record);
   });
+  return record;
 }
 
 // The first cursor drops what was fetched before it, since a change between the two would never be told. A
 // fetch that leaves after the cursor has come may be kept: so the very first one lets the cursor go ahead.
-void KZVDropboxFileManager::awaitFirstCursor() {
-  if (!isFirstRunUnderWay_) return;
-  std::unique_lock lock(deltaStateMutex_);
-  firstRunEnded_.wait_for(lock, firstCursorPatience, [&] { return !isFirstRunUnderWay_; });
+bool KZVDropboxFileManager::awaitFirstCursor(const ProgressCallback& progress) {
+  const auto deadline = std::chrono::steady_clock::now() + firstCursorPatience;
+  while (isFirstRunUnderWay_ && std::chrono::steady_clock::now() < deadline) {
+    {
+      std::unique_lock lock(deltaStateMutex_);
+      firstRunEnded_.wait_for(lock, stopInterval, [&] { return !isFirstRunUnderWay_; });
+    }
+    if (isFirstRunUnderWay_ && progress && !progress({0, 1000})) return false;
+  }
+  return true;
 }
 
 void KZVDropboxFileManager::loadedMetadata(DBRestClient& client, const MetadataRef& metadata) {

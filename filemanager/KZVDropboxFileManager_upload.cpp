@@ -59,7 +59,7 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::uploadFile(const NSURL
                                                                      NSErrorRef* error) {
   clearLastDeltaDate();
   bool isKnown = false;
-  const auto parentRev = parentRevision(toPath, base, isKnown, error);
+  const auto parentRev = parentRevision(toPath, base, progress, isKnown, error);
   if (!isKnown) return nullptr;
   const std::string localPath = local.path();
   const auto sizeBytes = NSFileManager::defaultManager().fileSize(localPath, error);
@@ -75,15 +75,22 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::uploadFile(const NSURL
     client.uploadFileChunk(std::nullopt, 0, localPath);
   };
   MetadataRef record = as<DBMetadata>(requestOnFreshClient(std::move(progress), request, error));
-  if (record) noteUploaded(MetadataCache::keyOf(toPath), record);
+  if (record) {
+    noteUploaded(MetadataCache::keyOf(toPath), record);
+  } else {
+    // The service may have stored it all the same, and only its answer was lost or not waited for.
+    clearLastDeltaDate();
+    forget(toPath);
+  }
   return record;
 }
 
 /// The revision that an upload to `path` replaces, or nothing for a new file. `isKnown` turns false, with the
 /// error, when the service could not say: sending anyway might leave the user with a second copy.
 std::optional<std::string> KZVDropboxFileManager::parentRevision(const std::string& path,
-                                                                 const WriteBase& base, bool& isKnown,
-                                                                 NSErrorRef* error) {
+                                                                 const WriteBase& base,
+                                                                 const ProgressCallback& progress,
+                                                                 bool& isKnown, NSErrorRef* error) {
   constexpr std::int64_t notFound = 404;
   isKnown = true;
   if (base.kind == WriteBase::Kind::nothing) return std::nullopt;
@@ -93,7 +100,7 @@ std::optional<std::string> KZVDropboxFileManager::parentRevision(const std::stri
     record = *known;
   } else {
     NSErrorRef reason;
-    record = metadata(path, &reason);
+    record = metadata(path, progress, &reason);
     if (reason && reason->code() != notFound) {
       isKnown = false;
       setError(error, reason);

@@ -3,6 +3,7 @@
 #include "core/KZVCoreObj.h"
 #include "core/KZVLocalFS.h"
 #include "core/KZVSupport.h"
+#include "core/StoppableCall.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/Paths.h"
 #include "foundation/Unicode.h"
@@ -33,7 +34,12 @@ std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, Pro
                                                     NSErrorRef* error) {
   const std::string key = lowercased(path);
   if (auto held = cache().urlForKey(key)) return held;
-  const KeyedGate::Pass pass(copiesBeingMade_, key);  // two copies of one item would remove each other's file
+  // Two copies of one item would remove each other's file.
+  const KeyedGate::Pass pass(copiesBeingMade_, key, [&] { return !progress || progress({0, 1000}); });
+  if (!pass.isHeld()) {
+    setError(error, stoppedByUser());
+    return nullptr;
+  }
   if (auto held = cache().urlForKey(key)) return held;
   NSErrorRef reason;
   auto copy = makeLocalCopy(path, key, std::move(progress), &reason);
@@ -46,11 +52,11 @@ std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, Pro
 
 std::shared_ptr<NSURL> KZVDropboxFS::makeLocalCopy(const std::string& path, const std::string& key,
                                                    ProgressCallback progress, NSErrorRef* error) {
-  const auto record = requiredManager().metadata(path, error);
+  const auto record = requiredManager().metadata(path, progress, error);
   if (!record || record->isDeleted()) return nullptr;
   const std::string folder = requiredTemporaryFolder(error);
   if (folder.empty()) return nullptr;
-  auto copy = record->isDirectory() ? copyFolder(path, folder, std::move(progress), error)
+  auto copy = record->isDirectory() ? copyFolder(path, folder, progress, error)
                                     : copyFile(*record, path, folder, std::move(progress), error);
   if (copy) cache().setUrl(copy, key);
   return copy;
@@ -73,14 +79,14 @@ std::shared_ptr<NSURL> KZVDropboxFS::copyFile(const DBMetadata& record, const st
 }
 
 std::shared_ptr<NSURL> KZVDropboxFS::copyFolder(const std::string& path, const std::string& folder,
-                                                ProgressCallback progress, NSErrorRef* error) {
+                                                const ProgressCallback& progress, NSErrorRef* error) {
   const std::string localFolder = appendingPathComponent(folder, KZVSupport::uniquePathComponent());
   const std::string destination = appendingPathComponent(localFolder, lastPathComponent(path));
   const auto batch = std::make_shared<KZVBatchId>();
   auto item = std::make_shared<FSItem>(path, shared_from_this());
   item->setIsDirectory(true);
-  if (KZVLocalFS::shared().writeFiles(*batch, {std::move(item)}, destination, nullptr, std::move(progress),
-                                      nullptr, error)) {
+  if (KZVLocalFS::shared().writeFiles(*batch, {std::move(item)}, destination, nullptr, progress, nullptr,
+                                      error)) {
     return NSURL::fileURLWithPath(destination);
   }
   NSFileManager::defaultManager().removeItemAtPath(localFolder);

@@ -159,7 +159,7 @@ class KZVDropboxFS final : public FSPlugin {
   std::shared_ptr<NSURL> copyFile(const DBMetadata& record, const std::string& path,
                                   const std::string& folder, ProgressCallback progress, NSErrorRef* error);
   std::shared_ptr<NSURL> copyFolder(const std::string& path, const std::string& folder,
-                                    ProgressCallback progress, NSErrorRef* error);
+                                    const ProgressCallback& progress, NSErrorRef* error);
   std::string requiredTemporaryFolder(NSErrorRef* error);
   static NSErrorRef temporaryFileError();
   std::shared_ptr<NSURL> fetchPreview(const std::string& path, NSErrorRef* error);

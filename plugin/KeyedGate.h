@@ -1,22 +1,32 @@
 #pragma once
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
 
+#include "core/StoppableCall.h"
+
 /// Lets one thread at a time through for each key. Any thread; waits without a time limit.
 class KeyedGate {
  public:
-  /// Holds the key for as long as it lives.
+  /// Holds the key for as long as it lives, if it got it.
   class Pass {
    public:
-    Pass(KeyedGate& gate, std::string key) : gate_(gate), key_(std::move(key)) {
+    /// @param goesOn  asked every stopInterval while another one holds the key; its false ends the wait.
+    Pass(KeyedGate& gate, std::string key, const std::function<bool()>& goesOn)
+        : gate_(gate), key_(std::move(key)) {
       std::unique_lock lock(gate_.mutex_);
-      gate_.freed_.wait(lock, [&] { return gate_.held_.insert(key_).second; });
+      while (!gate_.freed_.wait_for(lock, stopInterval, [this] { return take(); })) {
+        lock.unlock();  // the caller's code runs without it
+        if (!goesOn()) return;
+        lock.lock();
+      }
     }
     Pass(const Pass&) = delete;
     Pass& operator=(const Pass&) = delete;
     ~Pass() {
+      if (!isHeld_) return;
       {
         const std::lock_guard lock(gate_.mutex_);
         gate_.held_.erase(key_);
@@ -24,9 +34,14 @@ class KeyedGate {
       gate_.freed_.notify_all();
     }
 
+    bool isHeld() const noexcept { return isHeld_; }
+
    private:
+    bool take() { return isHeld_ = gate_.held_.insert(key_).second; }
+
     KeyedGate& gate_;
     const std::string key_;
+    bool isHeld_ = false;
   };
 
  private:

@@ -110,7 +110,9 @@ void DBRestClient::Impl::cancelAll() {
     const std::lock_guard lock(mutex_);
     operations = underWay_;
   }
-  for (const OperationRef& operation : operations) end(*operation);
+  for (const OperationRef& operation : operations) {
+    if (end(*operation) && operation->afterCancel) operation->afterCancel();
+  }
 }
 
 void DBRestClient::Impl::reportLostAuthorization(std::uint64_t linking) {

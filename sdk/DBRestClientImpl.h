@@ -19,6 +19,7 @@ struct Operation {
   std::shared_ptr<NSRunLoop> runLoop;
   std::atomic<bool> cancelled{false};
   std::vector<std::shared_ptr<ServiceCall>> calls;  // guarded by the client's mutex
+  std::function<void()> afterCancel{};              // set before the first step; runs where it is cancelled
 };
 
 /// What the operations of a client share. Requests under way hold it, so it may outlive the client; then no

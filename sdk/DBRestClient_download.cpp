@@ -46,6 +46,9 @@ class Download : public std::enable_shared_from_this<Download> {
     auto request = makeRequest();
     if (!request) return failLater(requestError(400, "there is no preview of this size", about_));
     sink_ = std::make_shared<FileSink>(intoPath_, progress());
+    operation_->afterCancel = [weak = std::weak_ptr(sink_)] {  // its file may be about to get its name
+      if (const auto sink = weak.lock()) sink->withdraw();
+    };
     request->style = ServiceRequest::Style::contentDownload;
     request->sink = sink_;
     client_->send(operation_, std::move(*request),

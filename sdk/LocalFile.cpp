@@ -124,13 +124,27 @@ bool FileSink::write(std::string_view bytes) {
 bool FileSink::keep(NSErrorRef* error) {
   const bool isDurable = descriptor_ >= 0 && ::fsync(descriptor_) == 0;
   const bool isClosed = descriptor_ >= 0 && ::close(std::exchange(descriptor_, -1)) == 0;
-  if (!isDurable || !isClosed || ::rename(temporary_.c_str(), target_.c_str()) != 0) {
+  if (!isDurable || !isClosed || !takeName()) {
     setError(error, NSError::posix(errno, target_));
     return false;
   }
   temporary_.clear();
   syncFolder(deletingLastPathComponent(target_));
   return true;
+}
+
+/// False with errno.
+bool FileSink::takeName() {
+  const std::lock_guard lock(mutex_);
+  if (isWithdrawn_) errno = ECANCELED;
+  isNamed_ = !isWithdrawn_ && ::rename(temporary_.c_str(), target_.c_str()) == 0;
+  return isNamed_;
+}
+
+void FileSink::withdraw() {
+  const std::lock_guard lock(mutex_);
+  isWithdrawn_ = true;
+  if (isNamed_) ::unlink(target_.c_str());
 }
 
 FileSource::FileSource(std::string path, int descriptor) : path_(std::move(path)), descriptor_(descriptor) {}

@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -37,8 +38,11 @@ class FileSink final : public BodySink {
   /// Makes the file durable and gives it its name, replacing what was there. Blocks for the disk; call after
   /// the transfer has ended.
   bool keep(NSErrorRef* error);
+  /// The file is not wanted any more: keep(), which may be under way, leaves none. Any thread.
+  void withdraw();
 
  private:
+  bool takeName();
   bool open();
   bool fail(int errnoValue);
 
@@ -50,6 +54,10 @@ class FileSink final : public BodySink {
   std::int64_t receivedBytes_ = 0;
   ContentHash hash_;
   NSErrorRef failure_;
+
+  std::mutex mutex_;
+  bool isNamed_ = false;      // guarded by mutex_
+  bool isWithdrawn_ = false;  // guarded by mutex_
 };
 
 /// Sends a section of a regular file.

@@ -2,7 +2,11 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <future>
 #include <sstream>
+#include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -10,6 +14,7 @@
 #include <unistd.h>
 
 #include "core/KZVConstants.h"
+#include "core/KZVLocalFS.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
@@ -84,12 +89,12 @@ class TransferTest : public PluginTest {
     return names;
   }
   /// Files below the plug-in's temporary folder.
-  int filesKept() const {
+  int filesKept() const { return ada->tmpFolderUrl() ? filesBelow(ada->tmpFolderUrl()->path()) : 0; }
+  static int filesBelow(const std::string& folder) {
     int count = 0;
-    if (!ada->tmpFolderUrl()) return 0;
-    for (const auto& entry : fs::recursive_directory_iterator(ada->tmpFolderUrl()->path())) {
+    if (!fs::exists(folder)) return 0;
+    for (const auto& entry : fs::recursive_directory_iterator(folder))
       count += entry.is_regular_file() ? 1 : 0;
-    }
     return count;
   }
   /// Whether soon (a stopped transfer's file goes on the network thread) just so many files are kept.
@@ -99,13 +104,21 @@ class TransferTest : public PluginTest {
     return filesKept() == expected;
   }
 
+  /// Waits until the faults have been carried out so often.
+  void reachHits(int count) {
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    int hits = 0;
+    while ((hits = standIn.faultHits()) < count && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::yield();
+    EXPECT_GE(hits, count);
+  }
+
   TemporaryFolder local;
 };
 
 }  // namespace
 
 TEST_F(TransferTest, RoundTripsAreByteForByte) {
-  const std::uint64_t chunk = DBRestClient::uploadChunkSizeBytes();
   struct Case {
     const char* name;
     std::uint64_t sizeBytes;
@@ -118,7 +131,6 @@ TEST_F(TransferTest, RoundTripsAreByteForByte) {
       {"hash block -1", 4'194'303, "/Mixed Case/Ünï.bin"},
       {"hash block", 4'194'304, "/hash block"},
       {"hash block +1", 4'194'305, "/deco\xCC\x88mposed.bin"},
-      {"chunk +1", chunk + 1, "/chunk"},
       {"255 bytes of name", 7, longName.c_str()},
   };
   for (const Case& c : cases) {
@@ -128,16 +140,30 @@ TEST_F(TransferTest, RoundTripsAreByteForByte) {
 }
 
 TEST_F(TransferTest, OneRequestBelow100MebibytesChunksFromThere) {
-  standIn.forgetRequests();
-  expectRoundTrip(makeSparseFile("below", 104'857'599), "/below");
-  auto requests = standIn.requests();
-  EXPECT_EQ(requests["files/upload"], 1);
-  EXPECT_EQ(requests["files/upload_session/start"], 0);
-  expectRoundTrip(makeSparseFile("border", 104'857'600), "/border");
-  requests = standIn.requests();
-  EXPECT_EQ(requests["files/upload"], 0);
-  EXPECT_EQ(requests["files/upload_session/start"], 1);
-  EXPECT_EQ(requests["files/upload_session/finish"], 1);
+  const std::uint64_t chunk = DBRestClient::uploadChunkSizeBytes();
+  ASSERT_EQ(chunk, 16U * 1024 * 1024) << "the numbers of chunks below are for this size";
+  struct Case {
+    const char* name;
+    std::uint64_t sizeBytes;
+    int appended;  // chunks after the first; negative: a single request
+  };
+  const Case cases[] = {
+      {"below the border", 104'857'599, -1}, {"at the border", 104'857'600, 6},
+      {"chunk -1", 7 * chunk - 1, 6},        {"whole chunks", 7 * chunk, 6},
+      {"chunk +1", 7 * chunk + 1, 7},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const bool isChunked = c.appended >= 0;
+    const auto file = makeSparseFile("large", c.sizeBytes);
+    standIn.forgetRequests();
+    expectRoundTrip(file, std::string("/") + c.name);
+    auto requests = standIn.requests();
+    EXPECT_EQ(requests["files/upload"], isChunked ? 0 : 1);
+    EXPECT_EQ(requests["files/upload_session/start"], isChunked ? 1 : 0);
+    EXPECT_EQ(requests["files/upload_session/append_v2"], std::max(c.appended, 0));
+    EXPECT_EQ(requests["files/upload_session/finish"], isChunked ? 1 : 0);
+  }
 }
 
 TEST_F(TransferTest, FiveFailedChunksAreSurvivedAndTheSixthEndsIt) {
@@ -161,83 +187,236 @@ TEST_F(TransferTest, FiveFailedChunksAreSurvivedAndTheSixthEndsIt) {
   EXPECT_EQ(names("/"), std::vector<std::string>());
 }
 
-TEST_F(TransferTest, AFailedTransferLeavesNothingHalfAndTheNextOneWorks) {
-  standIn.write("/down.txt", std::string(300'000, 'd'));
-  settle(*ada);
+namespace {
+
+struct Operation {
+  const char* name;
+  const char* route;
+  std::uint64_t sizeBytes;  // of the upload; 0: a download
+};
+
+class FailedTransferTest : public TransferTest, public testing::WithParamInterface<Operation> {};
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Of, FailedTransferTest,
+                         testing::Values(Operation{"upload", "files/upload", 300'000},
+                                         Operation{"chunk", "files/upload_session/append_v2", 104'857'600},
+                                         Operation{"commit", "files/upload_session/finish", 104'857'600},
+                                         Operation{"download", "files/download", 0}),
+                         [](const auto& operation) { return operation.param.name; });
+
+TEST_P(FailedTransferTest, LeavesNothingHalfAndTheNextOneWorks) {
+  const Operation& operation = GetParam();
+  const bool isUpload = operation.sizeBytes > 0;
+  const std::string downloaded(300'000, 'd');
+  standIn.write("/down.txt", downloaded);
+  const auto small = makeFile("up", 300'000);
+  const auto file = isUpload ? makeFile("sent", operation.sizeBytes) : nullptr;
+  const auto unlink = [&] { KZVDropboxFS::unlinkDBUser(*ada->userId()); };
+  using Object = boost::json::object;
+  constexpr std::uint64_t never = 2000;
   struct Case {
     const char* name;
-    boost::json::object fault;
-    bool uploadFails;
-    bool downloadFails;
+    Object fault;
+    std::string_view fails;  // the operations that it ends
+    std::uint64_t stopAt = never;
+    std::function<void()> meanwhile{};
   };
+  constexpr std::string_view all = "upload chunk commit download";
+  const Object contention{
+      {"error", {{"reason", {{".tag", "too_many_write_operations"}}}, {"retry_after", 1}}},
+      {"error_summary", "too_many_write_operations/"}};
   const Case cases[] = {
-      {"cut at the start", {{"times", 20}, {"cut_request_after", 0}}, true, true},
-      {"cut in the middle of the answer", {{"times", 20}, {"cut_response_after", 1000}}, false, true},
-      {"500", {{"times", 20}, {"status", 500}}, true, true},
-      {"503, told when to come back", {{"times", 1}, {"status", 503}, {"retry_after", 1}}, false, false},
+      {"cut at the start", {{"times", 20}, {"cut_request_after", 0}}, all},
+      {"cut in the middle of what is sent", {{"times", 20}, {"cut_request_after", 100'000}}, "upload chunk"},
+      {"cut in the middle of the answer", {{"times", 20}, {"cut_response_after", 30}}, "upload download"},
+      {"the answer lost", {{"times", 1}, {"drop_answer", true}}, ""},
+      {"every answer lost", {{"times", 20}, {"drop_answer", true}}, "upload chunk download"},
+      {"429", {{"times", 1}, {"status", 429}, {"retry_after", 0}}, ""},
       {"429 because of another writer",
-       {{"times", 1},
-        {"status", 429},
-        {"retry_after", 1},
-        {"body",
-         R"({"error":{"reason":{".tag":"too_many_write_operations"},"retry_after":1},"error_summary":"too_many_write_operations/"})"}},
-       false,
-       false},
-      {"a wrong byte", {{"times", 20}, {"corrupt", true}}, true, true},
+       {{"times", 1}, {"status", 429}, {"retry_after", 0}, {"body", contention}},
+       ""},
+      {"500", {{"times", 20}, {"status", 500}}, all},
+      {"503", {{"times", 20}, {"status", 503}}, all},
+      {"503, told when to come back", {{"times", 1}, {"status", 503}, {"retry_after", 0}}, ""},
+      {"wrong bytes", {{"times", 20}, {"corrupt", true}}, "upload chunk download"},
+      {"stop at once", {}, all, 0},
+      {"stop in the middle", {}, all, 400},
+      {"stop at the end", {}, all, 1000},
+      {"unlinked meanwhile", {{"delay_ms", 200}}, "chunk", never, unlink},
   };
-  const auto file = makeFile("up", 300'000);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    if (c.meanwhile) standIn.fault({{"route", "auth/token/revoke"}, {"status", 400}});
     auto fault = c.fault;
-    fault["route"] = "files/download";
-    standIn.fault(fault);
+    fault["route"] = operation.route;
+    if (!c.fault.empty()) standIn.fault(fault);
     NSErrorRef error;
-    const auto copy = get("/down.txt", &error);
-    EXPECT_EQ(copy == nullptr, c.downloadFails);
-    EXPECT_EQ(error != nullptr, c.downloadFails);
-    EXPECT_GE(standIn.faultHits(), 1);
-    EXPECT_TRUE(keepsSoon(c.downloadFails ? 0 : 1));
-    if (copy) ada->releaseFileUrl(*copy);
+    const auto progress = [&](NSRange range) { return range.location < c.stopAt; };
+    auto transfer = std::async(std::launch::async, [&] {
+      if (isUpload) return put(file, "/up.bin", &error, progress);
+      const auto copy = get("/down.txt", &error, progress);
+      if (copy) ada->releaseFileUrl(*copy);
+      return copy != nullptr;
+    });
+    if (c.meanwhile) {
+      reachHits(1);
+      c.meanwhile();
+      reachHits(2);  // the token stays as it was, for the next linking
+    }
+    const bool isDone = transfer.get();
+    const bool fails = c.fails.find(operation.name) != std::string_view::npos;
+    EXPECT_EQ(isDone, !fails) << (error ? error->description() : "no error");
+    EXPECT_EQ(error == nullptr, isDone);
+    EXPECT_EQ(error && error->domain() == CanceledByUserErrorDomain, c.stopAt != never);
+    if (c.meanwhile) ada = open("ada-token");
     ada->cache().invalidate("/down.txt");
+    EXPECT_TRUE(keepsSoon(0));
     standIn.clearFaults();
-    const auto again = get("/down.txt");
-    ASSERT_NE(again, nullptr);
-    ada->releaseFileUrl(*again);
-    ada->cache().invalidate("/down.txt");
 
-    fault["route"] = "files/upload";
-    standIn.fault(fault);
-    error = nullptr;
-    put(file, "/up.bin", &error);
-    standIn.clearFaults();
-    const auto stored = error ? nullptr : get("/up.bin");
-    EXPECT_TRUE(error || (stored && sameBytes(stored->path(), file->path())));
-    if (stored) ada->releaseFileUrl(*stored);
-    const auto listed = names("/");
-    EXPECT_LE(listed.size(), 2U);  // whole or not there, and never a second copy
-    ada->removeItemAtPath("/up.bin", nullptr);
+    const auto tree = standIn.tree();
+    EXPECT_EQ(tree.at("/down.txt"), static_cast<std::int64_t>(downloaded.size()));
+    const auto stored = tree.find("/up.bin");
+    const bool isThere = stored != tree.end();
+    EXPECT_TRUE(isThere || !isUpload || fails);
+    EXPECT_TRUE(!isThere || std::cmp_equal(stored->second, operation.sizeBytes)) << "half a file";
+    EXPECT_EQ(tree.size(), isThere ? 2U : 1U) << "a copy beside it";
+
+    EXPECT_TRUE(!isUpload || put(small, "/up.bin"));
+    const auto copy = get(isUpload ? "/up.bin" : "/down.txt", &error);
+    ASSERT_NE(copy, nullptr) << error->description();
+    EXPECT_TRUE(!isUpload || sameBytes(copy->path(), small->path()));
+    EXPECT_EQ(standIn.tree().size(), isUpload ? 2U : 1U) << "the next one was stored beside the first";
+    ada->releaseFileUrl(*copy);
     ada->cache().invalidate("/up.bin");
+    ada->cache().invalidate("/down.txt");
+    if (isUpload) ada->removeItemAtPath("/up.bin", nullptr);
   }
 }
 
-TEST_F(TransferTest, TheProgressCallbackStopsATransferAtOnceWhereverItIs) {
-  standIn.write("/down.txt", std::string(3'000'000, 'd'));
-  const auto file = makeFile("up", 3'000'000);
-  for (const std::uint64_t stopAt : {0U, 400U, 1000U}) {
-    SCOPED_TRACE(stopAt);
-    const auto progress = [stopAt](NSRange range) { return range.location < stopAt; };
+TEST_F(TransferTest, AStopIsAnsweredAtOnceAtAnyMoment) {
+  standIn.write("/Docs/down.txt", std::string(3'000'000, 'd'));
+  standIn.write("/Docs/Sub/deep.txt", "deep");
+  const auto small = makeFile("up", 3'000'000);
+  const auto large = makeSparseFile("large", 104'857'600);
+  const auto download = [&](const ProgressCallback& progress, NSErrorRef* error) {
+    const auto copy = ada->requestFileUrl("/Docs/down.txt", progress, error);
+    if (copy) ada->releaseFileUrl(*copy);
+    return copy != nullptr;
+  };
+  const auto folder = [&](const ProgressCallback& progress, NSErrorRef* error) {
+    return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/Docs", ada)},
+                                           localPath("copy"), nullptr, progress, nullptr, error);
+  };
+  const auto upload = [&](const ProgressCallback& progress, NSErrorRef* error) {
+    return ada->writeFile(*small, "/up.bin", progress, error);
+  };
+  const auto largeUpload = [&](const ProgressCallback& progress, NSErrorRef* error) {
+    return ada->writeFile(*large, "/up.bin", progress, error);
+  };
+  using Call = std::function<bool(const ProgressCallback&, NSErrorRef*)>;
+  struct Case {
+    const char* name;
+    Call call;
+    const char* route;
+    boost::json::object fault;
+    Call other{};  // under way before, and what the call waits for
+  };
+  using Object = boost::json::object;
+  const Object silence{{"delay_ms", 20'000}};
+  const Object aWhile{{"delay_ms", 2000}};
+  const Object pause{{"status", 503}, {"retry_after", 60}};
+  const Case cases[] = {
+      {"download: what is there", download, "files/get_metadata", silence},
+      {"download: the first byte", download, "files/download", silence},
+      {"download: the next byte", download, "files/download", {{"stall_after", 1'000'000}}},
+      {"download: told to come back later", download, "files/download", pause},
+      {"download: a new token", download, "files/download", {{"status", 401}}},
+      {"download: another caller's copy of the file", download, "files/download", silence, download},
+      {"folder: a listing", folder, "files/list_folder", aWhile},
+      {"folder: a file in it", folder, "files/download", {{"delay_ms", 20'000}, {"times", 2}}},
+      {"upload: what it replaces", upload, "files/get_metadata", silence},
+      {"upload: the answer", upload, "files/upload", silence},
+      {"upload: told to come back later", upload, "files/upload", pause},
+      {"chunk: the first answer", largeUpload, "files/upload_session/start", silence},
+      {"chunk: an answer", largeUpload, "files/upload_session/append_v2", silence},
+      {"commit: the answer", largeUpload, "files/upload_session/finish", silence},
+      {"commit: told to come back later", largeUpload, "files/upload_session/finish", pause},
+  };
+  // A token answer, so that the account can ask for new ones; the stand-in does not get as far as to refuse.
+  ada = open(R"({"access_token":"ada-token","refresh_token":"renewable","expires_in":14400})");
+  std::chrono::milliseconds slowest{0};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ada = std::make_shared<KZVDropboxFS>(nullptr, ada->options());  // knows nothing yet
+    auto fault = c.fault;
+    fault["route"] = c.route;
+    standIn.fault(fault);
+    standIn.fault({{"route", "oauth2/token"}, {"delay_ms", 20'000}});
+    const bool needsToken = c.fault.contains("status") && c.fault.at("status") == 401;
+    std::atomic<bool> isOtherStopped = false;
+    std::future<bool> other;
+    if (c.other) {
+      other = std::async(std::launch::async,
+                         [&] { return c.other([&](NSRange) { return !isOtherStopped; }, nullptr); });
+      reachHits(1);
+    }
+    std::atomic<bool> isStopped = false;
+    std::atomic<int> asked = 0;
     NSErrorRef error;
-    EXPECT_FALSE(put(file, "/up.bin", &error, progress));
+    auto call = std::async(std::launch::async,
+                           [&] { return c.call([&](NSRange) { return ++asked, !isStopped; }, &error); });
+    reachHits(needsToken ? 2 : 1);
+    // So often it is asked in this state that the last answer cannot have been to an earlier one.
+    for (const int before = asked; asked < before + 3 && call.wait_for(0s) != std::future_status::ready;)
+      std::this_thread::yield();
+    const auto start = std::chrono::steady_clock::now();
+    isStopped = true;
+    ASSERT_EQ(call.wait_for(10s), std::future_status::ready);
+    const auto answered = std::chrono::steady_clock::now() - start;
+    slowest = std::max(slowest, std::chrono::duration_cast<std::chrono::milliseconds>(answered));
+    EXPECT_LT(answered, 1s) << "a quarter of a second, were the machine not shared";
+    EXPECT_FALSE(call.get());
     ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->domain(), CanceledByUserErrorDomain);
+    EXPECT_EQ(error->domain(), CanceledByUserErrorDomain) << error->description();
     EXPECT_EQ(error->code(), -1);
-    error = nullptr;
-    EXPECT_EQ(get("/down.txt", &error, progress), nullptr);
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->domain(), CanceledByUserErrorDomain);
+    isOtherStopped = true;
+    if (other.valid()) other.get();
+    standIn.clearFaults();
     EXPECT_TRUE(keepsSoon(0));
+    EXPECT_EQ(filesBelow(localPath("copy")), 0);
+    EXPECT_FALSE(standIn.tree().contains("/up.bin"));
+    error = nullptr;
+    EXPECT_TRUE(bounded([&] { return c.call(nullptr, &error); })) << (error ? error->description() : "");
+    ada->removeItemAtPath("/up.bin", nullptr);
+    fs::remove_all(localPath("copy"));
   }
-  EXPECT_NE(get("/down.txt"), nullptr);
+  RecordProperty("slowest_ms", static_cast<int>(slowest.count()));
+}
+
+TEST_F(TransferTest, WriteContentionFailsNoFileOfABatch) {
+  for (int number = 0; number < 40; ++number)
+    makeFile("batch-" + std::to_string(number), 1000, static_cast<unsigned>(number));
+  fs::create_directory(localPath("batch"));
+  for (int number = 0; number < 40; ++number)
+    fs::rename(localPath("batch-" + std::to_string(number)), localPath("batch/" + std::to_string(number)));
+  standIn.settings({{"write_contention", true}, {"commit_delay_ms", 20}});
+  standIn.forgetRequests();
+  NSErrorRef error;
+  EXPECT_TRUE(bounded([&] {
+    return KZVLocalFS::shared().sendFiles(KZVBatchId(), localPath("batch"), ada, "/batch", nullptr, nullptr,
+                                          nullptr, &error);
+  })) << (error ? error->description() : "");
+  EXPECT_GT(standIn.requests()["files/upload"], 40) << "nobody was in anybody's way";
+  EXPECT_TRUE(bounded([&] {
+    return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/batch", ada)},
+                                           localPath("back"), nullptr, nullptr, nullptr, &error);
+  }));
+  for (int number = 0; number < 40; ++number) {
+    const std::string name = "/" + std::to_string(number);
+    EXPECT_TRUE(sameBytes(localPath("batch") + name, localPath("back") + name)) << name;
+  }
 }
 
 TEST_F(TransferTest, AVersionStoredByAnotherDeviceIsNeverOverwritten) {
