@@ -6,6 +6,7 @@
 
 #include "foundation/DispatchQueue.h"
 #include "foundation/Paths.h"
+#include "foundation/Unicode.h"
 #include "sdk/DBError.h"
 #include "sdk/DBRestClientImpl.h"
 #include "sdk/LocalFile.h"
@@ -55,9 +56,34 @@ RecordRef storedRecord(const std::string& target, const json::object& metadata) 
                                RecordReader::Kind::file);
 }
 
+/// Whether a file that was to replace `parentRev` at `path` has done so, and does not stand beside it.
+bool replaces(const std::optional<std::string>& parentRev, const RecordRef& record, const std::string& path) {
+  return parentRev && !parentRev->empty() &&
+         lowercased(record->filename()) == lowercased(lastPathComponent(path));
+}
+
 bool isDamaged(const json::object& metadata, const std::optional<ContentHash>& sent) {
   const auto stored = servicejson::text(metadata, "content_hash");
   return stored && sent && ContentHash(*sent).finish() != *stored;
+}
+
+/// Ends an upload whose content arrived damaged. What has just been stored goes again, or it would pass for
+/// the file; only where it replaced a version it stays, since the path would else be lost with it.
+/// @param fail  ends the operation with the error.
+void endDamaged(const ImplRef& client, const DBRestClient::Impl::OperationRef& operation,
+                const RequestDescription& about, const json::object& metadata, bool hasReplaced,
+                std::function<void(const ServiceAnswer&)> fail) {
+  const auto path = servicejson::text(metadata, "path_lower");
+  const auto rev = servicejson::text(metadata, "rev");
+  ServiceAnswer damaged{{},
+                        requestError(DBErrorInvalidResponse, "the content was damaged on its way", about)};
+  if (hasReplaced || !path || !rev) return fail(damaged);
+  ServiceRequest request = rpcRequest("files/delete_v2", {{"path", *path}, {"parent_rev", *rev}}, about);
+  request.repeat =
+      ServiceRequest::Repeat::always;  // of this very version there is nothing left to delete twice
+  client->send(
+      operation, std::move(request),
+      [fail = std::move(fail), damaged = std::move(damaged)](ServiceAnswer& /*deleted*/) { fail(damaged); });
 }
 
 /// An upload as far as all have it in common: a local file that is opened and read off the callbacks' thread.
@@ -153,8 +179,9 @@ class WholeFileUpload final : public Upload {
     const RecordRef record = document ? storedRecord(*servicePath(destination_), document->root()) : nullptr;
     if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
     if (isDamaged(document->root(), source_->hash())) {
-      return fail(
-          {{}, requestError(DBErrorInvalidResponse, "the content was damaged on its way", about_), {}});
+      return endDamaged(client_, operation_, about_, document->root(),
+                        replaces(parentRev_, record, destination_),
+                        [self = shared_from_this(), this](const ServiceAnswer& failed) { fail(failed); });
     }
     client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.uploadedFile(client, destination_, fromPath_, record);
@@ -351,8 +378,9 @@ class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
     const bool damaged = known && isDamaged(document->root(), known->hash);
     client_->uploads.forget(uploadId_);
     if (damaged) {
-      return fail(
-          {{}, requestError(DBErrorInvalidResponse, "the content was damaged on its way", about_), {}});
+      return endDamaged(client_, operation_, about_, document->root(),
+                        replaces(parentRev_, record, about_.path),
+                        [self = shared_from_this()](const ServiceAnswer& failed) { self->fail(failed); });
     }
     client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.uploadedFileFromUploadId(client, about_.path, uploadId_, record);

@@ -12,6 +12,7 @@
 #include "foundation/NSString.h"
 #include "sdk/ContentHash.h"
 #include "sdk/DBError.h"
+#include "sdk/LocalFile.h"
 #include "sdk/testing/ClientFixture.h"
 
 namespace {
@@ -146,6 +147,15 @@ TEST_F(Transfers, StoppedDownloadCallsNobodyAndLeavesNothing) {
   for (int i = 0; i < 100'000 && filesThere() > 0; ++i) callbacks.run([] {});
   EXPECT_EQ(filesThere(), 0);
   EXPECT_EQ(delegate.notes().size(), 1U);
+  // A stop while the whole file is about to get its name, or just has it.
+  for (const bool isEarly : {true, false}) {
+    FileSink sink(local("late"), nullptr);
+    ASSERT_TRUE(sink.begin(3) && sink.write("abc"));
+    if (isEarly) sink.withdraw();
+    EXPECT_EQ(sink.keep(nullptr), !isEarly);
+    if (!isEarly) sink.withdraw();
+    EXPECT_FALSE(std::filesystem::exists(local("late")));
+  }
 }
 
 TEST_F(Transfers, UnusableTargetsAreErrors) {
@@ -186,6 +196,7 @@ TEST_F(Transfers, UploadSendsTheFileAndTakesTheNameThatTheServiceChose) {
     ScriptedReply reply;
     const char* mode;
     const char* outcome;
+    std::size_t deletions = 0;  // of what was stored wrong
   };
   const Case cases[] = {
       {"new", std::nullopt, jsonReply(storedJson("/A/n.txt", content)), R"("mode":"add")",
@@ -193,7 +204,11 @@ TEST_F(Transfers, UploadSendsTheFileAndTakesTheNameThatTheServiceChose) {
       {"beside another", "0123456789", jsonReply(storedJson("/a/n (1).txt", content)),
        R"("mode":{".tag":"update","update":"0123456789"})", "uploaded /A/n.txt as /A/n (1).txt"},
       {"damaged on the way", std::nullopt, jsonReply(storedJson("/A/n.txt", "other")), R"("mode":"add")",
-       "error 101"},
+       "error 101", 1},
+      {"damaged on the way over another version", "0123456789", jsonReply(storedJson("/A/N.txt", "other")),
+       R"("mode":{".tag":"update")", "error 101"},
+      {"damaged on the way beside another", "0123456789", jsonReply(storedJson("/A/n (1).txt", "other")),
+       R"("mode":{".tag":"update")", "error 101", 1},
       {"no space", std::nullopt,
        jsonReply(R"({"error":{".tag":"path","reason":{".tag":"insufficient_space"}}})", 409),
        R"("mode":"add")", "error 507"},
@@ -211,8 +226,12 @@ TEST_F(Transfers, UploadSendsTheFileAndTakesTheNameThatTheServiceChose) {
       const std::lock_guard lock(mutex);
       current = &c;
     }
+    const std::size_t before = server->requests().size();
     EXPECT_EQ(outcome([&](DBRestClient& own) { own.uploadFile("n.txt", "/A", c.rev, path); }), c.outcome);
-    const ScriptedRequest request = server->requests().back();
+    const auto requests = server->requests();
+    ASSERT_EQ(requests.size(), before + 1 + c.deletions);
+    EXPECT_TRUE(c.deletions == 0 || requests.back().body.find(R"("parent_rev":")") != std::string::npos);
+    const ScriptedRequest& request = requests[before];
     EXPECT_TRUE(request.body == content);
     EXPECT_EQ(request.headers.at("content-type"), "application/octet-stream");
     EXPECT_NE(request.headers.at("dropbox-api-arg").find(c.mode), std::string::npos);
