@@ -161,14 +161,16 @@ void CopyBatch::reportTotal() {
   if (!observers_.totalProgress({lastTotal_, whole})) stop(Stop::byUser);
 }
 
-void CopyBatch::finishFile(const FileRef& file, const NSErrorRef& failure) {
+void CopyBatch::finishFile(const FileRef& file, const NSErrorRef& failure, const std::string& storedAt) {
   const std::lock_guard observing(observersMutex_);
   count(*file, file->sizeBytes);
   {
     const std::lock_guard lock(mutex_);
     ++counts_.filesDone;
   }
-  finish({file->from, file->to, false, file->sizeBytes, failure});
+  CopiedItem item{file->from, file->to, false, file->sizeBytes, failure};
+  if (!storedAt.empty()) item.conflictsWith = std::exchange(item.to, storedAt);
+  finish(item);
   if (!isStopped()) reportTotal();
 }
 

@@ -36,6 +36,9 @@ struct CopiedItem {
   bool isDirectory = false;
   std::uint64_t sizeBytes = 0;
   NSErrorRef failure;  // empty: it is there
+  /// Where it should have gone, when another version stood there that it was not made from: `to` is then the
+  /// place beside it that the file system chose. Else empty.
+  std::string conflictsWith{};
 };
 
 /// What a batch tells. All may be empty. They are called on the batch's threads, never two at once; they must
@@ -89,7 +92,8 @@ class CopyBatch {
   /// What to hand to the transfer of the file.
   ProgressCallback progressOf(const FileRef& file);
   /// The file is there, or failed. Each expected file is finished once, unless the batch was stopped.
-  void finishFile(const FileRef& file, const NSErrorRef& failure);
+  /// @param storedAt  its place beside another version, if it could not have the one it was meant for.
+  void finishFile(const FileRef& file, const NSErrorRef& failure, const std::string& storedAt = {});
   /// A folder is there (not yet what is in it), or it or something that is no file failed.
   void finishFolder(const std::string& from, const std::string& to, const NSErrorRef& failure);
 

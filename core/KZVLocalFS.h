@@ -35,7 +35,7 @@ class KZVLocalFS final : public NSObject {
                   const ItemCopied& itemCopied, NSErrorRef* error);
 
   /// The other way: copies a local file or folder to `remotePath`, its full new path on `volume`, through
-  /// writeFile and createDirectoryAtPath. Links to files are followed; links to folders, and what is neither
+  /// storeFile and createDirectoryAtPath. Links to files are followed; links to folders, and what is neither
   /// file nor folder, fail as items. The rest as writeFiles.
   bool sendFiles(const KZVBatchId& batchId, const std::string& localPath,
                  const std::shared_ptr<FSPlugin>& volume, const std::string& remotePath,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <vector>
 
 #include <sys/stat.h>
@@ -42,9 +43,13 @@ void SendingBatch::send(const std::string& from, const std::string& to, Place pl
 void SendingBatch::sendFile(const CopyBatch::FileRef& file) {
   NSErrorRef error;
   const auto source = NSURL::fileURLWithPath(file->from);
-  const bool isThere = source && volume_->writeFile(*source, file->to, batch_.progressOf(file), &error);
-  if (!isThere && !error) error = copyError(EIO, "the file was not stored");
-  batch_.finishFile(file, isThere ? nullptr : error);
+  std::optional<StoredFile> stored;
+  if (source) stored = volume_->storeFile(*source, file->to, WriteBase(), batch_.progressOf(file), &error);
+  if (!stored && !error) error = copyError(EIO, "the file was not stored");
+  if (!stored) return batch_.finishFile(file, error);
+  // A file system that ignores letter case may go on spelling the name as it did before.
+  const bool isInPlace = canonicalCompare(lowercased(stored->path), lowercased(file->to)) == 0;
+  batch_.finishFile(file, nullptr, isInPlace ? "" : stored->path);
 }
 
 void SendingBatch::sendFolder(const std::string& from, const std::string& to) {

@@ -49,12 +49,17 @@ void TransferReport::draw() {
 void TransferReport::showCopied(const CopiedItem& item) {
   const std::string& remote = direction_ == Direction::toDisk ? item.from : item.to;
   if (context_.options.json) {
-    context_.console.line(
-        boost::json::serialize(boost::json::object{{"path", validUtf8(remote)}, {"size", item.sizeBytes}}));
+    boost::json::object line{{"path", validUtf8(remote)}, {"size", item.sizeBytes}};
+    if (!item.conflictsWith.empty()) line["conflicts_with"] = validUtf8(item.conflictsWith);
+    context_.console.line(boost::json::serialize(line));
   } else if (!context_.options.quiet && !context_.console.showsProgress()) {
     context_.console.line(fmt::format("{}  {}", harmless(remote), byteCount(item.sizeBytes)));
   }
   context_.console.flush();  // whoever waits for a file sees when it is there
+  if (item.conflictsWith.empty()) return;
+  // Not only a hint: whoever asked for quiet must still learn that there are two now.
+  context_.console.error(fmt::format("kzv: put: {}: was changed elsewhere meanwhile; stored beside it as {}",
+                                     harmless(item.conflictsWith), harmless(item.to)));
 }
 
 void TransferReport::finish(bool isComplete, const NSErrorRef& error, const std::string& subject) {

@@ -131,13 +131,17 @@ TEST_F(TransferTest, TreeChangesReachTheAccount) {
   fs::create_directories(local_ / "in/deep");
   std::ofstream(local_ / "in/a") << "A";
   std::ofstream(local_ / "in/deep/b") << "BB";
+  fs::create_directories(local_ / "two");
+  std::ofstream(local_ / "two/changed-b") << "B";
   file("old", 3);
   struct Step {
     std::vector<std::string> arguments;
     std::string out;
     std::vector<std::string> there;
     std::vector<std::string> gone;
+    std::string err{};
   };
+  const std::string elsewhere = ": was changed elsewhere meanwhile; stored beside it as ";
   const Step steps[] = {
       {{"put", "LOCAL/in/a", "/"}, "/a  1 byte\n", {"a"}, {}},
       {{"put", "LOCAL/in/a", "/empty"}, "/empty/a  1 byte\n", {"empty/a"}, {}},
@@ -147,6 +151,16 @@ TEST_F(TransferTest, TreeChangesReachTheAccount) {
        {"Documents/deep/b"},
        {}},
       {{"--quiet", "put", "LOCAL/in", "/whole"}, "", {"whole/a", "whole/deep/b"}, {}},
+      {{"put", "LOCAL/in/a", "/changed-a"},
+       "/changed-a (1)  1 byte\n",
+       {"changed-a (1)"},
+       {},
+       "kzv: put: /changed-a" + elsewhere + "/changed-a (1)\n"},
+      {{"--quiet", "--json", "put", "LOCAL/two", "/two"},
+       "{\"path\":\"/two/changed-b (1)\",\"size\":1,\"conflicts_with\":\"/two/changed-b\"}\n",
+       {"two/changed-b (1)"},
+       {},
+       "kzv: put: /two/changed-b" + elsewhere + "/two/changed-b (1)\n"},
       {{"mkdir", "/new", "/new"}, "", {"new"}, {}},
       {{"mv", "/a", "/new"}, "", {"new/a"}, {"a"}},
       {{"mv", "/new/a", "/b"}, "", {"b"}, {"new/a"}},
@@ -157,8 +171,9 @@ TEST_F(TransferTest, TreeChangesReachTheAccount) {
   for (const Step& step : steps) {
     SCOPED_TRACE(step.arguments[0] + " " + step.arguments[1]);
     const auto result = run(resolved(step.arguments));
-    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out, step.out);
+    EXPECT_EQ(result.err, step.err);
     for (const std::string& path : step.there) EXPECT_TRUE(fs::exists(tree_ / path)) << path;
     for (const std::string& path : step.gone) EXPECT_FALSE(fs::exists(tree_ / path)) << path;
   }

@@ -195,6 +195,8 @@ struct Operation {
   std::uint64_t sizeBytes;  // of the upload; 0: a download
 };
 
+void PrintTo(const Operation& operation, std::ostream* out) { *out << operation.name; }
+
 class FailedTransferTest : public TransferTest, public testing::WithParamInterface<Operation> {};
 
 }  // namespace
@@ -282,6 +284,7 @@ TEST_P(FailedTransferTest, LeavesNothingHalfAndTheNextOneWorks) {
     EXPECT_TRUE(isThere || !isUpload || fails);
     EXPECT_TRUE(!isThere || std::cmp_equal(stored->second, operation.sizeBytes)) << "half a file";
     EXPECT_EQ(tree.size(), isThere ? 2U : 1U) << "a copy beside it";
+    EXPECT_FALSE(isThere && fails && c.fault.contains("corrupt")) << "wrong bytes as if they were right";
 
     EXPECT_TRUE(!isUpload || put(small, "/up.bin"));
     const auto copy = get(isUpload ? "/up.bin" : "/down.txt", &error);
@@ -419,17 +422,45 @@ TEST_F(TransferTest, WriteContentionFailsNoFileOfABatch) {
   }
 }
 
-TEST_F(TransferTest, AVersionStoredByAnotherDeviceIsNeverOverwritten) {
-  const auto mine = makeFile("mine", 10, 1);
-  ASSERT_TRUE(put(mine, "/Report.txt"));
-  names("/");
-  standIn.write("/Report.txt", "theirs");
-  const auto changed = makeFile("mine", 12, 2);
-  EXPECT_TRUE(put(changed, "/Report.txt"));
-  const auto tree = standIn.tree();
-  EXPECT_EQ(tree.size(), 2U);
-  EXPECT_EQ(tree.at("/Report.txt"), 6);
-  EXPECT_EQ(names("/").size(), 2U);
+TEST_F(TransferTest, AVersionStoredByAnotherDeviceIsNeverOverwrittenAndThatIsTold) {
+  fs::create_directory(localPath("docs"));
+  const auto mine = makeFile("docs/Report.txt", 10, 1);
+  struct Case {
+    const char* name;
+    std::string from;
+    std::string to;
+    bool isChanged;
+    std::string conflictsWith;
+  };
+  const Case cases[] = {
+      {"a file", mine->path(), "/docs/Report.txt", true, "/docs/Report.txt"},
+      {"a folder", localPath("docs"), "/docs", true, "/docs/Report.txt"},
+      {"only its name was spelt otherwise", mine->path(), "/docs/REPORT.txt", false, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ada->removeItemAtPath("/docs", nullptr);
+    ASSERT_TRUE(put(mine, "/docs/Report.txt"));
+    names("/docs");
+    if (c.isChanged) standIn.write("/docs/Report.txt", "theirs");
+    makeFile("docs/Report.txt", 12, 2);
+    std::vector<CopiedItem> files;
+    EXPECT_TRUE(bounded([&] {
+      return KZVLocalFS::shared().sendFiles(
+          KZVBatchId(), c.from, ada, c.to, nullptr, nullptr,
+          [&](const CopiedItem& item) {
+            if (!item.isDirectory) files.push_back(item);
+            return true;
+          },
+          nullptr);
+    }));
+    ASSERT_EQ(files.size(), 1U);
+    EXPECT_EQ(files[0].conflictsWith, c.conflictsWith);
+    const auto tree = standIn.tree();
+    EXPECT_EQ(tree.size(), c.isChanged ? 3U : 2U);
+    EXPECT_EQ(tree.at("/docs/Report.txt"), c.isChanged ? 6 : 12);
+    EXPECT_TRUE(!c.isChanged || tree.at(files[0].to) == 12) << files[0].to;
+  }
 }
 
 TEST_F(TransferTest, OwnChangesAreSeenAtOnce) {

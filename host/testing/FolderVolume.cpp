@@ -26,6 +26,7 @@ struct Behaviour {
   static constexpr std::string_view hangs = "hang-";         // looking at it never ends
   static constexpr std::string_view unlinks = "unlink-";     // looking at it unlinks the account
   static constexpr std::string_view endless = "endless-";    // its transfer goes on until it is stopped
+  static constexpr std::string_view changed = "changed-";    // another version is there when it is written
   static constexpr std::string_view timeless = "timeless-";  // has no modification date
   static constexpr std::string_view many = "many-";          // a folder of 50,000 files
 };
@@ -148,6 +149,15 @@ void FolderVolume::releaseFileUrl(const NSURL& url) { NSFileManager::defaultMana
 bool FolderVolume::writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
                              NSErrorRef* error) {
   return transfer(path, source.path(), onDisk(path), progress, error);
+}
+
+std::optional<StoredFile> FolderVolume::storeFile(const NSURL& source, const std::string& path,
+                                                  const WriteBase& /*base*/, ProgressCallback progress,
+                                                  NSErrorRef* error) {
+  const bool isChanged = lastPathComponent(path).starts_with(Behaviour::changed);
+  const std::string place = isChanged ? path + " (1)" : path;
+  if (!writeFile(source, place, std::move(progress), error)) return std::nullopt;
+  return StoredFile{place, std::nullopt};
 }
 
 bool FolderVolume::removeItemAtPath(const std::string& path, NSErrorRef* error) {

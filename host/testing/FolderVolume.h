@@ -35,6 +35,8 @@ class FolderVolume final : public FSPlugin {
   void releaseFileUrl(const NSURL& url) override;
   bool writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
                  NSErrorRef* error) override;
+  std::optional<StoredFile> storeFile(const NSURL& source, const std::string& path, const WriteBase& base,
+                                      ProgressCallback progress, NSErrorRef* error) override;
   bool removeItemAtPath(const std::string& path, NSErrorRef* error) override;
   bool moveFromPath(const std::string& path, const std::string& to,
                     const std::shared_ptr<NSDictionary>& attributes, ProgressCallback progress,
