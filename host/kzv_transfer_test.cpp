@@ -212,4 +212,42 @@ TEST_F(TransferTest, ASignalEndsACopyCleanly) {
   EXPECT_TRUE(fs::is_empty(home_ / "cache/tmp")) << "temporary files are gone";
 }
 
+TEST_F(TransferTest, ATerminalShowsHowFarItIsAndTakesCtrlC) {
+  file("endless-a", 20'000'000);
+  std::ofstream(local_ / "endless-b") << std::string(20'000'000, 'b');
+  file("quick", 1234);
+  auto variables = environment();
+  variables["TERM"] = "xterm";
+  {
+    Program program(Program::OnTerminal{}, resolved({"get", "/quick", "LOCAL/"}), variables);
+    const std::string shown = program.finish().out;
+    EXPECT_NE(shown.find("1 file, 1 KB in 0:0"), std::string::npos) << shown;
+    EXPECT_EQ(shown.find("/quick"), std::string::npos)
+        << "lines are for those who cannot see the bar: " << shown;
+  }
+  struct Case {
+    std::vector<std::string> arguments;
+    std::string stopped;
+  };
+  const Case cases[] = {{{"get", "/endless-a", "LOCAL/"}, "kzv: get: /endless-a: stopped"},
+                        {{"put", "LOCAL/endless-b", "/"}, "kzv: put: " + at("endless-b") + ": stopped"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.arguments[0]);
+    Program program(Program::OnTerminal{}, resolved(c.arguments), variables);
+    for (const char* part : {"[#", "%  ", " MB of 20 MB  ", "MB/s  0:", " left"}) {
+      ASSERT_TRUE(program.waitForNext(part)) << part;
+    }
+    const auto start = std::chrono::steady_clock::now();
+    program.type("\x03");
+    const auto result = program.finish();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_EQ(result.status, 130);
+    EXPECT_NE(result.out.find(c.stopped), std::string::npos) << result.out;
+  }
+  EXPECT_NE(events().find("volume u1 is gone"), std::string::npos) << "ended in order, not cut off";
+  EXPECT_EQ(treeAt(local_).size(), 2U) << "quick and endless-b";
+  EXPECT_FALSE(fs::exists(tree_ / "endless-b"));
+  EXPECT_TRUE(fs::is_empty(home_ / "cache/tmp"));
+}
+
 }  // namespace

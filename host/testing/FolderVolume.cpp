@@ -121,9 +121,9 @@ bool FolderVolume::transfer(const std::string& path, const fs::path& from, const
   if (failsByName(path, error)) return false;
   const bool isEndless = lastPathComponent(path).starts_with(Behaviour::endless);
   bool goesOn = !progress || progress({0, 1000});
-  while (goesOn && isEndless) {
+  for (std::uint64_t done = 1; goesOn && isEndless; done = std::min<std::uint64_t>(done + 1, 990)) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    goesOn = progress({500, 1000});
+    goesOn = progress({done, 1000});
   }
   if (goesOn && progress) goesOn = progress({1000, 1000});
   std::error_code code;
