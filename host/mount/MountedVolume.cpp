@@ -34,7 +34,7 @@ MountedVolume::~MountedVolume() {
 
 void MountedVolume::start() {
   recoverRenames();
-  for (auto& upload : journal_->uploads()) waiting_.push_back({nullptr, std::move(upload), Clock::now(), 0});
+  for (auto& upload : journal_->uploads()) waiting_.push_back({nullptr, std::move(upload), Clock::now()});
   refresher_ = std::thread([this] {
     setCurrentThreadName("kzv-refresh");
     refreshChangedFolders();
@@ -102,7 +102,7 @@ void MountedVolume::sendLater(const MountNodeRef& node, std::chrono::millisecond
     const std::lock_guard lock(waitingMutex_);
     const bool isKnown = std::any_of(waiting_.begin(), waiting_.end(),
                                      [&](const Waiting& waiting) { return waiting.node == node; });
-    if (!isKnown) waiting_.push_back({node, std::nullopt, Clock::now() + delay, 0});
+    if (!isKnown) waiting_.push_back({node, std::nullopt, Clock::now() + delay});
   }
   waitingChanged_.notify_all();
 }
@@ -120,9 +120,18 @@ void MountedVolume::sendWaiting() {
       waitingChanged_.wait_until(lock, due);
       continue;
     }
+    ++sendingNow_;
+    if (next->left && !std::exchange(next->isFolderListed, true)) {
+      // Its folder's listing makes it a file like any other, which is there for everybody while it is sent.
+      const std::string folder = deletingLastPathComponent(next->left->path);
+      lock.unlock();
+      showFolder(folder);
+      lock.lock();
+      --sendingNow_;
+      continue;
+    }
     Waiting waiting = std::move(*next);
     waiting_.erase(next);
-    ++sendingNow_;
     lock.unlock();
     const bool isDone = sendOne(waiting);
     lock.lock();
@@ -132,6 +141,7 @@ void MountedVolume::sendWaiting() {
           Clock::now() + std::min<Clock::duration>(firstRetryDelay * (1 << std::min(waiting.failures, 8)),
                                                    longestRetryDelay);
       ++waiting.failures;
+      waiting.isFolderListed = false;
       waiting_.push_back(std::move(waiting));
     }
     waitingChanged_.notify_all();
@@ -153,7 +163,18 @@ bool MountedVolume::sendOne(const Waiting& waiting) {
   return reason == 0 && (!content->isUnsent() || content->writers() > 0);  // a writer sends when it closes
 }
 
-/// Sends what an earlier process left, which no node stands for yet.
+/// Lists the folder at `path`, if it is there.
+void MountedVolume::showFolder(const std::string& path) {
+  const auto isInterrupted = [this] { return isStopping_.load(); };
+  MountNodeRef folder = find(MountTree::rootId);
+  for (const std::string& name : componentsOf(path)) {
+    if (folder) folder = childOf(folder, name, isInterrupted).value;
+  }
+  if (folder && folder->isFolder) ensureListed(folder, isInterrupted);
+}
+
+/// Sends what an earlier process left where no folder shows it: deleted meanwhile, or something is in the
+/// way.
 int MountedVolume::sendLeft(const UploadJournal::Upload& left) {
   const PathLocks::Hold hold = paths_.hold({{keyOfPath(left.path), PathLocks::Kind::item}});
   const std::string data = journal_->dataPath(left.id);

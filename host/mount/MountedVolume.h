@@ -166,6 +166,7 @@ class MountedVolume {
     std::optional<UploadJournal::Upload> left;
     std::chrono::steady_clock::time_point due;
     int failures = 0;
+    bool isFolderListed = false;  // for what was left: its folder has been asked to show it
   };
   /// News of watched folders, from the main thread to the refreshing one; outlives the volume if it must.
   struct Inbox;
@@ -225,6 +226,7 @@ class MountedVolume {
   void noteStored(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
                   const std::string& path, const StoredFile& stored);
   void sendLater(const MountNodeRef& node, std::chrono::milliseconds delay);
+  void showFolder(const std::string& path);
   int sendLeft(const UploadJournal::Upload& left);
   void sendWaiting();
   bool sendOne(const Waiting& waiting);

@@ -63,7 +63,8 @@ WriteBase MountedVolume::knownBase(const MountNode& node, const std::string& pat
   return baseOf(volume_->revisionAtPath(path));
 }
 
-Answer<MountedVolume::Opened> MountedVolume::open(NodeId number, int flags, const IsInterrupted& isInterrupted) {
+Answer<MountedVolume::Opened> MountedVolume::open(NodeId number, int flags,
+                                                  const IsInterrupted& isInterrupted) {
   const auto node = find(number);
   if (!node) return {{}, ENOENT};
   if (node->isFolder) return {{}, EISDIR};

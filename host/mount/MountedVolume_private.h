@@ -47,7 +47,7 @@ struct MountedVolume::Inbox {
 template <class Operation>
 int MountedVolume::attempt(const IsInterrupted& isInterrupted, Operation&& operation) {
   using namespace std::chrono_literals;
-  for (const auto delay : {100ms, 500ms, 2000ms, 0ms}) {
+  for (const auto delay : {100ms, 1000ms, 0ms}) {
     NSErrorRef error;
     if (operation(&error)) return 0;
     if (!isTransient(error) || delay == 0ms) return errnoOf(error);

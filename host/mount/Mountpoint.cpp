@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include "foundation/Descriptor.h"
@@ -99,6 +100,14 @@ constexpr std::string_view readyWord = "ready\n";
 
 }  // namespace
 
+namespace {
+/// Whether the process behind the mount at `path` has died. The kernel goes on to tell what it remembers, so
+/// it is asked for what it never remembers.
+bool isDeadMount(const std::string& path) {
+  return ::getxattr(path.c_str(), "user.kzv.rev", nullptr, 0) < 0 && errno == ENOTCONN;
+}
+}  // namespace
+
 bool isMountpoint(const std::string& path) {
   struct stat here {};
   struct stat above {};
@@ -109,7 +118,7 @@ bool isMountpoint(const std::string& path) {
 std::optional<std::string> prepareMountpoint(const std::string& typed, NSErrorRef* error) {
   const std::string path = absolutePath(typed);
   struct stat status {};
-  if (::stat(path.c_str(), &status) != 0 && errno == ENOTCONN) {
+  if (isDeadMount(path)) {
     // Left by a process that was killed: nothing can be in use there, since nothing answers.
     if (const int reason = detach(path, Manner::lazy))
       return refusal(error, reason, "a dead mount is in the way");

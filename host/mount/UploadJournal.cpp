@@ -184,7 +184,8 @@ std::vector<UploadJournal::Rename> UploadJournal::renames() {
   std::vector<Rename> renames;
   for (const std::string& entryId : idsIn(folder, ".json")) {
     auto rename = readEntry<Rename>(entryPath(folder, entryId), [&](const json::object& entry) {
-      return Rename{entryId, std::string(entry.at("to").as_string()), std::string(entry.at("aside").as_string())};
+      return Rename{entryId, std::string(entry.at("to").as_string()),
+                    std::string(entry.at("aside").as_string())};
     });
     if (rename) renames.push_back(*std::move(rename));
   }
@@ -200,7 +201,9 @@ std::string UploadJournal::dataPath(const std::string& entryId) const {
   return pendingFolder(folder_) + '/' + entryId + ".data";
 }
 
-std::string UploadJournal::localPath(const std::string& entryId) const { return localFolder(folder_) + '/' + entryId; }
+std::string UploadJournal::localPath(const std::string& entryId) const {
+  return localFolder(folder_) + '/' + entryId;
+}
 
 NSErrorRef UploadJournal::put(const Upload& upload, Durability durability) {
   json::object entry{{"path", upload.path}, {"base", textOf(upload.base.kind)}};
