@@ -99,3 +99,12 @@ std::map<std::string, std::int64_t> StandIn::tree() {
     page = call("files/list_folder/continue", {{"cursor", page.at("cursor")}});
   }
 }
+
+std::string StandIn::content(const std::string& path) {
+  const std::string argument = json::serialize(json::object{{"path", path}});
+  const auto answer = http_.post(
+      url_ + "/2/files/download", "",
+      {"Content-Type:", "Dropbox-API-Arg: " + argument, std::string("Authorization: Bearer ") + adaToken});
+  if (answer.status != 200) throw std::runtime_error("no content of " + path + ": " + answer.body);
+  return answer.body;
+}

@@ -40,6 +40,8 @@ class StandIn {
   /// Ada's whole tree as the service itself lists it, asked page by page without the client layer: display
   /// path (with a slash at the end for folders) -> size in bytes.
   std::map<std::string, std::int64_t> tree();
+  /// The bytes of a file of Ada's as the service has them.
+  std::string content(const std::string& path);
 
  private:
   boost::json::value admin(const std::string& route, const boost::json::value& body);
