@@ -27,6 +27,13 @@ class ChangesTest : public PluginTest {
     }
     return listedTree(*ada);
   }
+  /// Until the list of accounts has those just linked: it redraws their panels when it does.
+  static void awaitAccountList() {
+    std::promise<void> listed;
+    KZVDropboxQueue().async([&] { listed.set_value(); });
+    ASSERT_EQ(listed.get_future().wait_for(patience), std::future_status::ready);
+    NSRunLoop::mainRunLoop()->runUntilDate(NSRunLoop::Clock::now());
+  }
 };
 
 }  // namespace
@@ -86,24 +93,50 @@ TEST_F(ChangesTest, AResetOfTheCursorLosesNothingAndRedrawsEveryPanel) {
 
 TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
   standIn.write("/Photos/2014/a.jpg", "one");
+  standIn.write("/PhotosOld/a.jpg", "one");
+  standIn.write("/Ünï/a.jpg", "one");
+  awaitAccountList();
   settle(*ada);
   std::map<std::string, int> told;
   std::vector<std::shared_ptr<FSItem>> watched;
-  for (const char* path : {"/", "/Photos", "/photos/2014", "/PhotosOld", "/Docs"}) {
+  for (const char* path : {"/", "/Photos", "/photos/2014", "/PhotosOld", "/U\u0308nI\u0308", "/Docs"}) {
     watched.push_back(std::make_shared<FSItem>(path, ada));
     watched.back()->setIsDirectory(true);
     watched.back()->setChangeCallback([&](const auto& item) {
-      EXPECT_TRUE(item->takeChangeMark());
-      if (++told[item->path()]; told.size() == 3) NSRunLoop::mainRunLoop()->stop();
+      if (item->takeChangeMark()) ++told[item->path()];  // two changes at once make one redraw
+      NSRunLoop::mainRunLoop()->stop();
     });
     ada->startWatchFolder(watched.back());
   }
-  ada->startWatchFolder(watched[4]);
-  ada->stopWatchFolder(watched[4]);  // takes both entries
-  EXPECT_EQ(ada->watchedFolders().size(), 4U);
-  standIn.write("/Photos/new.jpg", "two");
-  EXPECT_TRUE(NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 20s));
-  EXPECT_EQ(told, (std::map<std::string, int>{{"/Photos", 1}, {"/photos/2014", 1}, {"/PhotosOld", 1}}));
+  ada->startWatchFolder(watched.back());
+  ada->stopWatchFolder(watched.back());  // takes both entries
+  EXPECT_EQ(ada->watchedFolders().size(), 5U);
+  struct Case {
+    const char* changed;
+    std::map<std::string, int> told;
+  };
+  // Told are the watched folders whose path begins with the changed folder's, separator or not; so not those
+  // above it, and all of them for the root.
+  const Case cases[] = {
+      {"/Photos/new.jpg", {{"/Photos", 1}, {"/photos/2014", 1}, {"/PhotosOld", 1}}},
+      {"/Photos/2014/new.jpg", {{"/photos/2014", 1}}},
+      {"/PHOTOS/2014/NEW.JPG", {{"/photos/2014", 1}}},
+      {"/PhotosOld/new.jpg", {{"/PhotosOld", 1}}},
+      {"/Ünï/new.jpg", {{"/U\u0308nI\u0308", 1}}},
+      {"/top.txt",
+       {{"/", 1}, {"/Photos", 1}, {"/photos/2014", 1}, {"/PhotosOld", 1}, {"/U\u0308nI\u0308", 1}}},
+  };
+  const auto toldAfter = [&](const std::string& changed, std::size_t count) {
+    told.clear();
+    standIn.write(changed, changed);
+    const auto deadline = NSRunLoop::Clock::now() + 20s;
+    while (told.size() < count && NSRunLoop::Clock::now() < deadline)
+      NSRunLoop::mainRunLoop()->waitUntilDate(deadline);
+    NSRunLoop::mainRunLoop()->runUntilDate(NSRunLoop::Clock::now());
+    return told;
+  };
+  toldAfter("/first.txt", 5);  // comes behind the news of the first cursor, which redraws everything, too
+  for (const Case& c : cases) EXPECT_EQ(toldAfter(c.changed, c.told.size()), c.told) << c.changed;
 }
 
 TEST_F(ChangesTest, PollsThatFailLoseNothing) {
@@ -125,9 +158,7 @@ TEST_F(ChangesTest, EveryInstanceOfTheAccountDropsItsCopyAndNoOtherAccountHears)
   const auto bob = open("bob-token");
   const auto second = std::make_shared<KZVDropboxFS>(nullptr, ada->options());
   KZVCoreObj::shared().attach(second);
-  std::promise<void> listed;  // linking Bob redraws his panels, once the list of accounts has him
-  KZVDropboxQueue().async([&] { listed.set_value(); });
-  ASSERT_EQ(listed.get_future().wait_for(patience), std::future_status::ready);
+  awaitAccountList();
   const auto bobsRoot = std::make_shared<FSItem>("/", bob);
   bobsRoot->setIsDirectory(true);
   bool bobHeard = false;
