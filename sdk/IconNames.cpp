@@ -7,6 +7,8 @@
 namespace {
 
 constexpr std::string_view unknownIcon = "page_white";
+constexpr std::string_view folderIcon = "folder";
+constexpr std::string_view sharedFolderIcon = "folder_user";
 constexpr std::int64_t previewLimitBytes = 20LL * 1024 * 1024;
 constexpr std::size_t longestExtension = 11;
 
@@ -42,6 +44,18 @@ constexpr IconRow iconRows[] = {
     {"page_white_dvd", "iso dmg img toast"},
     {"page_white_gear", "exe msi bat cmd com dll app"},
     {"page_white_tux", "deb rpm"},
+};
+
+/// Top-level folders with an icon of their own.
+struct FolderRow {
+  std::string_view icon;
+  std::string_view lowercasePath;
+};
+
+constexpr FolderRow folderRows[] = {
+    {"folder_public", "/public"},
+    {"folder_camera", "/camera uploads"},
+    {"folder_app", "/apps"},
 };
 
 constexpr std::string_view previewableExtensions[] = {"jpg", "jpeg", "png", "tiff", "tif",
@@ -94,11 +108,18 @@ std::string_view iconForFile(std::string_view filename) {
 }
 
 std::string_view iconForFolder(std::string_view lowercasePath, bool isShared) {
-  if (isShared) return "folder_user";
-  if (lowercasePath == "/public") return "folder_public";
-  if (lowercasePath == "/camera uploads") return "folder_camera";
-  if (lowercasePath == "/apps") return "folder_app";
-  return "folder";
+  if (isShared) return sharedFolderIcon;
+  for (const FolderRow& row : folderRows) {
+    if (row.lowercasePath == lowercasePath) return row.icon;
+  }
+  return folderIcon;
+}
+
+std::vector<std::string_view> allIconNames() {
+  std::vector<std::string_view> names{unknownIcon, folderIcon, sharedFolderIcon};
+  for (const IconRow& row : iconRows) names.push_back(row.icon);
+  for (const FolderRow& row : folderRows) names.push_back(row.icon);
+  return names;
 }
 
 bool isPreviewable(std::string_view filename, std::int64_t sizeBytes) {

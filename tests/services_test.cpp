@@ -1,4 +1,6 @@
 #include <atomic>
+#include <filesystem>
+#include <set>
 #include <thread>
 
 #include "foundation/NSBundle.h"
@@ -7,6 +9,7 @@
 #include "foundation/NSString.h"
 #include "plugin/KZVDropboxFSClass.h"
 #include "plugin/KZVDropboxFSGlobals.h"
+#include "sdk/IconNames.h"
 #include "tests/PluginFixture.h"
 
 namespace {
@@ -87,6 +90,20 @@ TEST_F(ServicesTest, IconsComeFromTheBundle) {
   NSErrorRef error;
   EXPECT_EQ(ada->icon("/never", &error), nullptr);
   EXPECT_EQ(error->code(), 404);
+}
+
+TEST_F(ServicesTest, TheBundleHasAPictureForEachIconNameAndNoOther) {
+  std::set<std::string> needed{"dropboxcontextmenu.png"};
+  for (const std::string_view name : allIconNames()) needed.insert(std::string(name) + "48.png");
+  std::set<std::string> found;
+  for (const auto& file : std::filesystem::directory_iterator(KZV_BUNDLE_PATH "/Resources")) {
+    if (file.path().extension() == ".png") found.insert(file.path().filename());
+  }
+  EXPECT_EQ(found, needed);
+  for (const std::string& name : found) {
+    const auto picture = NSImage::imageNamed(name.substr(0, name.size() - 4));
+    EXPECT_TRUE(picture && picture->width() == 48 && picture->height() == 48) << name;
+  }
 }
 
 TEST_F(ServicesTest, SpaceMayBeLessThanNothing) {

@@ -193,8 +193,6 @@ ICONS = {
     "page_white_code48": page(
         stroke("M17.5 22.5l-5 6.5 5 6.5M30.5 22.5l5 6.5-5 6.5", BLUE, 3), stroke("M26.5 20.5l-5 17", SLATE, 2.5)),
     "page_white_c48": page(stroke("M30.8 23A8.7 8.7 0 1 0 30.8 35", BLUE, 4.5)),
-    "page_white_cplusplus48": page(
-        stroke("M20.4 25.1A5.2 5.2 0 1 0 20.4 32.9", INDIGO, 3), line("M23 29h6M26 26v6M31 29h6M34 26v6", INDIGO, 2)),
     "page_white_h48": page(stroke("M17.5 18v20.5M17.5 31c0-3.8 2.8-6 6.5-6s6.5 2.2 6.5 6v7.5", PURPLE, 4.5)),
     "page_white_csharp48": page(
         stroke("M21.7 25.1A5.6 5.6 0 1 0 21.7 32.9", GREEN, 3),
