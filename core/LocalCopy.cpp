@@ -41,12 +41,13 @@ int copyBytes(int from, int to, const std::function<bool()>& goesOn) {
     if (!goesOn()) return ECANCELED;
     const ssize_t count = throughKernel ? ::copy_file_range(from, nullptr, to, nullptr, stepBytes, 0)
                                         : copyThroughMemory(from, to);
-    if (count == 0 && throughKernel && ::lseek(to, 0, SEEK_CUR) == 0) {
-      throughKernel = false;  // some virtual disks report the end at once
+    const bool isRefused = count < 0 && throughKernel && errno != ENOSPC && errno != EDQUOT && errno != EIO;
+    // Some virtual disks report the end at once.
+    const bool isIgnored = count == 0 && throughKernel && ::lseek(to, 0, SEEK_CUR) == 0;
+    if (isRefused || isIgnored) {
+      throughKernel = false;
     } else if (count == 0) {
       return 0;
-    } else if (count < 0 && throughKernel && errno != ENOSPC && errno != EDQUOT && errno != EIO) {
-      throughKernel = false;
     } else if (count < 0 && errno != EINTR) {
       return errno;
     }
