@@ -151,12 +151,18 @@ TEST_F(CommandsTest, SpaceSummaryLinksAndPicturesAreOneCommandEach) {
       {{"--json", "share", "/Docs/a.txt"}, 0, "{\"url\":\"http"},
       {{"--json", "icon", "/Docs/a.txt", "--out", icon}, 0, "{\"width\":48,\"height\":48}"},
       {{"preview", "/Docs/a.txt", "--out", icon}, 1, ""},
+      {{"put", icon, "/Docs/icon.png"}, 0, "icon.png"},
+      {{"--json", "preview", "/Docs/icon.png", "--out", icon}, 0, "{\"width\":48,\"height\":48}"},
   };
   for (const Case& c : cases) {
     const auto outcome = kzv(c.arguments);
     EXPECT_EQ(outcome.exitStatus, c.exitStatus) << c.arguments[0] << ": " << outcome.errors;
     EXPECT_NE(outcome.output.find(c.output), std::string::npos) << outcome.output;
   }
+  EXPECT_EQ(kzv({"share", "/Docs/a.txt"}).output, kzv({"share", "/Docs/A.TXT"}).output) << "one link";
+  standIn.settings({{"account", "ada-token"}, {"quota", 2}});
+  const json::value space = json::parse(kzv({"--json", "df"}).output);
+  EXPECT_LT(space.at("free").to_number<std::int64_t>(), 0) << "more is used than there is";
 }
 
 TEST_F(CommandsTest, TokensAreSeenInNoOutputAndNoReadableFileAndDieWithTheAccount) {

@@ -77,6 +77,23 @@ TEST_F(ServicesTest, OnlyPicturesHavePreviewsAndBrokenOnesDoNoHarm) {
   for (const char* path : {"/", "/Docs", "/Docs/text.txt", "/broken.png", "/huge.bmp", "/never.png"}) {
     EXPECT_EQ(preview(path), nullptr) << path;
   }
+  struct Answer {
+    const char* body;
+    bool isPicture;
+  };
+  const Answer answers[] = {
+      {"P6 1 1 255\nabc", true},          {"no picture", false},   {"P6 60000 60000 255\nabc", false},
+      {"P6 1 999999999999 255\n", false}, {"P6 0 0 255\n", false}, {"GIF89a\x7f\x7f\x7f\x7f", false}};
+  int number = 0;
+  for (const Answer& answer : answers) {  // the service may send anything
+    const std::string path = "/picture" + std::to_string(++number) + ".png";
+    storePicture(path);
+    standIn.fault(
+        {{"route", "files/get_thumbnail_v2"}, {"times", 1}, {"status", 200}, {"body", answer.body}});
+    EXPECT_EQ(preview(path) != nullptr, answer.isPicture) << answer.body;
+    EXPECT_EQ(standIn.faultHits(), 1);
+    standIn.clearFaults();
+  }
 }
 
 TEST_F(ServicesTest, IconsComeFromTheBundle) {
