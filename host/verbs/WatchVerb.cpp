@@ -42,7 +42,9 @@ class WatchVerb final : public Verb {
             "  kzv watch /Documents /Photos"};
   }
   void declare(CLI::App& command) override {
-    command.add_option("PATH", typed_, "Folders of the account; what is below them counts, too")->required();
+    command
+        .add_option("PATH", typed_, "Folders of the account; a change counts when it is in the folder itself")
+        ->required();
   }
 
   void run(VerbContext& context) override {
