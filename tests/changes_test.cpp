@@ -148,6 +148,7 @@ TEST_F(ChangesTest, PollsThatFailLoseNothing) {
   ada->startWatchFolder(folder);
   standIn.fault(
       {{"route", "files/list_folder/continue"}, {"times", 9}, {"status", 500}});  // each poll asks thrice
+  while (standIn.faultHits() == 0) std::this_thread::yield();  // a poll that had left before sees the change
   standIn.write("/Docs/b.txt", "two");
   EXPECT_TRUE(NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 30s));
   EXPECT_EQ(standIn.faultHits(), 9);
