@@ -19,7 +19,7 @@ constexpr std::size_t kMaxStateBytes = 500;
 
 using Fields = std::map<std::string, std::string>;
 
-std::string fieldOr(const Fields& fields, const std::string& name, std::string fallback = {}) {
+std::string fieldOr(const Fields& fields, const std::string& name, const std::string& fallback = {}) {
   const auto found = fields.find(name);
   return found == fields.end() ? fallback : found->second;
 }
@@ -35,7 +35,7 @@ struct SignInRequest {
 class PendingRequests {
  public:
   std::string add(SignInRequest request, std::int64_t now) {
-    const std::string ticket = base64UrlEncode(randomBytes(24));
+    std::string ticket = base64UrlEncode(randomBytes(24));
     const std::lock_guard<std::mutex> lock(mutex_);
     for (auto old = pending_.begin(); old != pending_.end();) {
       old = old->second.expires < now ? pending_.erase(old) : std::next(old);
@@ -45,7 +45,7 @@ class PendingRequests {
     return ticket;
   }
 
-  /// @param keep  the request stays pending: the form was filled in wrongly.
+  /// Nothing when it is unknown or too old. It stays pending, since a form may be filled in wrongly.
   std::optional<SignInRequest> find(const std::string& ticket, std::int64_t now) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = pending_.find(ticket);

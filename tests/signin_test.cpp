@@ -365,7 +365,11 @@ TEST(DesktopClient, TheFolderIsKnownOrUnknownButNeverAProblem) {
       {"a device without an end", [&] { fs::create_symlink("/dev/zero", file); }, std::nullopt},
       {"a link to itself", [&] { fs::create_symlink(file, file); }, std::nullopt},
       {"100 MB",
-       [&] { home.writeInformation(R"({"personal":{"path":"/d"}})" + std::string(100'000'000, ' ')); },
+       [&] {
+         std::string text = R"({"personal":{"path":"/d"}})";
+         text.resize(100'000'000, ' ');
+         home.writeInformation(text);
+       },
        std::nullopt},
   };
   const std::string log = home.userHome.path() + "/log";
@@ -506,6 +510,19 @@ TEST_F(LinkCommandTest, ATakenPortIsGoneRoundAndOneThatWasGivenUpIsFree) {
     waiting = start({"link", "--no-browser"});
     EXPECT_EQ(redirectOf(*waiting), address);
   }
+}
+
+TEST_F(LinkCommandTest, TheDesktopsOwnBrowserShowsThePage) {
+  for (const char* name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME"}) setenv(name, userHome.path().c_str(), 1);
+  fs::create_directories(userHome.path() + "/applications");
+  std::ofstream(userHome.path() + "/applications/browser.desktop")
+      << "[Desktop Entry]\nType=Application\nName=Browser\nExec=curl -sL --noproxy * -o /dev/null %u\n";
+  std::ofstream(userHome.path() + "/mimeapps.list")
+      << "[Default Applications]\nx-scheme-handler/http=browser.desktop\n";
+  standIn.settings({{"approve", "auto"}, {"approve_as", "ada@example.com"}});
+  const auto outcome = run({"link"});
+  EXPECT_EQ(outcome.exitStatus, 0) << outcome.errors;
+  EXPECT_EQ(outcome.output.find("linked Ada (dbid:"), 0U) << outcome.output;
 }
 
 TEST_F(LinkCommandTest, NeitherCodeNorTokenIsEverShown) {
