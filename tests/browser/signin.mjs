@@ -58,8 +58,10 @@ class Program {
     return bounded(rest(), `the end of a program (${this.output}${this.errors})`);
   }
 
-  stop() {
-    this.process.kill('SIGKILL');
+  /// Lets it clear up after itself.
+  async stop() {
+    this.process.kill('SIGTERM');
+    await bounded(this.ended, 'a program to stop').catch(() => this.process.kill('SIGKILL'));
   }
 }
 
@@ -213,6 +215,6 @@ try {
   }
 } finally {
   await browser?.close();
-  for (const program of programs) program.stop();
+  await Promise.all(programs.map((program) => program.stop()));
   rmSync(home, { recursive: true, force: true });
 }
