@@ -186,6 +186,8 @@ class KZVDropboxFileManager final : public NSObject,
   void applyReset(bool hadCursor, Changes& changes);
   void applyEntry(const DBDeltaEntry& entry, bool hadCursor, Changes& changes);
   void reportChanges(Changes changes);
+  /// The same for what a caller has just changed: local copies have gone when it is told that it is done.
+  void reportOwnChanges(Changes changes);
 
   /// What the cache knows of `key`: its record, or an empty one when its folder's listing does not hold it;
   /// nothing when the cache cannot tell.

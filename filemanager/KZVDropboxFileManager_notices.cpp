@@ -9,6 +9,12 @@ std::shared_ptr<NSThread> KZVDropboxFileManager::dropboxThread() { return dropbo
 
 double KZVDropboxFileManager::deltaInterval() { return deltaUpdateInterval(); }
 
+void KZVDropboxFileManager::reportOwnChanges(Changes changes) {
+  for (const std::string& file : changes.files) KZVDropboxFS::_changed_file(file, userId);
+  changes.files.clear();
+  reportChanges(std::move(changes));
+}
+
 void KZVDropboxFileManager::reportChanges(Changes changes) {
   if (changes.folders.empty() && changes.files.empty()) return;
   // In the background: neither the service thread nor a caller may wait for what watchers do.

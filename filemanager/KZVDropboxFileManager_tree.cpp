@@ -28,10 +28,11 @@ bool KZVDropboxFileManager::moveFrom(const std::string& path, const std::string&
     }
     const auto files = metaCache->removeSubtree(key);
     replaced.files.insert(files.begin(), files.end());
+    replaced.files.insert(key);
     metaCache->remove(deletingLastPathComponent(key));
     metaCache->store(key, record);
   });
-  reportChanges(std::move(replaced));
+  reportOwnChanges(std::move(replaced));
   return true;
 }
 
@@ -61,6 +62,7 @@ void KZVDropboxFileManager::forget(const std::string& path) {
   synced(*metaCache, [&] {
     const auto files = metaCache->removeSubtree(key);
     dropped.files.insert(files.begin(), files.end());
+    dropped.files.insert(key);
     for (std::string parent = key; parent != "/";) {
       parent = deletingLastPathComponent(parent);
       const bool wasKnown = metaCache->find(parent) != nullptr;
@@ -68,7 +70,7 @@ void KZVDropboxFileManager::forget(const std::string& path) {
       if (wasKnown) break;
     }
   });
-  reportChanges(std::move(dropped));
+  reportOwnChanges(std::move(dropped));
 }
 
 void KZVDropboxFileManager::createdFolder(DBRestClient& client, const MetadataRef& metadata) {

@@ -138,6 +138,7 @@ void KZVDropboxFileManager::noteUploaded(const std::string& askedKey, const Meta
   const bool isMended = synced(*metaCache, [&] {
     const auto files = metaCache->removeSubtree(key);
     replaced.files.insert(files.begin(), files.end());
+    replaced.files.insert(key);
     const MetadataRef folder = metaCache->find(parent);
     if (!folder || !folder->contents()) return false;
     metaCache->remove(parent);  // a fetch of it that is under way is out of date
@@ -145,7 +146,7 @@ void KZVDropboxFileManager::noteUploaded(const std::string& askedKey, const Meta
     metaCache->store(key, record);
     return true;
   });
-  reportChanges(std::move(replaced));
+  reportOwnChanges(std::move(replaced));
   if (isMended) return;
   forget(key);
   synced(*metaCache, [&] { metaCache->store(key, record); });

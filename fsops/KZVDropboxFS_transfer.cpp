@@ -58,7 +58,11 @@ std::shared_ptr<NSURL> KZVDropboxFS::makeLocalCopy(const std::string& path, cons
   if (folder.empty()) return nullptr;
   auto copy = record->isDirectory() ? copyFolder(path, folder, progress, error)
                                     : copyFile(*record, path, folder, std::move(progress), error);
-  if (copy) cache().setUrl(copy, key);
+  if (!copy) return nullptr;
+  cache().setUrl(copy, key);
+  // What changed while it was fetched was told before there was a copy to drop.
+  if (!record->isDirectory() && requiredManager().knownRevision(path) != record->rev())
+    cache().invalidate(key);
   return copy;
 }
 

@@ -485,6 +485,13 @@ TEST_F(TransferTest, OwnChangesAreSeenAtOnce) {
   ASSERT_TRUE(ada->removeItemAtPath("/New", nullptr));
   expectTruth("rm");
   EXPECT_FALSE(ada->isExists("/New/Folders"));
+  for (std::size_t size = 1; size <= 20; ++size) {
+    ASSERT_TRUE(put(makeFile("file", size), "/PAPERS/Report.txt"));
+    const auto copy = get("/papers/REPORT.txt");
+    ASSERT_NE(copy, nullptr);
+    ASSERT_EQ(fs::file_size(copy->path()), size) << "an older copy was given";
+    ada->releaseFileUrl(*copy);
+  }
   standIn.forgetRequests();
   EXPECT_TRUE(ada->createDirectoryAtPath("/PAPERS", nullptr, &error));
   EXPECT_EQ(standIn.requests(), (std::map<std::string, int>()));
