@@ -320,6 +320,7 @@ int MountedVolume::renameRemote(RenamePlan& plan, const IsInterrupted& isInterru
   std::vector<MountNodeRef> watched;
   {
     const std::lock_guard lock(treeMutex_);
+    plan.source->isRemote = true;
     MountTree::collectWatched(*plan.source, watched);
   }
   if (const auto content = contentOf(plan.source)) {
@@ -334,13 +335,26 @@ int MountedVolume::renameRemote(RenamePlan& plan, const IsInterrupted& isInterru
   return 0;
 }
 
-/// Gives the source its new place in the tree, and what waits in the journal its new path.
+/// Gives the source its new place in the tree, and what waits in the journal its new path. A listing may have
+/// come first: it has taken the source away, or put another node at its new place, or both.
 void MountedVolume::hang(RenamePlan& plan) {
   std::vector<MountNodeRef> files;
   std::vector<std::string> paths;
   {
     const std::lock_guard lock(treeMutex_);
-    tree_.move(plan.source, *plan.toFolder, plan.toName);
+    const bool isThere = tree_.holds(*plan.source);
+    if (!tree_.holds(*plan.toFolder)) {
+      tree_.remove(plan.source);  // the folder was deleted elsewhere just now
+      return;
+    }
+    if (const auto other = tree_.child(*plan.toFolder, plan.toName); other && other != plan.source)
+      tree_.remove(other);
+    if (isThere) {
+      tree_.move(plan.source, *plan.toFolder, plan.toName);
+    } else {
+      if (plan.source->isFolder) plan.source->inside->listing = MountNode::Inside::Listing::unknown;
+      tree_.add(*plan.toFolder, plan.source, plan.toName);
+    }
     MountTree::collectContents(*plan.source, files);
     for (const auto& file : files) paths.push_back(MountTree::pathOf(*file));
   }
