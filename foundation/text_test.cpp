@@ -1,3 +1,4 @@
+#include <functional>
 #include <limits>
 #include <optional>
 
@@ -13,91 +14,61 @@
 
 using namespace std::string_literals;
 
+namespace {
+
+/// Most functions of this file: one text becomes another.
+struct Row {
+  const char* name;
+  std::string in;
+  std::string out;
+};
+void check(std::initializer_list<Row> rows, const std::function<std::string(const std::string&)>& function) {
+  for (const Row& row : rows) EXPECT_EQ(function(row.in), row.out) << row.name;
+}
+
+}  // namespace
+
 TEST(Paths, Components) {
   struct Case {
-    const char* name;
-    const char* path;
-    const char* last;
-    const char* parent;
+    const char *path, *last, *parent;
   };
-  const Case cases[] = {{"absolute", "/a/b", "b", "/a"},
-                        {"trailing slash", "/a/b/", "b", "/a"},
-                        {"one level", "/a", "a", "/"},
-                        {"one level, trailing slash", "/a/", "a", "/"},
-                        {"root", "/", "/", "/"},
-                        {"empty", "", "", ""},
-                        {"relative", "a", "a", ""},
-                        {"relative, two levels", "a/b", "b", "a"},
-                        {"run of slashes", "/a//b", "b", "/a"},
-                        {"run at the end", "/a/b///", "b", "/a"},
-                        {"only slashes", "///", "/", "/"},
-                        {"double slash at front", "//a", "a", "/"},
-                        {"dots are names", "/a/..", "..", "/a"},
-                        {"not ASCII", "/\u00e9/\u00fc x", "\u00fc x", "/\u00e9"}};
+  const Case cases[] = {{"/a/b", "b", "/a"}, {"/a/b/", "b", "/a"}, {"/a", "a", "/"},     {"/", "/", "/"},
+                        {"", "", ""},        {"a", "a", ""},       {"a/b", "b", "a"},    {"/a//b", "b", "/a"},
+                        {"///", "/", "/"},   {"//a", "a", "/"},    {"/a/..", "..", "/a"}};
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(lastPathComponent(c.path), c.last);
-    EXPECT_EQ(deletingLastPathComponent(c.path), c.parent);
+    EXPECT_EQ(lastPathComponent(c.path), c.last) << c.path;
+    EXPECT_EQ(deletingLastPathComponent(c.path), c.parent) << c.path;
   }
 }
 
 TEST(Paths, Appending) {
   struct Case {
-    const char* name;
-    const char* path;
-    const char* component;
-    const char* joined;
+    const char *path, *component, *joined;
   };
-  const Case cases[] = {{"plain", "/a", "b", "/a/b"},
-                        {"slash on the left", "/a/", "b", "/a/b"},
-                        {"slash on the right", "/a", "/b", "/a/b"},
-                        {"slash on both", "/a/", "/b", "/a/b"},
-                        {"root", "/", "a", "/a"},
-                        {"to nothing", "", "a", "a"},
-                        {"nothing", "/a", "", "/a"},
-                        {"runs collapse", "//a//b", "c//d", "/a/b/c/d"},
-                        {"two levels", "/a", "b/c", "/a/b/c"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(appendingPathComponent(c.path, c.component), c.joined);
-  }
+  const Case cases[] = {{"/a", "b", "/a/b"}, {"/a/", "/b", "/a/b"}, {"/", "a", "/a"},
+                        {"", "a", "a"},      {"/a", "", "/a"},      {"//a//b", "c//d", "/a/b/c/d"}};
+  for (const Case& c : cases) EXPECT_EQ(appendingPathComponent(c.path, c.component), c.joined) << c.joined;
 }
 
 TEST(Paths, LowercaseExtension) {
-  struct Case {
-    const char* name;
-    const char* path;
-    const char* extension;
-  };
-  const Case cases[] = {{"plain", "/a/b.txt", "txt"},           {"upper case", "b.JPG", "jpg"},
-                        {"the last of two", "a.tar.gz", "gz"},  {"hidden file", "/a/.profile", ""},
-                        {"hidden with extension", ".a.b", "b"}, {"none", "/a.b/c", ""},
-                        {"dot at the end", "a.", ""},           {"not ASCII", "a.\u00c9T", "\u00e9t"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(lowercasePathExtension(c.path), c.extension);
-  }
+  check({{"upper case", "/a/b.JPG", "jpg"},
+         {"the last of two", "a.tar.gz", "gz"},
+         {"hidden file", "/a/.profile", ""},
+         {"hidden with extension", ".a.b", "b"},
+         {"none", "/a.b/c", ""},
+         {"dot at the end", "a.", ""},
+         {"not ASCII", "a.\u00c9T", "\u00e9t"}},
+        lowercasePathExtension);
 }
 
 TEST(Unicode, Lowercasing) {
-  struct Case {
-    const char* name;
-    std::string text;
-    std::string lower;
-  };
-  const Case cases[] = {{"ASCII", "AZaz09_[", "azaz09_["},
-                        {"Latin", "\u00c9TUDE", "\u00e9tude"},
-                        {"Greek, final sigma", "\u03a3\u0391\u03a3", "\u03c3\u03b1\u03c2"},
-                        {"grows: dotted I", "\u0130", "i\u0307"},
-                        {"no locale: I is i", "I", "i"},
-                        {"beyond the first plane", "\U00010400", "\U00010428"},
-                        {"sharp s stays", "\u00df", "\u00df"},
-                        {"bytes that are no UTF-8 stay", "A\xff\x80Z", "a\xff\x80z"},
-                        {"half a surrogate pair stays", "A\xed\xa0\x80Z", "a\xed\xa0\x80z"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(lowercased(c.text), c.lower);
-  }
+  check({{"ASCII", "AZaz09_[", "azaz09_["},
+         {"Greek, final sigma", "\u03a3\u0391\u03a3", "\u03c3\u03b1\u03c2"},
+         {"grows: dotted I", "\u0130", "i\u0307"},
+         {"no locale: I is i", "I", "i"},
+         {"bytes that are no UTF-8 stay", "A\xff\x80Z", "a\xff\x80z"},
+         {"half a surrogate pair stays", "A\xed\xa0\x80Z", "a\xed\xa0\x80z"}},
+        lowercased);
 }
 
 TEST(Unicode, CanonicalCompare) {
@@ -111,10 +82,7 @@ TEST(Unicode, CanonicalCompare) {
                         {"composed and decomposed", "caf\u00e9", "cafe\u0301", 0},
                         {"order of marks", "a\u0323\u0302", "a\u0302\u0323", 0},
                         {"case counts", "A", "a", -1},
-                        {"digits are no numbers", "10", "9", -1},
-                        {"prefix first", "a", "ab", -1},
                         {"code units, not code points", "\U00010400", "\uff5e", -1},
-                        {"accent after plain", "e", "\u00e9", -1},
                         {"different bytes that are no UTF-8", "\xfe", "\xff", -1},
                         {"no UTF-8 is not the replacement character", "\ufffd", "\xff", -1}};
   for (const Case& c : cases) {
@@ -131,25 +99,21 @@ TEST(ByteCount, ForPeople) {
     std::int64_t bytes;
     const char* text;
   };
-  const Case cases[] = {
-      {0, "Zero KB"},
-      {1, "1 byte"},
-      {999, "999 bytes"},
-      {1'000, "1 KB"},
-      {1'499, "1 KB"},
-      {1'500, "2 KB"},
-      {999'499, "999 KB"},
-      {999'999, "1 MB"},
-      {1'500'000, "1.5 MB"},
-      {2'000'000'000, "2 GB"},
-      {1'234'567'890, "1.23 GB"},
-      {1'235'000'000, "1.24 GB"},
-      {999'995'000'000, "1 TB"},
-      {-1, "-1 byte"},
-      {-5'000, "-5 KB"},
-      {std::numeric_limits<std::int64_t>::max(), "9223.37 PB"},
-      {std::numeric_limits<std::int64_t>::min(), "-9223.37 PB"},
-  };
+  constexpr auto most = std::numeric_limits<std::int64_t>::max();
+  const Case cases[] = {{0, "Zero KB"},
+                        {1, "1 byte"},
+                        {999, "999 bytes"},
+                        {1'499, "1 KB"},
+                        {1'500, "2 KB"},
+                        {999'499, "999 KB"},
+                        {999'999, "1 MB"},
+                        {1'500'000, "1.5 MB"},
+                        {1'235'000'000, "1.24 GB"},
+                        {999'995'000'000, "1 TB"},
+                        {-1, "-1 byte"},
+                        {-5'000, "-5 KB"},
+                        {most, "9223.37 PB"},
+                        {-most - 1, "-9223.37 PB"}};
   for (const Case& c : cases) EXPECT_EQ(stringFromByteCount(c.bytes), c.text) << c.bytes;
 }
 
@@ -161,22 +125,16 @@ TEST(DecimalNumber, Text) {
   };
   const std::string digits38 = "12345678901234567890123456789012345678";
   const Case cases[] = {
-      {"integer", "42", "42"},
       {"signs", "+5", "5"},
       {"negative", "-0.50", "-0.5"},
-      {"positive exponent", "1e3", "1000"},
       {"negative exponent", "1E-3", "0.001"},
-      {"zeros after the point", "1.500", "1.5"},
       {"zeros in front", "007", "7"},
       {"minus zero", "-0", "0"},
       {"zero with any exponent", "0e999999999999", "0"},
       {"38 digits", digits38, digits38},
-      {"38 digits after the point", "0." + digits38, "0." + digits38},
       {"39 digits, half goes up", digits38 + "5", "123456789012345678901234567890123456790"},
-      {"39 digits, less goes down", digits38 + "4", digits38 + "0"},
       {"negative half goes away from zero", "-" + digits38 + "5", "-123456789012345678901234567890123456790"},
       {"rounding carries through", std::string(39, '9'), "1" + std::string(39, '0')},
-      {"greatest exponent", "1e127", "1" + std::string(127, '0')},
       {"greatest number", std::string(38, '9') + "e127", std::string(38, '9') + std::string(127, '0')},
       {"exponent moves into the digits", "1e164", "1" + std::string(164, '0')},
       {"too large", "1e165", std::nullopt},
@@ -188,18 +146,13 @@ TEST(DecimalNumber, Text) {
       {"long fraction meets its exponent", "0." + std::string(1'000'009, '0') + "1e1000012", "100"},
       {"empty", "", std::nullopt},
       {"no digit before the point", ".5", std::nullopt},
-      {"no digit after the point", "5.", std::nullopt},
-      {"no digit in the exponent", "1e", std::nullopt},
       {"two signs", "--1", std::nullopt},
       {"blank", " 1", std::nullopt},
-      {"trailing text", "1x", std::nullopt},
       {"NUL", "1\0"s, std::nullopt}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     const auto number = NSDecimalNumber::fromString(c.text);
-    ASSERT_EQ(number != nullptr, c.value.has_value());
-    if (!number) continue;
-    EXPECT_EQ(number->stringValue(), *c.value);
+    EXPECT_EQ(number ? std::optional(number->stringValue()) : std::nullopt, c.value);
   }
 }
 
@@ -221,19 +174,13 @@ TEST(Number, Text) {
   };
   const Case cases[] = {
       {"true", NSNumber::withBool(true), "1"},
-      {"false", NSNumber::withBool(false), "0"},
       {"byte", NSNumber::withChar(-3), "-3"},
       {"least integer", NSNumber::withInt(std::numeric_limits<std::int64_t>::min()), "-9223372036854775808"},
       {"whole double", NSNumber::withDouble(1), "1"},
-      {"tenth", NSNumber::withDouble(0.1), "0.1"},
       {"16 digits", NSNumber::withDouble(1.0 / 3), "0.3333333333333333"},
       {"large double", NSNumber::withDouble(1e21), "1e+21"},
-      {"float has 7 digits", NSNumber::withFloat(0.1F), "0.1"},
-      {"third of a float", NSNumber::withFloat(1.0F / 3), "0.3333333"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(c.number->stringValue(), c.text);
-  }
+      {"float has 7 digits", NSNumber::withFloat(0.1F), "0.1"}};
+  for (const Case& c : cases) EXPECT_EQ(c.number->stringValue(), c.text) << c.name;
 }
 
 TEST(Number, Equality) {
@@ -287,15 +234,12 @@ TEST(Date, Iso8601) {
     std::optional<long> sinceEpoch;  // seconds
   };
   const Case cases[] = {{"epoch", "1970-01-01T00:00:00Z", 0},
-                        {"before", "1969-12-31T23:59:59Z", -1},
                         {"leap day", "2024-02-29T12:30:15Z", 1709209815},
                         {"no leap day", "2023-02-29T00:00:00Z", std::nullopt},
-                        {"month 13", "2023-13-01T00:00:00Z", std::nullopt},
                         {"hour 24", "2023-01-01T24:00:00Z", std::nullopt},
                         {"no zone", "2023-01-01T00:00:00", std::nullopt},
                         {"sign for a digit", "2023-01-+1T00:00:00Z", std::nullopt},
                         {"beyond the clock", "9999-12-31T23:59:59Z", std::nullopt},
-                        {"before the clock", "0001-01-01T00:00:00Z", std::nullopt},
                         {"empty", "", std::nullopt}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -309,45 +253,31 @@ TEST(Date, Iso8601) {
 }
 
 TEST(Url, FilePaths) {
-  struct Case {
-    const char* name;
-    std::string path;
-    std::string url;
-  };
-  const Case cases[] = {{"plain", "/a/b.txt", "file:///a/b.txt"},
-                        {"blank", "/a b", "file:///a%20b"},
-                        {"percent", "/100%", "file:///100%25"},
-                        {"looks encoded", "/a%20b", "file:///a%2520b"},
-                        {"query and fragment", "/a?b#c", "file:///a%3Fb%23c"},
-                        {"not ASCII", "/\u00e9", "file:///%C3%A9"},
-                        {"no UTF-8", "/\xff", "file:///%FF"},
-                        {"trailing slash", "/a/", "file:///a/"}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const auto url = NSURL::fileURLWithPath(c.path);
+  const Row rows[] = {{"blank", "/a b", "file:///a%20b"},
+                      {"looks encoded", "/a%20b", "file:///a%2520b"},
+                      {"query and fragment", "/a?b#c", "file:///a%3Fb%23c"},
+                      {"not ASCII", "/\u00e9", "file:///%C3%A9"},
+                      {"no UTF-8", "/\xff", "file:///%FF"},
+                      {"trailing slash", "/a/", "file:///a/"}};
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const auto url = NSURL::fileURLWithPath(row.in);
     ASSERT_TRUE(url);
-    EXPECT_EQ(url->absoluteString(), c.url);
-    EXPECT_EQ(url->path(), c.path);
-    EXPECT_TRUE(url->isEqual(NSURL(c.url)));
+    EXPECT_EQ(url->absoluteString(), row.out);
+    EXPECT_EQ(url->path(), row.in);
   }
   EXPECT_EQ(NSURL::fileURLWithPath("relative"), nullptr);
   EXPECT_EQ(NSURL::fileURLWithPath("/a\0b"s), nullptr);
 }
 
 TEST(Url, PathOfForeignTexts) {
-  struct Case {
-    const char* name;
-    const char* url;
-    const char* path;
-  };
-  const Case cases[] = {
-      {"host", "file://localhost/a", "/a"},           {"lower-case digits", "file:///%c3%a9", "/\u00e9"},
-      {"broken escapes stay", "file:///a%2", "/a%2"}, {"no hexadecimal digit", "file:///%zz", "/%zz"},
-      {"query is no path", "file:///a?b", "/a"},      {"hidden NUL", "file:///etc%00/x", ""},
-      {"other scheme", "https://example.org/a", ""},  {"host only", "file://localhost", ""}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-
-    EXPECT_EQ(NSURL(c.url).path(), c.path);
-  }
+  check({{"host", "file://localhost/a", "/a"},
+         {"lower-case digits", "file:///%c3%a9", "/\u00e9"},
+         {"broken escapes stay", "file:///a%2", "/a%2"},
+         {"no hexadecimal digit", "file:///%zz", "/%zz"},
+         {"query is no path", "file:///a?b", "/a"},
+         {"hidden NUL", "file:///etc%00/x", ""},
+         {"other scheme", "https://example.org/a", ""},
+         {"host only", "file://localhost", ""}},
+        [](const std::string& url) { return NSURL(url).path(); });
 }
