@@ -40,7 +40,7 @@ class FileStore : public ::testing::Test {
     NSErrorRef error;
     ASSERT_TRUE(open()->save({userId, token, "r", 7}, &error)) << error->localizedDescription();
   }
-  ScratchFolder scratch;
+  TemporaryFolder scratch;
 };
 
 TEST_F(FileStore, KeepsAccountsInTheOrderOfLinking) {

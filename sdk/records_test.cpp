@@ -13,23 +13,19 @@ namespace {
 
 TEST(Record, KeepsWhatItWasBuiltFrom) {
   struct Case {
-    const char* name;
-    const char* path;
-    const char* lowercasePath;
-    const char* rev;
-    const char* filename;
+    const char *path, *lowercasePath, *rev, *filename;
   };
   const Case cases[] = {
-      {"root", "/", "/", "", "/"},
-      {"in the root", "/Report.PDF", "/report.pdf", "015f00aa11bb2cc", "Report.PDF"},
-      {"deep", "/A/b/C d", "/a/b/c d", "015f00aa11bb2cc330000000012d3e4", "C d"},
-      {"key that no lower-casing gives", "/\xCE\xA3\xCE\xA3", "/\xCF\x83\xCF\x83", "", "\xCE\xA3\xCE\xA3"},
-      {"leading zeros", "/a", "/a", "000000000", "a"},
-      {"rev of another form", "/a", "/a", "Rev-With-Other-Characters-And-More-Than-32-Of-Them", "a"},
-      {"upper-case rev", "/a", "/a", "0AF", "a"},
+      {"/", "/", "", "/"},
+      {"/Report.PDF", "/report.pdf", "015f00aa11bb2cc", "Report.PDF"},
+      {"/A/b/C d", "/a/b/c d", "015f00aa11bb2cc330000000012d3e4", "C d"},
+      {"/\xCE\xA3\xCE\xA3", "/\xCF\x83\xCF\x83", "", "\xCE\xA3\xCE\xA3"},  // a key that no lower-casing gives
+      {"/a", "/a", "000000000", "a"},
+      {"/a", "/a", "Rev-With-Other-Characters-And-More-Than-32-Of-Them", "a"},
+      {"/a", "/a", "0AF", "a"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(std::string(c.path) + " " + c.rev);
     DBMetadata::Fields fields;
     fields.path = c.path;
     fields.lowercasePath = c.lowercasePath;
@@ -39,8 +35,6 @@ TEST(Record, KeepsWhatItWasBuiltFrom) {
     EXPECT_EQ(record.lowercasePath(), c.lowercasePath);
     EXPECT_EQ(record.rev(), c.rev);
     EXPECT_EQ(record.filename(), c.filename);
-    EXPECT_FALSE(record.lastModifiedDate().has_value());
-    EXPECT_EQ(record.contents(), nullptr);
   }
 }
 
@@ -77,42 +71,38 @@ std::shared_ptr<const DBMetadata> read(const std::string& json, const char* fold
 TEST(RecordReader, TakesThePathFromTheFolderAndTheRestFromTheAnswer) {
   struct Case {
     const char* name;
-    const char* json;
+    const char* fields;  // of the answer
     const char* folder;  // null: not known
     const char* path;    // null: no record
     bool understood;
   };
   const Case cases[] = {
-      {"folder known", R"({".tag":"folder","name":"B","path_lower":"/a/b","path_display":"/a/B"})", "/A",
+      {"folder known", R"(".tag":"folder","name":"B","path_lower":"/a/b","path_display":"/a/B")", "/A",
        "/A/B", true},
-      {"in the root", R"({".tag":"folder","name":"B","path_lower":"/b","path_display":"/B"})", "/", "/B",
-       true},
-      {"folder not known", R"({".tag":"folder","name":"B","path_lower":"/a/b","path_display":"/A/B"})",
-       nullptr, "/A/B", true},
-      {"neither display path", R"({".tag":"folder","name":"B","path_lower":"/a/b"})", nullptr, "/a/B", true},
-      {"unknown kind", R"({".tag":"hologram","name":"B","path_lower":"/b"})", "/", nullptr, true},
-      {"no kind", R"({"name":"B","path_lower":"/b"})", "/", nullptr, false},
-      {"no name", R"({".tag":"folder","path_lower":"/b"})", "/", nullptr, false},
-      {"name is dots", R"({".tag":"folder","name":"..","path_lower":"/b"})", "/", nullptr, false},
-      {"name holds a slash", R"({".tag":"folder","name":"a/b","path_lower":"/b"})", "/", nullptr, false},
-      {"name holds NUL", R"({".tag":"folder","name":"a\u0000b","path_lower":"/b"})", "/", nullptr, false},
-      {"no path at all", R"({".tag":"folder","name":"B"})", nullptr, nullptr, false},
-      {"file without rev", R"({".tag":"file","name":"B","path_lower":"/b","size":1})", "/", nullptr, false},
-      {"negative size", R"({".tag":"file","name":"B","path_lower":"/b","rev":"111111111","size":-1})", "/",
+      {"in the root", R"(".tag":"folder","name":"B","path_lower":"/b","path_display":"/B")", "/", "/B", true},
+      {"folder not known", R"(".tag":"folder","name":"B","path_lower":"/a/b","path_display":"/A/B")", nullptr,
+       "/A/B", true},
+      {"no display path", R"(".tag":"folder","name":"B","path_lower":"/a/b")", nullptr, "/a/B", true},
+      {"unknown kind", R"(".tag":"hologram","name":"B","path_lower":"/b")", "/", nullptr, true},
+      {"no kind", R"("name":"B","path_lower":"/b")", "/", nullptr, false},
+      {"no name", R"(".tag":"folder","path_lower":"/b")", "/", nullptr, false},
+      {"name is dots", R"(".tag":"folder","name":"..","path_lower":"/b")", "/", nullptr, false},
+      {"name holds a slash", R"(".tag":"folder","name":"a/b","path_lower":"/b")", "/", nullptr, false},
+      {"name holds NUL", R"(".tag":"folder","name":"a\u0000b","path_lower":"/b")", "/", nullptr, false},
+      {"no path at all", R"(".tag":"folder","name":"B")", nullptr, nullptr, false},
+      {"file without rev", R"(".tag":"file","name":"B","path_lower":"/b","size":1)", "/", nullptr, false},
+      {"negative size", R"(".tag":"file","name":"B","path_lower":"/b","rev":"111111111","size":-1)", "/",
        nullptr, false},
-      {"size beyond all files",
-       R"({".tag":"file","name":"B","path_lower":"/b","rev":"111111111","size":18446744073709551615})", "/",
+      {"endless size",
+       R"(".tag":"file","name":"B","path_lower":"/b","rev":"111111111","size":18446744073709551615)", "/",
        nullptr, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     bool understood = false;
-    const auto record = read(c.json, c.folder, &understood);
+    const auto record = read("{" + std::string(c.fields) + "}", c.folder, &understood);
     EXPECT_EQ(understood, c.understood);
-    ASSERT_EQ(record != nullptr, c.path != nullptr);
-    if (record) {
-      EXPECT_EQ(record->path(), c.path);
-    }
+    EXPECT_EQ(record ? record->path() : "none", c.path ? c.path : "none");
   }
 }
 
@@ -153,19 +143,13 @@ TEST(Listing, HashFollowsTheContentsAndNotTheirOrder) {
 
 TEST(IconNames, FollowNameKindAndPlace) {
   struct Case {
-    const char* name;
-    const char* icon;
+    const char *name, *icon;
     bool preview;
   };
-  const Case cases[] = {{"a.pdf", "page_white_acrobat", false},
-                        {"a.JPeG", "page_white_picture", true},
-                        {"a.heic", "page_white_picture", false},
-                        {"a.tar.gz", "page_white_compressed", false},
-                        {"a.cpp", "page_white_code", false},
-                        {".pdf", "page_white", false},
-                        {"a.", "page_white", false},
-                        {"noext", "page_white", false},
-                        {"a.averyveryverylongextension", "page_white", false}};
+  const Case cases[] = {
+      {"a.pdf", "page_white_acrobat", false},  {"a.JPeG", "page_white_picture", true},
+      {"a.heic", "page_white_picture", false}, {"a.tar.gz", "page_white_compressed", false},
+      {".pdf", "page_white", false},           {"a.averyveryverylongextension", "page_white", false}};
   for (const Case& c : cases) {
     EXPECT_EQ(iconForFile(c.name), c.icon) << c.name;
     EXPECT_EQ(isPreviewable(c.name, 1000), c.preview) << c.name;

@@ -69,12 +69,10 @@ TEST(ServiceHosts, OnlySafeReplacementsAreTaken) {
     SCOPED_TRACE(c.name);
     NSErrorRef error;
     const ServiceHosts hosts = serviceHosts(c.replacement, &error);
-    ASSERT_EQ(error == nullptr, c.api != nullptr);
-    if (!c.api) {
-      EXPECT_EQ(error->code(), DBErrorServiceAddress);
-      continue;
+    EXPECT_EQ(error ? error->code() : 0, c.api ? 0 : DBErrorServiceAddress);
+    if (!error) {
+      EXPECT_EQ(hosts.api, c.api);
     }
-    EXPECT_EQ(hosts.api, c.api);
   }
 }
 
@@ -120,38 +118,34 @@ TEST(RetryPolicy, OnlyWhatCanPassIsRepeated) {
 }
 
 TEST(ErrorReader, CodesTellCasesApart) {
+  const auto path = [](const std::string& inner) {
+    return R"({"error":{".tag":"path","path":)" + inner + "}}";
+  };
+  std::string endless = R"({".tag":"path"})";
+  for (int level = 0; level < 10; ++level) endless = R"({".tag":"path","path":)" + endless + "}";
   struct Case {
     const char* name;
     long status;
-    const char* body;
+    std::string body;
     int code;
     const char* reason;
   };
   const Case cases[] = {
-      {"not found", 409, R"({"error":{".tag":"path","path":{".tag":"not_found"}}})", 404,
-       "nothing at this path"},
+      {"not found", 409, path(R"({".tag":"not_found"})"), 404, "nothing at this path"},
       {"bare text union", 409, R"({"error":"reset"})", 409, "started again"},
-      {"conflict with its kind", 409,
-       R"({"error":{".tag":"path","path":{".tag":"conflict","conflict":{".tag":"file"}}}})", 403,
-       "in the way"},
+      {"conflict", 409, path(R"({".tag":"conflict","conflict":{".tag":"file"}})"), 403, "in the way"},
       {"conflict of an upload", 409,
-       R"({"error":{".tag":"path","reason":{".tag":"conflict","conflict":{".tag":"file"}},"upload_session_id":"A"}})",
-       403, "in the way"},
-      {"no space", 409, R"({"error":{".tag":"path","path":{".tag":"insufficient_space"}}})", 507,
-       "not enough space"},
+       R"({"error":{".tag":"path","reason":{".tag":"conflict","conflict":{".tag":"file"}}}})", 403,
+       "in the way"},
+      {"no space", 409, path(R"({".tag":"insufficient_space"})"), 507, "not enough space"},
       {"too many files", 409, R"({"error":{".tag":"too_many_files"}})", 406, "too many files"},
       {"no preview", 409, R"({"error":{".tag":"unsupported_extension"}})", 415, "no preview"},
-      {"rate limit", 429, R"({"error":{"reason":{".tag":"too_many_requests"},"retry_after":15}})", 503,
-       "asks to wait"},
       {"rate limit as text", 429, "slow down", 503, "asks to wait"},
       {"writes in progress", 409, R"({"error":{".tag":"too_many_write_operations"}})", 503, "in progress"},
       {"token withdrawn", 401, R"({"error":{".tag":"invalid_access_token"}})", 401, "link the account again"},
-      {"unknown tag with a message", 409,
-       R"({"error":{".tag":"novel"},"user_message":{"text":"Be patient."}})", 409, ": Be patient."},
+      {"unknown tag", 409, R"({"error":{".tag":"novel"},"user_message":{"text":"Wait."}})", 409, ": Wait."},
       {"page of a proxy", 502, "<html>", 502, "status 502"},
-      {"endless nesting", 409,
-       R"({"error":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path","path":{".tag":"path"}}}}}}}}}})",
-       409, "status 409"},
+      {"endless nesting", 409, R"({"error":)" + endless + "}", 409, "status 409"},
       {"wrong shapes", 409, R"({"error":[7],"error_summary":7,"user_message":7})", 409, "status 409"},
   };
   for (const Case& c : cases) {
@@ -183,12 +177,6 @@ TEST(ErrorReader, QuotesNothingThatMightBeSecret) {
       "Error in call to API function \"x\": HTTP header \"Authorization\": bad value Bearer sl.secret";
   const NSErrorRef error = errorFromResponse(response, {"load", "/a"});
   EXPECT_EQ(error->userInfo()->description().find("sl.secret"), std::string::npos);
-}
-
-TEST(ErrorReader, TransportFailuresAreNegative) {
-  HttpResponse response;
-  response.curlCode = CURLE_COULDNT_CONNECT;
-  EXPECT_EQ(errorFromResponse(response, {"load", "/a"})->code(), -CURLE_COULDNT_CONNECT);
 }
 
 }  // namespace

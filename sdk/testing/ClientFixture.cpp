@@ -1,23 +1,12 @@
 #include "sdk/testing/ClientFixture.h"
 
 #include <cstdlib>
-#include <filesystem>
 
 #include "foundation/Paths.h"
 #include "foundation/Unicode.h"
 
 namespace {
 constexpr std::chrono::seconds patience{20};
-}
-
-ScratchFolder::ScratchFolder() {
-  std::string pattern = std::filesystem::temp_directory_path() / "kzv-sdk-XXXXXX";
-  path_ = ::mkdtemp(pattern.data());
-}
-
-ScratchFolder::~ScratchFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
 }
 
 CallbackThread::CallbackThread() {
@@ -45,10 +34,6 @@ void CallbackThread::run(std::function<void()> block) {
   done.get_future().wait();
 }
 
-void NotingDelegate::loadedMetadata(DBRestClient&, const MetadataRef& metadata) {
-  noteRecord("metadata " + metadata->path(), metadata);
-}
-void NotingDelegate::loadMetadataFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
 void NotingDelegate::loadedDeltaEntries(DBRestClient&, const std::vector<DBDeltaEntry>& entries, bool reset,
                                         const std::string& cursor, bool hasMore) {
   std::string text = "delta";
@@ -58,76 +43,10 @@ void NotingDelegate::loadedDeltaEntries(DBRestClient&, const std::vector<DBDelta
   }
   note(text + (reset ? " reset" : "") + (hasMore ? " more " : " ") + cursor);
 }
-void NotingDelegate::loadDeltaFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
+
 void NotingDelegate::loadedAccountInfo(DBRestClient&, const std::shared_ptr<DBAccountInfo>& info) {
   note("account " + info->userId() + " " + info->displayName() + " " + info->email() + " " +
        std::to_string(info->quota().totalConsumedBytes) + "/" + std::to_string(info->quota().totalBytes));
-}
-void NotingDelegate::loadAccountInfoFailedWithError(DBRestClient&, const NSErrorRef& error) {
-  noteError(error);
-}
-void NotingDelegate::restClientLoadedRequestToken(DBRestClient&) { note("sign-in begun"); }
-void NotingDelegate::restClientReceivedAuthorization(DBRestClient&) { note("answer came"); }
-void NotingDelegate::restClientLoadedAccessToken(DBRestClient&, const std::string& userId) {
-  note("linked " + userId);
-}
-void NotingDelegate::loadAccessTokenFailedWithError(DBRestClient&, const NSErrorRef& error) {
-  noteError(error);
-}
-void NotingDelegate::sessionDidReceiveAuthorizationFailure(DBSession&, const std::string& userId) {
-  note("authorization failure " + userId);
-}
-
-void NotingDelegate::loadedFile(DBRestClient&, const std::string& localPath) { note("file " + localPath); }
-void NotingDelegate::loadFileFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
-void NotingDelegate::loadProgress(DBRestClient& client, double fraction, const std::string&) {
-  noteProgress(client, fraction);
-}
-void NotingDelegate::loadedThumbnail(DBRestClient&, const std::string& localPath,
-                                     const MetadataRef& metadata) {
-  noteRecord("thumbnail " + localPath, metadata);
-}
-void NotingDelegate::loadThumbnailFailedWithError(DBRestClient&, const NSErrorRef& error) {
-  noteError(error);
-}
-void NotingDelegate::uploadedFile(DBRestClient&, const std::string& destinationPath, const std::string&,
-                                  const MetadataRef& metadata) {
-  noteRecord("uploaded " + destinationPath + " as " + metadata->path(), metadata);
-}
-void NotingDelegate::uploadFileFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
-void NotingDelegate::uploadProgress(DBRestClient& client, double fraction, const std::string&,
-                                    const std::string&) {
-  noteProgress(client, fraction);
-}
-void NotingDelegate::uploadedFileChunk(DBRestClient&, const std::string& uploadId, std::uint64_t newOffset,
-                                       const std::string&, NSDate::Time) {
-  note("chunk " + uploadId + " " + std::to_string(newOffset));
-}
-void NotingDelegate::uploadFileChunkFailedWithError(DBRestClient&, const NSErrorRef& error) {
-  noteError(error);
-}
-void NotingDelegate::uploadedFileFromUploadId(DBRestClient&, const std::string& destinationPath,
-                                              const std::string& uploadId, const MetadataRef& metadata) {
-  noteRecord("committed " + uploadId + " " + destinationPath + " as " + metadata->path(), metadata);
-}
-void NotingDelegate::uploadFromUploadIdFailedWithError(DBRestClient&, const NSErrorRef& error) {
-  noteError(error);
-}
-void NotingDelegate::createdFolder(DBRestClient&, const MetadataRef& metadata) {
-  noteRecord("created " + metadata->path(), metadata);
-}
-void NotingDelegate::createFolderFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
-void NotingDelegate::deletedPath(DBRestClient&, const std::string& path) { note("deleted " + path); }
-void NotingDelegate::deletePathFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
-void NotingDelegate::movedPath(DBRestClient&, const std::string& fromPath, const MetadataRef& metadata) {
-  noteRecord("moved " + fromPath + " to " + metadata->path(), metadata);
-}
-void NotingDelegate::movePathFailedWithError(DBRestClient&, const NSErrorRef& error) { noteError(error); }
-void NotingDelegate::loadedSharableLink(DBRestClient&, const std::string& link, const std::string& path) {
-  note("link " + path + " " + link);
-}
-void NotingDelegate::loadSharableLinkFailedWithError(DBRestClient&, const NSErrorRef& error) {
-  noteError(error);
 }
 
 void NotingDelegate::noteRecord(const std::string& text, const MetadataRef& metadata) {

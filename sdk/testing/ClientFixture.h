@@ -12,19 +12,7 @@
 #include "foundation/NSRunLoop.h"
 #include "sdk/DBRestClient.h"
 #include "sdk/testing/ScriptedServer.h"
-
-/// A folder that goes with the object.
-class ScratchFolder {
- public:
-  ScratchFolder();
-  ~ScratchFolder();
-  ScratchFolder(const ScratchFolder&) = delete;
-  ScratchFolder& operator=(const ScratchFolder&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+#include "testing/TemporaryFolder.h"
 
 /// A thread with a running run loop, as the client's callbacks need one.
 class CallbackThread {
@@ -42,41 +30,59 @@ class CallbackThread {
 /// Notes what the client and the session tell, each as one line: "metadata /a", "error 404".
 class NotingDelegate : public DBRestClientDelegate, public DBSessionDelegate {
  public:
-  void loadedMetadata(DBRestClient&, const MetadataRef& metadata) override;
-  void loadMetadataFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void loadedDeltaEntries(DBRestClient&, const std::vector<DBDeltaEntry>& entries, bool reset,
-                          const std::string& cursor, bool hasMore) override;
-  void loadDeltaFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void loadedAccountInfo(DBRestClient&, const std::shared_ptr<DBAccountInfo>& info) override;
-  void loadAccountInfoFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void restClientLoadedRequestToken(DBRestClient&) override;
-  void restClientReceivedAuthorization(DBRestClient&) override;
-  void restClientLoadedAccessToken(DBRestClient&, const std::string& userId) override;
-  void loadAccessTokenFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void loadedFile(DBRestClient&, const std::string& localPath) override;
-  void loadFileFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void loadProgress(DBRestClient& client, double fraction, const std::string&) override;
-  void loadedThumbnail(DBRestClient&, const std::string& localPath, const MetadataRef& metadata) override;
-  void loadThumbnailFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void uploadedFile(DBRestClient&, const std::string& destinationPath, const std::string& localPath,
-                    const MetadataRef& metadata) override;
-  void uploadFileFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void uploadProgress(DBRestClient& client, double fraction, const std::string&, const std::string&) override;
-  void uploadedFileChunk(DBRestClient&, const std::string& uploadId, std::uint64_t newOffset,
-                         const std::string& localPath, NSDate::Time expires) override;
-  void uploadFileChunkFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void uploadedFileFromUploadId(DBRestClient&, const std::string& destinationPath,
-                                const std::string& uploadId, const MetadataRef& metadata) override;
-  void uploadFromUploadIdFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void createdFolder(DBRestClient&, const MetadataRef& metadata) override;
-  void createFolderFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void deletedPath(DBRestClient&, const std::string& path) override;
-  void deletePathFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void movedPath(DBRestClient&, const std::string& fromPath, const MetadataRef& metadata) override;
-  void movePathFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void loadedSharableLink(DBRestClient&, const std::string& link, const std::string& path) override;
-  void loadSharableLinkFailedWithError(DBRestClient&, const NSErrorRef& error) override;
-  void sessionDidReceiveAuthorizationFailure(DBSession& session, const std::string& userId) override;
+  using Client = DBRestClient;
+  using Text = std::string;
+  using Error = NSErrorRef;
+  void loadedMetadata(Client&, const MetadataRef& m) override { noteRecord("metadata " + m->path(), m); }
+  void loadMetadataFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void loadedDeltaEntries(Client&, const std::vector<DBDeltaEntry>& entries, bool reset, const Text& cursor,
+                          bool hasMore) override;
+  void loadDeltaFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void loadedAccountInfo(Client&, const std::shared_ptr<DBAccountInfo>& info) override;
+  void loadAccountInfoFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void restClientLoadedRequestToken(Client&) override { note("sign-in begun"); }
+  void restClientReceivedAuthorization(Client&) override { note("answer came"); }
+  void restClientLoadedAccessToken(Client&, const Text& userId) override { note("linked " + userId); }
+  void loadAccessTokenFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void loadedFile(Client&, const Text& localPath) override { note("file " + localPath); }
+  void loadFileFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void loadProgress(Client& client, double part, const Text&) override { noteProgress(client, part); }
+  void loadedThumbnail(Client&, const Text& localPath, const MetadataRef& m) override {
+    noteRecord("thumbnail " + localPath, m);
+  }
+  void loadThumbnailFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void uploadedFile(Client&, const Text& to, const Text&, const MetadataRef& m) override {
+    noteRecord("uploaded " + to + " as " + m->path(), m);
+  }
+  void uploadFileFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void uploadProgress(Client& client, double part, const Text&, const Text&) override {
+    noteProgress(client, part);
+  }
+  void uploadedFileChunk(Client&, const Text& uploadId, std::uint64_t offset, const Text&,
+                         NSDate::Time) override {
+    note("chunk " + uploadId + " " + std::to_string(offset));
+  }
+  void uploadFileChunkFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void uploadedFileFromUploadId(Client&, const Text& to, const Text& uploadId,
+                                const MetadataRef& m) override {
+    noteRecord("committed " + uploadId + " " + to + " as " + m->path(), m);
+  }
+  void uploadFromUploadIdFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void createdFolder(Client&, const MetadataRef& m) override { noteRecord("created " + m->path(), m); }
+  void createFolderFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void deletedPath(Client&, const Text& path) override { note("deleted " + path); }
+  void deletePathFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void movedPath(Client&, const Text& from, const MetadataRef& m) override {
+    noteRecord("moved " + from + " to " + m->path(), m);
+  }
+  void movePathFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void loadedSharableLink(Client&, const Text& link, const Text& path) override {
+    note("link " + path + " " + link);
+  }
+  void loadSharableLinkFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void sessionDidReceiveAuthorizationFailure(DBSession&, const Text& userId) override {
+    note("authorization failure " + userId);
+  }
 
   /// The first `number` notes; fewer when the rest does not come within some seconds.
   std::vector<std::string> wait(std::size_t number);
@@ -119,7 +125,7 @@ class ClientFixture : public ::testing::Test {
   std::string outcome(const std::function<void(DBRestClient&)>& request);
   void TearDown() override;
 
-  ScratchFolder home;
+  TemporaryFolder home;
   std::unique_ptr<ScriptedServer> server;
   std::shared_ptr<DBSession> session;
   NotingDelegate delegate;
