@@ -1,5 +1,5 @@
 # What ./run shows: one step a command, printed as a person would type it. Sourced; the caller sets KZV_HOME,
-# KZV_SERVICE_URL, root and serviceUrl, and removes build/run-files.
+# KZV_SERVICE_URL, root and serviceUrl, removes build/run-files and unmounts build/run-mount.
 # shellcheck shell=bash disable=SC2154
 
 kzv() { "$root/build/release/bin/kzv" "$@"; }
@@ -62,6 +62,37 @@ transferSteps() {
     step "The icon of a folder" icon /Photos --out "$files/icon.png"
 }
 
+# watchStep: another device writes into the folder that kzv watches.
+watchStep() {
+  local line watcher output
+  printf '\n# Watch a folder while another device writes into it; Ctrl-C ends it\n$ %s\n' "kzv watch /Projects"
+  exec {output}< <(exec env KZV_POLL_SECONDS=0.5 "$root/build/release/bin/kzv" watch /Projects 2>/dev/null)
+  watcher=$!
+  # Until the first look has been made there is nothing that a change could be a change to; so it goes on writing.
+  for ((number = 1; number <= 30; ++number)); do
+    curl -sS -o /dev/null "$serviceUrl/admin/write" -H 'Content-Type: application/json' \
+      -d "{\"account\":\"sample.user@example.com\",\"path\":\"/Projects/from another device\",\"text\":\"$number\"}"
+    IFS= read -r -t 1 line <&"$output" && break
+  done
+  kill -INT "$watcher" 2>/dev/null
+  exec {output}<&-
+  printf '%s\n' "${line:-nothing}"
+  [[ -n $line ]]
+}
+
+# mountSteps: the folder is a mount of the stand-in's account; cleanUp takes it away if the tour is cut short.
+mountSteps() {
+  local folder=build/run-mount
+  if ! [[ -c /dev/fuse && -r /dev/fuse && -w /dev/fuse ]]; then
+    printf '\n# kzv mount is left out: /dev/fuse cannot be opened\n'
+    return
+  fi
+  mkdir -p "$folder" && step "The account as a folder of this computer" mount "$folder" || return
+  printf '\n# Any program sees it\n$ %s\n' "ls -l $folder/Photos && cp README.md $folder"
+  ls -l "$folder/Photos" && cp README.md "$folder" && step "Unmount it" umount "$folder" && rmdir "$folder" &&
+    step "What was copied there is in the account" ls -l /README.md
+}
+
 # The steps, in order; each may count on the ones before it. A new verb of kzv gets its step here.
 tour() {
   cd "$root" &&
@@ -70,7 +101,9 @@ tour() {
     step "A folder, with sizes and dates" ls -l / &&
     step "A folder with everything below it" ls -R /Documents &&
     step "The attributes of a file" stat "/Photos/Lake in the evening.jpg" &&
-    transferSteps
+    transferSteps &&
+    watchStep &&
+    mountSteps
 }
 
 # stayInShell: the person goes on alone. Ctrl-C is the shell's matter as long as it runs.
