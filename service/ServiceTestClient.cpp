@@ -117,45 +117,39 @@ Answer TestService::send(const HttpCall& call) const {
 
 Answer TestService::rpc(const std::string& route, const std::string& argument,
                         const std::string& token) const {
-  HttpCall call;
-  call.target = "/2/" + route;
-  call.headers = {"Content-Type: application/json"};
+  HttpCall call{.target = "/2/" + route, .headers = {"Content-Type: application/json"}, .body = argument};
   if (!token.empty()) call.headers.push_back("Authorization: Bearer " + token);
-  call.body = argument;
   return send(call);
 }
 
 Answer TestService::upload(const std::string& route, const std::string& argument, const std::string& body,
                            const std::string& token) const {
-  HttpCall call;
-  call.target = "/2/" + route;
-  call.headers = {"Content-Type: application/octet-stream", "Authorization: Bearer " + token,
-                  "Dropbox-API-Arg: " + argument};
-  call.body = body;
-  return send(call);
+  return send({.target = "/2/" + route,
+               .headers = {"Content-Type: application/octet-stream", "Authorization: Bearer " + token,
+                           "Dropbox-API-Arg: " + argument},
+               .body = body});
 }
 
 Answer TestService::download(const std::string& argument, std::vector<std::string> headers) const {
-  HttpCall call;
-  call.target = "/2/files/download";
-  call.headers = std::move(headers);
-  call.headers.insert(call.headers.end(), {std::string("Authorization: Bearer ") + kToken,
-                                           "Dropbox-API-Arg: " + argument, "Content-Type:"});
-  return send(call);
+  headers.insert(headers.end(), {std::string("Authorization: Bearer ") + kToken,
+                                 "Dropbox-API-Arg: " + argument, "Content-Type:"});
+  return send({.target = "/2/files/download", .headers = std::move(headers)});
 }
 
 json::value TestService::admin(const std::string& method, const std::string& route,
                                const std::string& body) const {
-  HttpCall call;
-  call.method = method;
-  call.target = "/admin/" + route;
-  call.headers = {"Content-Type: application/json"};
-  call.body = body;
-  const Answer answer = send(call);
+  const Answer answer = send({.method = method,
+                              .target = "/admin/" + route,
+                              .headers = {"Content-Type: application/json"},
+                              .body = body});
   if (answer.status != 200) {
     throw std::runtime_error(method + " " + route + ": " + std::to_string(answer.status) + " " + answer.body);
   }
   return answer.json();
+}
+
+json::value TestService::metadata(const std::string& path) const {
+  return rpc("files/get_metadata", object("path", path)).json();
 }
 
 void TestService::write(const std::string& path, const std::string& text) const {
@@ -167,6 +161,10 @@ std::vector<std::int64_t> TestService::faultHits() const {
   const json::value rules = admin("GET", "faults");
   for (const auto& rule : rules.as_array()) hits.push_back(rule.at("hits").as_int64());
   return hits;
+}
+
+std::string object(const std::string& name, const std::string& value) {
+  return json::serialize(json::object{{name, value}});
 }
 
 std::string at(const json::value& value, const std::string& place) {

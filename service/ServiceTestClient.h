@@ -35,9 +35,9 @@ struct Answer {
 struct HttpCall {
   std::string method = "POST";
   /// Path and query.
-  std::string target;
-  std::vector<std::string> headers;
-  std::string body;
+  std::string target{};
+  std::vector<std::string> headers{};
+  std::string body{};
   /// Send the body with chunked transfer coding, in pieces of this size.
   std::size_t chunkBytes = 0;
   long timeoutMs = 20000;
@@ -65,6 +65,9 @@ class TestService {
   /// Hits of the fault rules, in order.
   std::vector<std::int64_t> faultHits() const;
 
+  /// files/get_metadata of a path or id.
+  boost::json::value metadata(const std::string& path) const;
+
   Service& service() { return *service_; }
   int port() const { return port_; }
 
@@ -72,6 +75,9 @@ class TestService {
   std::unique_ptr<Service> service_;
   int port_ = 0;
 };
+
+/// {"name":"value"}
+std::string object(const std::string& name, const std::string& value);
 
 /// The text at a dotted place in a JSON value, as "entries.0.name"; numbers and booleans as text; "" when
 /// absent.

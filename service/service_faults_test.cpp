@@ -21,10 +21,10 @@ class OrderedFaults : public ::testing::Test {
   void order(const std::string& rules) { service_.admin("POST", "faults", rules); }
   Answer get() { return service_.download(R"({"path":"/f.bin"})"); }
   Answer put(const std::string& path) {
-    return service_.upload("files/upload", R"({"path":")" + path + "\"}", std::string(500000, 'y'));
+    return service_.upload("files/upload", object("path", path), std::string(500000, 'y'));
   }
   bool exists(const std::string& path) {
-    return service_.rpc("files/get_metadata", R"({"path":")" + path + "\"}").status == 200;
+    return service_.rpc("files/get_metadata", object("path", path)).status == 200;
   }
 
   TestService service_;
@@ -80,12 +80,10 @@ TEST_F(OrderedFaults, CutAnswerDeliversExactlyTheOrderedBytes) {
     EXPECT_EQ(answer.body.size(), bytes);
     EXPECT_EQ(service_.faultHits(), Hits{1});
   }
-}
-
-TEST_F(OrderedFaults, CutBeyondTheEndDidNotHappen) {
+  service_.admin("DELETE", "faults");
   order(R"([{"route":"files/download","cut_response_after":1000000}])");
   EXPECT_EQ(get().body.size(), 1000000U);
-  EXPECT_EQ(service_.faultHits(), Hits{0});
+  EXPECT_EQ(service_.faultHits(), Hits{0}) << "a cut beyond the end did not happen";
 }
 
 TEST_F(OrderedFaults, CutRequestAppliesNothing) {
@@ -115,23 +113,18 @@ TEST_F(OrderedFaults, CorruptionFlipsOneByteOfTheFile) {
   ASSERT_EQ(answer.body.size(), 1000000U);
   EXPECT_EQ(std::count_if(answer.body.begin(), answer.body.end(), [](char c) { return c != 'x'; }), 1);
   const std::string hash = "4f8b42c22dd3729b519ba6f68d2da7cc5b2d606d05daed5ad5128cc03e6c6358";  // of "abc"
-  EXPECT_EQ(
-      service_.upload("files/upload", R"({"path":"/abc","content_hash":")" + hash + "\"}", "abc").errorTags(),
-      "content_hash_mismatch");
-  EXPECT_EQ(
-      service_.upload("files/upload", R"({"path":"/abc","content_hash":")" + hash + "\"}", "abc").status,
-      200);
+  const std::string argument = R"({"path":"/abc","content_hash":")" + hash + "\"}";
+  EXPECT_EQ(service_.upload("files/upload", argument, "abc").errorTags(), "content_hash_mismatch");
+  EXPECT_EQ(service_.upload("files/upload", argument, "abc").status, 200);
   EXPECT_EQ(service_.faultHits(), (Hits{1, 1}));
 }
 
 TEST_F(OrderedFaults, StallHoldsTheAnswerUntilTheClientGoes) {
   order(R"([{"route":"files/download","stall_after":1000}])");
-  HttpCall call;
-  call.target = "/2/files/download";
-  call.headers = {std::string("Authorization: Bearer ") + kToken, R"(Dropbox-API-Arg: {"path":"/f.bin"})",
-                  "Content-Type:"};
-  call.timeoutMs = 500;
-  const Answer answer = service_.send(call);
+  const Answer answer = service_.send({.target = "/2/files/download",
+                                       .headers = {std::string("Authorization: Bearer ") + kToken,
+                                                   R"(Dropbox-API-Arg: {"path":"/f.bin"})", "Content-Type:"},
+                                       .timeoutMs = 500});
   EXPECT_EQ(answer.curlResult, CURLE_OPERATION_TIMEDOUT);
   EXPECT_EQ(answer.body.size(), 1000U);
   EXPECT_EQ(service_.faultHits(), Hits{1});
@@ -151,9 +144,7 @@ TEST_F(OrderedFaults, DelaysHoldUpNobodyElse) {
 
 TEST_F(OrderedFaults, ReachTheTokenRoute) {
   order(R"([{"route":"oauth2/token","status":503}])");
-  HttpCall call;
-  call.target = "/oauth2/token";
-  EXPECT_EQ(service_.send(call).status, 503);
+  EXPECT_EQ(service_.send({.target = "/oauth2/token"}).status, 503);
 }
 
 TEST_F(OrderedFaults, LogTellsBytesAndStatus) {

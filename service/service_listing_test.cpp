@@ -54,6 +54,24 @@ struct Walk {
   int pages = 0;
 };
 
+const std::string kWhole = R"({"path":"","recursive":true})";
+
+Answer proceed(const TestService& service, const std::string& cursor) {
+  return service.rpc("files/list_folder/continue", object("cursor", cursor));
+}
+
+std::string latestCursor(const TestService& service) {
+  return at(service.rpc("files/list_folder/get_latest_cursor", kWhole).json(), "cursor");
+}
+
+/// The place of every entry of a page, with its kind in front when asked.
+std::vector<std::string> told(const json::value& page, bool withKind = false) {
+  std::vector<std::string> told;
+  for (const auto& entry : page.at("entries").as_array())
+    told.push_back((withKind ? at(entry, ".tag") + " " : "") + at(entry, "path_display"));
+  return told;
+}
+
 // Follows has_more; `between` runs before each further page.
 void follow(const TestService& service, Answer answer, Walk& walk,
             const std::function<void()>& between = {}) {
@@ -66,19 +84,17 @@ void follow(const TestService& service, Answer answer, Walk& walk,
     if (at(page, "has_more") != "true") return;
     ASSERT_LT(walk.pages, 20000) << "the feed does not end";
     if (between) between();
-    answer = service.rpc("files/list_folder/continue", R"({"cursor":")" + walk.cursor + "\"}");
+    answer = proceed(service, walk.cursor);
   }
 }
 
-Walk listAll(const TestService& service, const std::string& argument) {
+Walk listAll(const TestService& service, const std::string& argument = kWhole) {
   Walk walk;
   follow(service, service.rpc("files/list_folder", argument), walk);
   return walk;
 }
 
-void catchUp(const TestService& service, Walk& walk) {
-  follow(service, service.rpc("files/list_folder/continue", R"({"cursor":")" + walk.cursor + "\"}"), walk);
-}
+void catchUp(const TestService& service, Walk& walk) { follow(service, proceed(service, walk.cursor), walk); }
 
 /// Random changes of all kinds, by a few names so that they often meet.
 class RandomChanges {
@@ -101,19 +117,16 @@ class RandomChanges {
   void makeOne() {
     switch (pick(8)) {
       case 0:
-        service_.rpc("files/create_folder_v2", R"({"path":")" + somePath() + "\"}");
+        service_.rpc("files/create_folder_v2", object("path", somePath()));
         break;
       case 1:
-        service_.rpc("files/delete_v2", R"({"path":")" + somePath() + "\"}");
+        service_.rpc("files/delete_v2", object("path", somePath()));
         break;
       case 2:
       case 3:
-        service_.rpc("files/move_v2",
-                     R"({"from_path":")" + somePath() + R"(","to_path":")" + somePath() + "\"}");
-        break;
       case 4:
-        service_.rpc("files/copy_v2",
-                     R"({"from_path":")" + somePath() + R"(","to_path":")" + somePath() + "\"}");
+        service_.rpc(pick(3) ? "files/move_v2" : "files/copy_v2",
+                     fmt::format(R"({{"from_path":"{}","to_path":"{}"}})", somePath(), somePath()));
         break;
       default:
         service_.upload("files/upload", R"({"path":")" + somePath() + R"(","mode":"overwrite"})",
@@ -132,11 +145,11 @@ TEST_P(FeedOfPages, ReproducesTheTreeWhateverHappens) {
   service.admin("POST", "settings", fmt::format(R"({{"page_size":{}}})", GetParam()));
   RandomChanges changes(service, static_cast<unsigned>(GetParam()));
   changes.make(60);
-  Walk walk = listAll(service, R"({"path":"","recursive":true})");
+  Walk walk = listAll(service);
   for (int round = 0; round < 12; ++round) {
     changes.make(15);
     catchUp(service, walk);
-    const Walk fresh = listAll(service, R"({"path":"","recursive":true})");
+    const Walk fresh = listAll(service);
     ASSERT_EQ(walk.model.text(), fresh.model.text()) << "round " << round;
   }
 }
@@ -148,10 +161,10 @@ TEST_P(FeedOfPages, ToleratesChangesDuringAListing) {
   changes.make(80);
   Walk walk;
   int left = 40;
-  follow(service, service.rpc("files/list_folder", R"({"path":"","recursive":true})"), walk, [&] {
+  follow(service, service.rpc("files/list_folder", kWhole), walk, [&] {
     if (left-- > 0) changes.make(1);
   });
-  EXPECT_EQ(walk.model.text(), listAll(service, R"({"path":"","recursive":true})").model.text());
+  EXPECT_EQ(walk.model.text(), listAll(service).model.text());
 }
 
 INSTANTIATE_TEST_SUITE_P(PageSizes, FeedOfPages, ::testing::Values(1, 7, 2000));
@@ -171,7 +184,7 @@ TEST(Listing, ShowsDirectChildrenOrTheWholeSubtree) {
 TEST(Listing, NamesTheSameFolderById) {
   const TestService service;
   service.write("/Docs/Sub/a.txt", "text");
-  const std::string id = at(service.rpc("files/get_metadata", R"({"path":"/docs"})").json(), "id");
+  const std::string id = at(service.metadata("/docs"), "id");
   EXPECT_EQ(listAll(service, R"({"path":")" + id + "\"}").model.paths(),
             std::vector<std::string>{"/docs/sub"});
   EXPECT_EQ(listAll(service, R"({"path":")" + id + "/SUB\"}").model.paths(),
@@ -187,35 +200,30 @@ TEST(Listing, RemembersDeletedPathsOnRequest) {
   service.rpc("files/delete_v2", R"({"path":"/D/Gone.txt"})");
   const auto entries = service.rpc("files/list_folder", R"({"path":"/d","include_deleted":true,"limit":1})");
   EXPECT_EQ(at(entries.json(), "entries.0.path_lower"), "/d/kept.txt");
-  const auto rest =
-      service.rpc("files/list_folder/continue", R"({"cursor":")" + at(entries.json(), "cursor") + "\"}");
+  const auto rest = proceed(service, at(entries.json(), "cursor"));
   EXPECT_EQ(at(rest.json(), "entries.0..tag"), "deleted") << rest.body;
   EXPECT_EQ(at(rest.json(), "entries.0.path_display"), "/d/gone.txt");
   EXPECT_EQ(at(rest.json(), "has_more"), "false");
   EXPECT_EQ(service.rpc("files/get_metadata", R"({"path":"/d/gone.txt"})").status, 409);
-  EXPECT_EQ(at(service.rpc("files/get_metadata", R"({"path":"/d/gone.txt","include_deleted":true})").json(),
-               ".tag"),
-            "deleted");
+  const auto kind = [&] {
+    const std::string withDeleted = R"({"path":"/d/gone.txt","include_deleted":true})";
+    return at(service.rpc("files/get_metadata", withDeleted).json(), ".tag");
+  };
+  EXPECT_EQ(kind(), "deleted");
   service.write("/d/gone.txt", "3");
-  EXPECT_EQ(at(service.rpc("files/get_metadata", R"({"path":"/d/gone.txt","include_deleted":true})").json(),
-               ".tag"),
-            "file");
+  EXPECT_EQ(kind(), "file");
 }
 
 TEST(Feed, TellsAFolderMoveAsDeletionAndNewSubtree) {
   const TestService service;
   service.write("/Old/a.txt", "a");
   service.write("/Old/Sub/b.txt", "b");
-  const std::string cursor = at(
-      service.rpc("files/list_folder/get_latest_cursor", R"({"path":"","recursive":true})").json(), "cursor");
-  const std::string id = at(service.rpc("files/get_metadata", R"({"path":"/old/a.txt"})").json(), "id");
+  const std::string cursor = latestCursor(service);
+  const std::string id = at(service.metadata("/old/a.txt"), "id");
   service.admin("POST", "move", fmt::format(R"({{"account":"{}","from":"/old","to":"/New"}})", kToken));
-  const auto page = service.rpc("files/list_folder/continue", R"({"cursor":")" + cursor + "\"}").json();
-  std::vector<std::string> told;
-  for (const auto& entry : page.at("entries").as_array())
-    told.push_back(at(entry, ".tag") + " " + at(entry, "path_display"));
-  EXPECT_EQ(told, (std::vector<std::string>{"deleted /Old", "folder /New", "file /New/a.txt",
-                                            "folder /New/Sub", "file /New/Sub/b.txt"}));
+  const auto page = proceed(service, cursor).json();
+  EXPECT_EQ(told(page, true), (std::vector<std::string>{"deleted /Old", "folder /New", "file /New/a.txt",
+                                                        "folder /New/Sub", "file /New/Sub/b.txt"}));
   EXPECT_EQ(at(page, "entries.2.id"), id) << "a move keeps ids";
 }
 
@@ -226,17 +234,15 @@ TEST(Feed, OfAFolderKnowsOnlyItsChildren) {
   service.write("/elsewhere.txt", "2");
   service.write("/w/deeper/c.txt", "3");
   service.write("/w/b.txt", "4");
-  const auto page = service.rpc("files/list_folder/continue", R"({"cursor":")" + start.cursor + "\"}").json();
-  std::vector<std::string> told;
-  for (const auto& entry : page.at("entries").as_array()) told.push_back(at(entry, "path_lower"));
-  EXPECT_EQ(told, (std::vector<std::string>{"/w/deeper", "/w/b.txt"}));
+  const auto page = proceed(service, start.cursor).json();
+  EXPECT_EQ(told(page), (std::vector<std::string>{"/w/deeper", "/w/b.txt"}));
 }
 
 TEST(Cursor, OfAFolderThatWentOrCameAnew) {
   const TestService service;
   service.write("/p/w/a.txt", "1");
   const Walk gone = listAll(service, R"({"path":"/p/w"})");
-  const std::string argument = R"({"cursor":")" + gone.cursor + "\"}";
+  const std::string argument = object("cursor", gone.cursor);
   service.rpc("files/move_v2", R"({"from_path":"/p","to_path":"/q"})");
   EXPECT_EQ(service.rpc("files/list_folder/continue", argument).errorTags(), "path/not_found");
   service.rpc("files/delete_v2", R"({"path":"/q/w/a.txt"})");
@@ -247,8 +253,8 @@ TEST(Cursor, OfAFolderThatWentOrCameAnew) {
 
 TEST(Cursor, IsResetByOrderAndBoundToItsAccount) {
   const TestService service;
-  const Walk walk = listAll(service, R"({"path":"","recursive":true})");
-  const std::string argument = R"({"cursor":")" + walk.cursor + "\"}";
+  const Walk walk = listAll(service);
+  const std::string argument = object("cursor", walk.cursor);
   EXPECT_EQ(service.rpc("files/list_folder/continue", argument, kOtherToken).status, 400);
   EXPECT_EQ(service.rpc("files/list_folder/continue", argument).status, 200);
   std::string forged = argument;
@@ -261,9 +267,8 @@ TEST(Cursor, IsResetByOrderAndBoundToItsAccount) {
 
 TEST(Longpoll, WakesUpForAChange) {
   const TestService service;
-  const std::string cursor = at(
-      service.rpc("files/list_folder/get_latest_cursor", R"({"path":"","recursive":true})").json(), "cursor");
-  const std::string argument = R"({"cursor":")" + cursor + "\"}";
+  const std::string cursor = latestCursor(service);
+  const std::string argument = object("cursor", cursor);
   auto answer =
       std::async(std::launch::async, [&] { return service.rpc("files/list_folder/longpoll", argument, ""); });
   EXPECT_EQ(answer.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout)
@@ -275,10 +280,9 @@ TEST(Longpoll, WakesUpForAChange) {
 
 TEST(Longpoll, EndsWithTheService) {
   TestService service;
-  const std::string cursor =
-      at(service.rpc("files/list_folder/get_latest_cursor", R"({"path":""})").json(), "cursor");
+  const std::string cursor = latestCursor(service);
   auto answer = std::async(std::launch::async, [&] {
-    return service.rpc("files/list_folder/longpoll", R"({"cursor":")" + cursor + "\"}", "");
+    return service.rpc("files/list_folder/longpoll", object("cursor", cursor), "");
   });
   while (service.admin("GET", "requests").as_array().size() < 2) std::this_thread::yield();
   service.service().stop();
@@ -289,8 +293,7 @@ TEST(Display, QuirkLowersParentsOnly) {
   const TestService service;
   service.write("/Docs/Sub/File.TXT", "1");
   service.admin("POST", "settings", R"({"display_case_quirk":true})");
-  EXPECT_EQ(at(service.rpc("files/get_metadata", R"({"path":"/docs/sub/file.txt"})").json(), "path_display"),
-            "/docs/sub/File.TXT");
+  EXPECT_EQ(at(service.metadata("/docs/sub/file.txt"), "path_display"), "/docs/sub/File.TXT");
 }
 
 TEST(TeamRoot, PathsAreRelativeToTheChosenRoot) {
@@ -300,17 +303,16 @@ TEST(TeamRoot, PathsAreRelativeToTheChosenRoot) {
   const auto account = service.rpc("users/get_current_account", "null").json();
   EXPECT_EQ(at(account, "root_info..tag"), "team");
   EXPECT_EQ(at(account, "root_info.home_path"), "/Ann Example");
-  EXPECT_EQ(listAll(service, R"({"path":""})").model.paths(), std::vector<std::string>{"/mine.txt"});
-  EXPECT_EQ(listAll(service, R"({"path":"","recursive":true})").model.paths(),
-            std::vector<std::string>{"/mine.txt"});
-  HttpCall call;
-  call.target = "/2/files/list_folder";
-  call.headers = {"Content-Type: application/json", std::string("Authorization: Bearer ") + kToken,
-                  R"(Dropbox-API-Path-Root: {".tag":"root","root":")" +
-                      at(account, "root_info.root_namespace_id") + "\"}"};
-  call.body = R"({"path":"","recursive":true})";
+  EXPECT_EQ(listAll(service).model.paths(), std::vector<std::string>{"/mine.txt"});
+  const std::string root = at(account, "root_info.root_namespace_id");
   Walk walk;
-  follow(service, service.send(call), walk);
+  follow(service,
+         service.send(
+             {.target = "/2/files/list_folder",
+              .headers = {"Content-Type: application/json", std::string("Authorization: Bearer ") + kToken,
+                          R"(Dropbox-API-Path-Root: {".tag":"root","root":")" + root + "\"}"},
+              .body = kWhole}),
+         walk);
   EXPECT_EQ(walk.model.paths(), (std::vector<std::string>{"/ann example", "/ann example/mine.txt"}));
 }
 
@@ -337,12 +339,12 @@ TEST(Persistence, StateOutlivesTheProcess) {
   {
     const TestService service(options);
     service.write("/a.txt", "1");
-    cursor = listAll(service, R"({"path":"","recursive":true})").cursor;
+    cursor = listAll(service).cursor;
     service.write("/b.txt", std::string(100000, 'b'));
   }
   {
     const TestService service(options);
-    const auto page = service.rpc("files/list_folder/continue", R"({"cursor":")" + cursor + "\"}").json();
+    const auto page = proceed(service, cursor).json();
     EXPECT_EQ(at(page, "entries.0.path_lower"), "/b.txt");
     EXPECT_EQ(service.download(R"({"path":"/b.txt"})").body, std::string(100000, 'b'));
   }

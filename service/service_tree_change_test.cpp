@@ -63,13 +63,12 @@ TEST(Relocation, CarriesTheSubtreeAndItsIds) {
   const TestService service;
   service.write("/A/f.txt", "f");
   service.write("/A/Sub/g.txt", "g");
-  const std::string id = at(service.rpc("files/get_metadata", R"({"path":"/a/sub/g.txt"})").json(), "id");
+  const std::string id = at(service.metadata("/a/sub/g.txt"), "id");
   service.rpc("files/move_v2", R"({"from_path":"/a","to_path":"/X/Y"})");
   EXPECT_EQ(paths(service), (Paths{"/X", "/X/Y", "/X/Y/f.txt", "/X/Y/Sub", "/X/Y/Sub/g.txt"}));
-  EXPECT_EQ(at(service.rpc("files/get_metadata", R"({"path":")" + id + "\"}").json(), "path_display"),
-            "/X/Y/Sub/g.txt");
+  EXPECT_EQ(at(service.metadata(id), "path_display"), "/X/Y/Sub/g.txt");
   service.rpc("files/copy_v2", R"({"from_path":"/x/y/sub","to_path":"/copy"})");
-  const auto copied = service.rpc("files/get_metadata", R"({"path":"/copy/g.txt"})").json();
+  const auto copied = service.metadata("/copy/g.txt");
   EXPECT_EQ(at(copied, "size"), "1");
   EXPECT_NE(at(copied, "id"), id);
 }
@@ -101,26 +100,25 @@ TEST(Deletion, ChecksTheRevisionItWasMeantFor) {
   const TestService service;
   const std::string rev = at(service.upload("files/upload", R"({"path":"/f"})", "1").json(), "rev");
   service.upload("files/upload", R"({"path":"/f","mode":"overwrite"})", "2");
-  EXPECT_EQ(
-      service.rpc("files/delete_v2", fmt::format(R"({{"path":"/f","parent_rev":"{}"}})", rev)).errorTags(),
-      "path_write/conflict/file");
-  const std::string now = at(service.rpc("files/get_metadata", R"({"path":"/f"})").json(), "rev");
-  EXPECT_EQ(service.rpc("files/delete_v2", fmt::format(R"({{"path":"/f","parent_rev":"{}"}})", now)).status,
-            200);
+  const auto remove = [&](const std::string& meant) {
+    return service.rpc("files/delete_v2", fmt::format(R"({{"path":"/f","parent_rev":"{}"}})", meant));
+  };
+  EXPECT_EQ(remove(rev).errorTags(), "path_write/conflict/file");
+  EXPECT_EQ(remove(at(service.metadata("/f"), "rev")).status, 200);
 }
 
 TEST(Folder, IsMadeWithItsParentsOrConflicts) {
   const TestService service;
   service.write("/file", "1");
-  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/A/b/C"})")), "/A/b/C");
-  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/a/B"})")), "path/conflict/folder");
-  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/file"})")), "path/conflict/file");
-  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/file/x"})")),
-            "path/conflict/file_ancestor");
-  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/a/b.c","autorename":true})")),
-            "/A/b.c");
-  EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", R"({"path":"/a/b.c","autorename":true})")),
-            "/A/b.c (1)");
+  const std::pair<const char*, const char*> rows[] = {
+      {R"({"path":"/A/b/C"})", "/A/b/C"},
+      {R"({"path":"/a/B"})", "path/conflict/folder"},
+      {R"({"path":"/file"})", "path/conflict/file"},
+      {R"({"path":"/file/x"})", "path/conflict/file_ancestor"},
+      {R"({"path":"/a/b.c","autorename":true})", "/A/b.c"},
+      {R"({"path":"/a/b.c","autorename":true})", "/A/b.c (1)"}};
+  for (const auto& [argument, expected] : rows)
+    EXPECT_EQ(outcome(service.rpc("files/create_folder_v2", argument)), expected) << argument;
 }
 
 TEST(Links, AreMadeOnceAndListed) {
@@ -145,7 +143,7 @@ TEST(Links, AreMadeOnceAndListed) {
   service.admin("POST", "settings", R"({"page_size":1})");
   const auto first = service.rpc("sharing/list_shared_links", "{}").json();
   EXPECT_EQ(at(first, "has_more"), "true");
-  EXPECT_EQ(count(R"({"cursor":")" + at(first, "cursor") + "\"}"), 1U);
+  EXPECT_EQ(count(object("cursor", at(first, "cursor"))), 1U);
 }
 
 TEST(Search, FindsNamesPageByPage) {
@@ -154,29 +152,23 @@ TEST(Search, FindsNamesPageByPage) {
     service.write(path, "1");
   service.rpc("files/create_folder_v2", R"({"path":"/reports"})");
   const auto names = [](const boost::json::value& page) {
-    std::vector<std::string> found;
+    Paths found;
     for (const auto& match : page.at("matches").as_array())
       found.push_back(at(match, "metadata.metadata.name"));
     return found;
   };
-  const auto first =
-      service.rpc("files/search_v2", R"({"query":"REPORT","options":{"max_results":3}})").json();
+  const auto search = [&](const std::string& query, const std::string& options) {
+    return service.rpc("files/search_v2", R"({"query":")" + query + R"(","options":)" + options + "}").json();
+  };
+  const auto first = search("REPORT", R"({"max_results":3})");
   EXPECT_EQ(names(first), (Paths{"Report 1.txt", "report 2.TXT", "reports"}))
       << "names that begin with it come first";
-  const auto rest =
-      service.rpc("files/search/continue_v2", R"({"cursor":")" + at(first, "cursor") + "\"}").json();
+  const auto rest = service.rpc("files/search/continue_v2", object("cursor", at(first, "cursor"))).json();
   EXPECT_EQ(names(rest), Paths{"old report.pdf"});
   EXPECT_EQ(at(rest, "has_more"), "false");
-  EXPECT_EQ(names(service.rpc("files/search_v2", R"({"query":"report","options":{"path":"/b"}})").json()),
-            Paths{"old report.pdf"});
-  EXPECT_EQ(
-      names(service.rpc("files/search_v2", R"({"query":"report","options":{"file_extensions":["pdf"]}})")
-                .json()),
-      Paths{"old report.pdf"});
-  EXPECT_EQ(
-      names(service.rpc("files/search_v2", R"({"query":"report","options":{"file_categories":["folder"]}})")
-                .json()),
-      Paths{"reports"});
+  EXPECT_EQ(names(search("report", R"({"path":"/b"})")), Paths{"old report.pdf"});
+  EXPECT_EQ(names(search("report", R"({"file_extensions":["pdf"]})")), Paths{"old report.pdf"});
+  EXPECT_EQ(names(search("report", R"({"file_categories":["folder"]})")), Paths{"reports"});
 }
 
 }  // namespace
