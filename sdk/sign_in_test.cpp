@@ -125,7 +125,7 @@ TEST_F(BrowserSignIn, WhatCannotSucceedAnyMoreEndsIt) {
   ASSERT_EQ(begin(), "sign-in begun");
   EXPECT_EQ(redirect(), address) << "one that was given up has given its port back";
   EXPECT_EQ(visit(redirect() + "?error=access_denied&state=" + state()), 200);
-  EXPECT_EQ(delegate.wait(2).back(), "answer came");
+  EXPECT_EQ(delegate.wait(3).back(), "answer came");
   EXPECT_EQ(loadAccessToken(), "error 403");
   EXPECT_FALSE(client->requestTokenLoaded());
   ASSERT_EQ(begin(), "sign-in begun");
