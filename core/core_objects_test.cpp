@@ -85,15 +85,6 @@ TEST(CoreObject, TemporaryFoldersLieBelowTheCacheFolderAndGoAtTheEnd) {
   EXPECT_TRUE(fs::is_empty(cache));
 }
 
-TEST(Item, NameIsTheLastComponent) {
-  struct Case {
-    const char* path;
-    const char* name;
-  };
-  for (const Case& c : {Case{"/", "/"}, {"/a", "a"}, {"/a/b c.txt", "b c.txt"}, {"/a/..", ".."}})
-    EXPECT_EQ(FSItem(c.path, nullptr).name(), c.name) << c.path;
-}
-
 TEST(Item, TheChangeMarkIsTakenOnce) {
   FSItem item("/a", nullptr);
   EXPECT_FALSE(item.takeChangeMark());

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,17 @@ using namespace std::chrono_literals;
 using Tree = std::map<std::string, std::string>;  // path -> content; folders end in "/" and have none
 
 const NSDate::Time someTime = std::chrono::system_clock::from_time_t(1'714'548'600);
+
+/// "/d/ /d/a=A": a folder, and a file in it.
+Tree tree(const std::string& text) {
+  Tree made;
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    const std::size_t equals = std::min(word.find('='), word.size());
+    made[word.substr(0, equals)] = equals < word.size() ? word.substr(equals + 1) : "";
+  }
+  return made;
+}
 
 fs::path scratch() {
   fs::path folder = fs::temp_directory_path() / ("kzv-copy-" + KZVSupport::uniquePathComponent());
@@ -196,154 +208,91 @@ class LocalFSTest : public testing::Test {
 };
 
 TEST_F(LocalFSTest, ReceivesWhatIsThere) {
-  const Tree remote{{"/d/", ""},          {"/d/a.txt", "A"},        {"/d/empty", ""},
-                    {"/d/sub/", ""},      {"/d/sub/b", "BB"},       {"/d/hollow/", ""},
-                    {"/d/sub/deep/", ""}, {"/d/sub/deep/c", "CCC"}, {"/single", "single"}};
+  const Tree remote = tree(
+      "/d/ /d/a.txt=A /d/empty= /d/sub/ /d/sub/b=BB /d/hollow/ /d/sub/deep/ /d/sub/deep/c=CCC "
+      "/single=single");
   struct Case {
     const char* name;
     std::vector<std::string> paths;
     std::string to;
-    Tree before;
-    Tree after;
+    const char* before;
+    const char* after;
   };
   const Case cases[] = {
-      {"a file gets the name given", {"/single"}, "new", {}, {{"/new", "single"}}},
-      {"a file goes into a folder",
-       {"/single"},
-       "to/",
-       {{"/to/", ""}},
-       {{"/to/", ""}, {"/to/single", "single"}}},
-      {"folders above are made",
-       {"/single"},
-       "x/y/z",
-       {},
-       {{"/x/", ""}, {"/x/y/", ""}, {"/x/y/z", "single"}}},
-      {"several go into a folder",
-       {"/single", "/d/a.txt"},
-       "to",
-       {},
-       {{"/to/", ""}, {"/to/single", "single"}, {"/to/a.txt", "A"}}},
+      {"a file gets the name given", {"/single"}, "new", "", "/new=single"},
+      {"a file goes into a folder", {"/single"}, "to/", "/to/", "/to/ /to/single=single"},
+      {"folders above are made", {"/single"}, "x/y/z", "", "/x/ /x/y/ /x/y/z=single"},
+      {"several go into one", {"/single", "/d/a.txt"}, "to", "", "/to/ /to/single=single /to/a.txt=A"},
       {"a whole folder",
        {"/d"},
        "copy",
-       {},
-       {{"/copy/", ""},
-        {"/copy/a.txt", "A"},
-        {"/copy/empty", ""},
-        {"/copy/hollow/", ""},
-        {"/copy/sub/", ""},
-        {"/copy/sub/b", "BB"},
-        {"/copy/sub/deep/", ""},
-        {"/copy/sub/deep/c", "CCC"}}},
-      {"an existing file is replaced, an existing folder joined",
+       "",
+       "/copy/ /copy/a.txt=A /copy/empty= /copy/hollow/ /copy/sub/ /copy/sub/b=BB /copy/sub/deep/ "
+       "/copy/sub/deep/c=CCC"},
+      {"a file is replaced, a folder joined",
        {"/d/sub"},
        "copy",
-       {{"/copy/", ""}, {"/copy/b", "older and longer"}, {"/copy/mine", "kept"}},
-       {{"/copy/", ""},
-        {"/copy/b", "BB"},
-        {"/copy/mine", "kept"},
-        {"/copy/deep/", ""},
-        {"/copy/deep/c", "CCC"}}},
+       "/copy/ /copy/b=longer /copy/mine=kept",
+       "/copy/ /copy/b=BB /copy/mine=kept /copy/deep/ /copy/deep/c=CCC"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     fs::remove_all(disk_);
     fs::create_directories(disk_);
-    for (const auto& [path, content] : c.before) {
-      if (path.ends_with('/')) {
-        fs::create_directories(disk_ / path.substr(1));
-      } else {
-        write(path.substr(1), content);
-      }
+    for (const auto& [path, content] : tree(c.before)) {
+      fs::create_directories((disk_ / path.substr(1)).parent_path());
+      if (!path.ends_with('/')) write(path.substr(1), content);
     }
     const auto volume = std::make_shared<MemoryVolume>(remote);
     EXPECT_TRUE(receive(volume, c.paths, (disk_ / "").string() + c.to))
         << (error_ ? error_->description() : "");
-    EXPECT_EQ(treeAt(disk_), c.after);
+    EXPECT_EQ(treeAt(disk_), tree(c.after));
     EXPECT_EQ(volume->held(), 0U) << "local copies not handed back";
   }
   EXPECT_EQ(fs::last_write_time(disk_ / "copy/b"), std::chrono::file_clock::from_sys(someTime));
 }
 
 TEST_F(LocalFSTest, AnItemThatFailsCostsOnlyItself) {
+  using Disk = void (*)(const fs::path& place);
+  const Disk nothing = [](const fs::path&) {};
+  const Disk folder = [](const fs::path& place) { fs::create_directories(place); };
+  const Disk file = [](const fs::path& place) { std::ofstream(place) << "file"; };
+  const Disk link = [](const fs::path& place) { fs::create_directory_symlink("/tmp", place); };
   struct Case {
     const char* name;
-    Tree remote;
-    std::function<void(const fs::path& target)> prepare;
-    Tree after;        // below the target
-    std::string from;  // the item reported
-    std::string domain;
-    std::int64_t code;
+    std::string item;  // in the folder received, a healthy "z" beside it; a folder ends in "/"
+    Disk inItsPlace;   // makes what lies there already
+    const char* left;  // of it in the target
+    int code;
   };
-  const auto nothing = [](const fs::path&) {};
-  const std::string longName(300, 'n');
   const Case cases[] = {
-      {"a file of the service",
-       {{"/d/", ""}, {"/d/fail", "x"}, {"/d/z", "Z"}},
-       nothing,
-       {{"/z", "Z"}},
-       "/d/fail",
-       "TestDomain",
-       7},
-      {"a folder that cannot be listed",
-       {{"/d/", ""}, {"/d/fail/", ""}, {"/d/z", "Z"}},
-       nothing,
-       {{"/fail/", ""}, {"/z", "Z"}},
-       "/d/fail",
-       "TestDomain",
-       7},
-      {"a name that leads up",
-       {{"/d/", ""}, {"/d/..", "evil"}, {"/d/z", "Z"}},
-       nothing,
-       {{"/z", "Z"}},
-       "/d/..",
-       "NSPOSIXErrorDomain",
-       EINVAL},
-      {"a name too long for the disk",
-       {{"/d/", ""}, {"/d/" + longName, "x"}, {"/d/z", "Z"}},
-       nothing,
-       {{"/z", "Z"}},
-       "/d/" + longName,
-       "NSPOSIXErrorDomain",
-       ENAMETOOLONG},
-      {"a folder where the file should be",
-       {{"/d/", ""}, {"/d/a", "A"}, {"/d/z", "Z"}},
-       [](const fs::path& target) { fs::create_directories(target / "a"); },
-       {{"/a/", ""}, {"/z", "Z"}},
-       "/d/a",
-       "NSPOSIXErrorDomain",
-       EISDIR},
-      {"a file where the folder should be",
-       {{"/d/", ""}, {"/d/a/", ""}, {"/d/a/b", "B"}, {"/d/z", "Z"}},
-       [](const fs::path& target) { std::ofstream(target / "a") << "file"; },
-       {{"/a", "file"}, {"/z", "Z"}},
-       "/d/a",
-       "NSPOSIXErrorDomain",
-       ENOTDIR},
-      {"a link that leads elsewhere",
-       {{"/d/", ""}, {"/d/a/", ""}, {"/d/a/b", "B"}, {"/d/z", "Z"}},
-       [](const fs::path& target) { fs::create_directory_symlink("/tmp", target / "a"); },
-       {{"/a/", ""}, {"/z", "Z"}},
-       "/d/a",
-       "NSPOSIXErrorDomain",
-       ENOTDIR},
+      {"a file of the service", "fail", nothing, "", 7},
+      {"a folder that cannot be listed", "fail/", nothing, "/fail/", 7},
+      {"a name that leads up", "..", nothing, "", EINVAL},
+      {"a name too long for the disk", std::string(300, 'n'), nothing, "", ENAMETOOLONG},
+      {"a folder where the file should be", "a", folder, "/a/", EISDIR},
+      {"a file where the folder should be", "a/", file, "/a=file", ENOTDIR},
+      {"a link that leads elsewhere", "a/", link, "/a/", ENOTDIR},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    const bool isFolder = c.item.ends_with('/');
+    const std::string item = c.item.substr(0, c.item.size() - (isFolder ? 1 : 0));
     const fs::path target = disk_ / KZVSupport::uniquePathComponent();
     fs::create_directories(target);
-    c.prepare(target);
+    c.inItsPlace(target / item);
     std::vector<CopiedItem> failures;
-    const auto volume = std::make_shared<MemoryVolume>(c.remote);
-    EXPECT_FALSE(receive(volume, {"/d"}, target, [&](const CopiedItem& item) {
-      if (item.failure) failures.push_back(item);
+    const auto volume = std::make_shared<MemoryVolume>(
+        tree("/d/ /d/z=Z /d/" + c.item + (isFolder ? " /d/" + c.item + "b=B" : "=x")));
+    EXPECT_FALSE(receive(volume, {"/d"}, target, [&](const CopiedItem& copied) {
+      if (copied.failure) failures.push_back(copied);
       return true;
     }));
-    EXPECT_EQ(treeAt(target), c.after);
+    EXPECT_EQ(treeAt(target), tree(std::string("/z=Z ") + c.left));
     ASSERT_EQ(failures.size(), 1U);
-    EXPECT_EQ(failures[0].from, c.from);
+    EXPECT_EQ(failures[0].from, "/d/" + item);
     ASSERT_TRUE(error_);
-    EXPECT_EQ(error_->domain(), c.domain);
+    EXPECT_EQ(error_->domain(), c.code == 7 ? "TestDomain" : "NSPOSIXErrorDomain");
     EXPECT_EQ(error_->code(), c.code);
     EXPECT_EQ(volume->held(), 0U);
   }
@@ -427,8 +376,8 @@ TEST_F(LocalFSTest, SendsATreeAndReportsWhatCannotBeSent) {
   write("d/empty", "");
   write("d/sub/b", "BB");
   fs::create_directories(disk_ / "d/hollow");
-  fs::create_symlink("a", disk_ / "d/link to a file");
-  fs::create_directory_symlink("..", disk_ / "d/link to a folder");
+  fs::create_symlink("a", disk_ / "d/fileLink");
+  fs::create_directory_symlink("..", disk_ / "d/folderLink");
   fs::create_symlink("nowhere", disk_ / "d/dangling");
   ASSERT_EQ(::mkfifo((disk_ / "d/pipe").c_str(), 0600), 0);
   write("d/\xff", "x");
@@ -439,15 +388,10 @@ TEST_F(LocalFSTest, SendsATreeAndReportsWhatCannotBeSent) {
     if (item.failure) failures[lastPathComponent(item.from)] = item.failure->code();
     return true;
   }));
-  EXPECT_EQ(volume->tree(), (Tree{{"/new/", ""},
-                                  {"/new/a", "A"},
-                                  {"/new/empty", ""},
-                                  {"/new/hollow/", ""},
-                                  {"/new/link to a file", "A"},
-                                  {"/new/sub/", ""},
-                                  {"/new/sub/b", "BB"}}));
+  EXPECT_EQ(volume->tree(),
+            tree("/new/ /new/a=A /new/empty= /new/hollow/ /new/fileLink=A /new/sub/ /new/sub/b=BB"));
   const std::map<std::string, std::int64_t> expected{
-      {"dangling", ENOENT}, {"fail", 7}, {"link to a folder", ELOOP}, {"pipe", EINVAL}, {"\xff", EILSEQ}};
+      {"dangling", ENOENT}, {"fail", 7}, {"folderLink", ELOOP}, {"pipe", EINVAL}, {"\xff", EILSEQ}};
   EXPECT_EQ(failures, expected);
 }
 

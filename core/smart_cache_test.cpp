@@ -2,8 +2,11 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <map>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -69,182 +72,73 @@ class Desk {
 
 using Names = std::set<std::string>;
 
+/// Carries out the steps between semicolons, each a verb with what it takes; "-" stands for none.
+void play(Desk& desk, const std::string& script) {
+  using Words = std::vector<std::string>;
+  const auto named = [](const std::string& word) { return word == "-" ? "" : word; };
+  const std::map<std::string, std::function<void(const Words&)>> verbs = {
+      {"get", [&](const Words& w) { desk.download(w.at(1), std::stoul(w.at(2)), w.at(3)); }},
+      {"write", [&](const Words& w) { desk.write(w.at(1), std::stoul(w.at(2))); }},
+      {"store", [&](const Words& w) { desk.store(w.at(1), w.at(2)); }},
+      {"close", [&](const Words& w) { desk.close(w.at(1)); }},
+      {"forget", [&](const Words& w) { desk.cache->invalidate(w.at(1)); }},
+      {"vanish", [&](const Words& w) { desk.removeBehindItsBack(w.at(1)); }},
+      {"end", [&](const Words&) { desk.cache.reset(); }},
+      {"opens", [&](const Words& w) { EXPECT_EQ(desk.open(w.at(1)), named(w.at(2))); }},
+      {"key", [&](const Words& w) { EXPECT_EQ(desk.keyOf(w.at(1)), named(w.at(2))); }},
+      {"left", [&](const Words& w) { EXPECT_EQ(desk.names(), Names(w.begin() + 1, w.end())); }}};
+  std::istringstream steps(script);
+  for (std::string step; std::getline(steps, step, ';');) {
+    SCOPED_TRACE(step);
+    std::istringstream words(step);
+    const Words all{std::istream_iterator<std::string>(words), {}};
+    verbs.at(all.at(0))(all);
+  }
+}
+
 TEST(SmartCache, KeepsCopiesThatAreInUseOrFitTheBudget) {
   struct Case {
     const char* name;
-    std::function<void(Desk&)> steps;
-    Names left;
-    std::vector<std::pair<std::string, std::string>> opens;  // key -> file name served, or "" for none
+    const char* script;
   };
   const Case cases[] = {
-      {"a held copy outlives the budget",
-       [](Desk& desk) { desk.download("a", 500, "/a"); },
-       {"a"},
-       {{"/a", "a"}}},
-      {"a released copy within the budget stays",
-       [](Desk& desk) {
-         desk.download("a", 100, "/a");
-         desk.close("a");
-       },
-       {"a"},
-       {{"/a", "a"}}},
-      {"a released copy larger than the budget goes",
-       [](Desk& desk) {
-         desk.download("a", 101, "/a");
-         desk.close("a");
-       },
-       {},
-       {{"/a", ""}}},
-      {"two users need two releases",
-       [](Desk& desk) {
-         desk.download("a", 500, "/a");
-         EXPECT_EQ(desk.open("/a"), "a");
-         desk.close("a");
-       },
-       {"a"},
-       {{"/a", "a"}}},
+      {"a held copy outlives the budget", "get a 500 /a; left a; opens /a a"},
+      {"a released copy within the budget stays", "get a 100 /a; close a; left a; opens /a a"},
+      {"a released copy larger than the budget goes", "get a 101 /a; close a; left; opens /a -"},
+      {"two users need two releases", "get a 500 /a; opens /a a; close a; left a; opens /a a"},
       {"the least recently used goes first",
-       [](Desk& desk) {
-         for (const char* name : {"a", "b"}) {
-           desk.download(name, 50, std::string("/") + name);
-           desk.close(name);
-         }
-         EXPECT_EQ(desk.open("/a"), "a");  // now "b" is the older one
-         desk.close("a");
-         desk.download("c", 50, "/c");
-         desk.close("c");
-       },
-       {"a", "c"},
-       {{"/b", ""}, {"/a", "a"}}},
+       "get a 50 /a; close a; get b 50 /b; close b; opens /a a; close a; get c 50 /c; close c;"
+       "left a c; opens /b -; opens /a a"},
       {"a folder counts what is in it",
-       [](Desk& desk) {
-         desk.write("folder/deep/x", 60);
-         desk.write("folder/y", 41);
-         desk.store("folder", "/folder");
-         desk.close("folder");
-       },
-       {},
-       {{"/folder", ""}}},
+       "write folder/deep/x 60; write folder/y 41; store folder /folder; close folder; left; opens /folder "
+       "-"},
       {"a folder within the budget stays",
-       [](Desk& desk) {
-         desk.write("folder/deep/x", 60);
-         desk.write("folder/y", 40);
-         desk.store("folder", "/folder");
-         desk.close("folder");
-       },
-       {"folder"},
-       {{"/folder", "folder"}}},
-      {"an invalidated copy without users goes at once",
-       [](Desk& desk) {
-         desk.download("a", 10, "/a");
-         desk.close("a");
-         desk.cache->invalidate("/a");
-       },
-       {},
-       {{"/a", ""}}},
+       "write folder/deep/x 60; write folder/y 40; store folder /folder; close folder;"
+       "left folder; opens /folder folder"},
+      {"an invalidated copy without users goes at once", "get a 10 /a; close a; forget /a; left; opens /a -"},
       {"an invalidated copy that is held stays until its release",
-       [](Desk& desk) {
-         desk.download("a", 10, "/a");
-         desk.cache->invalidate("/a");
-         EXPECT_EQ(desk.keyOf("a"), "/a");
-         EXPECT_EQ(desk.names(), Names{"a"});
-         EXPECT_EQ(desk.open("/a"), "");
-         desk.close("a");
-         EXPECT_EQ(desk.keyOf("a"), "");
-       },
-       {},
-       {{"/a", ""}}},
+       "get a 10 /a; forget /a; key a /a; left a; opens /a -; close a; key a -; left; opens /a -"},
       {"a replaced copy that is held stays until its release",
-       [](Desk& desk) {
-         desk.download("old", 10, "/a");
-         desk.download("new", 10, "/a");
-         EXPECT_EQ(desk.names(), (Names{"old", "new"}));
-         desk.close("old");
-       },
-       {"new"},
-       {{"/a", "new"}}},
-      {"keys are compared as given",
-       [](Desk& desk) {
-         desk.download("a", 10, "/a");
-         desk.cache->invalidate("/A");
-       },
-       {"a"},
-       {{"/A", ""}, {"/a", "a"}}},
-      {"a copy that vanished counts as absent",
-       [](Desk& desk) {
-         desk.download("a", 10, "/a");
-         desk.close("a");
-         desk.removeBehindItsBack("a");
-       },
-       {},
-       {{"/a", ""}}},
+       "get old 10 /a; get new 10 /a; left new old; close old; left new; opens /a new"},
+      {"keys are compared as given", "get a 10 /a; forget /A; left a; opens /A -; opens /a a"},
+      {"a copy that vanished counts as absent", "get a 10 /a; close a; vanish a; left; opens /a -"},
       {"a second download to the path of a held, forgotten copy is kept until both are released",
-       [](Desk& desk) {
-         desk.download("a", 500, "/a");
-         desk.cache->invalidate("/a");
-         desk.download("a", 20, "/a");
-         desk.close("a");
-         EXPECT_EQ(desk.open("/a"), "a");
-         desk.close("a");
-         desk.close("a");
-       },
-       {"a"},
-       {{"/a", "a"}}},
+       "get a 500 /a; forget /a; get a 20 /a; close a; opens /a a; close a; close a; left a; opens /a a"},
       {"a file that is being put at a forgotten copy's path is not deleted with the copy",
-       [](Desk& desk) {
-         desk.download("a", 10, "/a");
-         desk.cache->invalidate("/a");
-         desk.removeBehindItsBack("a");
-         desk.write("a", 20);  // the second download has written its file but not stored it yet
-         desk.close("a");
-         EXPECT_EQ(desk.names(), Names{"a"});
-         desk.store("a", "/a");
-       },
-       {"a"},
-       {{"/a", "a"}}},
+       "get a 10 /a; forget /a; vanish a; write a 20; close a; left a; store a /a; left a; opens /a a"},
       {"a path stored under another key leaves the first key",
-       [](Desk& desk) {
-         desk.download("a", 10, "/a");
-         desk.store("a", "/b");
-         EXPECT_EQ(desk.keyOf("a"), "/b");
-       },
-       {"a"},
-       {{"/a", ""}, {"/b", "a"}}},
+       "get a 10 /a; store a /b; key a /b; left a; opens /a -; opens /b a"},
       {"a release too many is ignored",
-       [](Desk& desk) {
-         desk.download("a", 10, "/a");
-         for (int i = 0; i < 3; ++i) desk.close("a");
-         EXPECT_EQ(desk.open("/a"), "a");
-         desk.cache->invalidate("/a");
-         EXPECT_EQ(desk.names(), Names{"a"});
-         desk.close("a");
-       },
-       {},
-       {}},
+       "get a 10 /a; close a; close a; close a; opens /a a; forget /a; left a; close a; left"},
       {"a file that the cache never held is left alone",
-       [](Desk& desk) {
-         desk.write("a", 10);
-         desk.close("a");
-         desk.cache->invalidate("/a");
-       },
-       {"a"},
-       {{"/a", ""}}},
+       "write a 10; close a; forget /a; left a; opens /a -"},
       {"its end deletes what nobody holds",
-       [](Desk& desk) {
-         desk.download("held", 10, "/held");
-         desk.download("free", 10, "/free");
-         desk.close("free");
-         desk.cache.reset();
-       },
-       {"held"},
-       {}},
+       "get held 10 /held; get free 10 /free; close free; end; left held"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Desk desk;
-    c.steps(desk);
-    EXPECT_EQ(desk.names(), c.left);
-    for (const auto& [key, served] : c.opens) EXPECT_EQ(desk.open(key), served) << key;
+    play(desk, c.script);
   }
 }
 
