@@ -30,9 +30,7 @@ TEST(ReaderBytes, HostileTextsAreErrorsOfTheTrace) {
   const Case cases[] = {
       {"NUL alone", "\0"s, {"11 Unexpected end of string"}},
       {"NUL after the value", "[1]\0"s, {"10 Garbage after JSON"}},
-      {"another text after NUL", "[1]\0[2]"s, {"10 Garbage after JSON"}},
       {"NUL in an array", "[1\0]"s, {"11 End of input while parsing array"}},
-      {"NUL after a bracket", "[\0]"s, {"11 End of input while parsing array"}},
       {"NUL in an object", "{\0}"s, {"11 End of input while parsing object"}},
       {"NUL as a value",
        "{\"a\":\0}"s,
@@ -46,7 +44,6 @@ TEST(ReaderBytes, HostileTextsAreErrorsOfTheTrace) {
       {"NUL in a literal", "[tr\0e]"s, {"3 Expected 'true'", inArray}},
       {"byte-order mark", "\xEF\xBB\xBF[]", {"3 Unrecognised leading character"}},
       {"UTF-16", "[\0]\0"s, {"11 End of input while parsing array"}},
-      {"UTF-16 with mark", "\xFF\xFE[\0"s, {"3 Unrecognised leading character"}},
       {"no-break space is no white space", "[\xC2\xA0]", {"3 Unrecognised leading character", inArray}},
       {"next line is no white space", "[\x85]", {"3 Unrecognised leading character", inArray}},
       {"continuation alone", "[\"\x80\"]", {broken, inArray}},
@@ -115,10 +112,9 @@ TEST(ReaderBytes, PlainRunsEndWhereTheyShould) {
         std::string text(size, 'a');
         if (stop < size) text[stop] = byte;
         if (stop + 1 < size) text[stop + 1] = '\xC3';  // behind the stop, and not to be looked at
-        const bool stops =
-            stop < size && (byte == '"' || byte == '\\' || static_cast<unsigned char>(byte) < 0x20);
-        const bool hasHigh =
-            !stops && (stop + 1 < size || (stop < size && static_cast<unsigned char>(byte) >= 0x80));
+        const auto code = static_cast<unsigned char>(byte);
+        const bool stops = stop < size && (byte == '"' || byte == '\\' || code < 0x20);
+        const bool hasHigh = !stops && (stop + 1 < size || (stop < size && code >= 0x80));
         const auto exact = std::make_unique<char[]>(size);
         std::memcpy(exact.get(), text.data(), size);
         const PlainRun run = plainRun({exact.get(), size});

@@ -1,6 +1,5 @@
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <future>
 #include <sstream>
@@ -13,6 +12,7 @@
 #include "json/JsonTestText.h"
 #include "json/QJJsonParser.h"
 #include "json/QJJsonWriter.h"
+#include "testing/TemporaryFolder.h"
 
 namespace {
 
@@ -117,24 +117,15 @@ TEST(ErrorTrace, ParsersOfManyThreadsShareWhatTheyMay) {
 
 class Log : public testing::Test {
  protected:
-  void SetUp() override {
-    char path[] = "/tmp/json_trace_test_XXXXXX";
-    const int file = ::mkstemp(path);
-    ASSERT_GE(file, 0);
-    ::close(file);
-    path_ = path;
-    ASSERT_TRUE(setLogFile(path_));
-  }
-  void TearDown() override {
-    setLogFile("");
-    std::remove(path_.c_str());
-  }
+  void SetUp() override { ASSERT_TRUE(setLogFile(path_)); }
+  void TearDown() override { setLogFile(""); }
   std::string logged() const {
     std::stringstream text;
     text << std::ifstream(path_).rdbuf();
     return text.str();
   }
-  std::string path_;
+  const TemporaryFolder folder_;
+  const std::string path_ = folder_.path() + "/log";
 };
 
 TEST_F(Log, TheOneCallFormsLogTheTraceOnlyOnFailure) {
@@ -151,8 +142,7 @@ TEST_F(Log, TheOneCallFormsLogTheTraceOnlyOnFailure) {
 }
 
 TEST_F(Log, AHugeKeyInTheTraceIsLoggedSafely) {
-  const std::string key(1'000'000, 'k');
-  EXPECT_FALSE(JSONValue("{\"code=" + key + "\":?}"));
+  EXPECT_FALSE(JSONValue("{\"code=" + std::string(1'000'000, 'k') + "\":?}"));
   EXPECT_NE(logged().find("-JSONValue failed."), std::string::npos);
 }
 

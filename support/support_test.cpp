@@ -39,32 +39,22 @@ class ServingThread {
 
 }  // namespace
 
-TEST(AssociatedObjects, KeyIsTheObjectNotItsText) {
+TEST(AssociatedObjects, SetRetainsAssignDoesNotAndNothingRemoves) {
   const auto object = str("carrier");
-  const auto key = str("key");
-  const auto twin = str("key");
-  EXPECT_EQ(objForKey(*object, *key), nullptr);
-  setObj(*object, str("value"), *key);
-  EXPECT_EQ(*textOf(objForKey(*object, *key)), "value");
-  EXPECT_EQ(objForKey(*object, *twin), nullptr);
-  setObj(*object, nullptr, *key);
-  EXPECT_EQ(objForKey(*object, *key), nullptr);
-}
-
-TEST(AssociatedObjects, OnlySetRetains) {
-  const auto object = str("carrier");
-  const auto retaining = str("retaining");
-  const auto assigning = str("assigning");
+  const auto retaining = str("key");
+  const auto assigning = str("key");
   auto value = str("value");
   const std::weak_ptr<NSObject> watch = value;
   assignObj(*object, value, *assigning);
   EXPECT_EQ(value.use_count(), 1);
+  EXPECT_EQ(objForKey(*object, *retaining), nullptr) << "the key is the object, not its text";
   setObj(*object, value, *retaining);
   value.reset();
   EXPECT_FALSE(watch.expired());
   EXPECT_EQ(objForKey(*object, *assigning), watch.lock());
   setObj(*object, nullptr, *assigning);
   setObj(*object, nullptr, *retaining);
+  EXPECT_EQ(objForKey(*object, *retaining), nullptr);
   EXPECT_TRUE(watch.expired());
 }
 
