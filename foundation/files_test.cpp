@@ -436,22 +436,6 @@ TEST(Bundle, FindsResourcesOfWhatIsLoaded) {
   EXPECT_EQ(NSImage::imageNamed("Other"), nullptr);
 }
 
-TEST(Bundle, SaysWhyItCannotBeLoaded) {
-  const Folder folder;
-  ASSERT_TRUE(NSFileManager::defaultManager().createDirectoryAtPath(folder / "A.bundle", false));
-  NSBundle bundle(folder / "A.bundle");
-  const std::size_t loadedBefore = NSBundle::loadedBundles().size();
-  NSErrorRef error;
-  EXPECT_FALSE(bundle.load(&error));
-  EXPECT_EQ(codeOf(error), ENOENT);
-  ASSERT_TRUE(writeFile(folder / "A.bundle/A.so", "no code"));
-  EXPECT_FALSE(bundle.load(&error));
-  EXPECT_EQ(error->domain(), "NSBundle");
-  EXPECT_NE(error->localizedDescription().find("A.so"), std::string::npos);
-  EXPECT_EQ(bundle.symbol("main"), nullptr);
-  EXPECT_EQ(NSBundle::loadedBundles().size(), loadedBefore);
-}
-
 TEST(Log, BlanksSecretsAndKeepsTheRest) {
   struct Case {
     const char* name;

@@ -166,23 +166,6 @@ TEST(DecimalNumber, OtherForms) {
   EXPECT_NE(as<NSDecimalNumber>(id(NSDecimalNumber::fromString("1"))), nullptr);
 }
 
-TEST(Number, Text) {
-  struct Case {
-    const char* name;
-    std::shared_ptr<NSNumber> number;
-    const char* text;
-  };
-  const Case cases[] = {
-      {"true", NSNumber::withBool(true), "1"},
-      {"byte", NSNumber::withChar(-3), "-3"},
-      {"least integer", NSNumber::withInt(std::numeric_limits<std::int64_t>::min()), "-9223372036854775808"},
-      {"whole double", NSNumber::withDouble(1), "1"},
-      {"16 digits", NSNumber::withDouble(1.0 / 3), "0.3333333333333333"},
-      {"large double", NSNumber::withDouble(1e21), "1e+21"},
-      {"float has 7 digits", NSNumber::withFloat(0.1F), "0.1"}};
-  for (const Case& c : cases) EXPECT_EQ(c.number->stringValue(), c.text) << c.name;
-}
-
 TEST(Number, Equality) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   struct Case {
