@@ -63,7 +63,7 @@ int FileContent::makeEmpty(const WriteBase& base) {
   if (const int reason = createData(journal_->newId())) return reason;
   // What waits to be sent replaces the version that it was made from; so does what comes after it.
   if (!isUnsent_) base_ = base;
-  isUnsent_ = true;
+  isUnsent_ = !isLocalOnly_;
   isWritten_ = false;
   unused = std::exchange(copy_, nullptr);
   lock.unlock();
@@ -106,7 +106,8 @@ std::uint64_t FileContent::sizeBytes() const {
 int FileContent::makePrivate() {
   if (!id_.empty() && id_ != recordedId_) return 0;
   if (!data_) fatalInvariant("a file has bytes before it is written");
-  const std::string from = copy_ ? copy_->path() : pathOf(id_);
+  // From what is open and not from its path, where another version may lie by now.
+  const std::string from = "/proc/self/fd/" + std::to_string(data_->number());
   std::string dataId = journal_->newId();
   NSErrorRef error;
   if (!copyLocalFile(
@@ -126,7 +127,8 @@ int FileContent::write(const std::function<int(int file)>& put) {
   changed_.wait(lock, [&] { return !isSending_; });
   --wishes_;
   if (const int reason = makePrivate()) return reason;
-  isUnsent_ = isWritten_ = !isLocalOnly_;
+  isUnsent_ = !isLocalOnly_;
+  isWritten_ = !isLocalOnly_;
   return put(data_->number());
 }
 
@@ -144,68 +146,39 @@ void FileContent::setModified(NSDate::Time time) {
   ::futimens(data_->number(), times);
 }
 
-void FileContent::addUser(Access access) {
-  const std::lock_guard lock(mutex_);
-  ++(access == Access::write ? writers_ : readers_);
-}
+void FileContent::addUser(Access access) { ++(access == Access::write ? writers_ : readers_); }
 
-void FileContent::removeUser(Access access) {
-  const std::lock_guard lock(mutex_);
-  --(access == Access::write ? writers_ : readers_);
-}
+void FileContent::removeUser(Access access) { --(access == Access::write ? writers_ : readers_); }
 
-bool FileContent::hasUsers() const {
-  const std::lock_guard lock(mutex_);
-  return readers_ + writers_ > 0;
-}
+bool FileContent::hasUsers() const { return readers_ + writers_ > 0; }
 
-int FileContent::writers() const {
-  const std::lock_guard lock(mutex_);
-  return writers_;
-}
+int FileContent::writers() const { return writers_; }
 
-bool FileContent::isUnsent() const {
-  const std::lock_guard lock(mutex_);
-  return isUnsent_;
-}
+bool FileContent::isUnsent() const { return isUnsent_; }
 
-bool FileContent::isWritten() const {
-  const std::lock_guard lock(mutex_);
-  return isWritten_;
-}
+bool FileContent::isWritten() const { return isWritten_; }
 
-bool FileContent::isWanted() const {
-  const std::lock_guard lock(mutex_);
-  return wishes_ > 0;
-}
+bool FileContent::isWanted() const { return wishes_ > 0; }
 
 FileContent::Wish::Wish(std::shared_ptr<FileContent> content) : content_(std::move(content)) {
-  if (!content_) return;
-  const std::lock_guard lock(content_->mutex_);
-  ++content_->wishes_;
+  if (content_) ++content_->wishes_;
 }
 
 FileContent::Wish::~Wish() {
-  if (!content_) return;
-  const std::lock_guard lock(content_->mutex_);
-  --content_->wishes_;
+  if (content_) --content_->wishes_;
 }
 
-bool FileContent::isLocalOnly() const {
-  const std::lock_guard lock(mutex_);
-  return isLocalOnly_;
-}
+bool FileContent::isLocalOnly() const { return isLocalOnly_; }
 
-void FileContent::sendFromNow(const WriteBase& base) {
+int FileContent::sendFromNow(const WriteBase& base) {
   const std::lock_guard lock(mutex_);
   if (!isLocalOnly_) fatalInvariant("only a file that stayed here begins to be sent");
-  const std::string from = pathOf(id_);
+  if (::rename(journal_->localPath(id_).c_str(), journal_->dataPath(id_).c_str()) != 0) return errno;
   isLocalOnly_ = false;
-  if (::rename(from.c_str(), pathOf(id_).c_str()) != 0)
-    fatalInvariant("two folders of one journal lie on one disk");
   base_ = base;
   isUnsent_ = true;
   isWritten_ = true;
+  return 0;
 }
 
 WriteBase FileContent::base() const {
@@ -231,12 +204,23 @@ void FileContent::endSending(const std::optional<WriteBase>& stored) {
     const std::lock_guard lock(mutex_);
     isSending_ = false;
     if (stored) {
-      isUnsent_ = isWritten_ = false;
+      isUnsent_ = false;
+      isWritten_ = false;
       base_ = *stored;
       dropRecorded();
     }
   }
   changed_.notify_all();
+}
+
+std::string FileContent::elsewhere() const {
+  const std::lock_guard lock(mutex_);
+  return elsewhere_;
+}
+
+void FileContent::setElsewhere(const std::string& path) {
+  const std::lock_guard lock(mutex_);
+  elsewhere_ = path;
 }
 
 NSErrorRef FileContent::record(const std::string& path, UploadJournal::Durability durability) {
@@ -268,5 +252,6 @@ void FileContent::dropRecorded() {
 void FileContent::discard() {
   const std::lock_guard lock(mutex_);
   dropRecorded();
-  isUnsent_ = isWritten_ = false;
+  isUnsent_ = false;
+  isWritten_ = false;
 }

@@ -1,4 +1,5 @@
 #pragma once
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -75,7 +76,7 @@ class FileContent {
   };
   bool isLocalOnly() const;
   /// A file that stayed here is to be sent from now on, in place of the version `base`.
-  void sendFromNow(const WriteBase& base);
+  int sendFromNow(const WriteBase& base);
   WriteBase base() const;
   void setBase(const WriteBase& base);
 
@@ -89,6 +90,10 @@ class FileContent {
   std::optional<Sending> beginSending(bool onlyClosed);
   /// @param stored  the version that the service has now, or nothing when it failed.
   void endSending(const std::optional<WriteBase>& stored);
+  /// Where the service put the bytes when the name had become another version's: there they go from then on.
+  /// Empty: nowhere else.
+  std::string elsewhere() const;
+  void setElsewhere(const std::string& path);
   /// Notes in the journal that these bytes, which were closed, are to be stored at `path`, in place of an
   /// older version that waited.
   NSErrorRef record(const std::string& path, UploadJournal::Durability durability);
@@ -109,17 +114,19 @@ class FileContent {
   const std::shared_ptr<UploadJournal> journal_;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
-  // All guarded by mutex_.
+  // All guarded by mutex_, which is held while the disk works. What others look at in passing is atomic, so
+  // that they need not wait for that.
   std::shared_ptr<const Descriptor> data_;
   std::shared_ptr<NSURL> copy_;  // the volume's, while it is shown
   std::string id_;               // of the private file; empty: none
   std::string recordedId_;       // of the version that waits in the journal; empty: none
   WriteBase base_;
-  bool isLocalOnly_ = false;
-  bool isUnsent_ = false;
-  bool isWritten_ = false;
+  std::string elsewhere_;
   bool isSending_ = false;
-  int wishes_ = 0;
-  int readers_ = 0;
-  int writers_ = 0;
+  std::atomic<bool> isLocalOnly_{false};
+  std::atomic<bool> isUnsent_{false};
+  std::atomic<bool> isWritten_{false};
+  std::atomic<int> wishes_{0};
+  std::atomic<int> readers_{0};
+  std::atomic<int> writers_{0};
 };

@@ -9,6 +9,7 @@
 #include <deque>
 #include <exception>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -57,6 +58,9 @@ Handle& handleOf(const fuse_file_info* info) {
   return *reinterpret_cast<Handle*>(info->fh);  // NOLINT(performance-no-int-to-ptr): it was made from one
 }
 
+/// How long news of an entry wait for requests in its folder to end.
+constexpr std::chrono::seconds noticePatience{5};
+
 timespec timespecOf(NSDate::Time time) {
   using namespace std::chrono;
   const auto whole = floor<seconds>(time);
@@ -93,17 +97,26 @@ struct FuseServer::Session {
   std::atomic<std::size_t> idle{0};
   std::atomic<bool> isOver{false};
 
-  // What the kernel has to be told.
+  // What the kernel has to be told. Of an entry it wants to be told while no request works in the folder;
+  // until then the one who tells hangs in the kernel, where not even a kill of this process ends it. So such
+  // a notice waits here for its folder, though not for ever.
+  struct Notice {
+    NodeId folder = 0;  // that the kernel must hold for it; 0: none
+    std::function<void()> tell;
+    std::chrono::steady_clock::time_point latest;
+  };
   std::mutex noticesMutex;
   std::condition_variable noticesChanged;
-  std::deque<std::function<void()>> notices;  // guarded by noticesMutex
-  bool isTelling = true;                      // guarded by noticesMutex
+  std::deque<Notice> notices;             // guarded by noticesMutex
+  std::map<NodeId, int> foldersWorkedIn;  // guarded by noticesMutex: how many requests
+  bool isTelling = true;                  // guarded by noticesMutex
   std::thread teller;
 
   void work();
   void addThread();
   void tellKernel();
-  void notice(std::function<void()> tell);
+  void notice(NodeId folder, std::function<void()> tell);
+  std::deque<Notice>::iterator nextNotice();
   bool waitForRequest() const;
 
   mode_t modeOf(bool isFolder) const {
@@ -157,6 +170,29 @@ void answer(fuse_req_t request, Operation&& operation) noexcept {
 }
 constexpr int answered = -1;
 
+/// Says, while it lives, that a request works in a folder.
+class WorksIn {
+ public:
+  WorksIn(fuse_req_t request, fuse_ino_t folder) : session_(sessionOf(request)), folder_(nodeOf(folder)) {
+    const std::lock_guard lock(session_.noticesMutex);
+    ++session_.foldersWorkedIn[folder_];
+  }
+  WorksIn(const WorksIn&) = delete;
+  WorksIn& operator=(const WorksIn&) = delete;
+  ~WorksIn() {
+    {
+      const std::lock_guard lock(session_.noticesMutex);
+      if (const auto found = session_.foldersWorkedIn.find(folder_); --found->second == 0)
+        session_.foldersWorkedIn.erase(found);
+    }
+    session_.noticesChanged.notify_one();
+  }
+
+ private:
+  Session& session_;
+  const NodeId folder_;
+};
+
 void replyEntry(fuse_req_t request, const MountedVolume::Found& found, bool otherSpelling) {
   const auto entry = sessionOf(request).entryOf(found.attributes, otherSpelling);
   if (fuse_reply_entry(request, &entry) != 0) volumeOf(request).forget(found.attributes.id, 1);
@@ -181,6 +217,7 @@ void onInit(void* /*user*/, fuse_conn_info* connection) {
 }
 
 void onLookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
+  const WorksIn works(request, parent);
   answer(request, [&] {
     const auto found = volumeOf(request).lookup(nodeOf(parent), name, interruptionOf(request));
     if (found.error) return found.error;
@@ -222,6 +259,8 @@ bool asksForOtherRights(const Session& session, const struct stat& wanted, int w
          ((which & FUSE_SET_ATTR_GID) && wanted.st_gid != session.group);
 }
 
+void noticeOtherBytes(fuse_req_t request, fuse_ino_t node);
+
 void onSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
                      fuse_file_info* info) {
   answer(request, [&] {
@@ -232,6 +271,7 @@ void onSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, i
       auto* file = info ? &handleOf<OpenFile>(info) : nullptr;
       const auto sizeBytes = static_cast<std::uint64_t>(wanted->st_size);
       if (const int reason = volume.truncate(id, file, sizeBytes, interruptionOf(request))) return reason;
+      noticeOtherBytes(request, node);
     }
     if (which & (FUSE_SET_ATTR_MTIME | FUSE_SET_ATTR_MTIME_NOW)) {
       const bool isNow = (which & FUSE_SET_ATTR_MTIME_NOW) != 0;
@@ -387,6 +427,11 @@ void onListExtra(fuse_req_t request, fuse_ino_t node, std::size_t size) {
   });
 }
 
+/// What was written through another spelling of the file's name is not what the kernel keeps under its own.
+void noticeOtherBytes(fuse_req_t request, fuse_ino_t node) {
+  if (isOtherSpelling(node)) sessionOf(request).kernel->contentChanged(nodeOf(node));
+}
+
 /// What was changed through another spelling of the folder's name is news to the kernel under its own.
 void noticeOtherSpelling(fuse_req_t request, fuse_ino_t parent, const char* name) {
   if (!isOtherSpelling(parent)) return;
@@ -408,6 +453,7 @@ void onOpen(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
   answer(request, [&] {
     auto opened = volumeOf(request).open(nodeOf(node), info->flags, interruptionOf(request));
     if (opened.error) return opened.error;
+    if (info->flags & O_TRUNC) noticeOtherBytes(request, node);
     fillOpened(info, opened.value, isOtherSpelling(node));
     if (fuse_reply_open(request, info) == 0) {
       opened.value.file.release();  // NOLINT(bugprone-unused-return-value): the kernel has it now
@@ -420,6 +466,7 @@ void onOpen(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
 
 void onCreate(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*mode*/,
               fuse_file_info* info) {
+  const WorksIn works(request, parent);
   answer(request, [&] {
     MountedVolume& volume = volumeOf(request);
     auto created = volume.create(nodeOf(parent), name, info->flags, interruptionOf(request));
@@ -441,6 +488,7 @@ void onCreate(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*
 }
 
 void onMakeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, dev_t /*device*/) {
+  const WorksIn works(request, parent);
   answer(request, [&] {
     if (!S_ISREG(mode)) return EPERM;  // as link(2) and mknod(2) say of file systems without them
     MountedVolume& volume = volumeOf(request);
@@ -466,7 +514,7 @@ void onRead(fuse_req_t request, fuse_ino_t /*node*/, std::size_t size, off_t off
   });
 }
 
-void onWrite(fuse_req_t request, fuse_ino_t /*node*/, fuse_bufvec* from, off_t offset, fuse_file_info* info) {
+void onWrite(fuse_req_t request, fuse_ino_t node, fuse_bufvec* from, off_t offset, fuse_file_info* info) {
   answer(request, [&] {
     ssize_t count = 0;
     const auto put = [&](int file) {
@@ -479,6 +527,7 @@ void onWrite(fuse_req_t request, fuse_ino_t /*node*/, fuse_bufvec* from, off_t o
     };
     const int reason = volumeOf(request).write(handleOf<OpenFile>(info), put, interruptionOf(request));
     if (reason) return reason;
+    noticeOtherBytes(request, node);
     fuse_reply_write(request, static_cast<std::size_t>(count));
     return answered;
   });
@@ -506,6 +555,7 @@ void onRelease(fuse_req_t request, fuse_ino_t /*node*/, fuse_file_info* info) {
 // --- Changes
 
 void onMakeFolder(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*mode*/) {
+  const WorksIn works(request, parent);
   answer(request, [&] {
     const auto made = volumeOf(request).makeFolder(nodeOf(parent), name, interruptionOf(request));
     if (made.error) return made.error;
@@ -516,6 +566,7 @@ void onMakeFolder(fuse_req_t request, fuse_ino_t parent, const char* name, mode_
 }
 
 void onRemoveFile(fuse_req_t request, fuse_ino_t parent, const char* name) {
+  const WorksIn works(request, parent);
   answer(request, [&] {
     const int reason = volumeOf(request).removeFile(nodeOf(parent), name, interruptionOf(request));
     if (reason == 0) noticeOtherSpelling(request, parent, name);
@@ -524,6 +575,7 @@ void onRemoveFile(fuse_req_t request, fuse_ino_t parent, const char* name) {
 }
 
 void onRemoveFolder(fuse_req_t request, fuse_ino_t parent, const char* name) {
+  const WorksIn works(request, parent);
   answer(request, [&] {
     const int reason = volumeOf(request).removeFolder(nodeOf(parent), name, interruptionOf(request));
     if (reason == 0) noticeOtherSpelling(request, parent, name);
@@ -533,6 +585,8 @@ void onRemoveFolder(fuse_req_t request, fuse_ino_t parent, const char* name) {
 
 void onRename(fuse_req_t request, fuse_ino_t parent, const char* name, fuse_ino_t newParent,
               const char* newName, unsigned flags) {
+  const WorksIn works(request, parent);
+  const WorksIn worksThere(request, newParent);
   answer(request, [&] {
     constexpr unsigned noReplace = 1;  // RENAME_NOREPLACE; two names cannot be exchanged
     if (flags & ~noReplace) return EINVAL;
@@ -664,10 +718,15 @@ void FuseServer::Session::addThread() {
   const std::lock_guard lock(threadsMutex);
   if (threads.size() >= maxThreads) return;
   ++idle;
-  threads.emplace_back([this] {
-    setCurrentThreadName("kzv-mount");
-    work();
-  });
+  try {
+    threads.emplace_back([this] {
+      setCurrentThreadName("kzv-mount");
+      work();
+    });
+  } catch (const std::system_error&) {  // the system has no thread to give: those there are must do
+    --idle;
+    if (threads.empty()) throw;
+  }
 }
 
 /// True when there is a request; false when the session is over.
@@ -703,40 +762,50 @@ void FuseServer::Session::work() {
   std::free(request.mem);  // NOLINT(cppcoreguidelines-no-malloc): libfuse's own
 }
 
+std::deque<FuseServer::Session::Notice>::iterator FuseServer::Session::nextNotice() {
+  const auto now = std::chrono::steady_clock::now();
+  return std::find_if(notices.begin(), notices.end(), [&](const Notice& notice) {
+    return !foldersWorkedIn.contains(notice.folder) || now > notice.latest;
+  });
+}
+
 void FuseServer::Session::tellKernel() {
   std::unique_lock lock(noticesMutex);
-  while (true) {
-    noticesChanged.wait(lock, [&] { return !isTelling || !notices.empty(); });
-    if (!isTelling) return;
-    const auto tell = std::move(notices.front());
-    notices.pop_front();
+  while (isTelling) {
+    const auto next = nextNotice();
+    if (next == notices.end()) {
+      noticesChanged.wait_for(lock, noticePatience);
+      continue;
+    }
+    const auto tell = std::move(next->tell);
+    notices.erase(next);
     lock.unlock();
     tell();
     lock.lock();
   }
 }
 
-void FuseServer::Session::notice(std::function<void()> tell) {
+void FuseServer::Session::notice(NodeId about, std::function<void()> tell) {
   {
     const std::lock_guard lock(noticesMutex);
     if (!isTelling) return;
-    notices.push_back(std::move(tell));
+    notices.push_back({about, std::move(tell), std::chrono::steady_clock::now() + noticePatience});
   }
   noticesChanged.notify_one();
 }
 
 void FuseServer::entryChanged(NodeId folder, const std::string& name) {
-  session_->notice([this, folder, name] {
+  session_->notice(folder, [this, folder, name] {
     fuse_lowlevel_notify_inval_entry(session_->fuse, numberOf(folder, false), name.c_str(), name.size());
   });
 }
 
 void FuseServer::contentChanged(NodeId file) {
   session_->notice(
-      [this, file] { fuse_lowlevel_notify_inval_inode(session_->fuse, numberOf(file, false), 0, 0); });
+      0, [this, file] { fuse_lowlevel_notify_inval_inode(session_->fuse, numberOf(file, false), 0, 0); });
 }
 
 void FuseServer::listingChanged(NodeId folder) {
   session_->notice(
-      [this, folder] { fuse_lowlevel_notify_inval_inode(session_->fuse, numberOf(folder, false), 0, 0); });
+      0, [this, folder] { fuse_lowlevel_notify_inval_inode(session_->fuse, numberOf(folder, false), 0, 0); });
 }

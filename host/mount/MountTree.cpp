@@ -88,7 +88,11 @@ void MountTree::collectContents(MountNode& node, std::vector<MountNodeRef>& file
       node, [](const MountNode& each) { return each.content != nullptr; }, files);
 }
 
-bool MountTree::holds(const MountNode& node) const { return node.parent || &node == root_.get(); }
+bool MountTree::holds(const MountNode& node) const {
+  const MountNode* top = &node;
+  while (top->parent) top = top->parent;
+  return top == root_.get();
+}
 
 std::string MountTree::pathOf(const MountNode& node) {
   return joined(node, [](const MountNode& each) { return each.name; });

@@ -34,7 +34,8 @@ MountedVolume::~MountedVolume() {
 
 void MountedVolume::start() {
   recoverRenames();
-  for (auto& upload : journal_->uploads()) waiting_.push_back({nullptr, std::move(upload), Clock::now()});
+  for (auto& upload : journal_->uploads())
+    waiting_.push_back({nullptr, nullptr, std::move(upload), Clock::now()});
   refresher_ = std::thread([this] {
     setCurrentThreadName("kzv-refresh");
     refreshChangedFolders();
@@ -85,6 +86,7 @@ std::optional<MountedVolume::HeldPath> MountedVolume::holdPath(const MountNodeRe
     if (!tree_.holds(*node)) return std::nullopt;
     if (MountTree::keyPathOf(*node) != key) continue;  // it was moved while this waited
     held.path = MountTree::pathOf(*node);
+    held.isRemote = node->isRemote;
     return held;
   }
 }
@@ -97,12 +99,13 @@ void MountedVolume::tell(const Notices& notices) {
 
 // --- What waits to be sent
 
-void MountedVolume::sendLater(const MountNodeRef& node, std::chrono::milliseconds delay) {
+void MountedVolume::sendLater(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
+                              std::chrono::milliseconds delay) {
   {
     const std::lock_guard lock(waitingMutex_);
     const bool isKnown = std::any_of(waiting_.begin(), waiting_.end(),
-                                     [&](const Waiting& waiting) { return waiting.node == node; });
-    if (!isKnown) waiting_.push_back({node, std::nullopt, Clock::now() + delay});
+                                     [&](const Waiting& waiting) { return waiting.content == content; });
+    if (!isKnown) waiting_.push_back({node, content, std::nullopt, Clock::now() + delay});
   }
   waitingChanged_.notify_all();
 }
@@ -152,15 +155,10 @@ void MountedVolume::sendWaiting() {
 bool MountedVolume::sendOne(const Waiting& waiting) {
   const auto never = [] { return false; };
   if (waiting.left) return sendLeft(*waiting.left) == 0;
-  std::shared_ptr<FileContent> content;
-  {
-    const std::lock_guard lock(treeMutex_);
-    content = waiting.node->content;
-  }
-  if (!content) return true;
-  const int reason = send(waiting.node, content, Manner::background, never);
-  dropContent(waiting.node, content);
-  return reason == 0 && (!content->isUnsent() || content->writers() > 0);  // a writer sends when it closes
+  const int reason = send(waiting.node, waiting.content, Manner::background, never);
+  dropContent(waiting.node, waiting.content);
+  // A writer sends when it closes.
+  return reason == 0 && (!waiting.content->isUnsent() || waiting.content->writers() > 0);
 }
 
 /// Lists the folder at `path`, if it is there.
@@ -240,7 +238,13 @@ void MountedVolume::recoverRenames() {
       error = nullptr;
       const bool isReplaced = volume_->attributesAtPath(rename.to, &error) != nullptr;
       if (!isReplaced && errnoOf(error) != ENOENT) continue;
-      reason = isReplaced ? removeRemote(rename.aside, never) : moveRemote(rename.aside, rename.to, never);
+      error = nullptr;
+      const bool isStillThere = volume_->attributesAtPath(rename.from, &error) != nullptr;
+      if (!isStillThere && errnoOf(error) != ENOENT) continue;
+      // Something at the new place while the item is still at its old one was put there by another device:
+      // then what was set aside stays beside it.
+      if (!isReplaced) reason = moveRemote(rename.aside, rename.to, never);
+      if (isReplaced && !isStillThere) reason = removeRemote(rename.aside, never);
     }
     if (reason == 0) journal_->forgetRename(rename.id);
   }

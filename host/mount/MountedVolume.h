@@ -108,7 +108,7 @@ class MountedVolume {
   Answer<std::shared_ptr<const Listing>> list(NodeId folder, const IsInterrupted& isInterrupted);
   /// The attributes of an item of a listing that is still there, which then counts as told to the kernel.
   std::optional<NodeAttributes> showListed(const ListedItem& item);
-  /// Bytes: total, free.
+  /// Bytes: total, free; zero while they are not known.
   Answer<std::pair<std::uint64_t, std::uint64_t>> space();
   /// The version of a file as the volume tells it (ENODATA when not known).
   Answer<std::string> revision(NodeId node);
@@ -163,6 +163,7 @@ class MountedVolume {
   /// A file that waits to be sent: a node's, or one that an earlier process left (by its path).
   struct Waiting {
     MountNodeRef node;
+    std::shared_ptr<FileContent> content;
     std::optional<UploadJournal::Upload> left;
     std::chrono::steady_clock::time_point due;
     int failures = 0;
@@ -173,6 +174,7 @@ class MountedVolume {
   /// A path that stays what it is while this lives.
   struct HeldPath {
     std::string path;
+    bool isRemote = false;
     PathLocks::Hold hold;
   };
   /// A node whose subtree belongs to the caller alone while this lives.
@@ -198,7 +200,8 @@ class MountedVolume {
   /// The child under `name`, the folder listed; an empty node when there is none.
   Answer<MountNodeRef> childOf(const MountNodeRef& folder, const std::string& name,
                                const IsInterrupted& isInterrupted);
-  void applyListing(MountNode& folder, const FSItems& items, Notices& notices);
+  std::vector<MountNodeRef> applyListing(MountNode& folder, const FSItems& items, Notices& notices);
+  void addMissing(MountNode& folder, const FSItems& items, Notices& notices);
   void update(MountNode& node, const FSItem& item, Notices& notices);
   void adoptLeftUploads(MountNode& folder);
   void watch(const MountNodeRef& folder, const std::string& path);
@@ -209,23 +212,24 @@ class MountedVolume {
 
   int fetch(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
             const IsInterrupted& isInterrupted);
-  WriteBase knownBase(const MountNode& node, const std::string& path);
+  WriteBase knownBase(bool isRemote, const std::string& path);
   std::shared_ptr<FileContent> contentOf(const MountNodeRef& node) const;
   std::shared_ptr<FileContent> useContent(const MountNodeRef& node, FileContent::Access access);
   void dropContent(const MountNodeRef& node, const std::shared_ptr<FileContent>& content);
-  int prepare(const MountNodeRef& node, const std::shared_ptr<FileContent>& content, bool truncates,
-              const IsInterrupted& isInterrupted);
+  int prepare(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
+              FileContent::Access access, bool truncates, const IsInterrupted& isInterrupted);
   Answer<Created> openExisting(const MountNodeRef& node, const std::string& name, int flags,
                                const IsInterrupted& isInterrupted);
   void noteWritten(const MountNodeRef& node, const std::shared_ptr<FileContent>& content);
   Opened openedLocked(const MountNodeRef& node, std::shared_ptr<FileContent> content,
-                      FileContent::Access access);
+                      FileContent::Access access, bool keepsCache);
   enum class Manner { foreground, background };
   int send(const MountNodeRef& node, const std::shared_ptr<FileContent>& content, Manner manner,
            const IsInterrupted& isInterrupted);
   void noteStored(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
                   const std::string& path, const StoredFile& stored);
-  void sendLater(const MountNodeRef& node, std::chrono::milliseconds delay);
+  void sendLater(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
+                 std::chrono::milliseconds delay);
   void showFolder(const std::string& path);
   int sendLeft(const UploadJournal::Upload& left);
   void sendWaiting();
@@ -238,10 +242,10 @@ class MountedVolume {
   int moveRemote(const std::string& from, const std::string& to, const IsInterrupted& isInterrupted);
   bool isEmptyNow(const MountNodeRef& folder, const std::string& path, const IsInterrupted& isInterrupted,
                   int& error);
-  std::optional<Claimed> claimSubtree(const MountNodeRef& node);
+  Answer<Claimed> claimSubtree(const MountNodeRef& node, const IsInterrupted& isInterrupted);
   void takeOut(const MountNodeRef& node, const std::string& name);
   struct RenamePlan;
-  int claim(RenamePlan& plan);
+  int claim(RenamePlan& plan, const IsInterrupted& isInterrupted);
   int renameUnsent(RenamePlan& plan, bool staysLocal, const IsInterrupted& isInterrupted);
   int renameRemote(RenamePlan& plan, const IsInterrupted& isInterrupted);
   void hang(RenamePlan& plan);
@@ -271,4 +275,5 @@ class MountedVolume {
   std::mutex spaceMutex_;
   std::optional<std::pair<std::uint64_t, std::uint64_t>> space_;  // guarded by spaceMutex_
   std::chrono::steady_clock::time_point spaceAskedAt_;            // guarded by spaceMutex_
+  bool isAskingForSpace_ = false;  // guarded by spaceMutex_: one asks, others get what was last known
 };

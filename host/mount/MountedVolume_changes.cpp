@@ -60,8 +60,7 @@ bool MountedVolume::isEmptyNow(const MountNodeRef& folder, const std::string& pa
   {
     const std::lock_guard lock(treeMutex_);
     isRemote = folder->isRemote;
-    for (const auto& [key, child] : folder->inside->children) {
-      if (child->isRemote) continue;
+    if (mustStay(*folder)) {
       error = ENOTEMPTY;
       return false;
     }
@@ -101,7 +100,9 @@ Answer<MountedVolume::Found> MountedVolume::makeFolder(NodeId folderId, const st
   Found found;
   {
     const std::lock_guard lock(treeMutex_);
+    if (!tree_.holds(*folder)) return {{}, ENOENT};
     made = tree_.child(*folder, name);  // a listing may have been faster
+    if (made && !made->isFolder) return {{}, EEXIST};
     if (!made) {
       made = tree_.make(true);
       made->isRemote = true;
@@ -121,10 +122,10 @@ int MountedVolume::removeFile(NodeId folderId, const std::string& name, const Is
   if (child.error || !child.value) return child.error ? child.error : ENOENT;
   const MountNodeRef& node = child.value;
   if (node->isFolder) return EISDIR;
-  const auto claimed = claimSubtree(node);
-  if (!claimed) return ENOENT;
-  if (claimed->isRemote) {
-    if (const int reason = removeRemote(claimed->path, isInterrupted)) return reason;
+  const auto claimed = claimSubtree(node, isInterrupted);
+  if (claimed.error) return claimed.error;
+  if (claimed.value.isRemote) {
+    if (const int reason = removeRemote(claimed.value.path, isInterrupted)) return reason;
   }
   takeOut(node, name);
   return 0;
@@ -136,41 +137,45 @@ int MountedVolume::removeFolder(NodeId folderId, const std::string& name,
   if (child.error || !child.value) return child.error ? child.error : ENOENT;
   const MountNodeRef& node = child.value;
   if (!node->isFolder) return ENOTDIR;
-  const auto claimed = claimSubtree(node);
-  if (!claimed) return ENOENT;
+  const auto claimed = claimSubtree(node, isInterrupted);
+  if (claimed.error) return claimed.error;
   int error = 0;
-  if (!isEmptyNow(node, claimed->path, isInterrupted, error)) {
+  if (!isEmptyNow(node, claimed.value.path, isInterrupted, error)) {
     inbox_->add(node);  // what is in it may never have been shown
     return error;
   }
-  if (claimed->isRemote) {
-    if (const int reason = removeRemote(claimed->path, isInterrupted)) return reason;
+  if (claimed.value.isRemote) {
+    if (const int reason = removeRemote(claimed.value.path, isInterrupted)) return reason;
   }
   unwatch(*node);
   takeOut(node, name);
   return 0;
 }
 
-/// The node alone with everything below it; nothing when it is gone.
-std::optional<MountedVolume::Claimed> MountedVolume::claimSubtree(const MountNodeRef& node) {
+/// The node alone with everything below it.
+Answer<MountedVolume::Claimed> MountedVolume::claimSubtree(const MountNodeRef& node,
+                                                           const IsInterrupted& isInterrupted) {
   while (true) {
     std::string key;
     std::shared_ptr<FileContent> content;
     {
       const std::lock_guard lock(treeMutex_);
-      if (!tree_.holds(*node)) return std::nullopt;
+      if (!tree_.holds(*node)) return {{}, ENOENT};
       key = MountTree::keyPathOf(*node);
       content = node->content;
     }
     const FileContent::Wish wish(content);  // a sending in the background gives way
+    auto hold =
+        paths_.hold({{key, PathLocks::Kind::subtree}}, [&] { return isStopping_ || isInterrupted(); });
+    if (!hold) return {{}, EINTR};
     Claimed claimed;
-    claimed.hold = paths_.hold({{key, PathLocks::Kind::subtree}});
+    claimed.hold = *std::move(hold);
     const std::lock_guard lock(treeMutex_);
-    if (!tree_.holds(*node)) return std::nullopt;
+    if (!tree_.holds(*node)) return {{}, ENOENT};
     if (MountTree::keyPathOf(*node) != key) continue;
     claimed.path = MountTree::pathOf(*node);
     claimed.isRemote = node->isRemote;
-    return claimed;
+    return {std::move(claimed), 0};
   }
 }
 
@@ -199,6 +204,9 @@ struct MountedVolume::RenamePlan {
   std::string fromPath;
   std::string toPath;
   std::string toName;
+  bool isSourceRemote = false;
+  bool isTargetRemote = false;
+  std::string targetName;
   PathLocks::Hold hold;
 };
 
@@ -214,7 +222,7 @@ int MountedVolume::rename(NodeId fromFolderId, const std::string& fromName, Node
   const auto inTheWay = childOf(plan.toFolder, toName, isInterrupted);
   if (inTheWay.error) return inTheWay.error;
   plan.source = source.value;
-  if (const int reason = claim(plan)) return reason;
+  if (const int reason = claim(plan, isInterrupted)) return reason;
   if (plan.target) {
     if (target == Target::mustNotExist) return EEXIST;
     if (plan.source->isFolder && !plan.target->isFolder) return ENOTDIR;
@@ -227,12 +235,12 @@ int MountedVolume::rename(NodeId fromFolderId, const std::string& fromName, Node
   const bool wasLocal = content && content->isLocalOnly();
   // The account would lose it, and this machine would have it only for as long as the mount is there.
   if (becomesLocal && !wasLocal) return EINVAL;
-  if (plan.source->isRemote) return renameRemote(plan, isInterrupted);
+  if (plan.isSourceRemote) return renameRemote(plan, isInterrupted);
   return renameUnsent(plan, becomesLocal, isInterrupted);
 }
 
 /// Looks the plan's nodes and paths up and claims both subtrees.
-int MountedVolume::claim(RenamePlan& plan) {
+int MountedVolume::claim(RenamePlan& plan, const IsInterrupted& isInterrupted) {
   while (true) {
     std::string fromKey;
     std::string toKey;
@@ -240,6 +248,9 @@ int MountedVolume::claim(RenamePlan& plan) {
       if (!tree_.holds(*plan.source) || !tree_.holds(*plan.toFolder) || !plan.source->parent) return false;
       plan.target = tree_.child(*plan.toFolder, plan.toName);
       if (plan.target == plan.source) plan.target = nullptr;  // another spelling of its own name
+      plan.isSourceRemote = plan.source->isRemote;
+      plan.isTargetRemote = plan.target && plan.target->isRemote;
+      plan.targetName = plan.target ? plan.target->name : "";
       plan.fromPath = MountTree::pathOf(*plan.source);
       plan.toPath = appendingPathComponent(MountTree::pathOf(*plan.toFolder), plan.toName);
       return true;
@@ -252,7 +263,10 @@ int MountedVolume::claim(RenamePlan& plan) {
       toKey = keyOfPath(plan.toPath);
     }
     const FileContent::Wish wish(contentOf(plan.source));
-    plan.hold = paths_.hold({{fromKey, PathLocks::Kind::subtree}, {toKey, PathLocks::Kind::subtree}});
+    auto hold = paths_.hold({{fromKey, PathLocks::Kind::subtree}, {toKey, PathLocks::Kind::subtree}},
+                            [&] { return isStopping_ || isInterrupted(); });
+    if (!hold) return EINTR;
+    plan.hold = *std::move(hold);
     const std::lock_guard lock(treeMutex_);
     if (!look()) return ENOENT;
     if (keyOfPath(plan.fromPath) == fromKey && keyOfPath(plan.toPath) == toKey) return 0;
@@ -265,12 +279,10 @@ int MountedVolume::claim(RenamePlan& plan) {
 int MountedVolume::renameUnsent(RenamePlan& plan, bool staysLocal, const IsInterrupted& isInterrupted) {
   const auto content = contentOf(plan.source);
   if (!content) return EBUSY;  // a folder that another device has just deleted
-  const bool isReplacing = plan.target && plan.target->isRemote;
-  const WriteBase base =
-      isReplacing ? knownBase(*plan.target, plan.toPath) : WriteBase{WriteBase::Kind::nothing, {}};
+  const WriteBase base = knownBase(plan.isTargetRemote, plan.toPath);
   const bool beginsToBeSent = content->isLocalOnly() && !staysLocal;
   if (beginsToBeSent) {
-    content->sendFromNow(base);
+    if (const int reason = content->sendFromNow(base)) return reason;
   } else {
     content->setBase(base);
   }
@@ -278,13 +290,15 @@ int MountedVolume::renameUnsent(RenamePlan& plan, bool staysLocal, const IsInter
   hang(plan);
   {
     const std::lock_guard lock(treeMutex_);
-    plan.source->isRemote = isReplacing;
+    plan.source->isRemote = plan.isTargetRemote;
   }
   if (!beginsToBeSent || content->writers() > 0) return 0;
   plan.hold = {};  // sending holds the path itself
   const int reason = send(plan.source, content, Manner::foreground, isInterrupted);
   dropContent(plan.source, content);
-  return reason;
+  // It has its new name here, and its bytes are safe: told as a failure, the kernel would not believe the
+  // name.
+  return content->isRecorded() ? 0 : reason;
 }
 
 /// On the service nothing takes the place of something else: what is in the way is set aside first, and comes
@@ -292,13 +306,15 @@ int MountedVolume::renameUnsent(RenamePlan& plan, bool staysLocal, const IsInter
 int MountedVolume::renameRemote(RenamePlan& plan, const IsInterrupted& isInterrupted) {
   std::string aside;
   UploadJournal::Rename record;
-  if (plan.target && plan.target->isRemote) {
-    aside = appendingPathComponent(
-        deletingLastPathComponent(plan.toPath),
-        setAsideName(plan.target->name, KZVSupport::uniquePathComponent().substr(0, 8)));
-    record = {journal_->newId(), plan.toPath, aside};
+  if (plan.isTargetRemote) {
+    aside =
+        appendingPathComponent(deletingLastPathComponent(plan.toPath),
+                               setAsideName(plan.targetName, KZVSupport::uniquePathComponent().substr(0, 8)));
+    record = {journal_->newId(), plan.fromPath, plan.toPath, aside};
     if (const auto error = journal_->put(record)) return errnoOf(error);
-    if (const int reason = moveRemote(MountTree::pathOf(*plan.target), aside, isInterrupted)) {
+    const std::string inTheWay =
+        appendingPathComponent(deletingLastPathComponent(plan.toPath), plan.targetName);
+    if (const int reason = moveRemote(inTheWay, aside, isInterrupted)) {
       journal_->forgetRename(record.id);
       return reason;
     }
@@ -340,11 +356,12 @@ int MountedVolume::renameRemote(RenamePlan& plan, const IsInterrupted& isInterru
 void MountedVolume::hang(RenamePlan& plan) {
   std::vector<MountNodeRef> files;
   std::vector<std::string> paths;
+  Notices notices;
   {
     const std::lock_guard lock(treeMutex_);
     const bool isThere = tree_.holds(*plan.source);
-    if (!tree_.holds(*plan.toFolder)) {
-      tree_.remove(plan.source);  // the folder was deleted elsewhere just now
+    if (!tree_.holds(*plan.toFolder)) {  // deleted elsewhere just now
+      if (isThere && !mustStay(*plan.source)) tree_.remove(plan.source);
       return;
     }
     if (const auto other = tree_.child(*plan.toFolder, plan.toName); other && other != plan.source)
@@ -354,6 +371,8 @@ void MountedVolume::hang(RenamePlan& plan) {
     } else {
       if (plan.source->isFolder) plan.source->inside->listing = MountNode::Inside::Listing::unknown;
       tree_.add(*plan.toFolder, plan.source, plan.toName);
+      notices.entries.emplace_back(plan.toFolder->id, plan.toName);
+      notices.listings.push_back(plan.toFolder->id);
     }
     MountTree::collectContents(*plan.source, files);
     for (const auto& file : files) paths.push_back(MountTree::pathOf(*file));
@@ -361,6 +380,7 @@ void MountedVolume::hang(RenamePlan& plan) {
   for (std::size_t i = 0; i < files.size(); ++i) {
     if (const auto content = contentOf(files[i])) content->moveRecord(paths[i]);
   }
+  tell(notices);
 }
 
 std::shared_ptr<FileContent> MountedVolume::contentOf(const MountNodeRef& node) const {

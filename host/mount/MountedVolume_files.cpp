@@ -44,22 +44,26 @@ void MountedVolume::dropContent(const MountNodeRef& node, const std::shared_ptr<
   std::shared_ptr<FileContent> unused;
   const std::lock_guard lock(treeMutex_);
   if (node->content != content || content->hasUsers() || content->isUnsent()) return;
-  if (content->isLocalOnly() && tree_.holds(*node)) return;
+  const bool isThere = tree_.holds(*node);
+  if (content->isLocalOnly() && isThere) return;
   unused = std::move(node->content);
+  // Kept for a writer who wrote nothing; the service has it no more.
+  if (isThere && !node->isRemote) inbox_->add(node->parent->shared_from_this());
 }
 
 MountedVolume::Opened MountedVolume::openedLocked(const MountNodeRef& node,
-                                                  std::shared_ptr<FileContent> content, Access access) {
+                                                  std::shared_ptr<FileContent> content, Access access,
+                                                  bool keepsCache) {
   auto file = std::make_unique<OpenFile>();
   file->node = node;
   file->content = std::move(content);
   file->access = access;
-  return {std::move(file), attributesOf(*node), node->isKernelFresh};
+  return {std::move(file), attributesOf(*node), keepsCache};
 }
 
 /// The version that a file written now replaces.
-WriteBase MountedVolume::knownBase(const MountNode& node, const std::string& path) {
-  if (!node.isRemote) return {WriteBase::Kind::nothing, {}};
+WriteBase MountedVolume::knownBase(bool isRemote, const std::string& path) {
+  if (!isRemote) return {WriteBase::Kind::nothing, {}};
   return baseOf(volume_->revisionAtPath(path));
 }
 
@@ -69,29 +73,36 @@ Answer<MountedVolume::Opened> MountedVolume::open(NodeId number, int flags,
   if (!node) return {{}, ENOENT};
   if (node->isFolder) return {{}, EISDIR};
   const Access access = (flags & O_ACCMODE) == O_RDONLY ? Access::read : Access::write;
+  bool wasFresh = false;
+  {
+    const std::lock_guard lock(treeMutex_);
+    wasFresh = node->isKernelFresh;
+  }
   const auto content = useContent(node, access);
-  const int reason = prepare(node, content, (flags & O_TRUNC) != 0 && access == Access::write, isInterrupted);
+  const int reason =
+      prepare(node, content, access, (flags & O_TRUNC) != 0 && access == Access::write, isInterrupted);
   if (reason != 0) {
     content->removeUser(access);
     dropContent(node, content);
     return {{}, reason};
   }
   const std::lock_guard lock(treeMutex_);
-  return {openedLocked(node, content, access), 0};
+  // What the kernel kept from before a fetch is not what was fetched.
+  return {openedLocked(node, content, access, wasFresh), 0};
 }
 
 /// Gets the bytes that an open needs: none when it throws them away, or when the kernel still has them.
 int MountedVolume::prepare(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
-                           bool truncates, const IsInterrupted& isInterrupted) {
+                           Access access, bool truncates, const IsInterrupted& isInterrupted) {
   if (truncates) {
     const auto held = holdPath(node);
-    if (const int reason = content->makeEmpty(held ? knownBase(*node, held->path) : WriteBase{}))
-      return reason;
+    if (!held) return ESTALE;  // gone since it was looked up: the kernel looks again
+    if (const int reason = content->makeEmpty(knownBase(held->isRemote, held->path))) return reason;
     noteWritten(node, content);
     return 0;
   }
   if (content->hasData()) return 0;
-  {
+  if (access == Access::read) {  // who writes has the version that the bytes are, which a fetch tells
     const std::lock_guard lock(treeMutex_);
     if (node->isKernelFresh) return 0;
   }
@@ -149,9 +160,12 @@ Answer<MountedVolume::Created> MountedVolume::create(NodeId folderId, const std:
   if (reason) return {{}, reason};
   const Access access = (flags & O_ACCMODE) == O_RDONLY ? Access::read : Access::write;
   content->addUser(access);
-  const std::lock_guard lock(treeMutex_);
+  std::unique_lock lock(treeMutex_);
   if (!tree_.holds(*folder)) return {{}, ENOENT};
-  if (tree_.child(*folder, name)) return {{}, EEXIST};  // made by a listing just now
+  if (const auto listed = tree_.child(*folder, name)) {  // a listing was faster
+    lock.unlock();
+    return openExisting(listed, name, flags, isInterrupted);
+  }
   const auto node = tree_.make(false);
   node->modified = std::chrono::system_clock::now();
   node->isKernelFresh = true;
@@ -159,7 +173,7 @@ Answer<MountedVolume::Created> MountedVolume::create(NodeId folderId, const std:
   tree_.add(*folder, node, name);
   Created created;
   created.found = foundLocked(node, name);
-  created.opened = openedLocked(node, std::move(content), access);
+  created.opened = openedLocked(node, std::move(content), access, true);
   return {std::move(created), 0};
 }
 
@@ -223,20 +237,26 @@ int MountedVolume::truncate(NodeId number, OpenFile* file, std::uint64_t sizeByt
 }
 
 int MountedVolume::setModified(NodeId number, NSDate::Time time) {
-  const std::lock_guard lock(treeMutex_);
-  const auto node = tree_.find(number);
-  if (!node) return ENOENT;
-  node->modified = time;
-  if (node->content) node->content->setModified(time);
+  std::shared_ptr<FileContent> content;
+  {
+    const std::lock_guard lock(treeMutex_);
+    const auto node = tree_.find(number);
+    if (!node) return ENOENT;
+    node->modified = time;
+    content = node->content;
+  }
+  if (content) content->setModified(time);
   return 0;
 }
 
 int MountedVolume::flush(OpenFile& file, const IsInterrupted& isInterrupted) {
   FileContent& content = *file.content;
-  if (file.access != Access::write || !content.isUnsent() || content.writers() > 1) return 0;
-  if (content.isWritten()) return send(file.node, file.content, Manner::foreground, isInterrupted);
-  // One of several descriptors of a file that was opened to be written (a shell's redirection): its bytes are
-  // still to come, or never.
+  if (file.access != Access::write || !content.isUnsent()) return 0;
+  if (content.isWritten() && content.writers() == 1)
+    return send(file.node, file.content, Manner::foreground, isInterrupted);
+  // Others write, too: the last one sends. Or it is one of several descriptors of a file that was opened to
+  // be written (a shell's redirection): its bytes are still to come, or never. What is there survives this
+  // process.
   if (const auto held = holdPath(file.node)) content.record(held->path, UploadJournal::Durability::process);
   return 0;
 }
@@ -254,7 +274,7 @@ void MountedVolume::release(std::unique_ptr<OpenFile> file) {
       send(file->node, file->content, Manner::foreground, [] { return false; });
     } else if (const auto held = holdPath(file->node)) {
       content.record(held->path, UploadJournal::Durability::process);
-      sendLater(file->node, emptyFileDelay);
+      sendLater(file->node, file->content, emptyFileDelay);
     } else {
       content.discard();
     }
@@ -274,30 +294,37 @@ int MountedVolume::send(const MountNodeRef& node, const std::shared_ptr<FileCont
   const bool isBackground = manner == Manner::background;
   const auto sending = content->beginSending(isBackground);
   if (!sending) return 0;
-  if (const auto error = content->record(held->path, UploadJournal::Durability::process))
+  const std::string elsewhere = content->elsewhere();
+  const std::string path = elsewhere.empty() ? held->path : elsewhere;
+  if (const auto error = content->record(path, UploadJournal::Durability::process))
     NSLog(NSLogLevel::warning, "mount",
-          "cannot note that " + held->path + " is to be sent: " + error->localizedDescription());
+          "cannot note that " + path + " is to be sent: " + error->localizedDescription());
   const auto source = NSURL::fileURLWithPath(journal_->dataPath(sending->id));
   const auto goesOn = [&](NSRange) {
     return !isStopping_ && !isInterrupted() && !(isBackground && content->isWanted());
   };
   std::optional<StoredFile> stored;
   const int reason = attempt(isInterrupted, [&](NSErrorRef* error) {
-    stored = volume_->storeFile(*source, held->path, sending->base, goesOn, error);
+    stored = volume_->storeFile(*source, path, sending->base, goesOn, error);
     if (!stored && error && *error) lastFailure_.set((*error)->localizedDescription());
     return stored.has_value();
   });
   if (reason == 0) {
-    noteStored(node, content, held->path, *stored);
+    if (elsewhere.empty()) {
+      noteStored(node, content, path, *stored);
+    } else {
+      content->setElsewhere(stored->path);
+      refreshSoon(deletingLastPathComponent(stored->path));
+    }
     content->endSending(baseOf(stored->revision));
     return 0;
   }
-  content->record(held->path, UploadJournal::Durability::power);
+  content->record(path, UploadJournal::Durability::power);
   content->endSending(std::nullopt);
   if (!isBackground && !isStopping_) {
     NSLog(NSLogLevel::warning, "mount",
-          held->path + " could not be sent (" + lastFailure_.get() + "); it is kept and will be tried again");
-    sendLater(node, firstRetryDelay);
+          path + " could not be sent (" + lastFailure_.get() + "); it is kept and will be tried again");
+    sendLater(node, content, firstRetryDelay);
   }
   return reason;
 }
@@ -320,6 +347,7 @@ void MountedVolume::noteStored(const MountNodeRef& node, const std::shared_ptr<F
       return;
     }
     // The name belongs to the other version; who opens it from now on gets that one.
+    content->setElsewhere(stored.path);
     if (node->content == content) node->content.reset();
     node->isKernelFresh = false;
     node->listedModified = {};

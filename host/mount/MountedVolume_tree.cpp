@@ -16,21 +16,25 @@ namespace {
 /// Desktops ask for space all the time, and the service takes two requests to tell.
 constexpr auto spaceAge = 30s;
 
+/// Changes come in bursts, and a folder that changes all the time is looked at so often.
+constexpr auto inboxPause = 100ms;
+
 /// Names that would mean something else to a kernel; the service has none of them.
 bool isShowable(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
          name.find('\0') == std::string::npos;
 }
 
+}  // namespace
+
 bool mustStay(MountNode& node) {
   std::vector<MountNodeRef> files;
   MountTree::collectContents(node, files);
   return std::any_of(files.begin(), files.end(), [](const MountNodeRef& file) {
-    return file->content->isUnsent() || file->content->isLocalOnly();
+    const FileContent& content = *file->content;
+    return content.isUnsent() || content.isLocalOnly() || content.writers() > 0;
   });
 }
-
-}  // namespace
 
 std::vector<std::string> componentsOf(const std::string& path) {
   std::vector<std::string> names;
@@ -101,17 +105,22 @@ std::optional<NodeAttributes> MountedVolume::showListed(const ListedItem& item) 
 }
 
 Answer<std::pair<std::uint64_t, std::uint64_t>> MountedVolume::space() {
-  const std::lock_guard lock(spaceMutex_);
-  if (space_ && Clock::now() - spaceAskedAt_ < spaceAge) return {*space_, 0};
+  std::unique_lock lock(spaceMutex_);
+  const bool isRecent = Clock::now() - spaceAskedAt_ < spaceAge && spaceAskedAt_ != Clock::time_point();
+  if (isRecent || isAskingForSpace_) return {space_.value_or(std::pair<std::uint64_t, std::uint64_t>()), 0};
+  isAskingForSpace_ = true;
+  lock.unlock();
   NSErrorRef error;
   const auto told = volume_->fsAttributes("/", &error);
-  if (!told) return {{}, EIO};
+  lock.lock();
+  isAskingForSpace_ = false;
+  spaceAskedAt_ = Clock::now();
+  if (!told) return {space_.value_or(std::pair<std::uint64_t, std::uint64_t>()), 0};
   const auto bytes = [&](std::string_view key) -> std::uint64_t {
     const auto number = as<NSNumber>(told->objectForKey(key));
     return number ? static_cast<std::uint64_t>(std::max<std::int64_t>(number->int64Value(), 0)) : 0;
   };
   space_ = {bytes(NSFileSystemSize), bytes(NSFileSystemFreeSize)};
-  spaceAskedAt_ = Clock::now();
   return {*space_, 0};
 }
 
@@ -142,12 +151,13 @@ Answer<std::string> MountedVolume::publicLink(NodeId number) {
 // --- Listing
 
 int MountedVolume::ensureListed(const MountNodeRef& folder, const IsInterrupted& isInterrupted) {
+  using State = MountNode::Inside::Listing;
   constexpr int rounds = 3;  // then what changes all the time is shown as it was a moment ago
   for (int round = 1; round <= rounds; ++round) {
     std::uint64_t changes = 0;
     {
       const std::lock_guard lock(treeMutex_);
-      if (folder->inside->listing == MountNode::Inside::Listing::complete) return 0;
+      if (folder->inside->listing == State::complete) return 0;
       if (!folder->isRemote) return 0;  // deleted elsewhere, but for what is still to be sent
       changes = folder->inside->changes;
     }
@@ -162,21 +172,46 @@ int MountedVolume::ensureListed(const MountNodeRef& folder, const IsInterrupted&
     });
     if (reason) return reason;
     Notices notices;
+    std::vector<MountNodeRef> unneeded;
     {
       const std::lock_guard lock(treeMutex_);
+      if (!tree_.holds(*folder)) return ENOENT;
       const bool isCurrent = folder->inside->changes == changes;
       if (!isCurrent && round < rounds) continue;
-      applyListing(*folder, items, notices);
-      folder->inside->listing =
-          isCurrent ? MountNode::Inside::Listing::complete : MountNode::Inside::Listing::outOfDate;
+      if (isCurrent) {
+        unneeded = applyListing(*folder, items, notices);
+        folder->inside->listing = State::complete;
+      } else {
+        // What it does not show may have been made since, and what it shows may be gone: better too little
+        // news than files that vanish. The refresher looks again.
+        if (folder->inside->listing == State::unknown) addMissing(*folder, items, notices);
+        folder->inside->listing = State::outOfDate;
+        inbox_->add(folder);
+      }
     }
     tell(notices);
+    for (const auto& watched : unneeded) unwatch(*watched);
     return 0;
   }
   return 0;
 }
 
-void MountedVolume::applyListing(MountNode& folder, const FSItems& items, Notices& notices) {
+/// Adds what a listing shows and the tree does not, and nothing else.
+void MountedVolume::addMissing(MountNode& folder, const FSItems& items, Notices& notices) {
+  for (const auto& item : items) {
+    std::string name = item->name();
+    if (!isShowable(name) || tree_.child(folder, name)) continue;
+    const MountNodeRef node = tree_.make(item->isDirectory());
+    tree_.add(folder, node, std::move(name));
+    update(*node, *item, notices);
+  }
+  adoptLeftUploads(folder);
+}
+
+/// Makes the tree what the listing shows. Answers the folders that it took out and that are watched still.
+std::vector<MountNodeRef> MountedVolume::applyListing(MountNode& folder, const FSItems& items,
+                                                      Notices& notices) {
+  std::vector<MountNodeRef> unneeded;
   std::unordered_set<std::string> seen;
   bool isChanged = false;
   for (const auto& item : items) {
@@ -187,6 +222,7 @@ void MountedVolume::applyListing(MountNode& folder, const FSItems& items, Notice
     if (node && node->isFolder != item->isDirectory()) {
       if (mustStay(*node)) continue;
       notices.entries.emplace_back(folder.id, node->name);
+      MountTree::collectWatched(*node, unneeded);
       tree_.remove(node);
       node = nullptr;
     }
@@ -199,7 +235,7 @@ void MountedVolume::applyListing(MountNode& folder, const FSItems& items, Notice
   }
   std::vector<MountNodeRef> gone;
   for (const auto& [key, child] : folder.inside->children) {
-    if (!seen.contains(key) && child->isRemote) gone.push_back(child);
+    if (!seen.contains(key) && (child->isRemote || !mustStay(*child))) gone.push_back(child);
   }
   for (const auto& child : gone) {
     if (mustStay(*child)) {
@@ -207,11 +243,13 @@ void MountedVolume::applyListing(MountNode& folder, const FSItems& items, Notice
       continue;
     }
     notices.entries.emplace_back(folder.id, child->name);
+    MountTree::collectWatched(*child, unneeded);
     tree_.remove(child);
     isChanged = true;
   }
   adoptLeftUploads(folder);
   if (isChanged) notices.listings.push_back(folder.id);
+  return unneeded;
 }
 
 /// Brings a node up to date with a listing. What was written here and is not sent yet stays as it is.
@@ -250,9 +288,10 @@ void MountedVolume::adoptLeftUploads(MountNode& folder) {
     }
     node->sizeBytes = content->sizeBytes();
     node->modified = startTime_;
-    node->content = std::move(content);
+    node->content = content;
     waiting.left.reset();
     waiting.node = node;
+    waiting.content = std::move(content);
   }
 }
 
@@ -305,5 +344,6 @@ void MountedVolume::refreshChangedFolders() {
       if (ensureListed(folder, [this] { return isStopping_.load(); }) != 0)
         kernel_.listingChanged(folder->id);
     }
+    pause(inboxPause, [] { return false; });
   }
 }

@@ -47,6 +47,16 @@ PathLocks::Hold PathLocks::hold(std::vector<Claim> claims) {
   return {*this, held_.insert(held_.end(), std::move(claims))};
 }
 
+std::optional<PathLocks::Hold> PathLocks::hold(std::vector<Claim> claims,
+                                               const std::function<bool()>& isInterrupted) {
+  constexpr std::chrono::milliseconds tick{50};
+  std::unique_lock lock(mutex_);
+  while (!released_.wait_for(lock, tick, [&] { return isFree(claims); })) {
+    if (isInterrupted()) return std::nullopt;
+  }
+  return Hold{*this, held_.insert(held_.end(), std::move(claims))};
+}
+
 void PathLocks::release(Hold::Place place) {
   {
     const std::lock_guard lock(mutex_);

@@ -1,7 +1,9 @@
 #pragma once
 #include <condition_variable>
+#include <functional>
 #include <list>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -38,6 +40,8 @@ class PathLocks {
   /// Waits, without a time limit, until all `claims` are free together. A thread that holds some must not
   /// ask for more.
   Hold hold(std::vector<Claim> claims);
+  /// The same, until `isInterrupted` (asked now and then) says so: then nothing.
+  std::optional<Hold> hold(std::vector<Claim> claims, const std::function<bool()>& isInterrupted);
 
  private:
   bool isFree(const std::vector<Claim>& claims) const;

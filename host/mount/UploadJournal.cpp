@@ -174,8 +174,13 @@ std::vector<UploadJournal::Upload> UploadJournal::uploads() {
       forgetUpload(entryId);  // its file was unlinked, and only the end of that was cut off
     }
   }
-  for (const std::string& entryId : idsIn(folder, ".data"))
-    if (!std::binary_search(ids.begin(), ids.end(), entryId)) removeIfThere(dataPath(entryId));
+  std::error_code code;
+  for (fs::directory_iterator entry(folder, code), end; !code && entry != end; entry.increment(code)) {
+    // Bytes without an entry, and halves of entries and bytes that a killed process was writing.
+    const bool isWhole = entry->path().extension() == ".json" || entry->path().extension() == ".data";
+    if (!isWhole || !std::binary_search(ids.begin(), ids.end(), entry->path().stem().string()))
+      removeIfThere(entry->path().string());
+  }
   return uploads;
 }
 
@@ -184,8 +189,8 @@ std::vector<UploadJournal::Rename> UploadJournal::renames() {
   std::vector<Rename> renames;
   for (const std::string& entryId : idsIn(folder, ".json")) {
     auto rename = readEntry<Rename>(entryPath(folder, entryId), [&](const json::object& entry) {
-      return Rename{entryId, std::string(entry.at("to").as_string()),
-                    std::string(entry.at("aside").as_string())};
+      return Rename{entryId, std::string(entry.at("from").as_string()),
+                    std::string(entry.at("to").as_string()), std::string(entry.at("aside").as_string())};
     });
     if (rename) renames.push_back(*std::move(rename));
   }
@@ -218,7 +223,7 @@ NSErrorRef UploadJournal::put(const Upload& upload, Durability durability) {
 
 NSErrorRef UploadJournal::put(const Rename& rename) {
   NSErrorRef error;
-  const json::object entry{{"to", rename.to}, {"aside", rename.aside}};
+  const json::object entry{{"from", rename.from}, {"to", rename.to}, {"aside", rename.aside}};
   writeFileAtomically(entryPath(renamesFolder(folder_), rename.id), json::serialize(entry), privateFile,
                       &error);
   return error;

@@ -14,7 +14,7 @@
 ///   lock            held while mounted; says where
 ///   pending/ID.data a file's bytes, while it is open for writing or waits
 ///   pending/ID.json {"path":…, "base":"nothing"|"latest"|"revision", "revision":…}: it was closed
-///   renames/ID.json {"to":…, "aside":…}: what was at `to` lies at `aside`
+///   renames/ID.json {"from":…, "to":…, "aside":…}: `from` goes to `to`; what was there lies at `aside`
 ///   local/          files that stay on this machine; emptied at each start
 ///
 /// Any thread. Calls block for the disk; one that fails says why in NSPOSIXErrorDomain.
@@ -27,6 +27,7 @@ class UploadJournal {
   };
   struct Rename {
     std::string id;
+    std::string from;
     std::string to;
     std::string aside;
   };

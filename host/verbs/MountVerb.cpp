@@ -77,7 +77,12 @@ class MountVerb final : public Verb {
     {
       MountedVolume mounted(volume, journal, server, linkMaker(context, accountId));
       mounted.start();
-      StopSignal::whenRequested([&server] { server.stop(); }, stopGrace);
+      StopSignal::whenRequested(
+          [&] {
+            mounted.stop();
+            server.stop();
+          },
+          stopGrace);
       if (!logFile_.empty()) writeToLog(logFile_);
       if (isForeground_) context.console.note(fmt::format("mounted at {}", harmless(mountpoint)));
       reportReady(readyDescriptor_);
