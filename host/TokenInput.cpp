@@ -67,8 +67,8 @@ int readInput(bool onlyOneLine, std::string& text) {
 }
 
 int readFromPerson(std::string& text) {
+  const EchoOff echoOff;  // first: who types as soon as the prompt is there must not be shown, nor lose a part
   prompt("Access token (not shown): ");
-  const EchoOff echoOff;
   const int reason = readInput(true, text);
   prompt("\n");
   return reason;

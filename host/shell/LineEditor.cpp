@@ -192,6 +192,8 @@ LineEditor::Result LineEditor::readLine(const std::string& prompt, std::string& 
   const char* text = nullptr;
   {
     const PromptSignals signals;
+    // Before the prompt shows, as the library does it after: a Ctrl-D typed in between would be lost.
+    ::el_set(library.editor, EL_PREP_TERM, 1);
     text = ::el_gets(library.editor, &count);
   }
   if (library.result == Result::line && (!text || count <= 0)) library.result = Result::endOfInput;
