@@ -64,6 +64,7 @@ TEST(Languages, TheFirstVariableThatIsSetDecides) {
       {"LC_ALL before all", "C", "fr", "de", {"en"}},
       {"English once", nullptr, nullptr, "en_US.UTF-8", {"en_US", "en"}},
       {"never a path", nullptr, nullptr, "../../etc", {"en"}},
+      {"never a path, slash", nullptr, nullptr, "de/../x", {"en"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

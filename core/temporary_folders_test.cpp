@@ -124,6 +124,7 @@ TEST_F(TemporaryFoldersTest, OnlyFoldersOfProcessesThatEndedAreRemoved) {
 TEST_F(TemporaryFoldersTest, WhatIsNoProcessFolderIsLeftAlone) {
   TemporaryFolders folders(root());
   ASSERT_TRUE(folders.makeFolder(nullptr));
+  EXPECT_EQ(modeOf(root()), 0700U);
   fs::create_directories(fs::path(root()) / "somebody else's");
   fs::create_symlink(base_, fs::path(root()) / "link.lock");
   folders.removeAbandoned();

@@ -223,6 +223,7 @@ TEST(Date, Iso8601) {
                         {"no zone", "2023-01-01T00:00:00", std::nullopt},
                         {"sign for a digit", "2023-01-+1T00:00:00Z", std::nullopt},
                         {"beyond the clock", "9999-12-31T23:59:59Z", std::nullopt},
+                        {"before the clock", "0001-01-01T00:00:00Z", std::nullopt},
                         {"empty", "", std::nullopt}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

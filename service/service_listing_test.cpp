@@ -64,11 +64,11 @@ std::string latestCursor(const TestService& service) {
   return at(service.rpc("files/list_folder/get_latest_cursor", kWhole).json(), "cursor");
 }
 
-/// The place of every entry of a page, with its kind in front when asked.
-std::vector<std::string> told(const json::value& page, bool withKind = false) {
+/// Kind and place of every entry of a page.
+std::vector<std::string> told(const json::value& page) {
   std::vector<std::string> told;
   for (const auto& entry : page.at("entries").as_array())
-    told.push_back((withKind ? at(entry, ".tag") + " " : "") + at(entry, "path_display"));
+    told.push_back(fmt::format("{} {}", at(entry, ".tag"), at(entry, "path_display")));
   return told;
 }
 
@@ -222,8 +222,8 @@ TEST(Feed, TellsAFolderMoveAsDeletionAndNewSubtree) {
   const std::string id = at(service.metadata("/old/a.txt"), "id");
   service.admin("POST", "move", fmt::format(R"({{"account":"{}","from":"/old","to":"/New"}})", kToken));
   const auto page = proceed(service, cursor).json();
-  EXPECT_EQ(told(page, true), (std::vector<std::string>{"deleted /Old", "folder /New", "file /New/a.txt",
-                                                        "folder /New/Sub", "file /New/Sub/b.txt"}));
+  EXPECT_EQ(told(page), (std::vector<std::string>{"deleted /Old", "folder /New", "file /New/a.txt",
+                                                  "folder /New/Sub", "file /New/Sub/b.txt"}));
   EXPECT_EQ(at(page, "entries.2.id"), id) << "a move keeps ids";
 }
 
@@ -235,7 +235,7 @@ TEST(Feed, OfAFolderKnowsOnlyItsChildren) {
   service.write("/w/deeper/c.txt", "3");
   service.write("/w/b.txt", "4");
   const auto page = proceed(service, start.cursor).json();
-  EXPECT_EQ(told(page), (std::vector<std::string>{"/w/deeper", "/w/b.txt"}));
+  EXPECT_EQ(told(page), (std::vector<std::string>{"folder /w/deeper", "file /w/b.txt"}));
 }
 
 TEST(Cursor, OfAFolderThatWentOrCameAnew) {
