@@ -462,7 +462,7 @@ Unlink "\clients\client1\b.doc" 0x6 NT_STATUS_OK
 TEST_F(MountTest, AKillAmidUploadsLosesNoClosedFile) {
   constexpr int fileCount = 100;
   mount();
-  standIn.fault({{"route", "files/upload"}, {"times", 0}, {"delay_ms", 700}});
+  standIn.fault({{"route", "files/upload"}, {"times", 0}, {"delay_ms", 1500}});
   std::vector<std::thread> writers;
   for (int number = 0; number < fileCount; ++number) {
     writers.emplace_back([&, number] {
