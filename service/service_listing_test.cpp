@@ -35,7 +35,7 @@ class Model {
   }
   std::string text() const {
     std::string out;
-    for (const auto& [path, what] : items_) out += path + " = " + what + "\n";
+    for (const auto& [path, what] : items_) out += fmt::format("{} = {}\n", path, what);
     return out;
   }
   std::vector<std::string> paths() const {
