@@ -35,7 +35,7 @@ namespace {
 constexpr double keptSeconds = 24 * 3600;
 constexpr unsigned transferBytes = 1U << 20;
 constexpr std::size_t maxThreads = 64;
-constexpr blksize_t blockBytes = 128 * 1024;
+constexpr blksize_t blockBytes = 128L * 1024;
 
 constexpr const char* revisionName = "user.kzv.rev";
 constexpr const char* linkName = "user.kzv.link";

@@ -167,8 +167,9 @@ int MountedVolume::ensureListed(const MountNodeRef& folder, const IsInterrupted&
     FSItems items;
     const int reason = attempt(isInterrupted, [&](NSErrorRef* error) {
       auto listed = volume_->contentAtPath(held->path, false, true, error);
-      if (listed) items = *std::move(listed);
-      return listed.has_value();
+      if (!listed) return false;
+      items = *std::move(listed);
+      return true;
     });
     if (reason) return reason;
     Notices notices;
