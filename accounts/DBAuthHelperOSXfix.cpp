@@ -24,6 +24,17 @@ void DBAuthHelperOSXfix::authenticate(SignInCode code) {
   restClient()->loadRequestToken(code);
 }
 
+void DBAuthHelperOSXfix::cancel() {
+  NSNotificationCenter::defaultCenter().removeObserver(this);
+  auto client =
+      restClient_.update([](std::shared_ptr<DBRestClient>& held) { return std::exchange(held, nullptr); });
+  loading = false;
+  if (!client) return;
+  client->setDelegate(nullptr);
+  const auto thread = KZVDropboxFileManager::dropboxThread();
+  if (thread) thread->perform([client = std::move(client)] { client->cancelAllRequests(); }, false);
+}
+
 std::shared_ptr<DBRestClient> DBAuthHelperOSXfix::restClient() {
   return restClient_.update([&](std::shared_ptr<DBRestClient>& client) {
     if (!client) {

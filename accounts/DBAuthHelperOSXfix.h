@@ -38,6 +38,8 @@ class DBAuthHelperOSXfix final : public NSObject,
 
   /// Starts a sign-in, or starts it anew while one waits for the user. Does nothing while isLoading().
   void authenticate(SignInCode code = SignInCode::byRedirect);
+  /// Gives up a sign-in that is under way, if there is one; nobody is notified.
+  void cancel();
   /// Whether a sign-in page is being asked for. False also while tokens are being asked for.
   bool isLoading() const { return loading; }
   /// The client that carries the sign-in, made when there is none.

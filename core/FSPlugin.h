@@ -144,6 +144,8 @@ class FSPluginAccounts {
   /// A code that the person copied from the page, which the next activation uses. False when the text cannot
   /// be one, or no linking waits for it. A secret: log it nowhere.
   virtual bool useAuthorizationCode(const std::string& /*code*/) { return false; }
+  /// Ends a linking that nobody waits for any more: its page links no account from now on. Without one, nothing.
+  virtual void cancelLinking() {}
   /// The local folder of the file system's own desktop client; nothing when there is none.
   virtual std::optional<std::string> desktopFolder() const { return std::nullopt; }
   /// The linked account that the desktop client uses; nothing when it is not known.

@@ -114,6 +114,7 @@ BrowserLinking::BrowserLinking(VerbContext& context, FSPluginAccounts& accounts,
 BrowserLinking::~BrowserLinking() {
   NSNotificationCenter::defaultCenter().removeObserver(this);
   NSWorkspace::sharedWorkspace().setOpener(nullptr);
+  accounts_.cancelLinking();  // a program that goes on must not link an account that nobody waits for
 }
 
 std::optional<std::string> BrowserLinking::run() {

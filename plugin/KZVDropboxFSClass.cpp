@@ -40,6 +40,8 @@ bool KZVDropboxFSClass::linkAccount(LinkingAnswer answer) {
   return true;
 }
 
+void KZVDropboxFSClass::cancelLinking() { DBAuthHelperOSXfix::sharedHelper()->cancel(); }
+
 bool KZVDropboxFSClass::useAuthorizationCode(const std::string& code) {
   return DBAuthHelperOSXfix::sharedHelper()->useAuthorizationCode(code);
 }

@@ -19,6 +19,7 @@ class KZVDropboxFSClass final : public FSPluginClass, public FSPluginAccounts, p
   std::vector<std::string> linkedAccountIds() const override;
   std::optional<std::string> linkAccountWithToken(const std::string& token, NSErrorRef* error) override;
   bool linkAccount(LinkingAnswer answer) override;
+  void cancelLinking() override;
   bool useAuthorizationCode(const std::string& code) override;
   std::optional<std::string> desktopFolder() const override;
   std::optional<std::string> desktopAccountId() const override;

@@ -286,6 +286,21 @@ TEST_F(SignInTest, EachSignInHasAClientOfItsOwn) {
   EXPECT_NE(helper()->restClient(), before);
 }
 
+TEST_F(SignInTest, ASignInThatWasGivenUpLinksNobodyLater) {
+  approveAs("bob@example.com");
+  KZVDropboxFS::linkDropbox();
+  news(2);
+  plugin().cancelLinking();
+  EXPECT_FALSE(helper()->isSigningIn());
+  news(0);        // the service thread has closed what listened
+  visit(page());  // the person allows it after all
+  activate();
+  EXPECT_EQ(news(0), std::vector<std::string>());
+  EXPECT_EQ(plugin().linkedAccountIds().size(), 1U);
+  signInAs("bob@example.com");
+  EXPECT_EQ(plugin().linkedAccountIds().size(), 2U);
+}
+
 TEST_F(SignInTest, ASecondAccountIsListedBesideTheFirst) {
   const std::string bob = signInAs("bob@example.com");
   EXPECT_NE(bob, *ada->userId());
@@ -366,9 +381,9 @@ TEST(DesktopClient, TheFolderIsKnownOrUnknownButNeverAProblem) {
       {"a link to itself", [&] { fs::create_symlink(file, file); }, std::nullopt},
       {"100 MB",
        [&] {
-         std::string text = R"({"personal":{"path":"/d"}})";
-         text.resize(100'000'000, ' ');
-         home.writeInformation(text);
+         std::string large = R"({"personal":{"path":"/d"}})";
+         large.resize(100'000'000, ' ');
+         home.writeInformation(large);
        },
        std::nullopt},
   };
