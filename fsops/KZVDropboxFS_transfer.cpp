@@ -33,6 +33,7 @@ NSErrorRef KZVDropboxFS::temporaryFileError() {
 std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, ProgressCallback progress,
                                                     NSErrorRef* error) {
   const std::string key = lowercased(path);
+  dropOldCopy(path, key);
   if (auto held = cache().urlForKey(key)) return held;
   // Two copies of one item would remove each other's file.
   const KeyedGate::Pass pass(copiesBeingMade_, key, [&] { return !progress || progress({0, 1000}); });
@@ -50,6 +51,20 @@ std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, Pro
   return nullptr;
 }
 
+/// A copy of a version that is known to be replaced must not be given out, though the report of the change,
+/// which drops it, is still on its way.
+void KZVDropboxFS::dropOldCopy(const std::string& path, const std::string& key) {
+  const auto copied = copiedRevisions_.update([&](auto& revisions) {
+    const auto found = revisions.find(key);
+    return found == revisions.end() ? std::string() : found->second;
+  });
+  if (copied.empty()) return;
+  const auto known = requiredManager().knownRevision(path);
+  if (!known || *known == copied) return;
+  cache().invalidate(key);
+  copiedRevisions_.update([&](auto& revisions) { revisions.erase(key); });
+}
+
 std::shared_ptr<NSURL> KZVDropboxFS::makeLocalCopy(const std::string& path, const std::string& key,
                                                    ProgressCallback progress, NSErrorRef* error) {
   const auto record = requiredManager().metadata(path, progress, error);
@@ -59,6 +74,7 @@ std::shared_ptr<NSURL> KZVDropboxFS::makeLocalCopy(const std::string& path, cons
   auto copy = record->isDirectory() ? copyFolder(path, folder, progress, error)
                                     : copyFile(*record, path, folder, std::move(progress), error);
   if (!copy) return nullptr;
+  copiedRevisions_.update([&](auto& revisions) { revisions[key] = record->rev(); });
   cache().setUrl(copy, key);
   // What changed while it was fetched was told before there was a copy to drop.
   if (!record->isDirectory() && requiredManager().knownRevision(path) != record->rev())

@@ -1,4 +1,5 @@
 #pragma once
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -154,6 +155,7 @@ class KZVDropboxFS final : public FSPlugin {
                          const KZVDropboxFileManager::MetadataRef& child);
   std::shared_ptr<FSItem> itemFor(const DBMetadata& record);
 
+  void dropOldCopy(const std::string& path, const std::string& key);
   std::shared_ptr<NSURL> makeLocalCopy(const std::string& path, const std::string& key,
                                        ProgressCallback progress, NSErrorRef* error);
   std::shared_ptr<NSURL> copyFile(const DBMetadata& record, const std::string& path,
@@ -169,7 +171,8 @@ class KZVDropboxFS final : public FSPlugin {
   std::shared_ptr<KZVDropboxFileManager> manager_;
   const std::shared_ptr<ThumbnailCache> cachedThumbs_;
   const std::shared_ptr<KZVSmartCache> cache_;
-  KeyedGate copiesBeingMade_;  // by the cache's keys
+  KeyedGate copiesBeingMade_;                                    // by the cache's keys
+  Guarded<std::map<std::string, std::string>> copiedRevisions_;  // of files, by the cache's keys
   /// By identity: two items of one path are two entries. Readers take the whole view.
   Guarded<FSItems> _watchedFolders;
 };

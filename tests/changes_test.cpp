@@ -1,4 +1,5 @@
 #include <condition_variable>
+#include <filesystem>
 
 #include "core/KZVCoreObj.h"
 #include "foundation/NSFileManager.h"
@@ -69,6 +70,19 @@ TEST_F(ChangesTest, EveryChangeByAnotherDeviceShowsAfterTheNextPoll) {
       ASSERT_NE(attributes, nullptr) << path;
       EXPECT_EQ(as<NSNumber>(attributes->objectForKey(NSFileSize))->int64Value(), size) << path;
     }
+  }
+}
+
+TEST_F(ChangesTest, ALocalCopyIsNotOlderThanTheChangeThatAPollHasTold) {
+  standIn.write("/Docs/a.txt", "");
+  listedTree(*ada);
+  for (std::size_t size = 1; size <= 30; ++size) {
+    standIn.write("/Docs/a.txt", std::string(size, 'a'));
+    ada->pollForChanges();
+    const auto copy = ada->requestFileUrl("/Docs/a.txt", nullptr, nullptr);
+    ASSERT_NE(copy, nullptr);
+    ASSERT_EQ(std::filesystem::file_size(copy->path()), size);
+    ada->releaseFileUrl(*copy);
   }
 }
 
