@@ -263,6 +263,7 @@ int MountedVolume::claim(RenamePlan& plan, const IsInterrupted& isInterrupted) {
       toKey = keyOfPath(plan.toPath);
     }
     const FileContent::Wish wish(contentOf(plan.source));
+    const FileContent::Wish targetWish(plan.target ? contentOf(plan.target) : nullptr);
     auto hold = paths_.hold({{fromKey, PathLocks::Kind::subtree}, {toKey, PathLocks::Kind::subtree}},
                             [&] { return isStopping_ || isInterrupted(); });
     if (!hold) return EINTR;

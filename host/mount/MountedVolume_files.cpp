@@ -64,6 +64,9 @@ MountedVolume::Opened MountedVolume::openedLocked(const MountNodeRef& node,
 /// The version that a file written now replaces.
 WriteBase MountedVolume::knownBase(bool isRemote, const std::string& path) {
   if (!isRemote) return {WriteBase::Kind::nothing, {}};
+  // Forgotten meanwhile: asked for now, since what is the latest when the file is sent may be another's by
+  // then.
+  if (!volume_->revisionAtPath(path)) volume_->attributesAtPath(path, nullptr);
   return baseOf(volume_->revisionAtPath(path));
 }
 
