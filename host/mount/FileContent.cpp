@@ -132,10 +132,6 @@ int FileContent::write(const std::function<int(int file)>& put) {
   return put(data_->number());
 }
 
-int FileContent::truncate(std::uint64_t sizeBytes) {
-  return write([&](int file) { return ::ftruncate(file, static_cast<off_t>(sizeBytes)) == 0 ? 0 : errno; });
-}
-
 void FileContent::setModified(NSDate::Time time) {
   using namespace std::chrono;
   const std::lock_guard lock(mutex_);

@@ -46,7 +46,6 @@ class FileContent {
   std::uint64_t sizeBytes() const;
   /// Lets `put` write into the private file, which is made first. Blocks while the bytes are being sent.
   int write(const std::function<int(int file)>& put);
-  int truncate(std::uint64_t sizeBytes);
   /// The time that goes along when the bytes are sent.
   void setModified(NSDate::Time time);
 

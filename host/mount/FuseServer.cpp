@@ -259,7 +259,10 @@ bool asksForOtherRights(const Session& session, const struct stat& wanted, int w
          ((which & FUSE_SET_ATTR_GID) && wanted.st_gid != session.group);
 }
 
-void noticeOtherBytes(fuse_req_t request, fuse_ino_t node);
+/// What was written through another spelling of the file's name is not what the kernel keeps under its own.
+void noticeOtherBytes(fuse_req_t request, fuse_ino_t node) {
+  if (isOtherSpelling(node)) sessionOf(request).kernel->contentChanged(nodeOf(node));
+}
 
 void onSetAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
                      fuse_file_info* info) {
@@ -425,11 +428,6 @@ void onListExtra(fuse_req_t request, fuse_ino_t node, std::size_t size) {
     const auto revision = volumeOf(request).revision(nodeOf(node));
     return replyText(request, revision.error ? std::string() : std::string(revisionName) + '\0', size);
   });
-}
-
-/// What was written through another spelling of the file's name is not what the kernel keeps under its own.
-void noticeOtherBytes(fuse_req_t request, fuse_ino_t node) {
-  if (isOtherSpelling(node)) sessionOf(request).kernel->contentChanged(nodeOf(node));
 }
 
 /// What was changed through another spelling of the folder's name is news to the kernel under its own.
