@@ -68,8 +68,8 @@ class CopyBatch {
   void add(Task task, Order order);
   /// Runs all tasks, also those added meanwhile, with `threads` threads beside the caller's, which asks the
   /// observer of the whole every stopInterval whether to go on. Blocks until the last task is done, or those
-  /// under way are after a stop. False when an item failed (`error`: the
-  /// first failure) or the batch was stopped (CanceledByUserErrorDomain, -1).
+  /// under way are after a stop. False when an item failed (`error`: the first failure) or the batch was
+  /// stopped (CanceledByUserErrorDomain, -1).
   bool run(std::size_t threads, NSErrorRef* error);
 
   bool isStopped() const noexcept { return isStopped_; }
