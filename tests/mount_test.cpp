@@ -16,6 +16,7 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/un.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -284,6 +285,12 @@ TEST_F(MountTest, AnswersAsAPosixFileSystem) {
          unlink(at("d/f"));
          std::array<char, 5> bytes{};
          EXPECT_EQ(must(::read(file.number, bytes.data(), 5)), 5);
+       }},
+      {"space while the service does not tell it", EIO,
+       [&] {
+         standIn.fault({{"route", "users/get_space_usage"}, {"times", 0}, {"status", 400}});
+         struct statvfs space {};
+         must(::statvfs(root.c_str(), &space));
        }},
       {"names that stay here", 0,
        [&] {
@@ -636,6 +643,12 @@ TEST_F(MountTest, CostsNoMoreRequestsThanTheServiceNeeds) {
       {"mkdir", [&] { return fs::create_directory(root / "d/sub"); }, 2},
       {"rename", [&] { return ::rename((root / "d/new").c_str(), (root / "d/newer").c_str()) == 0; }, 1},
       {"delete", [&] { return fs::remove(root / "d/newer"); }, 1},
+      {"space",
+       [&] {
+         struct statvfs space {};
+         return ::statvfs(root.c_str(), &space) == 0 && space.f_bavail > 0;
+       },
+       2},
       {"a name that is not there", [&] { return !fs::exists(root / "d/none"); }, 0},
   };
   for (const Case& c : cases) {

@@ -108,7 +108,7 @@ class MountedVolume {
   Answer<std::shared_ptr<const Listing>> list(NodeId folder, const IsInterrupted& isInterrupted);
   /// The attributes of an item of a listing that is still there, which then counts as told to the kernel.
   std::optional<NodeAttributes> showListed(const ListedItem& item);
-  /// Bytes: total, free; zero while they are not known.
+  /// Bytes: total, free, as they were told last; EIO while nobody has told them.
   Answer<std::pair<std::uint64_t, std::uint64_t>> space();
   /// The version of a file as the volume tells it (ENODATA when not known).
   Answer<std::string> revision(NodeId node);
@@ -208,6 +208,7 @@ class MountedVolume {
   void unwatch(MountNode& folder);
   void moveWatches(const std::vector<MountNodeRef>& folders);
   void refreshChangedFolders();
+  void askForSpace(std::unique_lock<std::mutex>& lock);
   void tell(const Notices& notices);
 
   int fetch(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
@@ -273,7 +274,8 @@ class MountedVolume {
   Guarded<std::string> lastFailure_;  // why sending failed, for people
 
   std::mutex spaceMutex_;
+  std::condition_variable spaceTold_;
   std::optional<std::pair<std::uint64_t, std::uint64_t>> space_;  // guarded by spaceMutex_
   std::chrono::steady_clock::time_point spaceAskedAt_;            // guarded by spaceMutex_
-  bool isAskingForSpace_ = false;  // guarded by spaceMutex_: one asks, others get what was last known
+  bool isAskingForSpace_ = false;                                 // guarded by spaceMutex_
 };

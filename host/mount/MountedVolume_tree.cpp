@@ -106,8 +106,15 @@ std::optional<NodeAttributes> MountedVolume::showListed(const ListedItem& item) 
 
 Answer<std::pair<std::uint64_t, std::uint64_t>> MountedVolume::space() {
   std::unique_lock lock(spaceMutex_);
-  const bool isRecent = Clock::now() - spaceAskedAt_ < spaceAge && spaceAskedAt_ != Clock::time_point();
-  if (isRecent || isAskingForSpace_) return {space_.value_or(std::pair<std::uint64_t, std::uint64_t>()), 0};
+  spaceTold_.wait(lock, [&] { return space_ || !isAskingForSpace_; });
+  const bool wasAsked = spaceAskedAt_ != Clock::time_point() && Clock::now() - spaceAskedAt_ < spaceAge;
+  if (!wasAsked && !isAskingForSpace_) askForSpace(lock);
+  return space_ ? Answer<std::pair<std::uint64_t, std::uint64_t>>{*space_, 0}
+                : Answer<std::pair<std::uint64_t, std::uint64_t>>{{}, EIO};
+}
+
+/// Asks without the lock, since a silent line takes its time; whoever has an older answer goes on with that.
+void MountedVolume::askForSpace(std::unique_lock<std::mutex>& lock) {
   isAskingForSpace_ = true;
   lock.unlock();
   NSErrorRef error;
@@ -115,13 +122,13 @@ Answer<std::pair<std::uint64_t, std::uint64_t>> MountedVolume::space() {
   lock.lock();
   isAskingForSpace_ = false;
   spaceAskedAt_ = Clock::now();
-  if (!told) return {space_.value_or(std::pair<std::uint64_t, std::uint64_t>()), 0};
+  spaceTold_.notify_all();
+  if (!told) return;
   const auto bytes = [&](std::string_view key) -> std::uint64_t {
     const auto number = as<NSNumber>(told->objectForKey(key));
     return number ? static_cast<std::uint64_t>(std::max<std::int64_t>(number->int64Value(), 0)) : 0;
   };
   space_ = {bytes(NSFileSystemSize), bytes(NSFileSystemFreeSize)};
-  return {*space_, 0};
 }
 
 Answer<std::string> MountedVolume::revision(NodeId number) {
