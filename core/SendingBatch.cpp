@@ -48,7 +48,7 @@ void SendingBatch::sendFile(const CopyBatch::FileRef& file) {
   if (!stored && !error) error = copyError(EIO, "the file was not stored");
   if (!stored) return batch_.finishFile(file, error);
   // A file system that ignores letter case may go on spelling the name as it did before.
-  const bool isInPlace = canonicalCompare(lowercased(stored->path), lowercased(file->to)) == 0;
+  const bool isInPlace = caselessKey(stored->path) == caselessKey(file->to);
   batch_.finishFile(file, nullptr, isInPlace ? "" : stored->path);
 }
 

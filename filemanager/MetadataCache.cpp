@@ -35,7 +35,7 @@ bool isFile(const MetadataCache::Record& record) { return !record->isDirectory()
 }  // namespace
 
 std::string MetadataCache::keyOf(std::string_view path) {
-  std::string key = lowercased(canonicallyComposed(path));
+  std::string key = caselessKey(path);
   if (!key.starts_with('/') || key.ends_with('/') || key.find("//") != std::string::npos) {
     key = appendingPathComponent("/", key);
     if (key.size() > 1 && key.ends_with('/')) key.pop_back();

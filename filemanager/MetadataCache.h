@@ -21,8 +21,8 @@ class MetadataCache final : public NSObject {
   /// Names a fetch between beginFetch and endFetch.
   using Fetch = std::uint64_t;
 
-  /// The only way from a path to a key: a second way is how a stale entry survives. Lower case, composed (as
-  /// the service keeps names), no empty components, no slash at the end but the root's own.
+  /// The only way from a path to a key: a second way is how a stale entry survives. caselessKey, no empty
+  /// components, no slash at the end but the root's own.
   static std::string keyOf(std::string_view path);
   /// The key of a record: the service's own lower-cased path, so that its change feed finds the entry again.
   static std::string keyOf(const DBMetadata& record);

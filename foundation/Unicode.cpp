@@ -1,11 +1,13 @@
 #include "foundation/Unicode.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 
 #include <unicode/bytestream.h>
 #include <unicode/casemap.h>
 #include <unicode/normalizer2.h>
+#include <unicode/uchar.h>
 #include <unicode/unistr.h>
 #include <unicode/utf8.h>
 
@@ -73,6 +75,23 @@ std::string lowercased(std::string_view text) {
   UErrorCode status = U_ZERO_ERROR;
   icu::CaseMap::utf8ToLower("", 0, piece(text), sink, nullptr, status);
   return U_SUCCESS(status) ? lower : asciiLowercased(text);
+}
+
+std::string caselessKey(std::string_view text) {
+  if (isAscii(text) || !isValidUtf8(text)) return asciiLowercased(text);
+  const std::string composed = canonicallyComposed(text);
+  std::string key;
+  key.reserve(composed.size());
+  const auto length = static_cast<std::int32_t>(composed.size());
+  for (std::int32_t at = 0; at < length;) {
+    UChar32 character = 0;
+    U8_NEXT(composed.data(), at, length, character);
+    std::array<char, U8_MAX_LENGTH> bytes{};
+    std::int32_t size = 0;
+    U8_APPEND_UNSAFE(bytes.data(), size, u_tolower(character));
+    key.append(bytes.data(), static_cast<std::size_t>(size));
+  }
+  return key;
 }
 
 std::string canonicallyDecomposed(std::string_view text) { return normalized(decomposition(), text); }

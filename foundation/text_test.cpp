@@ -71,6 +71,18 @@ TEST(Unicode, Lowercasing) {
         lowercased);
 }
 
+TEST(Unicode, KeysAreMappedCharacterByCharacter) {
+  check({{"ASCII", "/AZ/az", "/az/az"},
+         {"Greek, final sigma", "\u039f\u0394\u039f\u03a3", "\u03bf\u03b4\u03bf\u03c3"},
+         {"a typed final sigma is a character of its own", "\u03c2", "\u03c2"},
+         {"dotted I", "\u0130", "i"},
+         {"dotted I, decomposed", "I\u0307", "i"},
+         {"decomposed", "U\u0308", "\u00fc"},
+         {"beyond the basic plane", "\U00010400", "\U00010428"},
+         {"bytes that are no UTF-8 stay", "A\xff\xc9", "a\xff\xc9"}},
+        caselessKey);
+}
+
 TEST(Unicode, CanonicalCompare) {
   struct Case {
     const char* name;

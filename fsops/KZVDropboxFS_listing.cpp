@@ -86,7 +86,7 @@ void KZVDropboxFS::enterListing(const MetadataRef& folder) {
   if (synced(cache, [&] { return cache.isEntered(folderKey, folder); })) return;
   for (const MetadataRef& child : *folder->contents()) {
     if (child->isDeleted() || !recordListedChild(folderKey, folder, child)) continue;
-    const std::string key = lowercased(child->path());
+    const std::string key = MetadataCache::keyOf(*child);
     for (const auto& instance : attachedInstances(requiredUserId())) instance->cache().invalidate(key);
   }
   synced(cache, [&] { cache.noteEntered(folderKey, folder); });

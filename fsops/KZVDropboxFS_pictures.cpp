@@ -3,7 +3,6 @@
 #include "foundation/NSFileManager.h"
 #include "foundation/NSString.h"
 #include "foundation/Paths.h"
-#include "foundation/Unicode.h"
 #include "plugin/KZVDropboxFS.h"
 #include "plugin/ThumbnailCache.h"
 
@@ -14,7 +13,7 @@ std::shared_ptr<NSImage> KZVDropboxFS::icon(const std::string& path, NSErrorRef*
 }
 
 std::shared_ptr<NSImage> KZVDropboxFS::preview(const std::string& path, NSErrorRef* error) {
-  const std::string key = lowercased(path);
+  const std::string key = MetadataCache::keyOf(path);
   while (true) {
     cachedThumbs_->waitWhileFetching(key);
     const auto record = requiredManager().metadata(path, error);

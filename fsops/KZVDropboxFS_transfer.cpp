@@ -6,7 +6,6 @@
 #include "core/StoppableCall.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/Paths.h"
-#include "foundation/Unicode.h"
 #include "plugin/KZVDropboxFS.h"
 
 namespace {
@@ -32,7 +31,7 @@ NSErrorRef KZVDropboxFS::temporaryFileError() {
 
 std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, ProgressCallback progress,
                                                     NSErrorRef* error) {
-  const std::string key = lowercased(path);
+  const std::string key = MetadataCache::keyOf(path);
   dropOldCopy(path, key);
   if (auto held = cache().urlForKey(key)) return held;
   // Two copies of one item would remove each other's file.

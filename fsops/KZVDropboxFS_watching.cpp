@@ -26,16 +26,17 @@ void KZVDropboxFS::dbTimerIntervalExpired(NSTimer& /*timer*/) {
 }
 
 void KZVDropboxFS::_changed_file(const std::string& path, const std::string& userId) {
-  for (const auto& instance : attachedInstances(userId)) instance->cache().invalidate(path);
+  for (const auto& instance : attachedInstances(userId))
+    instance->cache().invalidate(MetadataCache::keyOf(path));
 }
 
 // A plain prefix without a look at the separator, on purpose: a change of /ab also redraws a watched /abc,
 // which costs a listing from the cache and can never miss a folder that was renamed.
 void KZVDropboxFS::_changed_folder(const std::string& path, const std::string& userId) {
-  const std::string changed = canonicallyDecomposed(path);
+  const std::string changed = canonicallyDecomposed(MetadataCache::keyOf(path));
   for (const auto& instance : attachedInstances(userId)) {
     for (const auto& item : instance->watchedFolders()) {
-      if (!canonicallyDecomposed(lowercased(item->path())).starts_with(changed)) continue;
+      if (!canonicallyDecomposed(MetadataCache::keyOf(item->path())).starts_with(changed)) continue;
       auto callback = item->changeCallback();
       if (!callback) continue;
       item->prepareForChange();

@@ -6,9 +6,9 @@
 #include "foundation/NSObject.h"
 #include "foundation/NSURL.h"
 
-/// Preview pictures already fetched, by lower-cased path. An entry is absent, a marker that somebody is
-/// fetching it (an empty text), or the file URL of the picture. Any thread: each operation takes the object's
-/// own lock (synced), which is never held across a request or a sleep.
+/// Preview pictures already fetched, by key of the path (MetadataCache::keyOf). An entry is absent, a marker
+/// that somebody is fetching it (an empty text), or the file URL of the picture. Any thread: each operation
+/// takes the object's own lock (synced), which is never held across a request or a sleep.
 class ThumbnailCache final : public NSObject {
  public:
   struct Claim {

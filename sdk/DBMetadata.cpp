@@ -37,7 +37,7 @@ DBMetadata::DBMetadata(Fields fields)
     folderPath_ = std::make_shared<const std::string>(deletingLastPathComponent(fields.path));
     name_ = lastPathComponent(fields.path);
   }
-  if (!fields.lowercasePath.empty() && fields.lowercasePath != lowercased(path())) {
+  if (!fields.lowercasePath.empty() && fields.lowercasePath != caselessKey(path())) {
     rare().lowercasePath = std::move(fields.lowercasePath);
   }
   setRev(std::move(fields.rev));
@@ -87,7 +87,7 @@ std::string DBMetadata::path() const {
 std::string DBMetadata::filename() const { return folderPath_ ? name_ : "/"; }
 
 std::string DBMetadata::lowercasePath() const {
-  return rare_ && !rare_->lowercasePath.empty() ? rare_->lowercasePath : lowercased(path());
+  return rare_ && !rare_->lowercasePath.empty() ? rare_->lowercasePath : caselessKey(path());
 }
 
 const std::string& DBMetadata::contentsHash() const noexcept {

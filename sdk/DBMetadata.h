@@ -36,6 +36,7 @@ class DBMetadata final : public NSObject {
   std::string path() const;
   /// The last component; "/" for the root.
   std::string filename() const;
+  /// The key under which the service compares paths: its own where the record came from it.
   std::string lowercasePath() const;
   /// Compare for equality only; empty when the item has none.
   std::string rev() const;
@@ -54,7 +55,7 @@ class DBMetadata final : public NSObject {
   // Laid out for a million of them: children share their folder's path, a revision is packed to its 16
   // bytes, the flags share a word, and what is rare or can be derived takes no place.
   struct Rare {
-    std::string lowercasePath;  // only where lower-casing the path gives something else
+    std::string lowercasePath;  // only where caselessKey of the path is another
     std::string rev;            // only where it is not hexadecimal text of at most 32 digits
     std::string hash;
     std::shared_ptr<const Contents> contents;

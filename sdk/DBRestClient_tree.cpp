@@ -70,7 +70,7 @@ class Move : public std::enable_shared_from_this<Move> {
     if (!from_ || !to_ || from_->empty() || to_->empty()) {
       const NSErrorRef error = unacceptablePathError(about_);
       client_->performLater(operation_, [self = shared_from_this(), error] { self->fail({{}, error, {}}); });
-    } else if (*from_ != *to_ && lowercased(*from_) == lowercased(*to_)) {
+    } else if (*from_ != *to_ && caselessKey(*from_) == caselessKey(*to_)) {
       startDetour();
     } else {
       client_->send(operation_, request(*from_, *to_),

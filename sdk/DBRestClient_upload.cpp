@@ -59,7 +59,7 @@ RecordRef storedRecord(const std::string& target, const json::object& metadata) 
 /// Whether a file that was to replace `parentRev` at `path` has done so, and does not stand beside it.
 bool replaces(const std::optional<std::string>& parentRev, const RecordRef& record, const std::string& path) {
   return parentRev && !parentRev->empty() &&
-         lowercased(record->filename()) == lowercased(lastPathComponent(path));
+         caselessKey(record->filename()) == caselessKey(lastPathComponent(path));
 }
 
 bool isDamaged(const json::object& metadata, const std::optional<ContentHash>& sent) {

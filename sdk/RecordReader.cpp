@@ -70,7 +70,7 @@ std::optional<DBMetadata::Fields> RecordReader::commonFields(const json::object&
   if (!fields.folderPath) return std::nullopt;
   fields.name = *name;
   if (fields.lowercasePath.empty()) {
-    fields.lowercasePath = lowercased(appendingPathComponent(*fields.folderPath, *name));
+    fields.lowercasePath = caselessKey(appendingPathComponent(*fields.folderPath, *name));
   }
   return fields;
 }

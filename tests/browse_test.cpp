@@ -20,7 +20,7 @@ class BrowseTest : public PluginTest {
   }
   void writeMixedTree() {
     for (const char* path : {"/Docs/Report.txt", "/Docs/Deep/Er/File.TXT", "/.hidden/.dot",
-                             "/Name with  spaces.txt", "/Ünïcode/Straße.txt", "/Empty.bin"}) {
+                             "/Name with  spaces.txt", "/Ünïcode/Straße.txt", "/ΟΔΟΣ/İ.txt", "/Empty.bin"}) {
       standIn.write(path, std::string(path) == "/Empty.bin" ? "" : "text");
     }
   }

@@ -109,11 +109,13 @@ TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
   standIn.write("/Photos/2014/a.jpg", "one");
   standIn.write("/PhotosOld/a.jpg", "one");
   standIn.write("/Ünï/a.jpg", "one");
+  standIn.write("/ΟΔΟΣ/a.jpg", "one");
   awaitAccountList();
   settle(*ada);
   std::map<std::string, int> told;
   std::vector<std::shared_ptr<FSItem>> watched;
-  for (const char* path : {"/", "/Photos", "/photos/2014", "/PhotosOld", "/U\u0308nI\u0308", "/Docs"}) {
+  for (const char* path :
+       {"/", "/Photos", "/photos/2014", "/PhotosOld", "/U\u0308nI\u0308", "/ΟΔΟΣ", "/Docs"}) {
     watched.push_back(std::make_shared<FSItem>(path, ada));
     watched.back()->setIsDirectory(true);
     watched.back()->setChangeCallback([&](const auto& item) {
@@ -124,7 +126,7 @@ TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
   }
   ada->startWatchFolder(watched.back());
   ada->stopWatchFolder(watched.back());  // takes both entries
-  EXPECT_EQ(ada->watchedFolders().size(), 5U);
+  EXPECT_EQ(ada->watchedFolders().size(), 6U);
   struct Case {
     const char* changed;
     std::map<std::string, int> told;
@@ -137,8 +139,14 @@ TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
       {"/PHOTOS/2014/NEW.JPG", {{"/photos/2014", 1}}},
       {"/PhotosOld/new.jpg", {{"/PhotosOld", 1}}},
       {"/Ünï/new.jpg", {{"/U\u0308nI\u0308", 1}}},
+      {"/ΟΔΟΣ/new.jpg", {{"/ΟΔΟΣ", 1}}},
       {"/top.txt",
-       {{"/", 1}, {"/Photos", 1}, {"/photos/2014", 1}, {"/PhotosOld", 1}, {"/U\u0308nI\u0308", 1}}},
+       {{"/", 1},
+        {"/Photos", 1},
+        {"/photos/2014", 1},
+        {"/PhotosOld", 1},
+        {"/U\u0308nI\u0308", 1},
+        {"/ΟΔΟΣ", 1}}},
   };
   const auto toldAfter = [&](const std::string& changed, std::size_t count) {
     told.clear();
@@ -149,7 +157,7 @@ TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
     NSRunLoop::mainRunLoop()->runUntilDate(NSRunLoop::Clock::now());
     return told;
   };
-  toldAfter("/first.txt", 5);  // comes behind the news of the first cursor, which redraws everything, too
+  toldAfter("/first.txt", 6);  // comes behind the news of the first cursor, which redraws everything, too
   for (const Case& c : cases) EXPECT_EQ(toldAfter(c.changed, c.told.size()), c.told) << c.changed;
 }
 

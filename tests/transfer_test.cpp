@@ -501,10 +501,11 @@ TEST_F(TransferTest, ManyUploadsIntoAListedFolderAskForNoRevisions) {
   standIn.makeTree("/many", 0, 50);
   names("/many");
   standIn.forgetRequests();
-  for (int number = 0; number < 20; ++number) {
-    ASSERT_TRUE(put(makeFile("file", 3), "/many/new " + std::to_string(number)));
+  for (int number = 0; number < 20; ++number) {  // each name twice; a sigma at the end of a word
+    ASSERT_TRUE(put(makeFile("file", 3), "/many/ΝΕΟΣ " + std::to_string(number % 10)));
   }
   EXPECT_EQ(standIn.requests(), (std::map<std::string, int>{{"files/upload", 20}}));
+  EXPECT_EQ(names("/many").size(), 60U);
 }
 
 TEST_F(TransferTest, LocalCopiesAreSharedAndStayInsideTheirFolder) {

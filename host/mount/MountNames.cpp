@@ -51,7 +51,7 @@ NameKind kindOfName(std::string_view name) {
   return isLocalOnly(keyOfName(name)) ? NameKind::localOnly : NameKind::remote;
 }
 
-std::string keyOfName(std::string_view name) { return lowercased(canonicallyComposed(name)); }
+std::string keyOfName(std::string_view name) { return caselessKey(name); }
 
 std::string setAsideName(std::string_view name, std::string_view unique) {
   const std::string suffix = ".replaced-" + std::string(unique);

@@ -99,9 +99,8 @@ std::vector<CompletionName> matching(std::vector<CompletionName> names, Argument
   };
   keep([&](const std::string& name) { return name.starts_with(leaf); });
   if (fitting.empty())
-    keep([&, lower = lowercased(leaf)](const std::string& name) {
-      return lowercased(name).starts_with(lower);
-    });
+    keep(
+        [&, key = caselessKey(leaf)](const std::string& name) { return caselessKey(name).starts_with(key); });
   return fitting;
 }
 

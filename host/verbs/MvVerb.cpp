@@ -37,7 +37,7 @@ class MvVerb final : public Verb {
   std::string targetFor(FSPlugin& volume, const std::string& from, const std::string& to) const {
     // Paths that differ in letter case alone name the same item: that is a new spelling, not a move into
     // itself.
-    const bool isRespelled = lowercased(from) == lowercased(to);
+    const bool isRespelled = caselessKey(from) == caselessKey(to);
     const bool isInto = to == "/" || (!isRespelled && (to_.ends_with('/') || isFolder(volume, to)));
     return isInto ? appendingPathComponent(to, lastPathComponent(from)) : to;
   }

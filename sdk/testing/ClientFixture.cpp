@@ -154,7 +154,7 @@ void ClientFixture::TearDown() {
 
 namespace {
 std::string commonJson(const std::string& path) {
-  return R"("name":")" + lastPathComponent(path) + R"(","path_lower":")" + lowercased(path) +
+  return R"("name":")" + lastPathComponent(path) + R"(","path_lower":")" + caselessKey(path) +
          R"(","path_display":")" + path + R"(","id":"id:a")";
 }
 }  // namespace
