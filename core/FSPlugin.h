@@ -105,6 +105,9 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
 class FSPluginClass : public NSObject {
  public:
   ~FSPluginClass() override;
+  /// Why the plug-in must not start with the settings that it reads from the environment, in words for the
+  /// person who set them; null when it may. Asked before initialize. Does not block.
+  virtual NSErrorRef settingsProblem() const { return nullptr; }
   /// Called once by the loader before anything else. Blocks until the plug-in can be used.
   virtual void initialize() = 0;
   virtual std::string fsDescription() const = 0;
@@ -144,7 +147,8 @@ class FSPluginAccounts {
   /// A code that the person copied from the page, which the next activation uses. False when the text cannot
   /// be one, or no linking waits for it. A secret: log it nowhere.
   virtual bool useAuthorizationCode(const std::string& /*code*/) { return false; }
-  /// Ends a linking that nobody waits for any more: its page links no account from now on. Without one, nothing.
+  /// Ends a linking that nobody waits for any more: its page links no account from now on. Without one,
+  /// nothing.
   virtual void cancelLinking() {}
   /// The local folder of the file system's own desktop client; nothing when there is none.
   virtual std::optional<std::string> desktopFolder() const { return std::nullopt; }

@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "core/KZVConstants.h"
+#include "core/PluginLoader.h"
 #include "foundation/NSString.h"
 #include "host/Formatting.h"
 
@@ -27,6 +28,9 @@ bool isStop(const NSError& error) { return error.domain() == CanceledByUserError
 
 ExitStatus exitStatusFor(const NSError& error) {
   if (isStop(error)) return ExitStatus::stopped;
+  if (error.domain() == KZVPluginLoaderErrorDomain &&
+      error.code() == static_cast<std::int64_t>(PluginLoaderError::refusedSettings))
+    return ExitStatus::usage;
   if (error.domain() != KZVHostErrorDomain) return ExitStatus::failed;
   switch (static_cast<HostErrorCode>(error.code())) {
     case HostErrorCode::noAccount:

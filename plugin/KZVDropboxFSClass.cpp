@@ -4,11 +4,14 @@
 #include "accounts/TokenLinking.h"
 #include "foundation/Fatal.h"
 #include "plugin/KZVDropboxFS.h"
+#include "sdk/ServiceHosts.h"
 
 KZVDropboxFSClass& KZVDropboxFSClass::shared() {
   static auto& object = *new KZVDropboxFSClass;
   return object;
 }
+
+NSErrorRef KZVDropboxFSClass::settingsProblem() const { return serviceHostsFromEnvironment().refusal; }
 
 void KZVDropboxFSClass::initialize() { KZVDropboxFS::initialize(); }
 

@@ -10,6 +10,7 @@ class KZVDropboxFSClass final : public FSPluginClass, public FSPluginAccounts, p
   static KZVDropboxFSClass& shared();
 
   std::string className() const override { return "KZVDropboxFS"; }
+  NSErrorRef settingsProblem() const override;
   void initialize() override;
   std::string fsDescription() const override;
   std::shared_ptr<NSArray> availableRootItems() const override;

@@ -12,6 +12,7 @@
 #include "plugin/KZVDropboxFS.h"
 #include "plugin/KZVDropboxFSClass.h"
 #include "plugin/KZVDropboxFSGlobals.h"
+#include "sdk/ServiceHosts.h"
 #include "support/KZVDropboxFSSupport.h"
 
 namespace {
@@ -27,11 +28,9 @@ void startServiceThread() {
 
 /// The host of the service's web site, or of the address that stands in for it.
 std::string serviceWebHost() {
-  const char* address = std::getenv("KZV_SERVICE_URL");
-  if (!address || !*address) return "www.dropbox.com";
-  std::string host(address);
-  if (const auto scheme = host.find("://"); scheme != std::string::npos) host.erase(0, scheme + 3);
-  host.resize(std::min(host.find('/'), host.size()));
+  std::string host = serviceHostsFromEnvironment().web;
+  if (host.empty()) return "localhost";  // an address that is refused: no name may be looked up
+  host.erase(0, host.find("://") + 3);
   if (host.starts_with('[')) return host.substr(0, host.find(']') + 1);
   host.resize(std::min(host.find(':'), host.size()));
   return host;

@@ -105,10 +105,10 @@ void DBRestClient::Impl::setSignIn(std::shared_ptr<SignIn> signIn) {
 
 void DBRestClient::loadRequestToken(SignInCode code) {
   const auto operation = impl_->beginOperation();
-  if (const NSErrorRef& hostsError = impl_->session()->internals().hostsError) {
-    impl_->performLater(operation, [impl = impl_, operation, hostsError] {
+  if (const NSErrorRef& refusal = impl_->session()->internals().hosts.refusal) {
+    impl_->performLater(operation, [impl = impl_, operation, refusal] {
       impl->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-        delegate.loadRequestTokenFailedWithError(client, hostsError);
+        delegate.loadRequestTokenFailedWithError(client, refusal);
       });
     });
     return;

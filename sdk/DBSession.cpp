@@ -36,10 +36,10 @@ DBSession::Internals::Internals(std::string key, std::string secret, std::string
     : appKey(std::move(key)),
       appSecret(std::move(secret)),
       root(rootName),
-      hosts(serviceHostsFromEnvironment(&hostsError)),
+      hosts(serviceHostsFromEnvironment()),
       store(makeDefaultCredentialStore(appKey)),
       network(NetworkThread::shared()) {
-  if (hostsError) NSLog(NSLogLevel::error, "DBSession", hostsError->localizedDescription());
+  if (hosts.refusal) NSLog(NSLogLevel::error, "DBSession", hosts.refusal->localizedDescription());
   NSErrorRef error;
   const auto stored = store->load(&error);
   if (!stored) {

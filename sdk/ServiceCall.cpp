@@ -42,8 +42,8 @@ std::shared_ptr<ServiceCall> ServiceCall::start(std::shared_ptr<DBSession::Inter
 }
 
 void ServiceCall::begin() {
-  if (session_->hostsError) {
-    fail(session_->hostsError);
+  if (session_->hosts.refusal) {
+    fail(session_->hosts.refusal);
     return;
   }
   if (!actingFor_.userId.empty()) {

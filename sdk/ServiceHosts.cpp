@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
@@ -25,14 +26,14 @@ std::string part(CURLU* url, CURLUPart which) {
 }
 
 bool parse(const char* text, UrlParts& parts) {
+  // libcurl takes an empty user, query or fragment for none, and decodes escapes in a host's name.
+  if (std::string_view(text).find_first_of("@?#%\\") != std::string_view::npos) return false;
   const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), &curl_url_cleanup);
   if (!url || curl_url_set(url.get(), CURLUPART_URL, text, 0) != CURLUE_OK) return false;
   parts = {part(url.get(), CURLUPART_SCHEME), part(url.get(), CURLUPART_HOST),
            part(url.get(), CURLUPART_PORT)};
   const std::string path = part(url.get(), CURLUPART_PATH);
-  parts.onlyOrigin = (path.empty() || path == "/") && part(url.get(), CURLUPART_QUERY).empty() &&
-                     part(url.get(), CURLUPART_FRAGMENT).empty() && part(url.get(), CURLUPART_USER).empty() &&
-                     part(url.get(), CURLUPART_PASSWORD).empty();
+  parts.onlyOrigin = path.empty() || path == "/";
   return !parts.host.empty();
 }
 
@@ -42,35 +43,29 @@ bool isLoopback(const std::string& host) {
   return inet_pton(AF_INET, host.c_str(), &address) == 1 && (ntohl(address.s_addr) >> 24) == 127;
 }
 
-NSErrorRef refusal(std::string_view reason) {
-  return std::make_shared<NSError>(
+ServiceHosts refused(std::string_view reason) {
+  ServiceHosts none{"", "", "", "", nullptr};
+  none.refusal = std::make_shared<NSError>(
       std::string(DBErrorDomain), DBErrorServiceAddress,
-      NSDictionary::with({{NSLocalizedDescriptionKey, str("The address of the service in KZV_SERVICE_URL " +
-                                                          std::string(reason) + ".")}}));
+      NSDictionary::with(
+          {{NSLocalizedDescriptionKey, str("the address of the service (--service or KZV_SERVICE_URL) " +
+                                           std::string(reason) + "; nothing was sent")}}));
+  return none;
 }
 
 }  // namespace
 
-ServiceHosts serviceHosts(const char* replacement, NSErrorRef* error) {
+ServiceHosts serviceHosts(const char* replacement) {
   if (!replacement || !*replacement) return {};
   UrlParts parts;
-  if (!parse(replacement, parts) || !parts.onlyOrigin) {
-    setError(error, refusal("must be scheme, host and port, and nothing else"));
-    return {};
-  }
+  if (!parse(replacement, parts) || !parts.onlyOrigin)
+    return refused("must be scheme, host and port, and nothing else");
   const bool plain = parts.scheme == "http";
-  if (!plain && parts.scheme != "https") {
-    setError(error, refusal("must begin with https: or http:"));
-    return {};
-  }
-  if (plain && !isLoopback(parts.host)) {
-    setError(error, refusal("may use plain http only on this machine's loopback addresses"));
-    return {};
-  }
+  if (!plain && parts.scheme != "https") return refused("must begin with https: or http:");
+  if (plain && !isLoopback(parts.host))
+    return refused("may use plain http only on this machine's loopback addresses");
   const std::string origin = parts.scheme + "://" + parts.host + (parts.port.empty() ? "" : ":" + parts.port);
-  return {origin, origin, origin, origin};
+  return {origin, origin, origin, origin, nullptr};
 }
 
-ServiceHosts serviceHostsFromEnvironment(NSErrorRef* error) {
-  return serviceHosts(std::getenv("KZV_SERVICE_URL"), error);
-}
+ServiceHosts serviceHostsFromEnvironment() { return serviceHosts(std::getenv("KZV_SERVICE_URL")); }

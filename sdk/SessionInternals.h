@@ -32,8 +32,7 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
   const std::string appKey;
   const std::string appSecret;
   const std::string root;
-  ServiceHosts hosts;     // never change after construction
-  NSErrorRef hostsError;  // set: nothing may be sent
+  const ServiceHosts hosts;
   const std::unique_ptr<CredentialStore> store;
   const std::shared_ptr<NetworkThread> network;
   TokenRefresh tokenRefresh;  // the network thread's own

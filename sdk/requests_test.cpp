@@ -62,17 +62,22 @@ TEST(ServiceHosts, OnlySafeReplacementsAreTaken) {
                         {"plain http elsewhere", "http://stand-in.example", nullptr},
                         {"looks like loopback", "http://127.0.0.1.example", nullptr},
                         {"user part", "http://127.0.0.1@example.com/", nullptr},
+                        {"empty user part", "https://@example.com/", nullptr},
+                        {"backslash", "http://127.0.0.1\\@example.com", nullptr},
+                        {"escape in the host", "https://example%2ecom", nullptr},
                         {"path", "http://127.0.0.1:1/2", nullptr},
+                        {"empty query", "https://example.com/?", nullptr},
+                        {"port too large", "http://127.0.0.1:65536", nullptr},
+                        {"line break", "https://example.com\r\nX: y", nullptr},
                         {"other scheme", "file:///etc", nullptr},
+                        {"no scheme", "127.0.0.1:8080", nullptr},
+                        {"blank", " ", nullptr},
                         {"not a URL", "http://[", nullptr}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    NSErrorRef error;
-    const ServiceHosts hosts = serviceHosts(c.replacement, &error);
-    EXPECT_EQ(error ? error->code() : 0, c.api ? 0 : DBErrorServiceAddress);
-    if (!error) {
-      EXPECT_EQ(hosts.api, c.api);
-    }
+    const ServiceHosts hosts = serviceHosts(c.replacement);
+    EXPECT_EQ(hosts.refusal ? hosts.refusal->code() : 0, c.api ? 0 : DBErrorServiceAddress);
+    EXPECT_EQ(hosts.api, c.api ? c.api : "");
   }
 }
 

@@ -1,4 +1,5 @@
 // The programs as a person uses them: kzv against a running kzv-service.
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -6,7 +7,12 @@
 #include <sstream>
 #include <thread>
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "testing/StandIn.h"
 #include "testing/TemporaryFolder.h"
@@ -290,4 +296,55 @@ TEST_F(CommandsTest, AnInterruptEndsAListingThatHangsAtOnce) {
   EXPECT_EQ(listing.finish(10s).exitStatus, 130);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
   standIn.clearFaults();
+}
+
+TEST_F(CommandsTest, ARefusedServiceAddressSendsNothingAnywhere) {
+  standIn.write("/precious.txt", "stays");
+  link("ada-token");
+  // Requests to the real hosts would go through this proxy, where they can be seen without being answered.
+  const int proxy = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(proxy, reinterpret_cast<sockaddr*>(&address), length), 0);
+  ASSERT_EQ(::listen(proxy, 16), 0);
+  ASSERT_EQ(::getsockname(proxy, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  const std::string proxyUrl = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  standIn.forgetRequests();
+
+  const std::string port = standIn.url().substr(standIn.url().rfind(':'));
+  const std::string badAddresses[] = {"http://example.invalid",
+                                      "http://127.0.0.1.example.invalid" + port,
+                                      "http://ada@127.0.0.1" + port,
+                                      "http://127.0.0.1" + port + "/2",
+                                      "http://127.0.0.1" + port + "?a",
+                                      "http://127.0.0.1" + port + "x",
+                                      "http://127.0.0.1:99999",
+                                      "http://",
+                                      "http://[::1",
+                                      "htp://127.0.0.1" + port,
+                                      "127.0.0.1" + port,
+                                      " "};
+  for (const std::string& bad : badAddresses) {
+    for (const bool asOption : {true, false}) {
+      SCOPED_TRACE(bad + (asOption ? " as --service" : " as KZV_SERVICE_URL"));
+      auto variables = environment();
+      variables["https_proxy"] = variables["all_proxy"] = proxyUrl;
+      if (!asOption) variables["KZV_SERVICE_URL"] = bad;
+      std::vector<std::string> arguments{KZV_PROGRAM, "rm", "/precious.txt"};
+      if (asOption) arguments.insert(arguments.begin() + 1, {"--service", bad});
+      const auto outcome = ChildProcess::run(arguments, variables);
+      EXPECT_EQ(outcome.exitStatus, 2);
+      EXPECT_TRUE(outcome.errors.starts_with("kzv: ")) << outcome.errors;
+      EXPECT_EQ(std::count(outcome.errors.begin(), outcome.errors.end(), '\n'), 1) << outcome.errors;
+      EXPECT_NE(outcome.errors.find(asOption ? "--service" : "KZV_SERVICE_URL"), std::string::npos)
+          << outcome.errors;
+    }
+  }
+  pollfd waiting{proxy, POLLIN, 0};
+  EXPECT_EQ(::poll(&waiting, 1, 0), 0) << "something was sent to the real service";
+  ::close(proxy);
+  EXPECT_TRUE(standIn.requests().empty());
+  EXPECT_EQ(standIn.content("/precious.txt"), "stays");
 }
