@@ -2,6 +2,8 @@
 
 #include <cerrno>
 
+#include "foundation/Unicode.h"
+
 FSPlugin::~FSPlugin() = default;
 FSPluginClass::~FSPluginClass() = default;
 FSPluginAccounts::~FSPluginAccounts() = default;
@@ -11,6 +13,30 @@ void setNotSupported(NSErrorRef* error, const std::string& path) {
   setError(error, NSError::posix(ENOTSUP, path));
 }
 }  // namespace
+
+std::optional<NameProblem> FSPlugin::nameProblem(std::string_view name) const {
+  using Kind = NameProblem::Kind;
+  constexpr std::size_t maxBytes = 255;
+  if (name.empty() || name == "." || name == "..") return NameProblem{Kind::malformed, "this is no name"};
+  if (name.find('/') != std::string_view::npos || name.find('\0') != std::string_view::npos)
+    return NameProblem{Kind::malformed, "a name cannot contain a slash or a NUL"};
+  if (!isValidUtf8(name)) return NameProblem{Kind::malformed, "this name is not valid UTF-8"};
+  if (name.size() > maxBytes) return NameProblem{Kind::tooLong, "this name is longer than 255 bytes"};
+  return std::nullopt;
+}
+
+std::string FSPlugin::pathKey(std::string_view path) const {
+  std::string key;
+  key.reserve(path.size());
+  while (!path.empty()) {
+    const std::size_t slash = path.find('/');
+    key += nameKey(path.substr(0, slash));
+    if (slash == std::string_view::npos) break;
+    key += '/';
+    path.remove_prefix(slash + 1);
+  }
+  return key;
+}
 
 std::shared_ptr<NSURL> FSPlugin::requestFileUrl(const std::string& path, ProgressCallback /*progress*/,
                                                 NSErrorRef* error) {

@@ -2,6 +2,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/FSItem.h"
@@ -14,6 +15,17 @@
 #include "foundation/NSURL.h"
 
 using FSItems = std::vector<std::shared_ptr<FSItem>>;
+
+/// Why a volume cannot hold an item of a certain name.
+struct NameProblem {
+  enum class Kind {
+    malformed,  // no name at all, or one with characters that the volume does not keep
+    tooLong,
+    reserved  // well formed, but refused by the volume, for instance as the name of a temporary file
+  };
+  Kind kind = Kind::malformed;
+  std::string text;  // for people: "a name cannot end with a space"
+};
 
 /// One file system that a plug-in offers, for instance one account. The host talks to volumes through this
 /// interface alone. Paths begin with "/", which alone is the root, in UTF-8.
@@ -36,6 +48,16 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   virtual void eject() = 0;
   virtual std::shared_ptr<NSURL> tmpFolderUrl() const = 0;
   virtual void setTmpFolderUrl(std::shared_ptr<NSURL> url) = 0;
+
+  // Names. These do not block.
+  /// Why the volume cannot hold an item of this name; nothing when it can. `name` is one component of a path.
+  /// The default is that of a simple disk: UTF-8 of at most 255 bytes.
+  virtual std::optional<NameProblem> nameProblem(std::string_view name) const;
+  /// The key of a name: two names in one folder are the same item when their keys are equal. The default, the
+  /// name itself, is that of a volume that tells letter cases apart. A key contains no slash.
+  virtual std::string nameKey(std::string_view name) const { return std::string(name); }
+  /// The keys of the path's components as a path.
+  std::string pathKey(std::string_view path) const;
 
   // Reading the tree.
   virtual bool isSeekable() const = 0;
@@ -162,6 +184,11 @@ class FSPluginAccounts {
   /// A link to a file of the desktop client's account that anybody can open; nothing, without an error, when
   /// no such account is known.
   virtual std::optional<std::string> publicLink(const std::string& /*path*/, NSErrorRef* /*error*/) {
+    return std::nullopt;
+  }
+  /// The link that publicLink would give, if the file has one already; makes none. Nothing, without an error,
+  /// when there is none.
+  virtual std::optional<std::string> existingLink(const std::string& /*path*/, NSErrorRef* /*error*/) {
     return std::nullopt;
   }
   /// Forgets the account at once; its token is revoked in the background. Unknown ids are ignored.

@@ -71,6 +71,17 @@ TEST(CoreObject, AttachesOnceInOrderAndLetsGo) {
   EXPECT_TRUE(core.attachedPlugins().empty());
 }
 
+TEST(Volume, WithoutRulesOfItsOwnTakesNamesAsADiskDoes) {
+  bool isGone = false;
+  const auto volume = std::make_shared<Volume>(isGone);
+  for (const char* name : {"a", "A ", "a\\b", "~$x", "desktop.ini"})
+    EXPECT_FALSE(volume->nameProblem(name)) << name;
+  for (const std::string& name : {std::string(), std::string(".."), std::string("a/b"), std::string("\xff"),
+                                  std::string("a\0b", 3), std::string(256, 'n')})
+    EXPECT_TRUE(volume->nameProblem(name)) << name;
+  EXPECT_EQ(volume->pathKey("/A/b//c"), "/A/b//c");
+}
+
 TEST(CoreObject, TemporaryFoldersLieBelowTheCacheFolderAndGoAtTheEnd) {
   namespace fs = std::filesystem;
   bool isGone = false;

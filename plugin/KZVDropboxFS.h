@@ -74,6 +74,11 @@ class KZVDropboxFS final : public FSPlugin {
   std::shared_ptr<NSURL> tmpFolderUrl() const override { return tmpFolderUrl_.get(); }
   void setTmpFolderUrl(std::shared_ptr<NSURL> url) override { tmpFolderUrl_.set(std::move(url)); }
 
+  // --- Names (fsops/KZVDropboxFS_names.cpp)
+
+  std::optional<NameProblem> nameProblem(std::string_view name) const override;
+  std::string nameKey(std::string_view name) const override;
+
   // --- Listing and attributes (fsops/KZVDropboxFS_listing.cpp)
 
   bool isSeekable() const override { return false; }

@@ -60,6 +60,60 @@ TEST_F(BrowseTest, SecondListingAsksTheServiceNothing) {
   EXPECT_EQ(standIn.requests(), (std::map<std::string, int>()));
 }
 
+TEST_F(BrowseTest, NamesAreJudgedAsTheServiceDoes) {
+  const auto times = [](std::size_t count, const char* text) {
+    std::string name;
+    for (std::size_t i = 0; i < count; ++i) name += text;
+    return name;
+  };
+  using Kind = NameProblem::Kind;
+  struct Case {
+    std::string name;
+    std::optional<Kind> problem;
+    std::string sameAs = {};  // has this one's key
+  };
+  const Case cases[] = {
+      {"a.txt", {}},
+      {"A.TXT", {}, "a.txt"},
+      {"caf\u00e9", {}},
+      {"CAFE\u0301", {}, "caf\u00e9"},
+      {"ΟΔΟΣ", {}},
+      {"οδοσ", {}, "ΟΔΟΣ"},
+      {"οδος", {}},
+      {"<:|?*>", {}},
+      {"._x", {}},
+      {"~x", {}},
+      {"x.tmp", {}},
+      {times(255, "e\u0301"), {}},
+      {times(127, "\U0001f600"), {}},
+      {times(256, "n"), Kind::tooLong},
+      {times(128, "\U0001f600"), Kind::tooLong},
+      {"a\\b", Kind::malformed},
+      {"a\tb", Kind::malformed},
+      {"a\x7f", Kind::malformed},
+      {"a ", Kind::malformed},
+      {"Desktop.INI", Kind::reserved},
+      {"Icon\r", Kind::reserved},
+      {".dropbox.cache", Kind::reserved},
+      {"~$letter.docx", Kind::reserved},
+      {".~lock.x#", Kind::reserved},
+      {"~WRL0002.TMP", Kind::reserved},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto problem = ada->nameProblem(c.name);
+    EXPECT_EQ(problem ? std::optional(problem->kind) : std::nullopt, c.problem);
+    const std::size_t before = standIn.tree().size();
+    const bool isStored = bounded([&] { return ada->createDirectoryAtPath("/" + c.name, nullptr, nullptr); });
+    EXPECT_EQ(isStored, !c.problem.has_value());
+    const bool isNew = isStored && c.sameAs.empty();
+    EXPECT_EQ(standIn.tree().size(), before + (isNew ? 1 : 0));
+    if (!c.sameAs.empty()) {
+      EXPECT_EQ(ada->pathKey("/x/" + c.name), ada->pathKey("/X/" + c.sameAs));
+    }
+  }
+}
+
 TEST_F(BrowseTest, AListingCostsItsPagesItsRecordAndTheFirstCursor) {
   standIn.makeTree("/big", 0, 10000);
   standIn.forgetRequests();

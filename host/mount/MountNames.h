@@ -2,19 +2,22 @@
 #include <string>
 #include <string_view>
 
-/// What a mounted volume makes of names. Any thread, none blocks.
+#include "core/FSPlugin.h"
+
+/// What a mount makes of names. Any thread, none blocks.
 
 enum class NameKind {
-  remote,      // an item of the account
-  localOnly,   // a lock or swap file that a program leaves beside its document: it stays on this machine
-  tooLong,     // more than the service keeps
-  notAllowed,  // no service name: control characters, a backslash, a space at the end, no UTF-8
+  remote,      // an item of the volume
+  localOnly,   // a file that stays on this machine
+  tooLong,     // more than the volume keeps
+  notAllowed,  // no name for the volume
 };
-NameKind kindOfName(std::string_view name);
+/// Local are the names that the volume reserves for system and temporary files, and those of the files that
+/// editors keep beside a document only while it is open: ".NAME.swp" (swo, swn, swx, swpx) of Vim,
+/// ".NAME.kate-swp" of Kate, ".goutputstream-…" of GNOME. Sending them would cost an upload for each save and
+/// show other devices files that mean nothing there.
+NameKind kindOfName(const FSPlugin& volume, std::string_view name);
 
-/// Two names of one folder mean the same item when their keys are equal: lower case, composed.
-std::string keyOfName(std::string_view name);
-
-/// The name under which what a rename replaces waits until the rename is done; not longer than the service
-/// keeps.
-std::string setAsideName(std::string_view name, std::string_view unique);
+/// The name under which an item that a rename replaces is kept until the rename is done: `name` with
+/// `unique`, shortened to what the volume keeps.
+std::string setAsideName(const FSPlugin& volume, std::string_view name, std::string_view unique);

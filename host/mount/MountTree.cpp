@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "foundation/Fatal.h"
-#include "host/mount/MountNames.h"
 
 namespace {
 
@@ -25,7 +24,8 @@ void collect(MountNode& node, const Matches& matches, std::vector<MountNodeRef>&
 
 }  // namespace
 
-MountTree::MountTree() : root_(std::make_shared<MountNode>(rootId, true)) {
+MountTree::MountTree(KeyOf keyOf)
+    : keyOf_(std::move(keyOf)), root_(std::make_shared<MountNode>(rootId, true)) {
   root_->inside = std::make_unique<MountNode::Inside>();
   root_->isRemote = true;
   root_->lookups = 1;  // the kernel never lets go of it
@@ -38,7 +38,7 @@ MountNodeRef MountTree::find(NodeId number) const {
 }
 
 MountNodeRef MountTree::child(const MountNode& folder, const std::string& name) const {
-  const auto found = folder.inside->children.find(keyOfName(name));
+  const auto found = folder.inside->children.find(keyOf_(name));
   return found == folder.inside->children.end() ? nullptr : found->second;
 }
 
@@ -51,7 +51,7 @@ MountNodeRef MountTree::make(bool isFolder) {
 void MountTree::add(MountNode& folder, const MountNodeRef& node, std::string name) {
   node->parent = &folder;
   node->name = std::move(name);
-  if (!folder.inside->children.emplace(keyOfName(node->name), node).second)
+  if (!folder.inside->children.emplace(keyOf_(node->name), node).second)
     fatalInvariant("a folder has one item of a name");
   ++folder.inside->changes;
 }
@@ -59,14 +59,14 @@ void MountTree::add(MountNode& folder, const MountNodeRef& node, std::string nam
 void MountTree::remove(const MountNodeRef& node) {
   if (!node->parent) return;
   auto& inside = *node->parent->inside;
-  inside.children.erase(keyOfName(node->name));
+  inside.children.erase(keyOf_(node->name));
   ++inside.changes;
   detach(*node);
 }
 
 void MountTree::move(const MountNodeRef& node, MountNode& folder, std::string name) {
   auto& before = *node->parent->inside;
-  before.children.erase(keyOfName(node->name));
+  before.children.erase(keyOf_(node->name));
   ++before.changes;
   add(folder, node, std::move(name));
 }
@@ -98,8 +98,8 @@ std::string MountTree::pathOf(const MountNode& node) {
   return joined(node, [](const MountNode& each) { return each.name; });
 }
 
-std::string MountTree::keyPathOf(const MountNode& node) {
-  return joined(node, [](const MountNode& each) { return keyOfName(each.name); });
+std::string MountTree::keyPathOf(const MountNode& node) const {
+  return joined(node, [this](const MountNode& each) { return keyOf_(each.name); });
 }
 
 void MountTree::addLookup(const MountNodeRef& node) {

@@ -1,8 +1,10 @@
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -50,7 +52,9 @@ class MountTree {
  public:
   static constexpr NodeId rootId = 1;
 
-  MountTree();
+  /// The key of a name, as FSPlugin::nameKey.
+  using KeyOf = std::function<std::string(std::string_view)>;
+  explicit MountTree(KeyOf keyOf);
 
   const MountNodeRef& root() const noexcept { return root_; }
   /// Null for a number that was never given to the kernel, or has been taken back.
@@ -73,7 +77,7 @@ class MountTree {
   bool holds(const MountNode& node) const;
   /// "/a/b" with the names as they are shown; with their keys.
   static std::string pathOf(const MountNode& node);
-  static std::string keyPathOf(const MountNode& node);
+  std::string keyPathOf(const MountNode& node) const;
 
   /// The kernel was told of the node once more; forgets `count` of these.
   void addLookup(const MountNodeRef& node);
@@ -82,6 +86,7 @@ class MountTree {
  private:
   static void detach(MountNode& node);
 
+  const KeyOf keyOf_;
   const MountNodeRef root_;
   NodeId lastId_ = rootId;
   std::unordered_map<NodeId, MountNodeRef> known_;  // to the kernel

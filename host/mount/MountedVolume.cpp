@@ -7,7 +7,6 @@
 #include "foundation/NSThread.h"
 #include "foundation/Paths.h"
 #include "host/mount/MountErrors.h"
-#include "host/mount/MountNames.h"
 #include "host/mount/MountedVolume_private.h"
 
 using namespace std::chrono_literals;
@@ -18,6 +17,7 @@ MountedVolume::MountedVolume(std::shared_ptr<FSPlugin> volume, std::shared_ptr<U
       journal_(std::move(journal)),
       kernel_(kernel),
       makeLink_(std::move(makeLink)),
+      tree_([this](std::string_view name) { return volume_->nameKey(name); }),
       inbox_(std::make_shared<Inbox>()) {}
 
 MountedVolume::~MountedVolume() {
@@ -79,12 +79,12 @@ std::optional<MountedVolume::HeldPath> MountedVolume::holdPath(const MountNodeRe
     {
       const std::lock_guard lock(treeMutex_);
       if (!tree_.holds(*node)) return std::nullopt;
-      key = MountTree::keyPathOf(*node);
+      key = tree_.keyPathOf(*node);
     }
     held.hold = paths_.hold({{key, PathLocks::Kind::item}});
     const std::lock_guard lock(treeMutex_);
     if (!tree_.holds(*node)) return std::nullopt;
-    if (MountTree::keyPathOf(*node) != key) continue;  // it was moved while this waited
+    if (tree_.keyPathOf(*node) != key) continue;  // it was moved while this waited
     held.path = MountTree::pathOf(*node);
     held.isRemote = node->isRemote;
     return held;
@@ -174,7 +174,7 @@ void MountedVolume::showFolder(const std::string& path) {
 /// Sends what an earlier process left where no folder shows it: deleted meanwhile, or something is in the
 /// way.
 int MountedVolume::sendLeft(const UploadJournal::Upload& left) {
-  const PathLocks::Hold hold = paths_.hold({{keyOfPath(left.path), PathLocks::Kind::item}});
+  const PathLocks::Hold hold = paths_.hold({{volume_->pathKey(left.path), PathLocks::Kind::item}});
   const std::string data = journal_->dataPath(left.id);
   const auto source = NSURL::fileURLWithPath(data);
   std::optional<StoredFile> stored;
@@ -206,7 +206,7 @@ void MountedVolume::refreshSoon(const std::string& path) {
 
 /// Tells the person when a file is kept under another name than the one it was saved as.
 void MountedVolume::noteElsewhere(const std::string& path, const StoredFile& stored) {
-  if (keyOfPath(stored.path) == keyOfPath(path)) return;
+  if (volume_->pathKey(stored.path) == volume_->pathKey(path)) return;
   NSLog(
       NSLogLevel::warning, "mount",
       path + " was changed elsewhere meanwhile; this machine's version is kept beside it as " + stored.path);

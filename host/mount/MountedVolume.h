@@ -58,7 +58,7 @@ struct OpenFile {
 /// A volume as a tree of numbered nodes with the operations that a kernel asks for: everything about a
 /// mounted account but the kernel's own protocol. Talks to the account through FSPlugin and nothing else.
 ///
-/// Names are case-preserving and case-insensitive. A file is sent when its last writer closes it; until the
+/// Names are the same where the volume says so. A file is sent when its last writer closes it; until the
 /// service has it, it is in the journal, from which it is sent again, in this process or the next. What
 /// another device changed is never overwritten: the service keeps both. Folders that were shown are watched,
 /// and listed anew when they change.
@@ -235,7 +235,7 @@ class MountedVolume {
   int sendLeft(const UploadJournal::Upload& left);
   void sendWaiting();
   bool sendOne(const Waiting& waiting);
-  static void noteElsewhere(const std::string& path, const StoredFile& stored);
+  void noteElsewhere(const std::string& path, const StoredFile& stored);
   void refreshSoon(const std::string& path);
   void recoverRenames();
 

@@ -9,8 +9,8 @@
 
 namespace {
 
-int errorOfName(const std::string& name) {
-  switch (kindOfName(name)) {
+int errorOf(NameKind kind) {
+  switch (kind) {
     case NameKind::tooLong:
       return ENAMETOOLONG;
     case NameKind::notAllowed:
@@ -85,8 +85,9 @@ bool MountedVolume::isEmptyNow(const MountNodeRef& folder, const std::string& pa
 
 Answer<MountedVolume::Found> MountedVolume::makeFolder(NodeId folderId, const std::string& name,
                                                        const IsInterrupted& isInterrupted) {
-  if (const int reason = errorOfName(name)) return {{}, reason};
-  if (kindOfName(name) == NameKind::localOnly) return {{}, EINVAL};
+  const NameKind kind = kindOfName(*volume_, name);
+  if (const int reason = errorOf(kind)) return {{}, reason};
+  if (kind == NameKind::localOnly) return {{}, EINVAL};
   const auto folder = find(folderId);
   const auto child = childOf(folder, name, isInterrupted);
   if (child.error || child.value) return {{}, child.error ? child.error : EEXIST};
@@ -161,7 +162,7 @@ Answer<MountedVolume::Claimed> MountedVolume::claimSubtree(const MountNodeRef& n
     {
       const std::lock_guard lock(treeMutex_);
       if (!tree_.holds(*node)) return {{}, ENOENT};
-      key = MountTree::keyPathOf(*node);
+      key = tree_.keyPathOf(*node);
       content = node->content;
     }
     const FileContent::Wish wish(content);  // a sending in the background gives way
@@ -172,7 +173,7 @@ Answer<MountedVolume::Claimed> MountedVolume::claimSubtree(const MountNodeRef& n
     claimed.hold = *std::move(hold);
     const std::lock_guard lock(treeMutex_);
     if (!tree_.holds(*node)) return {{}, ENOENT};
-    if (MountTree::keyPathOf(*node) != key) continue;
+    if (tree_.keyPathOf(*node) != key) continue;
     claimed.path = MountTree::pathOf(*node);
     claimed.isRemote = node->isRemote;
     return {std::move(claimed), 0};
@@ -212,7 +213,8 @@ struct MountedVolume::RenamePlan {
 
 int MountedVolume::rename(NodeId fromFolderId, const std::string& fromName, NodeId toFolderId,
                           const std::string& toName, Target target, const IsInterrupted& isInterrupted) {
-  if (const int reason = errorOfName(toName)) return reason;
+  const NameKind toKind = kindOfName(*volume_, toName);
+  if (const int reason = errorOf(toKind)) return reason;
   const auto fromFolder = find(fromFolderId);
   RenamePlan plan;
   plan.toFolder = find(toFolderId);
@@ -231,7 +233,7 @@ int MountedVolume::rename(NodeId fromFolderId, const std::string& fromName, Node
     if (plan.target->isFolder && !isEmptyNow(plan.target, plan.toPath, isInterrupted, error)) return error;
   }
   const auto content = contentOf(plan.source);
-  const bool becomesLocal = kindOfName(toName) == NameKind::localOnly;
+  const bool becomesLocal = toKind == NameKind::localOnly;
   const bool wasLocal = content && content->isLocalOnly();
   // The account would lose it, and this machine would have it only for as long as the mount is there.
   if (becomesLocal && !wasLocal) return EINVAL;
@@ -259,8 +261,8 @@ int MountedVolume::claim(RenamePlan& plan, const IsInterrupted& isInterrupted) {
       const std::lock_guard lock(treeMutex_);
       if (!look()) return ENOENT;
       if (isAtOrBelow(*plan.toFolder, *plan.source)) return EINVAL;  // into itself
-      fromKey = keyOfPath(plan.fromPath);
-      toKey = keyOfPath(plan.toPath);
+      fromKey = volume_->pathKey(plan.fromPath);
+      toKey = volume_->pathKey(plan.toPath);
     }
     const FileContent::Wish wish(contentOf(plan.source));
     const FileContent::Wish targetWish(plan.target ? contentOf(plan.target) : nullptr);
@@ -270,7 +272,7 @@ int MountedVolume::claim(RenamePlan& plan, const IsInterrupted& isInterrupted) {
     plan.hold = *std::move(hold);
     const std::lock_guard lock(treeMutex_);
     if (!look()) return ENOENT;
-    if (keyOfPath(plan.fromPath) == fromKey && keyOfPath(plan.toPath) == toKey) return 0;
+    if (volume_->pathKey(plan.fromPath) == fromKey && volume_->pathKey(plan.toPath) == toKey) return 0;
     plan.hold = {};
   }
 }
@@ -308,9 +310,9 @@ int MountedVolume::renameRemote(RenamePlan& plan, const IsInterrupted& isInterru
   std::string aside;
   UploadJournal::Rename record;
   if (plan.isTargetRemote) {
-    aside =
-        appendingPathComponent(deletingLastPathComponent(plan.toPath),
-                               setAsideName(plan.targetName, KZVSupport::uniquePathComponent().substr(0, 8)));
+    aside = appendingPathComponent(
+        deletingLastPathComponent(plan.toPath),
+        setAsideName(*volume_, plan.targetName, KZVSupport::uniquePathComponent().substr(0, 8)));
     record = {journal_->newId(), plan.fromPath, plan.toPath, aside};
     if (const auto error = journal_->put(record)) return errnoOf(error);
     const std::string inTheWay =

@@ -150,7 +150,7 @@ int MountedVolume::fetch(const MountNodeRef& node, const std::shared_ptr<FileCon
 
 Answer<MountedVolume::Created> MountedVolume::create(NodeId folderId, const std::string& name, int flags,
                                                      const IsInterrupted& isInterrupted) {
-  const NameKind kind = kindOfName(name);
+  const NameKind kind = kindOfName(*volume_, name);
   if (kind == NameKind::notAllowed) return {{}, EINVAL};
   if (kind == NameKind::tooLong) return {{}, ENAMETOOLONG};
   const auto folder = find(folderId);
@@ -335,7 +335,7 @@ int MountedVolume::send(const MountNodeRef& node, const std::shared_ptr<FileCont
 void MountedVolume::noteStored(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
                                const std::string& path, const StoredFile& stored) {
   noteElsewhere(path, stored);
-  const bool isElsewhere = keyOfPath(stored.path) != keyOfPath(path);
+  const bool isElsewhere = volume_->pathKey(stored.path) != volume_->pathKey(path);
   // From what the volume has just been told: asks nobody.
   const auto attributes = isElsewhere ? nullptr : volume_->attributesAtPath(path, nullptr);
   const auto date = attributes ? as<NSDate>(attributes->objectForKey(NSFileModificationDate)) : nullptr;

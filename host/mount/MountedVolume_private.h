@@ -11,8 +11,6 @@
 
 /// "/a/b" as {"a", "b"}.
 std::vector<std::string> componentsOf(const std::string& path);
-/// The path with its names' keys.
-std::string keyOfPath(const std::string& path);
 /// Whether a file that is written, waits to be sent, or exists only here is at or below `node`, which a
 /// listing must then leave alone. Under the tree's lock.
 bool mustStay(MountNode& node);

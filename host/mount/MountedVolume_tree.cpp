@@ -46,8 +46,6 @@ std::vector<std::string> componentsOf(const std::string& path) {
   return names;
 }
 
-std::string keyOfPath(const std::string& path) { return keyOfName(path); }
-
 // --- Looking
 
 MountedVolume::Found MountedVolume::foundLocked(const MountNodeRef& node, const std::string& name) {
@@ -226,7 +224,7 @@ std::vector<MountNodeRef> MountedVolume::applyListing(MountNode& folder, const F
     std::string name = item->name();
     if (!isShowable(name)) continue;
     MountNodeRef node = tree_.child(folder, name);
-    if (!seen.insert(keyOfName(name)).second) continue;
+    if (!seen.insert(volume_->nameKey(name)).second) continue;
     if (node && node->isFolder != item->isDirectory()) {
       if (mustStay(*node)) continue;
       notices.entries.emplace_back(folder.id, node->name);
@@ -281,10 +279,10 @@ void MountedVolume::update(MountNode& node, const FSItem& item, Notices& notices
 
 /// What earlier processes could not send is shown where it belongs.
 void MountedVolume::adoptLeftUploads(MountNode& folder) {
-  const std::string key = MountTree::keyPathOf(folder);
+  const std::string key = tree_.keyPathOf(folder);
   const std::lock_guard lock(waitingMutex_);
   for (Waiting& waiting : waiting_) {
-    if (!waiting.left || keyOfPath(deletingLastPathComponent(waiting.left->path)) != key) continue;
+    if (!waiting.left || volume_->pathKey(deletingLastPathComponent(waiting.left->path)) != key) continue;
     const std::string name = lastPathComponent(waiting.left->path);
     MountNodeRef node = tree_.child(folder, name);
     if (node && (node->isFolder || node->content)) continue;  // sent by its path, all the same

@@ -1,7 +1,6 @@
 #include <CLI/CLI.hpp>
 
 #include "foundation/Paths.h"
-#include "foundation/Unicode.h"
 #include "host/Entry.h"
 #include "host/HostError.h"
 #include "host/verbs/Verbs.h"
@@ -35,9 +34,8 @@ class MvVerb final : public Verb {
 
  private:
   std::string targetFor(FSPlugin& volume, const std::string& from, const std::string& to) const {
-    // Paths that differ in letter case alone name the same item: that is a new spelling, not a move into
-    // itself.
-    const bool isRespelled = caselessKey(from) == caselessKey(to);
+    // Another spelling of the item's own path: a new name, not a move into itself.
+    const bool isRespelled = volume.pathKey(from) == volume.pathKey(to);
     const bool isInto = to == "/" || (!isRespelled && (to_.ends_with('/') || isFolder(volume, to)));
     return isInto ? appendingPathComponent(to, lastPathComponent(from)) : to;
   }
