@@ -232,6 +232,9 @@ TEST_F(ShellTest, SeveralAccountsAreToldAndOneCanBeSelected) {
   Program program(Program::OnTerminal{}, {"shell"}, onTerminal("u1=Ada,u2=Bob B"));
   ASSERT_TRUE(program.waitForNext("Several accounts are linked"));
   ASSERT_TRUE(program.waitForNext("kzv> "));
+  program.type("accounts\n");  // waits until the accounts have names, which completion offers
+  ASSERT_TRUE(program.waitForNext("Bob B"));
+  ASSERT_TRUE(program.waitForNext("kzv> "));
   program.type("account Bo\t\n");
   ASSERT_TRUE(program.waitForNext("Bob B:/> "));
   program.type("unlink u2\n");

@@ -139,16 +139,7 @@ Dispatcher::Dispatcher(ServiceState& state) : state_(state) {
   if (state_.options.admin) addAdminRoutes(table_, state_);
 }
 
-void Dispatcher::stop() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  stopping_ = true;
-  stopped_.notify_all();
-}
-
-void Dispatcher::delay(std::int64_t milliseconds) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  stopped_.wait_for(lock, std::chrono::milliseconds(milliseconds), [this] { return stopping_; });
-}
+void Dispatcher::stop() { state_.faults.stop(); }
 
 void Dispatcher::handle(HttpRequest& request, HttpResponse& response) {
   std::uint64_t logNumber = 0;
@@ -367,7 +358,7 @@ void Dispatcher::withFaults(const std::string& name, RouteStyle style, HttpReque
     return;
   }
   FaultRun run(state_.faults, std::move(claim), style);
-  delay(run.begin());
+  run.begin();
   run.watch(request);
   if (auto answer = run.answerInstead()) {
     response = std::move(*answer);

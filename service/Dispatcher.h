@@ -1,8 +1,6 @@
 #pragma once
 
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "service/Routes.h"
@@ -37,13 +35,9 @@ class Dispatcher {
   void applyPathRoot(Call& call);
   void withFaults(const std::string& name, RouteStyle style, HttpRequest& request, HttpResponse& response,
                   const std::function<void()>& work);
-  void delay(std::int64_t milliseconds);
 
   ServiceState& state_;
   RouteTable table_;
-  std::mutex mutex_;
-  std::condition_variable stopped_;
-  bool stopping_ = false;  // guarded by mutex_
 };
 
 }  // namespace kzv::service

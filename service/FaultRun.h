@@ -19,8 +19,8 @@ class FaultRun {
   FaultRun(Faults& faults, Faults::Claim claim, RouteStyle style)
       : faults_(faults), claim_(std::move(claim)), style_(style) {}
 
-  /// How long to wait before anything else. A rule that only delays has happened with this.
-  std::int64_t begin();
+  /// Blocks for the ordered delay, before anything else. A rule that only delays has happened with this.
+  void begin();
   /// Watches the body while the endpoint reads it, to cut or spoil it. Undone by unwatch().
   void watch(HttpRequest& request);
   void unwatch(HttpRequest& request);
@@ -41,6 +41,7 @@ class FaultRun {
   Faults::Claim claim_;
   RouteStyle style_;
   bool cut_ = false;
+  bool isDelayCutShort_ = false;
   bool flipped_ = false;
   decltype(HttpRequest::readBody) readOn_;
   std::shared_ptr<std::atomic<bool>> counted_ = std::make_shared<std::atomic<bool>>(false);

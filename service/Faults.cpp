@@ -1,5 +1,6 @@
 #include "service/Faults.h"
 
+#include <chrono>
 #include <utility>
 
 namespace kzv::service {
@@ -30,6 +31,20 @@ std::int64_t Faults::add(FaultOrder order) {
 void Faults::clear() {
   const std::lock_guard<std::mutex> lock(mutex_);
   rules_.clear();
+  ++cleared_;
+  ended_.notify_all();
+}
+
+void Faults::stop() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  stopping_ = true;
+  ended_.notify_all();
+}
+
+bool Faults::delay(const Claim& claim) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return !ended_.wait_for(lock, std::chrono::milliseconds(claim->order.delayMs),
+                          [this, before = cleared_] { return stopping_ || cleared_ != before; });
 }
 
 std::vector<Faults::Report> Faults::report() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -52,7 +53,10 @@ class Faults {
 
   /// @return the rule's number.
   std::int64_t add(FaultOrder order);
+  /// Removes all rules and ends the delays in progress, whose requests are then refused (delay()).
   void clear();
+  /// Ends delays, now and in future.
+  void stop();
   std::vector<Report> report() const;
 
   /// The rule for this request, if one is due: the first in order of their making.
@@ -60,9 +64,14 @@ class Faults {
   static const FaultOrder& order(const Claim& claim);
   /// To be called when the failure takes place, before the client can notice; counts once per claim.
   void hit(const Claim& claim);
+  /// Blocks for the rule's delay, at most until clear() or stop(). False when one of these ended it.
+  bool delay(const Claim& claim);
 
  private:
   mutable std::mutex mutex_;
+  std::condition_variable ended_;             // notified when cleared_ or stopping_ changes
+  std::uint64_t cleared_ = 0;                 // guarded by mutex_: how often clear() was called
+  bool stopping_ = false;                     // guarded by mutex_
   std::int64_t lastId_ = 0;                   // guarded by mutex_
   std::vector<std::shared_ptr<Rule>> rules_;  // guarded by mutex_
 };

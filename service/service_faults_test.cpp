@@ -131,6 +131,17 @@ TEST_F(OrderedFaults, StallHoldsTheAnswerUntilTheClientGoes) {
   EXPECT_EQ(get().status, 200);
 }
 
+TEST_F(OrderedFaults, ADelayEndsWithItsRule) {
+  order(R"([{"route":"files/download","delay_ms":600000}])");
+  auto waiting = std::async(std::launch::async, [this] { return get(); });
+  while (service_.faultHits() != Hits{1}) std::this_thread::yield();
+  service_.admin("DELETE", "faults");
+  const bool ended = waiting.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  service_.service().stop();  // else the test would hang here
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(waiting.get().status, 503) << "not carried out";
+}
+
 TEST_F(OrderedFaults, DelaysHoldUpNobodyElse) {
   order(R"([{"route":"files/download","times":100,"delay_ms":600000}])");
   std::vector<std::future<Answer>> waiting;

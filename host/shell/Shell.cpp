@@ -209,6 +209,9 @@ std::vector<CompletionName> Shell::namesFor(ArgumentKind kind, const std::string
   std::vector<CompletionName> names;
   if (kind == ArgumentKind::localPath) return namesInLocalFolder(folder);
   if (kind == ArgumentKind::account) {
+    // Labels come from the service; right after the start they may still be on their way.
+    if (const auto ids = context_.session.linkedIds(); !ids.empty())
+      context_.session.waitForName(ids.front(), std::chrono::seconds(2));
     for (const std::string& accountId : context_.session.linkedIds()) {
       names.push_back({accountId});
       if (std::string label = context_.session.labelOf(accountId); label != accountId)
