@@ -61,12 +61,20 @@ class KZVDropboxFileManager final : public NSObject,
   /// Name, address and space of the account, asked for anew at each call. Blocks.
   std::shared_ptr<DBAccountInfo> accountInfo(NSErrorRef* error = nullptr);
 
-  /// Downloads a file to `local`, which is there only when it is whole.
+  /// Downloads the newest version of a file to `local`, which is there only when it is whole; its date is the
+  /// version's.
   /// @param progress  may be empty; runs on dropboxThread() with location 0..1000, length 1000, also every
   ///                  stopInterval while nothing moves; false stops. Not called any more after the return.
+  /// @param received  may be null; set on success to the record of the version that came. When that is
+  ///                  another one than `file`, the cache knows it, too.
   /// @return `local`, or null. A stop is CanceledByUserErrorDomain, code -1. Blocks.
-  std::shared_ptr<NSURL> loadFile(const DBMetadata& file, std::shared_ptr<NSURL> local,
-                                  ProgressCallback progress, NSErrorRef* error = nullptr);
+  std::shared_ptr<NSURL> loadFile(const DBMetadata& file, std::shared_ptr<NSURL> local, LocalAccess access,
+                                  ProgressCallback progress, NSErrorRef* error = nullptr,
+                                  MetadataRef* received = nullptr);
+  /// The same for the version `rev`, also after it was replaced, moved or deleted.
+  std::shared_ptr<NSURL> loadRevision(const std::string& rev, std::shared_ptr<NSURL> local,
+                                      LocalAccess access, ProgressCallback progress,
+                                      NSErrorRef* error = nullptr, MetadataRef* received = nullptr);
   /// Stores a preview picture of at most 1024x768 pixels at `localPath`. Blocks.
   bool loadThumb(const std::string& path, const std::string& localPath, NSErrorRef* error = nullptr);
   /// Uploads a local file: one request below 104857600 bytes, else chunks of the client layer's own size. A
@@ -107,7 +115,7 @@ class KZVDropboxFileManager final : public NSObject,
   void loadDeltaFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void loadedAccountInfo(DBRestClient& client, const std::shared_ptr<DBAccountInfo>& info) override;
   void loadAccountInfoFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
-  void loadedFile(DBRestClient& client, const std::string& localPath) override;
+  void loadedFile(DBRestClient& client, const std::string& localPath, const MetadataRef& metadata) override;
   void loadFileFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void loadProgress(DBRestClient& client, double fraction, const std::string& localPath) override;
   void loadedThumbnail(DBRestClient& client, const std::string& localPath,
@@ -195,6 +203,9 @@ class KZVDropboxFileManager final : public NSObject,
   std::optional<std::string> parentRevision(const std::string& path, const WriteBase& base,
                                             const ProgressCallback& progress, bool& isKnown,
                                             NSErrorRef* error);
+  MetadataRef download(const std::string& path, const NSURL& local, LocalAccess access,
+                       ProgressCallback progress, NSErrorRef* error);
+  void noteDownloaded(const DBMetadata& asked, const MetadataRef& received);
   void noteUploaded(const std::string& askedKey, const MetadataRef& record);
   /// Drops `path` with everything below it and the listing that holds it.
   void forget(const std::string& path);

@@ -24,6 +24,10 @@ inline const NSString& KZVDFMErrorCountKey() {  // NSNumber: failed chunks so fa
   static const auto& key = *new NSString("KZVDFMErrorCountKey");
   return key;
 }
+inline const NSString& KZVDFMDownloadKey() {  // what a download tells beside its result
+  static const auto& key = *new NSString("KZVDFMDownloadKey");
+  return key;
+}
 inline const NSString& KZVDFMUploadLocalPathKey() {  // text: the file that a chunked upload sends
   static const auto& key = *new NSString("KZVDFMUploadLocalPathKey");
   return key;

@@ -66,12 +66,12 @@ void KZVDropboxFS::dropOldCopy(const std::string& path, const std::string& key) 
 
 std::shared_ptr<NSURL> KZVDropboxFS::makeLocalCopy(const std::string& path, const std::string& key,
                                                    ProgressCallback progress, NSErrorRef* error) {
-  const auto record = requiredManager().metadata(path, progress, error);
+  auto record = requiredManager().metadata(path, progress, error);
   if (!record || record->isDeleted()) return nullptr;
   const std::string folder = requiredTemporaryFolder(error);
   if (folder.empty()) return nullptr;
   auto copy = record->isDirectory() ? copyFolder(path, folder, progress, error)
-                                    : copyFile(*record, path, folder, std::move(progress), error);
+                                    : copyFile(record, path, folder, std::move(progress), error);
   if (!copy) return nullptr;
   copiedRevisions_.update([&](auto& revisions) { revisions[key] = record->rev(); });
   cache().setUrl(copy, key);
@@ -81,9 +81,10 @@ std::shared_ptr<NSURL> KZVDropboxFS::makeLocalCopy(const std::string& path, cons
   return copy;
 }
 
-std::shared_ptr<NSURL> KZVDropboxFS::copyFile(const DBMetadata& record, const std::string& path,
-                                              const std::string& folder, ProgressCallback progress,
-                                              NSErrorRef* error) {
+/// @param record  what is known of the file; becomes the record of the version that came.
+std::shared_ptr<NSURL> KZVDropboxFS::copyFile(KZVDropboxFileManager::MetadataRef& record,
+                                              const std::string& path, const std::string& folder,
+                                              ProgressCallback progress, NSErrorRef* error) {
   if (!staysBelow(path)) {
     setError(error, NSError::posix(EINVAL, path));
     return nullptr;
@@ -92,9 +93,15 @@ std::shared_ptr<NSURL> KZVDropboxFS::copyFile(const DBMetadata& record, const st
   NSFileManager& files = NSFileManager::defaultManager();
   files.createDirectoryAtPath(deletingLastPathComponent(local->path()), true, error);
   files.removeItemAtURL(*local);
-  if (record.totalBytes() > 0)
-    return requiredManager().loadFile(record, std::move(local), std::move(progress), error);
-  return ::writeFile(local->path(), "", error) ? local : nullptr;  // an empty file needs no download
+  if (record->totalBytes() > 0) {
+    KZVDropboxFileManager::MetadataRef received = record;
+    auto copy = requiredManager().loadFile(*record, std::move(local), LocalAccess::ownerOnly,
+                                           std::move(progress), error, &received);
+    record = std::move(received);
+    return copy;
+  }
+  // An empty file needs no download.
+  return ::writeFileAtomically(local->path(), "", 0600, error) ? local : nullptr;
 }
 
 std::shared_ptr<NSURL> KZVDropboxFS::copyFolder(const std::string& path, const std::string& folder,

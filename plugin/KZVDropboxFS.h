@@ -163,7 +163,7 @@ class KZVDropboxFS final : public FSPlugin {
   void dropOldCopy(const std::string& path, const std::string& key);
   std::shared_ptr<NSURL> makeLocalCopy(const std::string& path, const std::string& key,
                                        ProgressCallback progress, NSErrorRef* error);
-  std::shared_ptr<NSURL> copyFile(const DBMetadata& record, const std::string& path,
+  std::shared_ptr<NSURL> copyFile(KZVDropboxFileManager::MetadataRef& record, const std::string& path,
                                   const std::string& folder, ProgressCallback progress, NSErrorRef* error);
   std::shared_ptr<NSURL> copyFolder(const std::string& path, const std::string& folder,
                                     const ProgressCallback& progress, NSErrorRef* error);

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "foundation/LocalAccess.h"
 #include "foundation/NSObject.h"
 #include "sdk/DBRestClientDelegate.h"
 #include "sdk/DBSession.h"
@@ -65,10 +66,15 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   /// user has not answered; with 403 when the user declined. What cannot succeed any more ends the sign-in.
   void loadAccessToken();
 
-  // Transfers: bodies are streamed from and to disk by the network thread, so memory stays flat. `loadFile`
-  // writes beside the target, checks the service's content hash, syncs and renames: a file is there whole or
-  // not at all.
-  void loadFile(const std::string& path, const std::string& intoPath);
+  // Transfers: bodies are streamed from and to disk by the network thread, so memory stays flat. What comes
+  // is written beside the target, compared with the size and the content hash that the service announces,
+  // synced and renamed: a file is there whole or not at all. A damaged one is fetched again, some times.
+
+  /// @param path    of the newest version; or "rev:REV", which names one version wherever it is now.
+  /// @param access  the local file's; its date is the version's.
+  void loadFile(const std::string& path, const std::string& intoPath,
+                LocalAccess access = LocalAccess::byUmask);
+  /// The picture's file is its owner's only.
   /// @param size  one of the names "xs", "s", "m", "l", "xl".
   void loadThumbnail(const std::string& path, const std::string& size, const std::string& intoPath);
   /// Below 150 MiB. With a revision: replaces it if it is still the newest, else is stored beside it;

@@ -42,7 +42,10 @@ class DBRestClientDelegate {
 
   // Transfers. Fractions go from 0 to 1; progress comes before the end, never after it. A progress callback
   // may cancel the client's requests.
-  virtual void loadedFile(DBRestClient& /*client*/, const std::string& /*localPath*/) {}
+  /// `metadata` is the record of the version that came, which may be newer than the one known before; never
+  /// null.
+  virtual void loadedFile(DBRestClient& /*client*/, const std::string& /*localPath*/,
+                          const MetadataRef& /*metadata*/) {}
   virtual void loadFileFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
   virtual void loadProgress(DBRestClient& /*client*/, double /*fraction*/, const std::string& /*localPath*/) {
   }

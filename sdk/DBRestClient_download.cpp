@@ -21,6 +21,17 @@ struct ThumbnailSize {
 constexpr ThumbnailSize thumbnailSizes[] = {
     {"xs", "w32h32"}, {"s", "w64h64"}, {"m", "w128h128"}, {"l", "w640h480"}, {"xl", "w1024h768"}};
 
+/// A preview of 1024x768 pixels takes some hundred KB as JPEG; what is larger than this is none.
+constexpr std::int64_t previewLimitBytes = 8 * 1024 * 1024;
+
+/// "rev:" and at least nine digits: one version of a file, wherever that is now.
+bool namesVersion(std::string_view path) {
+  constexpr std::string_view prefix = "rev:";
+  constexpr std::size_t fewestDigits = 9;
+  return path.starts_with(prefix) && path.size() >= prefix.size() + fewestDigits &&
+         path.find_first_not_of("0123456789abcdef", prefix.size()) == std::string_view::npos;
+}
+
 bool isAcceptableTarget(std::string_view path) {
   return path.starts_with('/') && !path.ends_with('/') && path.find('\0') == std::string_view::npos;
 }
@@ -30,12 +41,13 @@ bool isAcceptableTarget(std::string_view path) {
 class Download : public std::enable_shared_from_this<Download> {
  public:
   Download(std::shared_ptr<DBRestClient::Impl> client, const std::string& path, std::string intoPath,
-           std::string action)
+           LocalAccess access, std::string action)
       : client_(std::move(client)),
         operation_(client_->beginOperation()),
         about_{std::move(action), path},
-        path_(servicePath(path)),
-        intoPath_(std::move(intoPath)) {}
+        path_(namesVersion(path) ? path : servicePath(path)),
+        intoPath_(std::move(intoPath)),
+        access_(access) {}
   virtual ~Download() = default;
 
   void start() {
@@ -45,7 +57,13 @@ class Download : public std::enable_shared_from_this<Download> {
     }
     auto request = makeRequest();
     if (!request) return failLater(requestError(400, "there is no preview of this size", about_));
-    sink_ = std::make_shared<FileSink>(intoPath_, progress());
+    sink_ = std::make_shared<FileSink>(
+        intoPath_, access_, progress(),
+        [self = weak_from_this()](std::string_view result,
+                                  NSErrorRef* error) -> std::optional<AnnouncedBody> {
+          const auto download = self.lock();
+          return download ? download->readResult(result, error) : std::nullopt;
+        });
     operation_->afterCancel = [weak = std::weak_ptr(sink_)] {  // its file may be about to get its name
       if (const auto sink = weak.lock()) sink->withdraw();
     };
@@ -59,12 +77,16 @@ class Download : public std::enable_shared_from_this<Download> {
   virtual std::optional<ServiceRequest> makeRequest() const = 0;
   /// Progress reports, or nothing.
   virtual ProgressReceiver progress() { return {}; }
-  /// Reads what the answer says of the file; null when the content is as it should be.
-  virtual NSErrorRef check(const json::object* description, FileSink& sink) = 0;
+  /// Reads the record from the answer's description; null when it holds none.
+  virtual RecordReader::RecordRef recordFrom(const json::object& description) const = 0;
+  /// What body comes with that description.
+  virtual AnnouncedBody announcedBy(const json::object& description) const = 0;
   virtual void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) = 0;
   virtual void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) = 0;
 
+  /// Null where the path is no place.
   std::shared_ptr<const std::string> folderPath() const {
+    if (namesVersion(*path_)) return nullptr;
     return std::make_shared<const std::string>(deletingLastPathComponent(*path_));
   }
 
@@ -73,8 +95,22 @@ class Download : public std::enable_shared_from_this<Download> {
   const RequestDescription about_;
   const std::optional<std::string> path_;
   const std::string intoPath_;
+  const LocalAccess access_;
+  /// Of what came. Written on the network thread before the answer is handed over.
+  RecordReader::RecordRef record_;
 
  private:
+  /// Whatever answers without a record (the sign-in page of a public network, for one) is not the service.
+  std::optional<AnnouncedBody> readResult(std::string_view result, NSErrorRef* error) {
+    const auto description = Document::parse(result);
+    record_ = description ? recordFrom(description->root()) : nullptr;
+    const bool isAnswer = record_ && (!namesVersion(*path_) || *path_ == "rev:" + record_->rev());
+    if (isAnswer) return announcedBy(description->root());
+    setError(error,
+             requestError(DBErrorInvalidResponse, "the answer does not say which file it brings", about_));
+    return std::nullopt;
+  }
+
   void failLater(const NSErrorRef& error) {
     client_->performLater(operation_, [self = shared_from_this(), error] { self->fail({{}, error, {}}); });
   }
@@ -82,15 +118,11 @@ class Download : public std::enable_shared_from_this<Download> {
   void received(ServiceAnswer& answer) {
     if (sink_->failure()) answer.error = sink_->failure();
     if (answer.error) return fail(answer);
-    const auto description = Document::parse(answer.response.apiResult);
-    if (const NSErrorRef error = check(description ? &description->root() : nullptr, *sink_)) {
-      return fail({{}, error, {}});
-    }
     // Syncing may take long, and neither the callbacks' thread nor the network may wait for the disk.
     DispatchQueue::global().async([self = shared_from_this()] {
       if (self->operation_->cancelled) return;
       NSErrorRef error;
-      self->sink_->keep(&error);
+      self->sink_->keep(self->record_->lastModifiedDate(), &error);
       self->client_->performLater(self->operation_, [self, error] { self->kept(error); });
     });
   }
@@ -113,8 +145,9 @@ class Download : public std::enable_shared_from_this<Download> {
 
 class FileDownload final : public Download {
  public:
-  FileDownload(std::shared_ptr<DBRestClient::Impl> client, const std::string& path, std::string intoPath)
-      : Download(std::move(client), path, std::move(intoPath), "download") {}
+  FileDownload(std::shared_ptr<DBRestClient::Impl> client, const std::string& path, std::string intoPath,
+               LocalAccess access)
+      : Download(std::move(client), path, std::move(intoPath), access, "download") {}
 
  private:
   std::optional<ServiceRequest> makeRequest() const override {
@@ -131,17 +164,17 @@ class FileDownload final : public Download {
                             });
   }
 
-  NSErrorRef check(const json::object* description, FileSink& sink) override {
-    if (!description) return nullptr;  // libcurl has compared the number of bytes
-    const auto hash = servicejson::text(*description, "content_hash");
-    const auto size = servicejson::integer(*description, "size");
-    const bool isWhole = (!size || *size == sink.receivedBytes()) && (!hash || *hash == sink.contentHash());
-    if (isWhole) return nullptr;
-    return requestError(DBErrorInvalidResponse, "the content was damaged on its way", about_);
+  RecordReader::RecordRef recordFrom(const json::object& description) const override {
+    return RecordReader().record(description, folderPath(), RecordReader::Kind::file);
+  }
+
+  AnnouncedBody announcedBy(const json::object& description) const override {
+    return {record_->totalBytes(), true,
+            std::string(servicejson::text(description, "content_hash").value_or(""))};
   }
 
   void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) override {
-    delegate.loadedFile(client, intoPath_);
+    delegate.loadedFile(client, intoPath_, record_);
   }
   void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
     delegate.loadFileFailedWithError(client, error);
@@ -152,7 +185,8 @@ class ThumbnailDownload final : public Download {
  public:
   ThumbnailDownload(std::shared_ptr<DBRestClient::Impl> client, const std::string& path,
                     std::string_view size, std::string intoPath)
-      : Download(std::move(client), path, std::move(intoPath), "load the preview of"), size_(size) {}
+      : Download(std::move(client), path, std::move(intoPath), LocalAccess::ownerOnly, "load the preview of"),
+        size_(size) {}
 
  private:
   std::optional<ServiceRequest> makeRequest() const override {
@@ -166,10 +200,13 @@ class ThumbnailDownload final : public Download {
         about_);
   }
 
-  NSErrorRef check(const json::object* description, FileSink&) override {
-    const json::object* file = description ? servicejson::object(*description, "file_metadata") : nullptr;
-    if (file) record_ = RecordReader().record(*file, folderPath(), RecordReader::Kind::file);
-    return nullptr;
+  RecordReader::RecordRef recordFrom(const json::object& description) const override {
+    const json::object* file = servicejson::object(description, "file_metadata");
+    return file ? RecordReader().record(*file, folderPath(), RecordReader::Kind::file) : nullptr;
+  }
+
+  AnnouncedBody announcedBy(const json::object& /*description*/) const override {
+    return {previewLimitBytes, false};
   }
 
   void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) override {
@@ -180,13 +217,12 @@ class ThumbnailDownload final : public Download {
   }
 
   const std::string size_;
-  RecordReader::RecordRef record_;
 };
 
 }  // namespace
 
-void DBRestClient::loadFile(const std::string& path, const std::string& intoPath) {
-  std::make_shared<FileDownload>(impl_, path, intoPath)->start();
+void DBRestClient::loadFile(const std::string& path, const std::string& intoPath, LocalAccess access) {
+  std::make_shared<FileDownload>(impl_, path, intoPath, access)->start();
 }
 
 void DBRestClient::loadThumbnail(const std::string& path, const std::string& size,

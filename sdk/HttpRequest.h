@@ -24,10 +24,14 @@ class BodySource {
 class BodySink {
  public:
   virtual ~BodySink() = default;
-  /// An answer begins, also when a request is repeated: what was written before is void. `sizeBytes` is
-  /// missing when the service does not tell.
-  virtual bool begin(std::optional<std::int64_t> sizeBytes) = 0;
+  /// An answer begins, also when a request is repeated: what was written before is void.
+  /// @param result     what the service says of the body (its header Dropbox-API-Result); may be empty.
+  /// @param sizeBytes  the body's length by HTTP; missing when it is not told.
+  virtual bool begin(std::string_view result, std::optional<std::int64_t> sizeBytes) = 0;
   virtual bool write(std::string_view bytes) = 0;
+  /// After the last byte, or after one of the above has said false: whether the body is another one than
+  /// the service announced. Another try may then bring the right one.
+  virtual bool isDamaged() = 0;
 };
 
 struct HttpRequest {
@@ -47,6 +51,7 @@ struct HttpResponse {
   std::string requestId;                          // X-Dropbox-Request-Id
   std::string apiResult;                          // Dropbox-API-Result
   std::optional<std::int64_t> retryAfterSeconds;  // Retry-After
+  bool isDamaged = false;                         // as the sink says
 
-  bool isSuccess() const noexcept { return curlCode == 0 && status >= 200 && status < 300; }
+  bool isSuccess() const noexcept { return curlCode == 0 && !isDamaged && status >= 200 && status < 300; }
 };

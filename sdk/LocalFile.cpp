@@ -71,8 +71,12 @@ ProgressReceiver progressReceiver(std::shared_ptr<NSRunLoop> runLoop, std::funct
   return [meter](std::int64_t done, std::int64_t total) { meter->reached(done, total); };
 }
 
-FileSink::FileSink(std::string target, ProgressReceiver progress)
-    : target_(std::move(target)), progress_(std::move(progress)) {}
+FileSink::FileSink(std::string target, LocalAccess access, ProgressReceiver progress,
+                   AnnouncementReader announcement)
+    : target_(std::move(target)),
+      access_(access),
+      progress_(std::move(progress)),
+      announcement_(std::move(announcement)) {}
 
 FileSink::~FileSink() {
   if (descriptor_ >= 0) ::close(descriptor_);
@@ -86,29 +90,35 @@ bool FileSink::fail(int errnoValue) {
 
 bool FileSink::open() {
   const std::string folder = deletingLastPathComponent(target_);
+  const mode_t mode = access_ == LocalAccess::ownerOnly ? 0600 : 0666;
   do {
     temporary_ = appendingPathComponent(folder, randomName());
-    // An ordinary file with the user's own mode: it becomes one when it is whole.
-    descriptor_ = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+    descriptor_ = ::open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, mode);
   } while (descriptor_ < 0 && errno == EEXIST);
   if (descriptor_ >= 0) return true;
   temporary_.clear();
   return fail(errno);
 }
 
-bool FileSink::begin(std::optional<std::int64_t> sizeBytes) {
+bool FileSink::begin(std::string_view result, std::optional<std::int64_t> sizeBytes) {
+  auto announced = announcement_(result, &failure_);
+  if (!announced) return false;
+  announced_ = std::move(*announced);
+  isOtherLength_ = sizeBytes && announced_.isExact && *sizeBytes != announced_.sizeBytes;
+  if (isOtherLength_) return false;
   if (descriptor_ < 0) {
     if (!open()) return false;
   } else if (::ftruncate(descriptor_, 0) != 0 || ::lseek(descriptor_, 0, SEEK_SET) != 0) {
     return fail(errno);
   }
-  expectedBytes_ = sizeBytes;
   receivedBytes_ = 0;
   hash_ = ContentHash();
   return true;
 }
 
 bool FileSink::write(std::string_view bytes) {
+  isOtherLength_ = static_cast<std::int64_t>(bytes.size()) > announced_.sizeBytes - receivedBytes_;
+  if (isOtherLength_) return false;
   for (std::string_view rest = bytes; !rest.empty();) {
     const ssize_t count = ::write(descriptor_, rest.data(), rest.size());
     if (count < 0 && errno == EINTR) continue;
@@ -117,11 +127,28 @@ bool FileSink::write(std::string_view bytes) {
   }
   hash_.update(bytes);
   receivedBytes_ += static_cast<std::int64_t>(bytes.size());
-  if (progress_ && expectedBytes_) progress_(receivedBytes_, *expectedBytes_);
+  if (progress_ && announced_.isExact) progress_(receivedBytes_, announced_.sizeBytes);
   return true;
 }
 
-bool FileSink::keep(NSErrorRef* error) {
+bool FileSink::isDamaged() {
+  if (failure_) return false;
+  isOtherLength_ |= announced_.isExact && receivedBytes_ != announced_.sizeBytes;
+  if (isOtherLength_ || announced_.contentHash.empty()) return isOtherLength_;
+  return ContentHash(hash_).finish() != announced_.contentHash;
+}
+
+/// A disk that cannot keep the date still keeps the bytes.
+void FileSink::setModified(NSDate::Time modified) const {
+  const auto whole = std::chrono::floor<std::chrono::seconds>(modified);
+  const timespec time{whole.time_since_epoch().count(),
+                      std::chrono::duration_cast<std::chrono::nanoseconds>(modified - whole).count()};
+  const timespec times[2]{time, time};
+  ::futimens(descriptor_, times);
+}
+
+bool FileSink::keep(std::optional<NSDate::Time> modified, NSErrorRef* error) {
+  if (modified && descriptor_ >= 0) setModified(*modified);
   const bool isDurable = descriptor_ >= 0 && ::fsync(descriptor_) == 0;
   const bool isClosed = descriptor_ >= 0 && ::close(std::exchange(descriptor_, -1)) == 0;
   if (!isDurable || !isClosed || !takeName()) {

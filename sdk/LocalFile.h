@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 
+#include "foundation/LocalAccess.h"
 #include "foundation/NSDate.h"
 #include "foundation/NSError.h"
 #include "foundation/NSRunLoop.h"
@@ -20,24 +21,34 @@ using ProgressReceiver = std::function<void(std::int64_t, std::int64_t)>;
 /// always the last one.
 ProgressReceiver progressReceiver(std::shared_ptr<NSRunLoop> runLoop, std::function<void(double)> report);
 
+/// What the service says of a body before it comes.
+struct AnnouncedBody {
+  std::int64_t sizeBytes = 0;  // its length, or the greatest one that is accepted
+  bool isExact = false;        // which of the two
+  std::string contentHash{};   // empty: not told
+};
+/// Reads an answer's result header. Nothing, with the error, when the answer cannot be the service's: then
+/// not a byte of it is taken. Network thread.
+using AnnouncementReader =
+    std::function<std::optional<AnnouncedBody>(std::string_view result, NSErrorRef* error)>;
+
 /// Receives a body into a file that appears under its name only when it is whole: the bytes go to a temporary
-/// name beside it, which goes away again unless keep() succeeds.
+/// name beside it, which goes away again unless keep() succeeds. Never takes more bytes than were announced.
 class FileSink final : public BodySink {
  public:
   /// @param target  an absolute path that names a file; its folder has to exist.
-  FileSink(std::string target, ProgressReceiver progress);
+  FileSink(std::string target, LocalAccess access, ProgressReceiver progress,
+           AnnouncementReader announcement);
   ~FileSink() override;
-  bool begin(std::optional<std::int64_t> sizeBytes) override;
+  bool begin(std::string_view result, std::optional<std::int64_t> sizeBytes) override;
   bool write(std::string_view bytes) override;
+  bool isDamaged() override;
 
   /// Why begin or write failed; null if they did not.
   const NSErrorRef& failure() const noexcept { return failure_; }
-  std::int64_t receivedBytes() const noexcept { return receivedBytes_; }
-  /// The content hash of what has been received. Ends the hash.
-  std::string contentHash() { return hash_.finish(); }
-  /// Makes the file durable and gives it its name, replacing what was there. Blocks for the disk; call after
-  /// the transfer has ended.
-  bool keep(NSErrorRef* error);
+  /// Makes the file durable and gives it its modification date, if there is one, and its name, replacing what
+  /// was there. Blocks for the disk; call after the transfer has ended.
+  bool keep(std::optional<NSDate::Time> modified, NSErrorRef* error);
   /// The file is not wanted any more: keep(), which may be under way, leaves none. Any thread.
   void withdraw();
 
@@ -45,12 +56,16 @@ class FileSink final : public BodySink {
   bool takeName();
   bool open();
   bool fail(int errnoValue);
+  void setModified(NSDate::Time modified) const;
 
   const std::string target_;
+  const LocalAccess access_;
   const ProgressReceiver progress_;
+  const AnnouncementReader announcement_;
   std::string temporary_;
   int descriptor_ = -1;
-  std::optional<std::int64_t> expectedBytes_;
+  AnnouncedBody announced_;
+  bool isOtherLength_ = false;  // than was announced
   std::int64_t receivedBytes_ = 0;
   ContentHash hash_;
   NSErrorRef failure_;

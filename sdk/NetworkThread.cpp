@@ -75,7 +75,8 @@ bool beginSink(HttpTransfer& transfer) {
   curl_off_t length = -1;
   curl_easy_getinfo(transfer.easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
   transfer.bodyBegun = true;
-  return transfer.request.sink->begin(length < 0 ? std::nullopt : std::optional<std::int64_t>(length));
+  return transfer.request.sink->begin(transfer.response.apiResult,
+                                      length < 0 ? std::nullopt : std::optional<std::int64_t>(length));
 }
 
 std::size_t receiveBody(char* bytes, std::size_t, std::size_t size, void* context) {
@@ -352,6 +353,9 @@ void NetworkThread::Loop::finish(CURL* easy, CURLcode outcome) {
       !beginSink(*transfer)) {
     transfer->response.curlCode = CURLE_WRITE_ERROR;  // an empty body is a body, too
   }
+  // A body that was cut is no damaged one: the transport's own error says more.
+  const bool hasEnded = outcome == CURLE_OK || outcome == CURLE_WRITE_ERROR;
+  if (hasEnded && transfer->bodyBegun) transfer->response.isDamaged = transfer->request.sink->isDamaged();
   const std::shared_ptr<HttpTransfer> keep = active_.at(transfer);
   remove(*transfer);
   runGuarded([&] { keep->done(keep->response); });

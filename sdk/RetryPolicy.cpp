@@ -31,6 +31,10 @@ bool passesByItself(long status) {
 
 std::optional<milliseconds> RetryPolicy::waitBeforeRepeating(const HttpResponse& response, double jitter) {
   if (tries_ >= maxTries) return std::nullopt;
+  if (response.isDamaged) {
+    ++tries_;
+    return waitAfterDamage;
+  }
   if (response.curlCode != CURLE_OK) return wasCut(response.curlCode) ? shortWait(jitter) : std::nullopt;
   if ((response.status == 429 || response.status == 503) && response.retryAfterSeconds) {
     return waitAsTold(seconds(*response.retryAfterSeconds));

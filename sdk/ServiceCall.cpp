@@ -112,7 +112,9 @@ void ServiceCall::received(HttpResponse& response) {
     return;
   }
   if (repairAuthorization(response) || repeatLater(response)) return;
-  answer_.error = errorFromResponse(response, request_.about);
+  answer_.error = response.isDamaged ? requestError(DBErrorInvalidResponse,
+                                                    "the content was damaged on its way", request_.about)
+                                     : errorFromResponse(response, request_.about);
   answer_.mayHaveBeenCarriedOut = mayHaveBeenCarriedOut(response);
   answer_.response = std::move(response);
   finish();

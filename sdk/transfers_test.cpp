@@ -76,6 +76,7 @@ TEST_F(Transfers, DownloadAppearsWholeOrNotAtAll) {
   const std::string content = "the content of a file", other = "the content of a FILE";
   ScriptedReply cut = download(content, content);
   cut.cutAfter = 5;
+  const ScriptedReply nothing{200, content, {"Dropbox-API-Result: {\"size\":21}"}};
   struct Case {
     const char* name;
     ScriptedReply reply;
@@ -86,7 +87,9 @@ TEST_F(Transfers, DownloadAppearsWholeOrNotAtAll) {
   const Case cases[] = {
       {"as promised", download(content, content), done, content},
       {"empty", download("", ""), done, ""},
-      {"without a description", {200, content, {}}, done, content},
+      {"without a description", {200, content, {}}, "error 101", "old"},
+      {"empty, without a description", {200, "", {}}, "error 101", "old"},
+      {"with a description of something else", nothing, "error 101", "old"},
       {"other bytes than promised", download(other, content), "error 101", "old"},
       {"fewer bytes than promised", download("the", content), "error 101", "old"},
       {"cut in the middle", cut, "error -18", "old"},
@@ -106,6 +109,71 @@ TEST_F(Transfers, DownloadAppearsWholeOrNotAtAll) {
     EXPECT_EQ(filesThere(), 1);
   }
   EXPECT_EQ(server->requests().front().headers.at("dropbox-api-arg"), R"({"path":"/a/P.jpg"})");
+}
+
+TEST_F(Transfers, DamagedDownloadIsMadeAgainSomeTimes) {
+  const std::string content = "the content of a file", other = "the content of a FILE";
+  struct Case {
+    const char* name;
+    int damagedTimes;
+    std::string damaged;
+    std::string outcome;
+    std::string found;
+  };
+  const std::string done = "file " + local("target");
+  const Case cases[] = {{"once", 1, other, done, content},
+                        {"four times", 4, other, done, content},
+                        {"shorter", 1, "the", done, content},
+                        {"longer", 1, content + "s", done, content},
+                        {"every time", 100, other, "error 101", "old"}};
+  std::atomic<const Case*> current{nullptr};
+  std::atomic<int> times{0};
+  const auto serving = serve([&](const ScriptedRequest&) {
+    return download(times++ < current.load()->damagedTimes ? current.load()->damaged : content, content);
+  });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::ofstream(local("target")) << "old";
+    current = &c;
+    times = 0;
+    EXPECT_EQ(loadFile(), c.outcome);
+    EXPECT_EQ(readAll(local("target")), c.found);
+    EXPECT_EQ(times, std::min(c.damagedTimes + 1, 5));
+  }
+}
+
+TEST_F(Transfers, BodyEndsAtTheSizeThatWasAnnounced) {
+  ScriptedReply endless = download(std::string(64 * 1024, 'x'), "12345");
+  endless.isEndless = true;
+  ScriptedReply preview = endless;
+  preview.headers = {R"(Dropbox-API-Result: {"file_metadata":)" + storedJson("/a/P.jpg", "12345") + "}"};
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    return request.route == "/2/files/download" ? endless : preview;
+  });
+  EXPECT_EQ(loadFile(), "error 101");
+  EXPECT_EQ(outcome([&](DBRestClient& own) { own.loadThumbnail("/a/P.jpg", "xl", local("t")); }),
+            "error 101");
+  EXPECT_LT(server->endlessBytes(), 128U * 1024 * 1024) << "more than what waits in the sockets";
+}
+
+TEST_F(Transfers, DownloadTellsWhichVersionCameAndTakesItsDate) {
+  const std::string rev = "015f00aa11bb2cc";
+  const auto serving = serve([&](const ScriptedRequest&) { return download("abc", "abc"); });
+  const auto load = [&](const std::string& path) {
+    return outcome([&](DBRestClient& own) { own.loadFile(path, local("t"), LocalAccess::ownerOnly); });
+  };
+  for (const std::string& path : {std::string("/a/P.jpg"), "rev:" + rev}) {
+    EXPECT_EQ(load(path), "file " + local("t"));
+    EXPECT_EQ(delegate.lastMetadata()->rev(), rev);
+    EXPECT_EQ(delegate.lastMetadata()->path(), "/a/P.jpg");
+    struct stat status {};
+    ASSERT_EQ(::stat(local("t").c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777U, 0600U);
+    EXPECT_EQ(NSDate::Time(std::chrono::seconds(status.st_mtim.tv_sec)),
+              delegate.lastMetadata()->lastModifiedDate());
+  }
+  EXPECT_EQ(load("rev:0123456789"), "error 101") << "another version than was asked for";
+  EXPECT_EQ(load("rev:../etc"), "error 400");
 }
 
 TEST_F(Transfers, CutDownloadIsMadeAgainFromTheStart) {
@@ -134,10 +202,11 @@ TEST_F(Transfers, StoppedDownloadCallsNobodyAndLeavesNothing) {
   EXPECT_EQ(delegate.notes().size(), 1U);
   // A stop while the whole file is about to get its name, or just has it.
   for (const bool isEarly : {true, false}) {
-    FileSink sink(local("late"), nullptr);
-    ASSERT_TRUE(sink.begin(3) && sink.write("abc"));
+    const auto announced = [](std::string_view, NSErrorRef*) { return AnnouncedBody{3, true}; };
+    FileSink sink(local("late"), LocalAccess::byUmask, nullptr, announced);
+    ASSERT_TRUE(sink.begin("", 3) && sink.write("abc"));
     if (isEarly) sink.withdraw();
-    EXPECT_EQ(sink.keep(nullptr), !isEarly);
+    EXPECT_EQ(sink.keep(std::nullopt, nullptr), !isEarly);
     if (!isEarly) sink.withdraw();
     EXPECT_FALSE(std::filesystem::exists(local("late")));
   }

@@ -84,16 +84,18 @@ TEST_F(ServicesTest, OnlyPicturesHavePreviewsAndBrokenOnesDoNoHarm) {
   const Answer answers[] = {
       {"P6 1 1 255\nabc", true},          {"no picture", false},   {"P6 60000 60000 255\nabc", false},
       {"P6 1 999999999999 255\n", false}, {"P6 0 0 255\n", false}, {"GIF89a\x7f\x7f\x7f\x7f", false}};
-  int number = 0;
   for (const Answer& answer : answers) {  // the service may send anything
-    const std::string path = "/picture" + std::to_string(++number) + ".png";
-    storePicture(path);
-    standIn.fault(
-        {{"route", "files/get_thumbnail_v2"}, {"times", 1}, {"status", 200}, {"body", answer.body}});
-    EXPECT_EQ(preview(path) != nullptr, answer.isPicture) << answer.body;
-    EXPECT_EQ(standIn.faultHits(), 1);
-    standIn.clearFaults();
+    const std::string path = home.path() + "/answer";
+    ASSERT_TRUE(writeFile(path, answer.body));
+    EXPECT_EQ(NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(path)) != nullptr, answer.isPicture)
+        << answer.body;
   }
+  storePicture("/picture.png");
+  standIn.fault(
+      {{"route", "files/get_thumbnail_v2"}, {"times", 1}, {"status", 200}, {"body", "<html>Sign in</html>"}});
+  EXPECT_EQ(preview("/picture.png"), nullptr) << "an answer of somebody else";
+  standIn.clearFaults();
+  EXPECT_NE(preview("/picture.png"), nullptr) << "what came before was kept";
 }
 
 TEST_F(ServicesTest, IconsComeFromTheBundle) {

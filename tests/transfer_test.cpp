@@ -502,6 +502,28 @@ TEST_F(TransferTest, ManyUploadsIntoAListedFolderAskForNoRevisions) {
   EXPECT_EQ(names("/many").size(), 60U);
 }
 
+TEST_F(TransferTest, ADownloadMayBringANewerVersionThanTheOneKnown) {
+  standIn.write("/Docs/Report.txt", "first");
+  settle(*ada);
+  ASSERT_EQ(names("/Docs").size(), 1U);
+  const auto before = ada->revisionAtPath("/Docs/Report.txt");
+  standIn.write("/Docs/Report.txt", "the second");
+  const auto copy = get("/Docs/Report.txt");
+  ASSERT_NE(copy, nullptr);
+  EXPECT_EQ(fs::file_size(copy->path()), 10U);
+  const auto revision = ada->revisionAtPath("/Docs/Report.txt");
+  EXPECT_NE(revision, before) << "the bytes are the second version's";
+  EXPECT_EQ(listedTree(*ada).at("/Docs/Report.txt"), 10);
+  ASSERT_TRUE(revision);
+  const auto stored = bounded([&] {
+    return ada->storeFile(*makeFile("third", 3), "/Docs/Report.txt", {WriteBase::Kind::revision, *revision},
+                          nullptr, nullptr);
+  });
+  ASSERT_TRUE(stored);
+  EXPECT_EQ(stored->path, "/Docs/Report.txt") << "nobody else has changed it since";
+  ada->releaseFileUrl(*copy);
+}
+
 TEST_F(TransferTest, LocalCopiesAreSharedAndStayInsideTheirFolder) {
   standIn.write("/Docs/Report.txt", "12345");
   standIn.write("/Docs/empty", "");

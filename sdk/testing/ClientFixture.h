@@ -44,7 +44,9 @@ class NotingDelegate : public DBRestClientDelegate, public DBSessionDelegate {
   void restClientReceivedAuthorization(Client&) override { note("answer came"); }
   void restClientLoadedAccessToken(Client&, const Text& userId) override { note("linked " + userId); }
   void loadAccessTokenFailedWithError(Client&, const Error& error) override { noteError(error); }
-  void loadedFile(Client&, const Text& localPath) override { note("file " + localPath); }
+  void loadedFile(Client&, const Text& localPath, const MetadataRef& m) override {
+    noteRecord("file " + localPath, m);
+  }
   void loadFileFailedWithError(Client&, const Error& error) override { noteError(error); }
   void loadProgress(Client& client, double part, const Text&) override { noteProgress(client, part); }
   void loadedThumbnail(Client&, const Text& localPath, const MetadataRef& m) override {

@@ -124,13 +124,30 @@ bool ScriptedServer::reply(int connection, const ScriptedRequest& request) {
   }
   if (reply.cutBeforeAnswer) return false;
   if (reply.stall) return true;  // the next recv waits until the client or the server's end breaks it off
-  std::string head = "HTTP/1.1 " + std::to_string(reply.status) +
-                     " Scripted\r\nContent-Length: " + std::to_string(reply.body.size()) +
-                     "\r\nX-Dropbox-Request-Id: scripted\r\n";
+  std::string head =
+      "HTTP/1.1 " + std::to_string(reply.status) + " Scripted\r\nX-Dropbox-Request-Id: scripted\r\n";
+  if (!reply.isEndless) head += "Content-Length: " + std::to_string(reply.body.size()) + "\r\n";
   for (const std::string& header : reply.headers) head += header + "\r\n";
+  if (reply.isEndless) {
+    if (sendAll(connection, head + "\r\n")) sendEndlessly(connection, reply.body);
+    return false;
+  }
   const std::string_view body =
       std::string_view(reply.body).substr(0, reply.cutAfter.value_or(std::string::npos));
   return sendAll(connection, head + "\r\n") && sendAll(connection, body) && !reply.cutAfter;
+}
+
+void ScriptedServer::sendEndlessly(int connection, const std::string& body) {
+  constexpr std::size_t limit = 256UL * 1024 * 1024;
+  for (std::size_t sent = 0; sent < limit && sendAll(connection, body); sent += body.size()) {
+    const std::lock_guard lock(mutex_);
+    endlessBytes_ += body.size();
+  }
+}
+
+std::size_t ScriptedServer::endlessBytes() const {
+  const std::lock_guard lock(mutex_);
+  return endlessBytes_;
 }
 
 int ScriptedServer::count(const std::string& route) const {

@@ -24,7 +24,8 @@ struct ScriptedReply {
   std::vector<std::string> headers{};     // "Name: value"
   std::optional<std::size_t> cutAfter{};  // send so many bytes of the body, then break the connection
   bool cutBeforeAnswer = false;
-  bool stall = false;  // never answer
+  bool stall = false;      // never answer
+  bool isEndless = false;  // tell no length, and send the body again and again (256 MiB at most)
 };
 
 /// An HTTP server on the loopback interface that answers as a test tells it to, and misbehaves on request.
@@ -39,6 +40,8 @@ class ScriptedServer {
   /// How many requests of this route have come in.
   int count(const std::string& route) const;
   std::vector<ScriptedRequest> requests() const;
+  /// Bytes of endless bodies that went out.
+  std::size_t endlessBytes() const;
   /// False when fewer than `number` requests of the route have come within some seconds.
   bool waitForRequests(const std::string& route, int number) const;
   /// Until no connection is open, at most some seconds: how a client's abort is seen from here.
@@ -48,6 +51,7 @@ class ScriptedServer {
   void acceptConnections();
   void serve(int connection);
   bool reply(int connection, const ScriptedRequest& request);
+  void sendEndlessly(int connection, const std::string& body);
 
   const Handler handler_;
   int listener_ = -1;
@@ -57,6 +61,7 @@ class ScriptedServer {
   mutable std::condition_variable changed_;
   bool stopped_ = false;                        // guarded by mutex_
   std::vector<ScriptedRequest> requests_;       // guarded by mutex_
+  std::size_t endlessBytes_ = 0;                // guarded by mutex_
   std::set<int> connections_;                   // guarded by mutex_
   std::vector<std::thread> connectionThreads_;  // guarded by mutex_
   std::thread acceptThread_;
