@@ -5,6 +5,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "foundation/NSDate.h"
 #include "foundation/NSObject.h"
@@ -32,6 +33,13 @@ class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem
   void setSize(std::uint64_t bytes) noexcept { size_ = bytes; }
   bool isDirectory() const noexcept { return isDirectory_; }
   void setIsDirectory(bool isDirectory) noexcept { isDirectory_ = isDirectory; }
+  /// The version of a file's bytes: opaque, another one after each change of them. Empty for folders, and
+  /// where the volume has no versions. Compare for equality only; dates and sizes do not tell versions apart.
+  const std::string& version() const noexcept { return version_; }
+  void setVersion(std::string version) { version_ = std::move(version); }
+  /// Opaque, the same after a move, a rename or a change; empty where the volume does not know.
+  const std::string& id() const noexcept { return id_; }
+  void setId(std::string itemId) { id_ = std::move(itemId); }
   const std::optional<NSDate::Time>& modificationDate() const noexcept { return modificationDate_; }
   void setModificationDate(std::optional<NSDate::Time> date) noexcept { modificationDate_ = date; }
 
@@ -49,6 +57,8 @@ class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem
  private:
   const std::string path_;
   const std::shared_ptr<FSPlugin> fs_;
+  std::string version_;
+  std::string id_;
   std::uint64_t size_ = 0;
   std::optional<NSDate::Time> modificationDate_;
   bool isDirectory_ = false;

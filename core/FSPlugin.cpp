@@ -2,6 +2,10 @@
 
 #include <cerrno>
 
+#include "foundation/NSDate.h"
+#include "foundation/NSFileManager.h"
+#include "foundation/NSNumber.h"
+#include "foundation/NSString.h"
 #include "foundation/Unicode.h"
 
 FSPlugin::~FSPlugin() = default;
@@ -45,6 +49,41 @@ std::shared_ptr<NSURL> FSPlugin::requestFileUrl(const std::string& path, Progres
 }
 
 void FSPlugin::releaseFileUrl(const NSURL& /*url*/) {}
+
+std::shared_ptr<FSItem> FSPlugin::itemAtPath(const std::string& path, NSErrorRef* error) {
+  const auto attributes = attributesAtPath(path, error);
+  if (!attributes) return nullptr;
+  auto item = std::make_shared<FSItem>(path, shared_from_this());
+  const id type = attributes->objectForKey(NSFileType);
+  const std::string* typeText = textOf(type);
+  item->setIsDirectory(typeText && *typeText == NSFileTypeDirectory);
+  const auto size = as<NSNumber>(attributes->objectForKey(NSFileSize));
+  if (size && !item->isDirectory() && size->int64Value() > 0)
+    item->setSize(static_cast<std::uint64_t>(size->int64Value()));
+  if (const auto date = as<NSDate>(attributes->objectForKey(NSFileModificationDate)))
+    item->setModificationDate(date->time());
+  item->setVersion(revisionAtPath(path).value_or(""));
+  return item;
+}
+
+std::shared_ptr<FSReader> FSPlugin::openReader(const std::string& path, const std::string& version,
+                                               ProgressCallback progress, NSErrorRef* error) {
+  const auto isOther = [&] {
+    const auto present = version.empty() ? std::nullopt : revisionAtPath(path);
+    if (!present || *present == version) return false;
+    setError(error, fsError(FSErrorCode::conflict, "\"" + path + "\" has been replaced."));
+    return true;
+  };
+  if (isOther()) return nullptr;
+  auto copy = requestFileUrl(path, std::move(progress), error);
+  if (!copy) return nullptr;
+  if (isOther()) {
+    releaseFileUrl(*copy);
+    return nullptr;
+  }
+  return LocalCopyReader::open(shared_from_this(), std::move(copy),
+                               version.empty() ? revisionAtPath(path).value_or("") : version, error);
+}
 
 bool FSPlugin::writeFile(const NSURL& /*source*/, const std::string& path, ProgressCallback /*progress*/,
                          NSErrorRef* error) {

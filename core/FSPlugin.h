@@ -5,7 +5,9 @@
 #include <string_view>
 #include <vector>
 
+#include "core/FSError.h"
 #include "core/FSItem.h"
+#include "core/FSReader.h"
 #include "core/ProgressCallback.h"
 #include "core/WriteBase.h"
 #include "foundation/NSArray.h"
@@ -32,8 +34,9 @@ struct NameProblem {
 ///
 /// Threads: every operation may be called from any host thread, several at once, but never from the main
 /// thread's run loop callbacks or a progress callback; they block until the answer is known. Errors: `error`
-/// may be null and is written only on failure. An absent result without an error is failure too: the item
-/// does not exist, or the account is no longer there.
+/// may be null and is written only on failure; fsErrorCode (core/FSError.h) says what it means, whatever the
+/// volume. An absent result without an error is failure too: the item does not exist, or the account is no
+/// longer there.
 class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> {
  public:
   ~FSPlugin() override;
@@ -67,6 +70,9 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   virtual bool isWritable(const std::string& path) = 0;
   /// NSFileSize, NSFileType and, where there is one, NSFileModificationDate.
   virtual std::shared_ptr<NSDictionary> attributesAtPath(const std::string& path, NSErrorRef* error) = 0;
+  /// The item at `path` with everything that a listing would tell of it, its version and id included. A
+  /// volume that has neither keeps this default, which asks attributesAtPath.
+  virtual std::shared_ptr<FSItem> itemAtPath(const std::string& path, NSErrorRef* error);
   /// The items of a folder; with `recursive` those below it too, each folder followed by its own items.
   /// Nothing on failure, also when only one sub-folder failed.
   virtual std::optional<FSItems> contentAtPath(const std::string& path, bool recursive, bool showHidden,
@@ -78,6 +84,15 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   virtual std::shared_ptr<NSURL> requestFileUrl(const std::string& path, ProgressCallback progress,
                                                 NSErrorRef* error);
   virtual void releaseFileUrl(const NSURL& url);
+  /// Opens one version of a file for reading by ranges, which goes on to work when the file is replaced,
+  /// moved or deleted. May block until bytes have come.
+  /// @param path      where the file is, or was when `version` was the newest.
+  /// @param version   as FSItem::version; empty: the newest, which the reader's version() tells.
+  /// @param progress  as for requestFileUrl; false stops the opening.
+  /// @return null on failure. A volume that keeps this default opens a local copy of what is there now, and
+  /// fails with `conflict` when that is known to be another version than the one named.
+  virtual std::shared_ptr<FSReader> openReader(const std::string& path, const std::string& version,
+                                               ProgressCallback progress, NSErrorRef* error);
   /// Stores a local file under the remote path `path`. True once the file system has it.
   virtual bool writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
                          NSErrorRef* error);

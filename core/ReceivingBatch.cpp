@@ -6,8 +6,6 @@
 
 #include "core/LocalCopy.h"
 #include "foundation/NSFileManager.h"
-#include "foundation/NSNumber.h"
-#include "foundation/NSString.h"
 #include "foundation/Paths.h"
 
 namespace {
@@ -31,18 +29,8 @@ int makeFolder(const std::string& path, bool mayBeLink) {
 std::shared_ptr<FSItem> described(const CopyBatch& batch, const std::shared_ptr<FSItem>& item,
                                   NSErrorRef* error) {
   if (!item->fs()) return nullptr;
-  const auto attributes = batch.unlessStopped(
-      [item](NSErrorRef* reason) { return item->fs()->attributesAtPath(item->path(), reason); }, error);
-  if (!attributes) return nullptr;
-  auto full = std::make_shared<FSItem>(item->path(), item->fs());
-  const std::string* type = textOf(attributes->objectForKey(NSFileType));
-  full->setIsDirectory(type && *type == NSFileTypeDirectory);
-  const auto size = as<NSNumber>(attributes->objectForKey(NSFileSize));
-  if (size && !full->isDirectory() && size->int64Value() > 0)
-    full->setSize(static_cast<std::uint64_t>(size->int64Value()));
-  if (const auto date = as<NSDate>(attributes->objectForKey(NSFileModificationDate)))
-    full->setModificationDate(date->time());
-  return full;
+  return batch.unlessStopped(
+      [item](NSErrorRef* reason) { return item->fs()->itemAtPath(item->path(), reason); }, error);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <span>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -319,6 +320,34 @@ TEST_F(LocalFSTest, WithoutAnObserverTheFirstFailureEndsTheBatch) {
   ASSERT_TRUE(error_);
   EXPECT_EQ(error_->domain(), "TestDomain") << "what the failure stopped counts as stopped by the person";
   EXPECT_LE(treeAt(disk_ / "to").size(), copiesAtOnce) << "the rest was copied although the whole had failed";
+}
+
+TEST_F(LocalFSTest, AVolumeWithoutVersionsIsReadByRangesAllTheSame) {
+  const auto volume = std::make_shared<MemoryVolume>(tree("/d/ /d/f=0123456789"));
+  const auto item = volume->itemAtPath("/d/f", &error_);
+  ASSERT_TRUE(item);
+  EXPECT_EQ(item->size(), 10U);
+  EXPECT_EQ(item->modificationDate(), someTime);
+  EXPECT_TRUE(item->version().empty());
+  EXPECT_TRUE(volume->itemAtPath("/d", &error_)->isDirectory());
+  EXPECT_FALSE(volume->itemAtPath("/none", &error_));
+  {
+    const auto reader = volume->openReader("/d/f", "", nullptr, &error_);
+    ASSERT_TRUE(reader);
+    EXPECT_EQ(reader->size(), 10U);
+    std::string buffer(6, '-');
+    const auto bytes = std::as_writable_bytes(std::span(buffer));
+    EXPECT_EQ(reader->read(2, bytes, nullptr, &error_), 6U);
+    EXPECT_EQ(buffer, "234567");
+    EXPECT_EQ(reader->read(8, bytes, nullptr, &error_), 2U);
+    EXPECT_EQ(buffer, "894567");
+    EXPECT_EQ(reader->read(10, bytes, nullptr, &error_), 0U);
+    EXPECT_FALSE(reader->read(
+        0, bytes, [] { return false; }, &error_));
+    EXPECT_EQ(fsErrorCode(error_), FSErrorCode::stopped);
+    EXPECT_EQ(volume->held(), 1U);
+  }
+  EXPECT_EQ(volume->held(), 0U) << "the copy was not handed back";
 }
 
 TEST_F(LocalFSTest, AMissingItemIsAnErrorThatSaysSo) {

@@ -1,4 +1,5 @@
 #include "foundation/Fatal.h"
+#include "fsops/ServiceErrors.h"
 #include "plugin/KZVDropboxFS.h"
 #include "plugin/KZVDropboxFSGlobals.h"
 #include "support/KZVDropboxFSSupport.h"
@@ -7,7 +8,7 @@ std::optional<std::string> KZVDropboxFS::dropboxPublic(const std::string& path, 
   const auto desktopUser = KZVDropboxFSDesktopUserID().get();
   if (!desktopUser) return std::nullopt;
   const auto manager = KZVDropboxFileManager::initWithUserId(*desktopUser);
-  auto link = manager->publicLink(path, error);
+  auto link = manager->publicLink(path, ServiceErrors(error));
   KZVDropboxFSSupport::performBlockInBackgroundAndWait(
       [&] { manager->mainClient->cancelAllRequests(); },
       *required(KZVDropboxFileManager::dropboxThread(), "the service thread runs"));

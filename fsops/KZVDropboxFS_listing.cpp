@@ -6,6 +6,7 @@
 #include "foundation/NSString.h"
 #include "foundation/Paths.h"
 #include "foundation/Unicode.h"
+#include "fsops/ServiceErrors.h"
 #include "plugin/KZVDropboxFS.h"
 
 namespace {
@@ -46,9 +47,15 @@ bool KZVDropboxFS::isWritable(const std::string& path) { return isExists(path); 
 
 std::shared_ptr<NSDictionary> KZVDropboxFS::attributesAtPath(const std::string& path, NSErrorRef* error) {
   if (lastPathComponent(path) == "..") return attributesAtPath(deletingLastPathComponent(path), error);
-  const MetadataRef record = requiredManager().metadata(path, error);
+  const MetadataRef record = requiredManager().metadata(path, ServiceErrors(error));
   if (!record || record->isDeleted()) return nullptr;
   return attributesOf(*record);
+}
+
+std::shared_ptr<FSItem> KZVDropboxFS::itemAtPath(const std::string& path, NSErrorRef* error) {
+  if (lastPathComponent(path) == "..") return itemAtPath(deletingLastPathComponent(path), error);
+  const MetadataRef record = requiredManager().metadata(path, ServiceErrors(error));
+  return record && !record->isDeleted() ? itemFor(*record) : nullptr;
 }
 
 // showHidden hides nothing, on purpose: the service knows no hidden items, and a name that begins with a dot
@@ -64,7 +71,7 @@ bool KZVDropboxFS::appendContent(const std::string& path, bool recursive, bool s
                                  FSItems& items) {
   KZVDropboxFileManager& manager = requiredManager();
   manager.loadDelta();
-  const MetadataRef folder = manager.metadata(path, error);
+  const MetadataRef folder = manager.metadata(path, ServiceErrors(error));
   if (!folder || folder->isDeleted() || !folder->isDirectory()) return false;
   const auto contents = required(folder->contents(), "a listed folder carries its contents");
   enterListing(folder);
@@ -113,5 +120,7 @@ std::shared_ptr<FSItem> KZVDropboxFS::itemFor(const DBMetadata& record) {
   item->setSize(static_cast<std::uint64_t>(record.totalBytes()));
   item->setIsDirectory(record.isDirectory());
   item->setModificationDate(record.lastModifiedDate());
+  item->setVersion(record.rev());
+  item->setId(record.itemId());
   return item;
 }

@@ -3,12 +3,13 @@
 #include "foundation/NSFileManager.h"
 #include "foundation/NSString.h"
 #include "foundation/Paths.h"
+#include "fsops/ServiceErrors.h"
 #include "plugin/KZVDropboxFS.h"
 #include "plugin/ThumbnailCache.h"
 
 std::shared_ptr<NSImage> KZVDropboxFS::icon(const std::string& path, NSErrorRef* error) {
   if (path == "/") return NSImage::imageNamed("dropboxcontextmenu");
-  const auto record = requiredManager().metadata(path, error);
+  const auto record = requiredManager().metadata(path, ServiceErrors(error));
   return record ? NSImage::imageNamed(std::string(record->icon()) + "48") : nullptr;
 }
 
@@ -16,7 +17,7 @@ std::shared_ptr<NSImage> KZVDropboxFS::preview(const std::string& path, NSErrorR
   const std::string key = MetadataCache::keyOf(path);
   while (true) {
     cachedThumbs_->waitWhileFetching(key);
-    const auto record = requiredManager().metadata(path, error);
+    const auto record = requiredManager().metadata(path, ServiceErrors(error));
     if (!record) {
       cachedThumbs_->remove(key);
       return nullptr;
@@ -45,5 +46,5 @@ std::shared_ptr<NSURL> KZVDropboxFS::fetchPreview(const std::string& path, NSErr
     return nullptr;
   }
   NSFileManager::defaultManager().createDirectoryAtPath(deletingLastPathComponent(localPath), true, error);
-  return requiredManager().loadThumb(path, localPath, error) ? url : nullptr;
+  return requiredManager().loadThumb(path, localPath, ServiceErrors(error)) ? url : nullptr;
 }

@@ -6,6 +6,7 @@
 #include "core/StoppableCall.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/Paths.h"
+#include "fsops/ServiceErrors.h"
 #include "plugin/KZVDropboxFS.h"
 
 namespace {
@@ -42,7 +43,7 @@ std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, Pro
   }
   if (auto held = cache().urlForKey(key)) return held;
   NSErrorRef reason;
-  auto copy = makeLocalCopy(path, key, std::move(progress), &reason);
+  auto copy = makeLocalCopy(path, key, std::move(progress), ServiceErrors(&reason));
   if (copy) return copy;
   cache().invalidate(key);
   if (!reason) reason = temporaryFileError();
@@ -140,14 +141,16 @@ void KZVDropboxFS::releaseFileUrl(const NSURL& url) {
 bool KZVDropboxFS::writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
                              NSErrorRef* error) {
   cache().invalidate(path);
-  return requiredManager().uploadFile(source, path, {}, std::move(progress), error) != nullptr;
+  return requiredManager().uploadFile(source, path, {}, std::move(progress),
+                                      ServiceErrors(error, ServiceErrors::Operation::upload)) != nullptr;
 }
 
 std::optional<StoredFile> KZVDropboxFS::storeFile(const NSURL& source, const std::string& path,
                                                   const WriteBase& base, ProgressCallback progress,
                                                   NSErrorRef* error) {
   cache().invalidate(path);
-  const auto record = requiredManager().uploadFile(source, path, base, std::move(progress), error);
+  const auto record = requiredManager().uploadFile(source, path, base, std::move(progress),
+                                                   ServiceErrors(error, ServiceErrors::Operation::upload));
   if (!record) return std::nullopt;
   return StoredFile{record->path(), record->rev()};
 }

@@ -3,18 +3,19 @@
 // is reported.
 #include "foundation/NSFileManager.h"
 #include "foundation/NSString.h"
+#include "fsops/ServiceErrors.h"
 #include "plugin/KZVDropboxFS.h"
 
 bool KZVDropboxFS::removeItemAtPath(const std::string& path, NSErrorRef* error) {
   cache().invalidate(path);
-  return requiredManager().deletePath(path, error);
+  return requiredManager().deletePath(path, ServiceErrors(error));
 }
 
 bool KZVDropboxFS::moveFromPath(const std::string& path, const std::string& to,
                                 const std::shared_ptr<NSDictionary>& /*attributes*/,
                                 ProgressCallback /*progress*/, NSErrorRef* error) {
   cache().invalidate(path);
-  return requiredManager().moveFrom(path, to, error);
+  return requiredManager().moveFrom(path, to, ServiceErrors(error));
 }
 
 bool KZVDropboxFS::createDirectoryAtPath(const std::string& path,
@@ -24,6 +25,6 @@ bool KZVDropboxFS::createDirectoryAtPath(const std::string& path,
     const id type = present->objectForKey(NSFileType);
     if (const std::string* text = textOf(type); text && *text == NSFileTypeDirectory) return true;
   }
-  return requiredManager().createFolder(path,
-                                        error);  // the service decides whether a file in the way blocks it
+  // The service decides whether a file in the way blocks it.
+  return requiredManager().createFolder(path, ServiceErrors(error));
 }

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/FSError.h"
 #include "core/KZVConstants.h"
 #include "foundation/NSString.h"
 #include "host/Entry.h"
@@ -96,8 +97,8 @@ TEST(HostErrors, EachFailureHasItsStatusAndItsLine) {
     const char* line;
   };
   const Case cases[] = {
-      {made("dropbox.com", 409, "path/not_found"), "/a", ExitStatus::failed,
-       "/a: path/not_found (dropbox.com 409)"},
+      {fsError(FSErrorCode::exists, "something is in the way"), "/a", ExitStatus::failed,
+       "/a: something is in the way (FSErrorDomain 2)"},
       {made("No file", -1), "/a", ExitStatus::failed, "/a: No file (No file -1)"},
       {made(CanceledByUserErrorDomain, -1), "/a", ExitStatus::stopped,
        "/a: stopped (CanceledByUserErrorDomain -1)"},

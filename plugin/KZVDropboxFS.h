@@ -87,6 +87,7 @@ class KZVDropboxFS final : public FSPlugin {
   bool isReadable(const std::string& path) override;
   bool isWritable(const std::string& path) override;
   std::shared_ptr<NSDictionary> attributesAtPath(const std::string& path, NSErrorRef* error) override;
+  std::shared_ptr<FSItem> itemAtPath(const std::string& path, NSErrorRef* error) override;
   std::optional<FSItems> contentAtPath(const std::string& path, bool recursive, bool showHidden,
                                        NSErrorRef* error) override;
 

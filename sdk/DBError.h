@@ -20,6 +20,7 @@ inline constexpr int DBErrorServiceAddress = 104;
 
 /// Keys of an error's user info: texts, except the last three (numbers).
 inline constexpr std::string_view DBErrorSummaryKey = "error_summary";
+inline constexpr std::string_view DBErrorTagKey = "tag";  // the service's word for the reason: "not_found"
 inline constexpr std::string_view DBErrorRequestIdKey = "request_id";
 inline constexpr std::string_view DBErrorPathKey = "path";
 inline constexpr std::string_view DBErrorUploadIdKey = "upload_id";

@@ -1,5 +1,6 @@
 #include "sdk/DBMetadata.h"
 
+#include <algorithm>
 #include <limits>
 #include <utility>
 
@@ -9,6 +10,8 @@
 namespace {
 
 constexpr std::int64_t noDate = std::numeric_limits<std::int64_t>::min();
+
+constexpr std::string_view itemIdPrefix = "id:";
 
 int hexDigit(char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -41,6 +44,7 @@ DBMetadata::DBMetadata(Fields fields)
     rare().lowercasePath = std::move(fields.lowercasePath);
   }
   setRev(std::move(fields.rev));
+  setItemId(std::move(fields.itemId));
   if (!fields.hash.empty()) rare().hash = std::move(fields.hash);
   if (fields.contents) rare().contents = std::move(fields.contents);
 }
@@ -64,6 +68,24 @@ void DBMetadata::setRev(std::string rev) {
   } else {
     rare().rev = std::move(rev);
   }
+}
+
+void DBMetadata::setItemId(std::string itemId) {
+  const bool isShort = itemId.size() == itemIdPrefix.size() + sizeof shortItemId_ &&
+                       itemId.starts_with(itemIdPrefix) && itemId[itemIdPrefix.size()] != '\0';
+  if (isShort) {
+    std::copy(itemId.begin() + itemIdPrefix.size(), itemId.end(), shortItemId_);
+  } else if (!itemId.empty()) {
+    rare().itemId = std::move(itemId);
+  }
+}
+
+std::string DBMetadata::itemId() const {
+  if (shortItemId_[0] != '\0') {
+    std::string text(itemIdPrefix);
+    return text.append(shortItemId_, sizeof shortItemId_);
+  }
+  return rare_ ? rare_->itemId : std::string();
 }
 
 std::string DBMetadata::rev() const {

@@ -21,6 +21,7 @@ class DBMetadata final : public NSObject {
     std::string name;
     std::string lowercasePath;             // the service's own key for the path
     std::string rev;                       // empty: none (folders, deleted items)
+    std::string itemId;                    // the same after a move; empty: not told
     std::string hash;                      // empty: none
     std::string_view icon = "page_white";  // a text that lives for ever (sdk/IconNames.h)
     std::int64_t totalBytes = 0;
@@ -40,6 +41,9 @@ class DBMetadata final : public NSObject {
   std::string lowercasePath() const;
   /// Compare for equality only; empty when the item has none.
   std::string rev() const;
+  /// The service's name for the item, which it keeps when it is moved or changed; empty when not told.
+  /// Compare for equality only.
+  std::string itemId() const;
   /// A digest over the children of a listed folder; empty for everything else.
   const std::string& contentsHash() const noexcept;
   std::string_view icon() const noexcept { return {icon_, iconSize_}; }
@@ -53,15 +57,18 @@ class DBMetadata final : public NSObject {
 
  private:
   // Laid out for a million of them: children share their folder's path, a revision is packed to its 16
-  // bytes, the flags share a word, and what is rare or can be derived takes no place.
+  // bytes, an id stands without its prefix, the flags share a word, and what is rare or can be derived takes
+  // no place.
   struct Rare {
     std::string lowercasePath;  // only where caselessKey of the path is another
     std::string rev;            // only where it is not hexadecimal text of at most 32 digits
+    std::string itemId;         // only where it is not "id:" and 22 characters
     std::string hash;
     std::shared_ptr<const Contents> contents;
   };
   Rare& rare();
   void setRev(std::string rev);
+  void setItemId(std::string itemId);
 
   std::shared_ptr<const std::string> folderPath_;  // null: the root
   std::string name_;
@@ -70,6 +77,7 @@ class DBMetadata final : public NSObject {
   std::int64_t totalBytes_;
   std::int64_t lastModifiedSeconds_;
   std::uint8_t packedRev_[16] = {};
+  char shortItemId_[22] = {};  // without "id:"; begins with NUL: none
   std::uint8_t revDigits_ = 0;
   std::uint8_t iconSize_;
   bool isDirectory_ : 1;

@@ -100,6 +100,7 @@ struct Findings {
   std::string reason;
   std::string summary;
   std::optional<std::int64_t> retryAfterSeconds;
+  std::string_view tag{};  // the innermost that is known; empty: none
 };
 
 std::string reasonForStatus(long status) {
@@ -137,6 +138,7 @@ Findings findingsOf(const HttpResponse& response) {
   if (const TagRow* row = rowFor(tagsOf(*answer))) {
     if (row->code != 0) findings.code = row->code;
     findings.reason = row->reason;
+    findings.tag = row->tag;
   } else if (const json::object* message = servicejson::object(*answer, "user_message")) {
     if (const auto text = servicejson::text(*message, "text")) findings.reason = *text;
   }
@@ -189,6 +191,8 @@ NSErrorRef errorFromResponse(const HttpResponse& response, const RequestDescript
   addResponseDetails(details, response);
   if (!findings.summary.empty())
     details.emplace_back(str(std::string(DBErrorSummaryKey)), str(findings.summary));
+  if (!findings.tag.empty())
+    details.emplace_back(str(std::string(DBErrorTagKey)), str(std::string(findings.tag)));
   if (findings.retryAfterSeconds) {
     details.emplace_back(str(std::string(DBErrorRetryAfterKey)),
                          NSNumber::withInt(*findings.retryAfterSeconds));

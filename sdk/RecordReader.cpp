@@ -69,6 +69,7 @@ std::optional<DBMetadata::Fields> RecordReader::commonFields(const json::object&
                           : folderOfDisplayPath(text(object, "path_display").value_or(fields.lowercasePath));
   if (!fields.folderPath) return std::nullopt;
   fields.name = *name;
+  fields.itemId = text(object, "id").value_or("");
   if (fields.lowercasePath.empty()) {
     fields.lowercasePath = caselessKey(appendingPathComponent(*fields.folderPath, *name));
   }

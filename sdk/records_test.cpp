@@ -13,16 +13,17 @@ namespace {
 
 TEST(Record, KeepsWhatItWasBuiltFrom) {
   struct Case {
-    const char *path, *lowercasePath, *rev, *filename;
+    const char *path, *lowercasePath, *rev, *filename, *itemId;
   };
   const Case cases[] = {
-      {"/", "/", "", "/"},
-      {"/Report.PDF", "/report.pdf", "015f00aa11bb2cc", "Report.PDF"},
-      {"/A/b/C d", "/a/b/c d", "015f00aa11bb2cc330000000012d3e4", "C d"},
-      {"/\xCE\xA3\xCE\xA3", "/\xCF\x83\xCF\x83", "", "\xCE\xA3\xCE\xA3"},  // a key that no lower-casing gives
-      {"/a", "/a", "000000000", "a"},
-      {"/a", "/a", "Rev-With-Other-Characters-And-More-Than-32-Of-Them", "a"},
-      {"/a", "/a", "0AF", "a"},
+      {"/", "/", "", "/", ""},
+      {"/Report.PDF", "/report.pdf", "015f00aa11bb2cc", "Report.PDF", "id:Zk3Qw8_smpAAAAAAAAAAQ1"},
+      {"/A/b/C d", "/a/b/c d", "015f00aa11bb2cc330000000012d3e4", "C d", "id:short"},
+      // A key that no lower-casing gives.
+      {"/\xCE\xA3\xCE\xA3", "/\xCF\x83\xCF\x83", "", "\xCE\xA3\xCE\xA3", "ns:4711001:22-characters-all"},
+      {"/a", "/a", "000000000", "a", ""},
+      {"/a", "/a", "Rev-With-Other-Characters-And-More-Than-32-Of-Them", "a", "id:"},
+      {"/a", "/a", "0AF", "a", "id:with-more-than-22-characters"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.path) + " " + c.rev);
@@ -30,10 +31,12 @@ TEST(Record, KeepsWhatItWasBuiltFrom) {
     fields.path = c.path;
     fields.lowercasePath = c.lowercasePath;
     fields.rev = c.rev;
+    fields.itemId = c.itemId;
     const DBMetadata record(std::move(fields));
     EXPECT_EQ(record.path(), c.path);
     EXPECT_EQ(record.lowercasePath(), c.lowercasePath);
     EXPECT_EQ(record.rev(), c.rev);
+    EXPECT_EQ(record.itemId(), c.itemId);
     EXPECT_EQ(record.filename(), c.filename);
   }
 }
@@ -50,6 +53,7 @@ TEST(Record, IsSmall) {
     fields.folderPath = folder;
     fields.name = "Photograph from the holidays " + std::to_string(i) + ".jpeg";
     fields.rev = "015f00aa11bb2cc330000000012d3e4";
+    fields.itemId = "id:Zk3Qw8_smpAAAAAAAAAAQ1";
     records.push_back(std::make_shared<const DBMetadata>(std::move(fields)));
   }
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -114,6 +118,7 @@ TEST(RecordReader, ReadsAFile) {
       "/", &understood);
   ASSERT_TRUE(record);
   EXPECT_EQ(record->rev(), "015f00aa11bb2cc330000000012d3e4");
+  EXPECT_EQ(record->itemId(), "id:x");
   EXPECT_EQ(record->totalBytes(), 4194305);
   EXPECT_EQ(NSDate::iso8601(*record->lastModifiedDate()), "2024-05-01T09:31:12Z");
   EXPECT_TRUE(record->thumbnailExists());

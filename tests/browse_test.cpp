@@ -164,7 +164,7 @@ TEST_F(BrowseTest, WhatIsGoneOrIsNoFolderListsAsNothingWithoutAnError) {
   EXPECT_EQ(names("/Old", &error), std::vector<std::string>());
   EXPECT_FALSE(names("/never", &error));
   ASSERT_NE(error, nullptr);
-  EXPECT_EQ(error->code(), 404);
+  EXPECT_EQ(fsErrorCode(error), FSErrorCode::notFound);
 }
 
 TEST_F(BrowseTest, RootItemsFollowLinkingAndUnlinking) {

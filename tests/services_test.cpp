@@ -108,7 +108,7 @@ TEST_F(ServicesTest, IconsComeFromTheBundle) {
   EXPECT_TRUE(standIn.requests().empty());
   NSErrorRef error;
   EXPECT_EQ(ada->icon("/never", &error), nullptr);
-  EXPECT_EQ(error->code(), 404);
+  EXPECT_EQ(fsErrorCode(error), FSErrorCode::notFound);
 }
 
 TEST_F(ServicesTest, TheBundleHasAPictureForEachIconNameAndNoOther) {

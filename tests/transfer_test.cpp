@@ -543,7 +543,7 @@ TEST_F(TransferTest, LocalCopiesAreSharedAndStayInsideTheirFolder) {
   }
   NSErrorRef error;
   EXPECT_EQ(get("/never", &error), nullptr);
-  EXPECT_EQ(error->code(), 404);
+  EXPECT_EQ(fsErrorCode(error), FSErrorCode::notFound);
   const auto stray = makeFile("stray", 3);
   ada->releaseFileUrl(*stray);
   EXPECT_FALSE(fs::exists(stray->path()));

@@ -2,40 +2,47 @@
 
 #include <cerrno>
 
-#include "core/KZVConstants.h"
+#include "core/FSError.h"
 
 int errnoOf(const NSErrorRef& error) {
   if (!error) return ENOENT;
-  const auto code = error->code();
-  if (error->domain() == NSPOSIXErrorDomain) return code > 0 ? static_cast<int>(code) : EIO;
-  if (error->domain() == CanceledByUserErrorDomain) return EINTR;
-  switch (code) {
-    case 400:
-      return EINVAL;
-    case 401:
-    case 403:
-      return EACCES;
-    case 404:
+  if (error->domain() == NSPOSIXErrorDomain) return error->code() > 0 ? static_cast<int>(error->code()) : EIO;
+  switch (fsErrorCode(error)) {
+    case FSErrorCode::notFound:
       return ENOENT;
-    case 406:
-      return EFBIG;
-    case 409:
+    case FSErrorCode::exists:
+    case FSErrorCode::conflict:
       return EEXIST;
-    case 415:
-      return EOPNOTSUPP;
-    case 429:
-    case 503:
-      return EBUSY;
-    case 507:
+    case FSErrorCode::isFolder:
+      return EISDIR;
+    case FSErrorCode::notFolder:
+      return ENOTDIR;
+    case FSErrorCode::notEmpty:
+      return ENOTEMPTY;
+    case FSErrorCode::nameRefused:
+      return EINVAL;
+    case FSErrorCode::denied:
+      return EACCES;
+    case FSErrorCode::noSpace:
       return ENOSPC;
-    default:
-      return EIO;
+    case FSErrorCode::tooLarge:
+      return EFBIG;
+    case FSErrorCode::busy:
+      return EBUSY;
+    case FSErrorCode::stopped:
+      return EINTR;
+    case FSErrorCode::unsupported:
+      return EOPNOTSUPP;
+    case FSErrorCode::line:
+    case FSErrorCode::damaged:
+    case FSErrorCode::internal:
+      break;
   }
+  return EIO;
 }
 
 bool isTransient(const NSErrorRef& error) {
-  if (!error || error->domain() == NSPOSIXErrorDomain || error->domain() == CanceledByUserErrorDomain)
-    return false;
-  const auto code = error->code();
-  return code < 0 || code == 429 || (code >= 500 && code != 507);
+  if (!error || error->domain() == NSPOSIXErrorDomain) return false;
+  const FSErrorCode code = fsErrorCode(error);
+  return code == FSErrorCode::busy || code == FSErrorCode::line || code == FSErrorCode::damaged;
 }

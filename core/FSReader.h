@@ -1,0 +1,66 @@
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "core/ProgressCallback.h"
+#include "foundation/Descriptor.h"
+#include "foundation/NSError.h"
+#include "foundation/NSURL.h"
+
+class FSPlugin;
+
+/// Asked now and then during a read; false stops it. May be empty. Runs on the reading thread.
+using ShouldContinue = std::function<bool()>;
+
+/// Reads one version of a file by ranges, also after the file was replaced, moved or deleted. Made by
+/// FSPlugin::openReader. Any thread, several at once.
+class FSReader {
+ public:
+  FSReader() = default;
+  FSReader(const FSReader&) = delete;
+  FSReader& operator=(const FSReader&) = delete;
+  virtual ~FSReader();
+
+  /// Of the whole version, in bytes. Does not block.
+  virtual std::uint64_t size() const = 0;
+  /// As FSItem::version; empty where the volume has no versions.
+  virtual const std::string& version() const = 0;
+  /// Fills `buffer` with the bytes from `offset` on. Blocks until they are here.
+  /// @return how many were read: fewer than asked for only where the version ends. Nothing on failure, with
+  /// the error: as of other FSPlugin operations, CanceledByUserErrorDomain after a stop.
+  virtual std::optional<std::size_t> read(std::uint64_t offset, std::span<std::byte> buffer,
+                                          const ShouldContinue& shouldContinue, NSErrorRef* error) = 0;
+  /// A descriptor of a local file that holds the whole version, for hosts that can pass bytes on without
+  /// copying them: open for reading while this lives, and not to be closed. -1: there is none, use read().
+  virtual int localDescriptor() const { return -1; }
+};
+
+/// A reader over a local copy that the volume gave out with requestFileUrl; hands it back at its end.
+class LocalCopyReader final : public FSReader {
+ public:
+  /// Takes over `copy`, whose user it is from now on.
+  /// @return null with an NSPOSIXErrorDomain error when it cannot be opened; it has then been handed back.
+  static std::shared_ptr<FSReader> open(std::shared_ptr<FSPlugin> volume, std::shared_ptr<NSURL> copy,
+                                        std::string version, NSErrorRef* error);
+  LocalCopyReader(std::shared_ptr<FSPlugin> volume, std::shared_ptr<NSURL> copy, std::string version,
+                  Descriptor file, std::uint64_t sizeBytes);
+  ~LocalCopyReader() override;
+
+  std::uint64_t size() const override { return sizeBytes_; }
+  const std::string& version() const override { return version_; }
+  std::optional<std::size_t> read(std::uint64_t offset, std::span<std::byte> buffer,
+                                  const ShouldContinue& shouldContinue, NSErrorRef* error) override;
+  int localDescriptor() const override { return file_.number(); }
+
+ private:
+  const std::shared_ptr<FSPlugin> volume_;
+  const std::shared_ptr<NSURL> copy_;
+  const std::string version_;
+  const Descriptor file_;
+  const std::uint64_t sizeBytes_;
+};
