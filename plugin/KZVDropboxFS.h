@@ -102,6 +102,12 @@ class KZVDropboxFS final : public FSPlugin {
                                       ProgressCallback progress, NSErrorRef* error) override;
   std::optional<std::string> revisionAtPath(const std::string& path) override;
 
+  // --- Reading one version by ranges (fsops/KZVDropboxFS_reading.cpp)
+
+  /// The whole version is fetched when it is opened.
+  std::shared_ptr<FSReader> openReader(const std::string& path, const std::string& version,
+                                       ProgressCallback progress, NSErrorRef* error) override;
+
   // --- Tree changes (fsops/KZVDropboxFS_tree.cpp)
 
   bool removeItemAtPath(const std::string& path, NSErrorRef* error) override;
@@ -168,6 +174,8 @@ class KZVDropboxFS final : public FSPlugin {
                                   const std::string& folder, ProgressCallback progress, NSErrorRef* error);
   std::shared_ptr<NSURL> copyFolder(const std::string& path, const std::string& folder,
                                     const ProgressCallback& progress, NSErrorRef* error);
+  std::shared_ptr<NSURL> copyOfVersion(const std::string& version, ProgressCallback progress,
+                                       NSErrorRef* error);
   std::string requiredTemporaryFolder(NSErrorRef* error);
   static NSErrorRef temporaryFileError();
   std::shared_ptr<NSURL> fetchPreview(const std::string& path, NSErrorRef* error);

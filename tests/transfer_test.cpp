@@ -4,6 +4,7 @@
 #include <fstream>
 #include <functional>
 #include <future>
+#include <span>
 #include <sstream>
 #include <thread>
 #include <utility>
@@ -564,4 +565,55 @@ TEST_F(TransferTest, AFullDiskFailsTheDownloadAndLeavesNothing) {
   EXPECT_TRUE(keepsSoon(0));
   ada->setTmpFolderUrl(nullptr);
   EXPECT_NE(get("/big.txt"), nullptr);
+}
+
+TEST_F(TransferTest, AReaderKeepsToItsVersionWhateverHappensToTheFile) {
+  standIn.write("/Docs/f", "first");
+  settle(*ada);
+  const auto item = [&](const char* path) { return bounded([&] { return ada->itemAtPath(path, nullptr); }); };
+  const auto open = [&](const char* path, const std::string& version, NSErrorRef* error = nullptr) {
+    return bounded([&] { return ada->openReader(path, version, nullptr, error); });
+  };
+  const auto all = [](FSReader& reader) {
+    std::string text(reader.size(), '\0');
+    const auto count = reader.read(0, std::as_writable_bytes(std::span(text)), nullptr, nullptr);
+    return count == text.size() ? text : "short";
+  };
+  const auto first = item("/Docs/f");
+  ASSERT_TRUE(first);
+  EXPECT_FALSE(first->version().empty());
+  EXPECT_FALSE(first->id().empty());
+  const auto listed = bounded([&] { return ada->contentAtPath("/Docs", false, true, nullptr); });
+  EXPECT_EQ(listed->front()->version(), first->version());
+  EXPECT_EQ(listed->front()->id(), first->id());
+  const auto opened = open("/docs/F", "");
+  ASSERT_TRUE(opened);
+  EXPECT_EQ(opened->version(), first->version());
+  // Another device within the same second, with as many bytes.
+  standIn.write("/Docs/f", "other");
+  ada->pollForChanges();
+  const auto second = item("/Docs/f");
+  EXPECT_NE(second->version(), first->version());
+  EXPECT_EQ(second->id(), first->id());
+  standIn.move("/Docs/f", "/Docs/g");
+  ada->pollForChanges();
+  EXPECT_EQ(item("/Docs/g")->id(), first->id());
+  const auto late = open("/Docs/f", second->version());
+  ASSERT_TRUE(late) << "a version can be opened where its file is no longer";
+  const auto older = std::make_shared<KZVDropboxFS>(nullptr, ada->options());  // has no copy of it
+  const auto replaced = bounded([&] { return older->openReader("/f", first->version(), nullptr, nullptr); });
+  ASSERT_TRUE(replaced);
+  standIn.remove("/Docs/g");
+  ada->pollForChanges();
+  EXPECT_EQ(all(*opened), "first");
+  EXPECT_EQ(all(*late), "other");
+  EXPECT_EQ(all(*replaced), "first");
+  NSErrorRef error;
+  EXPECT_FALSE(open("/Docs/f", "0123456789abcdef", &error));
+  EXPECT_EQ(fsErrorCode(error), FSErrorCode::notFound);
+  EXPECT_FALSE(open("/Docs", "", &error));
+  EXPECT_EQ(fsErrorCode(error), FSErrorCode::isFolder);
+  standIn.write("/Docs/empty", "");
+  ada->pollForChanges();
+  EXPECT_EQ(open("/Docs/empty", "")->size(), 0U);
 }

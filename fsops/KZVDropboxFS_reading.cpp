@@ -1,0 +1,44 @@
+#include "core/FSError.h"
+#include "core/KZVSupport.h"
+#include "core/StoppableCall.h"
+#include "foundation/Paths.h"
+#include "fsops/ServiceErrors.h"
+#include "plugin/KZVDropboxFS.h"
+
+std::shared_ptr<FSReader> KZVDropboxFS::openReader(const std::string& path, const std::string& version,
+                                                   ProgressCallback progress, NSErrorRef* error) {
+  std::string wanted = version;
+  if (wanted.empty()) {
+    const auto record = requiredManager().metadata(path, progress, ServiceErrors(error));
+    if (!record || record->isDeleted()) return nullptr;
+    if (record->isDirectory()) {
+      setError(error, fsError(FSErrorCode::isFolder, "\"" + path + "\" is a folder."));
+      return nullptr;
+    }
+    wanted = record->rev();
+  }
+  auto copy = copyOfVersion(wanted, std::move(progress), error);
+  if (!copy) return nullptr;
+  return LocalCopyReader::open(shared_from_this(), std::move(copy), std::move(wanted), error);
+}
+
+/// A local copy of one version, with one more user. Kept by the version and not by the path: a version never
+/// changes, so that no report of a change has to drop its copy.
+std::shared_ptr<NSURL> KZVDropboxFS::copyOfVersion(const std::string& version, ProgressCallback progress,
+                                                   NSErrorRef* error) {
+  const std::string key = "rev:" + version;  // no path: those begin with a slash
+  if (auto held = cache().urlForKey(key)) return held;
+  const KeyedGate::Pass pass(copiesBeingMade_, key, [&] { return !progress || progress({0, 1000}); });
+  if (!pass.isHeld()) {
+    setError(error, stoppedByUser());
+    return nullptr;
+  }
+  if (auto held = cache().urlForKey(key)) return held;
+  const std::string folder = requiredTemporaryFolder(error);
+  if (folder.empty()) return nullptr;
+  auto copy = requiredManager().loadRevision(
+      version, NSURL::fileURLWithPath(appendingPathComponent(folder, KZVSupport::uniquePathComponent())),
+      LocalAccess::ownerOnly, std::move(progress), ServiceErrors(error));
+  if (copy) cache().setUrl(copy, key);
+  return copy;
+}
