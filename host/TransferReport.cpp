@@ -11,8 +11,17 @@
 
 using namespace std::chrono_literals;
 
+namespace {
+/// Ending a batch takes a fraction of a second, unless the disk or the machine is very busy.
+constexpr auto stopGrace = 5s;
+}  // namespace
+
 TransferReport::TransferReport(VerbContext& context, const KZVBatchId& batchId, Direction direction)
-    : context_(context), batchId_(batchId), direction_(direction) {}
+    : context_(context), batchId_(batchId), direction_(direction) {
+  StopSignal::whenRequested([] {}, stopGrace);
+}
+
+TransferReport::~TransferReport() { StopSignal::whenRequested(nullptr, {}); }
 
 ProgressCallback TransferReport::totalProgress() {
   return [this](NSRange) {

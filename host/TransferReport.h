@@ -9,12 +9,15 @@
 
 /// What the person sees of a batch of copies: on a terminal a progress line, else one line per file; failures
 /// one by one; and the way their Ctrl-C takes into the batch. The callbacks may come from any thread of the
-/// batch.
+/// batch. While one lives, a stop waits some seconds for the batch to remove its unfinished files.
 class TransferReport {
  public:
   enum class Direction { toDisk, fromDisk };
 
   TransferReport(VerbContext& context, const KZVBatchId& batchId, Direction direction);
+  TransferReport(const TransferReport&) = delete;
+  TransferReport& operator=(const TransferReport&) = delete;
+  ~TransferReport();
 
   ProgressCallback totalProgress();
   KZVLocalFS::ItemCopied itemCopied();

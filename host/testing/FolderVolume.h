@@ -5,6 +5,7 @@
 #include <string>
 
 #include "core/FSPlugin.h"
+#include "foundation/Unicode.h"
 
 /// One volume of FolderPlugin.
 class FolderVolume final : public FSPlugin {
@@ -20,6 +21,8 @@ class FolderVolume final : public FSPlugin {
   void eject() override;
   std::shared_ptr<NSURL> tmpFolderUrl() const override { return tmpFolderUrl_; }
   void setTmpFolderUrl(std::shared_ptr<NSURL> url) override { tmpFolderUrl_ = std::move(url); }
+
+  std::string nameKey(std::string_view name) const override { return caselessKey(name); }
 
   bool isSeekable() const override { return false; }
   bool isExecutable(const std::string& /*path*/) override { return false; }

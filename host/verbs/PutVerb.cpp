@@ -34,6 +34,7 @@ class PutVerb final : public Verb {
     if (!fs::exists(local, code)) return context.fail(local_, NSError::posix(ENOENT, ""));
     const std::string target =
         isFolder(*volume, path) ? appendingPathComponent(path, lastPathComponent(local)) : path;
+    context.setSubject(local_);
     const KZVBatchId batchId;
     TransferReport report(context, batchId, TransferReport::Direction::fromDisk);
     NSErrorRef error;
