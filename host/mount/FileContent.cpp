@@ -84,6 +84,8 @@ int FileContent::adopt(const UploadJournal::Upload& upload) {
   data_ = std::make_shared<const Descriptor>(std::move(file));
   id_ = recordedId_ = upload.id;
   base_ = upload.base;
+  waitsSince_ = upload.since;
+  reason_ = upload.reason;
   isUnsent_ = true;
   isWritten_ = true;
   return 0;
@@ -204,6 +206,8 @@ void FileContent::endSending(const std::optional<WriteBase>& stored) {
       isWritten_ = false;
       base_ = *stored;
       dropRecorded();
+      waitsSince_.reset();
+      reason_.clear();
     }
   }
   changed_.notify_all();
@@ -219,9 +223,16 @@ void FileContent::setElsewhere(const std::string& path) {
   elsewhere_ = path;
 }
 
-NSErrorRef FileContent::record(const std::string& path, UploadJournal::Durability durability) {
+UploadJournal::Upload FileContent::entryFor(const std::string& dataId, const std::string& path) {
+  if (!waitsSince_) waitsSince_ = std::chrono::system_clock::now();
+  return {dataId, path, base_, *waitsSince_, reason_};
+}
+
+NSErrorRef FileContent::record(const std::string& path, UploadJournal::Durability durability,
+                               const std::string& reason) {
   const std::lock_guard lock(mutex_);
-  if (NSErrorRef error = journal_->put({id_, path, base_}, durability)) return error;
+  if (!reason.empty()) reason_ = reason;
+  if (NSErrorRef error = journal_->put(entryFor(id_, path), durability)) return error;
   if (recordedId_ != id_) dropRecorded();
   recordedId_ = id_;
   return nullptr;
@@ -230,7 +241,7 @@ NSErrorRef FileContent::record(const std::string& path, UploadJournal::Durabilit
 NSErrorRef FileContent::moveRecord(const std::string& path) {
   const std::lock_guard lock(mutex_);
   if (recordedId_.empty()) return nullptr;
-  return journal_->put({recordedId_, path, base_}, UploadJournal::Durability::process);
+  return journal_->put(entryFor(recordedId_, path), UploadJournal::Durability::process);
 }
 
 bool FileContent::isRecorded() const {

@@ -95,7 +95,9 @@ class FileContent {
   void setElsewhere(const std::string& path);
   /// Notes in the journal that these bytes, which were closed, are to be stored at `path`, in place of an
   /// older version that waited.
-  NSErrorRef record(const std::string& path, UploadJournal::Durability durability);
+  /// @param reason  why an attempt to send them failed; empty: as before.
+  NSErrorRef record(const std::string& path, UploadJournal::Durability durability,
+                    const std::string& reason = {});
   /// The version that waits in the journal, if there is one, goes to `path` now.
   NSErrorRef moveRecord(const std::string& path);
   /// Whether a version waits in the journal.
@@ -108,6 +110,7 @@ class FileContent {
   int createData(std::string dataId);
   void dropRecorded();
   std::string pathOf(const std::string& dataId) const;
+  UploadJournal::Upload entryFor(const std::string& dataId, const std::string& path);
 
   const std::shared_ptr<FSPlugin> volume_;
   const std::shared_ptr<UploadJournal> journal_;
@@ -121,6 +124,8 @@ class FileContent {
   std::string recordedId_;       // of the version that waits in the journal; empty: none
   WriteBase base_;
   std::string elsewhere_;
+  std::optional<NSDate::Time> waitsSince_;  // while unsent bytes are in the journal
+  std::string reason_;                      // why the last attempt to send them failed
   bool isSending_ = false;
   std::atomic<bool> isLocalOnly_{false};
   std::atomic<bool> isUnsent_{false};

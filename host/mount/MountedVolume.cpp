@@ -178,14 +178,19 @@ int MountedVolume::sendLeft(const UploadJournal::Upload& left) {
   const std::string data = journal_->dataPath(left.id);
   const auto source = NSURL::fileURLWithPath(data);
   std::optional<StoredFile> stored;
+  UploadJournal::Upload failed = left;
   const int reason =
       attempt([] { return false; },
               [&](NSErrorRef* error) {
                 stored = volume_->storeFile(
                     *source, left.path, left.base, [this](NSRange) { return !isStopping_; }, error);
+                if (!stored && *error) failed.reason = (*error)->localizedDescription();
                 return stored.has_value();
               });
-  if (reason != 0) return reason;
+  if (reason != 0) {
+    if (failed.reason != left.reason) journal_->put(failed, UploadJournal::Durability::process);
+    return reason;
+  }
   journal_->forgetUpload(left.id);
   ::unlink(data.c_str());
   noteElsewhere(left.path, *stored);

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "core/FSPlugin.h"
-#include "foundation/Guarded.h"
 #include "host/mount/FileContent.h"
 #include "host/mount/MountTree.h"
 #include "host/mount/PathLocks.h"
@@ -135,6 +134,10 @@ class MountedVolume {
   /// Lets `put` write at the file's descriptor.
   int write(OpenFile& file, const std::function<int(int descriptor)>& put,
             const IsInterrupted& isInterrupted);
+  /// Whether the file may grow to `sizeBytes` without being written so far: ENOSPC when the disk has no room
+  /// for that. A hole itself takes none, but all of the file's bytes are sent.
+  /// @param file  may be null.
+  int checkRoom(NodeId node, const OpenFile* file, std::uint64_t sizeBytes) const;
   int truncate(NodeId node, OpenFile* file, std::uint64_t sizeBytes, const IsInterrupted& isInterrupted);
   int setModified(NodeId node, NSDate::Time time);
   /// One of the file's descriptors is closed: the last one that wrote sends. The errno value is for close(2);
@@ -271,7 +274,6 @@ class MountedVolume {
   int sendingNow_ = 0;           // guarded by waitingMutex_: taken from waiting_, not finished
   std::atomic<bool> isStopping_{false};
   std::thread sender_;
-  Guarded<std::string> lastFailure_;  // why sending failed, for people
 
   std::mutex spaceMutex_;
   std::condition_variable spaceTold_;

@@ -224,8 +224,24 @@ int MountedVolume::write(OpenFile& file, const std::function<int(int descriptor)
   return reason;
 }
 
+int MountedVolume::checkRoom(NodeId number, const OpenFile* file, std::uint64_t sizeBytes) const {
+  std::uint64_t currentBytes = 0;
+  if (file && file->content->hasData()) {
+    currentBytes = file->content->sizeBytes();
+  } else {
+    const std::lock_guard lock(treeMutex_);
+    const auto node = tree_.find(number);
+    if (!node) return ENOENT;
+    currentBytes = node->sizeBytes;
+  }
+  if (sizeBytes <= currentBytes) return 0;
+  const auto freeBytes = journal_->freeBytes();
+  return freeBytes && sizeBytes - currentBytes > *freeBytes ? ENOSPC : 0;
+}
+
 int MountedVolume::truncate(NodeId number, OpenFile* file, std::uint64_t sizeBytes,
                             const IsInterrupted& isInterrupted) {
+  if (const int reason = checkRoom(number, file, sizeBytes)) return reason;
   const auto cut = [&](int descriptor) {
     return ::ftruncate(descriptor, static_cast<off_t>(sizeBytes)) == 0 ? 0 : errno;
   };
@@ -307,9 +323,10 @@ int MountedVolume::send(const MountNodeRef& node, const std::shared_ptr<FileCont
     return !isStopping_ && !isInterrupted() && !(isBackground && content->isWanted());
   };
   std::optional<StoredFile> stored;
+  std::string failure;
   const int reason = attempt(isInterrupted, [&](NSErrorRef* error) {
     stored = volume_->storeFile(*source, path, sending->base, goesOn, error);
-    if (!stored && error && *error) lastFailure_.set((*error)->localizedDescription());
+    if (!stored) failure = *error ? (*error)->localizedDescription() : "the account is not there any more";
     return stored.has_value();
   });
   if (reason == 0) {
@@ -322,11 +339,11 @@ int MountedVolume::send(const MountNodeRef& node, const std::shared_ptr<FileCont
     content->endSending(baseOf(stored->revision));
     return 0;
   }
-  content->record(path, UploadJournal::Durability::power);
+  content->record(path, UploadJournal::Durability::power, failure);
   content->endSending(std::nullopt);
   if (!isBackground && !isStopping_) {
     NSLog(NSLogLevel::warning, "mount",
-          path + " could not be sent (" + lastFailure_.get() + "); it is kept and will be tried again");
+          path + " could not be sent (" + failure + "); it is kept and will be tried again");
     sendLater(node, content, firstRetryDelay);
   }
   return reason;

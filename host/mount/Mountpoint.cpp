@@ -133,16 +133,15 @@ std::optional<std::string> prepareMountpoint(const std::string& typed, NSErrorRe
   return path;
 }
 
-bool unmountAt(const std::string& typed, NSErrorRef* error) {
+std::optional<std::string> unmountAt(const std::string& typed, NSErrorRef* error) {
   const std::string path = absolutePath(typed);
   int reason = isMountpoint(path) ? detach(path, Manner::usual) : EINVAL;
-  if (reason == 0) return true;
+  if (reason == 0) return path;
   std::string text = std::strerror(reason);
   if (reason == EINVAL) text = "nothing is mounted there";
   if (reason == EBUSY) text = "it is in use: close what works there (see: fuser -vm " + path + ")";
   if (reason == ENOSYS) text = "fusermount3 is not installed (Debian: fuse3)";
-  setError(error, errorOf(reason, std::move(text)));
-  return false;
+  return refusal(error, reason, std::move(text));
 }
 
 void reportReady(int readyDescriptor) {

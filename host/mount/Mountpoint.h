@@ -16,8 +16,9 @@ std::optional<std::string> prepareMountpoint(const std::string& typed, NSErrorRe
 /// Whether another file system begins at `path`, also one whose process has died.
 bool isMountpoint(const std::string& path);
 
-/// Unmounts what is mounted at `typed`. False with an error: nothing is, or somebody uses it (EBUSY).
-bool unmountAt(const std::string& typed, NSErrorRef* error);
+/// Unmounts what is mounted at `typed`; answers its absolute path. Nothing with an error: nothing is mounted
+/// there, or somebody uses it (EBUSY).
+std::optional<std::string> unmountAt(const std::string& typed, NSErrorRef* error);
 
 /// Tells whoever waits for it that the mount can be used: the process that started this one through the
 /// descriptor `readyDescriptor` (negative: nobody), and a service manager (sd_notify(3): NOTIFY_SOCKET).

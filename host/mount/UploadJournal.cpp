@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/json.hpp>
+#include <charconv>
 #include <chrono>
 #include <filesystem>
 #include <optional>
@@ -10,6 +11,7 @@
 #include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include "core/KZVSupport.h"
 #include "foundation/NSDictionary.h"
@@ -37,7 +39,11 @@ std::string entryPath(const std::string& folder, const std::string& entryId) {
   return folder + '/' + entryId + ".json";
 }
 
-/// An account's entryId as the name of a folder.
+std::string dataIn(const std::string& folder, const std::string& entryId) {
+  return folder + '/' + entryId + ".data";
+}
+
+/// An account's id as the name of a folder.
 std::string folderName(const std::string& accountId) {
   std::string name;
   for (const char c : accountId) {
@@ -48,8 +54,30 @@ std::string folderName(const std::string& accountId) {
   return name;
 }
 
+/// The reverse of folderName.
+std::string accountOf(std::string_view folder) {
+  std::string accountId;
+  for (std::size_t at = 0; at < folder.size(); ++at) {
+    unsigned byte = 0;
+    const char* digits = folder.data() + at + 1;
+    const bool isEscape = folder[at] == '%' && folder.size() - at > 2 &&
+                          std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2;
+    accountId += isEscape ? static_cast<char>(byte) : folder[at];
+    if (isEscape) at += 2;
+  }
+  return accountId;
+}
+
+std::string journalsFolder() { return appendingPathComponent(stateFolder(), "mount"); }
+
 std::string folderOf(const std::string& accountId) {
-  return appendingPathComponent(appendingPathComponent(stateFolder(), "mount"), folderName(accountId));
+  return appendingPathComponent(journalsFolder(), folderName(accountId));
+}
+
+/// Whether a process has the journal open.
+bool isHeld(const std::string& folder) {
+  const Descriptor lock(::open(lockOf(folder).c_str(), O_RDONLY | O_CLOEXEC));
+  return lock.isOpen() && ::flock(lock.number(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 const char* textOf(WriteBase::Kind kind) {
@@ -71,6 +99,23 @@ WriteBase baseFrom(const json::object& entry) {
   return {};
 }
 
+/// When an entry was made, from its id (see newId); the epoch when that does not tell.
+NSDate::Time timeOfId(const std::string& entryId) {
+  std::int64_t nanoseconds = 0;
+  std::from_chars(entryId.data(), entryId.data() + entryId.size(), nanoseconds);
+  return NSDate::Time(
+      std::chrono::duration_cast<NSDate::Time::duration>(std::chrono::nanoseconds(nanoseconds)));
+}
+
+UploadJournal::Upload uploadFrom(const std::string& entryId, const json::object& entry) {
+  UploadJournal::Upload upload{
+      entryId, std::string(entry.at("path").as_string()), baseFrom(entry), timeOfId(entryId), {}};
+  if (const auto* since = entry.if_contains("since"))
+    upload.since = NSDate::Time(std::chrono::seconds(since->as_int64()));
+  if (const auto* reason = entry.if_contains("reason")) upload.reason = reason->as_string();
+  return upload;
+}
+
 /// The ids of the entries in `folder`, oldest first.
 std::vector<std::string> idsIn(const std::string& folder, std::string_view extension) {
   std::vector<std::string> ids;
@@ -89,7 +134,7 @@ std::optional<Entry> readEntry(const std::string& path, Read read) {
   try {
     if (text) return read(json::parse(*text).as_object());
   } catch (const std::exception& problem) {
-    NSLog(NSLogLevel::warning, "UploadJournal::readEntry", path + " is damaged and stays: " + problem.what());
+    NSLog(NSLogLevel::warning, "mount", path + " is damaged and stays: " + problem.what());
   }
   return std::nullopt;
 }
@@ -155,8 +200,38 @@ std::string UploadJournal::mountpointOf(const std::string& accountId) {
   return readFile(lockOf(folderOf(accountId)), maxEntryBytes).value_or("");
 }
 
-std::size_t UploadJournal::pendingCount(const std::string& accountId) {
-  return idsIn(pendingFolder(folderOf(accountId)), ".json").size();
+UploadJournal::State UploadJournal::stateOf(const std::string& accountId) {
+  State state;
+  state.accountId = accountId;
+  state.mountpoint = mountpointOf(accountId);
+  state.isMounted = isHeld(folderOf(accountId));
+  state.folder = pendingFolder(folderOf(accountId));
+  const std::string& folder = state.folder;
+  for (const std::string& entryId : idsIn(folder, ".json")) {
+    Waiting waiting;
+    waiting.dataPath = dataIn(folder, entryId);
+    struct stat status {};
+    if (::stat(waiting.dataPath.c_str(), &status) != 0) continue;  // sent or removed just now
+    waiting.sizeBytes = static_cast<std::uint64_t>(status.st_size);
+    const auto upload = readEntry<Upload>(
+        entryPath(folder, entryId), [&](const json::object& entry) { return uploadFrom(entryId, entry); });
+    waiting.isDamaged = !upload;
+    waiting.upload = upload.value_or(Upload{entryId, {}, {}, timeOfId(entryId), {}});
+    state.waiting.push_back(std::move(waiting));
+  }
+  return state;
+}
+
+std::vector<UploadJournal::State> UploadJournal::states() {
+  std::vector<std::string> accounts;
+  std::error_code code;
+  for (fs::directory_iterator entry(journalsFolder(), code), end; !code && entry != end;
+       entry.increment(code))
+    if (entry->is_directory(code)) accounts.push_back(accountOf(entry->path().filename().string()));
+  std::sort(accounts.begin(), accounts.end());
+  std::vector<State> states;
+  for (const std::string& account : accounts) states.push_back(stateOf(account));
+  return states;
 }
 
 std::vector<UploadJournal::Upload> UploadJournal::uploads() {
@@ -164,14 +239,12 @@ std::vector<UploadJournal::Upload> UploadJournal::uploads() {
   std::vector<Upload> uploads;
   const auto ids = idsIn(folder, ".json");
   for (const std::string& entryId : ids) {
-    auto upload = readEntry<Upload>(entryPath(folder, entryId), [&](const json::object& entry) {
-      return Upload{entryId, std::string(entry.at("path").as_string()), baseFrom(entry)};
-    });
-    if (!upload) continue;
-    if (::access(dataPath(entryId).c_str(), R_OK) == 0) {
-      uploads.push_back(*std::move(upload));
-    } else {
+    auto upload = readEntry<Upload>(entryPath(folder, entryId),
+                                    [&](const json::object& entry) { return uploadFrom(entryId, entry); });
+    if (::access(dataPath(entryId).c_str(), R_OK) != 0) {
       forgetUpload(entryId);  // its file was unlinked, and only the end of that was cut off
+    } else if (upload) {
+      uploads.push_back(*std::move(upload));
     }
   }
   std::error_code code;
@@ -203,15 +276,23 @@ std::string UploadJournal::newId() {
 }
 
 std::string UploadJournal::dataPath(const std::string& entryId) const {
-  return pendingFolder(folder_) + '/' + entryId + ".data";
+  return dataIn(pendingFolder(folder_), entryId);
 }
 
 std::string UploadJournal::localPath(const std::string& entryId) const {
   return localFolder(folder_) + '/' + entryId;
 }
 
+std::optional<std::uint64_t> UploadJournal::freeBytes() const {
+  struct statvfs disk {};
+  if (::statvfs(folder_.c_str(), &disk) != 0) return std::nullopt;
+  return static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize;
+}
+
 NSErrorRef UploadJournal::put(const Upload& upload, Durability durability) {
-  json::object entry{{"path", upload.path}, {"base", textOf(upload.base.kind)}};
+  const auto since = std::chrono::floor<std::chrono::seconds>(upload.since).time_since_epoch().count();
+  json::object entry{{"path", upload.path}, {"base", textOf(upload.base.kind)}, {"since", since}};
+  if (!upload.reason.empty()) entry["reason"] = upload.reason;
   if (upload.base.kind == WriteBase::Kind::revision) entry["revision"] = upload.base.revision;
   const std::string path = entryPath(pendingFolder(folder_), upload.id);
   const std::string text = json::serialize(entry);

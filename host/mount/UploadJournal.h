@@ -1,10 +1,13 @@
 #pragma once
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "core/WriteBase.h"
 #include "foundation/Descriptor.h"
+#include "foundation/NSDate.h"
 #include "foundation/NSError.h"
 
 /// What one account's mounts must not lose: files that were closed and that the service is not known to have,
@@ -13,7 +16,9 @@
 ///
 ///   lock            held while mounted; says where
 ///   pending/ID.data a file's bytes, while it is open for writing or waits
-///   pending/ID.json {"path":…, "base":"nothing"|"latest"|"revision", "revision":…}: it was closed
+///   pending/ID.json {"path":…, "base":"nothing"|"latest"|"revision", "revision":…, "since":seconds since
+///   1970,
+///                    "reason":…}: it was closed, and why the last attempt to send it failed
 ///   renames/ID.json {"from":…, "to":…, "aside":…}: `from` goes to `to`; what was there lies at `aside`
 ///   local/          files that stay on this machine; emptied at each start
 ///
@@ -24,6 +29,8 @@ class UploadJournal {
     std::string id;
     std::string path;  // on the volume
     WriteBase base;
+    NSDate::Time since{};  // when it began to wait
+    std::string reason;    // why the last attempt to send it failed, for people; empty: none has yet
   };
   struct Rename {
     std::string id;
@@ -38,8 +45,24 @@ class UploadJournal {
                                              NSErrorRef* error);
   /// Where the account is mounted now, or was last; empty when it never was.
   static std::string mountpointOf(const std::string& accountId);
-  /// How many files of the account wait to be sent, whoever holds the journal.
-  static std::size_t pendingCount(const std::string& accountId);
+  /// A file that waits to be sent.
+  struct Waiting {
+    Upload upload;         // no path when the entry is damaged
+    std::string dataPath;  // where its bytes are
+    std::uint64_t sizeBytes = 0;
+    bool isDamaged = false;  // its entry cannot be read, so that it is never sent
+  };
+  /// What one account's journal holds, whoever has it open.
+  struct State {
+    std::string accountId;
+    std::string folder;            // where the waiting files' bytes are
+    std::string mountpoint;        // where it is mounted now, or was last
+    bool isMounted = false;        // a process holds the journal
+    std::vector<Waiting> waiting;  // oldest first
+  };
+  static State stateOf(const std::string& accountId);
+  /// Of all accounts that were ever mounted, in the order of their ids.
+  static std::vector<State> states();
 
   /// What earlier processes left, oldest first, and gone from here on: uploads() also removes bytes that
   /// belong to no closed file.
@@ -50,6 +73,8 @@ class UploadJournal {
   std::string newId();
   std::string dataPath(const std::string& entryId) const;
   std::string localPath(const std::string& entryId) const;
+  /// Bytes that the journal's disk has left for this user; nothing when it does not say.
+  std::optional<std::uint64_t> freeBytes() const;
 
   enum class Durability {
     process,  // survives the death of this process

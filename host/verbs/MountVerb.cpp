@@ -2,7 +2,9 @@
 #include <cerrno>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <thread>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -16,6 +18,7 @@
 #include "host/mount/MountedVolume.h"
 #include "host/mount/Mountpoint.h"
 #include "host/mount/UploadJournal.h"
+#include "host/verbs/MountStatus.h"
 #include "host/verbs/Verbs.h"
 
 using namespace std::chrono_literals;
@@ -23,7 +26,7 @@ using namespace std::chrono_literals;
 namespace {
 
 /// After an unmount, what waits is tried once more; whatever fails again waits for the next mount.
-constexpr auto lastTry = 5s;
+constexpr auto lastTry = 20s;
 /// After a request to stop, unmounting and leaving takes this long at most.
 constexpr auto stopGrace = 5s;
 
@@ -34,13 +37,19 @@ class MountVerb final : public Verb {
             "  mkdir -p ~/Cloud && kzv mount ~/Cloud\n  kzv umount ~/Cloud"};
   }
   void declare(CLI::App& command) override {
-    command.add_option("DIR", folder_, "An existing folder")->required();
+    auto* folder = command.add_option("DIR", folder_, "An existing folder");
+    auto* status = command.add_flag(
+        "--status", isStatus_, "List all mounts, with the files that wait to be sent, since when and why");
+    status->excludes(folder);
     command.add_flag("--foreground", isForeground_, "Stay here, until Ctrl-C or an unmount");
     command.add_option("--ready-fd", readyDescriptor_)->group("");
     command.add_option("--log", logFile_)->group("");
   }
 
   void run(VerbContext& context) override {
+    if (isStatus_) return showMountStatus(context);
+    if (folder_.empty())
+      return context.fail("", hostError(HostErrorCode::badInput, "DIR is missing: where to mount"));
     NSErrorRef error;
     const auto mountpoint = prepareMountpoint(folder_, &error);
     if (!mountpoint) return context.fail(folder_, error);
@@ -62,6 +71,7 @@ class MountVerb final : public Verb {
     const auto start = startInBackground(arguments, stateFolder() + "/mount/log", &error);
     if (error) return context.fail(mountpoint, error);
     if (!start.isReady) return context.failAsSaid(start.said, start.exitStatus);
+    for (const std::string& line : linesOf(start.said)) context.console.note(line);
     context.console.note(fmt::format("mounted at {}; unmount it with: kzv umount {}", harmless(mountpoint),
                                      harmless(mountpoint)));
   }
@@ -83,6 +93,7 @@ class MountVerb final : public Verb {
             server.stop();
           },
           stopGrace);
+      noteDamaged(context, UploadJournal::stateOf(accountId));
       if (!logFile_.empty()) writeToLog(logFile_);
       if (isForeground_) context.console.note(fmt::format("mounted at {}", harmless(mountpoint)));
       reportReady(readyDescriptor_);
@@ -90,10 +101,7 @@ class MountVerb final : public Verb {
       StopSignal::whenRequested(nullptr, 0s);
       if (!StopSignal::isRequested()) mounted.flushJournal(lastTry);
     }
-    if (const auto count = UploadJournal::pendingCount(accountId))
-      context.console.note(fmt::format("{} could not be sent yet; the next mount sends {}",
-                                       count == 1 ? "a file" : fmt::format("{} files", count),
-                                       count == 1 ? "it" : "them"));
+    noteWaiting(context, UploadJournal::stateOf(accountId));
     context.shouldStop(mountpoint);
   }
 
@@ -119,8 +127,16 @@ class MountVerb final : public Verb {
     };
   }
 
+  static std::vector<std::string> linesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+  }
+
   std::string folder_;
   std::string logFile_;
+  bool isStatus_ = false;
   bool isForeground_ = false;
   int readyDescriptor_ = -1;
 };
@@ -128,7 +144,8 @@ class MountVerb final : public Verb {
 class UmountVerb final : public Verb {
  public:
   Words words() const override {
-    return {"umount", "Unmount what `kzv mount` shows", "  kzv umount ~/Cloud"};
+    return {"umount", "Unmount what `kzv mount` shows, and wait until what was written is sent",
+            "  kzv umount ~/Cloud"};
   }
   void declare(CLI::App& command) override {
     command.add_option("DIR", folder_, "Where it is mounted")->required();
@@ -136,10 +153,28 @@ class UmountVerb final : public Verb {
 
   void run(VerbContext& context) override {
     NSErrorRef error;
-    if (!unmountAt(folder_, &error)) context.fail(folder_, error);
+    const auto mountpoint = unmountAt(folder_, &error);
+    if (!mountpoint) return context.fail(folder_, error);
+    for (const auto& state : UploadJournal::states())
+      if (state.mountpoint == *mountpoint) awaitEnd(context, state);
   }
 
  private:
+  /// The process behind the mount sends what waits before it ends; says what is left then.
+  static void awaitEnd(VerbContext& context, UploadJournal::State state) {
+    constexpr auto moment = 50ms;
+    if (state.isMounted && !state.waiting.empty())
+      context.console.note(fmt::format("sending {} that {} ...", fileCount(state.waiting.size()),
+                                       state.waiting.size() == 1 ? "waits" : "wait"));
+    const auto end = std::chrono::steady_clock::now() + lastTry + stopGrace;
+    while (state.isMounted && std::chrono::steady_clock::now() < end) {
+      if (context.shouldStop(state.mountpoint)) break;
+      std::this_thread::sleep_for(moment);
+      state = UploadJournal::stateOf(state.accountId);
+    }
+    noteWaiting(context, state);
+  }
+
   std::string folder_;
 };
 

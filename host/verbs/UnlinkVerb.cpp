@@ -5,6 +5,7 @@
 #include "host/Console.h"
 #include "host/Formatting.h"
 #include "host/HostSession.h"
+#include "host/verbs/MountStatus.h"
 #include "host/verbs/Verbs.h"
 
 namespace {
@@ -25,10 +26,23 @@ class UnlinkVerb final : public Verb {
     if (!accountId) return context.fail(wanted_, error);
     accounts->unlinkAccount(*accountId);
     context.session.noteUnlink();
+    noteUnsent(context, *accountId);
     if (!context.options.json) context.console.line(fmt::format("unlinked {}", harmless(*accountId)));
   }
 
  private:
+  /// What was written through a mount and never reached the account is not lost with it.
+  static void noteUnsent(VerbContext& context, const std::string& accountId) {
+    const auto state = UploadJournal::stateOf(accountId);
+    if (state.waiting.empty()) return;
+    context.console.note(fmt::format(
+        "{} of this account {} never sent and {} kept in {}; a mount sends {} once the account is "
+        "linked again",
+        fileCount(state.waiting.size()), state.waiting.size() == 1 ? "was" : "were",
+        state.waiting.size() == 1 ? "is" : "are", harmless(state.folder),
+        state.waiting.size() == 1 ? "it" : "them"));
+  }
+
   std::string wanted_;
 };
 
