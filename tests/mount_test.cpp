@@ -2,6 +2,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -210,6 +211,7 @@ TEST_F(MountTest, AnswersAsAPosixFileSystem) {
     std::function<void()> run;
   };
   const std::string tooLong(256, 'n');
+  constexpr off_t tooLarge = 10'000'000'000'000;
   const Case cases[] = {
       {"open what is not there", ENOENT, [&] { File(at("none"), O_RDONLY); }},
       {"below what is no folder", ENOTDIR, [&] { File(at("d/f/x"), O_RDONLY); }},
@@ -232,11 +234,15 @@ TEST_F(MountTest, AnswersAsAPosixFileSystem) {
       {"hard link", EPERM, [&] { must(::link(at("d/f").c_str(), at("d/g").c_str())); }},
       {"symbolic link", EPERM, [&] { must(::symlink("f", at("d/g").c_str())); }},
       {"fifo", EPERM, [&] { must(::mkfifo(at("d/g").c_str(), 0600)); }},
-      {"permissions that are kept nowhere", EPERM, [&] { chmod(0444); }},
-      {"permissions that tools set", 0, [&] { chmod(0755); }},
+      {"permissions, which are kept nowhere", 0, [&] { chmod(0444); }},
+      {"setuid", EPERM, [&] { chmod(04755); }},
+      {"setgid", EPERM, [&] { chmod(02755); }},
+      {"sticky", EPERM, [&] { chmod(01755); }},
       {"another owner", EPERM, [&] { must(::chown(at("d/f").c_str(), 12345, 12345)); }},
       {"dates", 0, [&] { must(::utimensat(AT_FDCWD, at("d/f").c_str(), nullptr, 0)); }},
       {"its version", 0, [&] { attribute("d/f", "user.kzv.rev"); }},
+      {"but no attribute is listed", 0,
+       [&] { EXPECT_EQ(must(::listxattr(at("d/f").c_str(), nullptr, 0)), 0); }},
       {"a folder has none", ENODATA, [&] { attribute("d", "user.kzv.rev"); }},
       {"another attribute", ENODATA, [&] { attribute("d/f", "user.other"); }},
       {"an attribute to keep", ENOTSUP,
@@ -274,6 +280,20 @@ TEST_F(MountTest, AnswersAsAPosixFileSystem) {
          std::array<char, 9> bytes{};
          EXPECT_EQ(::pread(file.number, bytes.data(), bytes.size(), 0), 9);
          EXPECT_EQ(std::string(bytes.data(), 9), std::string("bYtes++\0\0", 9));
+       }},
+      {"cut to 10 TB", ENOSPC, [&] { must(::truncate(at("synced").c_str(), tooLarge)); }},
+      {"cut to 10 TB while it is open", ENOSPC,
+       [&] { must(::ftruncate(File(at("synced"), O_RDWR).number, tooLarge)); }},
+      {"written at 10 TB", ENOSPC,
+       [&] { must(::pwrite(File(at("synced"), O_RDWR).number, "x", 1, tooLarge)); }},
+      {"10 TB allocated", ENOSPC,
+       [&] { must(::fallocate(File(at("synced"), O_RDWR).number, 0, 0, tooLarge)); }},
+      {"room allocated beyond the end", 0,
+       [&] {
+         const File file(at("synced"), O_RDWR);
+         must(::fallocate(file.number, FALLOC_FL_KEEP_SIZE, 0, 4096));
+         must(::fallocate(file.number, 0, 0, 9));
+         EXPECT_EQ(contentOf(at("synced")).size(), 9U);
        }},
       {"written through memory", 0,
        [&] {
@@ -430,6 +450,88 @@ TEST_F(MountTest, FoldersAreCopiedWholeThroughFailures) {
   mount();
   EXPECT_EQ(sh("diff -r \"$FILES/in\" in").exitStatus, 0) << "the service has something else";
   if (!hasRsync) GTEST_SKIP() << "the part with rsync: it is not installed";
+}
+
+TEST_F(MountTest, CopiesThatKeepModesAndAttributesEndWell) {
+  mount();
+  const bool hasRsync = sh("command -v rsync").exitStatus == 0;
+  ASSERT_EQ(
+      sh("mkdir \"$FILES/in\" \"$FILES/in/sub\" && cd \"$FILES/in\" && echo one > a && echo two > sub/b && "
+         "chmod 0444 a && chmod 0600 sub/b && chmod 0555 sub && cd .. && tar cf in.tar in")
+          .exitStatus,
+      0);
+  const char* lines[] = {
+      "cp -a \"$FILES/in\" .",
+      "cp -a in again && diff -r in again",
+      "cp -a in \"$FILES/out\" && diff -r in \"$FILES/out\"",
+      "mkdir tar && tar xf \"$FILES/in.tar\" -C tar && diff -r in tar/in",
+      "rsync -aX \"$FILES/in/\" synced && rsync -aX synced/ \"$FILES/back\" && diff -r in \"$FILES/back\"",
+      "rsync -aAX --ignore-times \"$FILES/in/\" synced && rsync -aAX synced/ again && diff -r in again",
+      "install -m 0500 in/a installed && cmp in/a installed"};
+  for (const std::string line : lines) {
+    if (line.starts_with("rsync") && !hasRsync) continue;
+    const auto outcome = sh(line);
+    EXPECT_EQ(outcome.exitStatus, 0) << line << "\n" << outcome.output << outcome.errors;
+    EXPECT_EQ(outcome.errors, "") << line;
+  }
+  if (!hasRsync) GTEST_SKIP() << "the part with rsync: it is not installed";
+}
+
+TEST_F(MountTest, WhatWaitsToBeSentIsTold) {
+  const auto utcNow = [] {
+    const std::time_t now = std::time(nullptr);
+    std::array<char, 32> text{};
+    return std::string(text.data(), std::strftime(text.data(), text.size(), "%FT%TZ", std::gmtime(&now)));
+  };
+  const auto status = [&] {
+    const auto outcome = kzv({"--json", "mount", "--status"});
+    EXPECT_EQ(outcome.exitStatus, 0) << outcome.errors;
+    return outcome.output.empty() ? json::value() : json::parse(outcome.output);
+  };
+  mount();
+  EXPECT_EQ(status().at("waiting").as_array().size(), 0U);
+  standIn.fault({{"route", "files/upload"}, {"times", 0}, {"status", 400}, {"body", "the line is down"}});
+  const std::string before = utcNow();
+  for (const char* name : {"first", "second"}) errnoOf([&] { store(root / name, "kept"); });
+  for (const bool isMounted : {true, false}) {
+    SCOPED_TRACE(isMounted);
+    if (!isMounted) {
+      const auto outcome = kzv({"umount", root.string()});
+      EXPECT_EQ(outcome.exitStatus, 0);
+      EXPECT_NE(outcome.errors.find("2 files could not be sent yet; they are kept in " + home.path()),
+                std::string::npos)
+          << outcome.errors;
+      std::exchange(process_, nullptr)->finish(20s);
+    }
+    const json::value told = status();
+    EXPECT_EQ(told.at("folder").as_string(), root.string());
+    EXPECT_EQ(told.at("mounted").as_bool(), isMounted);
+    EXPECT_EQ(told.at("account").as_string(),
+              json::parse(kzv({"--json", "accounts"}).output).at("id").as_string());
+    ASSERT_EQ(told.at("waiting").as_array().size(), 2U);
+    const json::value& waiting = told.at("waiting").at(0);
+    EXPECT_EQ(waiting.at("path").as_string(), "/first");
+    EXPECT_EQ(waiting.at("size").to_number<int>(), 4);
+    EXPECT_NE(waiting.at("reason").as_string().find("400"), std::string::npos) << waiting;
+    const std::string since(waiting.at("since").as_string());
+    EXPECT_GE(since, before);
+    EXPECT_LE(since, utcNow());
+    EXPECT_EQ(contentOf(std::string(waiting.at("file").as_string())), "kept");
+  }
+  const std::string data(status().at("waiting").at(0).at("file").as_string());
+  std::ofstream(fs::path(data).replace_extension(".json")) << "{";
+  const auto started = kzv({"mount", root.string()});
+  EXPECT_NE(started.errors.find("1 file in " + fs::path(data).parent_path().string() + " cannot be sent"),
+            std::string::npos)
+      << started.errors;
+  EXPECT_NE(kzv({"mount", "--status"})
+                .output.find("damaged, so that it is never sent; take its bytes from " + data),
+            std::string::npos);
+  EXPECT_NE(kzv({"umount", root.string()}).errors.find("cannot be sent"), std::string::npos);
+  EXPECT_EQ(contentOf(data), "kept");
+  const auto unlinked = kzv({"unlink", "Ada"});
+  EXPECT_NE(unlinked.errors.find("2 files of this account were never sent"), std::string::npos)
+      << unlinked.errors;
 }
 
 TEST_F(MountTest, TestProgramsOfOthersAreSatisfied) {

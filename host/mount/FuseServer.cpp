@@ -249,12 +249,12 @@ void onGetAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info* /*info
   answer(request, [&] { return replyAttributes(request, node); });
 }
 
-/// The service keeps neither owners nor permissions. Only the user who mounted gets in, so that what a mode
-/// says of others means nothing here and any value will do, and programs that copy modes (rsync -a, cp -p)
-/// can go on; what would have a meaning, and would not be kept, is not permitted.
+/// The volume keeps neither owners nor permissions. A mode is accepted and forgotten, as other file systems
+/// without permissions do, because programs that copy modes (tar, cp -a, rsync -a) would otherwise fail for
+/// each read-only file. Bits that grant rights, and another owner, are refused: forgetting those could harm.
 bool asksForOtherRights(const Session& session, const struct stat& wanted, int which) {
-  constexpr mode_t meant = S_IRUSR | S_IWUSR | S_ISUID | S_ISGID | S_ISVTX;
-  if ((which & FUSE_SET_ATTR_MODE) && (wanted.st_mode & meant) != (S_IRUSR | S_IWUSR)) return true;
+  constexpr mode_t grantsRights = S_ISUID | S_ISGID | S_ISVTX;
+  if ((which & FUSE_SET_ATTR_MODE) && (wanted.st_mode & grantsRights) != 0) return true;
   return ((which & FUSE_SET_ATTR_UID) && wanted.st_uid != session.user) ||
          ((which & FUSE_SET_ATTR_GID) && wanted.st_gid != session.group);
 }
@@ -421,12 +421,12 @@ void onGetExtra(fuse_req_t request, fuse_ino_t node, const char* name, std::size
   });
 }
 
-// The public link is not listed, on purpose: whoever copies a file with all that is listed would make it
-// public.
+// None is listed: programs that copy all listed attributes (rsync -X, cp -a) could neither set nor remove
+// ours.
 void onListExtra(fuse_req_t request, fuse_ino_t node, std::size_t size) {
   answer(request, [&] {
-    const auto revision = volumeOf(request).revision(nodeOf(node));
-    return replyText(request, revision.error ? std::string() : std::string(revisionName) + '\0', size);
+    const auto attributes = volumeOf(request).attributes(nodeOf(node));
+    return attributes.error ? attributes.error : replyText(request, std::string(), size);
   });
 }
 
@@ -523,11 +523,33 @@ void onWrite(fuse_req_t request, fuse_ino_t node, fuse_bufvec* from, off_t offse
       count = fuse_buf_copy(&target, from, static_cast<fuse_buf_copy_flags>(0));
       return count < 0 ? static_cast<int>(-count) : 0;
     };
+    const auto& file = handleOf<OpenFile>(info);
+    if (const int reason =
+            volumeOf(request).checkRoom(nodeOf(node), &file, static_cast<std::uint64_t>(offset)))
+      return reason;
     const int reason = volumeOf(request).write(handleOf<OpenFile>(info), put, interruptionOf(request));
     if (reason) return reason;
     noticeOtherBytes(request, node);
     fuse_reply_write(request, static_cast<std::size_t>(count));
     return answered;
+  });
+}
+
+void onAllocate(fuse_req_t request, fuse_ino_t node, int mode, off_t offset, off_t length,
+                fuse_file_info* info) {
+  answer(request, [&] {
+    MountedVolume& volume = volumeOf(request);
+    auto& file = handleOf<OpenFile>(info);
+    const auto end = static_cast<std::uint64_t>(offset) + static_cast<std::uint64_t>(length);
+    if ((mode & FALLOC_FL_PUNCH_HOLE) == 0) {
+      if (const int reason = volume.checkRoom(nodeOf(node), &file, end)) return reason;
+    }
+    const auto allocate = [&](int descriptor) {
+      return ::fallocate(descriptor, mode, offset, length) == 0 ? 0 : errno;
+    };
+    const int reason = volume.write(file, allocate, interruptionOf(request));
+    if (reason == 0) noticeOtherBytes(request, node);
+    return reason;
   });
 }
 
@@ -628,6 +650,7 @@ fuse_lowlevel_ops operations() {
   table.mknod = onMakeNode;
   table.read = onRead;
   table.write_buf = onWrite;
+  table.fallocate = onAllocate;
   table.flush = onFlush;
   table.fsync = onSync;
   table.release = onRelease;
