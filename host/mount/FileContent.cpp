@@ -1,6 +1,9 @@
 #include "host/mount/FileContent.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <span>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,38 +13,43 @@
 #include "host/mount/MountErrors.h"
 
 namespace {
+
 constexpr mode_t privateFile = 0600;
+
+int writeAll(int file, std::span<const std::byte> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::write(file, bytes.data(), bytes.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return errno;
+    bytes = bytes.subspan(static_cast<std::size_t>(count));
+  }
+  return 0;
+}
+
 }  // namespace
+
+WriteBase baseOf(const std::string& version) {
+  return version.empty() ? WriteBase{} : WriteBase{WriteBase::Kind::revision, version};
+}
 
 FileContent::FileContent(std::shared_ptr<FSPlugin> volume, std::shared_ptr<UploadJournal> journal)
     : volume_(std::move(volume)), journal_(std::move(journal)) {}
 
 FileContent::~FileContent() {
   if (!id_.empty() && id_ != recordedId_) ::unlink(pathOf(id_).c_str());
-  if (copy_) volume_->releaseFileUrl(*copy_);
 }
 
 std::string FileContent::pathOf(const std::string& dataId) const {
   return isLocalOnly_ ? journal_->localPath(dataId) : journal_->dataPath(dataId);
 }
 
-bool FileContent::hasData() const {
+void FileContent::useReader(std::shared_ptr<FSReader> reader) {
   const std::lock_guard lock(mutex_);
-  return data_ != nullptr;
-}
-
-void FileContent::useCopy(std::shared_ptr<NSURL> copy, Descriptor file, WriteBase base) {
-  std::shared_ptr<NSURL> unused = copy;
-  {
-    const std::lock_guard lock(mutex_);
-    if (!data_) {
-      data_ = std::make_shared<const Descriptor>(std::move(file));
-      copy_ = std::move(copy);
-      base_ = std::move(base);
-      unused = nullptr;
-    }
-  }
-  if (unused) volume_->releaseFileUrl(*unused);  // somebody else was first
+  if (data_ || reader_) return;  // another opener was first, and may have written
+  base_ = baseOf(reader->version());
+  sizeBytes_ = reader->size();
+  reader_ = std::move(reader);
+  hasData_ = true;
 }
 
 /// A new, empty private file under `dataId`.
@@ -51,11 +59,13 @@ int FileContent::createData(std::string dataId) {
   const std::string before = std::exchange(id_, std::move(dataId));
   if (!before.empty() && before != recordedId_) ::unlink(pathOf(before).c_str());
   data_ = std::make_shared<const Descriptor>(std::move(file));
+  sizeBytes_ = 0;
+  hasData_ = isPrivate_ = true;
   return 0;
 }
 
 int FileContent::makeEmpty(const WriteBase& base) {
-  std::shared_ptr<NSURL> unused;
+  std::shared_ptr<FSReader> unused;  // handed back without the lock
   std::unique_lock lock(mutex_);
   ++wishes_;
   changed_.wait(lock, [&] { return !isSending_; });
@@ -65,9 +75,8 @@ int FileContent::makeEmpty(const WriteBase& base) {
   if (!isUnsent_) base_ = base;
   isUnsent_ = !isLocalOnly_;
   isWritten_ = false;
-  unused = std::exchange(copy_, nullptr);
+  unused = std::exchange(reader_, nullptr);
   lock.unlock();
-  if (unused) volume_->releaseFileUrl(*unused);
   return 0;
 }
 
@@ -82,6 +91,8 @@ int FileContent::adopt(const UploadJournal::Upload& upload) {
   Descriptor file(::open(journal_->dataPath(upload.id).c_str(), O_RDWR | O_CLOEXEC));
   if (!file.isOpen()) return errno;
   data_ = std::make_shared<const Descriptor>(std::move(file));
+  hasData_ = isPrivate_ = true;
+  noteSize();
   id_ = recordedId_ = upload.id;
   base_ = upload.base;
   waitsSince_ = upload.since;
@@ -91,39 +102,61 @@ int FileContent::adopt(const UploadJournal::Upload& upload) {
   return 0;
 }
 
-std::shared_ptr<const Descriptor> FileContent::data() const {
+FileContent::Bytes FileContent::bytes() const {
   const std::lock_guard lock(mutex_);
-  return data_;
+  return {data_, data_ ? nullptr : reader_};
 }
 
-std::uint64_t FileContent::sizeBytes() const {
-  const auto file = data();
+void FileContent::noteSize() {
   struct stat status {};
-  if (!file || ::fstat(file->number(), &status) != 0) return 0;
-  return static_cast<std::uint64_t>(status.st_size);
+  if (::fstat(data_->number(), &status) == 0) sizeBytes_ = static_cast<std::uint64_t>(status.st_size);
 }
 
-/// Makes the bytes a private file that may be written: not the volume's copy, and not the version that waits
+/// Copies what the reader reads.
+int FileContent::copyBytes(int to) const {
+  constexpr std::size_t stepBytes = std::size_t{1} << 20;
+  std::vector<std::byte> buffer(stepBytes);
+  for (std::uint64_t offset = 0;;) {
+    NSErrorRef error;
+    const auto count = reader_->read(offset, buffer, {}, &error);
+    if (!count) return errnoOf(error);
+    if (const int reason = writeAll(to, std::span(buffer).first(*count))) return reason;
+    if (*count < buffer.size()) return 0;
+    offset += *count;
+  }
+}
+
+/// Makes the bytes a private file that may be written: not the volume's version, and not the one that waits
 /// in the journal.
 int FileContent::makePrivate() {
   if (!id_.empty() && id_ != recordedId_) return 0;
-  if (!data_) fatalInvariant("a file has bytes before it is written");
-  // From what is open and not from its path, where another version may lie by now.
-  const std::string from = "/proc/self/fd/" + std::to_string(data_->number());
+  if (!data_ && !reader_) fatalInvariant("a file has bytes before it is written");
   std::string dataId = journal_->newId();
-  NSErrorRef error;
-  if (!copyLocalFile(
-          from, pathOf(dataId), std::nullopt, [] { return true; }, &error))
-    return errnoOf(error);
-  Descriptor file(::open(pathOf(dataId).c_str(), O_RDWR | O_CLOEXEC));
-  if (!file.isOpen() || ::fchmod(file.number(), privateFile) != 0) return errno;
+  const std::string path = pathOf(dataId);
+  const int from = data_ ? data_->number() : reader_->localDescriptor();
+  int reason = 0;
+  if (from >= 0) {
+    // From what is open and not from its path, where another version may lie by now.
+    NSErrorRef error;
+    const auto goesOn = [] { return true; };
+    if (!copyLocalFile("/proc/self/fd/" + std::to_string(from), path, std::nullopt, goesOn, &error))
+      return errnoOf(error);
+  }
+  Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, privateFile));
+  if (!file.isOpen() || ::fchmod(file.number(), privateFile) != 0) reason = errno;
+  if (reason == 0 && from < 0) reason = copyBytes(file.number());
+  if (reason != 0) {
+    ::unlink(path.c_str());
+    return reason;
+  }
   data_ = std::make_shared<const Descriptor>(std::move(file));
   id_ = std::move(dataId);
-  if (const auto copy = std::exchange(copy_, nullptr)) volume_->releaseFileUrl(*copy);
+  reader_.reset();
+  isPrivate_ = true;
   return 0;
 }
 
-int FileContent::write(const std::function<int(int file)>& put) {
+int FileContent::write(const std::function<int(int file, std::uint64_t sizeBytes)>& put) {
   std::unique_lock lock(mutex_);
   ++wishes_;
   changed_.wait(lock, [&] { return !isSending_; });
@@ -131,7 +164,9 @@ int FileContent::write(const std::function<int(int file)>& put) {
   if (const int reason = makePrivate()) return reason;
   isUnsent_ = !isLocalOnly_;
   isWritten_ = !isLocalOnly_;
-  return put(data_->number());
+  const int reason = put(data_->number(), sizeBytes_);
+  noteSize();
+  return reason;
 }
 
 void FileContent::setModified(NSDate::Time time) {

@@ -14,9 +14,12 @@
 #include "foundation/NSDate.h"
 #include "host/mount/UploadJournal.h"
 
-/// The bytes of one file of a mount, while somebody has it open or they wait to be sent: the volume's local
-/// copy while they are only read, a private file once they are written. Any thread; errors are errno values,
-/// 0 for none.
+/// What a file that is made from `version` (empty: not known) may replace.
+WriteBase baseOf(const std::string& version);
+
+/// The bytes of one file of a mount, while it is open or waits to be sent: one version of the volume's file
+/// while they are only read, a private file once they are written. Any thread; errors are errno values, 0 for
+/// none.
 ///
 /// A version that was closed and could not be sent is never written over: the next write works on a copy, and
 /// the older version waits until the newer one has been closed.
@@ -25,15 +28,14 @@ class FileContent {
   FileContent(std::shared_ptr<FSPlugin> volume, std::shared_ptr<UploadJournal> journal);
   FileContent(const FileContent&) = delete;
   FileContent& operator=(const FileContent&) = delete;
-  /// Hands the volume's copy back. The private file goes unless it waits in the journal.
+  /// The private file goes unless it waits in the journal.
   ~FileContent();
 
   // Making.
-  bool hasData() const;
-  /// Shows the volume's copy, which is given back at the end, unless there are bytes already.
-  /// @param file  `copy`, open for reading.
-  /// @param base  the version that it is.
-  void useCopy(std::shared_ptr<NSURL> copy, Descriptor file, WriteBase base);
+  /// Never blocks.
+  bool hasData() const { return hasData_; }
+  /// Shows what `reader` reads, unless there are bytes already.
+  void useReader(std::shared_ptr<FSReader> reader);
   /// An empty private file in place of whatever there was, to be sent even if nothing is written.
   int makeEmpty(const WriteBase& base);
   /// An empty private file that is never sent.
@@ -42,10 +44,20 @@ class FileContent {
   int adopt(const UploadJournal::Upload& upload);
 
   // Bytes.
-  std::shared_ptr<const Descriptor> data() const;
-  std::uint64_t sizeBytes() const;
+  /// Where the bytes can be read, for as long as this lives. Neither: they are not at hand.
+  struct Bytes {
+    std::shared_ptr<const Descriptor> file;
+    std::shared_ptr<FSReader> reader;
+    bool areAtHand() const { return file || reader; }
+    /// Of a local file that holds them all, or -1: `reader` alone has them.
+    int descriptor() const { return file ? file->number() : reader ? reader->localDescriptor() : -1; }
+  };
+  Bytes bytes() const;
+  /// The size as the last change left it. Never blocks; 0 while there are no bytes.
+  std::uint64_t sizeBytes() const { return sizeBytes_; }
   /// Lets `put` write into the private file, which is made first. Blocks while the bytes are being sent.
-  int write(const std::function<int(int file)>& put);
+  /// @param put  gets the file and its size in bytes, which nobody else changes meanwhile.
+  int write(const std::function<int(int file, std::uint64_t sizeBytes)>& put);
   /// The time that goes along when the bytes are sent.
   void setModified(NSDate::Time time);
 
@@ -74,6 +86,8 @@ class FileContent {
     const std::shared_ptr<FileContent> content_;
   };
   bool isLocalOnly() const;
+  /// Whether the bytes lie in the private file, which the volume does not keep.
+  bool isPrivate() const { return isPrivate_; }
   /// A file that stayed here is to be sent from now on, in place of the version `base`.
   int sendFromNow(const WriteBase& base);
   WriteBase base() const;
@@ -107,7 +121,9 @@ class FileContent {
 
  private:
   int makePrivate();
+  int copyBytes(int to) const;
   int createData(std::string dataId);
+  void noteSize();
   void dropRecorded();
   std::string pathOf(const std::string& dataId) const;
   UploadJournal::Upload entryFor(const std::string& dataId, const std::string& path);
@@ -118,15 +134,18 @@ class FileContent {
   std::condition_variable changed_;
   // All guarded by mutex_, which is held while the disk works. What others look at in passing is atomic, so
   // that they need not wait for that.
-  std::shared_ptr<const Descriptor> data_;
-  std::shared_ptr<NSURL> copy_;  // the volume's, while it is shown
-  std::string id_;               // of the private file; empty: none
-  std::string recordedId_;       // of the version that waits in the journal; empty: none
+  std::shared_ptr<const Descriptor> data_;  // the private file
+  std::shared_ptr<FSReader> reader_;        // while there is no private file
+  std::string id_;                          // of the private file; empty: none
+  std::string recordedId_;                  // of the version that waits in the journal; empty: none
   WriteBase base_;
   std::string elsewhere_;
   std::optional<NSDate::Time> waitsSince_;  // while unsent bytes are in the journal
   std::string reason_;                      // why the last attempt to send them failed
   bool isSending_ = false;
+  std::atomic<std::uint64_t> sizeBytes_{0};
+  std::atomic<bool> hasData_{false};
+  std::atomic<bool> isPrivate_{false};
   std::atomic<bool> isLocalOnly_{false};
   std::atomic<bool> isUnsent_{false};
   std::atomic<bool> isWritten_{false};

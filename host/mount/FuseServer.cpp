@@ -28,6 +28,7 @@
 #include "foundation/NSLog.h"
 #include "foundation/NSString.h"
 #include "foundation/NSThread.h"
+#include "host/mount/MountErrors.h"
 
 namespace {
 
@@ -111,6 +112,7 @@ struct FuseServer::Session {
   std::map<NodeId, int> foldersWorkedIn;  // guarded by noticesMutex: how many requests
   bool isTelling = true;                  // guarded by noticesMutex
   std::thread teller;
+  std::atomic<std::size_t> tellingOfAppends{0};
 
   void work();
   void addThread();
@@ -118,6 +120,7 @@ struct FuseServer::Session {
   void notice(NodeId folder, std::function<void()> tell);
   std::deque<Notice>::iterator nextNotice();
   bool waitForRequest() const;
+  void bytesAppended(fuse_ino_t number, std::uint64_t offset, bool isUncached);
 
   mode_t modeOf(bool isFolder) const {
     return isFolder ? S_IFDIR | (0777 & ~umask) : S_IFREG | (0666 & ~umask);
@@ -443,7 +446,9 @@ void noticeOtherSpelling(fuse_req_t request, fuse_ino_t parent, const char* name
 void fillOpened(fuse_file_info* info, MountedVolume::Opened& opened, bool otherSpelling) {
   info->fh = reinterpret_cast<std::uintptr_t>(opened.file.get());
   // Two inodes of one file have two caches: past the one under another spelling.
-  info->direct_io = otherSpelling ? 1 : 0;
+  // Appends go to the file's real end, wherever the kernel believes it to be: not through its page cache.
+  opened.file->isUncached = otherSpelling || (info->flags & O_APPEND) != 0;
+  info->direct_io = opened.file->isUncached ? 1 : 0;
   info->keep_cache = opened.keepsCache && !otherSpelling ? 1 : 0;
 }
 
@@ -499,13 +504,24 @@ void onMakeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t 
   });
 }
 
+int replyRange(fuse_req_t request, FSReader& reader, std::size_t size, off_t offset) {
+  std::vector<std::byte> buffer(size);
+  NSErrorRef error;
+  const auto goesOn = [isInterrupted = interruptionOf(request)] { return !isInterrupted(); };
+  const auto count = reader.read(static_cast<std::uint64_t>(offset), buffer, goesOn, &error);
+  if (!count) return error ? errnoOf(error) : EIO;
+  fuse_reply_buf(request, reinterpret_cast<const char*>(buffer.data()), *count);
+  return answered;
+}
+
 void onRead(fuse_req_t request, fuse_ino_t /*node*/, std::size_t size, off_t offset, fuse_file_info* info) {
   answer(request, [&] {
     const auto bytes = volumeOf(request).bytesOf(handleOf<OpenFile>(info), interruptionOf(request));
     if (bytes.error) return bytes.error;
+    if (bytes.value.descriptor() < 0) return replyRange(request, *bytes.value.reader, size, offset);
     fuse_bufvec source = FUSE_BUFVEC_INIT(size);
     source.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
-    source.buf[0].fd = bytes.value->number();
+    source.buf[0].fd = bytes.value.descriptor();
     source.buf[0].pos = offset;
     fuse_reply_data(request, &source, FUSE_BUF_SPLICE_MOVE);
     return answered;
@@ -515,11 +531,15 @@ void onRead(fuse_req_t request, fuse_ino_t /*node*/, std::size_t size, off_t off
 void onWrite(fuse_req_t request, fuse_ino_t node, fuse_bufvec* from, off_t offset, fuse_file_info* info) {
   answer(request, [&] {
     ssize_t count = 0;
-    const auto put = [&](int file) {
+    // The flags are those of now (fcntl can change them). Pages of a mapping have their place.
+    const bool appends = (info->flags & O_APPEND) && !info->writepage;
+    std::uint64_t start = static_cast<std::uint64_t>(offset);
+    const auto put = [&](int file, std::uint64_t sizeBytes) {
+      if (appends) start = sizeBytes;
       fuse_bufvec target = FUSE_BUFVEC_INIT(fuse_buf_size(from));
       target.buf[0].flags = static_cast<fuse_buf_flags>(FUSE_BUF_IS_FD | FUSE_BUF_FD_SEEK);
       target.buf[0].fd = file;
-      target.buf[0].pos = offset;
+      target.buf[0].pos = static_cast<off_t>(start);
       count = fuse_buf_copy(&target, from, static_cast<fuse_buf_copy_flags>(0));
       return count < 0 ? static_cast<int>(-count) : 0;
     };
@@ -529,7 +549,8 @@ void onWrite(fuse_req_t request, fuse_ino_t node, fuse_bufvec* from, off_t offse
       return reason;
     const int reason = volumeOf(request).write(handleOf<OpenFile>(info), put, interruptionOf(request));
     if (reason) return reason;
-    noticeOtherBytes(request, node);
+    if (appends) sessionOf(request).bytesAppended(node, start, handleOf<OpenFile>(info).isUncached);
+    if (!appends) noticeOtherBytes(request, node);
     fuse_reply_write(request, static_cast<std::size_t>(count));
     return answered;
   });
@@ -544,7 +565,7 @@ void onAllocate(fuse_req_t request, fuse_ino_t node, int mode, off_t offset, off
     if ((mode & FALLOC_FL_PUNCH_HOLE) == 0) {
       if (const int reason = volume.checkRoom(nodeOf(node), &file, end)) return reason;
     }
-    const auto allocate = [&](int descriptor) {
+    const auto allocate = [&](int descriptor, std::uint64_t /*before*/) {
       return ::fallocate(descriptor, mode, offset, length) == 0 ? 0 : errno;
     };
     const int reason = volume.write(file, allocate, interruptionOf(request));
@@ -804,6 +825,24 @@ void FuseServer::Session::tellKernel() {
     tell();
     lock.lock();
   }
+}
+
+/// The kernel knows neither the end of the file nor the bytes there. It hears of both before the program
+/// hears that it has written, so that no read in between finds zeros there. That waits for reads of the last
+/// page, which other threads answer: so not all may wait here. Nor may a write through the page cache
+/// (O_APPEND was set after the open), for which the kernel holds the page itself.
+void FuseServer::Session::bytesAppended(fuse_ino_t number, std::uint64_t offset, bool isUncached) {
+  const auto tell = [this, number, offset] {
+    const auto from = static_cast<off_t>(offset);
+    fuse_lowlevel_notify_inval_inode(fuse, numberOf(nodeOf(number), false), from, 0);
+    if (isOtherSpelling(number)) fuse_lowlevel_notify_inval_inode(fuse, number, from, 0);
+  };
+  if (++tellingOfAppends <= maxThreads / 4 && isUncached) {
+    tell();
+  } else {
+    notice(0, tell);
+  }
+  --tellingOfAppends;
 }
 
 void FuseServer::Session::notice(NodeId about, std::function<void()> tell) {

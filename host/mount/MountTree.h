@@ -24,12 +24,17 @@ struct MountNode : std::enable_shared_from_this<MountNode> {
   MountNode* parent = nullptr;  // null for the root, and for what is no longer in the tree
   std::string name;             // as the service spells it; empty for the root
   bool isRemote = false;        // the service has it
-  bool isKernelFresh = false;   // what the kernel keeps of the bytes is what they are
-  std::uint64_t sizeBytes = 0;
+  bool isKernelFresh = false;   // the kernel's page cache is current
+  /// Files: another node has the name now, with a newer version. Who has this one open keeps its version.
+  bool isReplaced = false;
+  /// Files: a newer version is on the volume, which waits until what is being written here was sent.
+  bool isBehind = false;
+  std::string version;          // files: the one that is shown; empty while the volume has told none
+  std::uint64_t sizeBytes = 0;  // while `content` has no bytes, which know better
   NSDate::Time modified{};
-  NSDate::Time listedModified{};         // the date as the volume tells it; `modified` may have been set here
-  std::uint64_t lookups = 0;             // how often the kernel has been told of it
-  std::shared_ptr<FileContent> content;  // files: while open or unsent
+  std::optional<NSDate::Time> listedModified;  // as the volume tells it; `modified` may have been set here
+  std::uint64_t lookups = 0;                   // how often the kernel has been told of it
+  std::shared_ptr<FileContent> content;        // files: while open or unsent, and a while longer
 
   /// What is known of a folder's inside.
   struct Inside {

@@ -12,11 +12,12 @@
 using namespace std::chrono_literals;
 
 MountedVolume::MountedVolume(std::shared_ptr<FSPlugin> volume, std::shared_ptr<UploadJournal> journal,
-                             KernelCache& kernel, LinkMaker makeLink)
+                             KernelCache& kernel, LinkMaker makeLink, IsLinked isLinked)
     : volume_(std::move(volume)),
       journal_(std::move(journal)),
       kernel_(kernel),
       makeLink_(std::move(makeLink)),
+      isLinked_(std::move(isLinked)),
       tree_([this](std::string_view name) { return volume_->nameKey(name); }),
       inbox_(std::make_shared<Inbox>()) {}
 
@@ -68,7 +69,14 @@ MountNodeRef MountedVolume::find(NodeId number) const {
 }
 
 NodeAttributes MountedVolume::attributesOf(const MountNode& node) const {
-  return {node.id, node.isFolder, node.sizeBytes, node.id == MountTree::rootId ? startTime_ : node.modified};
+  const bool knowsBetter = node.content && node.content->hasData();
+  return {node.id, node.isFolder, knowsBetter ? node.content->sizeBytes() : node.sizeBytes,
+          node.id == MountTree::rootId ? startTime_ : node.modified};
+}
+
+/// Failure without a reason means that there is nothing, or that the account has been unlinked.
+int MountedVolume::reasonOf(const NSErrorRef& error) const {
+  return !error && isLinked_ && !isLinked_() ? EACCES : errnoOf(error);
 }
 
 /// The path of `node`, which stays what it is for as long as the answer lives; nothing when it is gone.
@@ -237,15 +245,15 @@ void MountedVolume::recoverRenames() {
   for (const UploadJournal::Rename& rename : journal_->renames()) {
     NSErrorRef error;
     const bool isAside = volume_->attributesAtPath(rename.aside, &error) != nullptr;
-    if (!isAside && errnoOf(error) != ENOENT) continue;  // not known now: the next start looks again
+    if (!isAside && reasonOf(error) != ENOENT) continue;  // not known now: the next start looks again
     int reason = 0;
     if (isAside) {
       error = nullptr;
       const bool isReplaced = volume_->attributesAtPath(rename.to, &error) != nullptr;
-      if (!isReplaced && errnoOf(error) != ENOENT) continue;
+      if (!isReplaced && reasonOf(error) != ENOENT) continue;
       error = nullptr;
       const bool isStillThere = volume_->attributesAtPath(rename.from, &error) != nullptr;
-      if (!isStillThere && errnoOf(error) != ENOENT) continue;
+      if (!isStillThere && reasonOf(error) != ENOENT) continue;
       // Something at the new place while the item is still at its old one was put there by another device:
       // then what was set aside stays beside it.
       if (!isReplaced) reason = moveRemote(rename.aside, rename.to, never);

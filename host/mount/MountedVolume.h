@@ -52,7 +52,11 @@ struct OpenFile {
   MountNodeRef node;
   std::shared_ptr<FileContent> content;
   FileContent::Access access = FileContent::Access::read;
+  bool isUncached = false;  // the kernel keeps no pages of what goes through this one
 };
+
+/// Whether the account is still linked.
+using IsLinked = std::function<bool()>;
 
 /// A volume as a tree of numbered nodes with the operations that a kernel asks for: everything about a
 /// mounted account but the kernel's own protocol. Talks to the account through FSPlugin and nothing else.
@@ -60,21 +64,24 @@ struct OpenFile {
 /// Names are the same where the volume says so. A file is sent when its last writer closes it; until the
 /// service has it, it is in the journal, from which it is sent again, in this process or the next. What
 /// another device changed is never overwritten: the service keeps both. Folders that were shown are watched,
-/// and listed anew when they change.
+/// and listed anew when they change. A file's new version gets a node of its own, as if it had been renamed
+/// over the one before: the kernel's caches then hold one version a node, and an open file keeps its version.
 ///
 /// Threads: any, but not the main thread. Operations block until the service has answered; only those that
 /// change the tree wait for each other, and only where their paths meet (PathLocks). Errors are errno values:
 /// ENOENT, EEXIST, ENOTDIR, EISDIR, ENOTEMPTY, EINVAL and ENAMETOOLONG (names that the service cannot keep),
-/// EACCES, ENOSPC, EINTR, EBUSY (the service asks for patience), EIO (the line).
-/// Lock order: a path's hold first, then treeMutex_, then a file's own; nothing blocks under treeMutex_.
+/// EACCES (also: the account is not linked any more), ENOSPC, EINTR, EBUSY (the service asks to wait), EIO
+/// (no connection), ESTALE (the name means another node now: look again). Lock order: a path's hold first,
+/// then treeMutex_, then a file's own; nothing blocks under treeMutex_.
 class MountedVolume {
  public:
   using LinkMaker = std::function<std::optional<std::string>(const std::string& path, NSErrorRef* error)>;
 
   /// @param kernel  may be told things as long as this lives.
   /// @param makeLink  makes a public link for a path of the volume; empty when the account cannot.
+  /// @param isLinked  asked when the volume fails without a reason; must not block. Empty: it always is.
   MountedVolume(std::shared_ptr<FSPlugin> volume, std::shared_ptr<UploadJournal> journal, KernelCache& kernel,
-                LinkMaker makeLink);
+                LinkMaker makeLink, IsLinked isLinked = {});
   MountedVolume(const MountedVolume&) = delete;
   MountedVolume& operator=(const MountedVolume&) = delete;
   /// Ends the threads and watches; what has not been sent stays in the journal.
@@ -119,7 +126,7 @@ class MountedVolume {
   struct Opened {
     std::unique_ptr<OpenFile> file;
     NodeAttributes attributes;
-    bool keepsCache = false;  // what the kernel has of the bytes still holds
+    bool keepsCache = false;  // the kernel's page cache is current
   };
   /// @param flags  as open(2): O_RDONLY, O_WRONLY, O_RDWR, O_TRUNC.
   Answer<Opened> open(NodeId node, int flags, const IsInterrupted& isInterrupted);
@@ -129,10 +136,10 @@ class MountedVolume {
   };
   Answer<Created> create(NodeId folder, const std::string& name, int flags,
                          const IsInterrupted& isInterrupted);
-  /// The file to read from; its bytes are fetched if they are not at hand.
-  Answer<std::shared_ptr<const Descriptor>> bytesOf(OpenFile& file, const IsInterrupted& isInterrupted);
-  /// Lets `put` write at the file's descriptor.
-  int write(OpenFile& file, const std::function<int(int descriptor)>& put,
+  /// Where to read from; the bytes are fetched if they are not at hand.
+  Answer<FileContent::Bytes> bytesOf(OpenFile& file, const IsInterrupted& isInterrupted);
+  /// Lets `put` write at the file's descriptor, which then has `sizeBytes`.
+  int write(OpenFile& file, const std::function<int(int descriptor, std::uint64_t sizeBytes)>& put,
             const IsInterrupted& isInterrupted);
   /// Whether the file may grow to `sizeBytes` without being written so far: ENOSPC when the disk has no room
   /// for that. A hole itself takes none, but all of the file's bytes are sent.
@@ -162,6 +169,7 @@ class MountedVolume {
     std::vector<std::pair<NodeId, std::string>> entries;
     std::vector<NodeId> contents;
     std::vector<NodeId> listings;
+    std::vector<std::shared_ptr<FileContent>> unused;  // released then
   };
   /// A file that waits to be sent: a node's, or one that an earlier process left (by its path).
   struct Waiting {
@@ -187,6 +195,8 @@ class MountedVolume {
     PathLocks::Hold hold;
   };
   using Clock = std::chrono::steady_clock;
+  static constexpr std::size_t maxKept = 32;
+  static constexpr std::uint64_t maxKeptBytes = 256ULL * 1024 * 1024;
   static constexpr std::chrono::seconds firstRetryDelay{15};
   static constexpr std::chrono::minutes longestRetryDelay{5};
 
@@ -197,6 +207,8 @@ class MountedVolume {
 
   MountNodeRef find(NodeId number) const;
   NodeAttributes attributesOf(const MountNode& node) const;
+  /// What the failure of an operation of the volume is to a program.
+  int reasonOf(const NSErrorRef& error) const;
   Found foundLocked(const MountNodeRef& node, const std::string& name);
   std::optional<HeldPath> holdPath(const MountNodeRef& node);
   int ensureListed(const MountNodeRef& folder, const IsInterrupted& isInterrupted);
@@ -205,7 +217,9 @@ class MountedVolume {
                                const IsInterrupted& isInterrupted);
   std::vector<MountNodeRef> applyListing(MountNode& folder, const FSItems& items, Notices& notices);
   void addMissing(MountNode& folder, const FSItems& items, Notices& notices);
-  void update(MountNode& node, const FSItem& item, Notices& notices);
+  static bool isOtherVersion(const MountNode& node, const FSItem& item);
+  void show(MountNode& node, const FSItem& item, Notices& notices);
+  bool showNewVersion(const MountNodeRef& node, const FSItem& item, Notices& notices);
   void adoptLeftUploads(MountNode& folder);
   void watch(const MountNodeRef& folder, const std::string& path);
   void unwatch(MountNode& folder);
@@ -216,10 +230,15 @@ class MountedVolume {
 
   int fetch(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
             const IsInterrupted& isInterrupted);
-  WriteBase knownBase(bool isRemote, const std::string& path);
+  int fetchFrom(const std::string& path, const MountNodeRef& node,
+                const std::shared_ptr<FileContent>& content, const IsInterrupted& isInterrupted);
+  void fetchForReaders(const MountNodeRef& node, const std::string& path, const IsInterrupted& isInterrupted);
+  WriteBase baseToReplace(const MountNodeRef& node) const;
   std::shared_ptr<FileContent> contentOf(const MountNodeRef& node) const;
   std::shared_ptr<FileContent> useContent(const MountNodeRef& node, FileContent::Access access);
   void dropContent(const MountNodeRef& node, const std::shared_ptr<FileContent>& content);
+  void keepLocked(const MountNodeRef& node, std::vector<std::shared_ptr<FileContent>>& unused);
+  std::optional<HeldPath> holdPlace(const MountNodeRef& node, const FileContent& content);
   int prepare(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
               FileContent::Access access, bool truncates, const IsInterrupted& isInterrupted);
   Answer<Created> openExisting(const MountNodeRef& node, const std::string& name, int flags,
@@ -251,6 +270,7 @@ class MountedVolume {
   struct RenamePlan;
   int claim(RenamePlan& plan, const IsInterrupted& isInterrupted);
   int renameUnsent(RenamePlan& plan, bool staysLocal, const IsInterrupted& isInterrupted);
+  bool isChangedElsewhere(const MountNodeRef& node, const std::string& path);
   int renameRemote(RenamePlan& plan, const IsInterrupted& isInterrupted);
   void hang(RenamePlan& plan);
 
@@ -258,11 +278,15 @@ class MountedVolume {
   const std::shared_ptr<UploadJournal> journal_;
   KernelCache& kernel_;
   const LinkMaker makeLink_;
+  const IsLinked isLinked_;
   PathLocks paths_;
   const NSDate::Time startTime_ = std::chrono::system_clock::now();
 
   mutable std::mutex treeMutex_;
   MountTree tree_;  // guarded by treeMutex_
+  /// Files that were written and sent, the last closed at the end: they keep their bytes for a while, so that
+  /// reading them again does not fetch what has just been sent.
+  std::deque<std::weak_ptr<MountNode>> kept_;  // guarded by treeMutex_
 
   std::mutex watchMutex_;  // the volume takes watches from one thread at a time
   const std::shared_ptr<Inbox> inbox_;

@@ -30,6 +30,18 @@ bool isAtOrBelow(const MountNode& node, const MountNode& top) {
 
 constexpr auto never = [] { return false; };
 
+/// Where another device's version of the file at `path` is kept; `otherwise` where the volume does not hold
+/// such a long name.
+std::string besidePath(const FSPlugin& volume, const std::string& path, const std::string& otherwise) {
+  const std::string name = lastPathComponent(path);
+  const std::size_t dot = name.rfind('.');
+  const std::string stem = dot == 0 || dot == std::string::npos ? name : name.substr(0, dot);
+  const std::string beside = stem + " (conflicted copy " + KZVSupport::uniquePathComponent().substr(0, 8) +
+                             ")" + name.substr(stem.size());
+  return volume.nameProblem(beside) ? otherwise
+                                    : appendingPathComponent(deletingLastPathComponent(path), beside);
+}
+
 }  // namespace
 
 // --- Steps on the service
@@ -126,6 +138,7 @@ int MountedVolume::removeFile(NodeId folderId, const std::string& name, const Is
   const auto claimed = claimSubtree(node, isInterrupted);
   if (claimed.error) return claimed.error;
   if (claimed.value.isRemote) {
+    fetchForReaders(node, claimed.value.path, isInterrupted);
     if (const int reason = removeRemote(claimed.value.path, isInterrupted)) return reason;
   }
   takeOut(node, name);
@@ -282,7 +295,7 @@ int MountedVolume::claim(RenamePlan& plan, const IsInterrupted& isInterrupted) {
 int MountedVolume::renameUnsent(RenamePlan& plan, bool staysLocal, const IsInterrupted& isInterrupted) {
   const auto content = contentOf(plan.source);
   if (!content) return EBUSY;  // a folder that another device has just deleted
-  const WriteBase base = knownBase(plan.isTargetRemote, plan.toPath);
+  const WriteBase base = baseToReplace(plan.target);
   const bool beginsToBeSent = content->isLocalOnly() && !staysLocal;
   if (beginsToBeSent) {
     if (const int reason = content->sendFromNow(base)) return reason;
@@ -294,6 +307,7 @@ int MountedVolume::renameUnsent(RenamePlan& plan, bool staysLocal, const IsInter
   {
     const std::lock_guard lock(treeMutex_);
     plan.source->isRemote = plan.isTargetRemote;
+    plan.source->version = plan.target ? plan.target->version : "";
   }
   if (!beginsToBeSent || content->writers() > 0) return 0;
   plan.hold = {};  // sending holds the path itself
@@ -304,19 +318,38 @@ int MountedVolume::renameUnsent(RenamePlan& plan, bool staysLocal, const IsInter
   return content->isRecorded() ? 0 : reason;
 }
 
+/// Whether another device has replaced the file since it was shown here, as the service says now.
+bool MountedVolume::isChangedElsewhere(const MountNodeRef& node, const std::string& path) {
+  std::string shown;
+  {
+    const std::lock_guard lock(treeMutex_);
+    shown = node->version;
+  }
+  if (shown.empty()) return false;
+  volume_->pollForChanges();
+  const auto item = volume_->itemAtPath(path, nullptr);
+  return item && !item->isDirectory() && item->version() != shown;
+}
+
 /// On the service nothing takes the place of something else: what is in the way is set aside first, and comes
 /// back if the move fails. The journal knows of it, should this process die in between.
 int MountedVolume::renameRemote(RenamePlan& plan, const IsInterrupted& isInterrupted) {
   std::string aside;
   UploadJournal::Rename record;
+  bool keepsOther = false;
   if (plan.isTargetRemote) {
+    const std::string inTheWay =
+        appendingPathComponent(deletingLastPathComponent(plan.toPath), plan.targetName);
+    fetchForReaders(plan.target, inTheWay, isInterrupted);
+    keepsOther = isChangedElsewhere(plan.target, inTheWay);
     aside = appendingPathComponent(
         deletingLastPathComponent(plan.toPath),
         setAsideName(*volume_, plan.targetName, KZVSupport::uniquePathComponent().substr(0, 8)));
+    if (keepsOther) aside = besidePath(*volume_, inTheWay, aside);
     record = {journal_->newId(), plan.fromPath, plan.toPath, aside};
-    if (const auto error = journal_->put(record)) return errnoOf(error);
-    const std::string inTheWay =
-        appendingPathComponent(deletingLastPathComponent(plan.toPath), plan.targetName);
+    // A version that stays where it is set aside must not be removed after a restart.
+    const auto error = keepsOther ? nullptr : journal_->put(record);
+    if (error) return errnoOf(error);
     if (const int reason = moveRemote(inTheWay, aside, isInterrupted)) {
       journal_->forgetRename(record.id);
       return reason;
@@ -326,8 +359,14 @@ int MountedVolume::renameRemote(RenamePlan& plan, const IsInterrupted& isInterru
   const int reason =
       moveRemote(plan.fromPath, plan.toPath, aside.empty() ? isInterrupted : IsInterrupted(never));
   if (!aside.empty()) {
-    const int second = reason == 0 ? removeRemote(aside, never) : moveRemote(aside, plan.toPath, never);
-    if (second == 0) {
+    int second = 0;
+    if (reason != 0) second = moveRemote(aside, plan.toPath, never);
+    if (reason == 0 && !keepsOther) second = removeRemote(aside, never);
+    if (reason == 0 && keepsOther) {
+      NSLog(NSLogLevel::warning, "mount",
+            plan.toPath + " was changed elsewhere meanwhile; that version is kept beside it as " + aside);
+      inbox_->add(plan.toFolder);
+    } else if (second == 0) {
       journal_->forgetRename(record.id);
     } else {
       NSLog(NSLogLevel::warning, "mount",
@@ -340,6 +379,8 @@ int MountedVolume::renameRemote(RenamePlan& plan, const IsInterrupted& isInterru
   {
     const std::lock_guard lock(treeMutex_);
     plan.source->isRemote = true;
+    if (const auto moved = volume_->revisionAtPath(plan.toPath); moved && !plan.source->isReplaced)
+      plan.source->version = *moved;
     MountTree::collectWatched(*plan.source, watched);
   }
   if (const auto content = contentOf(plan.source)) {
@@ -363,6 +404,11 @@ void MountedVolume::hang(RenamePlan& plan) {
   {
     const std::lock_guard lock(treeMutex_);
     const bool isThere = tree_.holds(*plan.source);
+    if (plan.source->isReplaced) {  // what has moved is another device's version, which a listing shows
+      plan.toFolder->inside->listing = MountNode::Inside::Listing::outOfDate;
+      inbox_->add(plan.toFolder);
+      return;
+    }
     if (!tree_.holds(*plan.toFolder)) {  // deleted elsewhere just now
       if (isThere && !mustStay(*plan.source)) tree_.remove(plan.source);
       return;

@@ -23,32 +23,57 @@ namespace {
 /// from the next program: it is sent only if it is still there then.
 constexpr auto emptyFileDelay = 1s;
 
-WriteBase baseOf(const std::optional<std::string>& revision) {
-  return revision ? WriteBase{WriteBase::Kind::revision, *revision} : WriteBase{};
-}
-
 }  // namespace
 
 // --- Opening
 
-/// The bytes of the file, with one user more.
+/// The bytes of the file, with one user more; null when the name means another file now, or nothing.
 std::shared_ptr<FileContent> MountedVolume::useContent(const MountNodeRef& node, Access access) {
   const std::lock_guard lock(treeMutex_);
+  // A removed file can be opened again through a descriptor that is still open, but to no use be written.
+  const bool isRemoved = !tree_.holds(*node);
+  if (node->isReplaced || (isRemoved && (access == Access::write || !node->content))) return nullptr;
   if (!node->content) node->content = std::make_shared<FileContent>(volume_, journal_);
   node->content->addUser(access);
   return node->content;
 }
 
-/// Lets go of bytes that nobody has open and that the service has.
+/// Releases bytes that nobody has open and that the service has.
 void MountedVolume::dropContent(const MountNodeRef& node, const std::shared_ptr<FileContent>& content) {
-  std::shared_ptr<FileContent> unused;
+  std::vector<std::shared_ptr<FileContent>> unused;  // destroyed without the lock
   const std::lock_guard lock(treeMutex_);
-  if (node->content != content || content->hasUsers() || content->isUnsent()) return;
+  if (node->content != content || content->isUnsent()) return;
   const bool isThere = tree_.holds(*node);
+  // What another device did meanwhile, to a file that was open for writing here, is shown from now on.
+  if (isThere && (node->isBehind || !node->isRemote) && content->writers() == 0 && !content->isLocalOnly())
+    inbox_->add(node->parent->shared_from_this());
+  if (content->hasUsers()) return;
   if (content->isLocalOnly() && isThere) return;
-  unused = std::move(node->content);
-  // Kept for a writer who wrote nothing; the service has it no more.
-  if (isThere && !node->isRemote) inbox_->add(node->parent->shared_from_this());
+  if (content->hasData()) node->sizeBytes = content->sizeBytes();
+  const bool isCurrent = isThere && node->isRemote && !node->isBehind;
+  if (isCurrent && content->isPrivate()) return keepLocked(node, unused);
+  unused.push_back(std::move(node->content));
+}
+
+/// Keeps the bytes of a file that was sent, and releases those of the ones closed longest ago.
+void MountedVolume::keepLocked(const MountNodeRef& node, std::vector<std::shared_ptr<FileContent>>& unused) {
+  std::deque<std::weak_ptr<MountNode>> kept{node};
+  std::uint64_t bytes = node->content->sizeBytes();
+  if (bytes > maxKeptBytes) unused.push_back(std::move(node->content));
+  for (auto entry = kept_.rbegin(); entry != kept_.rend(); ++entry) {
+    const MountNodeRef older = entry->lock();
+    const bool isKept = older && older != node && older->content && !older->content->hasUsers() &&
+                        !older->content->isUnsent() && !older->content->isLocalOnly();
+    if (!isKept) continue;
+    bytes += older->content->sizeBytes();
+    if (kept.size() < maxKept && bytes <= maxKeptBytes) {
+      kept.push_front(older);
+    } else {
+      older->sizeBytes = older->content->sizeBytes();
+      unused.push_back(std::move(older->content));
+    }
+  }
+  kept_ = std::move(kept);
 }
 
 MountedVolume::Opened MountedVolume::openedLocked(const MountNodeRef& node,
@@ -61,13 +86,11 @@ MountedVolume::Opened MountedVolume::openedLocked(const MountNodeRef& node,
   return {std::move(file), attributesOf(*node), keepsCache};
 }
 
-/// The version that a file written now replaces.
-WriteBase MountedVolume::knownBase(bool isRemote, const std::string& path) {
-  if (!isRemote) return {WriteBase::Kind::nothing, {}};
-  // Forgotten meanwhile: asked for now, since what is the latest when the file is sent may be another's by
-  // then.
-  if (!volume_->revisionAtPath(path)) volume_->attributesAtPath(path, nullptr);
-  return baseOf(volume_->revisionAtPath(path));
+/// What takes the place of `node` replaces the version that was shown, and no other.
+WriteBase MountedVolume::baseToReplace(const MountNodeRef& node) const {
+  const std::lock_guard lock(treeMutex_);
+  if (!node || !node->isRemote) return {WriteBase::Kind::nothing, {}};
+  return baseOf(node->version);
 }
 
 Answer<MountedVolume::Opened> MountedVolume::open(NodeId number, int flags,
@@ -82,6 +105,7 @@ Answer<MountedVolume::Opened> MountedVolume::open(NodeId number, int flags,
     wasFresh = node->isKernelFresh;
   }
   const auto content = useContent(node, access);
+  if (!content) return {{}, ESTALE};  // gone since it was looked up: the kernel looks again
   const int reason =
       prepare(node, content, access, (flags & O_TRUNC) != 0 && access == Access::write, isInterrupted);
   if (reason != 0) {
@@ -90,62 +114,70 @@ Answer<MountedVolume::Opened> MountedVolume::open(NodeId number, int flags,
     return {{}, reason};
   }
   const std::lock_guard lock(treeMutex_);
-  // What the kernel kept from before a fetch is not what was fetched.
   return {openedLocked(node, content, access, wasFresh), 0};
 }
 
-/// Gets the bytes that an open needs: none when it throws them away, or when the kernel still has them.
+/// Gets the bytes that an open needs: none when it throws them away. They are at hand from then on, whatever
+/// happens to the file.
 int MountedVolume::prepare(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
                            Access access, bool truncates, const IsInterrupted& isInterrupted) {
   if (truncates) {
     const auto held = holdPath(node);
-    if (!held) return ESTALE;  // gone since it was looked up: the kernel looks again
-    if (const int reason = content->makeEmpty(knownBase(held->isRemote, held->path))) return reason;
+    if (!held) return ESTALE;
+    if (const int reason = content->makeEmpty(baseToReplace(node))) return reason;
     noteWritten(node, content);
     return 0;
   }
   if (content->hasData()) return 0;
-  if (access == Access::read) {  // who writes has the version that the bytes are, which a fetch tells
-    const std::lock_guard lock(treeMutex_);
-    if (node->isKernelFresh) return 0;
-  }
-  return fetch(node, content, isInterrupted);
+  const int reason = fetch(node, content, isInterrupted);
+  if (access == Access::write || (reason != EIO && reason != EBUSY)) return reason;
+  // Without a connection, what the kernel has of the version can still be read; the rest is asked for again.
+  const std::lock_guard lock(treeMutex_);
+  return node->isKernelFresh && !node->version.empty() ? 0 : reason;
 }
 
+/// Opens the version that the node shows, wherever the file is now.
 int MountedVolume::fetch(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
                          const IsInterrupted& isInterrupted) {
   const auto held = holdPath(node);
-  if (!held) return ENOENT;
-  const auto before = volume_->revisionAtPath(held->path);
-  std::shared_ptr<NSURL> copy;
+  return fetchFrom(held ? held->path : "", node, content, isInterrupted);
+}
+
+/// @param path  where the file is; empty: nowhere.
+int MountedVolume::fetchFrom(const std::string& path, const MountNodeRef& node,
+                             const std::shared_ptr<FileContent>& content,
+                             const IsInterrupted& isInterrupted) {
+  std::string version;
+  {
+    const std::lock_guard lock(treeMutex_);
+    version = node->version;
+  }
+  if (path.empty() && version.empty()) return ENOENT;
+  std::shared_ptr<FSReader> reader;
   const auto goesOn = [&](NSRange) { return !isStopping_ && !isInterrupted(); };
   const int reason = attempt(isInterrupted, [&](NSErrorRef* error) {
-    copy = volume_->requestFileUrl(held->path, goesOn, error);
-    return copy != nullptr;
+    reader = volume_->openReader(path.empty() ? "/" + node->name : path, version, goesOn, error);
+    return reader != nullptr;
   });
   if (reason) return reason;
-  Descriptor file(::open(copy->path().c_str(), O_RDONLY | O_CLOEXEC));
-  struct stat status {};
-  if (!file.isOpen() || ::fstat(file.number(), &status) != 0) {
-    const int failure = errno;
-    volume_->releaseFileUrl(*copy);
-    return failure;
-  }
-  // Replaced while it was fetched: the older version is the safe one to name, since then both are kept.
-  content->useCopy(std::move(copy), std::move(file),
-                   baseOf(before ? before : volume_->revisionAtPath(held->path)));
+  content->useReader(std::move(reader));
   Notices notices;
   {
     const std::lock_guard lock(treeMutex_);
-    const auto sizeBytes = static_cast<std::uint64_t>(status.st_size);
     if (node->content == content) {
-      if (node->sizeBytes != sizeBytes) notices.contents.push_back(node->id);
-      node->sizeBytes = sizeBytes;
+      if (node->sizeBytes != content->sizeBytes()) notices.contents.push_back(node->id);
       node->isKernelFresh = true;
     }
   }
   tell(notices);
   return 0;
+}
+
+/// Called before the version of an open file goes: afterwards it may be nowhere. The caller holds the path.
+void MountedVolume::fetchForReaders(const MountNodeRef& node, const std::string& path,
+                                    const IsInterrupted& isInterrupted) {
+  const auto content = contentOf(node);
+  if (content && content->hasUsers() && !content->hasData()) fetchFrom(path, node, content, isInterrupted);
 }
 
 Answer<MountedVolume::Created> MountedVolume::create(NodeId folderId, const std::string& name, int flags,
@@ -200,23 +232,22 @@ Answer<MountedVolume::Created> MountedVolume::openExisting(const MountNodeRef& n
 
 // --- Bytes
 
-Answer<std::shared_ptr<const Descriptor>> MountedVolume::bytesOf(OpenFile& file,
-                                                                 const IsInterrupted& isInterrupted) {
-  if (auto data = file.content->data()) return {std::move(data), 0};
-  if (const int reason = fetch(file.node, file.content, isInterrupted)) return {nullptr, reason};
-  return {file.content->data(), 0};
+Answer<FileContent::Bytes> MountedVolume::bytesOf(OpenFile& file, const IsInterrupted& isInterrupted) {
+  if (auto bytes = file.content->bytes(); bytes.areAtHand()) return {std::move(bytes), 0};
+  const int reason = fetch(file.node, file.content, isInterrupted);
+  if (reason) return {{}, reason == ENOENT ? EIO : reason};  // the file is open: it is there
+  return {file.content->bytes(), 0};
 }
 
 void MountedVolume::noteWritten(const MountNodeRef& node, const std::shared_ptr<FileContent>& content) {
-  const std::uint64_t sizeBytes = content->sizeBytes();
   const std::lock_guard lock(treeMutex_);
   if (node->content != content) return;
-  node->sizeBytes = sizeBytes;
   node->modified = std::chrono::system_clock::now();
   node->isKernelFresh = true;
 }
 
-int MountedVolume::write(OpenFile& file, const std::function<int(int descriptor)>& put,
+int MountedVolume::write(OpenFile& file,
+                         const std::function<int(int descriptor, std::uint64_t sizeBytes)>& put,
                          const IsInterrupted& isInterrupted) {
   if (const auto bytes = bytesOf(file, isInterrupted); bytes.error) return bytes.error;
   const int reason = file.content->write(put);
@@ -232,7 +263,7 @@ int MountedVolume::checkRoom(NodeId number, const OpenFile* file, std::uint64_t 
     const std::lock_guard lock(treeMutex_);
     const auto node = tree_.find(number);
     if (!node) return ENOENT;
-    currentBytes = node->sizeBytes;
+    currentBytes = attributesOf(*node).sizeBytes;
   }
   if (sizeBytes <= currentBytes) return 0;
   const auto freeBytes = journal_->freeBytes();
@@ -242,7 +273,7 @@ int MountedVolume::checkRoom(NodeId number, const OpenFile* file, std::uint64_t 
 int MountedVolume::truncate(NodeId number, OpenFile* file, std::uint64_t sizeBytes,
                             const IsInterrupted& isInterrupted) {
   if (const int reason = checkRoom(number, file, sizeBytes)) return reason;
-  const auto cut = [&](int descriptor) {
+  const auto cut = [&](int descriptor, std::uint64_t /*before*/) {
     return ::ftruncate(descriptor, static_cast<off_t>(sizeBytes)) == 0 ? 0 : errno;
   };
   if (file) return write(*file, cut, isInterrupted);
@@ -276,7 +307,8 @@ int MountedVolume::flush(OpenFile& file, const IsInterrupted& isInterrupted) {
   // Others write, too: the last one sends. Or it is one of several descriptors of a file that was opened to
   // be written (a shell's redirection): its bytes are still to come, or never. What is there survives this
   // process.
-  if (const auto held = holdPath(file.node)) content.record(held->path, UploadJournal::Durability::process);
+  if (const auto held = holdPlace(file.node, content))
+    content.record(held->path, UploadJournal::Durability::process);
   return 0;
 }
 
@@ -291,7 +323,7 @@ void MountedVolume::release(std::unique_ptr<OpenFile> file) {
   if (content.isUnsent() && content.writers() == 0) {
     if (content.isWritten()) {
       send(file->node, file->content, Manner::foreground, [] { return false; });
-    } else if (const auto held = holdPath(file->node)) {
+    } else if (const auto held = holdPlace(file->node, content)) {
       content.record(held->path, UploadJournal::Durability::process);
       sendLater(file->node, file->content, emptyFileDelay);
     } else {
@@ -303,9 +335,19 @@ void MountedVolume::release(std::unique_ptr<OpenFile> file) {
 
 // --- Sending
 
+/// The path that the bytes are sent to; nothing when they are to be sent no more.
+std::optional<MountedVolume::HeldPath> MountedVolume::holdPlace(const MountNodeRef& node,
+                                                                const FileContent& content) {
+  HeldPath held;
+  held.path = content.elsewhere();
+  if (held.path.empty()) return holdPath(node);
+  held.hold = paths_.hold({{volume_->pathKey(held.path), PathLocks::Kind::item}});
+  return held;
+}
+
 int MountedVolume::send(const MountNodeRef& node, const std::shared_ptr<FileContent>& content, Manner manner,
                         const IsInterrupted& isInterrupted) {
-  const auto held = holdPath(node);
+  const auto held = holdPlace(node, *content);
   if (!held) {
     content->discard();  // removed while it was open: nobody will miss it
     return 0;
@@ -313,8 +355,7 @@ int MountedVolume::send(const MountNodeRef& node, const std::shared_ptr<FileCont
   const bool isBackground = manner == Manner::background;
   const auto sending = content->beginSending(isBackground);
   if (!sending) return 0;
-  const std::string elsewhere = content->elsewhere();
-  const std::string path = elsewhere.empty() ? held->path : elsewhere;
+  const std::string path = held->path;
   if (const auto error = content->record(path, UploadJournal::Durability::process))
     NSLog(NSLogLevel::warning, "mount",
           "cannot note that " + path + " is to be sent: " + error->localizedDescription());
@@ -330,13 +371,13 @@ int MountedVolume::send(const MountNodeRef& node, const std::shared_ptr<FileCont
     return stored.has_value();
   });
   if (reason == 0) {
-    if (elsewhere.empty()) {
+    if (content->elsewhere().empty()) {
       noteStored(node, content, path, *stored);
     } else {
       content->setElsewhere(stored->path);
       refreshSoon(deletingLastPathComponent(stored->path));
     }
-    content->endSending(baseOf(stored->revision));
+    content->endSending(baseOf(stored->revision.value_or("")));
     return 0;
   }
   content->record(path, UploadJournal::Durability::power, failure);
@@ -361,18 +402,22 @@ void MountedVolume::noteStored(const MountNodeRef& node, const std::shared_ptr<F
     const std::lock_guard lock(treeMutex_);
     node->isRemote = true;
     if (!node->parent) return;
-    ++node->parent->inside->changes;
+    MountNode& folder = *node->parent;
+    ++folder.inside->changes;
     if (!isElsewhere) {
+      node->version = stored.revision.value_or("");
+      node->sizeBytes = content->sizeBytes();
       if (date) node->listedModified = date->time();
       return;
     }
-    // The name belongs to the other version; who opens it from now on gets that one.
+    // The name belongs to the other version. Who has this one open goes on with it beside that one.
     content->setElsewhere(stored.path);
-    if (node->content == content) node->content.reset();
-    node->isKernelFresh = false;
-    node->listedModified = {};
-    notices.contents.push_back(node->id);
-    inbox_->add(node->parent->shared_from_this());
+    notices.entries.emplace_back(folder.id, node->name);
+    notices.listings.push_back(folder.id);
+    tree_.remove(node);
+    node->isReplaced = true;
+    folder.inside->listing = MountNode::Inside::Listing::outOfDate;
+    inbox_->add(folder.shared_from_this());
   }
   tell(notices);
 }

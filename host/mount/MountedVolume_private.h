@@ -51,7 +51,7 @@ int MountedVolume::attempt(const IsInterrupted& isInterrupted, Operation&& opera
   for (const auto delay : {100ms, 1000ms, 0ms}) {
     NSErrorRef error;
     if (operation(&error)) return 0;
-    if (!isTransient(error) || delay == 0ms) return errnoOf(error);
+    if (!isTransient(error) || delay == 0ms) return reasonOf(error);
     if (!pause(delay, isInterrupted)) return isStopping_ ? EIO : EINTR;
   }
   return EIO;

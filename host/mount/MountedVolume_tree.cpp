@@ -136,6 +136,7 @@ Answer<std::string> MountedVolume::revision(NodeId number) {
     const auto node = tree_.find(number);
     if (!node || !tree_.holds(*node)) return {{}, ENOENT};
     if (!node->isRemote || (node->content && node->content->isUnsent())) return {{}, ENODATA};
+    if (!node->version.empty()) return {node->version, 0};
     path = MountTree::pathOf(*node);
   }
   const auto revision = volume_->revisionAtPath(path);
@@ -209,7 +210,7 @@ void MountedVolume::addMissing(MountNode& folder, const FSItems& items, Notices&
     if (!isShowable(name) || tree_.child(folder, name)) continue;
     const MountNodeRef node = tree_.make(item->isDirectory());
     tree_.add(folder, node, std::move(name));
-    update(*node, *item, notices);
+    show(*node, *item, notices);
   }
   adoptLeftUploads(folder);
 }
@@ -232,12 +233,16 @@ std::vector<MountNodeRef> MountedVolume::applyListing(MountNode& folder, const F
       tree_.remove(node);
       node = nullptr;
     }
+    if (node && !node->isFolder && node->isRemote && isOtherVersion(*node, *item)) {
+      isChanged |= showNewVersion(node, *item, notices);
+      continue;
+    }
     if (!node) {
       node = tree_.make(item->isDirectory());
       tree_.add(folder, node, std::move(name));
       isChanged = true;
     }
-    update(*node, *item, notices);
+    show(*node, *item, notices);
   }
   std::vector<MountNodeRef> gone;
   for (const auto& [key, child] : folder.inside->children) {
@@ -258,23 +263,52 @@ std::vector<MountNodeRef> MountedVolume::applyListing(MountNode& folder, const F
   return unneeded;
 }
 
-/// Brings a node up to date with a listing. What was written here and is not sent yet stays as it is.
-void MountedVolume::update(MountNode& node, const FSItem& item, Notices& notices) {
-  node.isRemote = true;
+/// Whether the listing shows another version of the file. Where the volume has no versions, size and date
+/// must do.
+bool MountedVolume::isOtherVersion(const MountNode& node, const FSItem& item) {
+  if (!item.version().empty()) return node.version != item.version();
+  return node.listedModified != item.modificationDate() || node.sizeBytes != item.size();
+}
+
+/// Brings a node up to date with a listing, but for the version of a file that it has shown before.
+void MountedVolume::show(MountNode& node, const FSItem& item, Notices& notices) {
   if (node.name != item.name()) {
     notices.entries.emplace_back(node.parent->id, node.name);
     notices.listings.push_back(node.parent->id);
     node.name = item.name();
   }
-  const NSDate::Time listed = item.modificationDate().value_or(startTime_);
-  const bool isSame = node.listedModified == listed && node.sizeBytes == item.size();
-  if (isSame || (node.content && node.content->isUnsent())) return;
-  node.listedModified = node.modified = listed;
-  node.sizeBytes = item.size();
-  if (node.isFolder) return;
-  if (node.lookups > 0) notices.contents.push_back(node.id);
-  node.isKernelFresh = false;
-  node.content.reset();  // who has it open keeps the version that was opened
+  if (!node.isFolder && node.content && node.content->isUnsent()) {
+    node.isBehind |= node.version != item.version();
+    node.isRemote = true;
+    return;  // what was written here and is not sent yet stays as it is
+  }
+  if (!node.isRemote || node.isFolder || isOtherVersion(node, item)) {
+    node.modified = item.modificationDate().value_or(startTime_);
+    node.sizeBytes = item.size();
+  }
+  node.isRemote = true;
+  node.isBehind = false;
+  node.listedModified = item.modificationDate();
+  node.version = item.version();
+}
+
+/// Puts a node of its own in the place of the one that shows an older version. While that one is being
+/// written or sent it stays: the service then keeps both versions. True when the folder looks different now.
+bool MountedVolume::showNewVersion(const MountNodeRef& node, const FSItem& item, Notices& notices) {
+  const auto& content = node->content;
+  if (content && (content->isUnsent() || content->writers() > 0)) {
+    node->isBehind = true;
+    return false;
+  }
+  MountNode& folder = *node->parent;
+  notices.entries.emplace_back(folder.id, node->name);
+  tree_.remove(node);
+  node->isReplaced = true;
+  if (content && !content->hasUsers()) notices.unused.push_back(std::move(node->content));
+  const MountNodeRef newer = tree_.make(false);
+  tree_.add(folder, newer, item.name());
+  show(*newer, item, notices);
+  return true;
 }
 
 /// What earlier processes could not send is shown where it belongs.
@@ -285,7 +319,8 @@ void MountedVolume::adoptLeftUploads(MountNode& folder) {
     if (!waiting.left || volume_->pathKey(deletingLastPathComponent(waiting.left->path)) != key) continue;
     const std::string name = lastPathComponent(waiting.left->path);
     MountNodeRef node = tree_.child(folder, name);
-    if (node && (node->isFolder || node->content)) continue;  // sent by its path, all the same
+    const bool isInUse = node && (node->isFolder || node->content);
+    if (isInUse) continue;  // sent by its path, all the same
     auto content = std::make_shared<FileContent>(volume_, journal_);
     if (content->adopt(*waiting.left) != 0) continue;
     if (!node) {

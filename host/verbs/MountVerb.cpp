@@ -1,4 +1,5 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <optional>
@@ -85,7 +86,8 @@ class MountVerb final : public Verb {
     FuseServer server;
     if (!server.mount(mountpoint, &error)) return context.fail(mountpoint, error);
     {
-      MountedVolume mounted(volume, journal, server, linkMaker(context, accountId));
+      MountedVolume mounted(volume, journal, server, linkMaker(context, accountId),
+                            linkTest(context, accountId));
       mounted.start();
       StopSignal::whenRequested(
           [&] {
@@ -132,6 +134,15 @@ class MountVerb final : public Verb {
     std::istringstream stream(text);
     for (std::string line; std::getline(stream, line);) lines.push_back(line);
     return lines;
+  }
+
+  static IsLinked linkTest(VerbContext& context, const std::string& accountId) {
+    FSPluginAccounts* accounts = context.session.accountsInterface(nullptr);
+    if (!accounts) return nullptr;
+    return [accounts, accountId] {
+      const auto ids = accounts->linkedAccountIds();
+      return std::find(ids.begin(), ids.end(), accountId) != ids.end();
+    };
   }
 
   std::string folder_;
