@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <random>
 #include <utility>
 
@@ -163,15 +164,19 @@ bool FileSink::keep(std::optional<NSDate::Time> modified, NSErrorRef* error) {
 /// False with errno.
 bool FileSink::takeName() {
   const std::lock_guard lock(mutex_);
-  if (isWithdrawn_) errno = ECANCELED;
-  isNamed_ = !isWithdrawn_ && ::rename(temporary_.c_str(), target_.c_str()) == 0;
-  return isNamed_;
+  if (isWithdrawn_) {
+    errno = ECANCELED;
+    return false;
+  }
+  // Where nothing is there, the file is new; disks that do not know the question replace without it.
+  isNew_ = ::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE) == 0;
+  return isNew_ || ::rename(temporary_.c_str(), target_.c_str()) == 0;
 }
 
 void FileSink::withdraw() {
   const std::lock_guard lock(mutex_);
   isWithdrawn_ = true;
-  if (isNamed_) ::unlink(target_.c_str());
+  if (isNew_) ::unlink(target_.c_str());
 }
 
 FileSource::FileSource(std::string path, int descriptor) : path_(std::move(path)), descriptor_(descriptor) {}

@@ -49,7 +49,8 @@ class FileSink final : public BodySink {
   /// Makes the file durable and gives it its modification date, if there is one, and its name, replacing what
   /// was there. Blocks for the disk; call after the transfer has ended.
   bool keep(std::optional<NSDate::Time> modified, NSErrorRef* error);
-  /// The file is not wanted any more: keep(), which may be under way, leaves none. Any thread.
+  /// The file is not wanted any more: keep(), which may be under way, leaves none, unless it has replaced
+  /// another by then: that one is gone, and the person is not to lose both. Any thread.
   void withdraw();
 
  private:
@@ -71,7 +72,7 @@ class FileSink final : public BodySink {
   NSErrorRef failure_;
 
   std::mutex mutex_;
-  bool isNamed_ = false;      // guarded by mutex_
+  bool isNew_ = false;        // guarded by mutex_: has its name, and replaced nothing
   bool isWithdrawn_ = false;  // guarded by mutex_
 };
 

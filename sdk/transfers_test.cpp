@@ -210,6 +210,13 @@ TEST_F(Transfers, StoppedDownloadCallsNobodyAndLeavesNothing) {
     if (!isEarly) sink.withdraw();
     EXPECT_FALSE(std::filesystem::exists(local("late")));
   }
+  std::ofstream(local("late")) << "old";
+  FileSink sink(local("late"), LocalAccess::byUmask, nullptr, [](std::string_view, NSErrorRef*) {
+    return AnnouncedBody{3, true};
+  });
+  ASSERT_TRUE(sink.begin("", 3) && sink.write("abc") && sink.keep(std::nullopt, nullptr));
+  sink.withdraw();
+  EXPECT_EQ(readAll(local("late")), "abc") << "the old one has gone, so the new one stays";
 }
 
 TEST_F(Transfers, UnusableTargetsAreErrors) {
