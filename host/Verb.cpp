@@ -10,6 +10,10 @@
 #include "host/HostSession.h"
 #include "host/StopSignal.h"
 
+namespace {
+NSErrorRef emptyPathError() { return hostError(HostErrorCode::badInput, "an empty path names nothing"); }
+}  // namespace
+
 VerbContext::VerbContext(std::string verb, const GlobalOptions& globalOptions, Console& theConsole,
                          HostSession& theSession, std::string currentFolder)
     : options(globalOptions),
@@ -69,10 +73,20 @@ std::shared_ptr<FSPlugin> VerbContext::openVolume() {
 }
 
 std::string VerbContext::pathFrom(const std::string& typed) {
+  // A script's variable that is not set must not come to mean the whole account.
+  if (typed.empty()) {
+    fail("", emptyPathError());
+    return {};
+  }
   auto path = remotePath(typed, currentFolder_);
   if (path) return *std::move(path);
   fail(typed, hostError(HostErrorCode::badInput, "not a path: it must be valid UTF-8 and stay below \"/\""));
   return {};
+}
+
+bool VerbContext::isLocalPath(const std::string& typed) {
+  if (typed.empty()) fail("", emptyPathError());
+  return !typed.empty();
 }
 
 bool VerbContext::shouldStop(std::string_view path) {

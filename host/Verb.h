@@ -43,6 +43,9 @@ class VerbContext {
   /// The remote path that was typed, counted from the current folder, in the file system's form; empty after
   /// having reported why not.
   std::string pathFrom(const std::string& typed);
+  /// Whether a local path was typed that can mean something; false after having reported that it is empty,
+  /// which the system would take for the current folder.
+  bool isLocalPath(const std::string& typed);
   /// True when the work should end: the person asked for it (then it is reported as a failure of `path`), or
   /// standard output takes no more lines.
   bool shouldStop(std::string_view path);

@@ -29,6 +29,10 @@ class TransferTest : public KzvTest {
 const std::string report(1234, 'x');
 const std::string notFound = "No such file or directory (NSPOSIXErrorDomain 2)\n";
 
+std::string emptyPath(const std::string& verb) {
+  return "kzv: " + verb + ": an empty path names nothing (KZVHostErrorDomain 3)\n";
+}
+
 TEST_F(TransferTest, EachCommandChangesWhatItShould) {
   struct Case {
     const char* name;
@@ -81,6 +85,25 @@ TEST_F(TransferTest, EachCommandChangesWhatItShould) {
        "/mixed/good  1 byte\n",
        "kzv: get: /mixed/fail-x: this item always fails (TestDomain 7)\n",
        {{"mixed/", ""}, {"mixed/good", "x"}}},
+      {"get nothing", {"get", "", "LOCAL/"}, 2, "", emptyPath("get"), {}},
+      {"get to nowhere", {"get", "/Documents", ""}, 2, "", emptyPath("get"), {}},
+      {"put nothing", {"put", "", "/"}, 2, "", emptyPath("put"), {}},
+      {"put nowhere", {"put", "LOCAL/", ""}, 2, "", emptyPath("put"), {}},
+      {"list nothing", {"ls", ""}, 2, "", emptyPath("ls"), {}},
+      {"unmount nothing", {"umount", ""}, 2, "", emptyPath("umount"), {}},
+      {"move nowhere", {"mv", "/Documents", ""}, 2, "", emptyPath("mv"), {}},
+      {"mv into a folder that is not there",
+       {"mv", "/Documents/report.txt", "/nope/x"},
+       1,
+       "",
+       "kzv: mv: /nope: no such folder (NSPOSIXErrorDomain 2)\n",
+       {}},
+      {"mv into a file",
+       {"mv", "/Documents/Sub", "/Documents/report.txt/x"},
+       1,
+       "",
+       "kzv: mv: /Documents/report.txt: not a folder (NSPOSIXErrorDomain 20)\n",
+       {}},
       {"put what is not there", {"put", "LOCAL/none", "/"}, 1, "", "kzv: put: LOCAL/none: " + notFound, {}},
       {"put refused",
        {"put", "LOCAL/", "/fail-here"},

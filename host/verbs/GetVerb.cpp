@@ -21,11 +21,13 @@ class GetVerb final : public Verb {
     command.add_option("REMOTE", remote_, "File or folder of the account")->required();
     command
         .add_option("LOCAL", local_,
-                    "Where to: an existing folder, which receives it under its own name, or its new path")
+                    "Where to: an existing folder, which receives it under its own name, or its new path. A "
+                    "link to a file or folder there is followed; what is neither is not replaced")
         ->required();
   }
 
   void run(VerbContext& context) override {
+    if (!context.isLocalPath(local_)) return;
     const auto volume = context.openVolume();
     const std::string path = volume ? context.pathFrom(remote_) : std::string();
     if (path.empty() || context.shouldStop(path)) return;

@@ -163,6 +163,7 @@ class UmountVerb final : public Verb {
   }
 
   void run(VerbContext& context) override {
+    if (!context.isLocalPath(folder_)) return;
     NSErrorRef error;
     const auto mountpoint = unmountAt(folder_, &error);
     if (!mountpoint) return context.fail(folder_, error);

@@ -1,5 +1,7 @@
 #include <CLI/CLI.hpp>
+#include <cerrno>
 
+#include "core/CopyBatch.h"
 #include "foundation/Paths.h"
 #include "host/Entry.h"
 #include "host/HostError.h"
@@ -27,9 +29,11 @@ class MvVerb final : public Verb {
     if (to.empty() || context.shouldStop(from)) return;
     if (from == "/")
       return context.fail(from, hostError(HostErrorCode::badInput, "the whole account is not moved"));
+    const std::string target = targetFor(*volume, from, to);
     NSErrorRef error;
-    if (!volume->moveFromPath(from, targetFor(*volume, from, to), nullptr, {}, &error))
-      context.fail(from, error);
+    const std::string folder = deletingLastPathComponent(target);
+    if (!isFolder(*volume, folder, &error)) return context.fail(folder, error);
+    if (!volume->moveFromPath(from, target, nullptr, {}, &error)) context.fail(from, error);
   }
 
  private:
@@ -40,9 +44,19 @@ class MvVerb final : public Verb {
     return isInto ? appendingPathComponent(to, lastPathComponent(from)) : to;
   }
 
-  static bool isFolder(FSPlugin& volume, const std::string& path) {
-    const auto attributes = volume.attributesAtPath(path, nullptr);
-    return attributes && Entry::from(path, *attributes).isDirectory;
+  /// Volumes make folders that are missing, so one that was mistyped would come to be.
+  static bool isFolder(FSPlugin& volume, const std::string& path, NSErrorRef* error = nullptr) {
+    if (path == "/") return true;
+    NSErrorRef reason;
+    const auto attributes = volume.attributesAtPath(path, &reason);
+    if (attributes && Entry::from(path, *attributes).isDirectory) return true;
+    if (attributes) {
+      reason = copyError(ENOTDIR, "not a folder");
+    } else if (!reason || fsErrorCode(reason) == FSErrorCode::notFound) {
+      reason = copyError(ENOENT, "no such folder");
+    }
+    setError(error, std::move(reason));
+    return false;
   }
 
   std::string from_;

@@ -26,6 +26,7 @@ class PutVerb final : public Verb {
   }
 
   void run(VerbContext& context) override {
+    if (!context.isLocalPath(local_)) return;
     const auto volume = context.openVolume();
     const std::string path = volume ? context.pathFrom(remote_) : std::string();
     if (path.empty() || context.shouldStop(path)) return;
