@@ -8,6 +8,7 @@
 #include "foundation/NSLog.h"
 #include "foundation/NSRunLoop.h"
 #include "foundation/NSThread.h"
+#include "foundation/StandardStreams.h"
 #include "host/CommandLine.h"
 #include "host/Console.h"
 #include "host/HostError.h"
@@ -51,6 +52,7 @@ void runBesideMainLoop(Verb& verb, VerbContext& context) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  openMissingStandardStreams();
   const auto verbs = allVerbs();
   const auto parsed = parseCommandLine(std::vector<std::string>(argv + 1, argv + argc), verbs);
   if (const auto* answer = std::get_if<Answer>(&parsed)) return show(*answer);

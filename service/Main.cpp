@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include "foundation/StandardStreams.h"
 #include "service/Service.h"
 
 namespace {
@@ -21,6 +22,7 @@ void waitForStop(const sigset_t& signals) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  openMissingStandardStreams();
   int exitStatus = 0;
   const auto options = kzv::service::parseServiceOptions(argc, argv, exitStatus);
   if (!options) return exitStatus;

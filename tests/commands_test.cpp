@@ -12,6 +12,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "testing/StandIn.h"
@@ -144,6 +145,8 @@ TEST_F(CommandsTest, SpaceSummaryLinksAndPicturesAreOneCommandEach) {
   standIn.write("/Docs/a.txt", "12345");
   link("ada-token");
   const std::string icon = home.path() + "/icon.png";
+  const std::string pipe = home.path() + "/pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
   struct Case {
     std::vector<std::string> arguments;
     int exitStatus;
@@ -157,6 +160,7 @@ TEST_F(CommandsTest, SpaceSummaryLinksAndPicturesAreOneCommandEach) {
       {{"--json", "share", "/Docs/a.txt"}, 0, "{\"url\":\"http"},
       {{"--json", "icon", "/Docs/a.txt", "--out", icon}, 0, "{\"width\":48,\"height\":48}"},
       {{"preview", "/Docs/a.txt", "--out", icon}, 1, ""},
+      {{"icon", "/Docs", "--out", pipe}, 1, ""},
       {{"put", icon, "/Docs/icon.png"}, 0, "icon.png"},
       {{"--json", "preview", "/Docs/icon.png", "--out", icon}, 0, "{\"width\":48,\"height\":48}"},
   };
@@ -165,6 +169,7 @@ TEST_F(CommandsTest, SpaceSummaryLinksAndPicturesAreOneCommandEach) {
     EXPECT_EQ(outcome.exitStatus, c.exitStatus) << c.arguments[0] << ": " << outcome.errors;
     EXPECT_NE(outcome.output.find(c.output), std::string::npos) << outcome.output;
   }
+  EXPECT_TRUE(std::filesystem::is_fifo(pipe)) << "replaced by a picture";
   EXPECT_EQ(kzv({"share", "/Docs/a.txt"}).output, kzv({"share", "/Docs/A.TXT"}).output) << "one link";
   standIn.settings({{"account", "ada-token"}, {"quota", 2}});
   const json::value space = json::parse(kzv({"--json", "df"}).output);
@@ -283,6 +288,25 @@ TEST_F(CommandsTest, ASecretServiceKeepsTheTokensWhereOneRuns) {
   const auto outcome = ChildProcess::run(
       {"/usr/bin/env", "dbus-run-session", "--", "sh", "-c", session, "sh", KZV_PROGRAM}, variables);
   EXPECT_EQ(outcome.output, "kept 1\nanother process finds it\nkept 0\nstatus 3\n") << outcome.errors;
+}
+
+TEST_F(CommandsTest, AProgramStartedWithoutStandardStreamsWritesIntoNoOtherFile) {
+  const std::string content(3'000'000, 'x');
+  standIn.write("/a.bin", content);
+  link("ada-token");
+  const std::string target = home.path() + "/a.bin";
+  const auto outcome = ChildProcess::run(
+      {"/bin/sh", "-c", R"(exec "$0" "$@" <&- >&- 2>&-)", KZV_PROGRAM, "--verbose", "get", "/a.bin", target},
+      environment());
+  EXPECT_EQ(outcome.exitStatus, 0);
+  std::ifstream file(target);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), content);
+  ChildProcess service({"/bin/sh", "-c", R"(exec "$0" <&- 2>&-)", KZV_SERVICE_PROGRAM});
+  ASSERT_TRUE(service.readLine(30s));
+  for (const char* number : {"0", "2"}) {
+    const auto link = "/proc/" + std::to_string(service.pid()) + "/fd/" + number;
+    EXPECT_EQ(std::filesystem::read_symlink(link), "/dev/null");
+  }
 }
 
 TEST_F(CommandsTest, AnInterruptEndsAListingThatHangsAtOnce) {
