@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "core/LocalCopy.h"
 #include "foundation/NSDate.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/NSNumber.h"
@@ -83,6 +84,17 @@ std::shared_ptr<FSReader> FSPlugin::openReader(const std::string& path, const st
   }
   return LocalCopyReader::open(shared_from_this(), std::move(copy),
                                version.empty() ? revisionAtPath(path).value_or("") : version, error);
+}
+
+bool FSPlugin::fetchFile(const FSItem& item, const NSURL& target, LocalAccess access,
+                         ProgressCallback progress, NSErrorRef* error) {
+  const auto copy = requestFileUrl(item.path(), progress, error);
+  if (!copy) return false;
+  const auto goesOn = [&] { return !progress || progress({1000, 1000}); };
+  const bool isCopied =
+      copyLocalFile(copy->path(), target.path(), {item.modificationDate(), access, true}, goesOn, error);
+  releaseFileUrl(*copy);
+  return isCopied;
 }
 
 bool FSPlugin::writeFile(const NSURL& /*source*/, const std::string& path, ProgressCallback /*progress*/,

@@ -10,6 +10,7 @@
 #include "core/FSReader.h"
 #include "core/ProgressCallback.h"
 #include "core/WriteBase.h"
+#include "foundation/LocalAccess.h"
 #include "foundation/NSArray.h"
 #include "foundation/NSDictionary.h"
 #include "foundation/NSError.h"
@@ -84,6 +85,12 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   virtual std::shared_ptr<NSURL> requestFileUrl(const std::string& path, ProgressCallback progress,
                                                 NSErrorRef* error);
   virtual void releaseFileUrl(const NSURL& url);
+  /// Brings the bytes of a file to `target` on this computer, without keeping a local copy: it appears there
+  /// whole and durable, with its modification date, in place of a file that was there. Of `item` the path
+  /// matters, and what its maker knows of it. A file system that keeps this default copies from
+  /// requestFileUrl.
+  virtual bool fetchFile(const FSItem& item, const NSURL& target, LocalAccess access,
+                         ProgressCallback progress, NSErrorRef* error);
   /// Opens one version of a file for reading by ranges, which goes on to work when the file is replaced,
   /// moved or deleted. May block until bytes have come.
   /// @param path      where the file is, or was when `version` was the newest.

@@ -10,8 +10,8 @@ KZVLocalFS& KZVLocalFS::shared() {
 
 bool KZVLocalFS::writeFiles(const KZVBatchId& batchId, const FSItems& fsItems, const std::string& path,
                             const CurrentProgress& currentProgress, const ProgressCallback& totalProgress,
-                            const ItemCopied& itemCopied, NSErrorRef* error) {
-  ReceivingBatch batch(batchId, {currentProgress, totalProgress, itemCopied});
+                            const ItemCopied& itemCopied, NSErrorRef* error, LocalAccess access) {
+  ReceivingBatch batch(batchId, {currentProgress, totalProgress, itemCopied}, access);
   return batch.run(fsItems, path, error);
 }
 

@@ -19,20 +19,23 @@ class KZVLocalFS final : public NSObject {
 
   static KZVLocalFS& shared();
 
-  /// Copies files and folders of any file systems to the disk, through requestFileUrl of the items' own.
-  /// Needs only path and fs of the items given; what they are is asked. Files replace files of the same name
-  /// at once and whole; folders join those that exist. Modification dates come along.
+  /// Copies files and folders of any file systems to the disk, through fetchFile of the items' own. Needs
+  /// only path and fs of the items given; what they are is asked. Files replace files of the same name at
+  /// once and whole; folders join those that exist. Modification dates come along. A link in the place of an
+  /// item given is followed; one in the place of something below is not, and fails that item, as does a
+  /// device, a pipe or a socket.
   ///
   /// @param path  absolute. With one item: its full new path. With several, or with a slash at its end: the
   ///              folder that receives each under its own name. Missing folders above are made.
   /// @param currentProgress, totalProgress, itemCopied  see CopyObservers; may be empty.
+  /// @param access  of what is made.
   /// @return true when everything is there. Otherwise `error` is the first failure: the file system's own, an
   ///         NSPOSIXErrorDomain one of the disk (also EINVAL or ENAMETOOLONG for a name that it cannot hold),
   ///         or CanceledByUserErrorDomain, -1. With `itemCopied` a failure concerns its item alone unless
   ///         that says otherwise; what was copied stays.
   bool writeFiles(const KZVBatchId& batchId, const FSItems& fsItems, const std::string& path,
                   const CurrentProgress& currentProgress, const ProgressCallback& totalProgress,
-                  const ItemCopied& itemCopied, NSErrorRef* error);
+                  const ItemCopied& itemCopied, NSErrorRef* error, LocalAccess access = LocalAccess::byUmask);
 
   /// The other way: copies a local file or folder to `remotePath`, its full new path on `volume`, through
   /// storeFile and createDirectoryAtPath. Links to files are followed; links to folders, and what is neither

@@ -64,13 +64,22 @@ int setModified(int file, const std::optional<NSDate::Time>& modified) {
   return ::futimens(file, times) == 0 ? 0 : errno;
 }
 
-int fill(int from, const std::string& temporary, const std::optional<NSDate::Time>& modified,
-         const std::function<bool()>& goesOn) {
-  Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+using Fill = std::function<int(int file)>;
+
+/// Makes `temporary` with what `fill` writes. 0, or the reason against it.
+int makeTemporary(const std::string& temporary, const LocalCopyOptions& options, const Fill& fill) {
+  const mode_t mode = options.access == LocalAccess::ownerOnly ? 0600 : 0666;
+  Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
   if (!file.isOpen()) return errno;
-  if (const int reason = copyBytes(from, file.number(), goesOn)) return reason;
-  if (const int reason = setModified(file.number(), modified)) return reason;
+  if (const int reason = fill(file.number())) return reason;
+  if (const int reason = setModified(file.number(), options.modified)) return reason;
+  if (options.isDurable && ::fsync(file.number()) != 0) return errno;
   return file.close();
+}
+
+void syncFolder(const std::string& folder) {
+  const Descriptor opened(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (opened.isOpen()) ::fsync(opened.number());
 }
 
 bool refuse(NSErrorRef* error, int reason, const std::string& path) {
@@ -78,19 +87,32 @@ bool refuse(NSErrorRef* error, int reason, const std::string& path) {
   return false;
 }
 
+bool makeFile(const std::string& to, const LocalCopyOptions& options, const Fill& fill, NSErrorRef* error) {
+  const std::string folder = deletingLastPathComponent(to);
+  const std::string temporary = appendingPathComponent(folder, ".kzv-" + KZVSupport::uniquePathComponent());
+  int reason = makeTemporary(temporary, options, fill);
+  if (reason == 0 && ::rename(temporary.c_str(), to.c_str()) != 0) reason = errno;
+  if (reason) {
+    ::unlink(temporary.c_str());
+    return refuse(error, reason, to);
+  }
+  if (options.isDurable) syncFolder(folder);
+  return true;
+}
+
 }  // namespace
 
-bool copyLocalFile(const std::string& from, const std::string& to, std::optional<NSDate::Time> modified,
+bool copyLocalFile(const std::string& from, const std::string& to, const LocalCopyOptions& options,
                    const std::function<bool()>& goesOn, NSErrorRef* error) {
   const Descriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
   if (!source.isOpen() || ::fstat(source.number(), &status) != 0) return refuse(error, errno, from);
   if (!S_ISREG(status.st_mode)) return refuse(error, S_ISDIR(status.st_mode) ? EISDIR : EINVAL, from);
-  const std::string temporary =
-      appendingPathComponent(deletingLastPathComponent(to), ".kzv-" + KZVSupport::uniquePathComponent());
-  int reason = fill(source.number(), temporary, modified, goesOn);
-  if (reason == 0 && ::rename(temporary.c_str(), to.c_str()) != 0) reason = errno;
-  if (reason == 0) return true;
-  ::unlink(temporary.c_str());
-  return refuse(error, reason, to);
+  return makeFile(
+      to, options, [&](int file) { return copyBytes(source.number(), file, goesOn); }, error);
+}
+
+bool makeEmptyFile(const std::string& to, const LocalCopyOptions& options, NSErrorRef* error) {
+  return makeFile(
+      to, options, [](int) { return 0; }, error);
 }

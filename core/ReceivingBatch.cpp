@@ -4,7 +4,6 @@
 
 #include <sys/stat.h>
 
-#include "core/LocalCopy.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/Paths.h"
 
@@ -17,8 +16,8 @@ bool canBeLocalName(const std::string& name) {
 }
 
 /// 0 when there is a folder at `path` now.
-int makeFolder(const std::string& path, bool mayBeLink) {
-  if (::mkdir(path.c_str(), 0777) == 0) return 0;
+int makeFolder(const std::string& path, bool mayBeLink, LocalAccess access) {
+  if (::mkdir(path.c_str(), access == LocalAccess::ownerOnly ? 0700 : 0777) == 0) return 0;
   if (errno != EEXIST) return errno;
   struct stat status {};
   if ((mayBeLink ? ::stat(path.c_str(), &status) : ::lstat(path.c_str(), &status)) != 0) return errno;
@@ -35,8 +34,8 @@ std::shared_ptr<FSItem> described(const CopyBatch& batch, const std::shared_ptr<
 
 }  // namespace
 
-ReceivingBatch::ReceivingBatch(const KZVBatchId& batchId, CopyObservers observers)
-    : batch_(batchId, std::move(observers)) {}
+ReceivingBatch::ReceivingBatch(const KZVBatchId& batchId, CopyObservers observers, LocalAccess access)
+    : access_(access), batch_(batchId, std::move(observers)) {}
 
 bool ReceivingBatch::run(const FSItems& items, const std::string& path, NSErrorRef* error) {
   const bool isFolder = items.size() != 1 || path.ends_with('/');
@@ -57,7 +56,7 @@ void ReceivingBatch::addTop(const Item& item, const std::string& to) {
         } else if (full->isDirectory()) {
           copyFolder(full, to, Link::follow);
         } else {
-          copyFile(full, batch_.expectFile(full->path(), to, full->size()));
+          copyFile(full, batch_.expectFile(full->path(), to, full->size()), Link::follow);
         }
       },
       CopyBatch::Order::soon);
@@ -65,7 +64,7 @@ void ReceivingBatch::addTop(const Item& item, const std::string& to) {
 
 void ReceivingBatch::addFile(const Item& item, const std::string& to) {
   const auto file = batch_.expectFile(item->path(), to, item->size());
-  batch_.add([this, item, file] { copyFile(item, file); }, CopyBatch::Order::inTurn);
+  batch_.add([this, item, file] { copyFile(item, file, Link::refuse); }, CopyBatch::Order::inTurn);
 }
 
 void ReceivingBatch::addFolder(const Item& item, const std::string& to, Link link) {
@@ -89,7 +88,7 @@ void ReceivingBatch::addChildren(const FSItems& children, const std::string& fol
 
 void ReceivingBatch::copyFolder(const Item& item, const std::string& to, Link link) {
   NSErrorRef error;
-  if (const int reason = makeFolder(to, link == Link::follow)) error = NSError::posix(reason, to);
+  if (const int reason = makeFolder(to, link == Link::follow, access_)) error = NSError::posix(reason, to);
   std::optional<FSItems> children;
   if (!error) {
     children = batch_.unlessStopped(
@@ -101,18 +100,16 @@ void ReceivingBatch::copyFolder(const Item& item, const std::string& to, Link li
   batch_.finishFolder(item->path(), to, error);
 }
 
-void ReceivingBatch::copyFile(const Item& item, const CopyBatch::FileRef& file) {
+void ReceivingBatch::copyFile(const Item& item, const CopyBatch::FileRef& file, Link link) {
   NSErrorRef error;
-  const bool isThere = receive(item, file, &error);
+  const bool isThere = receive(item, file, link, &error);
   if (!isThere && !error) error = copyError(ENOENT, "no such file or folder");
   batch_.finishFile(file, isThere ? nullptr : error);
 }
 
-bool ReceivingBatch::receive(const Item& item, const CopyBatch::FileRef& file, NSErrorRef* error) {
-  const auto url = item->fs()->requestFileUrl(item->path(), batch_.progressOf(file), error);
-  if (!url) return false;
-  const bool isCopied = copyLocalFile(
-      url->path(), file->to, item->modificationDate(), [this] { return !batch_.isStopped(); }, error);
-  item->fs()->releaseFileUrl(*url);
-  return isCopied;
+bool ReceivingBatch::receive(const Item& item, const CopyBatch::FileRef& file, Link link, NSErrorRef* error) {
+  const auto place = fileTarget(file->to, link, error);
+  if (!place) return false;
+  return item->fs()->fetchFile(*item, *NSURL::fileURLWithPath(*place), access_, batch_.progressOf(file),
+                               error);
 }

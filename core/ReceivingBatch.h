@@ -4,26 +4,27 @@
 
 #include "core/CopyBatch.h"
 #include "core/FSPlugin.h"
+#include "core/LocalTarget.h"
 
 /// Copies items of file systems to the local disk; see KZVLocalFS::writeFiles. For one run.
 class ReceivingBatch {
  public:
-  ReceivingBatch(const KZVBatchId& batchId, CopyObservers observers);
+  ReceivingBatch(const KZVBatchId& batchId, CopyObservers observers, LocalAccess access);
 
   bool run(const FSItems& items, const std::string& path, NSErrorRef* error);
 
  private:
   using Item = std::shared_ptr<FSItem>;
-  /// Whether the folder may be reached through a link: the one that the user named may.
-  enum class Link { follow, refuse };
+  using Link = LinkAtTarget;  // the one that the user named is followed
 
   void addTop(const Item& item, const std::string& to);
   void addFile(const Item& item, const std::string& to);
   void addFolder(const Item& item, const std::string& to, Link link);
   void addChildren(const FSItems& children, const std::string& folder);
-  void copyFile(const Item& item, const CopyBatch::FileRef& file);
+  void copyFile(const Item& item, const CopyBatch::FileRef& file, Link link);
   void copyFolder(const Item& item, const std::string& to, Link link);
-  bool receive(const Item& item, const CopyBatch::FileRef& file, NSErrorRef* error);
+  bool receive(const Item& item, const CopyBatch::FileRef& file, Link link, NSErrorRef* error);
 
+  const LocalAccess access_;
   CopyBatch batch_;
 };

@@ -265,6 +265,8 @@ TEST_F(LocalFSTest, AnItemThatFailsCostsOnlyItself) {
   const Disk folder = [](const fs::path& place) { fs::create_directories(place); };
   const Disk file = [](const fs::path& place) { std::ofstream(place) << "file"; };
   const Disk link = [](const fs::path& place) { fs::create_directory_symlink("/tmp", place); };
+  const Disk fileLink = [](const fs::path& place) { fs::create_symlink("/dev/null", place); };
+  const Disk socket = [](const fs::path& place) { ::mknod(place.c_str(), S_IFSOCK | 0600, 0); };
   struct Case {
     const char* name;
     std::string item;  // in the folder received, a healthy "z" beside it; a folder ends in "/"
@@ -280,6 +282,8 @@ TEST_F(LocalFSTest, AnItemThatFailsCostsOnlyItself) {
       {"a folder where the file should be", "a", folder, "/a/", EISDIR},
       {"a file where the folder should be", "a/", file, "/a=file", ENOTDIR},
       {"a link that leads elsewhere", "a/", link, "/a/", ENOTDIR},
+      {"a link where the file should be", "a", fileLink, "/a=", ELOOP},
+      {"a socket where the file should be", "a", socket, "/a=", EINVAL},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -302,6 +306,49 @@ TEST_F(LocalFSTest, AnItemThatFailsCostsOnlyItself) {
     EXPECT_EQ(error_->domain(), c.code == 7 ? "TestDomain" : "NSPOSIXErrorDomain");
     EXPECT_EQ(error_->code(), c.code);
     EXPECT_EQ(volume->held(), 0U);
+  }
+}
+
+TEST_F(LocalFSTest, OnlyAFileIsReplacedAndALinkToOneIsFollowed) {
+  struct Case {
+    const char* name;
+    std::string target;
+    const char* written;  // the file that has the new content then; empty: none
+    int code;
+  };
+  const Case cases[] = {
+      {"a file", "file", "file", 0},
+      {"a link to a file", "link", "file", 0},
+      {"a link to a link", "links", "file", 0},
+      {"a link that leads nowhere", "dangling", "", ENOENT},
+      {"a link to itself", "round", "", ELOOP},
+      {"a link to a folder", "folderLink", "", EISDIR},
+      {"a socket", "socket", "", EINVAL},
+      {"a link to a device", "null", "", EINVAL},
+      {"a name that the disk cannot hold", std::string(256, 'n'), "", ENAMETOOLONG},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(disk_);
+    write("file", "old");
+    fs::create_symlink("file", disk_ / "link");
+    fs::create_symlink("link", disk_ / "links");
+    fs::create_symlink("none", disk_ / "dangling");
+    fs::create_symlink("round", disk_ / "round");
+    fs::create_symlink(disk_, disk_ / "folderLink");
+    fs::create_symlink("/dev/null", disk_ / "null");
+    ::mknod((disk_ / "socket").c_str(), S_IFSOCK | 0600, 0);
+    const auto volume = std::make_shared<MemoryVolume>(tree("/new=new"));
+    bool isFetched = false;
+    volume->onTransfer = [&](const std::string&) { isFetched = true; };
+    EXPECT_EQ(receive(volume, {"/new"}, disk_ / c.target), c.code == 0);
+    EXPECT_EQ(isFetched, c.code == 0) << "what cannot be stored need not come";
+    EXPECT_EQ(error_ ? error_->code() : 0, c.code);
+    std::ifstream file(disk_ / "file");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), *c.written ? "new" : "old");
+    for (const char* link : {"link", "links", "dangling", "round", "folderLink", "null"})
+      EXPECT_TRUE(fs::is_symlink(disk_ / link)) << link;
+    EXPECT_TRUE(fs::is_socket(disk_ / "socket"));
   }
 }
 

@@ -45,6 +45,5 @@ std::shared_ptr<NSURL> KZVDropboxFS::fetchPreview(const std::string& path, NSErr
     setError(error, temporaryFileError());
     return nullptr;
   }
-  NSFileManager::defaultManager().createDirectoryAtPath(deletingLastPathComponent(localPath), true, error);
   return requiredManager().loadThumb(path, localPath, ServiceErrors(error)) ? url : nullptr;
 }

@@ -1,8 +1,13 @@
 #include <cerrno>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "core/KZVCoreObj.h"
 #include "core/KZVLocalFS.h"
 #include "core/KZVSupport.h"
+#include "core/LocalCopy.h"
+#include "core/LocalTarget.h"
 #include "core/StoppableCall.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/Paths.h"
@@ -21,6 +26,29 @@ bool staysBelow(const std::string& path) {
     start = end + 1;
   }
   return true;
+}
+
+/// A fresh folder for one copy; empty with the error when the disk refuses.
+std::string folderForCopy(const std::string& folder, NSErrorRef* error) {
+  std::string made = appendingPathComponent(folder, KZVSupport::uniquePathComponent());
+  return makePrivateFolders(made, error) ? made : std::string();
+}
+
+/// Frees `place`, which may hold the copy of an earlier version; false when it cannot be a file's: its folder
+/// cannot be made, another copy's folder is there, or the disk cannot hold such a name.
+bool isFreed(const std::string& place) {
+  if (!makePrivateFolders(deletingLastPathComponent(place), nullptr)) return false;
+  return ::unlink(place.c_str()) == 0 || errno == ENOENT || (errno == EISDIR && ::rmdir(place.c_str()) == 0);
+}
+
+/// Where the copy of a file goes: below `folder` as it lies in the account. Where that cannot be, because the
+/// path, or one above it, had another kind before and copies of that time may be held, or because the disk
+/// holds no such names: in a folder of its own. Empty with the error when the disk refuses.
+std::string placeForCopy(const std::string& folder, const std::string& path, NSErrorRef* error) {
+  std::string usual = appendingPathComponent(folder, path);
+  if (isFreed(usual)) return usual;
+  const std::string own = folderForCopy(folder, error);
+  return own.empty() ? own : appendingPathComponent(own, fittingName(lastPathComponent(path), own));
 }
 
 }  // namespace
@@ -90,10 +118,9 @@ std::shared_ptr<NSURL> KZVDropboxFS::copyFile(KZVDropboxFileManager::MetadataRef
     setError(error, NSError::posix(EINVAL, path));
     return nullptr;
   }
-  auto local = NSURL::fileURLWithPath(appendingPathComponent(folder, path));
-  NSFileManager& files = NSFileManager::defaultManager();
-  files.createDirectoryAtPath(deletingLastPathComponent(local->path()), true, error);
-  files.removeItemAtURL(*local);
+  const std::string place = placeForCopy(folder, path, error);
+  auto local = place.empty() ? nullptr : NSURL::fileURLWithPath(place);
+  if (!local) return nullptr;
   if (record->totalBytes() > 0) {
     KZVDropboxFileManager::MetadataRef received = record;
     auto copy = requiredManager().loadFile(*record, std::move(local), LocalAccess::ownerOnly,
@@ -102,30 +129,50 @@ std::shared_ptr<NSURL> KZVDropboxFS::copyFile(KZVDropboxFileManager::MetadataRef
     return copy;
   }
   // An empty file needs no download.
-  return ::writeFileAtomically(local->path(), "", 0600, error) ? local : nullptr;
+  const LocalCopyOptions options{record->lastModifiedDate(), LocalAccess::ownerOnly};
+  return makeEmptyFile(place, options, error) ? local : nullptr;
 }
 
 std::shared_ptr<NSURL> KZVDropboxFS::copyFolder(const std::string& path, const std::string& folder,
                                                 const ProgressCallback& progress, NSErrorRef* error) {
-  const std::string localFolder = appendingPathComponent(folder, KZVSupport::uniquePathComponent());
-  const std::string destination = appendingPathComponent(localFolder, lastPathComponent(path));
+  const std::string localFolder = folderForCopy(folder, error);
+  if (localFolder.empty()) return nullptr;
+  const std::string destination =
+      appendingPathComponent(localFolder, fittingName(lastPathComponent(path), localFolder));
   const auto batch = std::make_shared<KZVBatchId>();
   auto item = std::make_shared<FSItem>(path, shared_from_this());
   item->setIsDirectory(true);
   if (KZVLocalFS::shared().writeFiles(*batch, {std::move(item)}, destination, nullptr, progress, nullptr,
-                                      error)) {
+                                      error, LocalAccess::ownerOnly)) {
     return NSURL::fileURLWithPath(destination);
   }
   NSFileManager::defaultManager().removeItemAtPath(localFolder);
   return nullptr;
 }
 
-/// The instance's folder, asked for when it is first needed; empty with the error when the host has none to
-/// give.
+/// Brings a file's bytes to where they are wanted. Local copies play no part: who wants a file of their own
+/// has no use for a second one.
+bool KZVDropboxFS::fetchFile(const FSItem& item, const NSURL& target, LocalAccess access,
+                             ProgressCallback progress, NSErrorRef* error) {
+  const auto record = requiredManager().metadata(item.path(), progress, ServiceErrors(error));
+  if (!record || record->isDeleted()) return false;
+  if (record->isDirectory()) {
+    setError(error, NSError::posix(EISDIR, item.path()));
+    return false;
+  }
+  if (record->totalBytes() == 0)
+    return makeEmptyFile(target.path(), {record->lastModifiedDate(), access, true}, error);
+  auto local = NSURL::fileURLWithPath(target.path());
+  return requiredManager().loadFile(*record, std::move(local), access, std::move(progress),
+                                    ServiceErrors(error)) != nullptr;
+}
+
+/// The instance's folder, asked for when it is first needed, and made anew when something that cleans up has
+/// removed it; empty with the error when the host has none to give, or the disk refuses.
 std::string KZVDropboxFS::requiredTemporaryFolder(NSErrorRef* error) {
   return tmpFolderUrl_.update([&](std::shared_ptr<NSURL>& folder) -> std::string {
     if (!folder) folder = KZVCoreObj::shared().temporaryFolderForPlugin(*this, error);
-    return folder ? folder->path() : "";
+    return folder && makePrivateFolders(folder->path(), error) ? folder->path() : "";
   });
 }
 

@@ -96,6 +96,8 @@ class KZVDropboxFS final : public FSPlugin {
   std::shared_ptr<NSURL> requestFileUrl(const std::string& path, ProgressCallback progress,
                                         NSErrorRef* error) override;
   void releaseFileUrl(const NSURL& url) override;
+  bool fetchFile(const FSItem& item, const NSURL& target, LocalAccess access, ProgressCallback progress,
+                 NSErrorRef* error) override;
   bool writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
                  NSErrorRef* error) override;
   std::optional<StoredFile> storeFile(const NSURL& source, const std::string& path, const WriteBase& base,

@@ -4,6 +4,8 @@
 #include <fstream>
 #include <functional>
 #include <future>
+#include <mutex>
+#include <set>
 #include <span>
 #include <sstream>
 #include <thread>
@@ -12,6 +14,7 @@
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "core/KZVConstants.h"
@@ -23,6 +26,27 @@
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+
+namespace {
+
+std::mutex syncedMutex;
+std::set<std::pair<dev_t, ino_t>> syncedFiles;  // guarded by syncedMutex
+
+bool isSynced(const std::string& path) {
+  struct stat status {};
+  const std::lock_guard lock(syncedMutex);
+  return ::stat(path.c_str(), &status) == 0 && syncedFiles.contains({status.st_dev, status.st_ino});
+}
+
+}  // namespace
+
+/// Takes the place of the system's in this program and notes which files are synced.
+extern "C" int fsync(int file) {
+  struct stat status {};
+  const std::lock_guard lock(syncedMutex);
+  if (::fstat(file, &status) == 0) syncedFiles.insert({status.st_dev, status.st_ino});
+  return static_cast<int>(::syscall(SYS_fsync, file));
+}
 
 namespace {
 
@@ -52,6 +76,15 @@ class TransferTest : public PluginTest {
     fs::resize_file(localPath(name), sizeBytes - 4);
     std::ofstream(localPath(name), std::ios::binary | std::ios::app) << "mark";
     return NSURL::fileURLWithPath(localPath(name));
+  }
+  static std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  NSDate::Time dateOf(const std::string& path) {
+    const auto attributes = bounded([&] { return ada->attributesAtPath(path, nullptr); });
+    const auto date = attributes ? as<NSDate>(attributes->objectForKey(NSFileModificationDate)) : nullptr;
+    return date ? date->time() : NSDate::Time();
   }
   static bool sameBytes(const std::string& left, const std::string& right) {
     std::ifstream one(left, std::ios::binary);
@@ -548,6 +581,101 @@ TEST_F(TransferTest, LocalCopiesAreSharedAndStayInsideTheirFolder) {
   const auto stray = makeFile("stray", 3);
   ada->releaseFileUrl(*stray);
   EXPECT_FALSE(fs::exists(stray->path()));
+}
+
+TEST_F(TransferTest, HeldCopiesStayWhenAPathChangesItsKind) {
+  settle(*ada);
+  struct Case {
+    const char* held;
+    const char* gone;   // what is removed then
+    const char* other;  // what stands in its way afterwards
+  };
+  for (const Case& c : {Case{"/x", "/x", "/x/y"}, Case{"/z/y", "/z", "/z"}}) {
+    SCOPED_TRACE(c.other);
+    standIn.write(c.held, "held");
+    const auto held = get(c.held);
+    ASSERT_NE(held, nullptr);
+    standIn.remove(c.gone);
+    standIn.write(c.other, "other");
+    bounded([&] { return ada->pollForChanges(), true; });
+    NSErrorRef error;
+    const auto other = get(c.other, &error);
+    ASSERT_NE(other, nullptr) << error->description();
+    EXPECT_EQ(contentOf(other->path()), "other");
+    EXPECT_EQ(contentOf(held->path()), "held");
+    ada->releaseFileUrl(*held);
+    ada->releaseFileUrl(*other);
+  }
+}
+
+TEST_F(TransferTest, LocalCopiesAreTheOwnersAloneAlsoInAFolderMadeAnew) {
+  standIn.write("/Docs/Sub/Report.txt", "12345");
+  standIn.write("/Docs/empty", "");
+  settle(*ada);
+  const mode_t before = umask(022);
+  for (int round = 0; round < 2; ++round) {
+    for (const char* path : {"/Docs/Sub/Report.txt", "/Docs/empty", "/Docs"}) {
+      const auto copy = get(path);
+      ASSERT_NE(copy, nullptr) << path;
+      ada->releaseFileUrl(*copy);
+    }
+    const fs::path folder = ada->tmpFolderUrl()->path();
+    EXPECT_EQ(fs::status(folder).permissions(), fs::perms(0700));
+    EXPECT_EQ(filesKept(), 4);
+    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+      EXPECT_EQ(entry.status().permissions(), fs::perms(entry.is_directory() ? 0700 : 0600)) << entry.path();
+    }
+    fs::remove_all(folder);
+  }
+  umask(before);
+}
+
+TEST_F(TransferTest, NamesThatTheDiskCannotHoldCanBeReadButOnlyBeStoredUnderOthers) {
+  std::string name;
+  for (int i = 0; i < 100; ++i) name += "\u6587";
+  name += ".txt";
+  std::string deep = "/deep";
+  while (deep.size() < 5000) deep += "/" + std::string(200, 'd');
+  standIn.write("/" + name, "long");
+  standIn.write(deep, "deep");
+  const auto copy = get("/" + name);
+  ASSERT_NE(copy, nullptr);
+  EXPECT_EQ(contentOf(copy->path()), "long");
+  EXPECT_TRUE(copy->path().ends_with("\u6587.txt")) << "programs go by the extension";
+  const auto deepCopy = get(deep);
+  ASSERT_NE(deepCopy, nullptr);
+  EXPECT_EQ(contentOf(deepCopy->path()), "deep");
+  const auto fetch = [&](const std::string& target, NSErrorRef* error) {
+    return bounded([&] {
+      return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/" + name, ada)},
+                                             localPath(target), nullptr, nullptr, nullptr, error);
+    });
+  };
+  standIn.forgetRequests();
+  NSErrorRef error;
+  EXPECT_FALSE(fetch(name, &error));
+  EXPECT_EQ(error->code(), ENAMETOOLONG);
+  EXPECT_EQ(standIn.requests()["files/download"], 0);
+  EXPECT_TRUE(fetch("short.txt", &error)) << error->description();
+  EXPECT_EQ(contentOf(localPath("short.txt")), "long");
+}
+
+TEST_F(TransferTest, AFetchedFileIsWrittenOnceBesideItsPlaceAndSynced) {
+  standIn.write("/Docs/Report.txt", "12345");
+  standIn.write("/Docs/empty", "");
+  NSErrorRef error;
+  ASSERT_TRUE(bounded([&] {
+    return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/Docs", ada)},
+                                           localPath("Docs"), nullptr, nullptr, nullptr, &error);
+  })) << error->description();
+  EXPECT_EQ(contentOf(localPath("Docs/Report.txt")), "12345");
+  EXPECT_EQ(ada->tmpFolderUrl(), nullptr) << "a local copy was made";
+  for (const char* name : {"Docs/Report.txt", "Docs/empty", "Docs"}) {
+    EXPECT_TRUE(isSynced(localPath(name))) << name;
+    EXPECT_TRUE(fs::is_directory(localPath(name)) ||
+                fs::last_write_time(localPath(name)) ==
+                    std::chrono::file_clock::from_sys(dateOf("/" + std::string(name))));
+  }
 }
 
 TEST_F(TransferTest, AFullDiskFailsTheDownloadAndLeavesNothing) {

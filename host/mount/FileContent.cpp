@@ -139,7 +139,8 @@ int FileContent::makePrivate() {
     // From what is open and not from its path, where another version may lie by now.
     NSErrorRef error;
     const auto goesOn = [] { return true; };
-    if (!copyLocalFile("/proc/self/fd/" + std::to_string(from), path, std::nullopt, goesOn, &error))
+    if (!copyLocalFile("/proc/self/fd/" + std::to_string(from), path, {.access = LocalAccess::ownerOnly},
+                       goesOn, &error))
       return errnoOf(error);
   }
   Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, privateFile));

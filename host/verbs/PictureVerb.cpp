@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "core/LocalTarget.h"
 #include "host/Console.h"
 #include "host/Formatting.h"
 #include "host/HostError.h"
@@ -19,18 +20,23 @@ class PictureVerb final : public Verb {
   Words words() const override { return words_; }
   void declare(CLI::App& command) override {
     command.add_option("PATH", typed_, "A file or folder of the account")->required();
-    command.add_option("--out", file_, "The PNG file to write")->required()->option_text("FILE");
+    command.add_option("--out", file_, "The PNG file to write; a link to one is followed")
+        ->required()
+        ->option_text("FILE");
   }
 
   void run(VerbContext& context) override {
+    if (!context.isLocalPath(file_)) return;
     const auto volume = context.openVolume();
     if (!volume) return;
     const std::string path = context.pathFrom(typed_);
     if (path.empty()) return;
     NSErrorRef error;
+    const auto place = fileTarget(file_, LinkAtTarget::follow, &error);
+    if (!place) return context.fail(file_, error);
     const auto picture = ((*volume).*picture_)(path, &error);
     if (!picture) return context.fail(path, error ? error : noPictureError());
-    if (!picture->writePNG(file_, &error)) return context.fail(file_, error);
+    if (!picture->writePNG(*place, &error)) return context.fail(file_, error);
     context.console.line(context.options.json
                              ? boost::json::serialize(boost::json::object{{"width", picture->width()},
                                                                           {"height", picture->height()}})
