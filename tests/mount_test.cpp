@@ -232,6 +232,112 @@ TEST_F(MountTest, EditorsLeaveExactlyTheNewContent) {
   }
 }
 
+TEST_F(MountTest, FilesThatStayHereLiveUntilTheyAreRemoved) {
+  for (const char* path : {"/d/sub/a", "/gone/deep/a", "/left/a"}) standIn.write(path, "1");
+  const auto isAsStored = [&](const std::vector<std::string>& paths) {
+    for (const std::string& path : paths) EXPECT_EQ(contentOf(root / path), path.substr(path.rfind('/') + 1));
+  };
+  mount();
+  for (const char* path :
+       {"~x.tmp", ".top.txt.swp", "d/.~lock.a#", "d/sub/.a.swp", "gone/deep/~y.tmp", "left/~z.tmp"})
+    store(root / path, fs::path(path).filename());
+  for (const char* sent : {"._x", ".anim.swf", "x.tmp"}) store(root / sent, "1");
+  const Tree tree = standIn.tree();
+  EXPECT_EQ(tree, (Tree{{"/d/", 0},
+                        {"/d/sub/", 0},
+                        {"/d/sub/a", 1},
+                        {"/gone/", 0},
+                        {"/gone/deep/", 0},
+                        {"/gone/deep/a", 1},
+                        {"/left/", 0},
+                        {"/left/a", 1},
+                        {"/._x", 1},
+                        {"/.anim.swf", 1},
+                        {"/x.tmp", 1}}));
+  EXPECT_EQ(end(SIGKILL), 128 + SIGKILL);
+  standIn.remove("/gone");
+  mount();
+  // Before anybody has looked into them.
+  moveFile(root / "d", root / "e");
+  EXPECT_EQ(errnoOf([&] { must(::rmdir((root / "left").c_str())); }), ENOTEMPTY);
+  unlink(root / "left/a");
+  EXPECT_EQ(errnoOf([&] { must(::rmdir((root / "left").c_str())); }), ENOTEMPTY);
+  isAsStored({"~x.tmp", ".top.txt.swp", "e/.~lock.a#", "e/sub/.a.swp", "gone/deep/~y.tmp", "left/~z.tmp"});
+  moveFile(root / "gone", root / "GONE");
+  moveFile(root / "e", root / "f");
+  store(root / "~x.tmp", "cut", O_WRONLY | O_TRUNC);
+  store(root / "~x.tmp", " and more", O_WRONLY | O_APPEND);
+  standIn.write("/.top.txt.swp", "of another client");
+  EXPECT_EQ(unmount(), 0);
+  mount();
+  isAsStored({".top.txt.swp", "f/.~lock.a#", "f/sub/.a.swp", "GONE/deep/~y.tmp"});
+  EXPECT_EQ(contentOf(root / "~x.tmp"), "cut and more");
+  for (const char* path : {"~x.tmp", ".top.txt.swp", "f/.~lock.a#", "left/~z.tmp"}) unlink(root / path);
+  EXPECT_TRUE(soon([&] { return contentOf(root / ".top.txt.swp") == "of another client"; }));
+  unlink(root / ".top.txt.swp");
+  fs::remove_all(root / "f");
+  fs::remove_all(root / "GONE");
+  fs::remove_all(root / "left");
+  EXPECT_EQ(unmount(), 0);
+  mount();
+  std::set<std::string> seen;
+  for (const auto& entry : fs::directory_iterator(root)) seen.insert(entry.path().filename());
+  EXPECT_EQ(seen, (std::set<std::string>{"._x", ".anim.swf", "x.tmp"}));
+  EXPECT_EQ(standIn.tree(), (Tree{{"/._x", 1}, {"/.anim.swf", 1}, {"/x.tmp", 1}}));
+  for (const auto& entry : fs::recursive_directory_iterator(home.path()))
+    EXPECT_NE(entry.path().parent_path().filename(), "local") << entry.path() << " was forgotten";
+}
+
+TEST_F(MountTest, RenamesLeadToNamesThatStayHereAndBack) {
+  struct Case {
+    const char* name;
+    const char* aside;
+  };
+  const Case cases[] = {{"Word", "~WRL0002.tmp"}, {"an owner file", "~$w.docx"}, {"a lock", ".~lock.w.docx#"},
+                        {"Vim", ".w.docx.swp"},   {"Explorer", "Thumbs.db"},     {"Finder", ".DS_Store"}};
+  for (const Case& c : cases) standIn.write("/" + std::string(c.name) + "/w.docx", "old");
+  standIn.write("/kept", "old");
+  mount();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const fs::path folder = root / c.name;
+    const std::string remote = "/" + std::string(c.name) + "/";
+    store(folder / "~WRD0001.tmp", "the new edition");
+    EXPECT_EQ(errnoOf([&] { moveFile(folder / "w.docx", folder / c.aside); }), 0);
+    EXPECT_EQ(standIn.tree().count(remote + "w.docx"), 0U);
+    EXPECT_EQ(contentOf(folder / c.aside), "old");
+    EXPECT_EQ(errnoOf([&] { moveFile(folder / "~WRD0001.tmp", folder / "w.docx"); }), 0);
+    EXPECT_EQ(standIn.content(remote + "w.docx"), "the new edition");
+    EXPECT_EQ(errnoOf([&] { moveFile(folder / c.aside, folder / "back"); }), 0);
+    EXPECT_EQ(standIn.content(remote + "back"), "old");
+    EXPECT_EQ(errnoOf([&] { moveFile(folder / "back", folder / c.aside); }), 0);
+    EXPECT_EQ(errnoOf([&] { moveFile(folder, folder / c.aside); }), EINVAL) << "a folder into itself";
+  }
+  EXPECT_EQ(errnoOf([&] { moveFile(root / "Word", root / "~Word.tmp"); }), EINVAL)
+      << "a folder cannot stay here";
+  standIn.fault({{"route", "files/delete_v2"}, {"times", 1}, {"status", 400}});
+  EXPECT_EQ(errnoOf([&] { moveFile(root / "kept", root / "~kept.tmp"); }), EIO)
+      << "it could not be removed there";
+  EXPECT_EQ(contentOf(root / "kept"), "old");
+  EXPECT_FALSE(fs::exists(root / "~kept.tmp"));
+  standIn.clearFaults();
+  {  // written and not sent yet
+    const File file(root / "kept", O_WRONLY | O_TRUNC);
+    file.put("newest");
+    EXPECT_EQ(errnoOf([&] { moveFile(root / "kept", root / "~kept.tmp"); }), 0);
+    file.put(" words");
+  }
+  EXPECT_EQ(end(SIGKILL), 128 + SIGKILL);
+  mount();
+  for (const Case& c : cases) {
+    EXPECT_EQ(contentOf(root / c.name / c.aside), "old") << c.name;
+    EXPECT_EQ(contentOf(root / c.name / "w.docx"), "the new edition") << c.name;
+  }
+  EXPECT_EQ(contentOf(root / "~kept.tmp"), "newest words");
+  EXPECT_FALSE(fs::exists(root / "kept"));
+  EXPECT_EQ(waiting(), 0U);
+}
+
 TEST_F(MountTest, FoldersAreCopiedWholeThroughFailures) {
   for (int number = 0; number < 150; ++number) {
     const fs::path folder = fs::path(files.path()) / "in" / ("folder " + std::to_string(number % 7));

@@ -70,10 +70,15 @@ int FileContent::makeEmpty(const WriteBase& base) {
   ++wishes_;
   changed_.wait(lock, [&] { return !isSending_; });
   --wishes_;
+  if (isLocalOnly_) {
+    const int reason = ::ftruncate(data_->number(), 0) == 0 ? 0 : errno;
+    noteSize();
+    return reason;
+  }
   if (const int reason = createData(journal_->newId())) return reason;
   // What waits to be sent replaces the version that it was made from; so does what comes after it.
   if (!isUnsent_) base_ = base;
-  isUnsent_ = !isLocalOnly_;
+  isUnsent_ = true;
   isWritten_ = false;
   unused = std::exchange(reader_, nullptr);
   lock.unlock();
@@ -84,6 +89,56 @@ int FileContent::makeLocalOnly() {
   const std::lock_guard lock(mutex_);
   isLocalOnly_ = true;
   return createData(journal_->newId());
+}
+
+int FileContent::keepLocal(const std::string& path) {
+  std::shared_ptr<FSReader> unused;  // handed back without the lock
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [&] { return !isSending_; });
+  std::string dataId = id_.empty() ? journal_->newId() : id_;
+  const std::string localPath = journal_->localPath(dataId);
+  Descriptor file;
+  if (id_.empty()) {
+    if (const int reason = copyTo(localPath, file)) return reason;
+  } else {
+    if (::link(journal_->dataPath(dataId).c_str(), localPath.c_str()) != 0) return errno;
+    file = Descriptor(::open(localPath.c_str(), O_RDWR | O_CLOEXEC));
+  }
+  int reason = file.isOpen() ? 0 : errno;
+  if (reason == 0) {
+    const auto error = journal_->put(UploadJournal::Local{dataId, path}, UploadJournal::Durability::power);
+    if (error) reason = errnoOf(error);
+  }
+  if (reason != 0) {
+    ::unlink(localPath.c_str());
+    return reason;
+  }
+  dropRecorded();
+  if (!id_.empty()) ::unlink(journal_->dataPath(id_).c_str());
+  data_ = std::make_shared<const Descriptor>(std::move(file));
+  hasData_ = isPrivate_ = true;
+  noteSize();
+  id_ = recordedId_ = std::move(dataId);
+  isLocalOnly_ = true;
+  isUnsent_ = false;
+  isWritten_ = false;
+  waitsSince_.reset();
+  reason_.clear();
+  unused = std::exchange(reader_, nullptr);
+  lock.unlock();
+  return 0;
+}
+
+int FileContent::adopt(const UploadJournal::Local& local) {
+  const std::lock_guard lock(mutex_);
+  Descriptor file(::open(journal_->localPath(local.id).c_str(), O_RDWR | O_CLOEXEC));
+  if (!file.isOpen()) return errno;
+  data_ = std::make_shared<const Descriptor>(std::move(file));
+  hasData_ = isPrivate_ = true;
+  noteSize();
+  id_ = recordedId_ = local.id;
+  isLocalOnly_ = true;
+  return 0;
 }
 
 int FileContent::adopt(const UploadJournal::Upload& upload) {
@@ -126,17 +181,13 @@ int FileContent::copyBytes(int to) const {
   }
 }
 
-/// Makes the bytes a private file that may be written: not the volume's version, and not the one that waits
-/// in the journal.
-int FileContent::makePrivate() {
-  if (!id_.empty() && id_ != recordedId_) return 0;
-  if (!data_ && !reader_) fatalInvariant("a file has bytes before it is written");
-  std::string dataId = journal_->newId();
-  const std::string path = pathOf(dataId);
+/// Copies the bytes to a new private file at `path`, which it opens as `copy`.
+int FileContent::copyTo(const std::string& path, Descriptor& copy) const {
+  if (!data_ && !reader_) fatalInvariant("a file has bytes before they are copied");
   const int from = data_ ? data_->number() : reader_->localDescriptor();
   int reason = 0;
   if (from >= 0) {
-    // From what is open and not from its path, where another version may lie by now.
+    // From what is open and not from its path, where another version may be by now.
     NSErrorRef error;
     const auto goesOn = [] { return true; };
     if (!copyLocalFile("/proc/self/fd/" + std::to_string(from), path, {.access = LocalAccess::ownerOnly},
@@ -146,10 +197,18 @@ int FileContent::makePrivate() {
   Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, privateFile));
   if (!file.isOpen() || ::fchmod(file.number(), privateFile) != 0) reason = errno;
   if (reason == 0 && from < 0) reason = copyBytes(file.number());
-  if (reason != 0) {
-    ::unlink(path.c_str());
-    return reason;
-  }
+  if (reason != 0) ::unlink(path.c_str());
+  copy = std::move(file);
+  return reason;
+}
+
+/// Makes the bytes a private file that may be written: not the volume's version, and not the one that waits
+/// in the journal.
+int FileContent::makePrivate() {
+  if (isLocalOnly_ || (!id_.empty() && id_ != recordedId_)) return 0;
+  std::string dataId = journal_->newId();
+  Descriptor file;
+  if (const int reason = copyTo(pathOf(dataId), file)) return reason;
   data_ = std::make_shared<const Descriptor>(std::move(file));
   id_ = std::move(dataId);
   reader_.reset();
@@ -168,6 +227,15 @@ int FileContent::write(const std::function<int(int file, std::uint64_t sizeBytes
   const int reason = put(data_->number(), sizeBytes_);
   noteSize();
   return reason;
+}
+
+std::optional<NSDate::Time> FileContent::modified() const {
+  using namespace std::chrono;
+  const std::lock_guard lock(mutex_);
+  struct stat status {};
+  if (id_.empty() || ::fstat(data_->number(), &status) != 0) return std::nullopt;
+  return NSDate::Time(duration_cast<NSDate::Time::duration>(seconds(status.st_mtim.tv_sec) +
+                                                            nanoseconds(status.st_mtim.tv_nsec)));
 }
 
 void FileContent::setModified(NSDate::Time time) {
@@ -204,12 +272,20 @@ FileContent::Wish::~Wish() {
 
 bool FileContent::isLocalOnly() const { return isLocalOnly_; }
 
-int FileContent::sendFromNow(const WriteBase& base) {
+int FileContent::sendFromNow(const WriteBase& base, const std::string& path) {
   const std::lock_guard lock(mutex_);
   if (!isLocalOnly_) fatalInvariant("only a file that stayed here begins to be sent");
-  if (::rename(journal_->localPath(id_).c_str(), journal_->dataPath(id_).c_str()) != 0) return errno;
-  isLocalOnly_ = false;
+  // First the new entry, then the old one goes: a process that dies in between leaves both.
+  if (::link(journal_->localPath(id_).c_str(), journal_->dataPath(id_).c_str()) != 0) return errno;
   base_ = base;
+  if (const auto error = journal_->put(entryFor(id_, path), UploadJournal::Durability::process)) {
+    ::unlink(journal_->dataPath(id_).c_str());
+    return errnoOf(error);
+  }
+  journal_->forgetLocal(id_);
+  ::unlink(journal_->localPath(id_).c_str());
+  recordedId_ = id_;
+  isLocalOnly_ = false;
   isUnsent_ = true;
   isWritten_ = true;
   return 0;
@@ -268,6 +344,11 @@ NSErrorRef FileContent::record(const std::string& path, UploadJournal::Durabilit
                                const std::string& reason) {
   const std::lock_guard lock(mutex_);
   if (!reason.empty()) reason_ = reason;
+  if (isLocalOnly_) {
+    if (NSErrorRef error = journal_->put(UploadJournal::Local{id_, path}, durability)) return error;
+    recordedId_ = id_;
+    return nullptr;
+  }
   if (NSErrorRef error = journal_->put(entryFor(id_, path), durability)) return error;
   if (recordedId_ != id_) dropRecorded();
   recordedId_ = id_;
@@ -277,6 +358,8 @@ NSErrorRef FileContent::record(const std::string& path, UploadJournal::Durabilit
 NSErrorRef FileContent::moveRecord(const std::string& path) {
   const std::lock_guard lock(mutex_);
   if (recordedId_.empty()) return nullptr;
+  if (isLocalOnly_)
+    return journal_->put(UploadJournal::Local{recordedId_, path}, UploadJournal::Durability::process);
   return journal_->put(entryFor(recordedId_, path), UploadJournal::Durability::process);
 }
 
@@ -287,7 +370,11 @@ bool FileContent::isRecorded() const {
 
 void FileContent::dropRecorded() {
   if (recordedId_.empty()) return;
-  journal_->forgetUpload(recordedId_);
+  if (isLocalOnly_) {
+    journal_->forgetLocal(recordedId_);
+  } else {
+    journal_->forgetUpload(recordedId_);
+  }
   if (recordedId_ != id_) ::unlink(pathOf(recordedId_).c_str());
   recordedId_.clear();
 }

@@ -38,10 +38,14 @@ class FileContent {
   void useReader(std::shared_ptr<FSReader> reader);
   /// An empty private file in place of whatever there was, to be sent even if nothing is written.
   int makeEmpty(const WriteBase& base);
-  /// An empty private file that is never sent.
+  /// An empty private file that is never sent. It is kept over mounts from the first record() on.
   int makeLocalOnly();
+  /// The bytes, which must be at hand, become a file that is never sent, kept and shown at `path` until it is
+  /// removed. What waited to be sent waits no more.
+  int keepLocal(const std::string& path);
   /// Takes over what an earlier process left in the journal.
   int adopt(const UploadJournal::Upload& upload);
+  int adopt(const UploadJournal::Local& local);
 
   // Bytes.
   /// Where the bytes can be read, for as long as this lives. Neither: they are not at hand.
@@ -58,6 +62,8 @@ class FileContent {
   /// Lets `put` write into the private file, which is made first. Blocks while the bytes are being sent.
   /// @param put  gets the file and its size in bytes, which nobody else changes meanwhile.
   int write(const std::function<int(int file, std::uint64_t sizeBytes)>& put);
+  /// When the private file was changed last; nothing while there is none.
+  std::optional<NSDate::Time> modified() const;
   /// The time that goes along when the bytes are sent.
   void setModified(NSDate::Time time);
 
@@ -88,8 +94,8 @@ class FileContent {
   bool isLocalOnly() const;
   /// Whether the bytes lie in the private file, which the volume does not keep.
   bool isPrivate() const { return isPrivate_; }
-  /// A file that stayed here is to be sent from now on, in place of the version `base`.
-  int sendFromNow(const WriteBase& base);
+  /// A file that stayed here is to be sent to `path` from now on, in place of the version `base`.
+  int sendFromNow(const WriteBase& base, const std::string& path);
   WriteBase base() const;
   void setBase(const WriteBase& base);
 
@@ -108,11 +114,11 @@ class FileContent {
   std::string elsewhere() const;
   void setElsewhere(const std::string& path);
   /// Notes in the journal that these bytes, which were closed, are to be stored at `path`, in place of an
-  /// older version that waited.
+  /// older version that waited; of a file that stays here, that it is shown at `path`.
   /// @param reason  why an attempt to send them failed; empty: as before.
   NSErrorRef record(const std::string& path, UploadJournal::Durability durability,
                     const std::string& reason = {});
-  /// The version that waits in the journal, if there is one, goes to `path` now.
+  /// The version that the journal knows, if there is one, belongs to `path` now.
   NSErrorRef moveRecord(const std::string& path);
   /// Whether a version waits in the journal.
   bool isRecorded() const;
@@ -121,6 +127,7 @@ class FileContent {
 
  private:
   int makePrivate();
+  int copyTo(const std::string& path, Descriptor& copy) const;
   int copyBytes(int to) const;
   int createData(std::string dataId);
   void noteSize();
@@ -137,7 +144,7 @@ class FileContent {
   std::shared_ptr<const Descriptor> data_;  // the private file
   std::shared_ptr<FSReader> reader_;        // while there is no private file
   std::string id_;                          // of the private file; empty: none
-  std::string recordedId_;                  // of the version that waits in the journal; empty: none
+  std::string recordedId_;                  // of the version that the journal knows; empty: none
   WriteBase base_;
   std::string elsewhere_;
   std::optional<NSDate::Time> waitsSince_;  // while unsent bytes are in the journal

@@ -35,6 +35,7 @@ MountedVolume::~MountedVolume() {
 
 void MountedVolume::start() {
   recoverRenames();
+  leftLocals_ = journal_->locals();
   for (auto& upload : journal_->uploads())
     waiting_.push_back({nullptr, nullptr, std::move(upload), Clock::now()});
   refresher_ = std::thread([this] {

@@ -14,6 +14,7 @@
 
 #include "core/FSPlugin.h"
 #include "host/mount/FileContent.h"
+#include "host/mount/MountNames.h"
 #include "host/mount/MountTree.h"
 #include "host/mount/PathLocks.h"
 #include "host/mount/UploadJournal.h"
@@ -221,6 +222,10 @@ class MountedVolume {
   void show(MountNode& node, const FSItem& item, Notices& notices);
   bool showNewVersion(const MountNodeRef& node, const FSItem& item, Notices& notices);
   void adoptLeftUploads(MountNode& folder);
+  void adoptLeftLocals(MountNode& folder);
+  bool adoptLocal(MountNode& folder, const UploadJournal::Local& local);
+  bool hasLeftBelow(const std::string& path);
+  void moveLeft(const std::string& from, const std::string& to);
   void watch(const MountNodeRef& folder, const std::string& path);
   void unwatch(MountNode& folder);
   void moveWatches(const std::vector<MountNodeRef>& folders);
@@ -236,6 +241,9 @@ class MountedVolume {
   WriteBase baseToReplace(const MountNodeRef& node) const;
   std::shared_ptr<FileContent> contentOf(const MountNodeRef& node) const;
   std::shared_ptr<FileContent> useContent(const MountNodeRef& node, FileContent::Access access);
+  /// The content of a file with its bytes at hand and one reader more, whom the caller removes.
+  Answer<std::shared_ptr<FileContent>> useForReading(const MountNodeRef& node,
+                                                     const IsInterrupted& isInterrupted);
   void dropContent(const MountNodeRef& node, const std::shared_ptr<FileContent>& content);
   void keepLocked(const MountNodeRef& node, std::vector<std::shared_ptr<FileContent>>& unused);
   std::optional<HeldPath> holdPlace(const MountNodeRef& node, const FileContent& content);
@@ -243,6 +251,7 @@ class MountedVolume {
               FileContent::Access access, bool truncates, const IsInterrupted& isInterrupted);
   Answer<Created> openExisting(const MountNodeRef& node, const std::string& name, int flags,
                                const IsInterrupted& isInterrupted);
+  void recordLocal(const MountNodeRef& node, FileContent& content);
   void noteWritten(const MountNodeRef& node, const std::shared_ptr<FileContent>& content);
   Opened openedLocked(const MountNodeRef& node, std::shared_ptr<FileContent> content,
                       FileContent::Access access, bool keepsCache);
@@ -271,6 +280,11 @@ class MountedVolume {
   int claim(RenamePlan& plan, const IsInterrupted& isInterrupted);
   int renameUnsent(RenamePlan& plan, bool staysLocal, const IsInterrupted& isInterrupted);
   bool isChangedElsewhere(const MountNodeRef& node, const std::string& path);
+  bool staysOnThisMachine(const RenamePlan& plan, NameKind toKind) const;
+  int renameClaimed(RenamePlan& plan, Target target, const std::shared_ptr<FileContent>& bytes,
+                    NameKind toKind, const IsInterrupted& isInterrupted);
+  int renameToLocal(RenamePlan& plan, const std::shared_ptr<FileContent>& content);
+  int renameLocalFolder(RenamePlan& plan, const IsInterrupted& isInterrupted);
   int renameRemote(RenamePlan& plan, const IsInterrupted& isInterrupted);
   void hang(RenamePlan& plan);
 
@@ -287,6 +301,8 @@ class MountedVolume {
   /// Files that were written and sent, the last closed at the end: they keep their bytes for a while, so that
   /// reading them again does not fetch what has just been sent.
   std::deque<std::weak_ptr<MountNode>> kept_;  // guarded by treeMutex_
+  /// Files that stay on this machine whose folder has not been listed yet. Guarded by treeMutex_.
+  std::vector<UploadJournal::Local> leftLocals_;
 
   std::mutex watchMutex_;  // the volume takes watches from one thread at a time
   const std::shared_ptr<Inbox> inbox_;

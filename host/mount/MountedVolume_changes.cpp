@@ -77,6 +77,10 @@ bool MountedVolume::isEmptyNow(const MountNodeRef& folder, const std::string& pa
       return false;
     }
   }
+  if (hasLeftBelow(path)) {
+    error = ENOTEMPTY;
+    return false;
+  }
   if (!isRemote) return true;
   volume_->pollForChanges();
   bool isEmpty = false;
@@ -200,8 +204,10 @@ void MountedVolume::takeOut(const MountNodeRef& node, const std::string& name) {
   {
     const std::lock_guard lock(treeMutex_);
     if (node->parent && node->name != name) notices.entries.emplace_back(node->parent->id, node->name);
-    tree_.remove(node);
     content = node->content;
+    const bool hidAnother = node->parent && node->isBehind && content && content->isLocalOnly();
+    if (hidAnother) inbox_->add(node->parent->shared_from_this());
+    tree_.remove(node);
   }
   tell(notices);
   if (!content) return;
@@ -237,6 +243,34 @@ int MountedVolume::rename(NodeId fromFolderId, const std::string& fromName, Node
   const auto inTheWay = childOf(plan.toFolder, toName, isInterrupted);
   if (inTheWay.error) return inTheWay.error;
   plan.source = source.value;
+  plan.target = inTheWay.value;
+  const bool staysHere = staysOnThisMachine(plan, toKind);
+  if (staysHere && plan.source->isFolder) return EINVAL;
+  std::shared_ptr<FileContent> bytes;
+  if (staysHere) {  // before the claim, since fetching holds the path itself
+    auto reading = useForReading(plan.source, isInterrupted);
+    if (reading.error) return reading.error;
+    bytes = reading.value;
+  }
+  const int reason = renameClaimed(plan, target, staysHere ? bytes : nullptr, toKind, isInterrupted);
+  plan.hold = {};
+  if (bytes) {
+    bytes->removeUser(FileContent::Access::read);
+    dropContent(plan.source, bytes);
+  }
+  return reason;
+}
+
+/// Whether the file gets a name that the volume does not hold; an item of that name that it does hold (other
+/// clients made it) is replaced there.
+bool MountedVolume::staysOnThisMachine(const RenamePlan& plan, NameKind toKind) const {
+  const std::lock_guard lock(treeMutex_);
+  return toKind == NameKind::localOnly && !(plan.target && plan.target->isRemote);
+}
+
+/// @param bytes  of a file that is to stay on this machine, else null.
+int MountedVolume::renameClaimed(RenamePlan& plan, Target target, const std::shared_ptr<FileContent>& bytes,
+                                 NameKind toKind, const IsInterrupted& isInterrupted) {
   if (const int reason = claim(plan, isInterrupted)) return reason;
   if (plan.target) {
     if (target == Target::mustNotExist) return EEXIST;
@@ -246,12 +280,55 @@ int MountedVolume::rename(NodeId fromFolderId, const std::string& fromName, Node
     if (plan.target->isFolder && !isEmptyNow(plan.target, plan.toPath, isInterrupted, error)) return error;
   }
   const auto content = contentOf(plan.source);
-  const bool becomesLocal = toKind == NameKind::localOnly;
-  const bool wasLocal = content && content->isLocalOnly();
-  // The account would lose it, and this machine would have it only for as long as the mount is there.
-  if (becomesLocal && !wasLocal) return EINVAL;
+  const bool staysHere = staysOnThisMachine(plan, toKind);
+  // Replaced meanwhile, or what is in the way is another: the kernel looks again.
+  if (staysHere != (bytes != nullptr) || (bytes && content != bytes)) return ESTALE;
+  if (staysHere && !content->isLocalOnly()) return renameToLocal(plan, content);
   if (plan.isSourceRemote) return renameRemote(plan, isInterrupted);
-  return renameUnsent(plan, becomesLocal, isInterrupted);
+  if (plan.source->isFolder) return renameLocalFolder(plan, isInterrupted);
+  return renameUnsent(plan, staysHere, isInterrupted);
+}
+
+/// A file of the account becomes one that stays here: programs save so, moving the document out of the way
+/// under the name of a temporary file before they put the new one in its place.
+int MountedVolume::renameToLocal(RenamePlan& plan, const std::shared_ptr<FileContent>& content) {
+  const WriteBase base = content->base();
+  NSDate::Time modified{};
+  {
+    const std::lock_guard lock(treeMutex_);
+    modified = plan.source->modified;
+  }
+  if (const int reason = content->keepLocal(plan.toPath)) return reason;
+  content->setModified(modified);
+  // A version that another device has put there meanwhile stays.
+  const bool keepsOther = plan.isSourceRemote && isChangedElsewhere(plan.source, plan.fromPath);
+  if (plan.isSourceRemote && !keepsOther) {
+    if (const int reason = removeRemote(plan.fromPath, never)) {
+      // It may be gone all the same, if only the answer was lost: so it is stored again under its old name.
+      if (content->sendFromNow(base, plan.fromPath) == 0) sendLater(plan.source, content, firstRetryDelay);
+      return reason;
+    }
+  }
+  if (plan.target) takeOut(plan.target, plan.toName);
+  {
+    const std::lock_guard lock(treeMutex_);
+    plan.source->isRemote = false;
+    plan.source->version.clear();
+    if (keepsOther) inbox_->add(plan.source->parent->shared_from_this());
+  }
+  hang(plan);
+  return 0;
+}
+
+/// A folder that another device has deleted is here for as long as files are in it that stay on this machine.
+int MountedVolume::renameLocalFolder(RenamePlan& plan, const IsInterrupted& isInterrupted) {
+  if (plan.isTargetRemote) {
+    if (const int reason = removeRemote(plan.toPath, isInterrupted)) return reason;
+  }
+  if (plan.target) takeOut(plan.target, plan.toName);
+  moveLeft(plan.fromPath, plan.toPath);
+  hang(plan);
+  return 0;
 }
 
 /// Looks the plan's nodes and paths up and claims both subtrees.
@@ -294,11 +371,11 @@ int MountedVolume::claim(RenamePlan& plan, const IsInterrupted& isInterrupted) {
 /// until the new bytes do.
 int MountedVolume::renameUnsent(RenamePlan& plan, bool staysLocal, const IsInterrupted& isInterrupted) {
   const auto content = contentOf(plan.source);
-  if (!content) return EBUSY;  // a folder that another device has just deleted
+  if (!content) return EBUSY;  // another device has just deleted it
   const WriteBase base = baseToReplace(plan.target);
   const bool beginsToBeSent = content->isLocalOnly() && !staysLocal;
   if (beginsToBeSent) {
-    if (const int reason = content->sendFromNow(base)) return reason;
+    if (const int reason = content->sendFromNow(base, plan.toPath)) return reason;
   } else {
     content->setBase(base);
   }
@@ -375,6 +452,7 @@ int MountedVolume::renameRemote(RenamePlan& plan, const IsInterrupted& isInterru
   }
   if (reason != 0) return reason;
   if (plan.target) takeOut(plan.target, plan.toName);
+  moveLeft(plan.fromPath, plan.toPath);
   std::vector<MountNodeRef> watched;
   {
     const std::lock_guard lock(treeMutex_);

@@ -38,6 +38,17 @@ std::shared_ptr<FileContent> MountedVolume::useContent(const MountNodeRef& node,
   return node->content;
 }
 
+Answer<std::shared_ptr<FileContent>> MountedVolume::useForReading(const MountNodeRef& node,
+                                                                  const IsInterrupted& isInterrupted) {
+  auto content = useContent(node, Access::read);
+  if (!content) return {nullptr, ESTALE};
+  const int reason = content->hasData() ? 0 : fetch(node, content, isInterrupted);
+  if (reason == 0) return {std::move(content), 0};
+  content->removeUser(Access::read);
+  dropContent(node, content);
+  return {nullptr, reason};
+}
+
 /// Releases bytes that nobody has open and that the service has.
 void MountedVolume::dropContent(const MountNodeRef& node, const std::shared_ptr<FileContent>& content) {
   std::vector<std::shared_ptr<FileContent>> unused;  // destroyed without the lock
@@ -208,8 +219,19 @@ Answer<MountedVolume::Created> MountedVolume::create(NodeId folderId, const std:
   tree_.add(*folder, node, name);
   Created created;
   created.found = foundLocked(node, name);
-  created.opened = openedLocked(node, std::move(content), access, true);
+  created.opened = openedLocked(node, content, access, true);
+  lock.unlock();
+  if (kind == NameKind::localOnly) recordLocal(node, *content);
   return {std::move(created), 0};
+}
+
+/// Notes where a new file that stays here belongs. Without that it lasts only as long as this mount.
+void MountedVolume::recordLocal(const MountNodeRef& node, FileContent& content) {
+  const auto held = holdPath(node);
+  if (!held) return;
+  if (const auto error = content.record(held->path, UploadJournal::Durability::process))
+    NSLog(NSLogLevel::warning, "mount",
+          held->path + " will be gone after this mount: " + error->localizedDescription());
 }
 
 Answer<MountedVolume::Created> MountedVolume::openExisting(const MountNodeRef& node, const std::string& name,

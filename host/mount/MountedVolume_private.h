@@ -4,6 +4,7 @@
 #include <deque>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/mount/MountErrors.h"
@@ -11,6 +12,8 @@
 
 /// "/a/b" as {"a", "b"}.
 std::vector<std::string> componentsOf(const std::string& path);
+/// Whether the path with this key is the folder's own or one below it.
+bool isPathAtOrBelow(std::string_view key, std::string_view folderKey);
 /// Whether a file that is written, waits to be sent, or exists only here is at or below `node`, which a
 /// listing must then leave alone. Under the tree's lock.
 bool mustStay(MountNode& node);

@@ -46,6 +46,11 @@ std::vector<std::string> componentsOf(const std::string& path) {
   return names;
 }
 
+bool isPathAtOrBelow(std::string_view key, std::string_view folderKey) {
+  if (folderKey == "/") return true;
+  return key.starts_with(folderKey) && (key.size() == folderKey.size() || key[folderKey.size()] == '/');
+}
+
 // --- Looking
 
 MountedVolume::Found MountedVolume::foundLocked(const MountNodeRef& node, const std::string& name) {
@@ -213,6 +218,7 @@ void MountedVolume::addMissing(MountNode& folder, const FSItems& items, Notices&
     show(*node, *item, notices);
   }
   adoptLeftUploads(folder);
+  adoptLeftLocals(folder);
 }
 
 /// Makes the tree what the listing shows. Answers the folders that it took out and that are watched still.
@@ -232,6 +238,10 @@ std::vector<MountNodeRef> MountedVolume::applyListing(MountNode& folder, const F
       MountTree::collectWatched(*node, unneeded);
       tree_.remove(node);
       node = nullptr;
+    }
+    if (node && node->content && node->content->isLocalOnly()) {
+      node->isBehind = true;  // a file that stays here hides the account's until it is removed
+      continue;
     }
     if (node && !node->isFolder && node->isRemote && isOtherVersion(*node, *item)) {
       isChanged |= showNewVersion(node, *item, notices);
@@ -259,6 +269,7 @@ std::vector<MountNodeRef> MountedVolume::applyListing(MountNode& folder, const F
     isChanged = true;
   }
   adoptLeftUploads(folder);
+  adoptLeftLocals(folder);
   if (isChanged) notices.listings.push_back(folder.id);
   return unneeded;
 }
@@ -334,6 +345,75 @@ void MountedVolume::adoptLeftUploads(MountNode& folder) {
     waiting.node = node;
     waiting.content = std::move(content);
   }
+}
+
+/// Files that stay on this machine are shown where they belong, under the tree's lock. Folders that the
+/// account has no more are shown for as long as such files are in them.
+void MountedVolume::adoptLeftLocals(MountNode& folder) {
+  std::erase_if(leftLocals_, [&](const UploadJournal::Local& local) { return adoptLocal(folder, local); });
+}
+
+/// Whether the file is below `folder` and could be shown.
+bool MountedVolume::adoptLocal(MountNode& folder, const UploadJournal::Local& local) {
+  const std::string folderKey = tree_.keyPathOf(folder);
+  const std::string parent = deletingLastPathComponent(local.path);
+  if (volume_->pathKey(parent) != folderKey) {
+    if (!isPathAtOrBelow(volume_->pathKey(parent), folderKey)) return false;
+    const std::size_t depth = componentsOf(folderKey).size();
+    const std::string name = componentsOf(local.path)[depth];
+    if (tree_.child(folder, name)) return false;  // its listing will show the file
+    const MountNodeRef missing = tree_.make(true);
+    missing->modified = startTime_;
+    missing->inside->listing = MountNode::Inside::Listing::outOfDate;  // for when the account has it again
+    tree_.add(folder, missing, name);
+    return adoptLocal(*missing, local);
+  }
+  const std::string name = lastPathComponent(local.path);
+  const MountNodeRef hidden = tree_.child(folder, name);  // another client has stored a file of this name
+  if (hidden && (hidden->isFolder || hidden->content || hidden->lookups > 0)) return false;
+  auto content = std::make_shared<FileContent>(volume_, journal_);
+  if (content->adopt(local) != 0) return false;
+  const MountNodeRef node = tree_.make(false);
+  node->sizeBytes = content->sizeBytes();
+  node->modified = content->modified().value_or(startTime_);
+  node->content = std::move(content);
+  node->isBehind = hidden != nullptr;
+  if (hidden) tree_.remove(hidden);
+  tree_.add(folder, node, name);
+  return true;
+}
+
+/// Whether something that an earlier process left belongs below the folder at `path`, not shown yet.
+bool MountedVolume::hasLeftBelow(const std::string& path) {
+  const std::string key = volume_->pathKey(path);
+  const auto isBelow = [&](const std::string& each) { return isPathAtOrBelow(volume_->pathKey(each), key); };
+  const std::lock_guard lock(treeMutex_);
+  if (std::any_of(leftLocals_.begin(), leftLocals_.end(),
+                  [&](const UploadJournal::Local& local) { return isBelow(local.path); }))
+    return true;
+  const std::lock_guard waitingLock(waitingMutex_);
+  return std::any_of(waiting_.begin(), waiting_.end(),
+                     [&](const Waiting& waiting) { return waiting.left && isBelow(waiting.left->path); });
+}
+
+/// What earlier processes left at or below `from` and is not shown yet goes along with its folder.
+void MountedVolume::moveLeft(const std::string& from, const std::string& to) {
+  const std::string key = volume_->pathKey(from);
+  const std::size_t depth = componentsOf(from).size();
+  const auto moved = [&](std::string& path) {
+    if (!isPathAtOrBelow(volume_->pathKey(path), key)) return false;
+    const auto names = componentsOf(path);
+    path = to;
+    for (std::size_t i = depth; i < names.size(); ++i) path = appendingPathComponent(path, names[i]);
+    return true;
+  };
+  const std::lock_guard lock(treeMutex_);  // while the entries are written: a listing would take them up
+  for (UploadJournal::Local& local : leftLocals_)
+    if (moved(local.path)) journal_->put(local, UploadJournal::Durability::process);
+  const std::lock_guard waitingLock(waitingMutex_);
+  for (Waiting& waiting : waiting_)
+    if (waiting.left && moved(waiting.left->path))
+      journal_->put(*waiting.left, UploadJournal::Durability::process);
 }
 
 // --- Watching

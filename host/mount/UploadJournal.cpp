@@ -145,6 +145,31 @@ void removeIfThere(const std::string& path) {
           NSError::posix(errno, path)->localizedDescription());
 }
 
+/// The entries in `folder`, oldest first. Bytes without an entry, entries without bytes, and halves of either
+/// that a killed process was writing are removed.
+template <class Entry, class Read>
+std::vector<Entry> entriesWithBytes(const std::string& folder, Read read) {
+  std::vector<Entry> entries;
+  const auto ids = idsIn(folder, ".json");
+  for (const std::string& entryId : ids) {
+    auto entry = readEntry<Entry>(entryPath(folder, entryId),
+                                  [&](const json::object& object) { return read(entryId, object); });
+    if (::access(dataIn(folder, entryId).c_str(), R_OK) != 0) {
+      removeIfThere(
+          entryPath(folder, entryId));  // its file was unlinked, and only the end of that was cut off
+    } else if (entry) {
+      entries.push_back(*std::move(entry));
+    }
+  }
+  std::error_code code;
+  for (fs::directory_iterator file(folder, code), end; !code && file != end; file.increment(code)) {
+    const bool isWhole = file->path().extension() == ".json" || file->path().extension() == ".data";
+    if (!isWhole || !std::binary_search(ids.begin(), ids.end(), file->path().stem().string()))
+      removeIfThere(file->path().string());
+  }
+  return entries;
+}
+
 /// As writeFileAtomically, but without waiting for the disk.
 NSErrorRef writeQuickly(const std::string& path, const std::string& text) {
   const std::string temporary = path + ".new";
@@ -186,7 +211,6 @@ std::unique_ptr<UploadJournal> UploadJournal::open(const std::string& accountId,
     setError(error, busyError(accountId));
     return nullptr;
   }
-  files.removeItemAtPath(localFolder(folder));
   for (const std::string& made : {pendingFolder(folder), renamesFolder(folder), localFolder(folder)})
     if (!files.createDirectoryAtPath(made, true, error)) return nullptr;
   if (::chmod(folder.c_str(), privateFolder) != 0 || !writeFile(lockPath, mountpoint, error)) {
@@ -235,26 +259,14 @@ std::vector<UploadJournal::State> UploadJournal::states() {
 }
 
 std::vector<UploadJournal::Upload> UploadJournal::uploads() {
-  const std::string folder = pendingFolder(folder_);
-  std::vector<Upload> uploads;
-  const auto ids = idsIn(folder, ".json");
-  for (const std::string& entryId : ids) {
-    auto upload = readEntry<Upload>(entryPath(folder, entryId),
-                                    [&](const json::object& entry) { return uploadFrom(entryId, entry); });
-    if (::access(dataPath(entryId).c_str(), R_OK) != 0) {
-      forgetUpload(entryId);  // its file was unlinked, and only the end of that was cut off
-    } else if (upload) {
-      uploads.push_back(*std::move(upload));
-    }
-  }
-  std::error_code code;
-  for (fs::directory_iterator entry(folder, code), end; !code && entry != end; entry.increment(code)) {
-    // Bytes without an entry, and halves of entries and bytes that a killed process was writing.
-    const bool isWhole = entry->path().extension() == ".json" || entry->path().extension() == ".data";
-    if (!isWhole || !std::binary_search(ids.begin(), ids.end(), entry->path().stem().string()))
-      removeIfThere(entry->path().string());
-  }
-  return uploads;
+  return entriesWithBytes<Upload>(pendingFolder(folder_), uploadFrom);
+}
+
+std::vector<UploadJournal::Local> UploadJournal::locals() {
+  return entriesWithBytes<Local>(localFolder(folder_),
+                                 [](const std::string& entryId, const json::object& entry) {
+                                   return Local{entryId, std::string(entry.at("path").as_string())};
+                                 });
 }
 
 std::vector<UploadJournal::Rename> UploadJournal::renames() {
@@ -280,7 +292,7 @@ std::string UploadJournal::dataPath(const std::string& entryId) const {
 }
 
 std::string UploadJournal::localPath(const std::string& entryId) const {
-  return localFolder(folder_) + '/' + entryId;
+  return dataIn(localFolder(folder_), entryId);
 }
 
 std::optional<std::uint64_t> UploadJournal::freeBytes() const {
@@ -289,17 +301,27 @@ std::optional<std::uint64_t> UploadJournal::freeBytes() const {
   return static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize;
 }
 
+/// Writes the entry of the bytes at `dataPath`.
+NSErrorRef UploadJournal::writeEntry(const std::string& path, const std::string& dataPath,
+                                     const std::string& text, Durability durability) {
+  if (durability == Durability::process) return writeQuickly(path, text);
+  NSErrorRef error = syncData(dataPath);
+  if (!error) writeFileAtomically(path, text, privateFile, &error);
+  return error;
+}
+
 NSErrorRef UploadJournal::put(const Upload& upload, Durability durability) {
   const auto since = std::chrono::floor<std::chrono::seconds>(upload.since).time_since_epoch().count();
   json::object entry{{"path", upload.path}, {"base", textOf(upload.base.kind)}, {"since", since}};
   if (!upload.reason.empty()) entry["reason"] = upload.reason;
   if (upload.base.kind == WriteBase::Kind::revision) entry["revision"] = upload.base.revision;
-  const std::string path = entryPath(pendingFolder(folder_), upload.id);
-  const std::string text = json::serialize(entry);
-  if (durability == Durability::process) return writeQuickly(path, text);
-  NSErrorRef error = syncData(dataPath(upload.id));
-  if (!error) writeFileAtomically(path, text, privateFile, &error);
-  return error;
+  return writeEntry(entryPath(pendingFolder(folder_), upload.id), dataPath(upload.id), json::serialize(entry),
+                    durability);
+}
+
+NSErrorRef UploadJournal::put(const Local& local, Durability durability) {
+  return writeEntry(entryPath(localFolder(folder_), local.id), localPath(local.id),
+                    json::serialize(json::object{{"path", local.path}}), durability);
 }
 
 NSErrorRef UploadJournal::put(const Rename& rename) {
@@ -312,6 +334,10 @@ NSErrorRef UploadJournal::put(const Rename& rename) {
 
 void UploadJournal::forgetUpload(const std::string& entryId) {
   removeIfThere(entryPath(pendingFolder(folder_), entryId));
+}
+
+void UploadJournal::forgetLocal(const std::string& entryId) {
+  removeIfThere(entryPath(localFolder(folder_), entryId));
 }
 
 void UploadJournal::forgetRename(const std::string& entryId) {

@@ -11,8 +11,8 @@
 #include "foundation/NSError.h"
 
 /// What one account's mounts must not lose: files that were closed and that the service is not known to have,
-/// and renames that have set something aside. One folder an account, below the state folder (mode 0700,
-/// files 0600), held by one process at a time:
+/// files that are never sent, and renames that have set something aside. One folder an account, below the
+/// state folder (mode 0700, files 0600), held by one process at a time:
 ///
 ///   lock            held while mounted; says where
 ///   pending/ID.data a file's bytes, while it is open for writing or waits
@@ -20,7 +20,8 @@
 ///   1970,
 ///                    "reason":…}: it was closed, and why the last attempt to send it failed
 ///   renames/ID.json {"from":…, "to":…, "aside":…}: `from` goes to `to`; what was there lies at `aside`
-///   local/          files that stay on this machine; emptied at each start
+///   local/ID.data   the bytes of a file that stays on this machine
+///   local/ID.json   {"path":…}: where it is shown
 ///
 /// Any thread. Calls block for the disk; one that fails says why in NSPOSIXErrorDomain.
 class UploadJournal {
@@ -31,6 +32,11 @@ class UploadJournal {
     WriteBase base;
     NSDate::Time since{};  // when it began to wait
     std::string reason;    // why the last attempt to send it failed, for people; empty: none has yet
+  };
+  /// A file that stays on this machine until it is removed.
+  struct Local {
+    std::string id;
+    std::string path;  // on the volume
   };
   struct Rename {
     std::string id;
@@ -64,9 +70,9 @@ class UploadJournal {
   /// Of all accounts that were ever mounted, in the order of their ids.
   static std::vector<State> states();
 
-  /// What earlier processes left, oldest first, and gone from here on: uploads() also removes bytes that
-  /// belong to no closed file.
+  /// What earlier processes left, oldest first. The first two also remove bytes that belong to no entry.
   std::vector<Upload> uploads();
+  std::vector<Local> locals();
   std::vector<Rename> renames();
 
   /// Names a new file of bytes, in the order of time. It does not exist yet.
@@ -82,13 +88,18 @@ class UploadJournal {
   };
   /// Notes that the file whose bytes lie at dataPath(id) is to be stored; an entry of that id is replaced.
   NSErrorRef put(const Upload& upload, Durability durability);
+  /// Notes that the file whose bytes lie at localPath(id) is to be kept; an entry of that id is replaced.
+  NSErrorRef put(const Local& local, Durability durability);
   NSErrorRef put(const Rename& rename);
   /// Forgets the upload; its bytes stay.
   void forgetUpload(const std::string& entryId);
+  void forgetLocal(const std::string& entryId);
   void forgetRename(const std::string& entryId);
 
  private:
   UploadJournal(std::string folder, Descriptor lock);
+  static NSErrorRef writeEntry(const std::string& path, const std::string& dataPath, const std::string& text,
+                               Durability durability);
 
   const std::string folder_;
   const Descriptor lock_;
