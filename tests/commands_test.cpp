@@ -291,21 +291,33 @@ TEST_F(CommandsTest, ASecretServiceKeepsTheTokensWhereOneRuns) {
 }
 
 TEST_F(CommandsTest, AProgramStartedWithoutStandardStreamsWritesIntoNoOtherFile) {
-  const std::string content(3'000'000, 'x');
-  standIn.write("/a.bin", content);
   link("ada-token");
-  const std::string target = home.path() + "/a.bin";
-  const auto outcome = ChildProcess::run(
-      {"/bin/sh", "-c", R"(exec "$0" "$@" <&- >&- 2>&-)", KZV_PROGRAM, "--verbose", "get", "/a.bin", target},
-      environment());
-  EXPECT_EQ(outcome.exitStatus, 0);
-  std::ifstream file(target);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), content);
+  standIn.forgetRequests();
+  auto variables = environment();
+  variables["KZV_POLL_SECONDS"] = "0.05";
+  const ChildProcess watching(
+      {"/bin/sh", "-c", R"(exec "$0" "$@" <&- >&- 2>&-)", KZV_PROGRAM, "--verbose", "watch", "/"}, variables);
+  const auto deadline = std::chrono::steady_clock::now() + 30s;
+  while (standIn.requests().empty() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
   ChildProcess service({"/bin/sh", "-c", R"(exec "$0" <&- 2>&-)", KZV_SERVICE_PROGRAM});
   ASSERT_TRUE(service.readLine(30s));
-  for (const char* number : {"0", "2"}) {
-    const auto link = "/proc/" + std::to_string(service.pid()) + "/fd/" + number;
+  struct Case {
+    const char* name;
+    pid_t process;
+    int number;
+  };
+  const Case cases[] = {{"kzv: input", watching.pid(), 0},
+                        {"kzv: output", watching.pid(), 1},
+                        {"kzv: errors", watching.pid(), 2},
+                        {"service: input", service.pid(), 0},
+                        {"service: errors", service.pid(), 2}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto link = "/proc/" + std::to_string(c.process) + "/fd/" + std::to_string(c.number);
     EXPECT_EQ(std::filesystem::read_symlink(link), "/dev/null");
+    struct stat status {};  // of the link: its mode tells how it was opened
+    EXPECT_EQ(::lstat(link.c_str(), &status), 0);
+    EXPECT_TRUE((status.st_mode & S_IRUSR) && (status.st_mode & S_IWUSR)) << "cannot be written to";
   }
 }
 

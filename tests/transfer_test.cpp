@@ -678,6 +678,29 @@ TEST_F(TransferTest, AFetchedFileIsWrittenOnceBesideItsPlaceAndSynced) {
   }
 }
 
+TEST_F(TransferTest, AnAnswerOfSomebodyElseReachesNoFile) {
+  standIn.write("/Report.txt", "12345");
+  std::ofstream(localPath("Report.txt")) << "old";
+  standIn.fault(
+      {{"route", "files/download"}, {"times", 20}, {"status", 200}, {"body", "<html>Sign in</html>"}});
+  const auto fetch = [&](NSErrorRef* error) {
+    return bounded([&] {
+      return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/Report.txt", ada)},
+                                             localPath("Report.txt"), nullptr, nullptr, nullptr, error);
+    });
+  };
+  NSErrorRef error;
+  EXPECT_FALSE(fetch(&error));
+  EXPECT_EQ(fsErrorCode(error), FSErrorCode::damaged);
+  EXPECT_EQ(get("/Report.txt", &error), nullptr);
+  EXPECT_EQ(contentOf(localPath("Report.txt")), "old");
+  EXPECT_EQ(filesBelow(local.path()), 1);
+  EXPECT_TRUE(keepsSoon(0));
+  standIn.clearFaults();
+  EXPECT_TRUE(fetch(&error));
+  EXPECT_EQ(contentOf(localPath("Report.txt")), "12345");
+}
+
 TEST_F(TransferTest, AFullDiskFailsTheDownloadAndLeavesNothing) {
   standIn.write("/big.txt", std::string(3'000'000, 'x'));
   const std::string small = localPath("small");
