@@ -95,6 +95,8 @@ class KZVDropboxFileManager final : public NSObject,
   bool createFolder(const std::string& path, NSErrorRef* error = nullptr);
   /// The full link, never a shortened one, that anybody can open. Blocks.
   std::optional<std::string> publicLink(const std::string& path, NSErrorRef* error = nullptr);
+  /// The link that the file has already; makes none. Nothing, without an error, when it has none.
+  std::optional<std::string> existingLink(const std::string& path, NSErrorRef* error = nullptr);
 
   const std::string userId;
   /// Carries ordinary requests; also the lock that serialises them.
@@ -141,6 +143,7 @@ class KZVDropboxFileManager final : public NSObject,
   void movedPath(DBRestClient& client, const std::string& fromPath, const MetadataRef& metadata) override;
   void movePathFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void loadedSharableLink(DBRestClient& client, const std::string& link, const std::string& path) override;
+  void foundSharableLink(DBRestClient& client, const std::string& link, const std::string& path) override;
   void loadSharableLinkFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
 
  private:

@@ -54,6 +54,13 @@ std::optional<std::string> KZVDropboxFileManager::publicLink(const std::string& 
   return text ? std::optional(*text) : std::nullopt;
 }
 
+std::optional<std::string> KZVDropboxFileManager::existingLink(const std::string& path, NSErrorRef* error) {
+  const id link =
+      requestOnMainClient([path](DBRestClient& client) { client.findSharableLinkForFile(path); }, error);
+  const std::string* text = textOf(link);
+  return text && !text->empty() ? std::optional(*text) : std::nullopt;
+}
+
 // Parents that the service made on the way (it makes what is missing) appear in listings above: the nearest
 // listing that is cached no longer holds either.
 void KZVDropboxFileManager::forget(const std::string& path) {
@@ -100,6 +107,11 @@ void KZVDropboxFileManager::movePathFailedWithError(DBRestClient& client, const 
 
 void KZVDropboxFileManager::loadedSharableLink(DBRestClient& client, const std::string& link,
                                                const std::string& /*path*/) {
+  finish(client, str(link), nullptr);
+}
+
+void KZVDropboxFileManager::foundSharableLink(DBRestClient& client, const std::string& link,
+                                              const std::string& /*path*/) {
   finish(client, str(link), nullptr);
 }
 

@@ -14,3 +14,9 @@ std::optional<std::string> KZVDropboxFS::dropboxPublic(const std::string& path, 
       *required(KZVDropboxFileManager::dropboxThread(), "the service thread runs"));
   return link;
 }
+
+std::optional<std::string> KZVDropboxFS::existingLink(const std::string& path, NSErrorRef* error) {
+  const auto desktopUser = KZVDropboxFSDesktopUserID().get();
+  if (!desktopUser) return std::nullopt;
+  return KZVDropboxFileManager::initWithUserId(*desktopUser)->existingLink(path, ServiceErrors(error));
+}

@@ -128,6 +128,8 @@ class KZVDropboxFS final : public FSPlugin {
   /// A link that anybody can open, made in the desktop client's account whatever volume is shown; nothing,
   /// and no error, when there is no such account.
   static std::optional<std::string> dropboxPublic(const std::string& path, NSErrorRef* error);
+  /// The link that dropboxPublic would give, if there is one already; makes none.
+  static std::optional<std::string> existingLink(const std::string& path, NSErrorRef* error);
 
   // --- Icons and previews (fsops/KZVDropboxFS_pictures.cpp)
 

@@ -69,6 +69,10 @@ std::optional<std::string> KZVDropboxFSClass::publicLink(const std::string& path
   return KZVDropboxFS::dropboxPublic(path, error);
 }
 
+std::optional<std::string> KZVDropboxFSClass::existingLink(const std::string& path, NSErrorRef* error) {
+  return KZVDropboxFS::existingLink(path, error);
+}
+
 void KZVDropboxFSClass::unlinkAccount(const std::string& accountId) {
   KZVDropboxFS::unlinkDBUser(accountId);
   KZVDropboxFS::updateList();

@@ -27,6 +27,7 @@ class KZVDropboxFSClass final : public FSPluginClass, public FSPluginAccounts, p
   void setDesktopAccountId(const std::string& accountId) override;
   std::shared_ptr<NSDictionary> accountSummary(const std::string& accountId) override;
   std::optional<std::string> publicLink(const std::string& path, NSErrorRef* error) override;
+  std::optional<std::string> existingLink(const std::string& path, NSErrorRef* error) override;
   void unlinkAccount(const std::string& accountId) override;
   void finishBackgroundWork(double seconds) override;
 

@@ -95,6 +95,8 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   /// `toPath` is the full new path.
   void moveFrom(const std::string& path, const std::string& toPath);
   void loadSharableLinkForFile(const std::string& path, bool shortUrl);
+  /// Looks for the link that there is already, and makes none (foundSharableLink).
+  void findSharableLinkForFile(const std::string& path);
 
   /// Ends every request under way; none of their callbacks arrives after this has returned. REQUIRES the
   /// thread of the callbacks.

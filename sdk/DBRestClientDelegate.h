@@ -85,5 +85,8 @@ class DBRestClientDelegate {
   virtual void movePathFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
   virtual void loadedSharableLink(DBRestClient& /*client*/, const std::string& /*link*/,
                                   const std::string& /*path*/) {}
+  /// @param link  empty: the file has none.
+  virtual void foundSharableLink(DBRestClient& /*client*/, const std::string& /*link*/,
+                                 const std::string& /*path*/) {}
   virtual void loadSharableLinkFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
 };

@@ -454,6 +454,33 @@ TEST_F(MountTest, WhatWaitsToBeSentIsTold) {
       << unlinked.errors;
 }
 
+TEST_F(MountTest, OnlyWritingTheLinkAttributePublishesAFile) {
+  standIn.write("/d/f", "12345");
+  ASSERT_EQ(kzv({"desktop", "--set", "Ada"}).exitStatus, 0);
+  mount();
+  constexpr const char* name = "user.kzv.link";
+  const fs::path file = root / "d/f";
+  const auto link = [&](const fs::path& path) {
+    std::array<char, 300> value{};
+    const ssize_t length = must(::getxattr(path.c_str(), name, value.data(), value.size()));
+    return std::string(value.data(), static_cast<std::size_t>(length));
+  };
+  const auto make = [&](const fs::path& path) { must(::setxattr(path.c_str(), name, "", 0, 0)); };
+  EXPECT_EQ(errnoOf([&] { link(file); }), ENODATA);
+  const TemporaryFolder readOnly;
+  if (::mount(root.c_str(), readOnly.path().c_str(), nullptr, MS_BIND, nullptr) == 0) {
+    must(::mount(nullptr, readOnly.path().c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr));
+    const fs::path same = fs::path(readOnly.path()) / "d/f";
+    EXPECT_EQ(errnoOf([&] { make(same); }), EROFS);
+    EXPECT_EQ(errnoOf([&] { link(same); }), ENODATA);
+    ::umount2(readOnly.path().c_str(), MNT_DETACH);
+  }
+  EXPECT_EQ(standIn.requests().count("sharing/create_shared_link_with_settings"), 0U);
+  EXPECT_EQ(errnoOf([&] { make(file); }), 0);
+  EXPECT_EQ(link(file) + "\n", kzv({"share", "/d/f"}).output);
+  EXPECT_EQ(errnoOf([&] { make(root / "none"); }), ENOENT);
+}
+
 TEST_F(MountTest, TestProgramsOfOthersAreSatisfied) {
   mount();
   struct Program {

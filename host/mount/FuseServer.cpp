@@ -424,6 +424,16 @@ void onGetExtra(fuse_req_t request, fuse_ino_t node, const char* name, std::size
   });
 }
 
+// Writing makes the link, whatever the value: reading must not publish a file, and writing is refused by the
+// kernel where the mount is read-only.
+void onSetExtra(fuse_req_t request, fuse_ino_t node, const char* name, const char* /*value*/,
+                std::size_t /*size*/, int /*flags*/) {
+  answer(request, [&] {
+    if (std::strcmp(name, linkName) != 0) return EOPNOTSUPP;
+    return volumeOf(request).makePublicLink(nodeOf(node));
+  });
+}
+
 // None is listed: programs that copy all listed attributes (rsync -X, cp -a) could neither set nor remove
 // ours.
 void onListExtra(fuse_req_t request, fuse_ino_t node, std::size_t size) {
@@ -666,6 +676,7 @@ fuse_lowlevel_ops operations() {
   table.statfs = onSpace;
   table.getxattr = onGetExtra;
   table.listxattr = onListExtra;
+  table.setxattr = onSetExtra;
   table.open = onOpen;
   table.create = onCreate;
   table.mknod = onMakeNode;

@@ -12,11 +12,11 @@
 using namespace std::chrono_literals;
 
 MountedVolume::MountedVolume(std::shared_ptr<FSPlugin> volume, std::shared_ptr<UploadJournal> journal,
-                             KernelCache& kernel, LinkMaker makeLink, IsLinked isLinked)
+                             KernelCache& kernel, LinkSource links, IsLinked isLinked)
     : volume_(std::move(volume)),
       journal_(std::move(journal)),
       kernel_(kernel),
-      makeLink_(std::move(makeLink)),
+      links_(std::move(links)),
       isLinked_(std::move(isLinked)),
       tree_([this](std::string_view name) { return volume_->nameKey(name); }),
       inbox_(std::make_shared<Inbox>()) {}

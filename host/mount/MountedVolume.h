@@ -76,13 +76,18 @@ using IsLinked = std::function<bool()>;
 /// then treeMutex_, then a file's own; nothing blocks under treeMutex_.
 class MountedVolume {
  public:
-  using LinkMaker = std::function<std::optional<std::string>(const std::string& path, NSErrorRef* error)>;
+  /// Links that anybody can open, by path of the volume. Each may be empty, and answers nothing without an
+  /// error when there is none or the account cannot have any.
+  struct LinkSource {
+    using Ask = std::function<std::optional<std::string>(const std::string& path, NSErrorRef* error)>;
+    Ask find;  // the one there is; makes none
+    Ask make;  // makes one where there is none
+  };
 
   /// @param kernel  may be told things as long as this lives.
-  /// @param makeLink  makes a public link for a path of the volume; empty when the account cannot.
   /// @param isLinked  asked when the volume fails without a reason; must not block. Empty: it always is.
   MountedVolume(std::shared_ptr<FSPlugin> volume, std::shared_ptr<UploadJournal> journal, KernelCache& kernel,
-                LinkMaker makeLink, IsLinked isLinked = {});
+                LinkSource links, IsLinked isLinked = {});
   MountedVolume(const MountedVolume&) = delete;
   MountedVolume& operator=(const MountedVolume&) = delete;
   /// Ends the threads and watches; what has not been sent stays in the journal.
@@ -119,8 +124,10 @@ class MountedVolume {
   Answer<std::pair<std::uint64_t, std::uint64_t>> space();
   /// The version of a file as the volume tells it (ENODATA when not known).
   Answer<std::string> revision(NodeId node);
-  /// A link that anybody can open, made when it is asked for (ENODATA when the account cannot make one).
+  /// The link to the item that anybody can open (ENODATA without one).
   Answer<std::string> publicLink(NodeId node);
+  /// Makes such a link (EOPNOTSUPP when the account cannot).
+  int makePublicLink(NodeId node);
 
   // Files (MountedVolume_files.cpp)
 
@@ -207,6 +214,7 @@ class MountedVolume {
   bool pause(std::chrono::milliseconds time, const IsInterrupted& isInterrupted);
 
   MountNodeRef find(NodeId number) const;
+  Answer<std::string> askForLink(NodeId number, const LinkSource::Ask& ask);
   NodeAttributes attributesOf(const MountNode& node) const;
   /// What the failure of an operation of the volume is to a program.
   int reasonOf(const NSErrorRef& error) const;
@@ -291,7 +299,7 @@ class MountedVolume {
   const std::shared_ptr<FSPlugin> volume_;
   const std::shared_ptr<UploadJournal> journal_;
   KernelCache& kernel_;
-  const LinkMaker makeLink_;
+  const LinkSource links_;
   const IsLinked isLinked_;
   PathLocks paths_;
   const NSDate::Time startTime_ = std::chrono::system_clock::now();

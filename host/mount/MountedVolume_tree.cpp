@@ -148,15 +148,22 @@ Answer<std::string> MountedVolume::revision(NodeId number) {
   return revision ? Answer<std::string>{*revision, 0} : Answer<std::string>{{}, ENODATA};
 }
 
-Answer<std::string> MountedVolume::publicLink(NodeId number) {
+Answer<std::string> MountedVolume::askForLink(NodeId number, const LinkSource::Ask& ask) {
   const auto node = find(number);
   const auto held = node ? holdPath(node) : std::nullopt;
   if (!held) return {{}, ENOENT};
-  if (!makeLink_) return {{}, ENODATA};
+  if (!ask) return {{}, ENODATA};
   NSErrorRef error;
-  const auto link = makeLink_(held->path, &error);
+  const auto link = ask(held->path, &error);
   if (link) return {*link, 0};
   return {{}, error ? errnoOf(error) : ENODATA};
+}
+
+Answer<std::string> MountedVolume::publicLink(NodeId number) { return askForLink(number, links_.find); }
+
+int MountedVolume::makePublicLink(NodeId number) {
+  const int reason = askForLink(number, links_.make).error;
+  return reason == ENODATA ? EOPNOTSUPP : reason;
 }
 
 // --- Listing

@@ -86,7 +86,7 @@ class MountVerb final : public Verb {
     FuseServer server;
     if (!server.mount(mountpoint, &error)) return context.fail(mountpoint, error);
     {
-      MountedVolume mounted(volume, journal, server, linkMaker(context, accountId),
+      MountedVolume mounted(volume, journal, server, linkSource(context, accountId),
                             linkTest(context, accountId));
       mounted.start();
       StopSignal::whenRequested(
@@ -120,13 +120,16 @@ class MountVerb final : public Verb {
   }
 
   /// Public links are made in the desktop client's account, whichever volume is shown.
-  static MountedVolume::LinkMaker linkMaker(VerbContext& context, const std::string& accountId) {
+  static MountedVolume::LinkSource linkSource(VerbContext& context, const std::string& accountId) {
     FSPluginAccounts* accounts = context.session.accountsInterface(nullptr);
-    if (!accounts) return nullptr;
-    return [accounts, accountId](const std::string& path, NSErrorRef* error) {
-      const auto desktop = accounts->desktopAccountId();
-      return desktop == accountId ? accounts->publicLink(path, error) : std::optional<std::string>();
-    };
+    if (!accounts) return {};
+    const auto isDesktops = [accounts, accountId] { return accounts->desktopAccountId() == accountId; };
+    return {[accounts, isDesktops](const std::string& path, NSErrorRef* error) {
+              return isDesktops() ? accounts->existingLink(path, error) : std::nullopt;
+            },
+            [accounts, isDesktops](const std::string& path, NSErrorRef* error) {
+              return isDesktops() ? accounts->publicLink(path, error) : std::nullopt;
+            }};
   }
 
   static std::vector<std::string> linesOf(const std::string& text) {
