@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "foundation/NSString.h"
@@ -101,12 +102,23 @@ bool FileSink::open() {
   return fail(errno);
 }
 
+/// Whether the disk can hold what was announced: better found now than when the disk is full. What was
+/// received before is about to go. Disks that tell nothing of their space (some virtual ones) are tried.
+bool FileSink::hasRoom() const {
+  struct statvfs disk {};
+  if (::statvfs(deletingLastPathComponent(target_).c_str(), &disk) != 0 || disk.f_blocks == 0) return true;
+  const auto blocks = static_cast<std::uint64_t>(announced_.sizeBytes) / disk.f_frsize;
+  const auto ours = static_cast<std::uint64_t>(receivedBytes_) / disk.f_frsize;
+  return !announced_.isExact || blocks <= disk.f_bfree + ours;
+}
+
 bool FileSink::begin(std::string_view result, std::optional<std::int64_t> sizeBytes) {
   auto announced = announcement_(result, &failure_);
   if (!announced) return false;
   announced_ = std::move(*announced);
   isOtherLength_ = sizeBytes && announced_.isExact && *sizeBytes != announced_.sizeBytes;
   if (isOtherLength_) return false;
+  if (!hasRoom()) return fail(ENOSPC);
   if (descriptor_ < 0) {
     if (!open()) return false;
   } else if (::ftruncate(descriptor_, 0) != 0 || ::lseek(descriptor_, 0, SEEK_SET) != 0) {

@@ -57,6 +57,7 @@ class FileSink final : public BodySink {
   bool takeName();
   bool open();
   bool fail(int errnoValue);
+  bool hasRoom() const;
   void setModified(NSDate::Time modified) const;
 
   const std::string target_;

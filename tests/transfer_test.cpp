@@ -711,8 +711,11 @@ TEST_F(TransferTest, AFullDiskFailsTheDownloadAndLeavesNothing) {
   const std::shared_ptr<void> mounted(nullptr, [&](void*) { umount2(small.c_str(), MNT_DETACH); });
   ada->setTmpFolderUrl(NSURL::fileURLWithPath(small + "/copies"));
   NSErrorRef error;
-  EXPECT_EQ(get("/big.txt", &error), nullptr);
-  ASSERT_NE(error, nullptr);
+  std::uint64_t reached = 0;
+  const auto progress = [&](NSRange range) { return reached = std::max(reached, range.location), true; };
+  EXPECT_EQ(get("/big.txt", &error, progress), nullptr);
+  EXPECT_EQ(fsErrorCode(error), FSErrorCode::noSpace);
+  EXPECT_EQ(reached, 0U) << "what cannot be stored need not come";
   EXPECT_TRUE(keepsSoon(0));
   ada->setTmpFolderUrl(nullptr);
   EXPECT_NE(get("/big.txt"), nullptr);
