@@ -1,10 +1,9 @@
 #include "core/TemporaryFolders.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <utility>
-#include <vector>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/file.h>
@@ -20,48 +19,64 @@ namespace {
 
 constexpr std::string_view lockSuffix = ".lock";
 
-std::string lockPath(const std::string& folder) { return folder + std::string(lockSuffix); }
+std::string lockName(const std::string& name) { return name + std::string(lockSuffix); }
 
 bool refuse(NSErrorRef* error, int reason, const std::string& path) {
   setError(error, NSError::posix(reason, path));
   return false;
 }
 
-/// Takes the lock at `path` without waiting and returns its descriptor, or -1 with errno. `flags` is added to
-/// what open() gets. A lock file that somebody removed between our opening and our locking counts as gone:
-/// its lock protects nothing.
-int takeLock(const std::string& path, int flags) {
-  const int file = ::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC | flags, 0600);
-  if (file < 0) return -1;
-  struct stat opened {};
-  int reason = 0;
-  if (::flock(file, LOCK_EX | LOCK_NB) != 0 || ::fstat(file, &opened) != 0) reason = errno;
-  if (reason == 0 && opened.st_nlink > 0) return file;
-  ::close(file);
-  errno = reason ? reason : ENOENT;
-  return -1;
+std::string newName() { return fmt::format("{}-{}", ::getpid(), KZVSupport::uniquePathComponent()); }
+
+/// Whether newName() could have made it: anything else in the folder is somebody else's.
+bool isOwnName(std::string_view name) {
+  const auto isOf = [](std::string_view text, std::string_view characters) {
+    return text.find_first_not_of(characters) == std::string_view::npos;
+  };
+  const std::size_t dash = name.find('-');
+  if (dash == 0 || dash == std::string_view::npos || !isOf(name.substr(0, dash), "0123456789")) return false;
+  const std::string_view unique = name.substr(dash + 1);
+  return unique.size() == KZVSupport::uniquePathComponent().size() && isOf(unique, "0123456789abcdef-");
 }
 
-/// The names of the process folders below `root`, whoever made them.
-std::vector<std::string> namesWithLock(const std::string& root) {
-  std::vector<std::string> names;
-  DIR* folder = ::opendir(root.c_str());
-  if (!folder) return names;
-  while (const dirent* entry = ::readdir(folder)) {
-    const std::string_view name = entry->d_name;
-    if (name.ends_with(lockSuffix)) names.emplace_back(name.substr(0, name.size() - lockSuffix.size()));
+/// Takes the lock of that name without waiting and returns its descriptor, or none with errno. `flags` is
+/// added to what open() gets. A lock file that somebody removed between our opening and our locking counts as
+/// gone: its lock protects nothing.
+Descriptor takeLock(const OwnFolder& root, const std::string& name, int flags) {
+  constexpr int usual = O_RDWR | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+  Descriptor file(::openat(root.descriptor(), name.c_str(), usual | flags, 0600));
+  if (!file.isOpen()) return file;
+  struct stat opened {};
+  int reason = 0;
+  if (::flock(file.number(), LOCK_EX | LOCK_NB) != 0 || ::fstat(file.number(), &opened) != 0) {
+    reason = errno;
+  } else if (opened.st_nlink == 0 || !S_ISREG(opened.st_mode)) {
+    reason = ENOENT;
   }
-  ::closedir(folder);
+  if (reason == 0) return file;
+  file.close();
+  errno = reason;
+  return {};
+}
+
+/// The names of the process folders in `root`.
+std::vector<std::string> processFolders(const OwnFolder& root) {
+  std::vector<std::string> names;
+  for (const std::string& name : root.names()) {
+    if (!name.ends_with(lockSuffix)) continue;
+    std::string folder = name.substr(0, name.size() - lockSuffix.size());
+    if (isOwnName(folder)) names.push_back(std::move(folder));
+  }
   return names;
 }
 
 /// The folder first, its lock file last: one that was cut off half-way is found again at the next start.
-void removeLocked(const std::string& folder) {
-  NSErrorRef error;
-  if (NSFileManager::defaultManager().removeItemAtPath(folder, &error) || error->code() == ENOENT) {
-    ::unlink(lockPath(folder).c_str());
+void removeLocked(const OwnFolder& root, const std::string& name) {
+  const int reason = root.removeTree(name);
+  if (reason == 0 || reason == ENOENT) {
+    root.removeFile(lockName(name));
   } else {
-    DLog(error->localizedDescription(), "TemporaryFolders::removeLocked");
+    DLog(NSError::posix(reason, name)->localizedDescription(), "TemporaryFolders::removeLocked");
   }
 }
 
@@ -73,66 +88,67 @@ TemporaryFolders::~TemporaryFolders() { removeOwn(); }
 
 std::shared_ptr<NSURL> TemporaryFolders::makeFolder(NSErrorRef* error) {
   const std::lock_guard lock(mutex_);
-  if (processFolder_.empty() && !makeProcessFolder(error)) return nullptr;
-  const std::string folder = appendingPathComponent(processFolder_, KZVSupport::uniquePathComponent());
-  if (::mkdir(folder.c_str(), 0700) != 0) {
-    refuse(error, errno, folder);
+  if (!own_ && !makeProcessFolder(error)) return nullptr;
+  const std::string processFolder = appendingPathComponent(root_, own_->name);
+  const std::string name = KZVSupport::uniquePathComponent();
+  const Descriptor holder(
+      ::openat(own_->root.descriptor(), own_->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!holder.isOpen() || ::mkdirat(holder.number(), name.c_str(), 0700) != 0) {
+    refuse(error, errno, processFolder);
     return nullptr;
   }
-  return NSURL::fileURLWithPath(folder);
+  return NSURL::fileURLWithPath(appendingPathComponent(processFolder, name));
 }
 
-bool TemporaryFolders::prepareRoot(NSErrorRef* error) const {
+/// The root, made if it is missing and closed to others. A link in its place would lead wherever somebody
+/// else wants our files to go.
+std::optional<OwnFolder> TemporaryFolders::prepareRoot(NSErrorRef* error) const {
   const std::string parent = deletingLastPathComponent(root_);
-  if (!NSFileManager::defaultManager().createDirectoryAtPath(parent, true, error)) return false;
-  if (::mkdir(root_.c_str(), 0700) == 0) return true;
-  if (errno != EEXIST) return refuse(error, errno, root_);
-  struct stat status {};
-  if (::lstat(root_.c_str(), &status) != 0) return refuse(error, errno, root_);
-  if (!S_ISDIR(status.st_mode)) return refuse(error, ENOTDIR, root_);
-  if (status.st_uid != ::geteuid()) return refuse(error, EACCES, root_);  // another user could read along
-  if ((status.st_mode & 0777U) != 0700 && ::chmod(root_.c_str(), 0700) != 0)
-    return refuse(error, errno, root_);
-  return true;
+  if (!NSFileManager::defaultManager().createDirectoryAtPath(parent, true, error)) return std::nullopt;
+  if (::mkdir(root_.c_str(), 0700) != 0 && errno != EEXIST) {
+    refuse(error, errno, root_);
+    return std::nullopt;
+  }
+  auto root = OwnFolder::open(root_, error);
+  if (root && ::fchmod(root->descriptor(), 0700) != 0) {
+    refuse(error, errno, root_);
+    return std::nullopt;
+  }
+  return root;
 }
 
 bool TemporaryFolders::makeProcessFolder(NSErrorRef* error) {
-  if (!prepareRoot(error)) return false;
+  auto root = prepareRoot(error);
+  if (!root) return false;
   // Another process that cleans up may take the lock between our making the file and our locking it; then
   // that name is its to remove, and we take another.
   constexpr int attempts = 20;
   for (int attempt = 0; attempt < attempts; ++attempt) {
-    const std::string folder =
-        appendingPathComponent(root_, fmt::format("{}-{}", ::getpid(), KZVSupport::uniquePathComponent()));
-    const int lock = takeLock(lockPath(folder), O_CREAT | O_EXCL);
-    if (lock < 0 && (errno == EWOULDBLOCK || errno == ENOENT || errno == EEXIST)) continue;
-    if (lock < 0) return refuse(error, errno, lockPath(folder));
-    if (::mkdir(folder.c_str(), 0700) != 0) {
-      const int reason = errno;
-      ::unlink(lockPath(folder).c_str());
-      ::close(lock);
-      return refuse(error, reason, folder);
+    std::string name = newName();
+    Descriptor lock = takeLock(*root, lockName(name), O_CREAT | O_EXCL);
+    if (!lock.isOpen() && (errno == EWOULDBLOCK || errno == ENOENT || errno == EEXIST)) continue;
+    if (!lock.isOpen()) return refuse(error, errno, appendingPathComponent(root_, lockName(name)));
+    if (const int reason = root->makeFolder(name)) {
+      root->removeFile(lockName(name));
+      return refuse(error, reason, appendingPathComponent(root_, name));
     }
-    processFolder_ = folder;
-    lock_ = lock;
+    own_.emplace(Own{std::move(*root), std::move(name), std::move(lock)});
     return true;
   }
   return refuse(error, EBUSY, root_);
 }
 
 void TemporaryFolders::removeAbandoned() {
-  for (const std::string& name : namesWithLock(root_)) {
-    const std::string folder = appendingPathComponent(root_, name);
-    const int lock = takeLock(lockPath(folder), 0);
-    if (lock < 0) continue;  // its process lives, or somebody else is removing it
-    removeLocked(folder);
-    ::close(lock);
+  const auto root = OwnFolder::open(root_);
+  if (!root) return;  // none was ever made, or what is there is not ours
+  for (const std::string& name : processFolders(*root)) {
+    const Descriptor lock = takeLock(*root, lockName(name), 0);
+    if (lock.isOpen()) removeLocked(*root, name);  // else its process lives, or somebody else is removing it
   }
 }
 
 void TemporaryFolders::removeOwn() {
   const std::lock_guard lock(mutex_);
-  if (processFolder_.empty()) return;
-  removeLocked(std::exchange(processFolder_, {}));
-  ::close(std::exchange(lock_, -1));
+  if (own_) removeLocked(own_->root, own_->name);
+  own_.reset();
 }

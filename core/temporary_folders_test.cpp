@@ -1,6 +1,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -125,11 +126,47 @@ TEST_F(TemporaryFoldersTest, WhatIsNoProcessFolderIsLeftAlone) {
   TemporaryFolders folders(root());
   ASSERT_TRUE(folders.makeFolder(nullptr));
   EXPECT_EQ(modeOf(root()), 0700U);
-  fs::create_directories(fs::path(root()) / "somebody else's");
-  fs::create_symlink(base_, fs::path(root()) / "link.lock");
+  const fs::path top(root());
+  fs::create_directories(top / "somebody else's");
+  fs::create_symlink(base_, top / "link.lock");
+  std::ofstream(top / "apt.lock") << "";
+  std::ofstream(top / "apt") << "";
+  const auto before = names();
   folders.removeAbandoned();
-  EXPECT_TRUE(fs::exists(fs::path(root()) / "somebody else's"));
-  EXPECT_TRUE(fs::is_symlink(fs::path(root()) / "link.lock"));
+  EXPECT_EQ(names(), before);
+}
+
+TEST_F(TemporaryFoldersTest, ARootThatSomebodyElsePlantedIsNotUsed) {
+  // What an abandoned folder of ours looks like, in a folder of other things.
+  const fs::path elsewhere = base_ / "elsewhere";
+  const std::string name = "1-" + KZVSupport::uniquePathComponent();
+  fs::create_directories(elsewhere / name);
+  std::ofstream(elsewhere / (name + ".lock")) << "";
+  fs::create_directories(base_ / "cache");
+  struct Case {
+    const char* name;
+    std::function<void()> plant;
+    int reason;
+  };
+  const Case cases[] = {{"a link", [&] { fs::create_symlink(elsewhere, root()); }, ENOTDIR},
+                        {"another user's folder",
+                         [&] {
+                           fs::copy(elsewhere, root(), fs::copy_options::recursive);
+                           ASSERT_EQ(::chown(root().c_str(), 12345, 12345), 0);
+                         },
+                         EPERM}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.reason == EPERM && ::geteuid() != 0) continue;  // only root can plant that
+    fs::remove_all(root());
+    c.plant();
+    TemporaryFolders folders(root());
+    folders.removeAbandoned();
+    EXPECT_EQ(names(), (std::set<std::string>{name, name + ".lock"}));
+    NSErrorRef error;
+    EXPECT_FALSE(folders.makeFolder(&error));
+    EXPECT_EQ(error ? error->code() : 0, c.reason);
+  }
 }
 
 }  // namespace

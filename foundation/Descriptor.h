@@ -21,6 +21,8 @@ class Descriptor {
 
   bool isOpen() const noexcept { return number_ >= 0; }
   int number() const noexcept { return number_; }
+  /// Gives the descriptor up without closing it: another owner closes it.
+  int release() noexcept { return std::exchange(number_, -1); }
   /// Closes now. 0, or the errno value of a write that the system reports only here.
   int close() { return ::close(std::exchange(number_, -1)) == 0 ? 0 : errno; }
 

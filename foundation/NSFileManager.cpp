@@ -1,5 +1,7 @@
 #include "foundation/NSFileManager.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
@@ -19,6 +21,9 @@ bool fail(NSErrorRef* error, int errnoValue, const std::string& path) {
   setError(error, NSError::posix(errnoValue, path));
   return false;
 }
+
+/// As mkostemp takes it: each X becomes a letter or a digit.
+constexpr std::string_view atomicWriteName = ".kzv-XXXXXX";
 
 bool holdsNul(std::string_view path) { return path.find('\0') != std::string_view::npos; }
 
@@ -104,7 +109,7 @@ bool writeFile(const std::string& path, std::string_view bytes, NSErrorRef* erro
 bool writeFileAtomically(const std::string& path, std::string_view bytes, unsigned mode, NSErrorRef* error) {
   if (holdsNul(path)) return fail(error, EINVAL, path);
   // A name of its own, not one made longer: the file's may have the greatest length already.
-  std::string temporary = appendingPathComponent(deletingLastPathComponent(path), ".kzv-XXXXXX");
+  std::string temporary = appendingPathComponent(deletingLastPathComponent(path), atomicWriteName);
   Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!file.isOpen()) return fail(error, errno, path);
   const bool isStored = ::fchmod(file.number(), mode) == 0 && writeAll(file.number(), bytes) &&
@@ -117,6 +122,13 @@ bool writeFileAtomically(const std::string& path, std::string_view bytes, unsign
   }
   syncFolderOf(path);
   return true;
+}
+
+bool isAtomicWriteName(std::string_view name) {
+  const std::string_view start = atomicWriteName.substr(0, atomicWriteName.find('X'));
+  return name.size() == atomicWriteName.size() && name.starts_with(start) &&
+         std::all_of(name.begin() + static_cast<std::ptrdiff_t>(start.size()), name.end(),
+                     [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; });
 }
 
 std::optional<std::string> readFile(const std::string& path, std::uint64_t limitBytes, NSErrorRef* error) {

@@ -42,6 +42,9 @@ bool writeFile(const std::string& path, std::string_view bytes, NSErrorRef* erro
 /// count), synced, renamed over it, folder synced. On failure the old file stands and nothing else is left.
 bool writeFileAtomically(const std::string& path, std::string_view bytes, unsigned mode,
                          NSErrorRef* error = nullptr);
+/// Whether a name is one that writeFileAtomically gives to a file that it is writing: what a process that was
+/// killed meanwhile leaves behind.
+bool isAtomicWriteName(std::string_view name);
 /// The bytes of a regular file of at most `limitBytes`; a larger file (EFBIG), a folder (EISDIR), a pipe or
 /// device (EINVAL) is an error. Never hangs.
 std::optional<std::string> readFile(const std::string& path, std::uint64_t limitBytes,

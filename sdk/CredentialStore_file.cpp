@@ -2,7 +2,6 @@
 #include <cctype>
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <thread>
 #include <utility>
@@ -14,6 +13,7 @@
 
 #include "foundation/NSFileManager.h"
 #include "foundation/NSLog.h"
+#include "foundation/OwnFolder.h"
 #include "sdk/CredentialStore.h"
 #include "sdk/ServiceJson.h"
 
@@ -153,14 +153,13 @@ class FileStore final : public CredentialStore {
     return Credentials{};
   }
 
-  /// What a writer left behind that was killed in the middle. REQUIRES the lock: nobody else writes now.
+  /// What a writer left behind that was killed in the middle, and nothing else: the folder may be a link to
+  /// one that holds other things. REQUIRES the lock: nobody else writes now.
   void removeLeftovers() const {
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(folder_, ignored)) {
-      if (!entry.path().filename().string().starts_with("accounts.json")) {
-        std::filesystem::remove(entry.path(), ignored);
-      }
-    }
+    const auto folder = OwnFolder::open(folder_);
+    if (!folder) return;
+    for (const std::string& name : folder->names())
+      if (isAtomicWriteName(name)) folder->removeFile(name);
   }
 
   bool makeFolder(NSErrorRef* error) const {

@@ -146,6 +146,30 @@ TEST_F(FileStore, SurvivesAWriterKilledAtAnyMoment) {
   EXPECT_EQ(left, 2) << "the store and its lock, nothing that a killed writer left";
 }
 
+TEST_F(FileStore, RemovesOnlyWhatAWriterOfItsOwnLeft) {
+  namespace fs = std::filesystem;
+  const std::string elsewhere = scratch.path() + "/elsewhere";
+  const auto plant = [](const std::string& in) {
+    fs::create_directories(in);
+    for (const char* name : {"notes", ".kzv-notes", ".kzv-abcDE1"}) std::ofstream(in + "/" + name) << "";
+  };
+  save("a");
+  plant(folder());
+  fs::create_symlink(folder() + "/notes", folder() + "/.kzv-abcDE2");
+  save("b");
+  EXPECT_TRUE(fs::exists(folder() + "/notes"));
+  EXPECT_TRUE(fs::exists(folder() + "/.kzv-notes"));
+  EXPECT_TRUE(fs::is_symlink(folder() + "/.kzv-abcDE2"));
+  EXPECT_FALSE(fs::exists(folder() + "/.kzv-abcDE1"));
+  // The folder may have become a link to one that holds other things.
+  fs::remove_all(folder());
+  plant(elsewhere);
+  fs::create_directory_symlink(elsewhere, folder());
+  open()->save({"c", "t", "", 0}, nullptr);
+  for (const char* name : {"notes", ".kzv-notes", ".kzv-abcDE1"})
+    EXPECT_TRUE(fs::exists(elsewhere + "/" + name)) << name;
+}
+
 TEST_F(FileStore, FullDiskLeavesTheOldStore) {
   save("a");
   const pid_t child = inChild([&] {
