@@ -1,10 +1,10 @@
 #include "core/CopyBatch.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <map>
-#include <thread>
+#include <system_error>
 #include <utility>
-#include <vector>
 
 #include "core/KZVConstants.h"
 #include "foundation/NSString.h"
@@ -20,6 +20,9 @@ BatchesUnderWay& underWay() {
   static auto& batches = *new BatchesUnderWay;
   return batches;
 }
+
+/// Set on the threads of every batch.
+thread_local bool runsTasks = false;
 
 bool isStop(const NSError& error) { return error.domain() == CanceledByUserErrorDomain; }
 
@@ -67,13 +70,14 @@ void CopyBatch::add(Task task, Order order) {
 }
 
 bool CopyBatch::run(std::size_t threads, NSErrorRef* error) {
-  std::vector<std::thread> helpers;
-  working_ = threads;
-  for (std::size_t i = 0; i < threads; ++i) {
-    helpers.emplace_back([this] {
-      setCurrentThreadName("kzv-copy");
-      work();
-    });
+  if (runsTasks) {
+    setError(error, copyError(EISDIR, "a folder where a file was listed"));
+    return false;
+  }
+  std::vector<std::thread> helpers = startHelpers(threads);
+  if (helpers.empty()) {
+    setError(error, copyError(EAGAIN, "the system has no thread to give"));
+    return false;
   }
   askWhileRunning();
   for (auto& helper : helpers) helper.join();
@@ -81,6 +85,23 @@ bool CopyBatch::run(std::size_t threads, NSErrorRef* error) {
   if (isStoppedByUser_) firstFailure_ = stoppedByUser();
   if (firstFailure_) setError(error, firstFailure_);
   return !firstFailure_;
+}
+
+std::vector<std::thread> CopyBatch::startHelpers(std::size_t threads) {
+  std::vector<std::thread> helpers;
+  const std::lock_guard lock(mutex_);  // so that none ends before all have been counted
+  try {
+    while (helpers.size() < threads) {
+      helpers.emplace_back([this] {
+        setCurrentThreadName("kzv-copy");
+        runsTasks = true;
+        work();
+      });
+    }
+  } catch (const std::system_error&) {  // fewer then
+  }
+  working_ = helpers.size();
+  return helpers;
 }
 
 void CopyBatch::work() {

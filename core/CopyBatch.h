@@ -9,6 +9,8 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "core/FSItem.h"
 #include "core/KZVBatchId.h"
@@ -66,10 +68,13 @@ class CopyBatch {
   /// Tasks that look for more work come before those that move bytes, so that the whole is known early.
   enum class Order { soon, inTurn };
   void add(Task task, Order order);
-  /// Runs all tasks, also those added meanwhile, with `threads` threads beside the caller's, which asks the
-  /// observer of the whole every stopInterval whether to go on. Blocks until the last task is done, or those
-  /// under way are after a stop. False when an item failed (`error`: the first failure) or the batch was
-  /// stopped (CanceledByUserErrorDomain, -1).
+  /// Runs all tasks, also those added meanwhile, with `threads` threads beside the caller's (fewer when the
+  /// system has no more to give, EAGAIN when it has none), which asks the observer of the whole every
+  /// stopInterval whether to go on. Blocks until the last task is done, or those under way are after a stop.
+  /// False when an item failed (`error`: the first failure) or the batch was stopped
+  /// (CanceledByUserErrorDomain, -1). A task cannot run a batch of its own (EISDIR): that happens where a
+  /// file system lists a file and has a folder there when it is asked for it, and such answers could go on
+  /// for ever, each with more threads.
   bool run(std::size_t threads, NSErrorRef* error);
 
   bool isStopped() const noexcept { return isStopped_; }
@@ -103,6 +108,7 @@ class CopyBatch {
 
  private:
   enum class Stop { byUser, byFailure };
+  std::vector<std::thread> startHelpers(std::size_t threads);
   void work();
   void askWhileRunning();
   void stop(Stop reason);

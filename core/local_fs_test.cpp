@@ -14,7 +14,9 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "core/CopyBatch.h"
 #include "core/KZVConstants.h"
@@ -68,7 +70,7 @@ Tree treeAt(const fs::path& top) {
 }
 
 /// A file system in memory that hands out local copies. An item whose name begins with "fail" fails.
-class MemoryVolume final : public FSPlugin {
+class MemoryVolume : public FSPlugin {
  public:
   explicit MemoryVolume(Tree tree) : tree_(std::move(tree)) {}
   ~MemoryVolume() override { fs::remove_all(copies_); }
@@ -438,6 +440,59 @@ TEST_F(LocalFSTest, SixteenFilesAreUnderWayAtOnceAndNotMore) {
   };
   EXPECT_TRUE(receive(volume, {"/d"}, disk_ / "to"));
   EXPECT_EQ(most, 16);
+}
+
+/// Lists a file where there is a folder when it is asked for it, as a service may that does not mean well.
+class LyingVolume final : public MemoryVolume {
+ public:
+  explicit LyingVolume(fs::path copies)
+      : MemoryVolume(Tree{{"/d/", ""}, {"/d/x", "1"}, {"/d/y", "2"}}), copies_(std::move(copies)) {}
+
+  std::shared_ptr<NSURL> requestFileUrl(const std::string& /*path*/, ProgressCallback progress,
+                                        NSErrorRef* error) override {
+    const std::string copy = (copies_ / KZVSupport::uniquePathComponent()).string();
+    if (++requests_ > 50) return nullptr;
+    auto folder = std::make_shared<FSItem>("/d", shared_from_this());
+    const bool isCopied = KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::move(folder)}, copy, nullptr,
+                                                          progress, nullptr, error);
+    return isCopied ? NSURL::fileURLWithPath(copy) : nullptr;
+  }
+  int requests() const { return requests_; }
+
+ private:
+  const fs::path copies_;
+  std::atomic<int> requests_{0};
+};
+
+TEST_F(LocalFSTest, AFolderWhereAFileWasListedIsAnErrorAndNoFurtherBatch) {
+  const auto volume = std::make_shared<LyingVolume>(disk_);
+  std::vector<std::int64_t> codes;
+  const auto note = [&](const CopiedItem& item) {
+    if (item.failure) codes.push_back(item.failure->code());
+    return true;
+  };
+  EXPECT_FALSE(receive(volume, {"/d"}, disk_ / "d", note));
+  EXPECT_EQ(codes, (std::vector<std::int64_t>{EISDIR, EISDIR}));
+  EXPECT_EQ(volume->requests(), 2);
+}
+
+TEST_F(LocalFSTest, AThreadThatCannotBeStartedIsAnError) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizers need more address space than can be left";
+#endif
+  const auto volume = std::make_shared<MemoryVolume>(tree("/f=1"));
+  std::ifstream memory("/proc/self/statm");
+  rlim_t pages = 0;
+  memory >> pages;
+  rlimit usual{};
+  ASSERT_EQ(::getrlimit(RLIMIT_AS, &usual), 0);
+  // Room for what this thread does, but for no other thread's stack of 8 MiB.
+  const rlimit scarce{pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)) + 4 * 1024 * 1024, usual.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_AS, &scarce), 0);
+  const bool isDone = receive(volume, {"/f"}, disk_ / "f");
+  ASSERT_EQ(::setrlimit(RLIMIT_AS, &usual), 0);
+  EXPECT_FALSE(isDone);
+  EXPECT_EQ(error_ ? error_->code() : 0, EAGAIN);
 }
 
 TEST_F(LocalFSTest, TheWholeIsCountedOnceAndNeverGoesBack) {
