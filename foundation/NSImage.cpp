@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr std::int64_t maxPixels = 100'000'000;
-constexpr std::uint64_t maxFileBytes = 64'000'000;
+constexpr std::int64_t maxPixels = 4'000'000;
+constexpr std::uint64_t maxFileBytes = 16'000'000;  // as PNG without any compression
 
 struct Release {
   void operator()(GdkPixbuf* pixbuf) const { g_object_unref(pixbuf); }
@@ -27,12 +27,14 @@ void refuseHugePicture(GdkPixbufLoader* loader, int width, int height, gpointer 
   gdk_pixbuf_loader_set_size(loader, 0, 0);  // makes the decoder give up
 }
 
-std::unique_ptr<GdkPixbuf, Release> decode(std::string_view bytes) {
+std::unique_ptr<GdkPixbuf, Release> decode(std::string_view bytes, NSImage::Format format) {
   // One at a time: it bounds the memory that pictures from outside can take, whatever asks for them at once.
   static auto& oneAtATime = *new std::mutex;
   const std::lock_guard lock(oneAtATime);
   bool isRefused = false;
-  const std::unique_ptr<GdkPixbufLoader, Release> loader(gdk_pixbuf_loader_new());
+  const char* name = format == NSImage::Format::jpeg ? "jpeg" : "png";
+  const std::unique_ptr<GdkPixbufLoader, Release> loader(gdk_pixbuf_loader_new_with_type(name, nullptr));
+  if (!loader) return nullptr;  // the library was installed without it
   g_signal_connect(loader.get(), "size-prepared", G_CALLBACK(refuseHugePicture), &isRefused);
   const bool isWritten = gdk_pixbuf_loader_write(loader.get(), reinterpret_cast<const guchar*>(bytes.data()),
                                                  bytes.size(), nullptr) != 0;
@@ -51,11 +53,11 @@ struct NSImage::Pixels {
 NSImage::NSImage(std::shared_ptr<const Pixels> pixels) : pixels_(std::move(pixels)) {}
 NSImage::~NSImage() = default;
 
-std::shared_ptr<NSImage> NSImage::initWithContentsOfURL(const NSURL& url) {
+std::shared_ptr<NSImage> NSImage::initWithContentsOfURL(const NSURL& url, Format format) {
   const auto bytes = readFile(url.path(), maxFileBytes);
   if (!bytes) return nullptr;
   auto pixels = std::make_shared<Pixels>();
-  pixels->pixbuf = decode(*bytes);
+  pixels->pixbuf = decode(*bytes, format);
   return pixels->pixbuf ? std::make_shared<NSImage>(std::move(pixels)) : nullptr;
 }
 
@@ -66,7 +68,8 @@ std::shared_ptr<NSImage> NSImage::imageNamed(const std::string& name) {
   if (const auto found = kept.find(name); found != kept.end()) return found->second;
   for (const auto& bundle : NSBundle::loadedBundles()) {
     const auto url = NSURL::fileURLWithPath(bundle->pathForResource(name + ".png"));
-    if (auto image = url ? initWithContentsOfURL(*url) : nullptr) return kept[name] = std::move(image);
+    if (auto image = url ? initWithContentsOfURL(*url, Format::png) : nullptr)
+      return kept[name] = std::move(image);
   }
   return nullptr;
 }

@@ -13,8 +13,12 @@ class NSImage final : public NSObject {
   /// The picture `name` (without extension) of the loaded bundles' resources, kept for the next caller; or
   /// nothing.
   static std::shared_ptr<NSImage> imageNamed(const std::string& name);
-  /// Reads the file now; nothing for what is no picture, or claims more than 100 million pixels.
-  static std::shared_ptr<NSImage> initWithContentsOfURL(const NSURL& url);
+  /// The one form that a file is expected in. Its decoder alone sees the bytes: they may come from outside,
+  /// and of the dozen decoders that the library brings some are little used and little tested.
+  enum class Format { jpeg, png };
+  /// Reads the file now; nothing for what is no picture of that form, or claims more than 4 million pixels
+  /// (more than any icon or preview has).
+  static std::shared_ptr<NSImage> initWithContentsOfURL(const NSURL& url, Format format);
 
   int width() const noexcept;   // pixels
   int height() const noexcept;  // pixels

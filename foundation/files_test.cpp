@@ -373,6 +373,16 @@ std::string fromHex(std::string_view digits) {
 const std::string smallPicture = fromHex(
     "89504e470d0a1a0a0000000d49484452000000020000000108020000007b40e8dd0000000d49444154789c63f8cf0004ff010700"
     "01ffe2239e590000000049454e44ae426082");
+// 2001 by 2000 black pixels.
+std::string largePicture() {
+  return fromHex(
+             "89504e470d0a1a0a0000000d49484452000007d1000007d001000000005d8192ea"
+             "000001ff4944415478daedc13101000000c2a0f54f6d0c1fa0") +
+         std::string(488, '\0') + fromHex("781ab12900014049178f0000000049454e44ae426082");
+}
+// One by one pixel, as GIF.
+const std::string gifPicture =
+    fromHex("47494638396101000100800000000000ffffff21f90401000000002c00000000010001000002024401003b");
 // Claims 60,000 by 60,000 pixels in less than a hundred bytes.
 const std::string hugePicture = fromHex(
     "89504e470d0a1a0a0000000d494844520000ea600000ea6008020000000fb0e2150000000c49444154789c6360a03d0000006400"
@@ -392,6 +402,8 @@ TEST(Image, ReadsAndWritesPicturesAndRefusesTheRest) {
                         {"cut off in the header", smallPicture.substr(0, 30), 0},
                         {"flipped byte", std::string(smallPicture).replace(45, 1, "\xff"), 0},
                         {"claims 60,000 by 60,000", hugePicture, 0},
+                        {"more than 4 million pixels", largePicture(), 0},
+                        {"of another form", gifPicture, 0},
                         {"text", "no picture", 0},
                         {"missing", std::nullopt, 0},
                         {"pipe", std::nullopt, 0}};
@@ -400,14 +412,17 @@ TEST(Image, ReadsAndWritesPicturesAndRefusesTheRest) {
     if (c.bytes) {
       ASSERT_TRUE(writeFile(folder / c.name, *c.bytes));
     }
-    const auto image = NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / c.name));
+    const auto image =
+        NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / c.name), NSImage::Format::png);
     EXPECT_EQ(image ? image->width() : 0, c.width);
   }
   // The good one is still there; what was read can be written.
-  const auto image = NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / "picture"));
+  const auto image =
+      NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / "picture"), NSImage::Format::png);
   ASSERT_TRUE(image);
   ASSERT_TRUE(image->writePNG(folder / "out"));
-  const auto again = NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / "out"));
+  const auto again =
+      NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(folder / "out"), NSImage::Format::png);
   ASSERT_TRUE(again);
   EXPECT_EQ(again->width(), 2);
   EXPECT_EQ(again->height(), 1);

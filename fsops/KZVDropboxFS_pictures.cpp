@@ -24,7 +24,7 @@ std::shared_ptr<NSImage> KZVDropboxFS::preview(const std::string& path, NSErrorR
     }
     if (record->isDirectory() || !record->thumbnailExists()) return nullptr;
     const auto claim = cachedThumbs_->claim(key);
-    if (claim.url) return NSImage::initWithContentsOfURL(*claim.url);
+    if (claim.url) return NSImage::initWithContentsOfURL(*claim.url, NSImage::Format::jpeg);
     if (claim.isMine) break;  // else somebody began between the look and the claim: wait for that one
   }
   const auto picture = fetchPreview(path, error);
@@ -33,7 +33,7 @@ std::shared_ptr<NSImage> KZVDropboxFS::preview(const std::string& path, NSErrorR
     return nullptr;
   }
   cachedThumbs_->store(key, picture);
-  return NSImage::initWithContentsOfURL(*picture);
+  return NSImage::initWithContentsOfURL(*picture, NSImage::Format::jpeg);
 }
 
 std::shared_ptr<NSURL> KZVDropboxFS::fetchPreview(const std::string& path, NSErrorRef* error) {
