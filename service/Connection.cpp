@@ -58,6 +58,7 @@ std::optional<HttpRequest> Connection::readHead(bool& malformed) {
   malformed = !request;
   if (!request) return std::nullopt;
   request->fromLoopback = peerIsLoopback();
+  request->localPort = localPort();
   substitute_ = framingHead(*request);
   substitutePosition_ = 0;
   return request;
@@ -145,6 +146,14 @@ bool Connection::peerIsLoopback() const {
   if (address.ss_family != AF_INET6) return false;
   const in6_addr& six = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
   return IN6_IS_ADDR_LOOPBACK(&six) || (IN6_IS_ADDR_V4MAPPED(&six) && six.s6_addr[12] == 127);
+}
+
+int Connection::localPort() const {
+  sockaddr_storage address{};
+  socklen_t length = sizeof address;
+  if (::getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length) != 0) return 0;
+  return ntohs(address.ss_family == AF_INET ? reinterpret_cast<const sockaddr_in&>(address).sin_port
+                                            : reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
 }
 
 void Connection::waitForPeerOrStop() {

@@ -63,6 +63,7 @@ class Connection : public httplib::Stream {
   bool await(short events, int timeoutMs);
   bool awaitUnlessStopped(int timeoutMs);
   bool peerIsLoopback() const;
+  int localPort() const;
   void waitForPeerOrStop();
   void waitUntilDelivered();
 

@@ -83,6 +83,30 @@ json::value parseJson(std::string_view text, std::string_view place) {
   return value;
 }
 
+/// Whether a Host header (RFC 9110, 7.2) names this machine and the port the request came in on. Any other is
+/// a name that a web page made its own and let point here.
+bool isOwnHost(std::string_view host, int port) {
+  const std::string suffix = ":" + std::to_string(port);
+  if (!host.ends_with(suffix)) return false;
+  return isOneOf(host.substr(0, host.size() - suffix.size()), {"127.0.0.1", "localhost", "[::1]"});
+}
+
+/// Admin orders come from tests and tools on this machine, never from a web page that somebody has open here:
+/// browsers send a page's origin along, and cannot send JSON to another origin without asking first.
+void refuseStrangers(const HttpRequest& request) {
+  const auto refuse = [](int status, const char* reason) { throw ApiError(textResponse(status, reason)); };
+  if (!request.fromLoopback) refuse(403, "Admin routes answer on loopback only.");
+  const std::string_view host = request.header("Host").value_or("");
+  if (!isOwnHost(host, request.localPort))
+    refuse(403, "Admin routes answer to the address of this service only; see the \"Host\" header.");
+  const auto origin = request.header("Origin");
+  if (origin && *origin != "http://" + std::string(host))
+    refuse(403, "Admin routes take no orders from other web pages; see the \"Origin\" header.");
+  const std::string_view type = request.header("Content-Type").value_or("");
+  if (request.method == "POST" && !isOneOf(type, {"application/json", "application/json; charset=utf-8"}))
+    refuse(415, "Admin orders are JSON; send \"Content-Type: application/json\".");
+}
+
 // Texts of answers must not carry bytes a header or log could not.
 std::string loggedArgument(std::string_view text) {
   json::error_code problem;
@@ -180,7 +204,7 @@ void Dispatcher::dispatch(HttpRequest& request, HttpResponse& response, std::uin
 }
 
 void Dispatcher::serveAdmin(const PlainRoute& route, HttpRequest& request, HttpResponse& response) {
-  if (!request.fromLoopback) throw ApiError(textResponse(403, "Admin routes answer on loopback only."));
+  refuseStrangers(request);
   route(request, response, [](const std::string&) {});
 }
 

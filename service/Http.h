@@ -29,6 +29,7 @@ struct HttpRequest {
   std::string query;
   std::vector<std::pair<std::string, std::string>> headers;
   bool fromLoopback = false;
+  int localPort = 0;  // that the connection came in on
   std::shared_ptr<TransferCount> transfer = std::make_shared<TransferCount>();
 
   /// Hands the body to `sink` piece by piece; may be called once. @return false when the connection broke or

@@ -205,6 +205,38 @@ TEST(AdminRoutes, AreAbsentUnlessAskedFor) {
   EXPECT_EQ(TestService({}, false).send(call).status, 404);
 }
 
+TEST(AdminRoutes, ObeyNoWebPage) {
+  struct Case {
+    const char* name;
+    std::vector<std::string> headers;
+    int status;
+  };
+  const std::string json = "Content-Type: application/json";
+  const TestService service;
+  const std::string own = "127.0.0.1:" + std::to_string(service.port());
+  const std::string otherPort = std::to_string(service.port() % 65535 + 1);
+  const Case cases[] = {
+      {"a tool", {json}, 200},
+      {"by another name of this machine", {json, "Host: localhost:" + own.substr(10)}, 200},
+      {"its own page", {json, "Origin: http://" + own}, 200},
+      {"name of a foreign page", {json, "Host: evil.example:" + own.substr(10)}, 403},
+      {"name that begins like ours", {json, "Host: 127.0.0.1.evil.example:" + own.substr(10)}, 403},
+      {"port of another service", {json, "Host: 127.0.0.1:" + otherPort}, 403},
+      {"no host", {json, "Host:"}, 403},
+      {"foreign page", {json, "Origin: http://evil.example"}, 403},
+      {"page without an origin", {json, "Origin: null"}, 403},
+      {"page of another service", {json, "Origin: http://127.0.0.1:" + otherPort}, 403},
+      {"form of a page", {"Content-Type: text/plain"}, 415},
+      {"no type", {"Content-Type:"}, 415}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(service.send({.target = "/admin/settings", .headers = c.headers, .body = "{}"}).status,
+              c.status)
+        << c.name;
+  }
+  const HttpCall log{.method = "GET", .target = "/admin/requests", .headers = {"Host: evil.example"}};
+  EXPECT_EQ(service.send(log).status, 403);
+}
+
 TEST(AdminRoutes, MisspeltOrdersAreRefused) {
   const TestService service;
   EXPECT_THROW(service.admin("POST", "faults", R"([{"route":"*","statsu":500}])"), std::runtime_error);

@@ -169,6 +169,7 @@ async function aSecondAccountStandsBesideTheFirst(context) {
 async function enterTriesAgainWhenTheTokensDidNotCome(context) {
   await fetch(`${environment.KZV_SERVICE_URL}/admin/faults`, {
     method: 'POST',
+    headers: { 'Content-Type': 'application/json' },
     body: JSON.stringify([{ route: 'oauth2/token', times: 1, status: 500, body: 'no' }]),
   });
   const { kzv, page } = await beginLinking(context);
