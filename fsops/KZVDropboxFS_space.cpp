@@ -1,4 +1,5 @@
-#include "foundation/Fatal.h"
+#include <limits>
+
 #include "foundation/NSByteCountFormatter.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/NSNumber.h"
@@ -10,10 +11,9 @@ namespace {
 /// Negative for an account that uses more than its quota.
 std::int64_t freeBytes(const DBQuota& quota) {
   std::int64_t free = 0;
-  if (__builtin_sub_overflow(quota.totalBytes, quota.totalConsumedBytes, &free)) {
-    fatalInvariant("a quota's difference fits 64 bits");
-  }
-  return free;
+  if (!__builtin_sub_overflow(quota.totalBytes, quota.totalConsumedBytes, &free)) return free;
+  using Bytes = std::numeric_limits<std::int64_t>;
+  return quota.totalBytes < 0 ? Bytes::min() : Bytes::max();
 }
 
 id textOrNothing(const std::string& text) { return text.empty() ? nullptr : str(text); }

@@ -73,7 +73,7 @@ double deltaUpdateInterval() {
   static const double interval = [] {
     const char* chosen = fromEnvironment("KZV_POLL_SECONDS");
     const double seconds = chosen ? std::strtod(chosen, nullptr) : 0;
-    return seconds > 0 ? std::max(seconds, 0.05) : 30.0;
+    return seconds > 0 ? std::clamp(seconds, 0.05, 86'400.0) : 30.0;
   }();
   return interval;
 }

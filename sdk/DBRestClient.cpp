@@ -7,6 +7,7 @@
 #include "sdk/DBError.h"
 #include "sdk/DBRestClientImpl.h"
 #include "sdk/ServiceJson.h"
+#include "sdk/ServiceLimits.h"
 #include "sdk/SessionInternals.h"
 
 DBRestClient::DBRestClient(std::shared_ptr<DBSession> session, std::optional<std::string> userId)
@@ -138,6 +139,12 @@ ServiceRequest readingRequest(std::string route, const boost::json::object& argu
   return request;
 }
 
+namespace {
+bool isTooDeep(std::string_view path) {
+  return static_cast<std::size_t>(std::count(path.begin(), path.end(), '/')) > servicelimits::pathComponents;
+}
+}  // namespace
+
 std::optional<std::string> servicePath(std::string_view path) {
   if (!path.starts_with('/') || path.find('\0') != std::string_view::npos || !isValidUtf8(path)) {
     return std::nullopt;
@@ -147,9 +154,13 @@ std::optional<std::string> servicePath(std::string_view path) {
     if (c != '/' || !clean.ends_with('/')) clean += c;
   }
   if (clean.ends_with('/')) clean.pop_back();
+  if (isTooDeep(clean)) return std::nullopt;
   return clean;
 }
 
 NSErrorRef unacceptablePathError(const RequestDescription& about) {
-  return requestError(400, "this is not a path of the service", about);
+  return requestError(
+      400,
+      isTooDeep(about.path) ? "folders lie too deep within each other" : "this is not a path of the service",
+      about);
 }

@@ -99,6 +99,6 @@ ServiceRequest rpcRequest(std::string route, const boost::json::object& argument
 ServiceRequest readingRequest(std::string route, const boost::json::object& argument,
                               RequestDescription about);
 /// The path as the service takes it ("" for the root, no doubled or trailing slashes); nothing when it is
-/// none (not beginning with "/", not UTF-8, holding a NUL).
+/// none (not beginning with "/", not UTF-8, holding a NUL, of more components than servicelimits allow).
 std::optional<std::string> servicePath(std::string_view path);
 NSErrorRef unacceptablePathError(const RequestDescription& about);

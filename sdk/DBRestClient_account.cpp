@@ -3,6 +3,7 @@
 #include "foundation/DispatchQueue.h"
 #include "sdk/DBRestClientImpl.h"
 #include "sdk/ServiceJson.h"
+#include "sdk/ServiceText.h"
 
 namespace json = boost::json;
 using servicejson::Document;
@@ -18,27 +19,34 @@ std::optional<AccountFields> accountFields(const HttpResponse& response) {
   const auto userId = document ? servicejson::text(document->root(), "account_id") : std::nullopt;
   if (!userId || userId->empty()) return std::nullopt;
   AccountFields fields{std::string(*userId), "",
-                       std::string(servicejson::text(document->root(), "email").value_or(""))};
+                       serviceText(servicejson::text(document->root(), "email").value_or(""))};
   if (const json::object* name = servicejson::object(document->root(), "name")) {
-    fields.displayName = servicejson::text(*name, "display_name").value_or("");
+    fields.displayName = serviceText(servicejson::text(*name, "display_name").value_or(""));
   }
   return fields;
 }
 
-/// A member with a limit of its own within a team's space is shown that limit, any other the team's.
+/// A member with a limit of its own within a team's space is shown that limit, any other the team's. Nothing
+/// for amounts that cannot be: less than none, or 2^63 and more.
 std::optional<DBQuota> quota(const HttpResponse& response) {
   const auto document = Document::parse(response.body);
-  const auto used = document ? servicejson::integer(document->root(), "used") : std::nullopt;
-  const json::object* allocation = used ? servicejson::object(document->root(), "allocation") : nullptr;
-  if (!allocation) return std::nullopt;
-  const auto bytes = [&](std::string_view key) { return servicejson::integer(*allocation, key).value_or(0); };
+  const json::object* allocation = document ? servicejson::object(document->root(), "allocation") : nullptr;
+  if (!allocation || !document->root().contains("used")) return std::nullopt;
+  bool isUnderstood = true;
+  const auto bytes = [&](const json::object& object, std::string_view key) {
+    const std::int64_t amount = object.contains(key) ? servicejson::integer(object, key).value_or(-1) : 0;
+    isUnderstood = isUnderstood && amount >= 0;
+    return amount;
+  };
+  DBQuota quota{0, bytes(document->root(), "used")};
   const auto tag = servicejson::text(*allocation, ".tag");
-  if (tag == "individual") return DBQuota{bytes("allocated"), *used};
-  if (tag != "team") return DBQuota{0, *used};
-  if (const auto limit = bytes("user_within_team_space_allocated"); limit > 0) {
-    return DBQuota{limit, bytes("user_within_team_space_used_cached")};
+  if (tag == "individual") quota.totalBytes = bytes(*allocation, "allocated");
+  if (tag == "team") {
+    quota = {bytes(*allocation, "user_within_team_space_allocated"),
+             bytes(*allocation, "user_within_team_space_used_cached")};
+    if (quota.totalBytes == 0) quota = {bytes(*allocation, "allocated"), bytes(*allocation, "used")};
   }
-  return DBQuota{bytes("allocated"), bytes("used")};
+  return isUnderstood ? std::optional(quota) : std::nullopt;
 }
 
 ServiceRequest accountRequest(std::string route, const RequestDescription& about) {
@@ -105,9 +113,7 @@ std::optional<DBCredential> credentialFromToken(std::string_view text) {
     if (!document) return std::nullopt;
     credential.accessToken = servicejson::text(document->root(), "access_token").value_or("");
     credential.refreshToken = servicejson::text(document->root(), "refresh_token").value_or("");
-    if (const auto lifetime = servicejson::integer(document->root(), "expires_in")) {
-      credential.expiresAtUnixSeconds = unixNow() + *lifetime;
-    }
+    credential.expiresAtUnixSeconds = expiryAfter(servicejson::integer(document->root(), "expires_in"));
   } else {
     credential.accessToken = text;
   }

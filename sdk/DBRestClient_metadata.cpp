@@ -2,8 +2,10 @@
 #include <utility>
 
 #include "foundation/Paths.h"
+#include "sdk/DBError.h"
 #include "sdk/DBRestClientImpl.h"
 #include "sdk/IconNames.h"
+#include "sdk/PageSequence.h"
 #include "sdk/RecordReader.h"
 #include "sdk/ServiceJson.h"
 
@@ -15,9 +17,9 @@ namespace {
 constexpr int pageLimit = 2000;  // the service's largest; fewer pages are fewer round trips
 
 /// Loads one item, and a folder's children page by page. The item's own record and the first page are asked
-/// for at the same time, unless no folder is expected: a folder then costs one round trip less, a file only an
-/// answer that nobody reads.
-/// Each further page is asked for before the records of the page at hand are built.
+/// for at the same time, unless no folder is expected: a folder then costs one round trip less, a file only
+/// an answer that nobody reads. Each further page is asked for before the records of the page at hand are
+/// built.
 class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
  public:
   MetadataLoad(std::shared_ptr<DBRestClient::Impl> client, const std::string& path,
@@ -61,8 +63,10 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
                   [self = shared_from_this()](ServiceAnswer& answer) { self->receivedPage(answer); });
   }
 
-  void askForNextPage(std::string_view cursor) {
-    client_->send(operation_, readingRequest("files/list_folder/continue", {{"cursor", cursor}}, about_),
+  void askForNextPage() {
+    if (nextCursor_.empty()) return;
+    const json::object argument{{"cursor", std::exchange(nextCursor_, {})}};
+    client_->send(operation_, readingRequest("files/list_folder/continue", argument, about_),
                   [self = shared_from_this()](ServiceAnswer& answer) { self->receivedPage(answer); });
   }
 
@@ -80,6 +84,7 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
     becomeFolder(fields_.path);
     if (expected_ == DBRestClient::Expect::noFolder) return askForFirstPage();
     if (listingFailure_) return fail(*listingFailure_);
+    askForNextPage();
     addWaitingPages();
     finishWhenComplete();
   }
@@ -98,9 +103,12 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
     const auto cursor = servicejson::text(page->root(), "cursor");
     const auto hasMore = servicejson::boolean(page->root(), "has_more");
     if (!entries || !cursor || !hasMore) return failInvalid(answer.response);
+    if (const char* problem = pages_.problemWith(entries->size(), *hasMore, *cursor))
+      return fail({{}, requestError(DBErrorInvalidResponse, problem, about_), {}});
     lastPageArrived_ = !*hasMore;
-    if (*hasMore) askForNextPage(*cursor);
+    if (*hasMore) nextCursor_ = *cursor;
     waitingPages_.push_back(std::move(page));
+    if (listing_ || waitingPages_.size() < servicelimits::waitingPages) askForNextPage();
     addWaitingPages();
     finishWhenComplete();
   }
@@ -110,6 +118,7 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
     if (cursorIsGone && !hasStartedAgain_) {
       hasStartedAgain_ = true;
       waitingPages_.clear();
+      pages_ = PageSequence();
       if (listing_) listing_->clear();
       return askForFirstPage();
     }
@@ -157,6 +166,8 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
   DBMetadata::Fields fields_;              // the folder's own record, as far as it is known
   std::optional<ListingBuilder> listing_;  // set once the item is known to be a folder
   std::deque<std::shared_ptr<const Document>> waitingPages_;
+  PageSequence pages_;
+  std::string nextCursor_;  // of a page that is promised and has not been asked for
   std::optional<ServiceAnswer> listingFailure_;
   bool lastPageArrived_ = false;
   bool hasStartedAgain_ = false;

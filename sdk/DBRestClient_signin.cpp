@@ -15,10 +15,9 @@ std::optional<DBCredential> credentialOf(const HttpResponse& response) {
   const auto userId = answer ? servicejson::text(*answer, "account_id") : std::nullopt;
   const auto token = answer ? servicejson::text(*answer, "access_token") : std::nullopt;
   if (!userId || userId->empty() || !token || token->empty()) return std::nullopt;
-  const auto lifetime = servicejson::integer(*answer, "expires_in");
   return DBCredential{std::string(*userId), std::string(*token),
                       std::string(servicejson::text(*answer, "refresh_token").value_or("")),
-                      lifetime ? unixNow() + *lifetime : 0};
+                      expiryAfter(servicejson::integer(*answer, "expires_in"))};
 }
 
 /// Trades the code that came back from the service's page for tokens.

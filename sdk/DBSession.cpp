@@ -9,6 +9,7 @@
 #include "sdk/DBError.h"
 #include "sdk/ServiceCall.h"
 #include "sdk/ServiceJson.h"
+#include "sdk/ServiceLimits.h"
 #include "sdk/SessionInternals.h"
 
 namespace {
@@ -30,6 +31,11 @@ std::mutex& sharedMutex() {
 std::int64_t unixNow() {
   return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
       .count();
+}
+
+std::int64_t expiryAfter(std::optional<std::int64_t> lifetimeSeconds) {
+  if (!lifetimeSeconds) return 0;
+  return unixNow() + std::clamp<std::int64_t>(*lifetimeSeconds, 0, servicelimits::tokenLifetimeSeconds);
 }
 
 DBSession::Internals::Internals(std::string key, std::string secret, std::string_view rootName)
@@ -66,10 +72,11 @@ std::optional<Authorization> DBSession::Internals::authorization(const std::stri
   const Account* account = find(userId);
   if (!account) return std::nullopt;
   const DBCredential& credential = account->credential;
-  const std::int64_t remaining = credential.expiresAtUnixSeconds - unixNow();
+  const std::int64_t now = unixNow();
   const bool ends = credential.expiresAtUnixSeconds != 0;
   return Authorization{credential.accessToken, credential.refreshToken, account->linking,
-                       ends && remaining <= renewalMarginSeconds, ends && remaining <= 0};
+                       ends && credential.expiresAtUnixSeconds <= now + renewalMarginSeconds,
+                       ends && credential.expiresAtUnixSeconds <= now};
 }
 
 void DBSession::Internals::keepRenewedToken(const std::string& userId, std::uint64_t linking,

@@ -8,6 +8,8 @@
 #include "foundation/NSString.h"
 #include "sdk/DBError.h"
 #include "sdk/ServiceJson.h"
+#include "sdk/ServiceLimits.h"
+#include "sdk/ServiceText.h"
 
 namespace json = boost::json;
 
@@ -111,13 +113,12 @@ std::string reasonForStatus(long status) {
 }
 
 std::string summaryOf(const HttpResponse& response, const json::object* answer) {
-  if (answer) return std::string(servicejson::text(*answer, "error_summary").value_or(""));
+  if (answer) return serviceText(servicejson::text(*answer, "error_summary").value_or(""));
   // The text of a 400 says which field was wrong. One about the authorization might quote a token.
-  constexpr std::size_t longest = 300;
   const bool mayQuoteSecret = response.body.find("uthorization") != std::string::npos ||
                               response.body.find("earer") != std::string::npos ||
                               response.body.find("oken") != std::string::npos;
-  return response.status == 400 && !mayQuoteSecret ? response.body.substr(0, longest) : std::string();
+  return response.status == 400 && !mayQuoteSecret ? serviceText(response.body) : std::string();
 }
 
 std::int64_t codeForStatus(long status) { return status == 429 ? 503 : status; }
@@ -140,12 +141,14 @@ Findings findingsOf(const HttpResponse& response) {
     findings.reason = row->reason;
     findings.tag = row->tag;
   } else if (const json::object* message = servicejson::object(*answer, "user_message")) {
-    if (const auto text = servicejson::text(*message, "text")) findings.reason = *text;
+    if (const auto text = servicejson::text(*message, "text")) findings.reason = serviceText(*text);
   }
   const json::object* error = servicejson::object(*answer, "error");
   if (error && !findings.retryAfterSeconds) {
     findings.retryAfterSeconds = servicejson::integer(*error, "retry_after");
   }
+  if (auto& seconds = findings.retryAfterSeconds)
+    *seconds = std::clamp<std::int64_t>(*seconds, 0, servicelimits::longestWaitSeconds);
   return findings;
 }
 
@@ -179,7 +182,7 @@ void addResponseDetails(NSDictionary::Entries& details, const HttpResponse& resp
   const auto add = [&](std::string_view key, const id& value) {
     details.emplace_back(str(std::string(key)), value);
   };
-  if (!response.requestId.empty()) add(DBErrorRequestIdKey, str(response.requestId));
+  if (!response.requestId.empty()) add(DBErrorRequestIdKey, str(serviceText(response.requestId)));
   if (response.status != 0) add(DBErrorHttpStatusKey, NSNumber::withInt(response.status));
 }
 

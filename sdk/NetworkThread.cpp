@@ -18,11 +18,9 @@ namespace {
 constexpr long receiveBufferBytes = 256L * 1024;
 constexpr long sendBufferBytes = 512L * 1024;
 constexpr std::size_t idleHandleLimit = 16;
-// A page of 2000 entries takes about one MB; more than this is not an answer but an attack or a mistake.
-constexpr std::size_t memoryBodyLimitBytes = 64UL * 1024 * 1024;
-
 std::atomic<long> connectTimeoutMs{30'000};
 std::atomic<long> silenceTimeoutSeconds{60};
+std::atomic<long> smallRequestTimeoutMs{std::chrono::milliseconds(servicelimits::smallRequest).count()};
 
 bool isPlainHttp(std::string_view url) { return url.starts_with("http:"); }
 
@@ -89,7 +87,7 @@ std::size_t receiveBody(char* bytes, std::size_t, std::size_t size, void* contex
       return transfer.request.sink->write({bytes, size}) ? size : 0;
     }
   }
-  if (transfer.response.body.size() + size > memoryBodyLimitBytes) return 0;
+  if (transfer.response.body.size() + size > servicelimits::answerBytes) return 0;
   transfer.response.body.append(bytes, size);
   return size;
 }
@@ -262,7 +260,9 @@ CURL* NetworkThread::Loop::makeHandle() const {
   curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, sendBufferBytes);
   // A cancelled request must not wait for a name server.
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
-  curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, servicelimits::slowestTransferBytesPerSecond);
+  // The system's own minimum may be lower.
+  curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, receiveHeader);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, receiveBody);
   curl_easy_setopt(easy, CURLOPT_READFUNCTION, sendBody);
@@ -306,6 +306,8 @@ void NetworkThread::Loop::configure(CURL* easy, HttpTransfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectTimeoutMs.load());
   curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, silenceTimeoutSeconds.load());
+  const bool isSmall = !request.source && !request.sink;
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, isSmall ? smallRequestTimeoutMs.load() : 0L);
   // Plain HTTP is a server on this machine: no proxy, no compression, nothing to wait for before a second
   // connection is opened.
   curl_easy_setopt(easy, CURLOPT_PROXY, plain ? "" : nullptr);
@@ -385,9 +387,11 @@ NetworkThread::~NetworkThread() {
   }
 }
 
-void NetworkThread::setTimeouts(std::chrono::milliseconds connect, std::chrono::seconds silence) {
+void NetworkThread::setTimeouts(std::chrono::milliseconds connect, std::chrono::seconds silence,
+                                std::chrono::milliseconds smallRequest) {
   connectTimeoutMs = static_cast<long>(connect.count());
   silenceTimeoutSeconds = static_cast<long>(silence.count());
+  smallRequestTimeoutMs = static_cast<long>(smallRequest.count());
 }
 
 void NetworkThread::start(std::shared_ptr<HttpTransfer> transfer) {

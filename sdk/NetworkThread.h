@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "sdk/HttpRequest.h"
+#include "sdk/ServiceLimits.h"
 
 /// One HTTP exchange: made by the caller, carried out on the network thread, which alone touches it between
 /// start() and `done`.
@@ -37,9 +38,11 @@ class NetworkThread {
   /// Ends the thread; transfers under way are dropped without `done`. Waits for it, unless called on it.
   ~NetworkThread();
 
-  /// How long to wait for a connection, and how long for the next byte, before a transfer fails with
-  /// CURLE_OPERATION_TIMEDOUT. For transfers that start later. Any thread.
-  static void setTimeouts(std::chrono::milliseconds connect, std::chrono::seconds silence);
+  /// How long to wait for a connection, how long while next to nothing moves, and how long for a request
+  /// without a file in either direction to end, before a transfer fails with CURLE_OPERATION_TIMEDOUT. For
+  /// transfers that start later. Any thread.
+  static void setTimeouts(std::chrono::milliseconds connect, std::chrono::seconds silence,
+                          std::chrono::milliseconds smallRequest = servicelimits::smallRequest);
 
   /// Any thread; returns at once.
   void start(std::shared_ptr<HttpTransfer> transfer);

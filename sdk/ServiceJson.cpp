@@ -2,10 +2,25 @@
 
 #include <cstdio>
 #include <limits>
+#include <new>
+
+#include "sdk/ServiceLimits.h"
 
 namespace json = boost::json;
 
 namespace servicejson {
+
+void* LimitedMemory::do_allocate(std::size_t bytes, std::size_t alignment) {
+  if (bytes > freeBytes_) throw std::bad_alloc();
+  void* memory = ::operator new(bytes, std::align_val_t(alignment));
+  freeBytes_ -= bytes;
+  return memory;
+}
+
+void LimitedMemory::do_deallocate(void* memory, std::size_t bytes, std::size_t alignment) {
+  ::operator delete(memory, bytes, std::align_val_t(alignment));
+  freeBytes_ += bytes;
+}
 
 namespace {
 
@@ -41,8 +56,13 @@ std::shared_ptr<const Document> Document::parse(std::string_view text) {
   auto document = std::make_shared<Document>(text.size());
   json::error_code failure;
   try {
-    document->value_ = json::parse(text, failure, json::storage_ptr(&document->memory_));
-  } catch (const std::exception&) {  // out of memory inside the reader
+    // The reader's own stack is bounded, too: it holds every value of the lists that are open.
+    unsigned char stack[4096];
+    json::parser parser(json::storage_ptr(&document->limit_), json::parse_options(), stack);
+    parser.reset(json::storage_ptr(&document->memory_));
+    parser.write(text, failure);
+    if (!failure) document->value_ = parser.release();
+  } catch (const std::exception&) {  // out of the memory that it may take
     return nullptr;
   }
   if (failure || !document->value_.is_object()) return nullptr;

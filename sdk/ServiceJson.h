@@ -5,24 +5,44 @@
 #include <string>
 #include <string_view>
 
+#include "sdk/ServiceLimits.h"
+
 /// Reading the service's JSON leniently: unknown fields are skipped, a field of the wrong type counts as
 /// absent. Boost.JSON stays inside this folder's .cpp files. Formats: the service's HTTP documentation and
 /// the JSON encoding of its interface descriptions (unions carry their member's name in ".tag").
 namespace servicejson {
 
+/// Gives out so many bytes at most, then fails as if there were no more memory. Not thread-safe.
+class LimitedMemory final : public boost::json::memory_resource {
+ public:
+  explicit LimitedMemory(std::size_t limitBytes) : freeBytes_(limitBytes) {}
+
+ private:
+  void* do_allocate(std::size_t bytes, std::size_t alignment) override;
+  void do_deallocate(void* memory, std::size_t bytes, std::size_t alignment) override;
+  bool do_is_equal(const boost::json::memory_resource& other) const noexcept override {
+    return this == &other;
+  }
+
+  std::size_t freeBytes_;
+};
+
 /// A parsed text and the memory its values live in.
 class Document {
  public:
-  /// Nothing when `text` is no valid JSON object.
+  /// Nothing when `text` is no valid JSON object, or one that takes more memory than servicelimits allow.
   static std::shared_ptr<const Document> parse(std::string_view text);
   const boost::json::object& root() const noexcept { return value_.get_object(); }
 
   explicit Document(std::size_t textSize)
-      : memory_(textSize + 1024), value_(boost::json::storage_ptr(&memory_)) {}
+      : limit_(servicelimits::parsedBytes),
+        memory_(textSize + 1024, boost::json::storage_ptr(&limit_)),
+        value_(boost::json::storage_ptr(&memory_)) {}
   Document(const Document&) = delete;
   Document& operator=(const Document&) = delete;
 
  private:
+  LimitedMemory limit_;
   boost::json::monotonic_resource memory_;
   boost::json::value value_;
 };

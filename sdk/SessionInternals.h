@@ -15,6 +15,9 @@
 
 /// Seconds since 1970 (POSIX), as the times of tokens are kept.
 std::int64_t unixNow();
+/// When a token with that lifetime from now ends; 0, for never, when no lifetime is told. What cannot be a
+/// lifetime counts as the nearest that can: none at all, or ten years.
+std::int64_t expiryAfter(std::optional<std::int64_t> lifetimeSeconds);
 
 /// What a request needs in order to act for an account. Secret.
 struct Authorization {

@@ -44,8 +44,8 @@ void TokenRefresh::renew(DBSession::Internals& session, const std::string& userI
       finish(key, {Result::failed, invalidResponseError(answer.response, {"renew the authorization", ""})});
       return;
     }
-    const auto lifetime = servicejson::integer(document->root(), "expires_in");
-    keep->keepRenewedToken(key.first, key.second, std::string(*token), lifetime ? unixNow() + *lifetime : 0);
+    keep->keepRenewedToken(key.first, key.second, std::string(*token),
+                           expiryAfter(servicejson::integer(document->root(), "expires_in")));
     finish(key, {Result::renewed, nullptr});
   };
   ServiceCall::start(session.shared_from_this(), {}, refreshRequest(session, current->refreshToken), nullptr,

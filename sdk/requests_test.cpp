@@ -1,4 +1,5 @@
 #include <chrono>
+#include <limits>
 
 #include <curl/curl.h>
 #include <gtest/gtest.h>
@@ -12,10 +13,13 @@
 #include "sdk/RetryPolicy.h"
 #include "sdk/ServiceHosts.h"
 #include "sdk/ServiceJson.h"
+#include "sdk/ServiceText.h"
+#include "sdk/SessionInternals.h"
 
 namespace {
 
 using std::chrono::milliseconds;
+using namespace std::string_literals;
 
 TEST(ArgumentText, IsPrintableAscii) {
   struct Case {
@@ -174,6 +178,77 @@ TEST(ErrorReader, TellsHowLongToWait) {
   EXPECT_EQ(waited(), 15);
   response.retryAfterSeconds = 20;
   EXPECT_EQ(waited(), 20);
+}
+
+TEST(ServiceText, IsFitToBeShown) {
+  struct Case {
+    const char* name;
+    std::string text;
+    std::string shown;
+  };
+  std::string accents;
+  for (int i = 0; i < 301; ++i) accents += "\xC3\xA9";
+  const std::string code = "aB3dE5fG7hJ9kL1mN3pQ5rS7";
+  const Case cases[] = {
+      {"plain", "Your account is full. See https://www.example.com/help/9104", ""},
+      {"not ASCII", "Kein Zutritt f\u00fcr \u4e2d\U0001F600", ""},
+      {"terminal", "a\x1b[31m\r\nb\x7f\0"s + "c", "a [31m  b  c"},
+      {"second control block", "a\xC2\x9B"s + "31mb", "a 31mb"},
+      {"direction of writing", "a\u202Eb\u2066c\u200F", "a b c "},
+      {"not UTF-8", "a\xff\xC3(\xED\xA0\x80\xF0\x9F", "a  (     "},
+      {"bearer", "you sent Bearer abc123", "you sent Bearer ***"},
+      {"the service's token", "sl.u.AbC-dEf_0123456789 is old", "*** is old"},
+      {"any long code", "rejected (" + code + ")", "rejected (***)"},
+      {"code in pieces", "a\u200F" + code, "a ***"},
+      {"long words", "Donaudampfschifffahrtsgesellschaft 20240501-1200-backup", ""},
+      {"301 characters", accents, accents.substr(0, 600) + "\u2026"},
+      {"300 characters", accents.substr(0, 600), ""},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(serviceText(c.text), c.shown.empty() ? c.text : c.shown) << c.name;
+  }
+  EXPECT_LT(serviceText(std::string(10'000'000, 'x')).size(), 400U);
+}
+
+TEST(ErrorReader, ShowsTextsOfTheServiceOnlyFiltered) {
+  HttpResponse response = answer(409);
+  response.requestId = "id\x1b";
+  response.body =
+      R"({"error_summary":"no\u001bvel/","error":{".tag":"novel"},"user_message":{"text":"you sent Bearer s3cr3t\u0007"}})";
+  const std::string text = errorFromResponse(response, {"load", "/a"})->userInfo()->description();
+  EXPECT_NE(text.find("you sent Bearer *** "), std::string::npos) << text;
+  for (const char* part : {"s3cr3t", "\x07", "\x1b"}) EXPECT_EQ(text.find(part), std::string::npos) << text;
+}
+
+TEST(ServiceJson, AnswersThatWouldFillTheMemoryAreRefused) {
+  struct Case {
+    const char* name;
+    std::string unit;
+    int times;
+    bool isTaken;
+  };
+  const Case cases[] = {
+      {"a full page", R"({"name":"x","path_lower":"/x","size":17,"rev":"0123456789"},)", 2000, true},
+      {"lists of nothing", "[],", 10'000'000, false},
+      {"lists of lists", "[[],[],[],[],[],[],[],[],[],[]],", 1'000'000, false}};
+  for (const Case& c : cases) {
+    std::string text = R"({"entries":[)";
+    text.reserve(text.size() + c.unit.size() * static_cast<std::size_t>(c.times) + 8);
+    for (int i = 0; i < c.times; ++i) text += c.unit;
+    text += "0]}";
+    EXPECT_EQ(servicejson::Document::parse(text) != nullptr, c.isTaken) << c.name;
+  }
+}
+
+TEST(Tokens, ImpossibleLifetimesAreTakenForTheNearestPossible) {
+  using Limits = std::numeric_limits<std::int64_t>;
+  EXPECT_EQ(expiryAfter(std::nullopt), 0);
+  const std::int64_t before = unixNow();
+  EXPECT_GE(expiryAfter(14400), before + 14400);
+  EXPECT_LE(expiryAfter(Limits::max()), unixNow() + servicelimits::tokenLifetimeSeconds);
+  EXPECT_GE(expiryAfter(Limits::max()), before + servicelimits::tokenLifetimeSeconds);
+  EXPECT_GE(expiryAfter(Limits::min()), before);
+  EXPECT_LE(expiryAfter(Limits::min()), unixNow());
 }
 
 TEST(ErrorReader, QuotesNothingThatMightBeSecret) {

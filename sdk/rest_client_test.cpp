@@ -1,16 +1,63 @@
 #include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <thread>
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
 #include "sdk/DBError.h"
 #include "sdk/NetworkThread.h"
+#include "sdk/PageSequence.h"
 #include "sdk/testing/ClientFixture.h"
 
 namespace {
 
 using Notes = std::vector<std::string>;
+
+/// Accepts one connection and hands it to `serve`, on a thread of its own.
+class RawListener {
+ public:
+  explicit RawListener(std::function<void(int)> serve) : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* generic = reinterpret_cast<sockaddr*>(&address);
+    const bool isOpen = ::bind(socket_, generic, length) == 0 && ::listen(socket_, 1) == 0 &&
+                        ::getsockname(socket_, generic, &length) == 0;
+    EXPECT_TRUE(isOpen);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this, serve = std::move(serve)] {
+      pollfd wait{socket_, POLLIN, 0};
+      const int connection = ::poll(&wait, 1, 20'000) > 0 ? ::accept(socket_, nullptr, nullptr) : -1;
+      if (connection < 0) return;
+      serve(connection);
+      ::close(connection);
+    });
+  }
+  RawListener(const RawListener&) = delete;
+  RawListener& operator=(const RawListener&) = delete;
+  ~RawListener() {
+    join();
+    ::close(socket_);
+  }
+  int port() const { return port_; }
+  void join() {
+    if (thread_.joinable()) thread_.join();
+  }
+
+ private:
+  const int socket_;
+  int port_ = 0;
+  std::thread thread_;
+};
 constexpr const char* metadataRoute = "/2/files/get_metadata";
 constexpr const char* listRoute = "/2/files/list_folder";
 constexpr const char* continueRoute = "/2/files/list_folder/continue";
@@ -106,7 +153,9 @@ TEST_F(RestClient, ErrorSaysWhatFailedWhereAndWhy) {
 
 TEST_F(RestClient, UnacceptablePathsFailWithoutARequest) {
   const auto serving = serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
-  const std::string paths[] = {"", "docs", "id:abc", "/a\xff", std::string("/a\0b", 4)};
+  std::string deep;
+  for (int level = 0; level < 513; ++level) deep += "/a";
+  const std::string paths[] = {"", "docs", "id:abc", "/a\xff", std::string("/a\0b", 4), deep};
   for (const std::string& path : paths) EXPECT_EQ(outcomeOf(path), "error 400") << path;
   EXPECT_TRUE(server->requests().empty());
 }
@@ -165,11 +214,72 @@ TEST_F(RestClient, LostCursorStartsTheListingAgainOnce) {
   EXPECT_EQ(server->count(listRoute), 2);
 }
 
-TEST_F(RestClient, SilentServerBecomesAnError) {
-  NetworkThread::setTimeouts(std::chrono::seconds(30), std::chrono::seconds(1));
+TEST_F(RestClient, SilentOrEndlessAnswersBecomeAnError) {
+  using std::chrono::milliseconds, std::chrono::seconds;
   const auto serving = serve([](const ScriptedRequest&) { return ScriptedReply{.stall = true}; });
+  NetworkThread::setTimeouts(seconds(30), seconds(1));
   EXPECT_EQ(outcomeOf("/"), "error -28");
-  NetworkThread::setTimeouts(std::chrono::seconds(30), std::chrono::seconds(60));
+  // Bytes that trickle in are no silence: the request as a whole has its time.
+  NetworkThread::setTimeouts(seconds(30), seconds(3600), milliseconds(50));
+  EXPECT_EQ(outcomeOf("/"), "error -28");
+  NetworkThread::setTimeouts(seconds(30), seconds(60));
+}
+
+TEST_F(RestClient, AListingThatDoesNotEndBecomesAnError) {
+  struct Case {
+    const char* name;
+    std::string entries;
+    bool hasNewCursors;
+    int pages;  // that are asked for at most
+  };
+  const Case cases[] = {{"same cursor again", fileJson("/a"), false, 3},
+                        {"same cursor, nothing in the page", "", false, 3},
+                        {"new cursors, nothing in the pages", "", true, 110}};
+  std::atomic<const Case*> current{nullptr};
+  std::atomic<int> pages{0};
+  const auto serving = serve([&](const ScriptedRequest&) {
+    const int page = ++pages;
+    const Case& c = *current.load();
+    const bool hasMore = page < 1000;
+    return jsonReply(pageJson(c.entries, c.hasNewCursors ? "c" + std::to_string(page) : "c", hasMore));
+  });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    current = &c;
+    pages = 0;
+    ASSERT_EQ(outcomeOf("/"), "error 101");
+    EXPECT_NE(delegate.lastError()->localizedDescription().find("does not end"), std::string::npos);
+    EXPECT_LE(pages, c.pages);
+  }
+  PageSequence large(3);
+  EXPECT_EQ(large.problemWith(3, true, "a"), nullptr);
+  EXPECT_NE(large.problemWith(1, false, "b"), nullptr) << "more entries than are accepted";
+}
+
+// As the first bytes of a connection tell it: RFC 8446, 4.1.2 and 4.2.1.
+TEST_F(RestClient, NoConnectionIsOfferedBelowTls12) {
+  const std::string lenient = home.path() + "/openssl.cnf";  // what a system might allow
+  std::ofstream(lenient) << "openssl_conf = a\n[a]\nssl_conf = b\n[b]\nsystem_default = c\n[c]\n"
+                            "MinProtocol = TLSv1\nCipherString = DEFAULT@SECLEVEL=0\n";
+  ::setenv("OPENSSL_CONF", lenient.c_str(), 1);
+  std::string hello;
+  RawListener listener([&](int connection) {
+    hello.resize(4096);
+    const ssize_t count = ::recv(connection, hello.data(), hello.size(), 0);
+    hello.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+  });
+  const auto serving = serve([](const ScriptedRequest&) { return ScriptedReply{}; });
+  ::setenv("KZV_SERVICE_URL", ("https://127.0.0.1:" + std::to_string(listener.port())).c_str(), 1);
+  session = std::make_shared<DBSession>("key", "", kDBRootDropbox);
+  client = makeClient();
+  outcomeOf("/");
+  listener.join();
+  const auto versions = hello.find(std::string("\x00\x2b\x00", 3));
+  ASSERT_NE(versions, std::string::npos) << "no supported_versions in " << hello.size() << " bytes";
+  const std::size_t length = static_cast<unsigned char>(hello.at(versions + 4));
+  for (std::size_t at = versions + 5; at < versions + 5 + length; at += 2) {
+    EXPECT_GE(static_cast<unsigned char>(hello.at(at + 1)), 3) << "TLS 1." << int(hello.at(at + 1)) - 1;
+  }
 }
 
 TEST_F(RestClient, ExpiredTokenIsRenewedOnceForAllWhoNeedIt) {
@@ -359,6 +469,12 @@ TEST_F(RestClient, AccountInformationNamesTheRightLimit) {
        R"(,"allocation":{".tag":"team","used":80,"allocated":90,"user_within_team_space_allocated":30,"user_within_team_space_used_cached":6})",
        "account u1 Sam  6/30"},
       {"unknown allocation", R"(,"allocation":{".tag":"moon"})", "account u1 Sam  7/0"},
+      {"largest numbers", R"(,"allocation":{".tag":"individual","allocated":9223372036854775807})",
+       "account u1 Sam  7/9223372036854775807"},
+      {"2^63 bytes", R"(,"allocation":{".tag":"individual","allocated":9223372036854775808})", "error 101"},
+      {"-2^63 bytes", R"(,"allocation":{".tag":"individual","allocated":-9223372036854775808})", "error 101"},
+      {"team used -1", R"(,"allocation":{".tag":"team","used":-1,"allocated":90})", "error 101"},
+      {"a text", R"(,"allocation":{".tag":"individual","allocated":"20"})", "error 101"},
       {"no allocation", "", "error 101"}};
   std::atomic<const Case*> current{nullptr};
   const auto serving = serve([&](const ScriptedRequest& request) {
