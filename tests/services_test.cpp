@@ -77,18 +77,12 @@ TEST_F(ServicesTest, OnlyPicturesHavePreviewsAndBrokenOnesDoNoHarm) {
   for (const char* path : {"/", "/Docs", "/Docs/text.txt", "/broken.png", "/huge.bmp", "/never.png"}) {
     EXPECT_EQ(preview(path), nullptr) << path;
   }
-  struct Answer {
-    const char* body;
-    bool isPicture;
-  };
-  const Answer answers[] = {
-      {"P6 1 1 255\nabc", true},          {"no picture", false},   {"P6 60000 60000 255\nabc", false},
-      {"P6 1 999999999999 255\n", false}, {"P6 0 0 255\n", false}, {"GIF89a\x7f\x7f\x7f\x7f", false}};
-  for (const Answer& answer : answers) {  // the service may send anything
+  // The service may send anything; only a JPEG is a preview, whatever other pictures the library could read.
+  for (const char* answer : {"P6 1 1 255\nabc", "no picture", "GIF89a\x7f\x7f\x7f\x7f"}) {
     const std::string path = home.path() + "/answer";
-    ASSERT_TRUE(writeFile(path, answer.body));
-    EXPECT_EQ(NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(path)) != nullptr, answer.isPicture)
-        << answer.body;
+    ASSERT_TRUE(writeFile(path, answer));
+    EXPECT_EQ(NSImage::initWithContentsOfURL(*NSURL::fileURLWithPath(path), NSImage::Format::jpeg), nullptr)
+        << answer;
   }
   storePicture("/picture.png");
   standIn.fault(
