@@ -88,16 +88,20 @@ TemporaryFolders::~TemporaryFolders() { removeOwn(); }
 
 std::shared_ptr<NSURL> TemporaryFolders::makeFolder(NSErrorRef* error) {
   const std::lock_guard lock(mutex_);
-  if (!own_ && !makeProcessFolder(error)) return nullptr;
-  const std::string processFolder = appendingPathComponent(root_, own_->name);
-  const std::string name = KZVSupport::uniquePathComponent();
-  const Descriptor holder(
-      ::openat(own_->root.descriptor(), own_->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!holder.isOpen() || ::mkdirat(holder.number(), name.c_str(), 0700) != 0) {
-    refuse(error, errno, processFolder);
-    return nullptr;
+  int reason = ENOENT;
+  // A system that cleans up old files may take a process's folder away while the process lives on for weeks.
+  for (int attempt = 0; attempt < 2 && reason == ENOENT; ++attempt) {
+    if (attempt > 0) own_.reset();
+    if (!own_ && !makeProcessFolder(error)) return nullptr;
+    const std::string name = KZVSupport::uniquePathComponent();
+    const Descriptor holder(::openat(own_->root.descriptor(), own_->name.c_str(),
+                                     O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (holder.isOpen() && ::mkdirat(holder.number(), name.c_str(), 0700) == 0)
+      return NSURL::fileURLWithPath(appendingPathComponent(appendingPathComponent(root_, own_->name), name));
+    reason = errno;
   }
-  return NSURL::fileURLWithPath(appendingPathComponent(processFolder, name));
+  refuse(error, reason, appendingPathComponent(root_, own_->name));
+  return nullptr;
 }
 
 /// The root, made if it is missing and closed to others. A link in its place would lead wherever somebody

@@ -91,6 +91,21 @@ TEST_F(TemporaryFoldersTest, FoldersArePrivateEmptyAndEachAnother) {
   EXPECT_EQ(names(), std::set<std::string>{});
 }
 
+TEST_F(TemporaryFoldersTest, WhatACleanerTookIsMadeAnew) {
+  TemporaryFolders folders(root());
+  for (const std::string& taken : {root(), base_.string()}) {
+    ASSERT_TRUE(folders.makeFolder(nullptr));
+    fs::remove_all(taken);
+    NSErrorRef error;
+    const auto folder = folders.makeFolder(&error);
+    ASSERT_TRUE(folder) << error->localizedDescription();
+    EXPECT_TRUE(fs::is_directory(folder->path()));
+  }
+  const auto folder = folders.makeFolder(nullptr);
+  fs::remove_all(fs::path(folder->path()).parent_path());
+  EXPECT_TRUE(folders.makeFolder(nullptr));
+}
+
 TEST_F(TemporaryFoldersTest, AFileInTheWayIsAnErrorThatNamesIt) {
   fs::create_directories(base_ / "cache");
   std::ofstream(root()) << "not a folder";
