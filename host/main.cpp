@@ -2,8 +2,11 @@
 #include <atomic>
 #include <chrono>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "foundation/NSLog.h"
 #include "foundation/NSRunLoop.h"
@@ -49,6 +52,25 @@ void runBesideMainLoop(Verb& verb, VerbContext& context) {
   worker.join();
 }
 
+/// Does not return.
+[[noreturn]] void run(const GlobalOptions& options, Verb& verb) {
+  applyToEnvironment(options);
+  setUpLogging(options);
+  NSThread::mainThread();  // this one: before any other thread asks
+  Console console(options.quiet);
+  HostSession session;
+  VerbContext context(verb.words().name, options, console, session);
+  StopSignal::install([&context] { context.failUnanswered(); });
+
+  NSErrorRef error;
+  if (session.load(&error)) {
+    runBesideMainLoop(verb, context);
+  } else {
+    context.fail("", error);
+  }
+  leave(static_cast<int>(context.status()));
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -58,19 +80,10 @@ int main(int argc, char** argv) {
   if (const auto* answer = std::get_if<Answer>(&parsed)) return show(*answer);
   const auto& [options, verb] = std::get<Command>(parsed);
 
-  applyToEnvironment(options);
-  setUpLogging(options);
-  NSThread::mainThread();  // this one: before any other thread asks
-  Console console(options.quiet);
-  HostSession session;
-  VerbContext context(verb->words().name, options, console, session);
-  StopSignal::install([&context] { context.failUnanswered(); });
-
-  NSErrorRef error;
-  if (session.load(&error)) {
-    runBesideMainLoop(*verb, context);
-  } else {
-    context.fail("", error);
+  try {
+    run(options, *verb);
+  } catch (const std::system_error& failure) {  // a thread that the system does not give
+    show({fmt::format("kzv: {}: {}", verb->words().name, failure.what()), ExitStatus::failed});
+    leave(static_cast<int>(ExitStatus::failed));
   }
-  leave(static_cast<int>(context.status()));
 }

@@ -1,6 +1,7 @@
 #include "sdk/LoopbackListener.h"
 
 #include <chrono>
+#include <system_error>
 #include <utility>
 
 #include <netinet/in.h>
@@ -9,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "foundation/NSLog.h"
 #include "foundation/NSThread.h"
 
 namespace {
@@ -79,7 +81,12 @@ std::unique_ptr<LoopbackListener> LoopbackListener::open(std::uint16_t port, std
                                                          Handler handler) {
   std::unique_ptr<LoopbackListener> listener(new LoopbackListener(std::move(path), std::move(handler)));
   if (!listener->bindTo(port)) return nullptr;
-  listener->thread_ = std::thread([own = listener.get()] { own->run(); });
+  try {
+    listener->thread_ = std::thread([own = listener.get()] { own->run(); });
+  } catch (const std::system_error& failure) {
+    NSLog(NSLogLevel::error, "LoopbackListener", failure.what());
+    return nullptr;
+  }
   return listener;
 }
 

@@ -22,7 +22,7 @@ class LoopbackListener {
   /// thread.
   using Handler = std::function<Page(const std::string& query)>;
 
-  /// @param port  0: any. Null when the port cannot be had.
+  /// @param port  0: any. Null when the port, or a thread, cannot be had.
   static std::unique_ptr<LoopbackListener> open(std::uint16_t port, std::string path, Handler handler);
   /// Waits for the thread. REQUIRES another thread than the listener's.
   ~LoopbackListener();

@@ -1,5 +1,8 @@
 #include "service/ConnectionThreads.h"
 
+#include <cstdio>
+#include <system_error>
+
 namespace kzv::service {
 namespace {
 
@@ -10,10 +13,18 @@ constexpr std::size_t kMaxThreads = 4096;
 void ConnectionThreads::enqueue(std::function<void()> task) {
   const std::lock_guard<std::mutex> lock(mutex_);
   tasks_.push_back(std::move(task));
-  if (idle_ < tasks_.size() && threads_.size() < kMaxThreads) {
+  const bool needsThread = idle_ < tasks_.size() && threads_.size() < kMaxThreads;
+  if (!needsThread || !startThread()) wake_.notify_one();
+}
+
+// Where the system has no thread to give, the task waits for the next one that becomes free.
+bool ConnectionThreads::startThread() {
+  try {
     threads_.emplace_back([this] { work(); });
-  } else {
-    wake_.notify_one();
+    return true;
+  } catch (const std::system_error& failure) {
+    std::fprintf(stderr, "kzv-service: no further thread: %s\n", failure.what());
+    return false;
   }
 }
 

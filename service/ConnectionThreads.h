@@ -19,6 +19,7 @@ class ConnectionThreads : public httplib::TaskQueue {
   void shutdown() override;
 
  private:
+  bool startThread();
   void work();
 
   std::mutex mutex_;

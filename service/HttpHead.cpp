@@ -33,7 +33,9 @@ bool parseRequestLine(std::string_view line, HttpRequest& request) {
   if (first == std::string_view::npos || last == first) return false;
   const std::string_view target = line.substr(first + 1, last - first - 1);
   const std::string_view version = line.substr(last + 1);
-  if (target.empty() || target.front() != '/' || target.find(' ') != std::string_view::npos) return false;
+  const bool isVisible = std::all_of(
+      target.begin(), target.end(), [](char c) { return static_cast<unsigned char>(c) > 0x20 && c != 0x7F; });
+  if (target.empty() || target.front() != '/' || !isVisible) return false;
   if (version != "HTTP/1.1" && version != "HTTP/1.0") return false;
   request.method = line.substr(0, first);
   const auto mark = target.find('?');
@@ -47,7 +49,8 @@ bool parseField(std::string_view line, HttpRequest& request) {
   const auto colon = line.find(':');
   if (colon == std::string_view::npos || !isToken(line.substr(0, colon))) return false;
   const std::string_view value = trimmed(line.substr(colon + 1));
-  if (value.find('\0') != std::string_view::npos || value.find('\r') != std::string_view::npos) return false;
+  // RFC 9112, 2.2: a line feed alone may end a line for whoever reads this next.
+  if (value.find_first_of(std::string_view("\0\r\n", 3)) != std::string_view::npos) return false;
   request.headers.emplace_back(line.substr(0, colon), value);
   return true;
 }
