@@ -29,9 +29,13 @@ std::string informationPath() {
 
 std::optional<std::string> desktopClientFolder() {
   const auto text = readFile(informationPath(), limitBytes);
-  if (!text || !isValidUtf8(*text)) return std::nullopt;
+  return text ? desktopClientFolderFrom(*text) : std::nullopt;
+}
+
+std::optional<std::string> desktopClientFolderFrom(std::string_view text) {
+  if (!isValidUtf8(text)) return std::nullopt;
   // Not JSONValue, which tells the log of what it cannot read: nobody can mend another program's file.
-  const id root = QJJsonParser().objectWithString(*text);
+  const id root = QJJsonParser().objectWithString(text);
   const auto* information = as<NSDictionary>(root.get());
   const id personal = information ? information->objectForKey("personal") : nullptr;
   const auto* account = as<NSDictionary>(personal.get());

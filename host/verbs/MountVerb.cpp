@@ -176,16 +176,18 @@ class UmountVerb final : public Verb {
 
  private:
   /// The process behind the mount sends what waits before it ends; says what is left then.
-  static void awaitEnd(VerbContext& context, const UploadJournal::State& state) {
+  static void awaitEnd(VerbContext& context, UploadJournal::State state) {
     constexpr auto moment = 50ms;
     if (state.isMounted && !state.waiting.empty())
       context.console.note(fmt::format("sending {} that {} ...", fileCount(state.waiting.size()),
                                        state.waiting.size() == 1 ? "waits" : "wait"));
     const auto end = std::chrono::steady_clock::now() + lastTry + stopGrace;
-    while (UploadJournal::isMounted(state.accountId) && std::chrono::steady_clock::now() < end &&
-           !context.shouldStop(state.mountpoint))
+    while (state.isMounted && std::chrono::steady_clock::now() < end) {
+      if (context.shouldStop(state.mountpoint)) break;
       std::this_thread::sleep_for(moment);
-    noteWaiting(context, UploadJournal::stateOf(state.accountId));
+      state = UploadJournal::stateOf(state.accountId);
+    }
+    noteWaiting(context, state);
   }
 
   std::string folder_;

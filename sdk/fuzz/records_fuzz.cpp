@@ -1,0 +1,39 @@
+// Answers of the service with records in them: one record, a listing, a page of changes.
+#include <cstdint>
+#include <string_view>
+
+#include "sdk/RecordReader.h"
+#include "sdk/ServiceJson.h"
+#include "testing/FuzzInvariant.h"
+
+namespace {
+
+void check(const DBMetadata& record) {
+  const std::string& name = record.filename();
+  requireThat(record.totalBytes() >= 0, "sizes are not negative");
+  requireThat(record.path().starts_with('/'), "a path is absolute");
+  requireThat(name != ".." && name != "." && !name.empty(), "a name leads nowhere else");
+  requireThat(name == "/" || name.find('/') == std::string::npos, "a name is one component");
+  requireThat(name.find('\0') == std::string::npos, "a name ends where it ends");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const auto document = servicejson::Document::parse({reinterpret_cast<const char*>(data), size});
+  if (!document) return 0;
+  const auto folder = std::make_shared<const std::string>("/Folder");
+  for (const auto kind : {RecordReader::Kind::byTag, RecordReader::Kind::file, RecordReader::Kind::folder}) {
+    if (const auto record = RecordReader().record(document->root(), folder, kind)) check(*record);
+    RecordReader().record(document->root(), nullptr, kind);
+  }
+  const auto* entries = servicejson::array(document->root(), "entries");
+  if (!entries) return 0;
+  ListingBuilder listing("/Folder");
+  if (listing.addPage(*entries) && listing.addPage(*entries)) {
+    const auto contents = listing.contents();
+    for (const auto& child : *contents) check(*child);
+    listing.hash();
+  }
+  return 0;
+}
