@@ -14,6 +14,7 @@
 #include "core/StoppableCall.h"
 #include "foundation/Descriptor.h"
 #include "foundation/Paths.h"
+#include "foundation/ReplacedFile.h"
 
 namespace {
 
@@ -67,12 +68,14 @@ int setModified(int file, const std::optional<NSDate::Time>& modified) {
 using Fill = std::function<int(int file)>;
 
 /// Makes `temporary` with what `fill` writes. 0, or the reason against it.
-int makeTemporary(const std::string& temporary, const LocalCopyOptions& options, const Fill& fill) {
+int makeTemporary(const std::string& temporary, const std::string& to, const LocalCopyOptions& options,
+                  const Fill& fill) {
   const mode_t mode = options.access == LocalAccess::ownerOnly ? 0600 : 0666;
   Descriptor file(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode));
   if (!file.isOpen()) return errno;
   if (const int reason = fill(file.number())) return reason;
   if (const int reason = setModified(file.number(), options.modified)) return reason;
+  if (options.access == LocalAccess::byUmask) takePermissionsFrom(to, file.number());
   if (options.isDurable && ::fsync(file.number()) != 0) return errno;
   return file.close();
 }
@@ -90,7 +93,7 @@ bool refuse(NSErrorRef* error, int reason, const std::string& path) {
 bool makeFile(const std::string& to, const LocalCopyOptions& options, const Fill& fill, NSErrorRef* error) {
   const std::string folder = deletingLastPathComponent(to);
   const std::string temporary = appendingPathComponent(folder, ".kzv-" + KZVSupport::uniquePathComponent());
-  int reason = makeTemporary(temporary, options, fill);
+  int reason = makeTemporary(temporary, to, options, fill);
   if (reason == 0 && ::rename(temporary.c_str(), to.c_str()) != 0) reason = errno;
   if (reason) {
     ::unlink(temporary.c_str());

@@ -333,6 +333,7 @@ TEST_F(LocalFSTest, OnlyAFileIsReplacedAndALinkToOneIsFollowed) {
     SCOPED_TRACE(c.name);
     fs::remove_all(disk_);
     write("file", "old");
+    fs::permissions(disk_ / "file", fs::perms(0640));
     fs::create_symlink("file", disk_ / "link");
     fs::create_symlink("link", disk_ / "links");
     fs::create_symlink("none", disk_ / "dangling");
@@ -348,6 +349,7 @@ TEST_F(LocalFSTest, OnlyAFileIsReplacedAndALinkToOneIsFollowed) {
     EXPECT_EQ(error_ ? error_->code() : 0, c.code);
     std::ifstream file(disk_ / "file");
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), *c.written ? "new" : "old");
+    EXPECT_EQ(fs::status(disk_ / "file").permissions(), fs::perms(0640));
     for (const char* link : {"link", "links", "dangling", "round", "folderLink", "null"})
       EXPECT_TRUE(fs::is_symlink(disk_ / link)) << link;
     EXPECT_TRUE(fs::is_socket(disk_ / "socket"));

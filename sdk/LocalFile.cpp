@@ -15,6 +15,7 @@
 
 #include "foundation/NSString.h"
 #include "foundation/Paths.h"
+#include "foundation/ReplacedFile.h"
 #include "sdk/DBError.h"
 
 namespace {
@@ -162,6 +163,7 @@ void FileSink::setModified(NSDate::Time modified) const {
 
 bool FileSink::keep(std::optional<NSDate::Time> modified, NSErrorRef* error) {
   if (modified && descriptor_ >= 0) setModified(*modified);
+  if (access_ == LocalAccess::byUmask) takePermissionsFrom(target_, descriptor_);
   const bool isDurable = descriptor_ >= 0 && ::fsync(descriptor_) == 0;
   const bool isClosed = descriptor_ >= 0 && ::close(std::exchange(descriptor_, -1)) == 0;
   if (!isDurable || !isClosed || !takeName()) {

@@ -697,8 +697,10 @@ TEST_F(TransferTest, AnAnswerOfSomebodyElseReachesNoFile) {
   EXPECT_EQ(filesBelow(local.path()), 1);
   EXPECT_TRUE(keepsSoon(0));
   standIn.clearFaults();
+  fs::permissions(localPath("Report.txt"), fs::perms(0600));
   EXPECT_TRUE(fetch(&error));
   EXPECT_EQ(contentOf(localPath("Report.txt")), "12345");
+  EXPECT_EQ(fs::status(localPath("Report.txt")).permissions(), fs::perms(0600)) << "open to others now";
 }
 
 TEST_F(TransferTest, AFullDiskFailsTheDownloadAndLeavesNothing) {
