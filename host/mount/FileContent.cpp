@@ -272,6 +272,11 @@ FileContent::Wish::~Wish() {
 
 bool FileContent::isLocalOnly() const { return isLocalOnly_; }
 
+int FileContent::syncLocal() const {
+  const Bytes current = bytes();
+  return current.file && ::fdatasync(current.file->number()) != 0 ? errno : 0;
+}
+
 int FileContent::sendFromNow(const WriteBase& base, const std::string& path) {
   const std::lock_guard lock(mutex_);
   if (!isLocalOnly_) fatalInvariant("only a file that stayed here begins to be sent");

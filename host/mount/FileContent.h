@@ -92,6 +92,8 @@ class FileContent {
     const std::shared_ptr<FileContent> content_;
   };
   bool isLocalOnly() const;
+  /// Waits until the bytes of a file that stays here are on the disk.
+  int syncLocal() const;
   /// Whether the bytes lie in the private file, which the volume does not keep.
   bool isPrivate() const { return isPrivate_; }
   /// A file that stayed here is to be sent to `path` from now on, in place of the version `base`.

@@ -336,6 +336,7 @@ int MountedVolume::flush(OpenFile& file, const IsInterrupted& isInterrupted) {
 
 int MountedVolume::sync(OpenFile& file, const IsInterrupted& isInterrupted) {
   if (file.access != Access::write) return 0;
+  if (file.content->isLocalOnly()) return file.content->syncLocal();
   return send(file.node, file.content, Manner::foreground, isInterrupted);
 }
 

@@ -6,6 +6,8 @@
 #include <chrono>
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
+#include <type_traits>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -107,13 +109,32 @@ NSDate::Time timeOfId(const std::string& entryId) {
       std::chrono::duration_cast<NSDate::Time::duration>(std::chrono::nanoseconds(nanoseconds)));
 }
 
+/// The path in an entry. Throws when it is none: names of the tree are made of it.
+std::string pathFrom(const json::object& entry) {
+  std::string path(entry.at("path").as_string());
+  for (std::size_t slash = 0; slash < path.size();) {
+    const std::size_t end = std::min(path.find('/', slash + 1), path.size());
+    const std::string name = path.substr(slash + 1, end - slash - 1);
+    if (path[0] != '/' || name.empty() || name == "." || name == ".." || name.find('\0') != std::string::npos)
+      break;
+    if (end == path.size()) return path;
+    slash = end;
+  }
+  throw std::invalid_argument("its path is no path of a file");
+}
+
 UploadJournal::Upload uploadFrom(const std::string& entryId, const json::object& entry) {
-  UploadJournal::Upload upload{
-      entryId, std::string(entry.at("path").as_string()), baseFrom(entry), timeOfId(entryId), {}};
+  constexpr std::int64_t latestSeconds = 8'000'000'000;  // in 2223; the clock's nanoseconds end in 2262
+  UploadJournal::Upload upload{entryId, pathFrom(entry), baseFrom(entry), timeOfId(entryId), {}};
   if (const auto* since = entry.if_contains("since"))
-    upload.since = NSDate::Time(std::chrono::seconds(since->as_int64()));
+    upload.since =
+        NSDate::Time(std::chrono::seconds(std::clamp<std::int64_t>(since->as_int64(), 0, latestSeconds)));
   if (const auto* reason = entry.if_contains("reason")) upload.reason = reason->as_string();
   return upload;
+}
+
+UploadJournal::Local localFrom(const std::string& entryId, const json::object& entry) {
+  return {entryId, pathFrom(entry)};
 }
 
 /// The ids of the entries in `folder`, oldest first.
@@ -126,17 +147,28 @@ std::vector<std::string> idsIn(const std::string& folder, std::string_view exten
   return ids;
 }
 
-/// Reads an entry with `read`; one that cannot be understood is left where it is, for a person to look at.
+/// Reads an entry with `read`; nothing when it cannot be read, with the reason in words.
 template <class Entry, class Read>
-std::optional<Entry> readEntry(const std::string& path, Read read) {
+std::optional<Entry> readEntry(const std::string& path, Read read, std::string* problem = nullptr) {
   NSErrorRef error;
-  const auto text = readFile(path, maxEntryBytes, &error);
+  std::string reason;
   try {
-    if (text) return read(json::parse(*text).as_object());
-  } catch (const std::exception& problem) {
-    NSLog(NSLogLevel::warning, "mount", path + " is damaged and stays: " + problem.what());
+    if (const auto text = readFile(path, maxEntryBytes, &error)) return read(json::parse(*text).as_object());
+    if (error) reason = error->localizedDescription();
+  } catch (const std::exception& thrown) {
+    reason = thrown.what();
   }
+  if (problem) *problem = reason;
   return std::nullopt;
+}
+
+/// The same for an entry that is needed: one that is damaged is left where it is, for a person to look at.
+template <class Entry, class Read>
+std::optional<Entry> readNeededEntry(const std::string& path, Read read) {
+  std::string problem;
+  auto entry = readEntry<Entry>(path, read, &problem);
+  if (!entry) NSLog(NSLogLevel::warning, "mount", path + " is damaged and stays: " + problem);
+  return entry;
 }
 
 void removeIfThere(const std::string& path) {
@@ -152,8 +184,8 @@ std::vector<Entry> entriesWithBytes(const std::string& folder, Read read) {
   std::vector<Entry> entries;
   const auto ids = idsIn(folder, ".json");
   for (const std::string& entryId : ids) {
-    auto entry = readEntry<Entry>(entryPath(folder, entryId),
-                                  [&](const json::object& object) { return read(entryId, object); });
+    auto entry = readNeededEntry<Entry>(entryPath(folder, entryId),
+                                        [&](const json::object& object) { return read(entryId, object); });
     if (::access(dataIn(folder, entryId).c_str(), R_OK) != 0) {
       removeIfThere(
           entryPath(folder, entryId));  // its file was unlinked, and only the end of that was cut off
@@ -224,27 +256,45 @@ std::string UploadJournal::mountpointOf(const std::string& accountId) {
   return readFile(lockOf(folderOf(accountId)), maxEntryBytes).value_or("");
 }
 
+namespace {
+
+/// Adds the files that have an entry in `folder` and their bytes beside it.
+template <class Entry, class Read>
+void addWaiting(const std::string& folder, Read read, std::vector<UploadJournal::Waiting>& files) {
+  for (const std::string& entryId : idsIn(folder, ".json")) {
+    UploadJournal::Waiting waiting;
+    waiting.upload.id = entryId;
+    waiting.upload.since = timeOfId(entryId);
+    waiting.dataPath = dataIn(folder, entryId);
+    struct stat status {};
+    if (::stat(waiting.dataPath.c_str(), &status) != 0) continue;  // sent or removed just now
+    waiting.sizeBytes = static_cast<std::uint64_t>(status.st_size);
+    auto entry = readEntry<Entry>(entryPath(folder, entryId),
+                                  [&](const json::object& object) { return read(entryId, object); });
+    waiting.isDamaged = !entry;
+    if constexpr (std::is_same_v<Entry, UploadJournal::Upload>)
+      if (entry) waiting.upload = *std::move(entry);
+    files.push_back(std::move(waiting));
+  }
+}
+
+}  // namespace
+
 UploadJournal::State UploadJournal::stateOf(const std::string& accountId) {
   State state;
   state.accountId = accountId;
   state.mountpoint = mountpointOf(accountId);
   state.isMounted = isHeld(folderOf(accountId));
   state.folder = pendingFolder(folderOf(accountId));
-  const std::string& folder = state.folder;
-  for (const std::string& entryId : idsIn(folder, ".json")) {
-    Waiting waiting;
-    waiting.dataPath = dataIn(folder, entryId);
-    struct stat status {};
-    if (::stat(waiting.dataPath.c_str(), &status) != 0) continue;  // sent or removed just now
-    waiting.sizeBytes = static_cast<std::uint64_t>(status.st_size);
-    const auto upload = readEntry<Upload>(
-        entryPath(folder, entryId), [&](const json::object& entry) { return uploadFrom(entryId, entry); });
-    waiting.isDamaged = !upload;
-    waiting.upload = upload.value_or(Upload{entryId, {}, {}, timeOfId(entryId), {}});
-    state.waiting.push_back(std::move(waiting));
-  }
+  addWaiting<Upload>(state.folder, uploadFrom, state.waiting);
+  std::vector<Waiting> locals;
+  addWaiting<Local>(localFolder(folderOf(accountId)), localFrom, locals);
+  for (Waiting& local : locals)
+    if (local.isDamaged) state.waiting.push_back(std::move(local));
   return state;
 }
+
+bool UploadJournal::isMounted(const std::string& accountId) { return isHeld(folderOf(accountId)); }
 
 std::vector<UploadJournal::State> UploadJournal::states() {
   std::vector<std::string> accounts;
@@ -263,17 +313,14 @@ std::vector<UploadJournal::Upload> UploadJournal::uploads() {
 }
 
 std::vector<UploadJournal::Local> UploadJournal::locals() {
-  return entriesWithBytes<Local>(localFolder(folder_),
-                                 [](const std::string& entryId, const json::object& entry) {
-                                   return Local{entryId, std::string(entry.at("path").as_string())};
-                                 });
+  return entriesWithBytes<Local>(localFolder(folder_), localFrom);
 }
 
 std::vector<UploadJournal::Rename> UploadJournal::renames() {
   const std::string folder = renamesFolder(folder_);
   std::vector<Rename> renames;
   for (const std::string& entryId : idsIn(folder, ".json")) {
-    auto rename = readEntry<Rename>(entryPath(folder, entryId), [&](const json::object& entry) {
+    auto rename = readNeededEntry<Rename>(entryPath(folder, entryId), [&](const json::object& entry) {
       return Rename{entryId, std::string(entry.at("from").as_string()),
                     std::string(entry.at("to").as_string()), std::string(entry.at("aside").as_string())};
     });

@@ -64,8 +64,11 @@ class UploadJournal {
     std::string folder;            // where the waiting files' bytes are
     std::string mountpoint;        // where it is mounted now, or was last
     bool isMounted = false;        // a process holds the journal
-    std::vector<Waiting> waiting;  // oldest first
+    /// The files that wait to be sent, oldest first, then those that stay here and have a damaged entry.
+    std::vector<Waiting> waiting;
   };
+  /// Whether a process holds the account's journal.
+  static bool isMounted(const std::string& accountId);
   static State stateOf(const std::string& accountId);
   /// Of all accounts that were ever mounted, in the order of their ids.
   static std::vector<State> states();

@@ -15,7 +15,7 @@ namespace {
 using State = UploadJournal::State;
 using Waiting = UploadJournal::Waiting;
 
-constexpr const char* damagedText = "its entry is damaged, so that it is never sent; take its bytes from ";
+constexpr const char* damagedText = "its entry is damaged; take its bytes from ";
 
 std::string reasonOf(const Waiting& waiting) {
   return waiting.isDamaged ? damagedText + waiting.dataPath : waiting.upload.reason;
@@ -67,9 +67,10 @@ void noteWaiting(VerbContext& context, const State& state) {
 
 void noteDamaged(VerbContext& context, const State& state) {
   if (const std::size_t count = damagedCount(state))
-    context.console.note(fmt::format("{} in {} cannot be sent: {} damaged (see: kzv mount --status)",
-                                     fileCount(count), harmless(state.folder),
-                                     count == 1 ? "its entry is" : "their entries are"));
+    context.console.note(
+        fmt::format("{} of this account can be neither sent nor shown: {} damaged "
+                    "(see: kzv mount --status)",
+                    fileCount(count), count == 1 ? "its entry is" : "their entries are"));
 }
 
 void showMountStatus(VerbContext& context) {

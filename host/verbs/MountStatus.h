@@ -10,7 +10,7 @@
 std::string fileCount(std::size_t count);
 /// Says on standard error how many files of the account wait and where; nothing when none does.
 void noteWaiting(VerbContext& context, const UploadJournal::State& state);
-/// Says how many waiting files have a damaged entry; nothing when none has.
+/// Says how many files have a damaged entry; nothing when none has.
 void noteDamaged(VerbContext& context, const UploadJournal::State& state);
 /// Lists every account that is mounted or has files waiting: its folder, and each file with size, since when
 /// and why. As JSON one object an account: "folder", "account", "mounted", "waiting", an array of {"path",

@@ -176,18 +176,16 @@ class UmountVerb final : public Verb {
 
  private:
   /// The process behind the mount sends what waits before it ends; says what is left then.
-  static void awaitEnd(VerbContext& context, UploadJournal::State state) {
+  static void awaitEnd(VerbContext& context, const UploadJournal::State& state) {
     constexpr auto moment = 50ms;
     if (state.isMounted && !state.waiting.empty())
       context.console.note(fmt::format("sending {} that {} ...", fileCount(state.waiting.size()),
                                        state.waiting.size() == 1 ? "waits" : "wait"));
     const auto end = std::chrono::steady_clock::now() + lastTry + stopGrace;
-    while (state.isMounted && std::chrono::steady_clock::now() < end) {
-      if (context.shouldStop(state.mountpoint)) break;
+    while (UploadJournal::isMounted(state.accountId) && std::chrono::steady_clock::now() < end &&
+           !context.shouldStop(state.mountpoint))
       std::this_thread::sleep_for(moment);
-      state = UploadJournal::stateOf(state.accountId);
-    }
-    noteWaiting(context, state);
+    noteWaiting(context, UploadJournal::stateOf(state.accountId));
   }
 
   std::string folder_;
