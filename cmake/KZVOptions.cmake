@@ -11,6 +11,7 @@ endif()
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 
 option(KZV_BENCH "Build the benchmarks" OFF)
+option(KZV_HARDENING "Compile optimised trees with the protections below; OFF to measure their price" ON)
 option(KZV_FUZZ "Build the fuzz targets (needs clang)" OFF)
 option(KZV_COVERAGE "Instrument for coverage" OFF)
 set(KZV_SANITIZER "" CACHE STRING "address, thread or empty")
@@ -45,7 +46,7 @@ endif()
 # call or an index; control-flow marks an instruction that older processors skip. FORTIFY needs optimisation and hides what
 # the sanitizers look for, so debug and sanitized trees go without. All relocations are resolved at the start and then
 # read-only.
-if(NOT KZV_SANITIZER AND NOT KZV_FUZZ AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
+if(KZV_HARDENING AND NOT KZV_SANITIZER AND NOT KZV_FUZZ AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   set(KZV_HARDENED ON)
   add_compile_options(-fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2
     -D_GLIBCXX_ASSERTIONS)

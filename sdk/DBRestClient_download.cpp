@@ -8,6 +8,7 @@
 #include "sdk/LocalFile.h"
 #include "sdk/RecordReader.h"
 #include "sdk/ServiceJson.h"
+#include "sdk/ServiceLimits.h"
 
 namespace json = boost::json;
 using servicejson::Document;
@@ -20,9 +21,6 @@ struct ThumbnailSize {
 };
 constexpr ThumbnailSize thumbnailSizes[] = {
     {"xs", "w32h32"}, {"s", "w64h64"}, {"m", "w128h128"}, {"l", "w640h480"}, {"xl", "w1024h768"}};
-
-/// A preview of 1024x768 pixels takes some hundred KB as JPEG; what is larger than this is none.
-constexpr std::int64_t previewLimitBytes = std::int64_t{8} * 1024 * 1024;
 
 /// "rev:" and at least nine digits: one version of a file, wherever that is now.
 bool namesVersion(std::string_view path) {
@@ -206,7 +204,7 @@ class ThumbnailDownload final : public Download {
   }
 
   AnnouncedBody announcedBy(const json::object& /*description*/) const override {
-    return {previewLimitBytes, false};
+    return {servicelimits::previewBytes, false};
   }
 
   void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) override {

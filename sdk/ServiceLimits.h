@@ -12,6 +12,9 @@ namespace servicelimits {
 /// each, it could take 20.
 inline constexpr std::size_t answerBytes = 32UL * 1024 * 1024;
 
+/// Of a preview. One of 1024x768 pixels takes some hundred KB as JPEG.
+inline constexpr std::int64_t previewBytes = 8LL * 1024 * 1024;
+
 /// Of an answer once it is parsed. Records take about three times their text; "[],[],[]" takes ten times.
 inline constexpr std::size_t parsedBytes = 128UL * 1024 * 1024;
 
