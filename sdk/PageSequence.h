@@ -18,7 +18,7 @@ class PageSequence {
     if (entries_ > maxEntries_) return "the service lists more entries than a folder can have";
     if (!hasMore) return nullptr;
     emptyPages_ = entries == 0 ? emptyPages_ + 1 : 0;
-    if (cursor == lastCursor_ || emptyPages_ > servicelimits::emptyPages)
+    if (cursor.empty() || cursor == lastCursor_ || emptyPages_ > servicelimits::emptyPages)
       return "the service's list does not end";
     lastCursor_ = cursor;
     return nullptr;

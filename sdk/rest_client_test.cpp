@@ -229,19 +229,23 @@ TEST_F(RestClient, AListingThatDoesNotEndBecomesAnError) {
   struct Case {
     const char* name;
     std::string entries;
-    bool hasNewCursors;
-    int pages;  // that are asked for at most
+    std::function<std::string(int)> cursor;  // of that page
+    int pages;                               // that are asked for at most
   };
-  const Case cases[] = {{"same cursor again", fileJson("/a"), false, 3},
-                        {"same cursor, nothing in the page", "", false, 3},
-                        {"new cursors, nothing in the pages", "", true, 110}};
+  const auto same = [](int) { return "c"; };
+  const auto fresh = [](int page) { return "c" + std::to_string(page); };
+  const auto none = [](int page) { return page == 1 ? "c" : ""; };
+  const Case cases[] = {{"same cursor again", fileJson("/a"), same, 3},
+                        {"no cursor", fileJson("/a"), none, 3},
+                        {"same cursor, nothing in the page", "", same, 3},
+                        {"new cursors, nothing in the pages", "", fresh, 110}};
   std::atomic<const Case*> current{nullptr};
   std::atomic<int> pages{0};
   const auto serving = serve([&](const ScriptedRequest&) {
     const int page = ++pages;
     const Case& c = *current.load();
     const bool hasMore = page < 1000;
-    return jsonReply(pageJson(c.entries, c.hasNewCursors ? "c" + std::to_string(page) : "c", hasMore));
+    return jsonReply(pageJson(c.entries, c.cursor(page), hasMore));
   });
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
