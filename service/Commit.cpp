@@ -110,7 +110,7 @@ NormalPath freePath(const Tree& tree, const NormalPath& path, bool autorename, b
 }
 
 std::string commitFile(Call& call, const CommitArg& arg, const PendingContent& content) {
-  const CommitGate::Pass pass(call.state, call.root.tree);
+  const CommitGate::Pass pass(call.state, call.root.tree, std::nullopt);
   Store::Writer writer(call.state.store);
   TreeEditor editor(writer, call.root.tree);
   const Target target = resolveTarget(call, editor.tree(), arg.path);

@@ -3,16 +3,35 @@
 #include <chrono>
 #include <thread>
 
-#include "service/ApiError.h"
+#include "service/Commit.h"
 #include "service/ServiceState.h"
 
 namespace kzv::service {
 
-CommitGate::Pass::Pass(ServiceState& state, std::int64_t tree) : gate_(state.commitGate), tree_(tree) {
+namespace {
+
+constexpr std::string_view kTag = "too_many_write_operations";
+
+[[noreturn]] void refuse(const ServiceState& state, const std::optional<Tags>& outer) {
+  if (state.settings.contentionStatus != 409) failRateLimited(kTag, 1);
+  if (!outer) throw WriteRefused({kTag});
+  Tags tags = *outer;
+  tags.push_back(kTag);
+  failEndpoint(tags);
+}
+
+}  // namespace
+
+bool CommitGate::mustRefuse(const ServiceState& state, std::int64_t tree) {
+  if (inside_[tree] == 0) return false;
+  return state.settings.singleWriter || (state.settings.writeContention && ++meetings_ % 2 == 1);
+}
+
+CommitGate::Pass::Pass(ServiceState& state, std::int64_t tree, const std::optional<Tags>& outer)
+    : gate_(state.commitGate), tree_(tree) {
   {
     const std::lock_guard<std::mutex> lock(gate_.mutex_);
-    const bool meets = gate_.inside_[tree] > 0 && state.settings.writeContention;
-    if (meets && ++gate_.meetings_ % 2 == 1) failRateLimited("too_many_write_operations", 1);
+    if (gate_.mustRefuse(state, tree)) refuse(state, outer);
     ++gate_.inside_[tree];
   }
   const std::int64_t delayMs = state.settings.commitDelayMs;

@@ -299,6 +299,11 @@ void applySwitches(ServiceState& state, const ArgReader& reader) {
   flag("display_case_quirk", settings.displayCaseQuirk);
   flag("refuse_beyond_bmp", settings.refuseBeyondBmp);
   flag("write_contention", settings.writeContention);
+  flag("single_writer", settings.singleWriter);
+  if (const auto status = countField(reader, "contention_status")) {
+    if (*status != 409 && *status != 429) reader.fail("contention_status", "expected 409 or 429");
+    settings.contentionStatus = static_cast<std::int64_t>(*status);
+  }
   if (const auto seconds = countField(reader, "token_lifetime_s")) {
     state.tokens.setLifetime(static_cast<std::int64_t>(*seconds));
   }
@@ -344,8 +349,8 @@ void changeSettings(ServiceState& state, HttpRequest& request, HttpResponse& res
   const ArgReader reader = strictReader(body);
   reader.ignore({"account", "approve", "approve_as", "quota", "team_form", "team_root", "revoke",
                  "reset_cursors", "page_size", "commit_delay_ms", "relocation_limit", "longpoll_jitter_s",
-                 "display_case_quirk", "refuse_beyond_bmp", "write_contention", "token_lifetime_s",
-                 "clock_offset_s"});
+                 "display_case_quirk", "refuse_beyond_bmp", "write_contention", "single_writer",
+                 "contention_status", "token_lifetime_s", "clock_offset_s"});
   reader.done();
   applySwitches(state, reader);
   applyApproval(state, reader);

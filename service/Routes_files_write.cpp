@@ -30,7 +30,7 @@ std::string metadataJson(const std::string& item) {
 // --- create_folder_v2
 
 void createFolder(Call& call, const std::string& text, bool autorename) {
-  const CommitGate::Pass pass(call.state, call.root.tree);
+  const CommitGate::Pass pass(call.state, call.root.tree, Tags{"path"});
   Store::Writer writer(call.state.store);
   TreeEditor editor(writer, call.root.tree);
   try {
@@ -55,7 +55,7 @@ Endpoint decodeCreateFolder(const ArgReader& reader) {
 // --- delete_v2
 
 void deleteItem(Call& call, const std::string& text, const std::string& parentRev) {
-  const CommitGate::Pass pass(call.state, call.root.tree);
+  const CommitGate::Pass pass(call.state, call.root.tree, Tags{});
   Store::Writer writer(call.state.store);
   TreeEditor editor(writer, call.root.tree);
   const Located located = locate(call, editor.tree(), text, "path_lookup");
@@ -114,7 +114,7 @@ void checkRelocation(const Call& call, const Tree& tree, const Entry& source, co
 }
 
 void relocate(Call& call, const RelocationArg& arg) {
-  const CommitGate::Pass pass(call.state, call.root.tree);
+  const CommitGate::Pass pass(call.state, call.root.tree, Tags{"to"});
   Store::Writer writer(call.state.store);
   TreeEditor editor(writer, call.root.tree);
   const Entry source = relocationSource(call, editor.tree(), arg);

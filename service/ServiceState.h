@@ -27,8 +27,12 @@ struct Settings {
   /// Show lower-cased parents in path_display, as the service is free to do.
   std::atomic<bool> displayCaseQuirk{false};
   std::atomic<bool> refuseBeyondBmp{false};
-  /// Answer every second one of two commits at the same time with 429 too_many_write_operations.
+  /// Answer every second one of two commits at the same time with too_many_write_operations.
   std::atomic<bool> writeContention{false};
+  /// The same for every commit that begins while another one is in progress.
+  std::atomic<bool> singleWriter{false};
+  /// The status of these answers: 429 or 409.
+  std::atomic<std::int64_t> contentionStatus{429};
   /// Makes commits last, so that they meet.
   std::atomic<std::int64_t> commitDelayMs{0};
   /// Items a move or copy may touch; 0: any number.
