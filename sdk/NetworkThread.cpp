@@ -105,7 +105,12 @@ int rewindBody(void* context, curl_off_t offset, int origin) {
 }
 
 int beforeSending(void* context, char*, char*, int, int) {
-  ++static_cast<HttpTransfer*>(context)->response.timesSent;
+  auto& transfer = *static_cast<HttpTransfer*>(context);
+  ++transfer.response.timesSent;
+  // When libcurl repeats a request on another connection, it rewinds the body only if some of it had been
+  // written to the first one. Bytes that it had merely read would be missing, and both sides would then wait
+  // for each other until the time-out.
+  if (transfer.request.source) transfer.request.source->rewind();
   return CURL_PREREQFUNC_OK;
 }
 
