@@ -52,6 +52,23 @@ RecordRef recordFound(const std::string& path, const ServiceAnswer& answer) {
                                std::make_shared<const std::string>(deletingLastPathComponent(path)));
 }
 
+bool isContinuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U; }
+
+/// Length in UTF-16 code units, which is how the service counts a name.
+std::size_t utf16Length(std::string_view utf8) {
+  std::size_t units = 0;
+  for (const char byte : utf8) {
+    constexpr unsigned char firstOfFourBytes = 0xF0;
+    if (!isContinuation(byte)) units += static_cast<unsigned char>(byte) >= firstOfFourBytes ? 2 : 1;
+  }
+  return units;
+}
+
+void removeLastCharacter(std::string& utf8) {
+  while (!utf8.empty() && isContinuation(utf8.back())) utf8.pop_back();
+  if (!utf8.empty()) utf8.pop_back();
+}
+
 /// A move from one path to another. A new name that differs from the old one in letter case only is the same
 /// name to the service, so the item takes a detour through a name of its own beside the target. Once it has
 /// left its old name the second half is carried out whatever becomes of the client: nobody would look for it
@@ -86,17 +103,28 @@ class Move : public std::enable_shared_from_this<Move> {
         about_);
   }
 
+  /// A name beside the target that nobody else uses, within what the service takes as one.
   static std::string nameForDetour(const std::string& target) {
+    constexpr std::size_t longestName = 200;  // of 255 characters, some of which count twice
     std::random_device random;
-    return target + " (renaming " + std::to_string(random()) + ")";
+    const std::string suffix = " (renaming " + std::to_string(random()) + ")";
+    std::string name = lastPathComponent(target);
+    while (utf16Length(name) > longestName) removeLastCharacter(name);
+    return appendingPathComponent(deletingLastPathComponent(target), name + suffix);
   }
 
+  using Step = void (Move::*)(ServiceAnswer&);
+
   /// Sends outside of the operation, so that cancelling it does not stop halfway.
-  void sendUncancelled(const std::string& from, const std::string& to, void (Move::*next)(ServiceAnswer&)) {
+  void sendUncancelled(ServiceRequest request, Step next) {
     ServiceCall::start(
         client_->session()->internals().shared_from_this(), {client_->userId().value_or(""), ""},
-        request(from, to), nullptr,
+        std::move(request), nullptr,
         [self = shared_from_this(), next](ServiceAnswer& answer) { (self.get()->*next)(answer); });
+  }
+
+  void lookUncancelled(const std::string& path, Step next) {
+    sendUncancelled(readingRequest("files/get_metadata", {{"path", path}}, about_), next);
   }
 
   void startDetour() {
@@ -107,27 +135,58 @@ class Move : public std::enable_shared_from_this<Move> {
     }
     work_ = client_->session()->internals().backgroundWork();
     detour_ = nameForDetour(*to_);
-    sendUncancelled(*from_, detour_, &Move::leftOldName);
+    sendUncancelled(request(*from_, detour_), &Move::leftOldName);
   }
 
   void leftOldName(ServiceAnswer& answer) {
-    if (answer.error) return deliver(answer);
-    sendUncancelled(detour_, *to_, &Move::arrived);
+    if (!answer.error) return arrive();
+    failure_ = std::move(answer);
+    if (!failure_.mayHaveBeenCarriedOut) return deliver(failure_);
+    lookUncancelled(detour_, &Move::lookedForDetour);
   }
+
+  void lookedForDetour(ServiceAnswer& found) {
+    if (!found.error) return arrive();
+    if (!isNotFound(found)) sayWhereItMayBe();
+    deliver(failure_);
+  }
+
+  void arrive() { sendUncancelled(request(detour_, *to_), &Move::arrived); }
 
   void arrived(ServiceAnswer& answer) {
     if (!answer.error) return deliver(answer);
     failure_ = std::move(answer);
-    sendUncancelled(detour_, *from_, &Move::cameBack);
+    if (!failure_.mayHaveBeenCarriedOut) return comeBack();
+    lookUncancelled(detour_, &Move::lookedWhetherArrived);
   }
 
+  void lookedWhetherArrived(ServiceAnswer& found) {
+    if (!isNotFound(found)) return comeBack();
+    lookUncancelled(*to_, &Move::lookedAtTarget);
+  }
+
+  void lookedAtTarget(ServiceAnswer& found) {
+    moved_ = recordFound(*to_, found);
+    deliver(moved_ ? found : failure_);
+  }
+
+  void comeBack() { sendUncancelled(request(detour_, *from_), &Move::cameBack); }
+
   void cameBack(ServiceAnswer& answer) {
-    if (answer.error) {
-      failure_.error = requestError(
-          static_cast<int>(failure_.error->code()),
-          "the item is now named \"" + lastPathComponent(detour_) + "\" and could not be named back", about_);
-    }
+    if (!answer.error) return deliver(failure_);
+    lookUncancelled(detour_, &Move::lookedWhetherBack);
+  }
+
+  void lookedWhetherBack(ServiceAnswer& found) {
+    if (!isNotFound(found)) sayWhereItMayBe();
     deliver(failure_);
+  }
+
+  void sayWhereItMayBe() {
+    failure_.error = requestError(
+        static_cast<int>(failure_.error->code()),
+        "the item may now be named \"" + lastPathComponent(detour_) + "\" and could not be named back",
+        about_);
   }
 
   /// From the network thread to the thread of the callbacks.
@@ -139,6 +198,7 @@ class Move : public std::enable_shared_from_this<Move> {
   void ended(const ServiceAnswer& answer) {
     if (answer.error && answer.mayHaveBeenCarriedOut && detour_.empty()) return lookAfter(answer);
     if (answer.error) return fail(answer);
+    if (moved_) return finish(moved_);
     const RecordRef record = recordAt(*to_, answer.response, RecordReader::Kind::byTag);
     if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
     finish(record);
@@ -175,6 +235,7 @@ class Move : public std::enable_shared_from_this<Move> {
   const std::optional<std::string> to_;
   std::string detour_;
   ServiceAnswer failure_;
+  RecordRef moved_;             // set when the answer was lost, but the item has arrived
   std::shared_ptr<void> work_;  // a program that ends waits for the second half
 };
 
