@@ -4,6 +4,8 @@
 
 #include <curl/curl.h>
 
+#include "sdk/ErrorReader.h"
+
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
@@ -27,9 +29,28 @@ bool passesByItself(long status) {
   return status == 429 || status == 500 || status == 502 || status == 503 || status == 504;
 }
 
+// "Retry-After: 0" from a service in trouble must not become a tight loop.
+constexpr milliseconds shortestWait(50);
+
+milliseconds spread(milliseconds widest, double jitter) {
+  return milliseconds(static_cast<std::int64_t>(jitter * static_cast<double>(widest.count())));
+}
+
+/// `first` doubled `times` times, at most `limit`.
+milliseconds doubled(milliseconds first, int times, milliseconds limit) {
+  while (times-- > 0 && first < limit) first *= 2;
+  return std::min(first, limit);
+}
+
 }  // namespace
 
+bool RetryPolicy::isContention(const HttpResponse& response) {
+  return response.curlCode == CURLE_OK && (response.status == 429 || response.status == 409) &&
+         hasErrorTag(response, "too_many_write_operations");
+}
+
 std::optional<milliseconds> RetryPolicy::waitBeforeRepeating(const HttpResponse& response, double jitter) {
+  if (isContention(response)) return waitForOthers(seconds(response.retryAfterSeconds.value_or(0)), jitter);
   if (tries_ >= maxTries) return std::nullopt;
   if (response.isDamaged) {
     ++tries_;
@@ -37,23 +58,30 @@ std::optional<milliseconds> RetryPolicy::waitBeforeRepeating(const HttpResponse&
   }
   if (response.curlCode != CURLE_OK) return wasCut(response.curlCode) ? shortWait(jitter) : std::nullopt;
   if ((response.status == 429 || response.status == 503) && response.retryAfterSeconds) {
-    return waitAsTold(seconds(*response.retryAfterSeconds));
+    return waitAsTold(seconds(*response.retryAfterSeconds), jitter);
   }
   return passesByItself(response.status) ? shortWait(jitter) : std::nullopt;
 }
 
-std::optional<milliseconds> RetryPolicy::waitAsTold(seconds told) {
+std::optional<milliseconds> RetryPolicy::waitAsTold(seconds told, double jitter) {
   if (told > maxWaitAsTold - waitedAsTold_) return std::nullopt;
   waitedAsTold_ += told;
-  ++tries_;
-  // "Retry-After: 0" from a service in trouble must not become a tight loop.
-  return std::max<milliseconds>(told, milliseconds(50));
+  const milliseconds base = std::max<milliseconds>(told, shortestWait);
+  return base + spread(doubled(base, tries_++ - 1, seconds(10)), jitter);
+}
+
+std::optional<milliseconds> RetryPolicy::waitForOthers(seconds told, double jitter) {
+  const milliseconds widest = doubled(milliseconds(100), refusals_++, seconds(5));
+  const milliseconds wait = std::max<milliseconds>(told, shortestWait) + spread(widest, jitter);
+  if (wait > maxWaitForOthers - waitedForOthers_) return std::nullopt;
+  waitedForOthers_ += wait;
+  return wait;
 }
 
 std::optional<milliseconds> RetryPolicy::shortWait(double jitter) {
-  if (shortRetries_ >= maxShortRetries) return std::nullopt;
-  const milliseconds base = shortRetries_ == 0 ? milliseconds(150) : milliseconds(600);
+  if (shortRetries_ >= shortRetryLimit_) return std::nullopt;
+  const milliseconds base = shortRetries_ == 0 ? milliseconds(150) : milliseconds(300) * (1 << shortRetries_);
   ++shortRetries_;
   ++tries_;
-  return base + milliseconds(static_cast<int>(jitter * static_cast<double>(base.count())));
+  return base + spread(base, jitter);
 }

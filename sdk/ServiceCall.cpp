@@ -30,7 +30,8 @@ ServiceCall::ServiceCall(std::shared_ptr<DBSession::Internals> session, ActingFo
       actingFor_(std::move(actingFor)),
       request_(std::move(request)),
       deliverOn_(std::move(deliverOn)),
-      handler_(std::move(handler)) {}
+      handler_(std::move(handler)),
+      retryPolicy_(request_.shortRetries) {}
 
 std::shared_ptr<ServiceCall> ServiceCall::start(std::shared_ptr<DBSession::Internals> session,
                                                 ActingFor actingFor, ServiceRequest request,
@@ -96,6 +97,7 @@ HttpRequest ServiceCall::httpRequest() const {
 
 void ServiceCall::send() {
   if (ended_) return;
+  if (request_.takesTurn && !hasTurn_) return waitForTurn();
   transfer_ = std::make_shared<HttpTransfer>();
   transfer_->request = httpRequest();
   if (request_.source) request_.source->rewind();  // this may not be the first time
@@ -103,19 +105,46 @@ void ServiceCall::send() {
   session_->network->start(transfer_);
 }
 
+void ServiceCall::waitForTurn() {
+  session_->network->perform([self = shared_from_this()] {
+    if (self->ended_) return;
+    self->turnWait_ = self->session_->writeTurns.enter(self->actingFor_.userId, [self] {
+      self->turnWait_.reset();
+      self->hasTurn_ = true;
+      self->send();
+    });
+  });
+}
+
+void ServiceCall::giveBackTurn(WriteTurns::Outcome outcome) {
+  if (std::exchange(hasTurn_, false)) session_->writeTurns.leave(actingFor_.userId, outcome);
+}
+
+/// Lets the account's uploads adapt to what the service takes.
+void ServiceCall::noteOutcome(const HttpResponse& response) {
+  const bool isContention = RetryPolicy::isContention(response);
+  if (isContention && !hasTurn_) session_->writeTurns.narrow(actingFor_.userId);
+  const bool isRefused = isContention || (response.curlCode == 0 && response.status == 429);
+  giveBackTurn(isRefused              ? WriteTurns::Outcome::refused
+               : response.isSuccess() ? WriteTurns::Outcome::stored
+                                      : WriteTurns::Outcome::failed);
+}
+
 void ServiceCall::received(HttpResponse& response) {
   const auto ended = std::exchange(transfer_, nullptr);  // holds `response`
+  noteOutcome(response);
   if (ended_) return;
   if (response.isSuccess()) {
     answer_.response = std::move(response);
     finish();
     return;
   }
+  mayHaveBeenCarriedOut_ |= mayHaveBeenCarriedOut(response);
   if (repairAuthorization(response) || repeatLater(response)) return;
   answer_.error = response.isDamaged ? requestError(DBErrorInvalidResponse,
                                                     "the content was damaged on its way", request_.about)
                                      : errorFromResponse(response, request_.about);
-  answer_.mayHaveBeenCarriedOut = mayHaveBeenCarriedOut(response);
+  answer_.mayHaveBeenCarriedOut = mayHaveBeenCarriedOut_;
   answer_.response = std::move(response);
   finish();
 }
@@ -183,7 +212,8 @@ void ServiceCall::tokenRenewed(const TokenRefresh::Outcome& outcome, HttpRespons
 /// True when the request will be sent again.
 bool ServiceCall::repeatLater(const HttpResponse& response) {
   const bool wasRefused =
-      (response.status == 429 || response.status == 503) && response.retryAfterSeconds.has_value();
+      ((response.status == 429 || response.status == 503) && response.retryAfterSeconds.has_value()) ||
+      RetryPolicy::isContention(response);
   if (request_.repeat == ServiceRequest::Repeat::never ||
       (request_.repeat == ServiceRequest::Repeat::whenRefused && !wasRefused)) {
     return false;
@@ -221,5 +251,7 @@ void ServiceCall::cancel() {
 void ServiceCall::abort() {
   if (transfer_) session_->network->cancel(std::exchange(transfer_, nullptr));
   if (timer_) session_->network->cancelTimer(*std::exchange(timer_, std::nullopt));
+  if (turnWait_) session_->writeTurns.withdraw(actingFor_.userId, *std::exchange(turnWait_, std::nullopt));
+  giveBackTurn(WriteTurns::Outcome::failed);
   handler_ = nullptr;
 }

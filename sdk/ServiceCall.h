@@ -26,10 +26,13 @@ struct ServiceRequest {
   std::string argument;  // JSON in printable ASCII, or a form
   enum class Repeat {
     never,
-    whenRefused,  // after an answer that says it was not carried out (429 or 503, with a time to wait)
+    whenRefused,  // after an answer that says it was not carried out: 429 or 503 with a time to wait, or
+                  // another change of the account in progress
     always        // carrying it out twice does no harm
   };
   Repeat repeat = Repeat::never;
+  int shortRetries = RetryPolicy::maxShortRetries;
+  bool takesTurn = false;  // an upload that stores a file: waits for its turn among those of the account
   RequestDescription about;
   std::shared_ptr<BodySource> source{};
   std::shared_ptr<BodySink> sink{};
@@ -46,8 +49,8 @@ struct ServiceAnswer {
   NSErrorRef error;  // null: success
   /// Set when the account's authorization turned out to be withdrawn: the linking it concerns.
   std::optional<std::uint64_t> lostLinking{};
-  /// Beside an error: the service may have carried the request out all the same, and only its answer was
-  /// lost. Whoever changed something should look before believing the error.
+  /// Beside an error: the service may have carried the request out all the same, at this try or an earlier
+  /// one, and only the answer was lost. Look at the result before reporting a failed change.
   bool mayHaveBeenCarriedOut = false;
 };
 
@@ -74,6 +77,9 @@ class ServiceCall : public std::enable_shared_from_this<ServiceCall> {
   HttpRequest httpRequest() const;
   void received(HttpResponse& response);
   bool repairAuthorization(const HttpResponse& response);
+  void waitForTurn();
+  void giveBackTurn(WriteTurns::Outcome outcome);
+  void noteOutcome(const HttpResponse& response);
   void renewToken(HttpResponse response);
   void tokenRenewed(const TokenRefresh::Outcome& outcome, HttpResponse& refused);
   bool repeatLater(const HttpResponse& response);
@@ -93,6 +99,9 @@ class ServiceCall : public std::enable_shared_from_this<ServiceCall> {
   std::shared_ptr<HttpTransfer> transfer_;
   std::optional<NetworkThread::TimerId> timer_;
   RetryPolicy retryPolicy_;
+  std::optional<WriteTurns::WaitId> turnWait_;
+  bool hasTurn_ = false;
+  bool mayHaveBeenCarriedOut_ = false;
   bool tokenRenewed_ = false;
   ServiceAnswer answer_;
 };

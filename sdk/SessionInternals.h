@@ -1,4 +1,5 @@
 #pragma once
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -12,6 +13,7 @@
 #include "sdk/NetworkThread.h"
 #include "sdk/ServiceHosts.h"
 #include "sdk/TokenRefresh.h"
+#include "sdk/WriteTurns.h"
 
 /// Seconds since 1970 (POSIX), as the times of tokens are kept.
 std::int64_t unixNow();
@@ -39,6 +41,10 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
   const std::unique_ptr<CredentialStore> store;
   const std::shared_ptr<NetworkThread> network;
   TokenRefresh tokenRefresh;  // the network thread's own
+  WriteTurns writeTurns;      // the network thread's own
+  /// Set when an upload has arrived damaged: from then on each one names its hash before it is sent, so that
+  /// the service itself refuses what differs. Not always, because the file must then be read twice.
+  std::atomic<bool> announcesHashes{false};
 
   /// Nothing when the account is not linked.
   std::optional<Authorization> authorization(const std::string& userId) const;

@@ -15,6 +15,7 @@
 #include "sdk/ServiceJson.h"
 #include "sdk/ServiceText.h"
 #include "sdk/SessionInternals.h"
+#include "sdk/WriteTurns.h"
 
 namespace {
 
@@ -100,6 +101,62 @@ TEST(RetryPolicy, WaitsAsToldWithinItsBounds) {
   RetryPolicy often;
   for (int i = 1; i < RetryPolicy::maxTries; ++i) EXPECT_TRUE(often.waitBeforeRepeating(answer(429, 0), 0));
   EXPECT_EQ(often.waitBeforeRepeating(answer(429, 0), 0), std::nullopt);
+}
+
+TEST(RetryPolicy, WaitsForOtherWritersAreManyAndSpreadOut) {
+  HttpResponse refused = answer(409);
+  refused.body = R"({"error":{".tag":"path","reason":{".tag":"too_many_write_operations"}}})";
+  for (const long status : {409L, 429L}) {
+    SCOPED_TRACE(status);
+    refused.status = status;
+    if (status == 429) refused.body = R"({"error":{"reason":{".tag":"too_many_write_operations"}}})";
+    RetryPolicy policy;
+    milliseconds waited(0);
+    int tries = 0;
+    while (const auto wait = policy.waitBeforeRepeating(refused, 0.5)) {
+      EXPECT_LT(RetryPolicy().waitBeforeRepeating(refused, 0), RetryPolicy().waitBeforeRepeating(refused, 1));
+      waited += *wait;
+      ++tries;
+    }
+    EXPECT_GT(tries, 50) << "others may be busy for long";
+    EXPECT_LE(waited, RetryPolicy::maxWaitForOthers);
+  }
+  refused.body = R"({"error":{".tag":"path","reason":{".tag":"conflict"}}})";
+  refused.status = 409;
+  EXPECT_FALSE(RetryPolicy().waitBeforeRepeating(refused, 0));
+}
+
+TEST(WriteTurns, EachRefusalHalvesWhatIsSentAtOnceAndSuccessWidensIt) {
+  using Outcome = WriteTurns::Outcome;
+  WriteTurns turns;
+  int underWay = 0;
+  const auto enter = [&] { return turns.enter("u", [&] { ++underWay; }); };
+  const auto leave = [&](Outcome outcome) {
+    --underWay;
+    turns.leave("u", outcome);
+  };
+  for (int i = 0; i < 16; ++i) enter();
+  EXPECT_EQ(underWay, 16);
+  leave(Outcome::refused);
+  for (int i = 0; i < 10; ++i) enter();
+  EXPECT_EQ(underWay, 15) << "eight at once from now on";
+  while (underWay > 8) leave(Outcome::failed);
+  leave(Outcome::stored);
+  EXPECT_EQ(underWay, 8) << "whoever waited follows";
+  for (int i = 0; i < 3; ++i) leave(Outcome::refused);
+  EXPECT_EQ(underWay, 5);
+  while (underWay > 1) leave(Outcome::failed);
+  const auto waiting = enter();
+  ASSERT_TRUE(waiting);
+  enter();
+  turns.withdraw("u", *waiting);
+  EXPECT_EQ(turns.enter("another account", [] {}), std::nullopt);
+  for (int i = 0; i < WriteTurns::successesBeforeWidening; ++i) {
+    EXPECT_EQ(underWay, 1);
+    enter();
+    leave(Outcome::stored);
+  }
+  EXPECT_EQ(underWay, 2);
 }
 
 TEST(RetryPolicy, ShortRetriesAreFewAndSpreadOut) {
