@@ -1,4 +1,5 @@
 #pragma once
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -15,6 +16,7 @@ struct WriteBase {
 
 /// Where a file that was written stands now, and as what.
 struct StoredFile {
-  std::string path;                     // not the path asked for when another version was there
-  std::optional<std::string> revision;  // as revisionAtPath tells it
+  std::string path;                          // not the path asked for when another version was there
+  std::optional<std::string> revision;       // as revisionAtPath tells it
+  std::optional<std::uint64_t> sizeBytes{};  // of what was stored; nothing: as the local file's size
 };

@@ -79,7 +79,8 @@ class KZVDropboxFileManager final : public NSObject,
   bool loadThumb(const std::string& path, const std::string& localPath, NSErrorRef* error = nullptr);
   /// Uploads a local file: one request below 104857600 bytes, else chunks of the client layer's own size. A
   /// version that somebody else stored meanwhile is not overwritten: the service then keeps this one beside
-  /// it under another name.
+  /// it under another name. What is stored is one version of the local file: one that changes while it is
+  /// sent is sent once more, and then is an error (DBErrorFileChanged).
   /// @param base      which version it may replace; the latest known one is asked for when the cache cannot
   ///                  tell.
   /// @param progress  as for loadFile, and on the calling thread before anything is sent. After a stop the
@@ -209,6 +210,11 @@ class KZVDropboxFileManager final : public NSObject,
   MetadataRef download(const std::string& path, const NSURL& local, LocalAccess access,
                        ProgressCallback progress, NSErrorRef* error);
   void noteDownloaded(const DBMetadata& asked, const MetadataRef& received);
+  MetadataRef sendFile(const class UploadSource& source, const std::string& toPath,
+                       const std::optional<std::string>& parentRev, const ProgressCallback& progress,
+                       NSErrorRef* error);
+  std::optional<std::chrono::milliseconds> pauseBeforeResuming(DBRestClient& client, const NSErrorRef& error,
+                                                               std::int64_t failures);
   void noteUploaded(const std::string& askedKey, const MetadataRef& record);
   /// Drops `path` with everything below it and the listing that holds it.
   void forget(const std::string& path);

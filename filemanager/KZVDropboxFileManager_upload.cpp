@@ -1,10 +1,15 @@
 #include <algorithm>
+#include <random>
 
+#include "core/StoppableCall.h"
 #include "core/synced.h"
 #include "filemanager/KZVDropboxFileManager.h"
 #include "filemanager/RequestKeys.h"
+#include "filemanager/UploadSource.h"
+#include "foundation/FileVersion.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/NSNumber.h"
+#include "foundation/NSRunLoop.h"
 #include "foundation/NSString.h"
 #include "foundation/Paths.h"
 #include "sdk/DBError.h"
@@ -50,6 +55,31 @@ std::optional<std::string> storedText(const DBRestClient& client, const NSString
   return text ? std::optional(*text) : std::nullopt;
 }
 
+NSErrorRef changedError(const std::string& path) {
+  const auto text = "Could not upload \"" + path + "\": the file changed while it was being sent.";
+  return std::make_shared<NSError>(
+      std::string(DBErrorDomain), DBErrorFileChanged,
+      NSDictionary::with({{NSLocalizedDescriptionKey, str(text)}, {DBErrorPathKey, str(path)}}));
+}
+
+bool hasCode(const NSErrorRef& error, int code) {
+  return error && error->domain() == DBErrorDomain && error->code() == code;
+}
+
+using std::chrono::milliseconds;
+
+/// A wait of up to twice `base`, at random, so that several uploads do not continue at the same moment.
+milliseconds spread(milliseconds base) {
+  thread_local std::minstd_rand generator(std::random_device{}());
+  return base + milliseconds(std::uniform_int_distribution<std::int64_t>(0, base.count())(generator));
+}
+
+/// The pause before a chunk is sent again that failed after `failures` others: none the first time, when most
+/// often only an answer was lost; then longer and longer.
+milliseconds pauseAfter(std::int64_t failures) {
+  return failures == 0 ? milliseconds(0) : spread(milliseconds(50) * (1LL << failures));
+}
+
 }  // namespace
 
 KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::uploadFile(const NSURL& local,
@@ -59,22 +89,50 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::uploadFile(const NSURL
                                                                      NSErrorRef* error) {
   clearLastDeltaDate();
   bool isKnown = false;
-  const auto parentRev = parentRevision(toPath, base, progress, isKnown, error);
+  auto parentRev = parentRevision(toPath, base, progress, isKnown, error);
   if (!isKnown) return nullptr;
-  const std::string localPath = local.path();
-  const auto sizeBytes = NSFileManager::defaultManager().fileSize(localPath, error);
-  if (!sizeBytes) return nullptr;
-  const auto request = [=, isSmall = *sizeBytes < singleRequestLimitBytes](DBRestClient& client) {
+  constexpr int maxTries = 2;
+  std::string target = toPath;
+  for (int tries = 1;; ++tries) {
+    NSErrorRef reason;
+    const auto source = UploadSource::open(local.path(), progress, &reason);
+    const MetadataRef record = source ? sendFile(*source, target, parentRev, progress, &reason) : nullptr;
+    const bool hasChanged = record ? source->hasChanged() : hasCode(reason, DBErrorFileChanged);
+    if (record && !hasChanged) return record;
+    const bool isLarge = source && source->sizeBytes() >= singleRequestLimitBytes;
+    const bool isDamaged = isLarge && hasCode(reason, DBErrorInvalidResponse);
+    if (tries == maxTries || !(hasChanged || isDamaged)) {
+      setError(error, record ? changedError(local.path()) : reason);
+      return nullptr;
+    }
+    if (!record) {
+      const id damagedRev = reason->detail(DBErrorStoredRevKey);
+      if (const std::string* rev = textOf(damagedRev)) parentRev = *rev;
+      continue;
+    }
+    // What was stored is whole, but out of date: it is what the next version replaces.
+    target = record->path();
+    parentRev = record->rev();
+  }
+}
+
+/// One try of an upload.
+KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::sendFile(
+    const UploadSource& source, const std::string& toPath, const std::optional<std::string>& parentRev,
+    const ProgressCallback& progress, NSErrorRef* error) {
+  const auto request = [=, localPath = source.path(), version = source.version(),
+                        isSmall = source.sizeBytes() < singleRequestLimitBytes](DBRestClient& client) {
     if (isSmall) {
       client.uploadFile(lastPathComponent(toPath), deletingLastPathComponent(toPath), parentRev, localPath);
       return;
     }
     setObj(client, str(localPath), KZVDFMUploadLocalPathKey());
+    setObj(client, str(version), KZVDFMUploadLocalVersionKey());
     setObj(client, str(toPath), KZVDFMUploadRemotePathKey());
     setObj(client, parentRev ? str(*parentRev) : nullptr, KZVDFMUploadParentRevKey());
     client.uploadFileChunk(std::nullopt, 0, localPath);
   };
-  MetadataRef record = as<DBMetadata>(requestOnFreshClient(std::move(progress), request, error));
+  MetadataRef record = as<DBMetadata>(requestOnFreshClient(progress, request, error));
   if (record) {
     noteUploaded(MetadataCache::keyOf(toPath), record);
   } else {
@@ -170,7 +228,14 @@ void KZVDropboxFileManager::uploadProgress(DBRestClient& client, double fraction
 void KZVDropboxFileManager::uploadedFileChunk(DBRestClient& client, const std::string& uploadId,
                                               std::uint64_t newOffset, const std::string& localPath,
                                               NSDate::Time /*expires*/) {
+  setObj(client, nullptr, KZVDFMUploadWaitKey());
   NSErrorRef error;
+  // Each chunk opens the file anew: they belong together only as long as it is the same version.
+  const auto version = storedText(client, KZVDFMUploadLocalVersionKey());
+  if (version && fileVersion(localPath, &error) != version) {
+    finish(client, nullptr, error ? error : changedError(localPath));
+    return;
+  }
   const auto sizeBytes = NSFileManager::defaultManager().fileSize(localPath, &error);
   if (!sizeBytes) {
     finish(client, nullptr, error);
@@ -190,7 +255,8 @@ void KZVDropboxFileManager::uploadedFileChunk(DBRestClient& client, const std::s
 }
 
 // Failures are counted over the whole upload and never forgotten after a chunk that worked, on purpose: a
-// line that drops every other chunk ends here and does not go on all night.
+// connection that drops every other chunk ends here and does not go on all night. Being told to wait is no
+// failure; it ends the upload when the service has not taken a chunk for maxWait.
 void KZVDropboxFileManager::uploadFileChunkFailedWithError(DBRestClient& client, const NSErrorRef& error) {
   const auto counted = as<NSNumber>(objForKey(client, KZVDFMErrorCountKey()));
   const std::int64_t failures = counted ? counted->int64Value() : 0;
@@ -198,12 +264,42 @@ void KZVDropboxFileManager::uploadFileChunkFailedWithError(DBRestClient& client,
   const id uploadId = error->detail(DBErrorUploadIdKey);
   const auto offset = as<NSNumber>(error->detail(DBErrorOffsetKey));
   const bool canResume = textOf(uploadId) && offset && localPath;
-  if (failures >= DROPBOX_MAX_UPLOAD_FAILURES || !canResume) {
+  const auto pause = canResume ? pauseBeforeResuming(client, error, failures) : std::nullopt;
+  if (!pause) {
     finish(client, nullptr, error);
     return;
   }
+  const auto resume = [path = *localPath, session = *textOf(uploadId),
+                       from = static_cast<std::uint64_t>(offset->int64Value())](DBRestClient& started) {
+    started.uploadFileChunk(session, from, path);
+  };
+  if (pause->count() == 0) return resume(client);
+  const auto resumeUnlessEnded = [weak = client.weak_from_this(), resume](NSTimer& /*timer*/) {
+    const ClientRef running = weak.lock();
+    if (running && !objForKey(*running, KZVDFMErrorKey())) resume(*running);
+  };
+  dropboxThread()->runLoop()->addTimer(std::make_shared<NSTimer>(*pause, resumeUnlessEnded, false));
+}
+
+/// How long to wait before a failed chunk is sent again; nothing when the upload ends instead.
+std::optional<milliseconds> KZVDropboxFileManager::pauseBeforeResuming(DBRestClient& client,
+                                                                       const NSErrorRef& error,
+                                                                       std::int64_t failures) {
+  using std::chrono::seconds;
+  constexpr seconds maxWait{300};
+  if (const auto told = as<NSNumber>(error->detail(DBErrorRetryAfterKey))) {
+    const auto stored = as<NSNumber>(objForKey(client, KZVDFMUploadWaitKey()));
+    const milliseconds waited(stored ? stored->int64Value() : 0);
+    const seconds wait = std::clamp(seconds(told->int64Value()), seconds(0), maxWait + seconds(1));
+    if (wait > maxWait - waited) return std::nullopt;
+    // "0 seconds" must neither become a tight loop nor go on for ever.
+    const auto pause = wait + spread(std::clamp<milliseconds>(waited / 2, milliseconds(50), seconds(5)));
+    setObj(client, NSNumber::withInt((waited + pause).count()), KZVDFMUploadWaitKey());
+    return pause;
+  }
+  if (failures >= DROPBOX_MAX_UPLOAD_FAILURES) return std::nullopt;
   setObj(client, NSNumber::withInt(failures + 1), KZVDFMErrorCountKey());
-  client.uploadFileChunk(*textOf(uploadId), static_cast<std::uint64_t>(offset->int64Value()), *localPath);
+  return pauseAfter(failures);
 }
 
 void KZVDropboxFileManager::uploadFileChunkProgress(DBRestClient& client, double fraction,

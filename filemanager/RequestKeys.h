@@ -40,3 +40,12 @@ inline const NSString& KZVDFMUploadParentRevKey() {  // text: the revision to re
   static const auto& key = *new NSString("KZVDFMUploadParentRevKey");
   return key;
 }
+inline const NSString& KZVDFMUploadLocalVersionKey() {  // text: fileVersion of what a chunked upload sends
+  static const auto& key = *new NSString("KZVDFMUploadLocalVersionKey");
+  return key;
+}
+inline const NSString& KZVDFMUploadWaitKey() {  // NSNumber: milliseconds waited since the last chunk arrived,
+                                                // because the service asked for it
+  static const auto& key = *new NSString("KZVDFMUploadWaitKey");
+  return key;
+}

@@ -199,7 +199,7 @@ std::optional<StoredFile> KZVDropboxFS::storeFile(const NSURL& source, const std
   const auto record = requiredManager().uploadFile(source, path, base, std::move(progress),
                                                    ServiceErrors(error, ServiceErrors::Operation::upload));
   if (!record) return std::nullopt;
-  return StoredFile{record->path(), record->rev()};
+  return StoredFile{record->path(), record->rev(), record->totalBytes()};
 }
 
 std::optional<std::string> KZVDropboxFS::revisionAtPath(const std::string& path) {

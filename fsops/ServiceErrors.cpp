@@ -65,6 +65,8 @@ FSErrorCode codeOf(std::int64_t code) {
       return FSErrorCode::busy;
     case 507:
       return FSErrorCode::noSpace;
+    case DBErrorFileChanged:
+      return FSErrorCode::busy;
     case DBErrorInvalidResponse:
       return FSErrorCode::damaged;
     default:

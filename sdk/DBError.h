@@ -18,12 +18,17 @@ inline constexpr int DBErrorLocalFile = 103;
 /// Code: KZV_SERVICE_URL holds an address that must not be used.
 inline constexpr int DBErrorServiceAddress = 104;
 
+/// Code: a local file changed while it was being sent. Nothing of the mixture was stored.
+inline constexpr int DBErrorFileChanged = 106;
+
 /// Keys of an error's user info: texts, except the last three (numbers).
 inline constexpr std::string_view DBErrorSummaryKey = "error_summary";
 inline constexpr std::string_view DBErrorTagKey = "tag";  // the service's word for the reason: "not_found"
 inline constexpr std::string_view DBErrorRequestIdKey = "request_id";
 inline constexpr std::string_view DBErrorPathKey = "path";
 inline constexpr std::string_view DBErrorUploadIdKey = "upload_id";
+/// Of the version that stands at the path now, after an upload that arrived damaged replaced another one.
+inline constexpr std::string_view DBErrorStoredRevKey = "stored_rev";
 inline constexpr std::string_view DBErrorHttpStatusKey = "http_status";
 inline constexpr std::string_view DBErrorRetryAfterKey = "retry_after";  // seconds
 inline constexpr std::string_view DBErrorOffsetKey = "offset";           // bytes

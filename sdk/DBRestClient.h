@@ -16,7 +16,9 @@
 /// All clients share one network thread, one connection pool, one DNS cache and one TLS session cache, so
 /// that a fresh client costs no handshake. A call never hangs for ever: connecting takes at most 30 s, and 60
 /// s without a byte are an error. An expired token is renewed and the request repeated, unseen. Requests that
-/// can be repeated safely wait as told after 429 and 503 (5 tries, 5 minutes in all).
+/// can be repeated safely wait as told after 429 and 503 (5 tries, 5 minutes in all), and up to 5 minutes
+/// while the service refuses a change because another one of the account is in progress; meanwhile fewer
+/// uploads of the account run concurrently.
 ///
 /// Threads: one thread at a time; operations and cancelAllRequests on the thread whose run loop delivers the
 /// callbacks. A client in a shared_ptr lives at least until a callback that is running has returned; any
@@ -78,12 +80,16 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   /// @param size  one of the names "xs", "s", "m", "l", "xl".
   void loadThumbnail(const std::string& path, const std::string& size, const std::string& intoPath);
   /// Below 150 MiB. With a revision: replaces it if it is still the newest, else is stored beside it;
-  /// without: never replaces.
+  /// without: never replaces. A body that was damaged on its way is sent again. When the file changes before
+  /// its last byte is read, nothing is stored: DBErrorFileChanged.
   void uploadFile(const std::string& filename, const std::string& toPath,
                   const std::optional<std::string>& withParentRev, const std::string& fromPath);
-  /// The next chunk of an upload session; without an upload id the first.
+  /// The next chunk of an upload session; without an upload id the first. Not repeated after a failure, whose
+  /// error tells from where the upload can continue (DBErrorUploadIdKey, DBErrorOffsetKey), if it can.
   void uploadFileChunk(const std::optional<std::string>& uploadId, std::uint64_t offset,
                        const std::string& fromPath);
+  /// Stores what an upload session has received, with the modification date of the file that its chunks came
+  /// from. Repeated after a failure as long as the session may still be there.
   void uploadFileFromUploadId(const std::string& filename, const std::string& toPath,
                               const std::optional<std::string>& withParentRev,
                               const std::string& fromUploadId);

@@ -12,6 +12,7 @@
 #include "sdk/LocalFile.h"
 #include "sdk/RecordReader.h"
 #include "sdk/ServiceJson.h"
+#include "sdk/SessionInternals.h"
 
 namespace json = boost::json;
 using servicejson::Document;
@@ -25,6 +26,7 @@ constexpr std::int64_t requestLimitBytes = 150LL * 1024 * 1024;  // the service'
 // Four of the service's hash blocks. A chunk costs a round trip and an acknowledgement, some tenths of a
 // second, so smaller ones waste a good line; a failed chunk is sent again, so larger ones waste a bad one.
 constexpr std::uint64_t defaultChunkBytes = 16UL * 1024 * 1024;
+constexpr int commitRetries = 3;  // over 2 to 4 seconds
 
 std::uint64_t chunkSizeFromEnvironment() {
   const char* text = std::getenv("KZV_UPLOAD_CHUNK_BYTES");
@@ -67,23 +69,39 @@ bool isDamaged(const json::object& metadata, const std::optional<ContentHash>& s
   return stored && sent && ContentHash(*sent).finish() != *stored;
 }
 
-/// Ends an upload whose content arrived damaged. What has just been stored goes again, or it would pass for
-/// the file; only where it replaced a version it stays, since the path would else be lost with it.
-/// @param fail  ends the operation with the error.
-void endDamaged(const ImplRef& client, const DBRestClient::Impl::OperationRef& operation,
-                const RequestDescription& about, const json::object& metadata, bool hasReplaced,
-                std::function<void(const ServiceAnswer&)> fail) {
+/// A file that was stored with other bytes than were read.
+struct DamagedFile {
+  std::string path;
+  std::string rev;
+  bool hasReplaced = false;  // a version that was there before
+};
+
+std::optional<DamagedFile> damagedFile(const json::object& metadata, bool hasReplaced) {
   const auto path = servicejson::text(metadata, "path_lower");
   const auto rev = servicejson::text(metadata, "rev");
-  ServiceAnswer damaged{{},
-                        requestError(DBErrorInvalidResponse, "the content was damaged on its way", about)};
-  if (hasReplaced || !path || !rev) return fail(damaged);
-  ServiceRequest request = rpcRequest("files/delete_v2", {{"path", *path}, {"parent_rev", *rev}}, about);
+  if (!path || !rev) return std::nullopt;
+  return DamagedFile{std::string(*path), std::string(*rev), hasReplaced};
+}
+
+ServiceAnswer damagedAnswer(RequestDescription about, const std::optional<DamagedFile>& damaged) {
+  if (damaged && damaged->hasReplaced) about.storedRev = damaged->rev;
+  return {{}, requestError(DBErrorInvalidResponse, "the content was damaged on its way", about)};
+}
+
+/// Ends an upload whose content arrived damaged. What was stored is deleted, or it would pass for the file;
+/// only where it replaced a version it stays, since the path would else be lost with it.
+/// @param fail  ends the operation with `reason`.
+void endDamaged(const ImplRef& client, const DBRestClient::Impl::OperationRef& operation,
+                const RequestDescription& about, const std::optional<DamagedFile>& damaged,
+                ServiceAnswer reason, std::function<void(const ServiceAnswer&)> fail) {
+  if (!damaged || damaged->hasReplaced) return fail(reason);
+  ServiceRequest request =
+      rpcRequest("files/delete_v2", {{"path", damaged->path}, {"parent_rev", damaged->rev}}, about);
   request.repeat =
       ServiceRequest::Repeat::always;  // of this very version there is nothing left to delete twice
   client->send(
       operation, std::move(request),
-      [fail = std::move(fail), damaged = std::move(damaged)](ServiceAnswer& /*deleted*/) { fail(damaged); });
+      [fail = std::move(fail), reason = std::move(reason)](ServiceAnswer& /*deleted*/) { fail(reason); });
 }
 
 /// An upload as far as all have it in common: a local file that is opened and read off the callbacks' thread.
@@ -101,6 +119,10 @@ class Upload : public std::enable_shared_from_this<Upload> {
     DispatchQueue::global().async([self = shared_from_this()] {
       NSErrorRef error;
       auto source = FileSource::open(self->fromPath_, &error);
+      if (source && self->announcesHashes().load()) {
+        const auto [offset, sizeBytes] = self->sectionOf(*source);
+        self->announcedHash_ = source->hashOf(offset, sizeBytes).value_or("");
+      }
       self->client_->performLater(self->operation_, [self, source, error] {
         self->source_ = source;
         source ? self->send() : self->fail({{}, error, {}});
@@ -109,6 +131,12 @@ class Upload : public std::enable_shared_from_this<Upload> {
   }
 
  protected:
+  struct Section {
+    std::int64_t offset = 0;
+    std::int64_t sizeBytes = 0;
+  };
+  /// Which part of the file is sent. Any thread.
+  virtual Section sectionOf(const FileSource& source) const = 0;
   virtual void send() = 0;
   virtual void tellProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) = 0;
   virtual void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) = 0;
@@ -126,6 +154,13 @@ class Upload : public std::enable_shared_from_this<Upload> {
     });
   }
 
+  std::atomic<bool>& announcesHashes() const { return client_->session()->internals().announcesHashes; }
+  /// Lets the service itself check the body against what was read before.
+  json::object withHash(json::object argument) const {
+    if (!announcedHash_.empty()) argument["content_hash"] = announcedHash_;
+    return argument;
+  }
+
   /// The reason is the local file's, where that failed.
   void preferLocalFailure(ServiceAnswer& answer) const {
     if (answer.error && source_->failure()) answer.error = source_->failure();
@@ -136,6 +171,7 @@ class Upload : public std::enable_shared_from_this<Upload> {
   const RequestDescription about_;
   const std::string fromPath_;
   std::shared_ptr<FileSource> source_;
+  std::string announcedHash_;  // of the body; empty: not known before it is sent
 
  private:
   void reportProgress() {
@@ -158,34 +194,54 @@ class WholeFileUpload final : public Upload {
         parentRev_(std::move(parentRev)) {}
 
  private:
+  Section sectionOf(const FileSource& source) const override { return {0, source.fileSizeBytes()}; }
+
   void send() override {
     const auto target = servicePath(destination_);
     if (!target || target->empty()) return fail({{}, unacceptablePathError(about_), {}});
     if (source_->sizeBytes() > requestLimitBytes) {
       return fail({{}, requestError(DBErrorLocalFile, "the file is too large for one request", about_), {}});
     }
-    ServiceRequest request =
-        rpcRequest("files/upload", commitArgument(*target, parentRev_, source_->modificationDate()), about_);
+    // What has been stored damaged is replaced, wherever that was.
+    json::object argument = damaged_
+                                ? commitArgument(damaged_->path, damaged_->rev, source_->modificationDate())
+                                : commitArgument(*target, parentRev_, source_->modificationDate());
+    ServiceRequest request = rpcRequest("files/upload", withHash(std::move(argument)), about_);
     // The same bytes again change nothing, so a lost answer costs only the time.
     request.repeat = ServiceRequest::Repeat::always;
+    request.takesTurn = true;
     sendContent(std::move(request),
                 [self = shared_from_this(), this](ServiceAnswer& answer) { stored(answer); });
   }
 
   void stored(ServiceAnswer& answer) {
     preferLocalFailure(answer);
-    if (answer.error) return fail(answer);
+    if (hasErrorTag(answer.response, "content_hash_mismatch")) return sendAgain(std::move(answer));
+    if (answer.error) return giveUp(std::move(answer));
     const auto document = Document::parse(answer.response.body);
     const RecordRef record = document ? storedRecord(*servicePath(destination_), document->root()) : nullptr;
-    if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
+    if (!record) return giveUp({{}, invalidResponseError(answer.response, about_), {}});
     if (isDamaged(document->root(), source_->hash())) {
-      return endDamaged(client_, operation_, about_, document->root(),
-                        replaces(parentRev_, record, destination_),
-                        [self = shared_from_this(), this](const ServiceAnswer& failed) { fail(failed); });
+      damaged_ = damagedFile(document->root(),
+                             damaged_ ? damaged_->hasReplaced : replaces(parentRev_, record, destination_));
+      announcesHashes() = true;
+      announcedHash_ = ContentHash(source_->hash()).finish();
+      return sendAgain(damagedAnswer(about_, damaged_));
     }
     client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.uploadedFile(client, destination_, fromPath_, record);
     });
+  }
+
+  /// After a body that was damaged on its way.
+  void sendAgain(ServiceAnswer reason) {
+    if (++timesDamaged_ >= RetryPolicy::maxTries) return giveUp(std::move(reason));
+    send();
+  }
+
+  void giveUp(ServiceAnswer reason) {
+    endDamaged(client_, operation_, about_, damaged_, std::move(reason),
+               [self = shared_from_this(), this](const ServiceAnswer& failed) { fail(failed); });
   }
 
   void tellProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) override {
@@ -197,9 +253,12 @@ class WholeFileUpload final : public Upload {
 
   const std::string destination_;
   const std::optional<std::string> parentRev_;
+  std::optional<DamagedFile> damaged_;  // what stands at the service until it is replaced
+  int timesDamaged_ = 0;
 };
 
-/// One chunk. It is never repeated here: the caller counts the failures and decides.
+/// One chunk. It is not repeated here: the caller counts the failures and decides. Only the first one waits
+/// where the service asks for that, since without a session there is nothing that the caller could resume.
 class ChunkUpload final : public Upload {
  public:
   ChunkUpload(ImplRef client, std::string uploadId, std::int64_t offset, const std::string& fromPath)
@@ -208,10 +267,14 @@ class ChunkUpload final : public Upload {
         offset_(uploadId_.empty() ? 0 : offset) {}
 
  private:
+  Section sectionOf(const FileSource& source) const override {
+    const std::int64_t rest = std::max<std::int64_t>(source.fileSizeBytes() - offset_, 0);
+    return {offset_, std::min(rest, static_cast<std::int64_t>(DBRestClient::uploadChunkSizeBytes()))};
+  }
+
   void send() override {
-    const std::int64_t rest = source_->fileSizeBytes() - offset_;
-    if (!uploadId_.empty() && rest <= 0) return nothingLeft();
-    const auto size = std::min(rest, static_cast<std::int64_t>(DBRestClient::uploadChunkSizeBytes()));
+    const std::int64_t size = sectionOf(*source_).sizeBytes;
+    if (!uploadId_.empty() && size == 0) return nothingLeft();
     const UploadSessions::Session* known = client_->uploads.find(uploadId_);
     knowsHash_ = uploadId_.empty() || (known && known->hash && known->acknowledgedBytes == offset_);
     source_->setSection(offset_, size, known && knowsHash_ ? *known->hash : ContentHash());
@@ -229,12 +292,15 @@ class ChunkUpload final : public Upload {
   }
 
   ServiceRequest startRequest() const {
-    return rpcRequest("files/upload_session/start", {{"close", false}}, about_);
+    ServiceRequest request = rpcRequest("files/upload_session/start", withHash({{"close", false}}), about_);
+    request.repeat = ServiceRequest::Repeat::whenRefused;
+    return request;
   }
 
   ServiceRequest appendRequest() const {
     const json::object cursor{{"session_id", uploadId_}, {"offset", offset_}};
-    return rpcRequest("files/upload_session/append_v2", {{"cursor", cursor}, {"close", false}}, about_);
+    return rpcRequest("files/upload_session/append_v2", withHash({{"cursor", cursor}, {"close", false}}),
+                      about_);
   }
 
   void sent(ServiceAnswer& answer) {
@@ -248,7 +314,8 @@ class ChunkUpload final : public Upload {
       uploadId = *session;
     }
     const std::int64_t newOffset = offset_ + source_->sizeBytes();
-    const auto& session = client_->uploads.acknowledge(uploadId, newOffset, hashSoFar());
+    const auto& session =
+        client_->uploads.acknowledge(uploadId, newOffset, source_->modificationDate(), hashSoFar());
     finish(uploadId, newOffset, session.expires);
   }
 
@@ -335,11 +402,20 @@ class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
     const json::object cursor{{"session_id", uploadId_}, {"offset", offset}};
     ServiceRequest request = rpcRequest(
         "files/upload_session/finish",
-        {{"cursor", cursor}, {"commit", commitArgument(*target_, parentRev_, std::nullopt)}}, about_);
+        {{"cursor", cursor}, {"commit", commitArgument(*target_, parentRev_, modified())}}, about_);
     request.style = ServiceRequest::Style::contentUpload;
-    request.repeat = ServiceRequest::Repeat::whenRefused;
+    // The session is used up by success, so a second commit stores nothing twice; and a service in trouble
+    // must not cost all that was sent.
+    request.repeat = ServiceRequest::Repeat::always;
+    request.shortRetries = commitRetries;
+    request.takesTurn = true;
     client_->send(operation_, std::move(request),
                   [self = shared_from_this()](ServiceAnswer& answer) { self->answered(answer); });
+  }
+
+  std::optional<NSDate::Time> modified() const {
+    const UploadSessions::Session* known = client_->uploads.find(uploadId_);
+    return known ? std::optional(known->modified) : std::nullopt;
   }
 
   void answered(const ServiceAnswer& answer) {
@@ -355,8 +431,8 @@ class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
     stored(answer);
   }
 
-  /// The session is used up by success, so a lost answer must not end in a second attempt: when the target
-  /// holds what was sent, the file has been stored.
+  /// The session may have been used up by a success whose answer was lost: when the target holds what was
+  /// sent, the file has been stored.
   void lookAfter(const ServiceAnswer& lost) {
     const json::object argument{{"path", *target_}};
     client_->send(
@@ -378,8 +454,9 @@ class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
     const bool damaged = known && isDamaged(document->root(), known->hash);
     client_->uploads.forget(uploadId_);
     if (damaged) {
-      return endDamaged(client_, operation_, about_, document->root(),
-                        replaces(parentRev_, record, about_.path),
+      client_->session()->internals().announcesHashes = true;
+      const auto wrong = damagedFile(document->root(), replaces(parentRev_, record, about_.path));
+      return endDamaged(client_, operation_, about_, wrong, damagedAnswer(about_, wrong),
                         [self = shared_from_this()](const ServiceAnswer& failed) { self->fail(failed); });
     }
     client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {

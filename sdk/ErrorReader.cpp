@@ -169,6 +169,7 @@ NSDictionary::Entries detailsOf(const RequestDescription& about, std::string_vie
   add(NSLocalizedDescriptionKey, str(sentence(about, reason)));
   if (!about.path.empty()) add(DBErrorPathKey, str(about.path));
   if (!about.uploadId.empty()) add(DBErrorUploadIdKey, str(about.uploadId));
+  if (!about.storedRev.empty()) add(DBErrorStoredRevKey, str(about.storedRev));
   if (about.offset) add(DBErrorOffsetKey, NSNumber::withInt(*about.offset));
   return entries;
 }

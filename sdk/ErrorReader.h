@@ -14,6 +14,7 @@ struct RequestDescription {
   std::string path;    // remote; empty where there is none
   std::string uploadId{};
   std::optional<std::int64_t> offset{};  // bytes; with uploadId: where the upload can go on
+  std::string storedRev{};               // of what was stored damaged and still stands at the path
 };
 
 /// The error that an unsuccessful answer stands for (codes and keys: sdk/DBError.h). Its text never quotes

@@ -13,10 +13,12 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "foundation/FileVersion.h"
 #include "foundation/NSString.h"
 #include "foundation/Paths.h"
 #include "foundation/ReplacedFile.h"
 #include "sdk/DBError.h"
+#include "sdk/ErrorReader.h"
 
 namespace {
 
@@ -209,6 +211,9 @@ std::shared_ptr<FileSource> FileSource::open(const std::string& path, NSErrorRef
   struct stat status {};
   if (::fstat(descriptor, &status) != 0) return refuse(errno);
   if (!S_ISREG(status.st_mode)) return refuse(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+  const auto version = fileVersion(descriptor, path, error);
+  if (!version) return nullptr;
+  source->version_ = *version;
   source->fileSizeBytes_ = status.st_size;
   source->sizeBytes_ = status.st_size;
   source->modificationDate_ = NSDate::Time(std::chrono::seconds(status.st_mtim.tv_sec));
@@ -235,24 +240,41 @@ std::ptrdiff_t FileSource::read(char* buffer, std::size_t capacity) {
   const std::int64_t rest = sizeBytes_ - sentBytes_;
   if (rest == 0) return 0;
   const auto wanted = std::min<std::size_t>(capacity, static_cast<std::size_t>(rest));
-  ssize_t count = 0;
-  do {
-    count = ::pread(descriptor_, buffer, wanted, offset_ + sentBytes_);
-  } while (count < 0 && errno == EINTR);
+  const ssize_t count = readAt(offset_ + sentBytes_, buffer, wanted);
   if (count < 0) {
     failure_ = NSError::posix(errno, path_);
     return -1;
   }
-  if (count == 0) {
-    failure_ = std::make_shared<NSError>(
-        std::string(DBErrorDomain), DBErrorLocalFile,
-        NSDictionary::with({{NSLocalizedDescriptionKey,
-                             str("Could not send \"" + path_ + "\": the file became shorter meanwhile.")},
-                            {DBErrorPathKey, str(path_)}}));
-    return -1;
-  }
+  if (count == 0 || (count == rest && fileVersion(descriptor_, path_) != version_)) return failAsChanged();
   hash_.update({buffer, static_cast<std::size_t>(count)});
   sentBytes_ += count;
   if (progress_) progress_(sentBytes_, sizeBytes_);
   return count;
+}
+
+ssize_t FileSource::readAt(std::int64_t offset, char* buffer, std::size_t capacity) const {
+  ssize_t count = 0;
+  do {
+    count = ::pread(descriptor_, buffer, capacity, offset);
+  } while (count < 0 && errno == EINTR);
+  return count;
+}
+
+std::ptrdiff_t FileSource::failAsChanged() {
+  failure_ = requestError(DBErrorFileChanged, "the file changed while it was being sent", {"send", path_});
+  return -1;
+}
+
+std::optional<std::string> FileSource::hashOf(std::int64_t offset, std::int64_t sizeBytes) const {
+  constexpr std::size_t pieceBytes = 256UL * 1024;
+  std::string buffer(pieceBytes, '\0');
+  ContentHash hash;
+  for (std::int64_t done = 0; done < sizeBytes;) {
+    const auto wanted = std::min<std::int64_t>(static_cast<std::int64_t>(pieceBytes), sizeBytes - done);
+    const ssize_t count = readAt(offset + done, buffer.data(), static_cast<std::size_t>(wanted));
+    if (count <= 0) return std::nullopt;
+    hash.update({buffer.data(), static_cast<std::size_t>(count)});
+    done += count;
+  }
+  return hash.finish();
 }

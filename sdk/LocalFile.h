@@ -77,7 +77,8 @@ class FileSink final : public BodySink {
   bool isWithdrawn_ = false;  // guarded by mutex_
 };
 
-/// Sends a section of a regular file.
+/// Sends a section of a regular file. What it sends is of one version: when the file changes between open()
+/// and the last byte, that byte is withheld, so that the request never becomes complete.
 class FileSource final : public BodySource {
  public:
   /// Opens the file; blocks for the disk. Null with `error` when it cannot be opened or is no regular file.
@@ -89,6 +90,9 @@ class FileSource final : public BodySource {
   /// What is sent; at first the whole file. `hashBefore` is the content hash of what lies before `offset`.
   void setSection(std::int64_t offset, std::int64_t sizeBytes, ContentHash hashBefore);
   void setProgress(ProgressReceiver progress);
+  /// The content hash of a section, read beside what is being sent; nothing when it cannot be read. Any
+  /// thread; blocks for the disk.
+  std::optional<std::string> hashOf(std::int64_t offset, std::int64_t sizeBytes) const;
 
   std::int64_t sizeBytes() const override { return sizeBytes_; }
   bool rewind() override;
@@ -102,9 +106,12 @@ class FileSource final : public BodySource {
 
  private:
   FileSource(std::string path, int descriptor);
+  ssize_t readAt(std::int64_t offset, char* buffer, std::size_t capacity) const;
+  std::ptrdiff_t failAsChanged();
 
   const std::string path_;
   const int descriptor_;
+  std::string version_;  // as fileVersion tells it
   std::int64_t fileSizeBytes_ = 0;
   NSDate::Time modificationDate_;
   std::int64_t offset_ = 0;

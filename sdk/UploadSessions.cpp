@@ -3,11 +3,12 @@
 #include <utility>
 
 UploadSessions::Session& UploadSessions::acknowledge(const std::string& uploadId, std::int64_t bytes,
-                                                     std::optional<ContentHash> hash) {
+                                                     NSDate::Time modified, std::optional<ContentHash> hash) {
   const auto [entry, isNew] = sessions_.try_emplace(uploadId);
   Session& session = entry->second;
   if (isNew) session.expires = std::chrono::system_clock::now() + lifetime;
   session.acknowledgedBytes = bytes;
+  session.modified = modified;
   session.hash = std::move(hash);
   session.attemptedBytes = -1;
   session.attemptedHash.reset();

@@ -17,6 +17,7 @@ class UploadSessions {
   struct Session {
     std::int64_t acknowledgedBytes = 0;
     NSDate::Time expires;
+    NSDate::Time modified;            // of the local file, as it was when the last chunk was sent
     std::optional<ContentHash> hash;  // of the acknowledged bytes; nothing when they were not all seen here
     // The last chunk that was sent in full, should only its answer be lost.
     std::int64_t attemptedBytes = -1;
@@ -28,7 +29,8 @@ class UploadSessions {
     const auto found = sessions_.find(uploadId);
     return found == sessions_.end() ? nullptr : &found->second;
   }
-  Session& acknowledge(const std::string& uploadId, std::int64_t bytes, std::optional<ContentHash> hash);
+  Session& acknowledge(const std::string& uploadId, std::int64_t bytes, NSDate::Time modified,
+                       std::optional<ContentHash> hash);
   /// The service says that it has `bytes`, which may be another number than was thought.
   void correct(const std::string& uploadId, std::int64_t bytes);
   void noteAttempt(const std::string& uploadId, std::int64_t bytes, std::optional<ContentHash> hash);

@@ -17,6 +17,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "core/FSError.h"
 #include "core/KZVConstants.h"
 #include "core/KZVLocalFS.h"
 #include "foundation/NSFileManager.h"
@@ -202,16 +203,28 @@ TEST_F(TransferTest, OneRequestBelow100MebibytesChunksFromThere) {
 
 TEST_F(TransferTest, FiveFailedChunksAreSurvivedAndTheSixthEndsIt) {
   const auto file = makeSparseFile("big", 104'857'600);
+  using Object = boost::json::object;
   struct Case {
     const char* name;
     int failures;
+    Object fault;
     bool isStored;
+    std::chrono::seconds toldToWait{0};
   };
-  for (const Case& c : {Case{"five", 5, true}, Case{"six", 6, false}}) {
+  const Case cases[] = {{"five", 5, {{"status", 500}}, true},
+                        {"six", 6, {{"status", 500}}, false},
+                        {"being told to wait is no failure", 7, {{"status", 429}, {"retry_after", 0}}, true},
+                        {"waits as told", 2, {{"status", 503}, {"retry_after", 1}}, true, 2s}};
+  for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    standIn.fault({{"route", "files/upload_session/append_v2"}, {"times", c.failures}, {"status", 500}});
+    Object fault = c.fault;
+    fault["route"] = "files/upload_session/append_v2";
+    fault["times"] = c.failures;
+    standIn.fault(fault);
     NSErrorRef error;
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(put(file, "/big", &error), c.isStored);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, c.toldToWait);
     EXPECT_EQ(standIn.faultHits(), c.failures);
     EXPECT_EQ(error == nullptr, c.isStored);
     standIn.clearFaults();
@@ -426,27 +439,156 @@ TEST_F(TransferTest, AStopIsAnsweredAtOnceAtAnyMoment) {
   }
 }
 
-TEST_F(TransferTest, WriteContentionFailsNoFileOfABatch) {
-  for (int number = 0; number < 40; ++number)
-    makeFile("batch-" + std::to_string(number), 1000, static_cast<unsigned>(number));
-  fs::create_directory(localPath("batch"));
-  for (int number = 0; number < 40; ++number)
-    fs::rename(localPath("batch-" + std::to_string(number)), localPath("batch/" + std::to_string(number)));
-  standIn.settings({{"write_contention", true}, {"commit_delay_ms", 20}});
-  standIn.forgetRequests();
-  NSErrorRef error;
-  EXPECT_TRUE(bounded([&] {
-    return KZVLocalFS::shared().sendFiles(KZVBatchId(), localPath("batch"), ada, "/batch", nullptr, nullptr,
-                                          nullptr, &error);
-  })) << (error ? error->description() : "");
-  EXPECT_GT(standIn.requests()["files/upload"], 40) << "nobody was in anybody's way";
-  EXPECT_TRUE(bounded([&] {
-    return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/batch", ada)},
-                                           localPath("back"), nullptr, nullptr, nullptr, &error);
+TEST_F(TransferTest, NoFileOfABatchIsLostToOtherWritersOrDamage) {
+  using Object = boost::json::object;
+  struct Case {
+    const char* name;
+    int files;
+    Object settings;
+    Object fault{};
+  };
+  const Case cases[] = {
+      {"some refused", 40, {{"write_contention", true}, {"commit_delay_ms", 20}}},
+      {"one writer, 429", 100, {{"single_writer", true}, {"commit_delay_ms", 20}}},
+      {"one writer, 409",
+       100,
+       {{"single_writer", true}, {"commit_delay_ms", 20}, {"contention_status", 409}}},
+      {"damaged on the way",
+       40,
+       {{"single_writer", false}, {"write_contention", false}, {"commit_delay_ms", 0}},
+       {{"route", "files/upload"}, {"every", 5}, {"corrupt", "request"}}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(localPath("batch"));
+    fs::remove_all(localPath("back"));
+    fs::create_directory(localPath("batch"));
+    for (int number = 0; number < c.files; ++number)
+      makeFile("batch/" + std::to_string(number), 1000, static_cast<unsigned>(number));
+    standIn.settings(c.settings);
+    if (!c.fault.empty()) standIn.fault(c.fault);
+    standIn.forgetRequests();
+    NSErrorRef error;
+    EXPECT_TRUE(bounded([&] {
+      return KZVLocalFS::shared().sendFiles(KZVBatchId(), localPath("batch"), ada, "/batch", nullptr, nullptr,
+                                            nullptr, &error);
+    })) << (error ? error->description() : "");
+    EXPECT_GT(standIn.requests()["files/upload"], c.files) << "the order was not carried out";
+    standIn.clearFaults();
+    EXPECT_EQ(standIn.tree().size(), static_cast<std::size_t>(c.files) + 1);
+    EXPECT_TRUE(bounded([&] {
+      return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/batch", ada)},
+                                             localPath("back"), nullptr, nullptr, nullptr, &error);
+    }));
+    for (int number = 0; number < c.files; ++number) {
+      const std::string name = "/" + std::to_string(number);
+      EXPECT_TRUE(sameBytes(localPath("batch") + name, localPath("back") + name)) << name;
+    }
+    EXPECT_TRUE(ada->removeItemAtPath("/batch", &error));
+  }
+}
+
+TEST_F(TransferTest, AFileThatChangesWhileItIsSentIsStoredWholeOrNotAtAll) {
+  const auto rewrite = [](const std::string& path) {
+    std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
+    file << "changed";
+    file.seekp(0, std::ios::end);
+    file << "changed";
+  };
+  const auto cut = [](const std::string& path) { fs::resize_file(path, fs::file_size(path) / 2); };
+  const auto replace = [](const std::string& path) {
+    std::ofstream(path + ".new") << "another file";
+    fs::rename(path + ".new", path);
+  };
+  constexpr int always = 1'000'000;
+  struct Case {
+    const char* name;
+    std::function<void(const std::string&)> change;
+    int times;
+    bool isStored;
+  };
+  const Case cases[] = {{"rewritten", rewrite, 1, true},
+                        {"cut", cut, 1, true},
+                        {"replaced", replace, 1, true},
+                        {"rewritten all the time", rewrite, always, false}};
+  for (const std::uint64_t sizeBytes : {60'000'000, 104'857'600}) {
+    for (const Case& c : cases) {
+      SCOPED_TRACE(c.name + std::string(" ") + std::to_string(sizeBytes));
+      const auto file = makeSparseFile("changing", sizeBytes);
+      // So that the body does not fit into the buffers before the first report of progress.
+      standIn.fault({{"route", "files/upload"}, {"times", 2}, {"delay_ms", 200}});
+      int left = c.times;
+      NSErrorRef error;
+      EXPECT_EQ(put(file, "/stored", &error,
+                    [&](NSRange range) {
+                      if (range.location > 0 && range.location < 1000 && left-- > 0) c.change(file->path());
+                      return true;
+                    }),
+                c.isStored)
+          << (error ? error->description() : "");
+      EXPECT_LT(left, c.times) << "it has not changed";
+      standIn.clearFaults();
+      EXPECT_EQ(standIn.tree().size(), c.isStored ? 1U : 0U);
+      if (c.isStored) {
+        std::ifstream bytes(file->path(), std::ios::binary);
+        EXPECT_TRUE(standIn.content("/stored") == std::string(std::istreambuf_iterator<char>(bytes), {}));
+        ada->removeItemAtPath("/stored", nullptr);
+      } else {
+        ASSERT_TRUE(error);
+        EXPECT_EQ(fsErrorCode(error), FSErrorCode::busy) << error->description();
+        EXPECT_NE(error->localizedDescription().find("changed while it was being sent"), std::string::npos);
+      }
+    }
+  }
+}
+
+TEST_F(TransferTest, ADamagedChunkIsReplacedAlsoOverAnOlderVersion) {
+  ASSERT_TRUE(put(makeFile("older", 5), "/big"));
+  standIn.fault({{"route", "files/upload_session/append_v2"}, {"times", 1}, {"corrupt", "request"}});
+  expectRoundTrip(makeSparseFile("big", 104'857'600), "/big");
+  EXPECT_EQ(standIn.faultHits(), 1);
+  EXPECT_EQ(standIn.tree().size(), 1U) << "stored beside the damaged one";
+}
+
+TEST_F(TransferTest, NamesThatTheServiceTakesForOneNeverOverwriteEachOther) {
+  const std::string composed = "caf\xC3\xA9", decomposed = "cafe\xCC\x81";
+  for (const std::string& name : {std::string("A.txt"), std::string("a.txt"), composed, decomposed}) {
+    fs::create_directories(localPath("twins/D"));
+    fs::create_directories(localPath("twins/d"));
+    for (const char* folder : {"twins/", "twins/D/", "twins/d/"})
+      std::ofstream(localPath(folder + name)) << folder << name;
+  }
+  std::set<std::string> refused;
+  EXPECT_FALSE(bounded([&] {
+    return KZVLocalFS::shared().sendFiles(
+        KZVBatchId(), localPath("twins"), ada, "/twins", nullptr, nullptr,
+        [&](const CopiedItem& item) {
+          if (item.failure) refused.insert(item.from.substr(localPath("").size()));
+          return true;
+        },
+        nullptr);
   }));
-  for (int number = 0; number < 40; ++number) {
-    const std::string name = "/" + std::to_string(number);
-    EXPECT_TRUE(sameBytes(localPath("batch") + name, localPath("back") + name)) << name;
+  EXPECT_EQ(refused, (std::set<std::string>{"twins/d", "twins/a.txt", "twins/" + composed, "twins/D/a.txt",
+                                            "twins/D/" + composed}));
+  EXPECT_EQ(standIn.tree().size(), 6U);
+  EXPECT_EQ(standIn.content("/twins/D/a.txt"), "twins/D/A.txt");
+  EXPECT_EQ(standIn.content("/twins/" + composed), "twins/" + decomposed);
+}
+
+TEST_F(TransferTest, WhatCanBeReadIsSentWhateverSizeTheFileSystemTells) {
+  for (const char* path : {"/proc/version", "/sys/kernel/mm/transparent_hugepage/enabled"}) {
+    SCOPED_TRACE(path);
+    std::ifstream file(path);
+    if (!file) continue;  // not on every system
+    const std::string content(std::istreambuf_iterator<char>(file), {});
+    ASSERT_NE(content.size(), fs::file_size(path));
+    NSErrorRef error;
+    const auto stored = bounded([&] {
+      return ada->storeFile(*NSURL::fileURLWithPath(path), "/stored", WriteBase(), nullptr, &error);
+    });
+    ASSERT_TRUE(stored) << error->description();
+    EXPECT_EQ(stored->sizeBytes, content.size());
+    EXPECT_EQ(standIn.content("/stored"), content);
   }
 }
 
