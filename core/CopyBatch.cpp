@@ -182,14 +182,15 @@ void CopyBatch::reportTotal() {
   if (!observers_.totalProgress({lastTotal_, whole})) stop(Stop::byUser);
 }
 
-void CopyBatch::finishFile(const FileRef& file, const NSErrorRef& failure, const std::string& storedAt) {
+void CopyBatch::finishFile(const FileRef& file, const NSErrorRef& failure, const std::string& storedAt,
+                           std::optional<std::uint64_t> sizeBytes) {
   const std::lock_guard observing(observersMutex_);
   count(*file, file->sizeBytes);
   {
     const std::lock_guard lock(mutex_);
     ++counts_.filesDone;
   }
-  CopiedItem item{file->from, file->to, false, file->sizeBytes, failure};
+  CopiedItem item{file->from, file->to, false, sizeBytes.value_or(file->sizeBytes), failure};
   if (!storedAt.empty()) item.conflictsWith = std::exchange(item.to, storedAt);
   finish(item);
   if (!isStopped()) reportTotal();

@@ -97,8 +97,10 @@ class CopyBatch {
   /// What to hand to the transfer of the file.
   ProgressCallback progressOf(const FileRef& file);
   /// The file is there, or failed. Each expected file is finished once, unless the batch was stopped.
-  /// @param storedAt  its place beside another version, if it could not have the one it was meant for.
-  void finishFile(const FileRef& file, const NSErrorRef& failure, const std::string& storedAt = {});
+  /// @param storedAt   its place beside another version, if it could not have the one it was meant for.
+  /// @param sizeBytes  of what was copied, if that is another number than was expected.
+  void finishFile(const FileRef& file, const NSErrorRef& failure, const std::string& storedAt = {},
+                  std::optional<std::uint64_t> sizeBytes = {});
   /// A folder is there (not yet what is in it), or it or something that is no file failed.
   void finishFolder(const std::string& from, const std::string& to, const NSErrorRef& failure);
 

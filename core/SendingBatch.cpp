@@ -3,13 +3,34 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <vector>
 
 #include <sys/stat.h>
 
 #include "foundation/Paths.h"
-#include "foundation/Unicode.h"
+
+namespace {
+
+int errnoOf(const NameProblem& problem) {
+  switch (problem.kind) {
+    case NameProblem::Kind::malformed:
+      return EILSEQ;
+    case NameProblem::Kind::tooLong:
+      return ENAMETOOLONG;
+    case NameProblem::Kind::reserved:
+      break;
+  }
+  return EPERM;
+}
+
+NSErrorRef twinError(const std::string& first) {
+  return copyError(
+      EEXIST, "not sent, because \"" + first + "\" in the same folder has the same name for the remote side");
+}
+
+}  // namespace
 
 SendingBatch::SendingBatch(const KZVBatchId& batchId, CopyObservers observers,
                            std::shared_ptr<FSPlugin> volume)
@@ -26,13 +47,14 @@ void SendingBatch::send(const std::string& from, const std::string& to, Place pl
   struct stat status {};
   if (::lstat(from.c_str(), &link) != 0 || ::stat(from.c_str(), &status) != 0)
     return refuse(NSError::posix(errno, from));
-  if (!isValidUtf8(lastPathComponent(to)))
-    return refuse(copyError(EILSEQ, "this name is not valid UTF-8, which remote names must be"));
+  const auto problem = to == "/" ? std::nullopt : volume_->nameProblem(lastPathComponent(to));
+  if (problem) return refuse(copyError(errnoOf(*problem), problem->text));
   if (S_ISREG(status.st_mode)) {
     const auto file = batch_.expectFile(from, to, static_cast<std::uint64_t>(status.st_size));
     batch_.add([this, file] { sendFile(file); }, CopyBatch::Order::inTurn);
   } else if (S_ISDIR(status.st_mode) && S_ISLNK(link.st_mode) && place == Place::below) {
-    refuse(copyError(ELOOP, "a link to a folder is not followed"));  // it may lead back up
+    // It may lead back up, or to much that the person did not mean.
+    refuse(copyError(ELOOP, "a link to a folder is not followed"));
   } else if (S_ISDIR(status.st_mode)) {
     sendFolder(from, to);
   } else {
@@ -48,8 +70,8 @@ void SendingBatch::sendFile(const CopyBatch::FileRef& file) {
   if (!stored && !error) error = copyError(EIO, "the file was not stored");
   if (!stored) return batch_.finishFile(file, error);
   // A file system that ignores letter case may go on spelling the name as it did before.
-  const bool isInPlace = caselessKey(stored->path) == caselessKey(file->to);
-  batch_.finishFile(file, nullptr, isInPlace ? "" : stored->path);
+  const bool isInPlace = volume_->pathKey(stored->path) == volume_->pathKey(file->to);
+  batch_.finishFile(file, nullptr, isInPlace ? "" : stored->path, stored->sizeBytes);
 }
 
 void SendingBatch::sendFolder(const std::string& from, const std::string& to) {
@@ -80,10 +102,16 @@ bool SendingBatch::addChildren(const std::string& from, const std::string& to, N
     return false;
   }
   std::sort(names.begin(), names.end());
+  std::map<std::string, std::string> taken;  // key of a name -> the first name that has it
   for (const std::string& name : names) {
-    batch_.add([this, child = appendingPathComponent(from, name),
-                target = appendingPathComponent(to, name)] { send(child, target, Place::below); },
-               CopyBatch::Order::inTurn);
+    const std::string child = appendingPathComponent(from, name);
+    const std::string target = appendingPathComponent(to, name);
+    const auto [first, isFree] = taken.try_emplace(volume_->nameKey(name), name);
+    if (isFree) {
+      batch_.add([this, child, target] { send(child, target, Place::below); }, CopyBatch::Order::inTurn);
+    } else {
+      batch_.finishFolder(child, target, twinError(first->second));
+    }
   }
   return true;
 }

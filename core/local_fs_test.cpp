@@ -26,6 +26,7 @@
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
 #include "foundation/Paths.h"
+#include "foundation/Unicode.h"
 
 namespace {
 
@@ -141,6 +142,11 @@ class MemoryVolume : public FSPlugin {
     held_.insert(local);
     return NSURL::fileURLWithPath(local);
   }
+  std::optional<NameProblem> nameProblem(std::string_view name) const override {
+    if (name == "reserved") return NameProblem{NameProblem::Kind::reserved, "reserved"};
+    return FSPlugin::nameProblem(name);
+  }
+  std::string nameKey(std::string_view name) const override { return lowercased(name); }
   void releaseFileUrl(const NSURL& url) override {
     const std::lock_guard lock(mutex_);
     EXPECT_EQ(held_.erase(url.path()), 1U);
@@ -528,16 +534,24 @@ TEST_F(LocalFSTest, SendsATreeAndReportsWhatCannotBeSent) {
   ASSERT_EQ(::mkfifo((disk_ / "d/pipe").c_str(), 0600), 0);
   write("d/\xff", "x");
   write("d/fail", "x");
+  write("d/reserved", "x");
+  write("d/Twin", "T");
+  write("d/twin", "t");
+  write("d/Twins/T", "T");
+  write("d/twins/t", "t");
   const auto volume = std::make_shared<MemoryVolume>(Tree{});
   std::map<std::string, std::int64_t> failures;
   EXPECT_FALSE(send(disk_ / "d", volume, "/new", [&](const CopiedItem& item) {
     if (item.failure) failures[lastPathComponent(item.from)] = item.failure->code();
     return true;
   }));
-  EXPECT_EQ(volume->tree(),
-            tree("/new/ /new/a=A /new/empty= /new/hollow/ /new/fileLink=A /new/sub/ /new/sub/b=BB"));
+  EXPECT_EQ(
+      volume->tree(),
+      tree("/new/ /new/a=A /new/empty= /new/hollow/ /new/fileLink=A /new/sub/ /new/sub/b=BB /new/Twin=T "
+           "/new/Twins/ /new/Twins/T=T"));
   const std::map<std::string, std::int64_t> expected{
-      {"dangling", ENOENT}, {"fail", 7}, {"folderLink", ELOOP}, {"pipe", EINVAL}, {"\xff", EILSEQ}};
+      {"dangling", ENOENT}, {"fail", 7},         {"folderLink", ELOOP}, {"pipe", EINVAL},
+      {"\xff", EILSEQ},     {"reserved", EPERM}, {"twin", EEXIST},      {"twins", EEXIST}};
   EXPECT_EQ(failures, expected);
 }
 

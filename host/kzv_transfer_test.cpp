@@ -156,6 +156,7 @@ TEST_F(TransferTest, TreeChangesReachTheAccount) {
   std::ofstream(local_ / "in/deep/b") << "BB";
   fs::create_directories(local_ / "two");
   std::ofstream(local_ / "two/changed-b") << "B";
+  fs::create_directory_symlink("in/deep", local_ / "link");
   file("old", 3);
   struct Step {
     std::vector<std::string> arguments;
@@ -184,6 +185,7 @@ TEST_F(TransferTest, TreeChangesReachTheAccount) {
        {"two/changed-b (1)"},
        {},
        "kzv: put: /two/changed-b" + elsewhere + "/two/changed-b (1)\n"},
+      {{"put", "LOCAL/link", "/linked"}, "/linked/b  2 bytes\n", {"linked/b"}, {}},
       {{"mkdir", "/new", "/new"}, "", {"new"}, {}},
       {{"mv", "/a", "/new"}, "", {"new/a"}, {"a"}},
       {{"mv", "/new/a", "/b"}, "", {"b"}, {"new/a"}},

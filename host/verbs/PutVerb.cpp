@@ -18,10 +18,17 @@ class PutVerb final : public Verb {
             "  kzv put report.pdf /Documents\n  kzv put ~/Pictures/Photos /Photos-2024"};
   }
   void declare(CLI::App& command) override {
-    command.add_option("LOCAL", local_, "File or folder of this computer")->required();
     command
-        .add_option("REMOTE", remote_,
-                    "Where to: an existing folder, which receives it under its own name, or its new path")
+        .add_option("LOCAL", local_,
+                    "File or folder of this computer. Links to files are followed. A link to a folder is "
+                    "followed when it is LOCAL itself; below a folder it is reported and left out, as cp -r "
+                    "and rsync do not enter it either")
+        ->required();
+    command
+        .add_option(
+            "REMOTE", remote_,
+            "Where to: an existing folder, which receives it under its own name, or its new path; folders "
+            "that are missing above it are made")
         ->required();
   }
 
