@@ -18,7 +18,7 @@ void* LimitedMemory::do_allocate(std::size_t bytes, std::size_t alignment) {
 }
 
 void LimitedMemory::do_deallocate(void* memory, std::size_t bytes, std::size_t alignment) {
-  ::operator delete(memory, bytes, std::align_val_t(alignment));
+  ::operator delete(memory, std::align_val_t(alignment));  // clang 14 knows no sized form
   freeBytes_ += bytes;
 }
 
