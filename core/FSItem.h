@@ -35,11 +35,21 @@ class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem
   void setIsDirectory(bool isDirectory) noexcept { isDirectory_ = isDirectory; }
   /// The version of a file's bytes: opaque, another one after each change of them. Empty for folders, and
   /// where the volume has no versions. Compare for equality only; dates and sizes do not tell versions apart.
-  const std::string& version() const noexcept { return version_; }
+  std::string version() const { return record_ ? recordTexts_->version(*record_) : version_; }
   void setVersion(std::string version) { version_ = std::move(version); }
   /// Opaque, the same after a move, a rename or a change; empty where the volume does not know.
-  const std::string& id() const noexcept { return id_; }
+  std::string id() const { return record_ ? recordTexts_->id(*record_) : id_; }
   void setId(std::string itemId) { id_ = std::move(itemId); }
+  /// Instead of setVersion and setId, for listings of thousands, of which hardly any item is asked: reads
+  /// both from `record` when they are asked for. `texts` must live for ever.
+  struct RecordTexts {
+    std::string (*version)(const NSObject& record);
+    std::string (*id)(const NSObject& record);
+  };
+  void setRecord(std::shared_ptr<const NSObject> record, const RecordTexts& texts) {
+    record_ = std::move(record);
+    recordTexts_ = &texts;
+  }
   const std::optional<NSDate::Time>& modificationDate() const noexcept { return modificationDate_; }
   void setModificationDate(std::optional<NSDate::Time> date) noexcept { modificationDate_ = date; }
 
@@ -59,6 +69,8 @@ class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem
   const std::shared_ptr<FSPlugin> fs_;
   std::string version_;
   std::string id_;
+  std::shared_ptr<const NSObject> record_;  // may be null
+  const RecordTexts* recordTexts_ = nullptr;
   std::uint64_t size_ = 0;
   std::optional<NSDate::Time> modificationDate_;
   bool isDirectory_ = false;

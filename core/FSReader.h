@@ -6,6 +6,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 
 #include "core/ProgressCallback.h"
 #include "foundation/Descriptor.h"
@@ -38,6 +39,21 @@ class FSReader {
   /// A descriptor of a local file that holds the whole version, for hosts that can pass bytes on without
   /// copying them: open for reading while this lives, and not to be closed. -1: there is none, use read().
   virtual int localDescriptor() const { return -1; }
+};
+
+/// A version without bytes, for which nothing has to be fetched.
+class EmptyReader final : public FSReader {
+ public:
+  explicit EmptyReader(std::string version) : version_(std::move(version)) {}
+  std::uint64_t size() const override { return 0; }
+  const std::string& version() const override { return version_; }
+  std::optional<std::size_t> read(std::uint64_t /*offset*/, std::span<std::byte> /*buffer*/,
+                                  const ShouldContinue& /*shouldContinue*/, NSErrorRef* /*error*/) override {
+    return 0;
+  }
+
+ private:
+  const std::string version_;
 };
 
 /// A reader over a local copy that the volume gave out with requestFileUrl; hands it back at its end.

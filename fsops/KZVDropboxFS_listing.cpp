@@ -55,7 +55,7 @@ std::shared_ptr<NSDictionary> KZVDropboxFS::attributesAtPath(const std::string& 
 std::shared_ptr<FSItem> KZVDropboxFS::itemAtPath(const std::string& path, NSErrorRef* error) {
   if (lastPathComponent(path) == "..") return itemAtPath(deletingLastPathComponent(path), error);
   const MetadataRef record = requiredManager().metadata(path, ServiceErrors(error));
-  return record && !record->isDeleted() ? itemFor(*record) : nullptr;
+  return record && !record->isDeleted() ? itemFor(record) : nullptr;
 }
 
 // showHidden hides nothing, on purpose: the service knows no hidden items, and a name that begins with a dot
@@ -78,7 +78,7 @@ bool KZVDropboxFS::appendContent(const std::string& path, bool recursive, bool s
   items.reserve(items.size() + contents->size());
   for (const MetadataRef& child : *contents) {
     if (child->isDeleted()) continue;
-    items.push_back(itemFor(*child));
+    items.push_back(itemFor(child));
     const bool descends = recursive && child->isDirectory();
     if (descends && !appendContent(items.back()->path(), recursive, showHidden, error, items)) return false;
   }
@@ -114,13 +114,15 @@ bool KZVDropboxFS::recordListedChild(const std::string& folderKey, const Metadat
   });
 }
 
-std::shared_ptr<FSItem> KZVDropboxFS::itemFor(const DBMetadata& record) {
-  if (record.totalBytes() < 0) fatalInvariant("sizes are not negative");
-  auto item = std::make_shared<FSItem>(record.path(), shared_from_this());
-  item->setSize(static_cast<std::uint64_t>(record.totalBytes()));
-  item->setIsDirectory(record.isDirectory());
-  item->setModificationDate(record.lastModifiedDate());
-  item->setVersion(record.rev());
-  item->setId(record.itemId());
+std::shared_ptr<FSItem> KZVDropboxFS::itemFor(const MetadataRef& record) {
+  if (record->totalBytes() < 0) fatalInvariant("sizes are not negative");
+  auto item = std::make_shared<FSItem>(record->path(), shared_from_this());
+  item->setSize(static_cast<std::uint64_t>(record->totalBytes()));
+  item->setIsDirectory(record->isDirectory());
+  item->setModificationDate(record->lastModifiedDate());
+  static constexpr FSItem::RecordTexts texts{
+      [](const NSObject& object) { return static_cast<const DBMetadata&>(object).rev(); },
+      [](const NSObject& object) { return static_cast<const DBMetadata&>(object).itemId(); }};
+  item->setRecord(record, texts);
   return item;
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "host/testing/KzvTest.h"
 
@@ -234,6 +235,28 @@ TEST_F(KzvTest, ATokenThatIsNotTypedIsNotWaitedForAfterAStop) {
   program.signal(SIGINT);
   const auto result = program.finish(std::chrono::seconds(30), Program::Input::keepOpen);
   EXPECT_EQ(result.status, 130);
+}
+
+TEST_F(KzvTest, AVolumeWithoutVersionsCanBeMounted) {
+  if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "/dev/fuse cannot be opened";
+  constexpr std::size_t largeBytes = 300'000;
+  file("Documents/large", largeBytes);
+  const fs::path place = base_ / "place";
+  fs::create_directories(place);
+  ASSERT_EQ(run({"mount", place.string()}).status, 0);
+  EXPECT_EQ(contentOf(place / "Documents/report.txt"), std::string(1234, 'x'));
+  std::ifstream open(place / "Documents/large");
+  EXPECT_EQ(open.get(), 'x');
+  EXPECT_TRUE(fs::remove(place / "Documents/large"));
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(open), {}).size(), largeBytes - 1);
+  open.close();
+  std::ofstream(place / "empty/new") << "first";
+  std::ofstream(place / "empty/new", std::ios::app) << " and second";
+  EXPECT_EQ(contentOf(tree_ / "empty/new"), "first and second");
+  EXPECT_EQ(contentOf(place / "empty/new"), "first and second");
+  fs::rename(place / "empty/new", place / "Documents/report.txt");
+  EXPECT_EQ(contentOf(tree_ / "Documents/report.txt"), "first and second");
+  EXPECT_EQ(run({"umount", place.string()}).status, 0);
 }
 
 }  // namespace

@@ -169,7 +169,7 @@ class KZVDropboxFS final : public FSPlugin {
   void enterListing(const KZVDropboxFileManager::MetadataRef& folder);
   bool recordListedChild(const std::string& folderKey, const KZVDropboxFileManager::MetadataRef& folder,
                          const KZVDropboxFileManager::MetadataRef& child);
-  std::shared_ptr<FSItem> itemFor(const DBMetadata& record);
+  std::shared_ptr<FSItem> itemFor(const KZVDropboxFileManager::MetadataRef& record);
 
   void dropOldCopy(const std::string& path, const std::string& key);
   std::shared_ptr<NSURL> makeLocalCopy(const std::string& path, const std::string& key,

@@ -283,6 +283,7 @@ class MountedVolume {
   bool isEmptyNow(const MountNodeRef& folder, const std::string& path, const IsInterrupted& isInterrupted,
                   int& error);
   Answer<Claimed> claimSubtree(const MountNodeRef& node, const IsInterrupted& isInterrupted);
+  bool isReplaced(const MountNodeRef& node) const;
   void takeOut(const MountNodeRef& node, const std::string& name);
   struct RenamePlan;
   int claim(RenamePlan& plan, const IsInterrupted& isInterrupted);

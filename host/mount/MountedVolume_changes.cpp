@@ -140,6 +140,7 @@ int MountedVolume::removeFile(NodeId folderId, const std::string& name, const Is
   const MountNodeRef& node = child.value;
   if (node->isFolder) return EISDIR;
   const auto claimed = claimSubtree(node, isInterrupted);
+  if (claimed.error == ENOENT && isReplaced(node)) return removeFile(folderId, name, isInterrupted);
   if (claimed.error) return claimed.error;
   if (claimed.value.isRemote) {
     fetchForReaders(node, claimed.value.path, isInterrupted);
@@ -195,6 +196,12 @@ Answer<MountedVolume::Claimed> MountedVolume::claimSubtree(const MountNodeRef& n
     claimed.isRemote = node->isRemote;
     return {std::move(claimed), 0};
   }
+}
+
+/// Whether a listing has put a newer version's node in its place.
+bool MountedVolume::isReplaced(const MountNodeRef& node) const {
+  const std::lock_guard lock(treeMutex_);
+  return node->isReplaced;
 }
 
 /// Takes a removed node out of the tree; what it had to send is sent no more. The kernel knows of `name`.
@@ -258,6 +265,8 @@ int MountedVolume::rename(NodeId fromFolderId, const std::string& fromName, Node
     bytes->removeUser(FileContent::Access::read);
     dropContent(plan.source, bytes);
   }
+  if (reason == ENOENT && isReplaced(plan.source))
+    return rename(fromFolderId, fromName, toFolderId, toName, target, isInterrupted);
   return reason;
 }
 

@@ -159,15 +159,16 @@ int MountedVolume::fetchFrom(const std::string& path, const MountNodeRef& node,
                              const std::shared_ptr<FileContent>& content,
                              const IsInterrupted& isInterrupted) {
   std::string version;
+  std::shared_ptr<FSReader> reader;
   {
     const std::lock_guard lock(treeMutex_);
     version = node->version;
+    if (!version.empty() && node->sizeBytes == 0) reader = std::make_shared<EmptyReader>(version);
   }
   if (path.empty() && version.empty()) return ENOENT;
-  std::shared_ptr<FSReader> reader;
   const auto goesOn = [&](NSRange) { return !isStopping_ && !isInterrupted(); };
   const int reason = attempt(isInterrupted, [&](NSErrorRef* error) {
-    reader = volume_->openReader(path.empty() ? "/" + node->name : path, version, goesOn, error);
+    if (!reader) reader = volume_->openReader(path.empty() ? "/" + node->name : path, version, goesOn, error);
     return reader != nullptr;
   });
   if (reason) return reason;

@@ -284,7 +284,7 @@ std::vector<MountNodeRef> MountedVolume::applyListing(MountNode& folder, const F
 /// Whether the listing shows another version of the file. Where the volume has no versions, size and date
 /// must do.
 bool MountedVolume::isOtherVersion(const MountNode& node, const FSItem& item) {
-  if (!item.version().empty()) return node.version != item.version();
+  if (const std::string version = item.version(); !version.empty()) return node.version != version;
   return node.listedModified != item.modificationDate() || node.sizeBytes != item.size();
 }
 
