@@ -82,7 +82,7 @@ class MountTest : public testing::Test {
     ASSERT_EQ(kzv({"link", "--token-stdin"}, "ada-token\n").exitStatus, 0);
   }
   ~MountTest() override {
-    ::umount2(root.c_str(), MNT_DETACH);
+    ::umount2(root.c_str(), MNT_FORCE | MNT_DETACH);
     if (process_) process_->finish(10s);
   }
 

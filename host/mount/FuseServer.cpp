@@ -59,8 +59,10 @@ Handle& handleOf(const fuse_file_info* info) {
   return *reinterpret_cast<Handle*>(info->fh);  // NOLINT(performance-no-int-to-ptr): it was made from one
 }
 
-/// How long news of an entry wait for requests in its folder to end.
-constexpr std::chrono::seconds noticePatience{5};
+/// How long news of an entry wait for requests in its folder to end. Long: what is opened by a name that
+/// means something else by now is looked up again anyway (ESTALE), while a process that is killed with such
+/// news on their way leaves programs hanging until `umount -f`.
+constexpr std::chrono::seconds noticePatience{60};
 
 timespec timespecOf(NSDate::Time time) {
   using namespace std::chrono;
@@ -467,6 +469,10 @@ void onOpen(fuse_req_t request, fuse_ino_t node, fuse_file_info* info) {
     auto opened = volumeOf(request).open(nodeOf(node), info->flags, interruptionOf(request));
     if (opened.error) return opened.error;
     if (info->flags & O_TRUNC) noticeOtherBytes(request, node);
+    if (opened.value.isKernelBehind) {  // nobody else has it open: no request that this could wait for
+      fuse_lowlevel_notify_inval_inode(sessionOf(request).fuse, numberOf(nodeOf(node), false), 0, 0);
+      volumeOf(request).kernelCaughtUp(*opened.value.file);
+    }
     fillOpened(info, opened.value, isOtherSpelling(node));
     if (fuse_reply_open(request, info) == 0) {
       opened.value.file.release();  // NOLINT(bugprone-unused-return-value): the kernel has it now

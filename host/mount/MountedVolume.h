@@ -135,6 +135,8 @@ class MountedVolume {
     std::unique_ptr<OpenFile> file;
     NodeAttributes attributes;
     bool keepsCache = false;  // the kernel's page cache is current
+    /// The kernel has to drop what it knows of the file before it reads; then kernelCaughtUp is to be called.
+    bool isKernelBehind = false;
   };
   /// @param flags  as open(2): O_RDONLY, O_WRONLY, O_RDWR, O_TRUNC.
   Answer<Opened> open(NodeId node, int flags, const IsInterrupted& isInterrupted);
@@ -161,6 +163,7 @@ class MountedVolume {
   /// Sends now.
   int sync(OpenFile& file, const IsInterrupted& isInterrupted);
   void release(std::unique_ptr<OpenFile> file);
+  void kernelCaughtUp(OpenFile& file);
 
   // Changes (MountedVolume_changes.cpp)
 
@@ -205,6 +208,7 @@ class MountedVolume {
   using Clock = std::chrono::steady_clock;
   static constexpr std::size_t maxKept = 32;
   static constexpr std::uint64_t maxKeptBytes = 256ULL * 1024 * 1024;
+  static constexpr std::uint64_t minFreeToKeep = 4 * maxKeptBytes;  // on the disk
   static constexpr std::chrono::seconds firstRetryDelay{15};
   static constexpr std::chrono::minutes longestRetryDelay{5};
 

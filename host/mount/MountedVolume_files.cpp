@@ -52,6 +52,7 @@ Answer<std::shared_ptr<FileContent>> MountedVolume::useForReading(const MountNod
 /// Releases bytes that nobody has open and that the service has.
 void MountedVolume::dropContent(const MountNodeRef& node, const std::shared_ptr<FileContent>& content) {
   std::vector<std::shared_ptr<FileContent>> unused;  // destroyed without the lock
+  const bool mayKeep = content->isPrivate() && journal_->freeBytes().value_or(0) > minFreeToKeep;
   const std::lock_guard lock(treeMutex_);
   if (node->content != content || content->isUnsent()) return;
   const bool isThere = tree_.holds(*node);
@@ -62,7 +63,7 @@ void MountedVolume::dropContent(const MountNodeRef& node, const std::shared_ptr<
   if (content->isLocalOnly() && isThere) return;
   if (content->hasData()) node->sizeBytes = content->sizeBytes();
   const bool isCurrent = isThere && node->isRemote && !node->isBehind;
-  if (isCurrent && content->isPrivate()) return keepLocked(node, unused);
+  if (isCurrent && mayKeep) return keepLocked(node, unused);
   unused.push_back(std::move(node->content));
 }
 
@@ -94,7 +95,12 @@ MountedVolume::Opened MountedVolume::openedLocked(const MountNodeRef& node,
   file->node = node;
   file->content = std::move(content);
   file->access = access;
-  return {std::move(file), attributesOf(*node), keepsCache};
+  return {std::move(file), attributesOf(*node), keepsCache, node->isKernelBehind};
+}
+
+void MountedVolume::kernelCaughtUp(OpenFile& file) {
+  const std::lock_guard lock(treeMutex_);
+  file.node->isKernelBehind = false;
 }
 
 /// What takes the place of `node` replaces the version that was shown, and no other.
@@ -159,16 +165,18 @@ int MountedVolume::fetchFrom(const std::string& path, const MountNodeRef& node,
                              const std::shared_ptr<FileContent>& content,
                              const IsInterrupted& isInterrupted) {
   std::string version;
+  std::string place = path;
   std::shared_ptr<FSReader> reader;
   {
     const std::lock_guard lock(treeMutex_);
     version = node->version;
+    if (place.empty()) place = "/" + node->name;  // for error texts: the version says what is meant
     if (!version.empty() && node->sizeBytes == 0) reader = std::make_shared<EmptyReader>(version);
   }
   if (path.empty() && version.empty()) return ENOENT;
   const auto goesOn = [&](NSRange) { return !isStopping_ && !isInterrupted(); };
   const int reason = attempt(isInterrupted, [&](NSErrorRef* error) {
-    if (!reader) reader = volume_->openReader(path.empty() ? "/" + node->name : path, version, goesOn, error);
+    if (!reader) reader = volume_->openReader(place, version, goesOn, error);
     return reader != nullptr;
   });
   if (reason) return reason;

@@ -310,19 +310,28 @@ void MountedVolume::show(MountNode& node, const FSItem& item, Notices& notices) 
   node.version = item.version();
 }
 
-/// Puts a node of its own in the place of the one that shows an older version. While that one is being
-/// written or sent it stays: the service then keeps both versions. True when the folder looks different now.
+/// Shows a newer version of a file: in a node of its own while somebody has the older one open. While that
+/// one is being written or sent it stays: the service then keeps both versions. True when the folder looks
+/// different now.
 bool MountedVolume::showNewVersion(const MountNodeRef& node, const FSItem& item, Notices& notices) {
   const auto& content = node->content;
   if (content && (content->isUnsent() || content->writers() > 0)) {
     node->isBehind = true;
     return false;
   }
+  if (!content || !content->hasUsers()) {
+    // Nobody can mix it with the older one: the node stays, and the kernel's caches go.
+    if (content) notices.unused.push_back(std::move(node->content));
+    if (node->lookups > 0) notices.contents.push_back(node->id);
+    node->isKernelFresh = false;
+    node->isKernelBehind = node->lookups > 0;
+    show(*node, item, notices);
+    return false;
+  }
   MountNode& folder = *node->parent;
   notices.entries.emplace_back(folder.id, node->name);
   tree_.remove(node);
   node->isReplaced = true;
-  if (content && !content->hasUsers()) notices.unused.push_back(std::move(node->content));
   const MountNodeRef newer = tree_.make(false);
   tree_.add(folder, newer, item.name());
   show(*newer, item, notices);
