@@ -130,7 +130,9 @@ TEST_F(MountVersionsTest, AnOpenFileKeepsItsVersionToTheLastByte) {
       std::string bytes(100'000, '\0');
       ASSERT_EQ(must(::read(file.number, bytes.data(), bytes.size())), 100'000);
       c.change(path);
-      EXPECT_TRUE(soon([&] { return c.isGone ? !fs::exists(path) : contentOf(path) == after; }));
+      EXPECT_TRUE(soon([&] {
+        return c.isGone ? errnoOf([&] { File(path, O_RDONLY); }) == ENOENT : contentOf(path) == after;
+      }));
       EXPECT_TRUE(readOn(file, bytes.size()) == before.substr(bytes.size()));
       EXPECT_TRUE(readOn(unread, 0) == before);
       EXPECT_TRUE(c.isGone || contentOf(path) == after) << "the open file's version is shown to others";

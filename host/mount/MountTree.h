@@ -26,7 +26,8 @@ struct MountNode : std::enable_shared_from_this<MountNode> {
   bool isRemote = false;        // the service has it
   bool isKernelFresh = false;   // the kernel's page cache is current
   bool isKernelBehind = false;  // files: the kernel may still have the size of an older version
-  /// Files: another node has the name now, with a newer version. Who has this one open keeps its version.
+  /// Another node has the name now, with a newer version, or another device has removed it. Who has this one
+  /// open keeps its version.
   bool isReplaced = false;
   /// Files: a newer version is on the volume, which waits until what is being written here was sent.
   bool isBehind = false;

@@ -363,6 +363,12 @@ void MountedVolume::release(std::unique_ptr<OpenFile> file) {
     }
   }
   dropContent(file->node, file->content);
+  Notices notices;
+  {
+    const std::lock_guard lock(treeMutex_);
+    if (!tree_.holds(*file->node) && !content.hasUsers()) notices.contents.push_back(file->node->id);
+  }
+  tell(notices);
 }
 
 // --- Sending
@@ -444,7 +450,7 @@ void MountedVolume::noteStored(const MountNodeRef& node, const std::shared_ptr<F
     }
     // The name belongs to the other version. Who has this one open goes on with it beside that one.
     content->setElsewhere(stored.path);
-    notices.entries.emplace_back(folder.id, node->name);
+    notices.contents.push_back(node->id);
     notices.listings.push_back(folder.id);
     tree_.remove(node);
     node->isReplaced = true;

@@ -85,6 +85,10 @@ Answer<NodeAttributes> MountedVolume::attributes(NodeId number) {
   const std::lock_guard lock(treeMutex_);
   const auto node = tree_.find(number);
   if (!node) return {{}, ENOENT};
+  // The kernel then looks the name up again: so it hears what a name means now without news of the name, for
+  // which it would take the folder's lock, that a request in the folder may hold.
+  const bool isInUse = node->content && node->content->hasUsers();
+  if (!tree_.holds(*node) && !isInUse) return {{}, ESTALE};
   return {attributesOf(*node), 0};
 }
 
@@ -241,7 +245,7 @@ std::vector<MountNodeRef> MountedVolume::applyListing(MountNode& folder, const F
     if (!seen.insert(volume_->nameKey(name)).second) continue;
     if (node && node->isFolder != item->isDirectory()) {
       if (mustStay(*node)) continue;
-      notices.entries.emplace_back(folder.id, node->name);
+      notices.contents.push_back(node->id);
       MountTree::collectWatched(*node, unneeded);
       tree_.remove(node);
       node = nullptr;
@@ -270,7 +274,8 @@ std::vector<MountNodeRef> MountedVolume::applyListing(MountNode& folder, const F
       child->isRemote = false;
       continue;
     }
-    notices.entries.emplace_back(folder.id, child->name);
+    notices.contents.push_back(child->id);
+    child->isReplaced = true;
     MountTree::collectWatched(*child, unneeded);
     tree_.remove(child);
     isChanged = true;
@@ -329,7 +334,7 @@ bool MountedVolume::showNewVersion(const MountNodeRef& node, const FSItem& item,
     return false;
   }
   MountNode& folder = *node->parent;
-  notices.entries.emplace_back(folder.id, node->name);
+  notices.contents.push_back(node->id);
   tree_.remove(node);
   node->isReplaced = true;
   const MountNodeRef newer = tree_.make(false);
