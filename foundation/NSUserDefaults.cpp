@@ -4,19 +4,19 @@
 #include <chrono>
 #include <cstdio>
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <glib.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 #include "foundation/Fatal.h"
+#include "foundation/FileLock.h"
 #include "foundation/NSDate.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/NSLog.h"
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
 #include "foundation/Paths.h"
+#include "foundation/PrivateFiles.h"
 #include "foundation/StandardFolders.h"
 #include "foundation/Unicode.h"
 
@@ -95,32 +95,16 @@ bool keepAside(const std::string& path) {
   return false;
 }
 
-/// Held while a suite's file is read and replaced; others wait. In this process a mutex, one for all suites:
-/// they are few, and GLib's variants then have one caller at a time, as far as ThreadSanitizer can see
-/// (GLib's own locks are futexes, which it cannot). Between processes a lock file: the suite's own is
-/// replaced by each write.
-class SuiteLock {
- public:
-  explicit SuiteLock(const std::string& path)
-      : processLock_(processMutex()), file_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-    while (file_ >= 0 && ::flock(file_, LOCK_EX) != 0 && errno == EINTR) {
-    }
-  }
-  SuiteLock(const SuiteLock&) = delete;
-  SuiteLock& operator=(const SuiteLock&) = delete;
-  ~SuiteLock() {
-    if (file_ >= 0) ::close(file_);
-  }
+/// A writer holds the lock for some milliseconds; one that was stopped while it held it must not stop us,
+/// too.
+constexpr std::chrono::seconds longestWaitForLock{5};
 
- private:
-  static std::mutex& processMutex() {
-    static auto& mutex = *new std::mutex;
-    return mutex;
-  }
-
-  const std::lock_guard<std::mutex> processLock_;
-  const int file_;  // -1 where the folder cannot be written: then nothing will be replaced either
-};
+/// One lock for all suites of this process: they are few, and GLib's variants then have one caller at a time,
+/// as far as ThreadSanitizer can see (GLib's own locks are futexes, which it cannot).
+std::mutex& processMutex() {
+  static auto& mutex = *new std::mutex;
+  return mutex;
+}
 
 std::string printed(const std::map<std::string, id>& values) {
   GVariantBuilder builder;
@@ -166,9 +150,15 @@ void applyChanges(const StoredValues& changes, StoredValues& values) {
 
 }  // namespace
 
+// Without the lock between processes: writers replace the file as a whole.
 NSUserDefaults::NSUserDefaults(std::string filePath) : filePath_(std::move(filePath)) {
-  const SuiteLock suiteLock(lockPath());
-  if (auto stored = load()) values_ = std::move(*stored);
+  const std::lock_guard processLock(processMutex());
+  NSErrorRef error;
+  if (auto stored = load(Damaged::leave, &error)) {
+    values_ = std::move(*stored);
+  } else {
+    NSLog(NSLogLevel::warning, "NSUserDefaults", error->localizedDescription());
+  }
 }
 
 std::shared_ptr<NSUserDefaults> NSUserDefaults::initWithSuiteName(const std::string& suiteName) {
@@ -178,19 +168,22 @@ std::shared_ptr<NSUserDefaults> NSUserDefaults::initWithSuiteName(const std::str
   return std::make_shared<NSUserDefaults>(appendingPathComponent(configFolder(), suiteName + ".defaults"));
 }
 
-/// What the file holds: nothing in it when it is missing or was damaged and is kept aside; no values at all
-/// when a file is there that must not be replaced, because it could be neither read nor kept.
-std::optional<NSUserDefaults::Values> NSUserDefaults::load() const {
-  NSErrorRef error;
-  const auto text = readFile(filePath_, maxFileBytes, &error);
-  if (!text && error->code() == ENOENT) return Values();
-  if (!text && error->code() != EFBIG) {
-    NSLog(NSLogLevel::warning, "NSUserDefaults", error->localizedDescription());
+/// What the file holds: nothing in it when it is missing or damaged; no values at all when a file is there
+/// that must not be replaced, because it could be neither read nor kept aside.
+/// @param damaged  what becomes of a damaged file; to keep it aside REQUIRES the suite's lock.
+std::optional<NSUserDefaults::Values> NSUserDefaults::load(Damaged damaged, NSErrorRef* error) const {
+  NSErrorRef reason;
+  const auto text = readFile(filePath_, maxFileBytes, &reason);
+  if (!text && reason->code() == ENOENT) return Values();
+  if (!text && reason->code() != EFBIG) {
+    setError(error, reason);
     return std::nullopt;
   }
   auto values = text ? parsed(*text) : std::nullopt;
   if (values) return values;
-  return keepAside(filePath_) ? std::optional(Values()) : std::nullopt;
+  if (damaged == Damaged::leave || keepAside(filePath_)) return Values();
+  setError(error, NSError::posix(EBADMSG, filePath_));
+  return std::nullopt;
 }
 
 id NSUserDefaults::objectForKey(const std::string& key) const {
@@ -219,31 +212,35 @@ NSUserDefaults::Values NSUserDefaults::pendingNow() const {
   return pending_;
 }
 
-bool NSUserDefaults::synchronize() {
-  if (!pendingNow().empty()) {
-    NSErrorRef error;
-    if (!NSFileManager::defaultManager().createDirectoryAtPath(deletingLastPathComponent(filePath_), true,
-                                                               &error)) {
-      NSLog(NSLogLevel::warning, "synchronize", error->localizedDescription());
-      return false;
-    }
-  }
-  const SuiteLock suiteLock(lockPath());
-  const Values pending =
-      pendingNow();  // under the lock: an older copy must not follow a newer one to the disk
-  auto merged = load();
-  if (!merged) return false;
-  applyChanges(pending, *merged);
-  if (!pending.empty() && !store(*merged)) return false;
-  adopt(std::move(*merged), pending);
-  return true;
+bool NSUserDefaults::synchronize(NSErrorRef* error) {
+  NSErrorRef reason;
+  if (synchronizeLocked(&reason)) return true;
+  NSLog(NSLogLevel::warning, "synchronize", reason->localizedDescription());
+  setError(error, reason);
+  return false;
 }
 
-bool NSUserDefaults::store(const Values& values) const {
-  NSErrorRef error;
-  if (writeFileAtomically(filePath_, printed(values), 0600, &error)) return true;
-  NSLog(NSLogLevel::warning, "synchronize", error->localizedDescription());
-  return false;
+bool NSUserDefaults::synchronizeLocked(NSErrorRef* error) {
+  const std::lock_guard processLock(processMutex());
+  if (pendingNow().empty()) {
+    auto onDisk = load(Damaged::leave, error);
+    if (onDisk) adopt(std::move(*onDisk), {});
+    return onDisk.has_value();
+  }
+  if (!makePrivateFolder(deletingLastPathComponent(filePath_), error)) return false;
+  const FileLock lock(lockPath(), longestWaitForLock);
+  if (!lock.isHeld()) {
+    setError(error, lock.error());
+    return false;
+  }
+  const Values pending =
+      pendingNow();  // under the lock: an older copy must not follow a newer one to the disk
+  auto merged = load(Damaged::keepAside, error);
+  if (!merged) return false;
+  applyChanges(pending, *merged);
+  if (!writeFileAtomically(filePath_, printed(*merged), 0600, error)) return false;
+  adopt(std::move(*merged), pending);
+  return true;
 }
 
 /// Takes over what is on the disk, except for keys that were set again while it was being written.

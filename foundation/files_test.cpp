@@ -1,6 +1,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -19,6 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "foundation/FileLock.h"
 #include "foundation/NSBundle.h"
 #include "foundation/NSDate.h"
 #include "foundation/NSFileManager.h"
@@ -27,6 +29,7 @@
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
 #include "foundation/NSUserDefaults.h"
+#include "foundation/PrivateFiles.h"
 #include "foundation/StandardFolders.h"
 #include "testing/TemporaryFolder.h"
 
@@ -329,6 +332,37 @@ TEST(Defaults, WritersAtTheSameTimeLoseNothing) {
   }
 }
 
+TEST(Defaults, ALockThatAnotherProcessKeepsIsWaitedForOnlySoLong) {
+  const Folder folder;
+  const std::string file = folder / "suite.defaults";
+  ASSERT_TRUE(writeFile(file, "{'k': <'v'>}"));
+  std::array<int, 2> ready{};
+  ASSERT_EQ(::pipe(ready.data()), 0);
+  const pid_t holder = ::fork();
+  if (holder == 0) {
+    const FileLock lock(file + ".lock", std::chrono::seconds(0));
+    if (::write(ready[1], lock.isHeld() ? "y" : "n", 1) == 1)
+      while (true) ::pause();
+    ::_exit(1);
+  }
+  char isHeld = 0;
+  ASSERT_EQ(::read(ready[0], &isHeld, 1), 1);
+  ASSERT_EQ(isHeld, 'y');
+  NSUserDefaults defaults(file);
+  EXPECT_EQ(*textOf(defaults.objectForKey("k")), "v") << "reading needs no lock";
+  EXPECT_TRUE(defaults.synchronize());
+  defaults.setValue(str("other"), "k");
+  NSErrorRef error;
+  EXPECT_FALSE(defaults.synchronize(&error));
+  EXPECT_EQ(codeOf(error), EWOULDBLOCK);
+  const std::string text = error ? error->localizedDescription() : "";
+  EXPECT_NE(text.find("(process " + std::to_string(holder) + ") holds its lock"), std::string::npos) << text;
+  ::kill(holder, SIGKILL);
+  ::waitpid(holder, nullptr, 0);
+  EXPECT_TRUE(defaults.synchronize()) << "what is pending is stored when the lock is free again";
+  EXPECT_EQ(*textOf(NSUserDefaults(file).objectForKey("k")), "other");
+}
+
 TEST(Defaults, AFullDiskKeepsTheOldFile) {
   const Folder folder;
   // In a mount namespace of its own, so that the disk goes with this process however it ends.
@@ -353,6 +387,63 @@ TEST(Defaults, AFullDiskKeepsTheOldFile) {
   defaults.setValue(str("new"), "k");
   EXPECT_TRUE(defaults.synchronize());
   EXPECT_EQ(*textOf(NSUserDefaults(file).objectForKey("k")), "new");
+}
+
+TEST(PrivateFiles, OwnFoldersAreMadeAndKeptForTheOwnerOnly) {
+  const Folder folder;
+  ::setenv("KZV_HOME", (folder / "home").c_str(), 1);
+  fs::create_directories(folder / "home");
+  fs::permissions(folder / "home", fs::perms(0755));
+  fs::create_directories(folder / "home/config");
+  const mode_t old = ::umask(0);
+  NSErrorRef error;
+  EXPECT_TRUE(makePrivateFolder(folder / "home/data/credentials/key", &error)) << codeOf(error);
+  EXPECT_TRUE(makePrivateFolder(folder / "home/config", &error)) << codeOf(error);
+  ::umask(old);
+  for (const char* made : {"home/data", "home/data/credentials", "home/data/credentials/key", "home/config"})
+    EXPECT_EQ(modeOf(folder / made), 0700U) << made;
+  EXPECT_EQ(modeOf(folder / "home"), 0755U) << "the user's choice, not ours";
+  fs::permissions(folder / "home/data", fs::perms(0755));
+  EXPECT_TRUE(makePrivateFolder(folder / "home/data/credentials/key"));
+  EXPECT_EQ(modeOf(folder / "home/data"), 0700U) << "repaired";
+  ASSERT_TRUE(writeFile(folder / "home/state", ""));
+  EXPECT_FALSE(makePrivateFolder(folder / "home/state", &error));
+  EXPECT_EQ(codeOf(error), ENOTDIR);
+  if (::geteuid() != 0) return;
+  ASSERT_EQ(::chown((folder / "home/data").c_str(), 65534, 65534), 0);
+  const pid_t child = ::fork();  // as a user whose folder belongs to somebody else
+  if (child == 0) {
+    if (::chmod(folder.path().c_str(), 0755) != 0 || ::setresuid(65533, 65533, 65533) != 0) ::_exit(2);
+    ::_exit(!makePrivateFolder(folder / "home/data", &error) && codeOf(error) == EPERM ? 0 : 1);
+  }
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+TEST(PrivateFiles, AreReadOnlyWhenTheyAreOurs) {
+  const Folder folder;
+  const auto file = [&](const std::string& name, fs::perms mode) {
+    EXPECT_TRUE(writeFile(folder / name, "secret"));
+    fs::permissions(folder / name, mode);
+  };
+  file("closed", fs::perms(0600));
+  file("open", fs::perms(0666));
+  fs::create_symlink(folder / "closed", folder / "link");
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
+  struct Case {
+    const char* name;
+    int error;  // 0: read
+  };
+  const Case cases[] = {{"closed", 0},    {"open", 0},        {"link", ELOOP},
+                        {"pipe", EINVAL}, {"absent", ENOENT}, {".", EISDIR}};
+  for (const Case& c : cases) {
+    NSErrorRef error;
+    EXPECT_EQ(readPrivateFile(folder / c.name, plenty, &error).has_value(), c.error == 0) << c.name;
+    EXPECT_EQ(codeOf(error), c.error) << c.name;
+  }
+  EXPECT_EQ(modeOf(folder / "open"), 0600U) << "closed before it is read";
+  EXPECT_FALSE(readPrivateFile(folder / "closed", 5));
 }
 
 TEST(DefaultsDeathTest, HoldNoContainers) {

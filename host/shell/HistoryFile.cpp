@@ -10,6 +10,7 @@
 #include "foundation/Descriptor.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/Paths.h"
+#include "foundation/PrivateFiles.h"
 #include "foundation/StandardFolders.h"
 
 namespace {
@@ -41,7 +42,7 @@ std::vector<std::string> HistoryFile::load() {
 
 void HistoryFile::add(const std::string& line) {
   if (line == last_ || line.empty() || line.size() > longestLineBytes) return;
-  NSFileManager::defaultManager().createDirectoryAtPath(deletingLastPathComponent(path_), true);
+  makePrivateFolder(deletingLastPathComponent(path_));
   const Descriptor file(
       ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, ownerOnly));
   struct stat status {};
