@@ -1,10 +1,10 @@
 #include "sdk/CredentialStore.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <string_view>
 
-#include "foundation/NSLog.h"
 #include "foundation/StandardFolders.h"
 #include "sdk/ServiceJson.h"
 
@@ -19,60 +19,64 @@ class PreferringStore final : public CredentialStore {
   PreferringStore(std::unique_ptr<CredentialStore> preferred, std::unique_ptr<CredentialStore> fallback)
       : preferred_(std::move(preferred)), fallback_(std::move(fallback)) {}
 
-  std::optional<std::vector<DBCredential>> load(NSErrorRef* error) override {
-    NSErrorRef reason;
-    auto credentials = preferred_->load(&reason);
-    if (!credentials) NSLog(NSLogLevel::info, __func__, "No secret service; tokens are kept in a file.");
-    auto filed = fallback_->load(error);
-    if (!filed) return credentials;
-    if (!credentials) return filed;
-    for (DBCredential& credential : *filed) {
-      const bool known = std::any_of(credentials->begin(), credentials->end(),
+  StoredAccounts load() override {
+    StoredAccounts stored = preferred_->load();
+    StoredAccounts filed = fallback_->load();
+    for (DBCredential& credential : filed.credentials) {
+      const bool known = std::any_of(stored.credentials.begin(), stored.credentials.end(),
                                      [&](const auto& other) { return other.userId == credential.userId; });
-      if (!known) credentials->push_back(std::move(credential));
+      if (!known) stored.credentials.push_back(std::move(credential));
     }
-    return credentials;
+    if (!stored.error) stored.error = filed.error;
+    return stored;
   }
 
-  bool save(const DBCredential& credential, NSErrorRef* error) override {
-    if (preferred_->save(credential, nullptr)) {
-      fallback_->remove(credential.userId, nullptr);  // an older copy of the tokens serves nobody
+  bool save(const DBCredential& credential, NSErrorRef* error, const IsWanted& isWanted) override {
+    if (preferred_->save(credential, nullptr, isWanted)) {
+      fallback_->remove(credential.userId, nullptr, nullptr);  // older tokens serve nobody
       return true;
     }
-    return fallback_->save(credential, error);
+    return fallback_->save(credential, error, isWanted);
   }
 
   bool update(const DBCredential& credential, NSErrorRef* error) override {
-    return eitherSucceeds(
-        [&](CredentialStore& store, NSErrorRef* reason) { return store.update(credential, reason); }, error);
+    const bool isFiled = fallback_->update(credential, error);
+    return preferred_->update(credential, error) && isFiled;
   }
 
-  bool remove(const std::string& userId, NSErrorRef* error) override {
-    return eitherSucceeds(
-        [&](CredentialStore& store, NSErrorRef* reason) { return store.remove(userId, reason); }, error);
+  bool remove(const std::string& userId, const DBCredential* only, NSErrorRef* error) override {
+    const bool isFileFree = fallback_->remove(userId, only, error);
+    return preferred_->remove(userId, only, error) && isFileFree;
   }
 
  private:
-  template <class Change>
-  bool eitherSucceeds(Change change, NSErrorRef* error) {
-    NSErrorRef reason;
-    const bool preferred = change(*preferred_, nullptr);
-    if (change(*fallback_, &reason) || preferred) return true;
-    setError(error, reason);
-    return false;
-  }
-
   const std::unique_ptr<CredentialStore> preferred_;
   const std::unique_ptr<CredentialStore> fallback_;
 };
 
 }  // namespace
 
-std::unique_ptr<CredentialStore> makeDefaultCredentialStore(const std::string& appKey) {
-  auto file = makeFileCredentialStore(dataFolder() + "/credentials", appKey);
+bool isSameLinking(const DBCredential& left, const DBCredential& right) {
+  if (left.userId != right.userId || left.refreshToken != right.refreshToken) return false;
+  return !left.refreshToken.empty() || left.accessToken == right.accessToken;
+}
+
+bool failUnwanted(NSErrorRef* error) {
+  setError(error, NSError::posix(ECANCELED, ""));
+  return false;
+}
+
+// The service's own accounts are kept under the application's key alone, so that what earlier versions stored
+// without an origin counts as the service's.
+std::unique_ptr<CredentialStore> makeDefaultCredentialStore(const std::string& appKey,
+                                                            const std::string& origin) {
+  const std::string name = origin.empty() ? appKey : appKey + "@" + origin;
+  const std::string folder = dataFolder() + "/credentials";
+  auto file = makeFileCredentialStore(folder, name);
   const char* choice = std::getenv("KZV_TOKEN_STORE");
   if (choice && std::string_view(choice) == "file") return file;
-  return std::make_unique<PreferringStore>(makeSecretCredentialStore(appKey), std::move(file));
+  return std::make_unique<PreferringStore>(makeSecretCredentialStore(name, folder + "/secret-service.lock"),
+                                           std::move(file));
 }
 
 std::string credentialText(const DBCredential& credential) {
@@ -83,7 +87,7 @@ std::string credentialText(const DBCredential& credential) {
 }
 
 std::optional<DBCredential> credentialFromText(std::string_view text) {
-  const auto document = servicejson::Document::parse(text);
+  const auto document = servicejson::Document::parseSecret(text);
   if (!document) return std::nullopt;
   const json::object& object = document->root();
   const auto userId = servicejson::text(object, "account_id");

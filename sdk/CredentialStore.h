@@ -1,39 +1,59 @@
 #pragma once
+#include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "foundation/NSError.h"
 #include "sdk/DBSession.h"
 
-/// Keeps the linked accounts and their tokens from one start to the next. Several processes may use one store
-/// at the same time: every change is made to what is stored at that moment, so no process loses another's
-/// account. Any thread; every call blocks for as long as the disk or the secret service takes, which is
-/// bounded.
+/// What a store holds.
+struct StoredAccounts {
+  std::vector<DBCredential> credentials;  // in the order of linking
+  NSErrorRef error;  // set: the store could not be read, or not all of it, so accounts may be missing
+};
+
+/// Keeps the linked accounts of one application at one service, with their tokens, from one start to the
+/// next. Several processes may use one store at the same time: every change is made to what is stored at that
+/// moment, so no process loses another's account or overwrites a newer linking. Any thread; every call blocks
+/// for as long as the disk or the secret service takes, which is bounded.
 class CredentialStore {
  public:
+  /// Asked just before the store is changed; false leaves it as it is.
+  using IsWanted = std::function<bool()>;
+
   virtual ~CredentialStore() = default;
-  /// In the order of linking; nothing when the store cannot be read (a store that does not exist is empty).
-  virtual std::optional<std::vector<DBCredential>> load(NSErrorRef* error) = 0;
-  /// Adds the account, or replaces it where it stands. On failure the store is as before.
-  virtual bool save(const DBCredential& credential, NSErrorRef* error) = 0;
-  /// Replaces the account if it is still there; an account that is not stays away. False only on failure.
+  /// A store that does not exist is empty.
+  virtual StoredAccounts load() = 0;
+  /// Adds the account, or replaces it where it stands. On failure the store is as before; when `isWanted`
+  /// says no, that is a failure with POSIX error ECANCELED.
+  virtual bool save(const DBCredential& credential, NSErrorRef* error, const IsWanted& isWanted = {}) = 0;
+  /// Replaces the account if it is still there by the same linking (isSameLinking). False only on failure.
   virtual bool update(const DBCredential& credential, NSErrorRef* error) = 0;
-  /// Unknown accounts are fine.
-  virtual bool remove(const std::string& userId, NSErrorRef* error) = 0;
+  /// Removes the account; with `only`, if it is still there by that linking. Unknown accounts are fine.
+  virtual bool remove(const std::string& userId, const DBCredential* only, NSErrorRef* error) = 0;
 };
+
+/// Whether two credentials of an account come from the same linking: a renewal keeps the refresh token.
+bool isSameLinking(const DBCredential& left, const DBCredential& right);
+/// Sets ECANCELED and returns false.
+bool failUnwanted(NSErrorRef* error);
 
 /// A JSON file of mode 0600 in a folder of mode 0700 of its own, replaced as a whole; a lock file beside it
 /// admits one writer at a time.
 /// @param folder  where the store's own folder lies; created when it is missing.
-std::unique_ptr<CredentialStore> makeFileCredentialStore(const std::string& folder,
-                                                         const std::string& appKey);
+/// @param name    names the application and the service.
+std::unique_ptr<CredentialStore> makeFileCredentialStore(const std::string& folder, const std::string& name);
 /// The desktop's secret service (freedesktop.org Secret Service API). Every call fails within seconds when
-/// there is none.
-std::unique_ptr<CredentialStore> makeSecretCredentialStore(const std::string& appKey);
+/// it does not answer; where there is none, the store is empty and takes nothing.
+/// @param lockFile  admits one writer at a time, since the secret service cannot compare and replace at once.
+std::unique_ptr<CredentialStore> makeSecretCredentialStore(const std::string& name,
+                                                           const std::string& lockFile);
 /// The secret service, and the file wherever that fails; the file alone when KZV_TOKEN_STORE is "file".
-std::unique_ptr<CredentialStore> makeDefaultCredentialStore(const std::string& appKey);
+/// @param origin  the origin that stands in for the service; empty for the service itself. Tokens that one
+///                origin gave are never found for another.
+std::unique_ptr<CredentialStore> makeDefaultCredentialStore(const std::string& appKey,
+                                                            const std::string& origin);
 
 /// One account as JSON text and back; nothing for any other text. Holds secrets.
 std::string credentialText(const DBCredential& credential);

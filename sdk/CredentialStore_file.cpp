@@ -3,17 +3,17 @@
 #include <cerrno>
 #include <chrono>
 #include <functional>
-#include <thread>
 #include <utility>
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include "foundation/FileLock.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/NSLog.h"
+#include "foundation/NSString.h"
 #include "foundation/OwnFolder.h"
+#include "foundation/PrivateFiles.h"
+#include "foundation/Secrets.h"
 #include "sdk/CredentialStore.h"
 #include "sdk/ServiceJson.h"
 
@@ -25,14 +25,13 @@ using Credentials = std::vector<DBCredential>;
 
 constexpr std::uint64_t fileLimitBytes = 4UL * 1024 * 1024;
 constexpr unsigned ownerReadWrite = 0600;
-constexpr unsigned ownerOnlyFolder = 0700;
 // A writer holds the lock for some milliseconds; one that was stopped while it held it must not stop us, too.
 constexpr std::chrono::seconds longestWaitForLock{5};
 
-/// An application's key as a folder's name; what is not plain becomes its hexadecimal code.
-std::string fileNameFor(const std::string& appKey) {
+/// A store's name as a folder's; what is not plain becomes its hexadecimal code.
+std::string fileNameFor(const std::string& storeName) {
   std::string name;
-  for (const char c : appKey) {
+  for (const char c : storeName) {
     const auto byte = static_cast<unsigned char>(c);
     if (std::isalnum(byte) || c == '-') {
       name += c;
@@ -45,53 +44,34 @@ std::string fileNameFor(const std::string& appKey) {
   return name.empty() ? "default" : name;
 }
 
-/// Holds the store's lock file for its lifetime. The lock goes with the process, however that ends.
-class StoreLock {
- public:
-  explicit StoreLock(const std::string& path)
-      : descriptor_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, ownerReadWrite)) {
-    if (descriptor_ < 0) {
-      errno_ = errno;
-      return;
-    }
-    const auto giveUpAt = std::chrono::steady_clock::now() + longestWaitForLock;
-    while (::flock(descriptor_, LOCK_EX | LOCK_NB) != 0) {
-      errno_ = errno;
-      if ((errno_ != EWOULDBLOCK && errno_ != EINTR) || std::chrono::steady_clock::now() > giveUpAt) return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    errno_ = 0;
-  }
-  ~StoreLock() {
-    if (descriptor_ >= 0) ::close(descriptor_);
-  }
-  StoreLock(const StoreLock&) = delete;
-  StoreLock& operator=(const StoreLock&) = delete;
-  int errnoValue() const noexcept { return errno_; }  // 0: held
-
- private:
-  const int descriptor_;
-  int errno_ = 0;
+struct ParsedFile {
+  Credentials credentials;
+  bool isWhole = false;  // false: what could be read of a damaged file
 };
 
-std::optional<Credentials> parsedFile(std::string_view text) {
-  const auto document = servicejson::Document::parse(text);
+ParsedFile parsedFile(std::string_view text) {
+  const auto document = servicejson::Document::parseSecret(text);
   const json::array* accounts = document ? servicejson::array(document->root(), "accounts") : nullptr;
-  if (!accounts) return std::nullopt;
-  Credentials credentials;
+  if (!accounts) return {};
+  ParsedFile parsed{{}, true};
   for (const json::value& account : *accounts) {
-    if (auto credential = credentialFromText(json::serialize(account))) {
-      credentials.push_back(std::move(*credential));
-    }
+    std::string record = json::serialize(account);
+    const SecretScope cleared(record);
+    auto credential = credentialFromText(record);
+    parsed.isWhole = parsed.isWhole && credential;
+    if (credential) parsed.credentials.push_back(*credential);
   }
-  return credentials;
+  return parsed;
 }
 
 std::string fileText(const Credentials& credentials) {
   std::string text = "{\"accounts\":[";
   for (const DBCredential& credential : credentials) {
+    std::string record = credentialText(credential);
+    const SecretScope cleared(record);
+    text.reserve(text.size() + record.size() + 16);
     if (&credential != &credentials.front()) text += ',';
-    text += "\n  " + credentialText(credential);
+    (text += "\n  ") += record;
   }
   return text += "\n]}\n";
 }
@@ -103,15 +83,22 @@ auto positionOf(Credentials& credentials, const std::string& userId) {
 
 class FileStore final : public CredentialStore {
  public:
-  FileStore(const std::string& folder, const std::string& appKey)
-      : folder_(folder + "/" + fileNameFor(appKey)), file_(folder_ + "/accounts.json") {}
+  FileStore(const std::string& folder, const std::string& name)
+      : folder_(folder + "/" + fileNameFor(name)), file_(folder_ + "/accounts.json") {}
 
-  std::optional<Credentials> load(NSErrorRef* error) override {
-    return read(error, [] {});
+  StoredAccounts load() override {
+    StoredAccounts stored;
+    bool isWhole = true;
+    read(stored.credentials, isWhole, &stored.error);
+    if (!isWhole) setError(&stored.error, damagedError());
+    return stored;
   }
 
-  bool save(const DBCredential& credential, NSErrorRef* error) override {
-    return change(error, [&](Credentials& credentials) {
+  bool save(const DBCredential& credential, NSErrorRef* error, const IsWanted& isWanted) override {
+    bool wasWanted = true;
+    const bool isSaved = change(error, [&](Credentials& credentials) {
+      wasWanted = !isWanted || isWanted();
+      if (!wasWanted) return false;
       const auto found = positionOf(credentials, credential.userId);
       if (found == credentials.end()) {
         credentials.push_back(credential);
@@ -120,37 +107,66 @@ class FileStore final : public CredentialStore {
       }
       return true;
     });
+    return wasWanted ? isSaved : failUnwanted(error);
   }
 
   bool update(const DBCredential& credential, NSErrorRef* error) override {
     return change(error, [&](Credentials& credentials) {
       const auto found = positionOf(credentials, credential.userId);
-      if (found == credentials.end()) return false;
+      if (found == credentials.end() || !isSameLinking(*found, credential)) return false;
       *found = credential;
       return true;
     });
   }
 
-  bool remove(const std::string& userId, NSErrorRef* error) override {
+  bool remove(const std::string& userId, const DBCredential* only, NSErrorRef* error) override {
     return change(error, [&](Credentials& credentials) {
       const auto found = positionOf(credentials, userId);
-      if (found == credentials.end()) return false;
+      if (found == credentials.end() || (only && !isSameLinking(*found, *only))) return false;
       credentials.erase(found);
       return true;
     });
   }
 
  private:
-  /// A damaged file counts as empty; `putAside` then decides what becomes of it.
-  std::optional<Credentials> read(NSErrorRef* error, const std::function<void()>& putAside) const {
-    struct stat status {};
-    if (::lstat(file_.c_str(), &status) != 0 && errno == ENOENT) return Credentials{};
-    const auto text = readFile(file_, fileLimitBytes, error);
-    if (!text) return std::nullopt;
-    if (auto credentials = parsedFile(*text)) return credentials;
-    NSLog(NSLogLevel::error, __func__, "The file of linked accounts is damaged: " + file_);
-    putAside();
-    return Credentials{};
+  /// @param isWhole  false when the file is damaged; `credentials` then holds what could be read of it.
+  bool read(Credentials& credentials, bool& isWhole, NSErrorRef* error) const {
+    NSErrorRef reason;
+    auto text = readPrivateFile(file_, fileLimitBytes, &reason);
+    if (!text && reason->code() == ENOENT) return true;
+    if (!text) {
+      setError(error, reason);
+      return false;
+    }
+    const SecretScope cleared(*text);
+    ParsedFile parsed = parsedFile(*text);
+    credentials = std::move(parsed.credentials);
+    isWhole = parsed.isWhole;
+    return true;
+  }
+
+  NSErrorRef damagedError() const {
+    return std::make_shared<NSError>(
+        std::string(NSPOSIXErrorDomain), EBADMSG,
+        NSDictionary::with(
+            {{NSLocalizedDescriptionKey, str("the file of linked accounts is damaged: " + file_)}}));
+  }
+
+  /// Keeps a damaged file under a name of its own: the next write would be its end, and perhaps a person can
+  /// still read something in it. REQUIRES the lock.
+  bool keepAside(NSErrorRef* error) const {
+    constexpr int mostKept = 100;
+    for (int number = 1; number <= mostKept; ++number) {
+      const std::string aside = file_ + ".damaged-" + std::to_string(number);
+      if (::link(file_.c_str(), aside.c_str()) == 0) {
+        NSLog(NSLogLevel::error, "CredentialStore",
+              "The file of linked accounts is damaged; it is kept as " + aside);
+        return true;
+      }
+      if (errno != EEXIST) break;
+    }
+    setError(error, damagedError());
+    return false;
   }
 
   /// What a writer left behind that was killed in the middle, and nothing else: the folder may be a link to
@@ -162,31 +178,23 @@ class FileStore final : public CredentialStore {
       if (isAtomicWriteName(name)) folder->removeFile(name);
   }
 
-  bool makeFolder(NSErrorRef* error) const {
-    struct stat status {};
-    if (::stat(folder_.c_str(), &status) != 0) {
-      if (!NSFileManager::defaultManager().createDirectoryAtPath(folder_, true, error)) return false;
-    } else if ((status.st_mode & 0777) == ownerOnlyFolder) {
-      return true;
-    }
-    if (::chmod(folder_.c_str(), ownerOnlyFolder) == 0) return true;
-    setError(error, NSError::posix(errno, folder_));
-    return false;
-  }
-
   /// Reads, lets `edit` change, and writes back if it says so; all that under the lock.
   bool change(NSErrorRef* error, const std::function<bool(Credentials&)>& edit) {
-    if (!makeFolder(error)) return false;
-    const StoreLock lock(file_ + ".lock");
-    if (lock.errnoValue() != 0) {
-      setError(error, NSError::posix(lock.errnoValue(), file_));
+    if (!makePrivateFolder(folder_, error)) return false;
+    const FileLock lock(file_ + ".lock", longestWaitForLock);
+    if (!lock.isHeld()) {
+      setError(error, lock.error());
       return false;
     }
     removeLeftovers();
-    // The write below would be its end, and perhaps a person can still read something in it.
-    auto credentials = read(error, [&] { ::rename(file_.c_str(), (file_ + ".damaged").c_str()); });
-    if (!credentials) return false;
-    return !edit(*credentials) || writeFileAtomically(file_, fileText(*credentials), ownerReadWrite, error);
+    Credentials credentials;
+    bool isWhole = true;
+    if (!read(credentials, isWhole, error)) return false;
+    if (!edit(credentials)) return true;
+    if (!isWhole && !keepAside(error)) return false;
+    std::string text = fileText(credentials);
+    const SecretScope cleared(text);
+    return writeFileAtomically(file_, text, ownerReadWrite, error);
   }
 
   const std::string folder_;
@@ -195,7 +203,6 @@ class FileStore final : public CredentialStore {
 
 }  // namespace
 
-std::unique_ptr<CredentialStore> makeFileCredentialStore(const std::string& folder,
-                                                         const std::string& appKey) {
-  return std::make_unique<FileStore>(folder, appKey);
+std::unique_ptr<CredentialStore> makeFileCredentialStore(const std::string& folder, const std::string& name) {
+  return std::make_unique<FileStore>(folder, name);
 }

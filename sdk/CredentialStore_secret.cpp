@@ -7,7 +7,12 @@
 
 #include <libsecret/secret.h>
 
+#include "foundation/FileLock.h"
+#include "foundation/NSLog.h"
 #include "foundation/NSString.h"
+#include "foundation/Paths.h"
+#include "foundation/PrivateFiles.h"
+#include "foundation/Secrets.h"
 #include "sdk/CredentialStore.h"
 #include "sdk/DBError.h"
 #include "sdk/ServiceJson.h"
@@ -50,6 +55,7 @@ struct Call {
   ObjectRef<GCancellable> cancellable{g_cancellable_new()};
   std::promise<bool> succeeded;
   Credentials found;
+  bool isComplete = true;  // false: some items could not be read
 };
 
 /// Runs `body` on a thread of its own, because a secret service that hangs (or waits for a person to unlock
@@ -73,12 +79,51 @@ bool succeeded(GError* error) {
 void collect(SecretRetrievable* item, Call& call) {
   GError* error = nullptr;
   SecretValue* value = secret_retrievable_retrieve_secret_sync(item, call.cancellable.get(), &error);
-  if (succeeded(error) && value) {
-    if (const char* text = secret_value_get_text(value)) {
-      if (auto credential = credentialFromText(text)) call.found.push_back(std::move(*credential));
-    }
+  const char* text = succeeded(error) && value ? secret_value_get_text(value) : nullptr;
+  const auto credential = text ? credentialFromText(text) : std::nullopt;
+  if (credential) {
+    call.found.push_back(*credential);
+  } else {
+    call.isComplete = false;
   }
   if (value) secret_value_unref(value);
+}
+
+bool answersTrue(GDBusConnection* bus, Call& call, const char* method, GVariant* arguments,
+                 const std::function<bool(GVariant*)>& test) {
+  GError* error = nullptr;
+  GVariant* answer = g_dbus_connection_call_sync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                 "org.freedesktop.DBus", method, arguments, nullptr,
+                                                 G_DBUS_CALL_FLAGS_NONE, -1, call.cancellable.get(), &error);
+  if (!succeeded(error) || !answer) return false;
+  const bool result = test(answer);
+  g_variant_unref(answer);
+  return result;
+}
+
+/// Whether this session has a secret service, running or to be started on demand (D-Bus Specification,
+/// "Message Bus Messages"). Without one a failed call says nothing about stored accounts.
+bool hasSecretService(Call& call) {
+  GError* error = nullptr;
+  const ObjectRef<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SESSION, call.cancellable.get(), &error));
+  if (!succeeded(error) || !bus) return false;
+  constexpr const char* service = "org.freedesktop.secrets";
+  const auto isOwned = [](GVariant* answer) {
+    gboolean owned = FALSE;
+    g_variant_get(answer, "(b)", &owned);
+    return owned != FALSE;
+  };
+  const auto isListed = [](GVariant* answer) {
+    GVariantIter* names = nullptr;
+    g_variant_get(answer, "(as)", &names);
+    bool found = false;
+    const char* name = nullptr;
+    while (g_variant_iter_loop(names, "&s", &name)) found = found || std::string_view(name) == service;
+    g_variant_iter_free(names);
+    return found;
+  };
+  return answersTrue(bus.get(), call, "NameHasOwner", g_variant_new("(s)", service), isOwned) ||
+         answersTrue(bus.get(), call, "ListActivatableNames", nullptr, isListed);
 }
 
 void sortByCreation(GList*& items) {
@@ -90,81 +135,127 @@ void sortByCreation(GList*& items) {
   });
 }
 
-bool search(const std::string& appKey, Call& call) {
+bool search(const std::string& name, Call& call) {
   GError* error = nullptr;
   GList* items = secret_password_search_sync(
       schema(),
       static_cast<SecretSearchFlags>(SECRET_SEARCH_ALL | SECRET_SEARCH_UNLOCK | SECRET_SEARCH_LOAD_SECRETS),
-      call.cancellable.get(), &error, "application", appKey.c_str(), nullptr);
-  if (!succeeded(error)) return false;
+      call.cancellable.get(), &error, "application", name.c_str(), nullptr);
+  if (!succeeded(error)) {
+    if (hasSecretService(call)) return false;
+    NSLog(NSLogLevel::info, "CredentialStore", "No secret service; tokens are kept in a file.");
+    return true;
+  }
   sortByCreation(items);  // replacing an item keeps the time of its creation, so an account keeps its place
   for (GList* item = items; item; item = item->next) collect(SECRET_RETRIEVABLE(item->data), call);
   g_list_free_full(items, g_object_unref);
   return true;
 }
 
+/// The failure of a call that has told no reason.
+NSErrorRef unavailable(std::string_view reason) {
+  return std::make_shared<NSError>(
+      std::string(DBErrorDomain), DBErrorLocalFile,
+      NSDictionary::with(
+          {{NSLocalizedDescriptionKey, str("the desktop's secret service " + std::string(reason))}}));
+}
+
+bool finished(bool outcome, NSErrorRef* error) {
+  if (!outcome) setError(error, unavailable("does not answer"));
+  return outcome;
+}
+
 /// One item of the default collection per account.
 class SecretStore final : public CredentialStore {
  public:
-  explicit SecretStore(std::string appKey) : appKey_(std::move(appKey)) {}
+  SecretStore(std::string name, std::string lockFile)
+      : name_(std::move(name)), lockFile_(std::move(lockFile)) {}
 
-  std::optional<Credentials> load(NSErrorRef* error) override {
+  StoredAccounts load() override {
     const auto call = std::make_shared<Call>();
-    if (runBounded(call, [appKey = appKey_](Call& own) { return search(appKey, own); })) {
-      return std::move(call->found);
-    }
-    setError(error, unavailable());
-    return std::nullopt;
+    if (!runBounded(call, [name = name_](Call& own) { return search(name, own); }))
+      return {{}, unavailable("does not answer")};
+    StoredAccounts stored{call->found, nullptr};
+    if (!call->isComplete) stored.error = unavailable("keeps an account locked, or damaged");
+    return stored;
   }
 
-  bool save(const DBCredential& credential, NSErrorRef* error) override {
-    const auto body = [appKey = appKey_, userId = credential.userId,
-                       text = credentialText(credential)](Call& own) {
+  bool save(const DBCredential& credential, NSErrorRef* error, const IsWanted& isWanted) override {
+    return locked(error, [&] {
+      if (isWanted && !isWanted()) return failUnwanted(error);
+      return store(credential, error);
+    });
+  }
+
+  bool update(const DBCredential& credential, NSErrorRef* error) override {
+    return locked(error, [&] {
+      bool isThere = false;
+      if (!isStored(credential, isThere, error)) return false;
+      return !isThere || store(credential, error);
+    });
+  }
+
+  bool remove(const std::string& userId, const DBCredential* only, NSErrorRef* error) override {
+    return locked(error, [&] {
+      bool isThere = true;
+      if (only && !isStored(*only, isThere, error)) return false;
+      return !isThere || clear(userId, error);
+    });
+  }
+
+ private:
+  /// Longer than any call that a holder makes.
+  static constexpr std::chrono::seconds longestWaitForLock = 2 * (longestCall + longestCancel);
+
+  template <class Change>
+  bool locked(NSErrorRef* error, Change change) const {
+    if (!makePrivateFolder(deletingLastPathComponent(lockFile_), error)) return false;
+    const FileLock lock(lockFile_, longestWaitForLock);
+    if (lock.isHeld()) return change();
+    setError(error, lock.error());
+    return false;
+  }
+
+  /// Whether the account is stored by this very linking. False when that cannot be found out.
+  bool isStored(const DBCredential& credential, bool& isThere, NSErrorRef* error) {
+    const StoredAccounts stored = load();
+    isThere = std::any_of(stored.credentials.begin(), stored.credentials.end(),
+                          [&](const DBCredential& other) { return isSameLinking(other, credential); });
+    if (!isThere && stored.error) setError(error, stored.error);
+    return isThere || !stored.error;
+  }
+
+  bool store(const DBCredential& credential, NSErrorRef* error) const {
+    const auto body = [name = name_, credential](Call& own) {
       GError* failure = nullptr;
+      std::string text = credentialText(credential);
+      const SecretScope cleared(text);
       const bool stored = secret_password_store_sync(
-          schema(), SECRET_COLLECTION_DEFAULT, ("Dropbox account " + userId).c_str(), text.c_str(),
-          own.cancellable.get(), &failure, "application", appKey.c_str(), "account", userId.c_str(), nullptr);
+          schema(), SECRET_COLLECTION_DEFAULT, ("Dropbox account " + credential.userId).c_str(), text.c_str(),
+          own.cancellable.get(), &failure, "application", name.c_str(), "account", credential.userId.c_str(),
+          nullptr);
       return succeeded(failure) && stored;
     };
     return finished(runBounded(std::make_shared<Call>(), body), error);
   }
 
-  bool update(const DBCredential& credential, NSErrorRef* error) override {
-    const auto stored = load(error);
-    if (!stored) return false;
-    const bool known = std::any_of(stored->begin(), stored->end(), [&](const DBCredential& other) {
-      return other.userId == credential.userId;
-    });
-    return !known || save(credential, error);
-  }
-
-  bool remove(const std::string& userId, NSErrorRef* error) override {
-    const auto body = [appKey = appKey_, userId](Call& own) {
+  bool clear(const std::string& userId, NSErrorRef* error) const {
+    const auto body = [name = name_, userId](Call& own) {
       GError* failure = nullptr;
-      secret_password_clear_sync(schema(), own.cancellable.get(), &failure, "application", appKey.c_str(),
+      secret_password_clear_sync(schema(), own.cancellable.get(), &failure, "application", name.c_str(),
                                  "account", userId.c_str(), nullptr);
-      return succeeded(failure);
+      return succeeded(failure) || !hasSecretService(own);
     };
     return finished(runBounded(std::make_shared<Call>(), body), error);
   }
 
- private:
-  static NSErrorRef unavailable() {
-    return std::make_shared<NSError>(
-        std::string(DBErrorDomain), DBErrorLocalFile,
-        NSDictionary::with(
-            {{NSLocalizedDescriptionKey, str("The desktop's secret service does not answer.")}}));
-  }
-  static bool finished(bool outcome, NSErrorRef* error) {
-    if (!outcome) setError(error, unavailable());
-    return outcome;
-  }
-
-  const std::string appKey_;
+  const std::string name_;
+  const std::string lockFile_;
 };
 
 }  // namespace
 
-std::unique_ptr<CredentialStore> makeSecretCredentialStore(const std::string& appKey) {
-  return std::make_unique<SecretStore>(appKey);
+std::unique_ptr<CredentialStore> makeSecretCredentialStore(const std::string& name,
+                                                           const std::string& lockFile) {
+  return std::make_unique<SecretStore>(name, lockFile);
 }

@@ -20,6 +20,10 @@ inline constexpr int DBErrorServiceAddress = 104;
 
 /// Code: a local file changed while it was being sent. Nothing of the mixture was stored.
 inline constexpr int DBErrorFileChanged = 106;
+/// Code: an account was forgotten here, but its authorization at the service could not be ended.
+inline constexpr int DBErrorNotRevoked = 105;
+/// Code: the sign-in was not finished within its time limit.
+inline constexpr int DBErrorSignInExpired = 1001;
 
 /// Keys of an error's user info: texts, except the last three (numbers).
 inline constexpr std::string_view DBErrorSummaryKey = "error_summary";

@@ -2,13 +2,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <future>
 #include <utility>
 
 #include "foundation/DispatchQueue.h"
 #include "foundation/NSLog.h"
+#include "foundation/NSString.h"
 #include "sdk/DBError.h"
-#include "sdk/ServiceCall.h"
-#include "sdk/ServiceJson.h"
+#include "sdk/Revocation.h"
 #include "sdk/ServiceLimits.h"
 #include "sdk/SessionInternals.h"
 
@@ -24,6 +25,14 @@ std::shared_ptr<DBSession>& sharedSlot() {
 std::mutex& sharedMutex() {
   static auto& mutex = *new std::mutex;
   return mutex;
+}
+
+NSErrorRef notRevokedError(const std::string& reason, const std::string& webOrigin) {
+  const std::string text = "forgotten here, but not revoked: " + reason +
+                           " To end its access by hand, remove the application from the list at " +
+                           webOrigin + "/account/connected_apps";
+  return std::make_shared<NSError>(std::string(DBErrorDomain), DBErrorNotRevoked,
+                                   NSDictionary::with({{NSLocalizedDescriptionKey, str(text)}}));
 }
 
 }  // namespace
@@ -43,17 +52,31 @@ DBSession::Internals::Internals(std::string key, std::string secret, std::string
       appSecret(std::move(secret)),
       root(rootName),
       hosts(serviceHostsFromEnvironment()),
-      store(makeDefaultCredentialStore(appKey)),
+      store(makeDefaultCredentialStore(appKey, hosts.origin)),
       network(NetworkThread::shared()) {
-  if (hosts.refusal) NSLog(NSLogLevel::error, "DBSession", hosts.refusal->localizedDescription());
-  NSErrorRef error;
-  const auto stored = store->load(&error);
-  if (!stored) {
-    NSLog(NSLogLevel::error, "DBSession",
-          "The linked accounts could not be read: " + (error ? error->localizedDescription() : "no reason"));
-    return;
+  if (hosts.refusal) {
+    NSLog(NSLogLevel::error, "DBSession", hosts.refusal->localizedDescription());
+  } else {
+    readStore();
   }
-  for (const DBCredential& credential : *stored) accounts_.push_back({credential, ++lastLinking_, false});
+}
+
+/// Adds the stored accounts that are not here yet.
+void DBSession::Internals::readStore() {
+  const std::lock_guard storeLock(storeMutex_);
+  const StoredAccounts stored = store->load();
+  if (stored.error)
+    NSLog(NSLogLevel::error, "DBSession",
+          "not all linked accounts could be read: " + stored.error->localizedDescription());
+  const std::lock_guard lock(mutex_);
+  storeError_ = stored.error;
+  for (const DBCredential& credential : stored.credentials)
+    if (!find(credential.userId)) accounts_.push_back({credential, ++lastLinking_, false});
+}
+
+NSErrorRef DBSession::Internals::storeError() const {
+  const std::lock_guard lock(mutex_);
+  return storeError_;
 }
 
 DBSession::Internals::Account* DBSession::Internals::find(std::string_view userId) {
@@ -100,7 +123,8 @@ void DBSession::Internals::keepRenewedToken(const std::string& userId, std::uint
     }
     NSErrorRef error;
     if (!self->store->update(credential, &error)) {  // only costs another renewal at the next start
-      NSLog(NSLogLevel::warning, "DBSession", "A renewed authorization could not be stored.");
+      NSLog(NSLogLevel::warning, "DBSession",
+            "A renewed authorization could not be stored: " + error->localizedDescription());
     }
   });
 }
@@ -123,50 +147,176 @@ void DBSession::Internals::setDelegate(DBSessionDelegate* newDelegate) {
   delegate_ = newDelegate;
 }
 
-bool DBSession::Internals::link(const DBCredential& credential, NSErrorRef* error) {
+DBSession::Internals::StoredToken DBSession::Internals::adoptNewerToken(const std::string& userId,
+                                                                        const std::string& refusedToken) {
   const std::lock_guard storeLock(storeMutex_);
-  if (!store->save(credential, error)) return false;
+  const StoredAccounts stored = store->load();
+  const auto found =
+      std::find_if(stored.credentials.begin(), stored.credentials.end(),
+                   [&](const DBCredential& credential) { return credential.userId == userId; });
   const std::lock_guard lock(mutex_);
-  if (Account* account = find(credential.userId)) {
-    *account = {credential, ++lastLinking_, false};
-  } else {
-    accounts_.push_back({credential, ++lastLinking_, false});
+  Account* account = find(userId);
+  if (!account) return StoredToken::gone;
+  if (account->credential.accessToken != refusedToken)
+    return StoredToken::newer;  // adopted by another request
+  if (found == stored.credentials.end()) return stored.error ? StoredToken::unreadable : StoredToken::gone;
+  if (found->accessToken == refusedToken) return StoredToken::refused;
+  const bool isRenewal = isSameLinking(*found, account->credential);
+  *account = {*found, isRenewal ? account->linking : ++lastLinking_, false};
+  return StoredToken::newer;
+}
+
+bool DBSession::Internals::isAuthorizationLost(const std::string& userId) {
+  std::string refusedToken;
+  const SecretScope cleared(refusedToken);
+  {
+    const std::lock_guard lock(mutex_);
+    const Account* account = find(userId);
+    if (!account || !account->failureNoted) return false;
+    refusedToken = account->credential.accessToken;
   }
-  return true;
+  switch (adoptNewerToken(userId, refusedToken)) {
+    case StoredToken::newer:
+      return false;
+    case StoredToken::refused:
+    case StoredToken::gone:
+      return true;
+    case StoredToken::unreadable:
+      break;
+  }
+  const std::lock_guard lock(mutex_);
+  if (Account* account = find(userId)) account->failureNoted = false;  // the next failure asks again
+  return false;
+}
+
+bool DBSession::Internals::isWithdrawn(const Withdrawn& withdrawn) const {
+  const std::lock_guard lock(mutex_);
+  return withdrawn && *withdrawn;
+}
+
+void DBSession::Internals::withdraw(const Withdrawn& withdrawn) {
+  const std::lock_guard lock(mutex_);
+  *withdrawn = true;
+}
+
+bool DBSession::Internals::link(const DBCredential& credential, const Withdrawn& withdrawn,
+                                NSErrorRef* error) {
+  const std::lock_guard storeLock(storeMutex_);
+  if (!store->save(credential, error, [&] { return !isWithdrawn(withdrawn); })) return false;
+  std::optional<DBCredential> replaced;
+  {
+    const std::lock_guard lock(mutex_);
+    Account* account = find(credential.userId);
+    if (!withdrawn || !*withdrawn) {
+      const Account linked{credential, ++lastLinking_, false};
+      if (account) {
+        *account = linked;
+      } else {
+        accounts_.push_back(linked);
+      }
+      return true;
+    }
+    if (account) replaced = account->credential;
+  }
+  // Withdrawn while it was being stored.
+  const bool isUndone =
+      replaced ? store->save(*replaced, nullptr) : store->remove(credential.userId, &credential, nullptr);
+  if (!isUndone)
+    NSLog(NSLogLevel::error, "DBSession", "A linking that was given up could not be removed from the store.");
+  return failUnwanted(error);
+}
+
+/// Removes the account here and in the store.
+/// @return what is to be revoked: the tokens in use here and, if another process has linked the account anew,
+///         those as well.
+std::vector<DBCredential> DBSession::Internals::forget(const std::string& userId, NSErrorRef* storeError) {
+  const std::lock_guard storeLock(storeMutex_);
+  std::vector<DBCredential> forgotten;
+  {
+    const std::lock_guard lock(mutex_);
+    Account* account = find(userId);
+    if (!account) return {};
+    forgotten.push_back(account->credential);
+    accounts_.erase(accounts_.begin() + (account - accounts_.data()));
+  }
+  const StoredAccounts stored = store->load();
+  for (const DBCredential& credential : stored.credentials) {
+    if (credential.userId != userId) continue;
+    if (isSameLinking(credential, forgotten.front())) {
+      forgotten.front() = credential;  // perhaps renewed by another process
+    } else {
+      forgotten.push_back(credential);
+    }
+  }
+  NSErrorRef reason;
+  if (!store->remove(userId, nullptr, &reason)) {
+    NSLog(NSLogLevel::error, "DBSession",
+          "An unlinked account could not be removed from the store: " + reason->localizedDescription());
+    setError(storeError, reason);
+  }
+  return forgotten;
+}
+
+/// Forgets an account whose authorization is lost, unless it has been linked anew.
+void DBSession::Internals::forgetLost(const std::string& userId) {
+  if (!isAuthorizationLost(userId)) return;
+  const std::lock_guard storeLock(storeMutex_);
+  DBCredential lost;
+  {
+    const std::lock_guard lock(mutex_);
+    Account* account = find(userId);
+    if (!account || !account->failureNoted) return;
+    lost = account->credential;
+    accounts_.erase(accounts_.begin() + (account - accounts_.data()));
+  }
+  NSErrorRef reason;
+  if (!store->remove(userId, &lost, &reason))
+    NSLog(NSLogLevel::error, "DBSession",
+          "A lost account could not be removed from the store: " + reason->localizedDescription());
 }
 
 void DBSession::Internals::unlink(const std::string& userId) {
-  DBCredential credential;
+  bool isLost = false;
   {
-    const std::lock_guard storeLock(storeMutex_);
-    {
-      const std::lock_guard lock(mutex_);
-      Account* account = find(userId);
-      if (!account) return;
-      credential = std::move(account->credential);
-      accounts_.erase(accounts_.begin() + (account - accounts_.data()));
-    }
-    NSErrorRef error;
-    if (!store->remove(userId, &error)) {
-      NSLog(NSLogLevel::error, "DBSession",
-            "An unlinked account could not be removed from the store: " +
-                (error ? error->localizedDescription() : "no reason"));
-    }
+    const std::lock_guard lock(mutex_);
+    const Account* account = find(userId);
+    isLost = account && account->failureNoted;
   }
-  revoke(credential);
+  if (isLost) return forgetLost(userId);
+  for (const DBCredential& credential : forget(userId, nullptr)) revokeInBackground(credential);
 }
 
-void DBSession::Internals::revoke(const DBCredential& credential) {
-  ServiceRequest request;
-  request.style = ServiceRequest::Style::rpcWithoutArgument;
-  request.route = "auth/token/revoke";
-  request.repeat = ServiceRequest::Repeat::always;
-  request.about.action = "revoke the authorization of the account";
-  ServiceCall::start(shared_from_this(), {"", credential.accessToken}, std::move(request), nullptr,
-                     [work = backgroundWork()](ServiceAnswer& answer) {
-                       if (answer.error)
-                         NSLog(NSLogLevel::info, "DBSession", answer.error->localizedDescription());
-                     });
+void DBSession::Internals::revokeInBackground(const DBCredential& credential) {
+  Revocation::start(shared_from_this(), credential, [work = backgroundWork()](const NSErrorRef& error) {
+    if (error) NSLog(NSLogLevel::warning, "DBSession", error->localizedDescription());
+  });
+}
+
+bool DBSession::Internals::unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds patience,
+                                           NSErrorRef* error) {
+  NSErrorRef storeError;
+  std::vector<std::future<NSErrorRef>> outcomes;
+  for (const DBCredential& credential : forget(userId, &storeError)) {
+    const auto outcome = std::make_shared<std::promise<NSErrorRef>>();
+    outcomes.push_back(outcome->get_future());
+    Revocation::start(shared_from_this(), credential,
+                      [outcome](const NSErrorRef& reason) { outcome->set_value(reason); });
+  }
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  std::string failure;
+  for (auto& outcome : outcomes) {
+    const bool isKnown = outcome.wait_until(deadline) == std::future_status::ready;
+    const NSErrorRef reason = isKnown ? outcome.get() : nullptr;
+    if (reason || !isKnown)
+      failure = reason ? reason->localizedDescription() : "the service has not answered in time";
+  }
+  if (!failure.empty()) {
+    setError(error, notRevokedError(failure, hosts.web));
+    return false;
+  }
+  if (!storeError) return true;
+  setError(error, storeError);
+  return false;
 }
 
 std::vector<std::string> DBSession::Internals::userIds() const {
@@ -217,8 +367,20 @@ std::vector<std::string> DBSession::userIds() const { return internals_->userIds
 bool DBSession::hasUserId(std::string_view userId) const { return internals_->hasUserId(userId); }
 bool DBSession::isLinked() const { return !internals_->userIds().empty(); }
 void DBSession::setDelegate(DBSessionDelegate* delegate) { internals_->setDelegate(delegate); }
+NSErrorRef DBSession::storeError() const { return internals_->storeError(); }
+void DBSession::readStoreAgainIfIncomplete() {
+  if (internals_->storeError()) internals_->readStore();
+}
+const std::string& DBSession::origin() const noexcept { return internals_->hosts.origin; }
 bool DBSession::linkCredential(const DBCredential& credential, NSErrorRef* error) {
-  return internals_->link(credential, error);
+  return internals_->link(credential, nullptr, error);
+}
+bool DBSession::unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds patience,
+                                NSErrorRef* error) {
+  return internals_->unlinkAndRevoke(userId, patience, error);
+}
+bool DBSession::isAuthorizationLost(const std::string& userId) {
+  return internals_->isAuthorizationLost(userId);
 }
 void DBSession::unlinkUserId(const std::string& userId) { internals_->unlink(userId); }
 void DBSession::waitForBackgroundWork(double seconds) { internals_->waitForBackgroundWork(seconds); }

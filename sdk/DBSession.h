@@ -1,4 +1,5 @@
 #pragma once
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -8,31 +9,44 @@
 
 #include "foundation/NSError.h"
 #include "foundation/NSObject.h"
+#include "foundation/Secrets.h"
 
 class DBSession;
 
 /// The whole account, as opposed to one application's folder in it.
 inline constexpr std::string_view kDBRootDropbox = "dropbox";
 
-/// Told when the service says that an account's authorization is no longer valid: once per account and
-/// linking, on the run loop of the request that failed, after that request's failure callback.
+/// Told when the service says that an account's authorization is no longer valid and no newer one is stored:
+/// once per account and linking, on the run loop of the request that failed, after that request's failure
+/// callback.
 class DBSessionDelegate {
  public:
   virtual ~DBSessionDelegate() = default;
   virtual void sessionDidReceiveAuthorizationFailure(DBSession& session, const std::string& userId) = 0;
 };
 
-/// What is needed to act for one account. Secret: never log, never show.
+/// What is needed to act for one account. Secret: never log, never show; the tokens are overwritten at the
+/// end.
 struct DBCredential {
   std::string userId;  // the service's account id
   std::string accessToken;
   std::string refreshToken;               // empty: the access token cannot be renewed
   std::int64_t expiresAtUnixSeconds = 0;  // 0: does not expire, as far as we know
+
+  ~DBCredential() {
+    clearSecret(accessToken);
+    clearSecret(refreshToken);
+  }
 };
 
 /// Every linked account and its tokens, shared by all clients. Tokens are kept in the desktop's secret
-/// service, or where there is none in a file of mode 0600 in a folder of mode 0700 (below dataFolder()). Any
-/// thread; calls that change the store block for as long as the disk or the secret service takes.
+/// service, or where there is none in a file of mode 0600 in a folder of mode 0700 (below dataFolder()); they
+/// are bound to the origin that gave them: another one (KZV_SERVICE_URL) has accounts of its own. Any thread;
+/// calls that change the store block for as long as the disk or the secret service takes.
+///
+/// Other processes link, renew and unlink, too. When the service refuses a token, the store is asked before
+/// the account is given up: a newer linking or a newer token there is adopted, and the request goes on with
+/// it.
 class DBSession final : public NSObject {
  public:
   /// Reads the stored accounts of `appKey`.
@@ -49,6 +63,13 @@ class DBSession final : public NSObject {
   std::vector<std::string> userIds() const;
   bool hasUserId(std::string_view userId) const;  // cheaper than a copy of userIds()
   bool isLinked() const;
+  /// Why accounts may be missing: the store could not be read, or not all of it. Empty when all was read.
+  NSErrorRef storeError() const;
+  /// Reads the store again while storeError() is set, and adds what was missing. Blocks.
+  void readStoreAgainIfIncomplete();
+  /// The origin that stands in for the service, empty for the service itself: what settings about accounts
+  /// belong to, as the accounts themselves do.
+  const std::string& origin() const noexcept;
   /// The delegate is not retained; null for none.
   void setDelegate(DBSessionDelegate* delegate);
 
@@ -56,8 +77,16 @@ class DBSession final : public NSObject {
   /// the store refuses.
   bool linkCredential(const DBCredential& credential, NSErrorRef* error);
   /// Forgets the account, first here and in the store; then revokes its token in the background, best effort.
-  /// Requests of the account that are under way fail as usual.
+  /// Requests of the account that are under way fail as usual. An account whose authorization was lost is
+  /// forgotten only as far as that linking goes: a newer one in the store is adopted, and the account stays.
   void unlinkUserId(const std::string& userId);
+  /// The same, but waits at most `patience` for the revocation. False with an error when the store refuses,
+  /// or when the revocation fails (DBErrorNotRevoked, with a text that says what to do by hand).
+  bool unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds patience, NSErrorRef* error);
+  /// Whether the linking whose loss was told to the delegate is still the account's only one. Asks the store
+  /// (blocks) and adopts a newer linking, for which this is false. False also when the store cannot be read:
+  /// then nothing may be deleted.
+  bool isAuthorizationLost(const std::string& userId);
   /// Waits until revocations in the background have ended, at most `seconds`.
   void waitForBackgroundWork(double seconds);
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <thread>
 
+#include "foundation/Secrets.h"
 #include "sdk/HttpRequest.h"
 #include "sdk/ServiceLimits.h"
 
@@ -21,6 +22,12 @@ struct HttpTransfer {
   void* easy = nullptr;
   void* headerList = nullptr;
   bool bodyBegun = false;
+
+  /// Tokens travel in headers and in the bodies of sign-in requests.
+  ~HttpTransfer() {
+    for (std::string& header : request.headers) clearSecret(header);
+    clearSecret(request.body);
+  }
 };
 
 /// The one thread that does all HTTP of the process: one libcurl multi handle, hence one connection pool, one

@@ -53,8 +53,13 @@ void ServiceCall::begin() {
       fail(requestError(DBErrorNotLinked, "the account is not linked", request_.about));
       return;
     }
-    authorization_ = std::move(*authorization);
+    return sendWith(*authorization);
   }
+  send();
+}
+
+void ServiceCall::sendWith(const Authorization& authorization) {
+  authorization_ = authorization;
   if (authorization_.expiresSoon && !authorization_.refreshToken.empty()) {
     session_->network->perform([self = shared_from_this()] { self->renewToken({}); });
   } else {
@@ -166,8 +171,36 @@ bool ServiceCall::repairAuthorization(const HttpResponse& response) {
     send();
     return true;
   }
+  if (!hasLookedInStore_) {
+    lookInStore(response, errorFromResponse(response, request_.about));
+    return true;
+  }
   answer_.lostLinking = authorization_.linking;
   return false;
+}
+
+/// A token has been refused for good: another process may have stored a newer one.
+/// @param error  what the request ends with if there is none.
+void ServiceCall::lookInStore(HttpResponse refused, NSErrorRef error) {
+  hasLookedInStore_ = true;
+  answer_.response = std::move(refused);
+  answer_.error = std::move(error);
+  session_->tokenRefresh.findNewer(*session_, actingFor_.userId, authorization_.accessToken,
+                                   [self = shared_from_this()](const TokenRefresh::Outcome& outcome) {
+                                     if (!self->ended_) self->lookedInStore(outcome.result);
+                                   });
+}
+
+void ServiceCall::lookedInStore(TokenRefresh::Result result) {
+  const auto current = session_->authorization(actingFor_.userId);
+  if (result == TokenRefresh::Result::renewed && current) {
+    answer_ = {};
+    tokenRenewed_ = false;
+    return sendWith(*current);
+  }
+  // Where the store cannot be read the account is not given up: the next request asks again.
+  if (result != TokenRefresh::Result::failed) answer_.lostLinking = authorization_.linking;
+  finish();
 }
 
 /// @param refused  the answer that made it necessary; one without a status when nobody has been asked yet.
@@ -198,9 +231,11 @@ void ServiceCall::tokenRenewed(const TokenRefresh::Outcome& outcome, HttpRespons
     return;
   }
   if (outcome.result == TokenRefresh::Result::authorizationLost) {
-    answer_.lostLinking = authorization_.linking;
-    answer_.error =
+    auto error =
         requestError(401, "the authorization is no longer valid; link the account again", request_.about);
+    if (!hasLookedInStore_) return lookInStore(std::move(refused), std::move(error));
+    answer_.lostLinking = authorization_.linking;
+    answer_.error = std::move(error);
     answer_.response = std::move(refused);
     finish();
     return;

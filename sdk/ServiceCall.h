@@ -82,6 +82,9 @@ class ServiceCall : public std::enable_shared_from_this<ServiceCall> {
   void noteOutcome(const HttpResponse& response);
   void renewToken(HttpResponse response);
   void tokenRenewed(const TokenRefresh::Outcome& outcome, HttpResponse& refused);
+  void lookInStore(HttpResponse refused, NSErrorRef error);
+  void lookedInStore(TokenRefresh::Result result);
+  void sendWith(const Authorization& authorization);
   bool repeatLater(const HttpResponse& response);
   void fail(NSErrorRef error);
   void finish();
@@ -103,5 +106,6 @@ class ServiceCall : public std::enable_shared_from_this<ServiceCall> {
   bool hasTurn_ = false;
   bool mayHaveBeenCarriedOut_ = false;
   bool tokenRenewed_ = false;
+  bool hasLookedInStore_ = false;
   ServiceAnswer answer_;
 };

@@ -1,5 +1,6 @@
 #include "sdk/ServiceHosts.h"
 
+#include <cctype>
 #include <cstdlib>
 #include <memory>
 #include <string_view>
@@ -17,9 +18,9 @@ struct UrlParts {
   bool onlyOrigin = false;
 };
 
-std::string part(CURLU* url, CURLUPart which) {
+std::string part(CURLU* url, CURLUPart which, unsigned flags = 0) {
   char* text = nullptr;
-  if (curl_url_get(url, which, &text, 0) != CURLUE_OK) return {};
+  if (curl_url_get(url, which, &text, flags) != CURLUE_OK) return {};
   std::string copy(text);
   curl_free(text);
   return copy;
@@ -31,7 +32,9 @@ bool parse(const char* text, UrlParts& parts) {
   const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), &curl_url_cleanup);
   if (!url || curl_url_set(url.get(), CURLUPART_URL, text, 0) != CURLUE_OK) return false;
   parts = {part(url.get(), CURLUPART_SCHEME), part(url.get(), CURLUPART_HOST),
-           part(url.get(), CURLUPART_PORT)};
+           part(url.get(), CURLUPART_PORT, CURLU_NO_DEFAULT_PORT)};
+  // One origin, one spelling: tokens are kept by it.
+  for (char& c : parts.host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   const std::string path = part(url.get(), CURLUPART_PATH);
   parts.onlyOrigin = path.empty() || path == "/";
   return !parts.host.empty();
@@ -44,7 +47,7 @@ bool isLoopback(const std::string& host) {
 }
 
 ServiceHosts refused(std::string_view reason) {
-  ServiceHosts none{"", "", "", "", nullptr};
+  ServiceHosts none{"", "", "", "", "refused", nullptr};
   none.refusal = std::make_shared<NSError>(
       std::string(DBErrorDomain), DBErrorServiceAddress,
       NSDictionary::with(
@@ -65,7 +68,7 @@ ServiceHosts serviceHosts(const char* replacement) {
   if (plain && !isLoopback(parts.host))
     return refused("may use plain http only on this machine's loopback addresses");
   const std::string origin = parts.scheme + "://" + parts.host + (parts.port.empty() ? "" : ":" + parts.port);
-  return {origin, origin, origin, origin, nullptr};
+  return {origin, origin, origin, origin, origin, nullptr};
 }
 
 ServiceHosts serviceHostsFromEnvironment() { return serviceHosts(std::getenv("KZV_SERVICE_URL")); }

@@ -9,6 +9,8 @@ struct ServiceHosts {
   std::string content = "https://content.dropboxapi.com";
   std::string notify = "https://notify.dropboxapi.com";
   std::string web = "https://www.dropbox.com";
+  /// What the tokens that these hosts give are bound to; empty for the service's own hosts.
+  std::string origin;
   NSErrorRef refusal;  // set: the replacement must not be used; the origins are empty, nothing may be sent
 };
 

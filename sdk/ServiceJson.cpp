@@ -4,7 +4,7 @@
 #include <limits>
 #include <new>
 
-#include "sdk/ServiceLimits.h"
+#include <string.h>
 
 namespace json = boost::json;
 
@@ -18,6 +18,7 @@ void* LimitedMemory::do_allocate(std::size_t bytes, std::size_t alignment) {
 }
 
 void LimitedMemory::do_deallocate(void* memory, std::size_t bytes, std::size_t alignment) {
+  if (clears_) ::explicit_bzero(memory, bytes);
   ::operator delete(memory, std::align_val_t(alignment));  // clang 14 knows no sized form
   freeBytes_ += bytes;
 }
@@ -52,8 +53,12 @@ unsigned nextCodePoint(std::string_view utf8, std::size_t& position) {
 
 }  // namespace
 
-std::shared_ptr<const Document> Document::parse(std::string_view text) {
-  auto document = std::make_shared<Document>(text.size());
+std::shared_ptr<const Document> Document::parse(std::string_view text) { return parse(text, false); }
+
+std::shared_ptr<const Document> Document::parseSecret(std::string_view text) { return parse(text, true); }
+
+std::shared_ptr<const Document> Document::parse(std::string_view text, bool isSecret) {
+  auto document = std::make_shared<Document>(text.size(), isSecret);
   json::error_code failure;
   try {
     // The reader's own stack is bounded, too: it holds every value of the lists that are open.

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "sdk/ServiceLimits.h"
 
@@ -12,10 +13,11 @@
 /// the JSON encoding of its interface descriptions (unions carry their member's name in ".tag").
 namespace servicejson {
 
-/// Gives out so many bytes at most, then fails as if there were no more memory. Not thread-safe.
+/// Gives out so many bytes at most, then fails as if there were no more memory. With `clears`, what is given
+/// back is overwritten. Not thread-safe.
 class LimitedMemory final : public boost::json::memory_resource {
  public:
-  explicit LimitedMemory(std::size_t limitBytes) : freeBytes_(limitBytes) {}
+  LimitedMemory(std::size_t limitBytes, bool clears) : freeBytes_(limitBytes), clears_(clears) {}
 
  private:
   void* do_allocate(std::size_t bytes, std::size_t alignment) override;
@@ -25,6 +27,7 @@ class LimitedMemory final : public boost::json::memory_resource {
   }
 
   std::size_t freeBytes_;
+  const bool clears_;
 };
 
 /// A parsed text and the memory its values live in.
@@ -32,16 +35,20 @@ class Document {
  public:
   /// Nothing when `text` is no valid JSON object, or one that takes more memory than servicelimits allow.
   static std::shared_ptr<const Document> parse(std::string_view text);
+  /// The same for a text that holds secrets: the memory is overwritten before it is given back.
+  static std::shared_ptr<const Document> parseSecret(std::string_view text);
   const boost::json::object& root() const noexcept { return value_.get_object(); }
 
-  explicit Document(std::size_t textSize)
-      : limit_(servicelimits::parsedBytes),
+  Document(std::size_t textSize, bool isSecret)
+      : limit_(servicelimits::parsedBytes, isSecret),
         memory_(textSize + 1024, boost::json::storage_ptr(&limit_)),
         value_(boost::json::storage_ptr(&memory_)) {}
   Document(const Document&) = delete;
   Document& operator=(const Document&) = delete;
 
  private:
+  static std::shared_ptr<const Document> parse(std::string_view text, bool isSecret);
+
   LimitedMemory limit_;
   boost::json::monotonic_resource memory_;
   boost::json::value value_;

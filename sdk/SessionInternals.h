@@ -28,6 +28,11 @@ struct Authorization {
   std::uint64_t linking = 0;  // tells one linking of an account from the next
   bool expiresSoon = false;   // renew it before use
   bool hasExpired = false;
+
+  ~Authorization() {
+    clearSecret(accessToken);
+    clearSecret(refreshToken);
+  }
 };
 
 /// The state of a session that requests share. Lives until the last of them has ended. Any thread.
@@ -56,8 +61,29 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
   bool noteAuthorizationFailure(const std::string& userId, std::uint64_t linking);
   DBSessionDelegate* currentDelegate() const;
 
-  bool link(const DBCredential& credential, NSErrorRef* error);
+  /// How the stored tokens of an account relate to one that the service has refused.
+  enum class StoredToken {
+    newer,      // and in use from now on
+    refused,    // the same
+    gone,       // the account has been unlinked
+    unreadable  // not known
+  };
+  /// Blocks for the store.
+  StoredToken adoptNewerToken(const std::string& userId, const std::string& refusedToken);
+  bool isAuthorizationLost(const std::string& userId);
+
+  /// A linking that can be withdrawn until it is done.
+  using Withdrawn = std::shared_ptr<bool>;  // guarded by mutex_ of the session that links
+  /// @param withdrawn  null for a linking that cannot be withdrawn.
+  bool link(const DBCredential& credential, const Withdrawn& withdrawn, NSErrorRef* error);
+  /// Once this has returned, link() with `withdrawn` adds no account.
+  void withdraw(const Withdrawn& withdrawn);
   void unlink(const std::string& userId);
+  bool unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds patience, NSErrorRef* error);
+  /// Revokes a token that nobody will use, in the background.
+  void revokeInBackground(const DBCredential& credential);
+  NSErrorRef storeError() const;
+  void readStore();
   std::vector<std::string> userIds() const;
   bool hasUserId(std::string_view userId) const;
   void setDelegate(DBSessionDelegate* newDelegate);
@@ -71,12 +97,15 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
     std::uint64_t linking = 0;
     bool failureNoted = false;
   };
-  void revoke(const DBCredential& credential);
+  bool isWithdrawn(const Withdrawn& withdrawn) const;
+  void forgetLost(const std::string& userId);
+  std::vector<DBCredential> forget(const std::string& userId, NSErrorRef* storeError);
   Account* find(std::string_view userId);
   const Account* find(std::string_view userId) const;
 
   mutable std::mutex mutex_;
   std::vector<Account> accounts_;          // guarded by mutex_
+  NSErrorRef storeError_;                  // guarded by mutex_
   std::uint64_t lastLinking_ = 0;          // guarded by mutex_
   DBSessionDelegate* delegate_ = nullptr;  // guarded by mutex_
   int workUnderWay_ = 0;                   // guarded by mutex_

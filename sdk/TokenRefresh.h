@@ -10,6 +10,8 @@
 #include "foundation/NSError.h"
 #include "sdk/DBSession.h"
 
+struct ServiceRequest;
+
 /// Renews access tokens (RFC 6749, section 6): one request at a time per account, however many requests need
 /// it; all of them get its outcome. Network thread only.
 class TokenRefresh {
@@ -30,10 +32,21 @@ class TokenRefresh {
   /// @param done        on the network thread, perhaps before this returns.
   void renew(DBSession::Internals& session, const std::string& userId, const std::string& staleToken,
              Done done);
+  /// Looks in the store for a newer token than one that the service has refused for good: another process may
+  /// have linked the account anew, or renewed the token. `renewed`: it is in use now; `failed`: the store
+  /// cannot be read; `authorizationLost`: there is none.
+  /// @param done  on the network thread, later.
+  void findNewer(DBSession::Internals& session, const std::string& userId, const std::string& refusedToken,
+                 Done done);
 
  private:
   using Key = std::pair<std::string, std::uint64_t>;  // account and its linking
-  void finish(const Key& key, const Outcome& outcome);
+  using Waiting = std::map<Key, std::vector<Done>>;
+  static void finish(Waiting& waiting, const Key& key, const Outcome& outcome);
 
-  std::map<Key, std::vector<Done>> waiting_;
+  Waiting renewals_;
+  Waiting lookUps_;
 };
+
+/// The request that renews an access token. Secret.
+ServiceRequest refreshRequest(const DBSession::Internals& session, const std::string& refreshToken);

@@ -1,5 +1,7 @@
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -10,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "foundation/NSLog.h"
 #include "sdk/CredentialStore.h"
 #include "sdk/testing/ClientFixture.h"
 
@@ -19,17 +22,17 @@ using Ids = std::vector<std::string>;
 
 class FileStore : public ::testing::Test {
  protected:
+  FileStore() { ::setenv("KZV_HOME", scratch.path().c_str(), 1); }
   std::unique_ptr<CredentialStore> open() const {
     return makeFileCredentialStore(scratch.path() + "/data", "app/key");
   }
   std::string folder() const { return scratch.path() + "/data/app_2fkey"; }
   std::string file() const { return folder() + "/accounts.json"; }
   Ids ids() const {
-    NSErrorRef error;
-    const auto credentials = open()->load(&error);
-    if (!credentials) return {"unreadable: " + error->localizedDescription()};
+    const StoredAccounts stored = open()->load();
     Ids all;
-    for (const DBCredential& credential : *credentials) all.push_back(credential.userId);
+    for (const DBCredential& credential : stored.credentials) all.push_back(credential.userId);
+    if (stored.error) all.push_back("error " + std::to_string(stored.error->code()));
     return all;
   }
   static mode_t modeOf(const std::string& path) {
@@ -49,13 +52,27 @@ TEST_F(FileStore, KeepsAccountsInTheOrderOfLinking) {
   save("a");
   save("b", "newer \"token\"\n");
   EXPECT_EQ(ids(), (Ids{"b", "a"}));
-  const auto stored = open()->load(nullptr);
-  EXPECT_EQ(stored->front().accessToken, "newer \"token\"\n");
-  EXPECT_EQ(stored->front().refreshToken, "r");
-  EXPECT_EQ(stored->front().expiresAtUnixSeconds, 7);
-  ASSERT_TRUE(open()->remove("b", nullptr));
-  ASSERT_TRUE(open()->update({"b", "x", "", 0}, nullptr));
+  const auto stored = open()->load().credentials;
+  EXPECT_EQ(stored.front().accessToken, "newer \"token\"\n");
+  EXPECT_EQ(stored.front().refreshToken, "r");
+  EXPECT_EQ(stored.front().expiresAtUnixSeconds, 7);
+  ASSERT_TRUE(open()->remove("b", nullptr, nullptr));
+  ASSERT_TRUE(open()->update({"b", "x", "r", 0}, nullptr));
   EXPECT_EQ(ids(), Ids{"a"}) << "an update must not bring an unlinked account back";
+}
+
+TEST_F(FileStore, ChangesOfAnOlderLinkingLeaveANewerOne) {
+  save("a", "newer");
+  const DBCredential older{"a", "older", "other refresh token", 0}, renewed{"a", "renewed", "r", 0};
+  ASSERT_TRUE(open()->update(older, nullptr));
+  ASSERT_TRUE(open()->remove("a", &older, nullptr));
+  ASSERT_FALSE(open()->save({"b", "t", "r", 0}, nullptr, [] { return false; }));
+  EXPECT_EQ(ids(), Ids{"a"});
+  EXPECT_EQ(open()->load().credentials.front().accessToken, "newer");
+  ASSERT_TRUE(open()->update(renewed, nullptr));
+  EXPECT_EQ(open()->load().credentials.front().accessToken, "renewed");
+  ASSERT_TRUE(open()->remove("a", &renewed, nullptr));
+  EXPECT_EQ(ids(), Ids());
 }
 
 TEST_F(FileStore, IsForItsOwnerOnly) {
@@ -65,23 +82,65 @@ TEST_F(FileStore, IsForItsOwnerOnly) {
   EXPECT_EQ(modeOf(folder()), 0700U);
   EXPECT_EQ(modeOf(file()), 0600U);
   ::chmod(folder().c_str(), 0755);
+  ::chmod(file().c_str(), 0666);
+  const std::string log = scratch.path() + "/log";
+  ASSERT_TRUE(setLogFile(log));
+  EXPECT_EQ(ids(), Ids{"a"});
+  EXPECT_EQ(modeOf(file()), 0600U);
   save("b");
   EXPECT_EQ(modeOf(folder()), 0700U);
+  setLogFile("");
+  std::stringstream told;
+  told << std::ifstream(log).rdbuf();
+  EXPECT_NE(told.str().find("accounts.json was open to other users (mode 0666)"), std::string::npos)
+      << told.str();
+  EXPECT_NE(told.str().find("app_2fkey was open to other users (mode 0755)"), std::string::npos);
 }
 
-TEST_F(FileStore, DamagedFileIsPutAsideAndNotLost) {
+TEST_F(FileStore, AFileBehindALinkIsRefusedAndLeftAlone) {
   save("a");
-  std::ofstream(file()) << "{\"accounts\":[ {\"account_id\":";
-  EXPECT_EQ(ids(), Ids());
-  save("b");
-  EXPECT_EQ(ids(), Ids{"b"});
-  std::stringstream aside;
-  aside << std::ifstream(file() + ".damaged").rdbuf();
-  EXPECT_EQ(aside.str(), "{\"accounts\":[ {\"account_id\":");
+  std::filesystem::rename(file(), scratch.path() + "/elsewhere");
+  std::filesystem::create_symlink(scratch.path() + "/elsewhere", file());
+  EXPECT_EQ(ids(), Ids{"error " + std::to_string(ELOOP)});
+  EXPECT_FALSE(open()->save({"b", "t", "", 0}, nullptr));
+  EXPECT_TRUE(std::filesystem::is_symlink(file()));
+}
+
+TEST_F(FileStore, WhatIsDamagedIsAnErrorUntilItIsReplacedAndThenKept) {
+  struct Case {
+    const char* name;
+    const char* text;
+    Ids readable;
+  };
+  const Case cases[] = {
+      {"cut off", R"({"accounts":[ {"account_id":)", {}},
+      {"no list", "{}", {}},
+      {"one account without a token",
+       R"({"accounts":[{"account_id":"x"},{"account_id":"a","access_token":"t"}]})",
+       {"a"}},
+  };
+  int number = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    save("a");
+    std::ofstream(file()) << c.text;
+    Ids expected = c.readable;
+    expected.push_back("error " + std::to_string(EBADMSG));
+    EXPECT_EQ(ids(), expected);
+    ASSERT_TRUE(open()->remove("unknown", nullptr, nullptr));
+    EXPECT_EQ(ids(), expected) << "what changes nothing replaces nothing";
+    save("b");
+    expected.back() = "b";
+    EXPECT_EQ(ids(), expected);
+    std::stringstream aside;
+    aside << std::ifstream(file() + ".damaged-" + std::to_string(++number)).rdbuf();
+    EXPECT_EQ(aside.str(), c.text);
+    ASSERT_TRUE(open()->remove("b", nullptr, nullptr));
+  }
 }
 
 TEST_F(FileStore, WhatIsNoFileIsAnErrorAndStays) {
-  ASSERT_TRUE(open()->remove("makes the folder", nullptr));
+  ASSERT_TRUE(open()->remove("makes the folder", nullptr, nullptr));
   ASSERT_EQ(::mkdir(file().c_str(), 0700), 0);
   NSErrorRef error;
   EXPECT_FALSE(open()->save({"a", "t", "", 0}, &error));

@@ -1,5 +1,7 @@
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <thread>
@@ -15,6 +17,7 @@
 #include "sdk/DBError.h"
 #include "sdk/NetworkThread.h"
 #include "sdk/PageSequence.h"
+#include "sdk/SessionInternals.h"
 #include "sdk/testing/ClientFixture.h"
 
 namespace {
@@ -65,6 +68,22 @@ constexpr const char* tokenRoute = "/oauth2/token";
 
 class RestClient : public ClientFixture {
  protected:
+  /// The access token that a process which starts now would use; "unreadable", or empty without one.
+  static std::string storedToken() {
+    const DBSession other("key", "", kDBRootDropbox);
+    if (other.storeError()) return "unreadable";
+    const auto authorization = const_cast<DBSession&>(other).internals().authorization(userId);
+    return authorization ? authorization->accessToken : "";
+  }
+  static std::string hexed(const std::string& text) {
+    std::string name;
+    for (const char c : text) {
+      char code[4];
+      std::snprintf(code, sizeof code, "_%02x", static_cast<unsigned>(c));
+      std::isalnum(static_cast<unsigned char>(c)) ? name += c : name += code;
+    }
+    return name;
+  }
   static std::string childrenOf(const DBMetadata& folder) {
     std::string text;
     for (const auto& child : *folder.contents()) text += child->path() + " ";
@@ -370,6 +389,186 @@ TEST_F(RestClient, WithdrawnAuthorizationIsReportedOncePerLinkingAndAfterTheFail
     EXPECT_TRUE(
         session->hasUserId(userId));  // what becomes of the account is the session delegate's business
   }
+}
+
+// Another session on the same store stands for another process.
+TEST_F(RestClient, BeforeAnAccountIsGivenUpTheStoreIsAskedForANewerToken) {
+  using Change = std::function<void(DBSession&)>;
+  const auto storeFile = [&] { return home.path() + "/data/credentials"; };
+  const Change relink = [](DBSession& other) {
+    other.linkCredential({userId, "token-9", "refresh-9", 0}, nullptr);
+  };
+  struct Case {
+    const char* name;
+    const char* refusal;
+    Change elsewhere;
+    Notes notes;
+    const char* storedToken;  // afterwards, once the delegate has unlinked what was reported as lost
+  };
+  const Case cases[] = {
+      {"nothing happened",
+       "invalid_access_token",
+       [](DBSession&) {},
+       {"error 401", "authorization failure u1"},
+       ""},
+      {"linked anew", "invalid_access_token", relink, {"metadata /"}, "token-9"},
+      {"linked anew, and the old refresh token is dead",
+       "expired_access_token",
+       relink,
+       {"metadata /"},
+       "token-9"},
+      {"renewed",
+       "invalid_access_token",
+       [](DBSession& other) {
+         other.linkCredential({userId, "token-9", "refresh-1", 0}, nullptr);
+       },
+       {"metadata /"},
+       "token-9"},
+      {"unlinked",
+       "invalid_access_token",
+       [](DBSession& other) { other.unlinkUserId(userId); },
+       {"error 401", "authorization failure u1"},
+       ""},
+      {"the store cannot be read",
+       "invalid_access_token",
+       [&](DBSession&) {
+         std::filesystem::rename(storeFile() + "/key_40" + hexed(server->url()) + "/accounts.json",
+                                 home.path() + "/away");
+         std::filesystem::create_directory(storeFile() + "/key_40" + hexed(server->url()) + "/accounts.json");
+       },
+       {"error 401"},
+       "unreadable"},
+  };
+  std::atomic<const Case*> current{nullptr};
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    if (request.route == tokenRoute) return jsonReply(R"({"error":"invalid_grant"})", 400);
+    if (request.route == "/2/auth/token/revoke") return jsonReply("null");
+    return request.headers.at("authorization") == "Bearer token-9"
+               ? jsonReply(pageJson(""))
+               : errorReply(401, {current.load()->refusal});
+  });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    current = &c;
+    link({userId, "token-1", "refresh-1", 0});
+    {
+      DBSession other("key", "", kDBRootDropbox);
+      c.elsewhere(other);
+      other.waitForBackgroundWork(20);
+    }
+    const std::size_t before = delegate.notes().size();
+    loadMetadata("/");
+    const auto all = delegate.wait(before + c.notes.size());
+    callbacks.run([] {});
+    EXPECT_EQ(Notes(all.begin() + static_cast<long>(before), all.end()), c.notes);
+    EXPECT_EQ(delegate.notes().size(), all.size());
+    EXPECT_EQ(session->isAuthorizationLost(userId), c.notes.size() > 1);
+    if (session->isAuthorizationLost(userId)) session->unlinkUserId(userId);
+    EXPECT_EQ(session->hasUserId(userId), c.notes.size() == 1) << "it is given up only when it is lost";
+    EXPECT_EQ(storedToken(), c.storedToken);
+  }
+}
+
+TEST_F(RestClient, ALinkingThatIsNewerThanTheLossSurvivesIt) {
+  const auto serving =
+      serve([](const ScriptedRequest&) { return errorReply(401, {"invalid_access_token"}); });
+  ASSERT_EQ(outcomeOf("/"), "error 401");
+  EXPECT_EQ(delegate.wait(2).back(), "authorization failure u1");
+  DBSession("key", "", kDBRootDropbox).linkCredential({userId, "token-9", "refresh-9", 0}, nullptr);
+  session->unlinkUserId(userId);  // as the delegate does, a moment too late
+  EXPECT_TRUE(session->hasUserId(userId));
+  EXPECT_EQ(storedToken(), "token-9");
+}
+
+TEST_F(RestClient, ARenewedTokenReplacesNoNewerLinking) {
+  const auto serving = serve([](const ScriptedRequest& request) {
+    if (request.route == tokenRoute) return jsonReply(R"({"access_token":"token-2","expires_in":14400})");
+    return jsonReply(pageJson(""));
+  });
+  link({userId, "token-1", "refresh-1", 1});
+  DBSession("key", "", kDBRootDropbox).linkCredential({userId, "token-9", "refresh-9", 0}, nullptr);
+  EXPECT_EQ(outcomeOf("/"), "metadata /");
+  session->waitForBackgroundWork(20);
+  EXPECT_EQ(server->requests().back().headers.at("authorization"), "Bearer token-2");
+  EXPECT_EQ(storedToken(), "token-9");
+}
+
+TEST_F(RestClient, UnlinkingEndsTheAuthorizationOrSaysThatItLivesOn) {
+  struct Case {
+    const char* name;
+    DBCredential credential;
+    ScriptedReply revocation;  // of any token but "token-2"
+    bool isRevoked;
+    int renewed, asked;
+  };
+  const auto dead = [](const char* tag) { return errorReply(401, {tag}); };
+  const std::int64_t longAgo = 1;
+  const Case cases[] = {
+      {"valid", {userId, "token-1", "live", 0}, jsonReply("null"), true, 0, 1},
+      {"known to have expired",
+       {userId, "token-1", "live", longAgo},
+       dead("expired_access_token"),
+       true,
+       1,
+       1},
+      {"has expired", {userId, "token-1", "live", 0}, dead("expired_access_token"), true, 1, 2},
+      {"refresh token is dead, too",
+       {userId, "token-1", "dead", longAgo},
+       dead("expired_access_token"),
+       true,
+       1,
+       0},
+      {"expired for good", {userId, "token-1", "", longAgo}, dead("expired_access_token"), true, 0, 1},
+      {"was revoked before", {userId, "token-1", "", 0}, dead("invalid_access_token"), true, 0, 1},
+      {"service in trouble", {userId, "token-1", "live", 0}, {400, "no"}, false, 0, 1},
+      {"renewal in trouble", {userId, "token-1", "broken", longAgo}, jsonReply("null"), false, 1, 0},
+  };
+  std::atomic<const Case*> current{nullptr};
+  const auto serving = serve([&](const ScriptedRequest& request) {
+    if (request.route != tokenRoute)
+      return request.headers.at("authorization") == "Bearer token-2" ? jsonReply("null")
+                                                                     : current.load()->revocation;
+    if (request.body.find("refresh_token=live") != std::string::npos)
+      return jsonReply(R"({"access_token":"token-2","expires_in":14400})");
+    if (request.body.find("refresh_token=dead") != std::string::npos)
+      return jsonReply(R"({"error":"invalid_grant"})", 400);
+    return ScriptedReply{400, "no"};
+  });
+  int renewed = 0, asked = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    current = &c;
+    link(c.credential);
+    NSErrorRef error;
+    EXPECT_EQ(session->unlinkAndRevoke(userId, std::chrono::seconds(20), &error), c.isRevoked);
+    EXPECT_EQ(error ? error->code() : 0, c.isRevoked ? 0 : DBErrorNotRevoked);
+    EXPECT_EQ(server->count(tokenRoute), renewed += c.renewed);
+    EXPECT_EQ(server->count("/2/auth/token/revoke"), asked += c.asked);
+    EXPECT_EQ(storedToken(), "") << "forgotten here in any case";
+    if (!error) continue;
+    EXPECT_TRUE(error->localizedDescription().starts_with("forgotten here, but not revoked: "));
+    EXPECT_NE(error->localizedDescription().find("/account/connected_apps"), std::string::npos);
+  }
+}
+
+TEST_F(RestClient, TokensAreKnownAtTheOriginThatGaveThemOnly) {
+  const auto serving = serve([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
+  ScriptedServer elsewhere([](const ScriptedRequest&) { return jsonReply(pageJson("")); });
+  const auto idsAt = [](const std::string& origin) {
+    ::setenv("KZV_SERVICE_URL", origin.c_str(), 1);
+    return DBSession("key", "", kDBRootDropbox).userIds();
+  };
+  EXPECT_EQ(idsAt(elsewhere.url()), Notes());
+  EXPECT_EQ(idsAt(""), Notes()) << "the service itself";
+  std::string loud = server->url();
+  loud.replace(0, 4, "HTTP");
+  EXPECT_EQ(idsAt(loud + "/"), Notes{userId}) << "the same origin, written otherwise";
+  // What was stored before origins were is the service's own.
+  const std::string old = home.path() + "/data/credentials/key";
+  std::filesystem::create_directories(old);
+  std::ofstream(old + "/accounts.json") << R"({"accounts":[{"account_id":"old","access_token":"t"}]})";
+  EXPECT_EQ(idsAt(""), Notes{"old"});
+  EXPECT_EQ(idsAt(elsewhere.url()), Notes());
 }
 
 TEST_F(RestClient, AccountThatIsNotLinkedCostsNoRequest) {

@@ -1,0 +1,31 @@
+#pragma once
+#include <functional>
+#include <memory>
+
+#include "sdk/ServiceCall.h"
+
+/// Ends the authorization that a credential stands for (auth/token/revoke), which ends its refresh token and
+/// all its access tokens. Only an access token that is valid can be revoked, so one that has expired is
+/// renewed first. Network thread.
+class Revocation : public std::enable_shared_from_this<Revocation> {
+ public:
+  /// Empty: the authorization has ended, or had ended before.
+  using Done = std::function<void(const NSErrorRef& error)>;
+
+  /// Any thread; returns at once.
+  /// @param done  on the network thread, once.
+  static void start(std::shared_ptr<DBSession::Internals> session, const DBCredential& credential, Done done);
+
+  Revocation(std::shared_ptr<DBSession::Internals> session, const DBCredential& credential, Done done);
+
+ private:
+  void revoke();
+  void revoked(const ServiceAnswer& answer);
+  void renew();
+  void renewed(const ServiceAnswer& answer);
+
+  const std::shared_ptr<DBSession::Internals> session_;
+  DBCredential credential_;
+  const Done done_;
+  bool hasRenewed_ = false;
+};
