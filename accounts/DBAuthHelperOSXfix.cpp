@@ -7,6 +7,7 @@
 #include "foundation/Fatal.h"
 #include "foundation/NSApplication.h"
 #include "foundation/NSWorkspace.h"
+#include "support/KZVDropboxFSSupport.h"
 
 const std::shared_ptr<DBAuthHelperOSXfix>& DBAuthHelperOSXfix::sharedHelper() {
   static const auto& helper =
@@ -25,14 +26,23 @@ void DBAuthHelperOSXfix::authenticate(SignInCode code) {
 }
 
 void DBAuthHelperOSXfix::cancel() {
+  ++cancelCount_;
+  const auto thread = KZVDropboxFileManager::dropboxThread();
+  if (!thread) return endSignIn();
+  // There, where sign-ins begin and their callbacks run, none can be on its way.
+  KZVDropboxFSSupport::performBlockInBackgroundAndWait([this] { endSignIn(); }, *thread);
+}
+
+void DBAuthHelperOSXfix::endSignIn() {
   NSNotificationCenter::defaultCenter().removeObserver(this);
-  auto client =
+  const auto client =
       restClient_.update([](std::shared_ptr<DBRestClient>& held) { return std::exchange(held, nullptr); });
   loading = false;
+  linkedUserId_.set(std::nullopt);
   if (!client) return;
+  client->withdrawSignIn();
   client->setDelegate(nullptr);
-  const auto thread = KZVDropboxFileManager::dropboxThread();
-  if (thread) thread->perform([client = std::move(client)] { client->cancelAllRequests(); }, false);
+  client->cancelAllRequests();
 }
 
 std::shared_ptr<DBRestClient> DBAuthHelperOSXfix::restClient() {

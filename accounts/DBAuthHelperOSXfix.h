@@ -1,5 +1,6 @@
 #pragma once
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -38,8 +39,11 @@ class DBAuthHelperOSXfix final : public NSObject,
 
   /// Starts a sign-in, or starts it anew while one waits for the user. Does nothing while isLoading().
   void authenticate(SignInCode code = SignInCode::byRedirect);
-  /// Gives up a sign-in that is under way, if there is one; nobody is notified.
+  /// Gives up the sign-in that is under way, if there is one; nobody is notified. Once this has returned no
+  /// page opens and no account is linked for it. Waits for the service thread, which does it.
   void cancel();
+  /// How often cancel() has been called: a sign-in that was asked for before the last time must not begin.
+  std::uint64_t cancelCount() const { return cancelCount_; }
   /// Whether a sign-in page is being asked for. False also while tokens are being asked for.
   bool isLoading() const { return loading; }
   /// The client that carries the sign-in, made when there is none.
@@ -64,9 +68,11 @@ class DBAuthHelperOSXfix final : public NSObject,
   void loadAccessTokenFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
 
  private:
+  void endSignIn();
   void requestAccessToken(std::shared_ptr<DBRestClient> client);
 
   Guarded<std::shared_ptr<DBRestClient>> restClient_;
   std::atomic<bool> loading{false};
+  std::atomic<std::uint64_t> cancelCount_{0};
   Guarded<std::optional<std::string>> linkedUserId_;
 };

@@ -58,6 +58,9 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   void loadRequestToken(SignInCode code = SignInCode::byRedirect);
   /// Whether a sign-in is under way. Any thread.
   bool requestTokenLoaded() const;
+  /// Gives up every sign-in of this client: once this has returned, the client links no account any more, and
+  /// tokens that have already come are revoked. Any thread.
+  void withdrawSignIn();
   /// The page that the user has to visit; empty without a sign-in. Any thread.
   std::string authorizeURL() const;
   /// A code that the user has copied from the page. False when the text cannot be one or no sign-in is under
@@ -65,7 +68,8 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   bool useAuthorizationCode(const std::string& code);
   /// Trades the code for tokens and links the account. Ends with restClientLoadedAccessToken or
   /// loadAccessTokenFailedWithError: at once and without a request with DBErrorAuthorizationPending while the
-  /// user has not answered; with 403 when the user declined. What cannot succeed any more ends the sign-in.
+  /// user has not answered; with 403 when the user declined; with DBErrorSignInExpired once 10 minutes have
+  /// passed. What cannot succeed any more ends the sign-in.
   void loadAccessToken();
 
   // Transfers: bodies are streamed from and to disk by the network thread, so memory stays flat. What comes

@@ -62,7 +62,9 @@ class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Imp
   void cancelAll();
   void forgetOwner();
   /// Links the account and ends the operation, which is one that loads an access token.
-  void linkAndFinish(const OperationRef& operation, DBCredential credential);
+  void linkAndFinish(const OperationRef& operation, const DBCredential& credential);
+  /// Once this has returned, linkAndFinish links nothing.
+  void withdrawLinking();
 
   UploadSessions uploads;  // the thread of the callbacks only
 
@@ -85,6 +87,7 @@ class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Imp
 
   const std::shared_ptr<DBSession> session_;
   const std::optional<std::string> userId_;
+  const DBSession::Internals::Withdrawn isWithdrawn_ = std::make_shared<bool>(false);
 
   mutable std::mutex mutex_;
   DBRestClient* owner_;                       // guarded by mutex_

@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <utility>
 
 #include "foundation/DispatchQueue.h"
@@ -150,7 +151,7 @@ class TokenAdoption : public std::enable_shared_from_this<TokenAdoption> {
     const auto fields = accountFields(answer.response);
     if (!fields) return fail(invalidResponseError(answer.response, about_));
     credential_.userId = fields->userId;
-    client_->linkAndFinish(operation_, std::move(credential_));
+    client_->linkAndFinish(operation_, credential_);
   }
 
   void fail(const NSErrorRef& error) {
@@ -167,20 +168,25 @@ class TokenAdoption : public std::enable_shared_from_this<TokenAdoption> {
 
 }  // namespace
 
-void DBRestClient::Impl::linkAndFinish(const OperationRef& operation, DBCredential credential) {
+void DBRestClient::Impl::linkAndFinish(const OperationRef& operation, const DBCredential& credential) {
   // The store may take its time; the callbacks' thread may not.
-  DispatchQueue::global().async([self = shared_from_this(), operation, credential = std::move(credential)] {
-    NSErrorRef error;
-    const bool isLinked = self->session_->linkCredential(credential, &error);
-    const std::string userId = credential.userId;
-    self->performLater(operation, [self, operation, isLinked, error, userId] {
-      self->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-        isLinked ? delegate.restClientLoadedAccessToken(client, userId)
-                 : delegate.loadAccessTokenFailedWithError(client, error);
+  DBSession::Internals& session = session_->internals();
+  DispatchQueue::global().async(
+      [&session, self = shared_from_this(), operation, credential, work = session.backgroundWork()] {
+        NSErrorRef error;
+        const bool isLinked = session.link(credential, self->isWithdrawn_, &error);
+        // Nobody will use these tokens, nor can anybody find them to revoke them later.
+        if (!isLinked && error->code() == ECANCELED) session.revokeInBackground(credential);
+        self->performLater(operation, [self, operation, isLinked, error, userId = credential.userId] {
+          self->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+            isLinked ? delegate.restClientLoadedAccessToken(client, userId)
+                     : delegate.loadAccessTokenFailedWithError(client, error);
+          });
+        });
       });
-    });
-  });
 }
+
+void DBRestClient::Impl::withdrawLinking() { session_->internals().withdraw(isWithdrawn_); }
 
 void DBRestClient::loadAccountInfo() { std::make_shared<AccountLoad>(impl_)->start(); }
 

@@ -36,6 +36,11 @@ class CodeExchange : public std::enable_shared_from_this<CodeExchange> {
   void start() {
     if (!signIn_) return failLater(requestError(400, "no sign-in has been started", about_));
     const SignIn::State state = signIn_->state();
+    if (state == SignIn::State::expired) {
+      client_->setSignIn(nullptr);
+      return failLater(requestError(
+          DBErrorSignInExpired, "the sign-in was not finished within its 10 minutes; begin again", about_));
+    }
     if (state == SignIn::State::denied) {
       client_->setSignIn(nullptr);
       return failLater(requestError(403, "the sign-in was declined", about_));
@@ -63,9 +68,9 @@ class CodeExchange : public std::enable_shared_from_this<CodeExchange> {
       return fail(answer.error);
     }
     endSignIn();
-    auto credential = credentialOf(answer.response);
+    const auto credential = credentialOf(answer.response);
     if (!credential) return fail(invalidResponseError(answer.response, about_));
-    client_->linkAndFinish(operation_, std::move(*credential));
+    client_->linkAndFinish(operation_, *credential);
   }
 
   /// Unless a new one has taken its place meanwhile.
@@ -113,16 +118,23 @@ void DBRestClient::loadRequestToken(SignInCode code) {
     return;
   }
   impl_->setSignIn(nullptr);  // its port is needed again
-  auto arrived = [weak = std::weak_ptr(impl_), runLoop = operation->runLoop] {
-    runLoop->perform([weak] {
-      const auto impl = weak.lock();
-      if (!impl) return;
-      impl->notify([](DBRestClientDelegate& delegate, DBRestClient& client) {
-        delegate.restClientReceivedAuthorization(client);
-      });
+  auto notify = [weak = std::weak_ptr(impl_)] {
+    const auto impl = weak.lock();
+    if (!impl) return;
+    impl->notify([](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.restClientReceivedAuthorization(client);
     });
   };
-  impl_->setSignIn(std::make_shared<SignIn>(code == SignInCode::byRedirect, std::move(arrived)));
+  const auto signIn = std::make_shared<SignIn>(
+      code == SignInCode::byRedirect, [notify, runLoop = operation->runLoop] { runLoop->perform(notify); });
+  impl_->setSignIn(signIn);
+  operation->runLoop->addTimer(std::make_shared<NSTimer>(
+      SignIn::timeLimit(),
+      [notify, weak = std::weak_ptr(signIn)](NSTimer& /*timer*/) {
+        const auto late = weak.lock();
+        if (late && late->expire()) notify();
+      },
+      false));
   impl_->performLater(operation, [impl = impl_, operation] {
     impl->finish(operation, [](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.restClientLoadedRequestToken(client);
@@ -142,5 +154,7 @@ bool DBRestClient::useAuthorizationCode(const std::string& code) {
   const auto signIn = impl_->signIn();
   return signIn && signIn->takeCode(code);
 }
+
+void DBRestClient::withdrawSignIn() { impl_->withdrawLinking(); }
 
 void DBRestClient::loadAccessToken() { std::make_shared<CodeExchange>(impl_)->start(); }

@@ -6,8 +6,11 @@
 #include <thread>
 #include <vector>
 
+#include "foundation/Descriptor.h"
+
 /// Waits on this machine's loopback addresses for the browser that an OAuth page sends back (RFC 8252,
-/// section 7.3): a tiny HTTP server on a thread of its own that answers one path.
+/// section 7.3): a tiny HTTP server on a thread of its own that answers one path, to this process's user
+/// only. Connections do not wait for each other: browsers open spare ones and say nothing on them.
 class LoopbackListener {
  public:
   /// What the browser shows.
@@ -22,7 +25,8 @@ class LoopbackListener {
   /// thread.
   using Handler = std::function<Page(const std::string& query)>;
 
-  /// @param port  0: any. Null when the port, or a thread, cannot be had.
+  /// @param port  0: any. Null when a thread, or the port on every loopback address of the machine, cannot be
+  ///              had: a browser may take "localhost" for either, and must not find another program there.
   static std::unique_ptr<LoopbackListener> open(std::uint16_t port, std::string path, Handler handler);
   /// Waits for the thread. REQUIRES another thread than the listener's.
   ~LoopbackListener();
@@ -30,15 +34,19 @@ class LoopbackListener {
 
  private:
   LoopbackListener(std::string path, Handler handler);
+  struct Connection;
   bool bindTo(std::uint16_t port);
+  bool bindBoth(std::uint16_t port);
   void run();
-  void serve(int connection) const;
-  Page pageFor(const std::string& requestHead) const;
+  void acceptFrom(int socket, std::vector<Connection>& connections) const;
+  /// False when the connection is to be closed.
+  bool serve(Connection& connection) const;
+  Page pageFor(const Connection& connection) const;
 
   const std::string path_;
   const Handler handler_;
   std::uint16_t port_ = 0;
-  std::vector<int> sockets_;
-  int stopSignal_ = -1;
+  std::vector<Descriptor> sockets_;
+  Descriptor stopSignal_;
   std::thread thread_;
 };

@@ -1,6 +1,7 @@
 #include "sdk/SignIn.h"
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cstdlib>
 #include <optional>
@@ -12,6 +13,7 @@
 #include <openssl/rand.h>
 
 #include "foundation/Fatal.h"
+#include "foundation/Secrets.h"
 #include "sdk/ContentHash.h"
 #include "sdk/FormText.h"
 
@@ -111,7 +113,21 @@ SignIn::SignIn(bool useRedirect, std::function<void()> arrived)
   redirectUri_ = "http://localhost:" + std::to_string(listener_->port()) + std::string(redirectPath);
 }
 
-SignIn::~SignIn() { listener_.reset(); }
+SignIn::~SignIn() {
+  listener_.reset();
+  clearSecret(verifier_);
+  clearSecret(code_);
+}
+
+namespace {
+std::atomic<std::chrono::milliseconds>& limitOfSignIns() {
+  static std::atomic<std::chrono::milliseconds> limit{std::chrono::minutes(10)};
+  return limit;
+}
+}  // namespace
+
+std::chrono::milliseconds SignIn::timeLimit() { return limitOfSignIns(); }
+void SignIn::setTimeLimit(std::chrono::milliseconds limit) { limitOfSignIns() = limit; }
 
 std::string SignIn::challengeFor(std::string_view verifier) {
   Sha256 digest;
@@ -144,6 +160,7 @@ LoopbackListener::Page SignIn::redirected(const std::string& query) {
   if (!isApproved && !fieldOf(query, "error")) return refusal("The answer holds no code.");
   {
     const std::lock_guard lock(mutex_);
+    if (state_ == State::expired) return refusal("This sign-in has taken too long. Begin again.");
     if (state_ != State::waiting) return refusal("This sign-in has already been answered.");
     state_ = isApproved ? State::approved : State::denied;
     if (isApproved) code_ = *code;
@@ -161,12 +178,21 @@ SignIn::State SignIn::state() const {
   return state_;
 }
 
+bool SignIn::expire() {
+  const std::lock_guard lock(mutex_);
+  if (state_ == State::denied || state_ == State::expired || isExchanging_) return false;
+  state_ = State::expired;
+  clearSecret(code_);
+  return true;
+}
+
 bool SignIn::takeCode(std::string_view code) {
   const auto first = code.find_first_not_of(" \t\r\n");
   if (first == std::string_view::npos) return false;
   code = code.substr(first, code.find_last_not_of(" \t\r\n") - first + 1);
   if (!canBeCode(code)) return false;
   const std::lock_guard lock(mutex_);
+  if (state_ == State::expired) return false;
   code_ = code;
   state_ = State::approved;
   return true;

@@ -1,4 +1,5 @@
 #pragma once
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -13,7 +14,11 @@
 /// copies from the page. Any thread.
 class SignIn {
  public:
-  enum class State { waiting, approved, denied };
+  enum class State { waiting, approved, denied, expired };
+
+  /// How long a person has from the page's address to the code: 10 minutes, unless a test says otherwise.
+  static std::chrono::milliseconds timeLimit();
+  static void setTimeLimit(std::chrono::milliseconds limit);
 
   /// @param useRedirect  false: the page shows the code, to be given to takeCode.
   /// @param arrived      the browser has brought an answer; on the listener's thread, at most once.
@@ -23,6 +28,8 @@ class SignIn {
   /// The page's address below the service's web origin. Holds no secret.
   std::string pageAddress(std::string_view webOrigin, std::string_view appKey) const;
   State state() const;
+  /// Its time is over: no answer counts any more. False when there was one, or its code is being traded.
+  bool expire();
   /// A code that a person typed in; blanks around it are dropped. False when it cannot be one.
   bool takeCode(std::string_view code);
   /// False when the code is being traded already.
@@ -37,7 +44,7 @@ class SignIn {
  private:
   LoopbackListener::Page redirected(const std::string& query);
 
-  const std::string verifier_;
+  std::string verifier_;  // never changes
   const std::string stateText_;
   const std::function<void()> arrived_;
   mutable std::mutex mutex_;

@@ -1,10 +1,20 @@
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <future>
+#include <optional>
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include "foundation/FileLock.h"
 #include "sdk/SignIn.h"
 #include "sdk/testing/ClientFixture.h"
 
@@ -57,6 +67,12 @@ class BrowserSignIn : public ClientFixture {
   }
   std::string redirect() const { return field(client->authorizeURL(), "redirect_uri"); }
   std::string state() const { return field(client->authorizeURL(), "state"); }
+  /// The lock file of the only store below this test's home.
+  std::string storeLock() const {
+    for (const auto& entry : std::filesystem::directory_iterator(home.path() + "/data/credentials"))
+      return entry.path().string() + "/accounts.json.lock";
+    return "";
+  }
 };
 
 TEST(SignIn, ChallengeAgreesWithThePublishedValue) {
@@ -75,6 +91,110 @@ TEST(SignIn, ThePageIsSentBeforeWhatTheAnswerSetsOff) {
     pageHasCome.set_value();
   }
   EXPECT_EQ(seen, std::future_status::ready);
+}
+
+/// A TCP connection to the listener that says nothing; closed at the end.
+Descriptor silentConnection(const std::string& url) {
+  const auto colon = url.rfind(':');
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(url.substr(colon + 1))));
+  Descriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (::connect(socket.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    ADD_FAILURE() << "cannot connect";
+  return socket;
+}
+
+TEST(SignIn, SpareConnectionsKeepNobodyWaiting) {
+  ::setenv("KZV_SIGN_IN_PORT", "0", 1);
+  const SignIn signIn(true, [] {});
+  const std::string url = signIn.pageAddress("", "key");
+  std::vector<Descriptor> spare;
+  for (int i = 0; i < 70; ++i) spare.push_back(silentConnection(field(url, "redirect_uri")));
+  EXPECT_EQ(visit(field(url, "redirect_uri") + "?error=access_denied&state=" + field(url, "state")), 200);
+  char byte = 0;  // the page came while spare connections were still waited for: the youngest is open
+  EXPECT_EQ(::recv(spare.back().number(), &byte, 1, MSG_DONTWAIT), -1);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST(SignIn, BothLoopbackAddressesAreTakenOrAnotherPort) {
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_loopback;
+  const Descriptor other(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (::bind(other.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    GTEST_SKIP() << "no IPv6 here";
+  ASSERT_EQ(::listen(other.number(), 1), 0);
+  socklen_t size = sizeof address;
+  ::getsockname(other.number(), reinterpret_cast<sockaddr*>(&address), &size);
+  const std::string taken = std::to_string(ntohs(address.sin6_port));
+  ::setenv("KZV_SIGN_IN_PORT", taken.c_str(), 1);
+  EXPECT_EQ(field(SignIn(true, [] {}).pageAddress("", "key"), "redirect_uri"), "")
+      << "the page shows the code";
+  ::setenv("KZV_SIGN_IN_PORT", "0", 1);
+  const SignIn signIn(true, [] {});
+  std::string redirect = field(signIn.pageAddress("", "key"), "redirect_uri");
+  EXPECT_EQ(redirect.find(':' + taken + '/'), std::string::npos);
+  redirect.replace(redirect.find("localhost"), 9, "[::1]");
+  EXPECT_EQ(visit(redirect), 400) << "it listens on the other address, too";
+}
+
+TEST(SignIn, AnotherUserOfTheMachineCannotFinishIt) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can become another user";
+  ::setenv("KZV_SIGN_IN_PORT", "0", 1);
+  const SignIn signIn(true, [] {});
+  const std::string url = signIn.pageAddress("", "key");
+  const std::string request =
+      "GET /dropbox-sign-in?code=stolen&state=" + field(url, "state") + " HTTP/1.1\r\n\r\n";
+  const std::string redirect = field(url, "redirect_uri");
+  const pid_t child = ::fork();
+  if (child == 0) {
+    constexpr uid_t nobody = 65534;
+    if (::setresuid(nobody, nobody, nobody) != 0) ::_exit(2);
+    const Descriptor connection = silentConnection(redirect);
+    char answer[64] = {};
+    ::send(connection.number(), request.data(), request.size(), 0);
+    const ssize_t count = ::recv(connection.number(), answer, sizeof answer - 1, 0);
+    ::_exit(count > 0 && std::string(answer).starts_with("HTTP/1.1 403") ? 0 : 1);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(signIn.state(), SignIn::State::waiting);
+  EXPECT_EQ(visit(redirect + "?code=own&state=" + field(url, "state")), 200);
+}
+
+TEST_F(BrowserSignIn, EndsWhenItHasTakenTooLong) {
+  const auto serving = serveTokens();
+  SignIn::setTimeLimit(std::chrono::milliseconds(1));
+  callbacks.run([&] { client->loadRequestToken(); });
+  auto notes = delegate.wait(2);
+  std::sort(notes.begin(), notes.end());
+  EXPECT_EQ(notes, (std::vector<std::string>{"answer came", "sign-in begun"}));
+  SignIn::setTimeLimit(std::chrono::minutes(10));
+  EXPECT_EQ(visit(redirect() + "?code=good&state=" + state()), 400);
+  EXPECT_FALSE(client->useAuthorizationCode("good"));
+  EXPECT_EQ(loadAccessToken(), "error 1001");
+  EXPECT_FALSE(client->requestTokenLoaded());
+  EXPECT_TRUE(server->requests().empty());
+}
+
+TEST_F(BrowserSignIn, WhatWasGivenUpWhileTheStoreWasBusyIsNotLinked) {
+  const auto serving = serveTokens();
+  ASSERT_EQ(begin(), "sign-in begun");
+  EXPECT_EQ(visit(redirect() + "?code=good&state=" + state()), 200);
+  EXPECT_EQ(delegate.wait(2).back(), "answer came");
+  std::optional<FileLock> busy(std::in_place, storeLock(), std::chrono::seconds(5));
+  ASSERT_TRUE(busy->isHeld());
+  callbacks.run([&] { client->loadAccessToken(); });
+  ASSERT_TRUE(server->waitForRequests("/oauth2/token", 1));
+  client->withdrawSignIn();
+  busy.reset();
+  EXPECT_TRUE(server->waitForRequests("/2/auth/token/revoke", 1)) << "nobody could revoke these tokens later";
+  EXPECT_TRUE(delegate.wait(3).back().starts_with("error "));
+  EXPECT_EQ(session->userIds(), std::vector<std::string>{userId});
+  EXPECT_EQ(DBSession("key", "", kDBRootDropbox).userIds(), std::vector<std::string>{userId});
 }
 
 TEST_F(BrowserSignIn, LinksTheAccountThatApproved) {
