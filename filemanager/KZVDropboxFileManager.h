@@ -94,8 +94,10 @@ class KZVDropboxFileManager final : public NSObject,
   bool deletePath(const std::string& path, NSErrorRef* error = nullptr);
   bool moveFrom(const std::string& path, const std::string& toPath, NSErrorRef* error = nullptr);
   bool createFolder(const std::string& path, NSErrorRef* error = nullptr);
-  /// The full link, never a shortened one, that anybody can open. Blocks.
+  /// The full link, never a shortened one, made if there is none. Blocks.
   std::optional<std::string> publicLink(const std::string& path, NSErrorRef* error = nullptr);
+  /// The same with the link's audience. Null on failure. Blocks.
+  std::shared_ptr<DBSharedLink> sharedLink(const std::string& path, NSErrorRef* error = nullptr);
   /// The link that the file has already; makes none. Nothing, without an error, when it has none.
   std::optional<std::string> existingLink(const std::string& path, NSErrorRef* error = nullptr);
 
@@ -143,7 +145,8 @@ class KZVDropboxFileManager final : public NSObject,
   void deletePathFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void movedPath(DBRestClient& client, const std::string& fromPath, const MetadataRef& metadata) override;
   void movePathFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
-  void loadedSharableLink(DBRestClient& client, const std::string& link, const std::string& path) override;
+  void loadedSharableLink(DBRestClient& client, const std::shared_ptr<DBSharedLink>& link,
+                          const std::string& path) override;
   void foundSharableLink(DBRestClient& client, const std::string& link, const std::string& path) override;
   void loadSharableLinkFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
 

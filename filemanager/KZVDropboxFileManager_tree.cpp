@@ -47,11 +47,14 @@ bool KZVDropboxFileManager::createFolder(const std::string& path, NSErrorRef* er
 }
 
 std::optional<std::string> KZVDropboxFileManager::publicLink(const std::string& path, NSErrorRef* error) {
+  const auto link = sharedLink(path, error);
+  return link ? std::optional(link->url()) : std::nullopt;
+}
+
+std::shared_ptr<DBSharedLink> KZVDropboxFileManager::sharedLink(const std::string& path, NSErrorRef* error) {
   constexpr bool shortUrl = false;
-  const id link = requestOnMainClient(
-      [path](DBRestClient& client) { client.loadSharableLinkForFile(path, shortUrl); }, error);
-  const std::string* text = textOf(link);
-  return text ? std::optional(*text) : std::nullopt;
+  return as<DBSharedLink>(requestOnMainClient(
+      [path](DBRestClient& client) { client.loadSharableLinkForFile(path, shortUrl); }, error));
 }
 
 std::optional<std::string> KZVDropboxFileManager::existingLink(const std::string& path, NSErrorRef* error) {
@@ -105,9 +108,10 @@ void KZVDropboxFileManager::movePathFailedWithError(DBRestClient& client, const 
   finish(client, nullptr, error);
 }
 
-void KZVDropboxFileManager::loadedSharableLink(DBRestClient& client, const std::string& link,
+void KZVDropboxFileManager::loadedSharableLink(DBRestClient& client,
+                                               const std::shared_ptr<DBSharedLink>& link,
                                                const std::string& /*path*/) {
-  finish(client, str(link), nullptr);
+  finish(client, link, nullptr);
 }
 
 void KZVDropboxFileManager::foundSharableLink(DBRestClient& client, const std::string& link,

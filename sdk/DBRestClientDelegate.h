@@ -7,6 +7,7 @@
 #include "sdk/DBAccountInfo.h"
 #include "sdk/DBDeltaEntry.h"
 #include "sdk/DBMetadata.h"
+#include "sdk/DBSharedLink.h"
 
 class DBRestClient;
 
@@ -34,7 +35,8 @@ class DBRestClientDelegate {
   /// A sign-in has begun: authorizeURL() is the page to show.
   virtual void restClientLoadedRequestToken(DBRestClient& /*client*/) {}
   virtual void loadRequestTokenFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
-  /// The browser has brought the user's answer, so loadAccessToken will not be told to wait any more.
+  /// The browser has brought the user's answer, or the sign-in's time is over, so loadAccessToken will not be
+  /// told to wait any more.
   virtual void restClientReceivedAuthorization(DBRestClient& /*client*/) {}
   /// An access token was exchanged or adopted; the account is among the session's userIds.
   virtual void restClientLoadedAccessToken(DBRestClient& /*client*/, const std::string& /*userId*/) {}
@@ -83,7 +85,7 @@ class DBRestClientDelegate {
   virtual void movedPath(DBRestClient& /*client*/, const std::string& /*fromPath*/,
                          const MetadataRef& /*metadata*/) {}
   virtual void movePathFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
-  virtual void loadedSharableLink(DBRestClient& /*client*/, const std::string& /*link*/,
+  virtual void loadedSharableLink(DBRestClient& /*client*/, const std::shared_ptr<DBSharedLink>& /*link*/,
                                   const std::string& /*path*/) {}
   /// @param link  empty: the file has none.
   virtual void foundSharableLink(DBRestClient& /*client*/, const std::string& /*link*/,

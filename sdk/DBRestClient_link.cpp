@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "sdk/DBRestClientImpl.h"
+#include "sdk/DBSharedLink.h"
 #include "sdk/ServiceJson.h"
 
 namespace json = boost::json;
@@ -8,7 +9,30 @@ using servicejson::Document;
 
 namespace {
 
-/// Makes a public link, or finds the one that there is already.
+/// The member of a link's permissions that the union `key` names; empty without one.
+std::string_view permission(const json::object& permissions, std::string_view key) {
+  const json::value* value = permissions.if_contains(key);
+  return value ? servicejson::tag(*value) : std::string_view();
+}
+
+/// Who can open a link: the visibility that results from its own settings and those above it or, where the
+/// service tells it in the newer form, the effective audience.
+std::string_view audienceOf(const json::object& link) {
+  const json::object* permissions = servicejson::object(link, "link_permissions");
+  if (!permissions) return {};
+  std::string_view audience = permission(*permissions, "resolved_visibility");
+  if (audience.empty()) audience = permission(*permissions, "effective_audience");
+  const bool needsPassword = servicejson::boolean(*permissions, "require_password").value_or(false);
+  return needsPassword && audience == "public" ? "password" : audience;
+}
+
+std::shared_ptr<DBSharedLink> sharedLink(const json::object* link) {
+  const auto url = link ? servicejson::text(*link, "url") : std::nullopt;
+  if (!url) return nullptr;
+  return std::make_shared<DBSharedLink>(std::string(*url), std::string(audienceOf(*link)));
+}
+
+/// Makes a link, or finds the one that there is already.
 class LinkLoad : public std::enable_shared_from_this<LinkLoad> {
  public:
   LinkLoad(std::shared_ptr<DBRestClient::Impl> client, const std::string& path)
@@ -34,36 +58,34 @@ class LinkLoad : public std::enable_shared_from_this<LinkLoad> {
   void created(const ServiceAnswer& answer) {
     const auto document = Document::parse(answer.response.body);
     if (!answer.error) {
-      const auto url = document ? servicejson::text(document->root(), "url") : std::nullopt;
-      return url ? finish(*url) : failInvalid(answer.response);
+      const auto link = sharedLink(document ? &document->root() : nullptr);
+      return link ? finish(link) : failInvalid(answer.response);
     }
     if (!hasErrorTag(answer.response, "shared_link_already_exists")) return fail(answer);
-    if (const auto url = linkInError(document->root())) return finish(*url);
+    if (const auto link = sharedLink(linkInError(document->root()))) return finish(link);
     const json::object argument{{"path", *path_}, {"direct_only", true}};
     client_->send(operation_, readingRequest("sharing/list_shared_links", argument, about_),
                   [self = shared_from_this()](ServiceAnswer& listed) { self->listed(listed); });
   }
 
   /// The refusal names the link that exists, unless that has settings of its own.
-  static std::optional<std::string_view> linkInError(const json::object& answer) {
+  static const json::object* linkInError(const json::object& answer) {
     const json::object* error = servicejson::object(answer, "error");
     const json::object* exists = error ? servicejson::object(*error, "shared_link_already_exists") : nullptr;
-    const json::object* metadata = exists ? servicejson::object(*exists, "metadata") : nullptr;
-    return metadata ? servicejson::text(*metadata, "url") : std::nullopt;
+    return exists ? servicejson::object(*exists, "metadata") : nullptr;
   }
 
   void listed(const ServiceAnswer& answer) {
     if (answer.error) return fail(answer);
     const auto document = Document::parse(answer.response.body);
     const json::array* links = document ? servicejson::array(document->root(), "links") : nullptr;
-    const json::object* first = links && !links->empty() ? links->front().if_object() : nullptr;
-    const auto url = first ? servicejson::text(*first, "url") : std::nullopt;
-    return url ? finish(*url) : failInvalid(answer.response);
+    const auto link = sharedLink(links && !links->empty() ? links->front().if_object() : nullptr);
+    return link ? finish(link) : failInvalid(answer.response);
   }
 
-  void finish(std::string_view url) {
+  void finish(const std::shared_ptr<DBSharedLink>& link) {
     client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.loadedSharableLink(client, std::string(url), about_.path);
+      delegate.loadedSharableLink(client, link, about_.path);
     });
   }
 

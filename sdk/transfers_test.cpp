@@ -703,18 +703,27 @@ TEST_F(TreeChanges, LinkIsMadeOrFound) {
     ScriptedReply made, listed;
     const char* outcome;
   };
-  const char* const link = R"({".tag":"file","url":"https://host/x?rlkey=1&dl=0"})";
+  const auto link = [](const std::string& permissions) {
+    return R"({".tag":"file","url":"https://host/x","link_permissions":{)" + permissions + "}}";
+  };
+  const std::string open = link(R"("resolved_visibility":{".tag":"public"})");
+  const std::string forTeam = link(R"("resolved_visibility":{".tag":"team_only"})");
+  const std::string withPassword = link(R"("effective_audience":{".tag":"public"},"require_password":true)");
   const std::string exists = R"({"error":{".tag":"shared_link_already_exists")";
   const Case cases[] = {
-      {"made", jsonReply(link), {}, "link /a https://host/x?rlkey=1&dl=0"},
+      {"made", jsonReply(open), {}, "link /a https://host/x public"},
+      {"made, audience not told",
+       jsonReply(R"({"url":"https://host/x?rlkey=1&dl=0"})"),
+       {},
+       "link /a https://host/x?rlkey=1&dl=0 "},
       {"named in the refusal",
-       jsonReply(exists + R"(,"shared_link_already_exists":{".tag":"metadata","metadata":)" + link + "}}}",
+       jsonReply(exists + R"(,"shared_link_already_exists":{".tag":"metadata","metadata":)" + forTeam + "}}}",
                  409),
        {},
-       "link /a https://host/x?rlkey=1&dl=0"},
+       "link /a https://host/x team_only"},
       {"found", jsonReply(exists + "}}", 409),
-       jsonReply(std::string(R"({"links":[)") + link + R"(],"has_more":false})"),
-       "link /a https://host/x?rlkey=1&dl=0"},
+       jsonReply(R"({"links":[)" + withPassword + R"(],"has_more":false})"),
+       "link /a https://host/x password"},
       {"not found", jsonReply(exists + "}}", 409), jsonReply(R"({"links":[],"has_more":false})"),
        "error 101"},
       {"not allowed", errorReply(409, {"access_denied"}), {}, "error 403"},

@@ -78,8 +78,8 @@ class NotingDelegate : public DBRestClientDelegate, public DBSessionDelegate {
     noteRecord("moved " + from + " to " + m->path(), m);
   }
   void movePathFailedWithError(Client&, const Error& error) override { noteError(error); }
-  void loadedSharableLink(Client&, const Text& link, const Text& path) override {
-    note("link " + path + " " + link);
+  void loadedSharableLink(Client&, const std::shared_ptr<DBSharedLink>& link, const Text& path) override {
+    note("link " + path + " " + link->url() + " " + link->audience());
   }
   void loadSharableLinkFailedWithError(Client&, const Error& error) override { noteError(error); }
   void sessionDidReceiveAuthorizationFailure(DBSession&, const Text& userId) override {
