@@ -8,11 +8,30 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-bool KZVSupport::isSandboxed() {
+#include "foundation/Paths.h"
+#include "foundation/StandardFolders.h"
+
+namespace {
+
+bool hasSandboxMark() {
   // Flatpak puts this file into every sandbox; Snap sets the variable for every confined program.
   if (::access("/.flatpak-info", F_OK) == 0) return true;
   const char* snap = std::getenv("SNAP");
   return snap && *snap != '\0';
+}
+
+/// The folders below a user's home in which sandboxes keep the homes of their programs.
+bool isSandboxFolder(const std::string& name) {
+  return name == "Library" || name == "snap" || name == ".snap" || name == ".var";
+}
+
+}  // namespace
+
+bool KZVSupport::isSandboxed() {
+  if (!hasSandboxMark()) return false;
+  std::string folder = homeFolder();
+  for (int level = 0; level < 3; ++level) folder = deletingLastPathComponent(folder);
+  return isSandboxFolder(lastPathComponent(folder));
 }
 
 std::string KZVSupport::uniquePathComponent() {
