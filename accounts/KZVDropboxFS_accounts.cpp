@@ -1,3 +1,4 @@
+#include <chrono>
 #include <set>
 
 #include <fmt/format.h>
@@ -63,6 +64,7 @@ void postRootItemsChanged() {
 }  // namespace
 
 void KZVDropboxFS::refreshUserList() {
+  session().readStoreAgainIfIncomplete();
   const bool reachable = isReachable();
   UserList users = reachable ? fetchUserList() : UserList();
   std::set<std::string> affected;  // ids that are new, and ids that are gone
@@ -84,11 +86,11 @@ void KZVDropboxFS::refreshUserList() {
 
 std::optional<std::string> KZVDropboxFS::dropboxDesktopUserId() { return KZVDropboxFSDesktopUserID().get(); }
 
-void KZVDropboxFS::setDropboxDesktopUserId(const std::string& userId) {
-  if (!session().hasUserId(userId)) return;
+bool KZVDropboxFS::setDropboxDesktopUserId(const std::string& userId, NSErrorRef* error) {
+  if (!session().hasUserId(userId)) return true;
   KZVDropboxFSDesktopUserID().set(userId);
   defaults().setValue(str(userId), KZVDropboxFSDesktopUserIDKey);
-  defaults().synchronize();
+  return defaults().synchronize(error);
 }
 
 void KZVDropboxFS::forgetDesktopUserId(const std::string& userId) {
@@ -98,20 +100,34 @@ void KZVDropboxFS::forgetDesktopUserId(const std::string& userId) {
   defaults().synchronize();
 }
 
+// On the accounts' queue: settings and token store may be locked by another process, or a keyring may hang,
+// and the service thread, which calls this, must not wait for them.
+//
 // The desktop account is forgotten before the account is unlinked here, and after it in unlinkDBUser: kept so
 // on purpose. A failure must not leave a desktop account that nothing can be asked of, while a user who
 // ejects may change his mind up to the moment of unlinking.
 void KZVDropboxFS::sessionDidReceiveAuthorizationFailure(DBSession& /*session*/, const std::string& userId) {
   DLog(fmt::format("sessionDidReceiveAuthorizationFailure: {}", userId),
        "sessionDidReceiveAuthorizationFailure(_:userId:)");
-  forgetDesktopUserId(userId);
-  session().unlinkUserId(userId);
-  updateList();
+  KZVDropboxQueue().async([userId] {
+    if (session().isAuthorizationLost(userId)) {  // and not linked anew meanwhile, perhaps by another process
+      forgetDesktopUserId(userId);
+      session().unlinkUserId(userId);
+    }
+    updateList();
+  });
 }
 
 void KZVDropboxFS::unlinkDBUser(const std::string& userId) {
   session().unlinkUserId(userId);
   forgetDesktopUserId(userId);
+}
+
+bool KZVDropboxFS::unlinkAndRevokeDBUser(const std::string& userId, NSErrorRef* error) {
+  constexpr std::chrono::seconds patience{20};  // a person waits for it
+  const bool isRevoked = session().unlinkAndRevoke(userId, patience, error);
+  forgetDesktopUserId(userId);
+  return isRevoked;
 }
 
 void KZVDropboxFS::eject() {

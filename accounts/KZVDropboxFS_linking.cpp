@@ -11,22 +11,9 @@
 
 namespace {
 
-/// The first account on a machine with a desktop client is taken to be the client's own; a person can say
-/// otherwise later.
-void recordDesktopUserIfFirst() {
-  const auto session = required(DBSession::sharedSession(), "a shared session is installed");
-  if (!session->isLinked() || !KZVDropboxFSDesktopPath().get() || KZVDropboxFSDesktopUserID().get()) return;
-  const auto userIds = session->userIds();
-  if (userIds.empty()) return;
-  KZVDropboxFSDesktopUserID().set(userIds.front());
-  const auto defaults = required(KZVDropboxUserDefaults(), "the settings suite opens");
-  defaults->setValue(str(userIds.front()), KZVDropboxFSDesktopUserIDKey);
-  defaults->synchronize();
-}
-
-/// Passes the step on to the host, which knows neither the helper nor its notification. What the host is told
-/// is put together here and now: by the time it hears, the sign-in may be a step further.
-void announceLinkingStep(const NSNotification& step) {
+/// What the host, which knows neither the helper nor its notification, is told about a step. Put together at
+/// once: by the time the host hears, the sign-in may be a step further.
+std::shared_ptr<NSDictionary> linkingStep(const NSNotification& step) {
   const auto helper = DBAuthHelperOSXfix::sharedHelper();
   NSDictionary::Entries entries{
       {str(std::string(KZVLinkingGoesOnKey)), NSNumber::withBool(helper->isSigningIn())}};
@@ -34,26 +21,64 @@ void announceLinkingStep(const NSNotification& step) {
     entries.emplace_back(str(std::string(KZVLinkingErrorKey)), error);
   if (const auto userId = helper->takeLinkedUserId())
     entries.emplace_back(str(std::string(KZVLinkingAccountKey)), str(*userId));
-  DispatchQueue::main().async([userInfo = std::make_shared<NSDictionary>(std::move(entries))] {
+  return std::make_shared<NSDictionary>(std::move(entries));
+}
+
+void announce(std::shared_ptr<NSDictionary> step) {
+  DispatchQueue::main().async([userInfo = std::move(step)] {
     NSNotificationCenter::defaultCenter().post(
         {std::string(KZVAccountLinkingNotification), nullptr, userInfo});
   });
+}
+
+void storeSettings() {
+  required(KZVDropboxUserDefaults(), "the settings suite opens")->synchronize();  // logs its failure
 }
 
 }  // namespace
 
 std::optional<std::string> KZVDropboxFS::dropboxDesktopPath() { return KZVDropboxFSDesktopPath().get(); }
 
+/// The first account on a machine with a desktop client is taken to be the client's own; a person can say
+/// otherwise later. True when an account was recorded, which has yet to be stored.
+bool KZVDropboxFS::recordDesktopUserIfFirst() {
+  const auto session = required(DBSession::sharedSession(), "a shared session is installed");
+  if (!session->isLinked() || !KZVDropboxFSDesktopPath().get() || KZVDropboxFSDesktopUserID().get())
+    return false;
+  const auto userIds = session->userIds();
+  if (userIds.empty()) return false;
+  KZVDropboxFSDesktopUserID().set(userIds.front());
+  required(KZVDropboxUserDefaults(), "the settings suite opens")
+      ->setValue(str(userIds.front()), KZVDropboxFSDesktopUserIDKey);
+  return true;
+}
+
 void KZVDropboxFS::linkDropbox(DBRestClient::SignInCode code) {
   const auto thread = required(KZVDropboxFileManager::dropboxThread(), "the service thread runs");
+  const auto helper = DBAuthHelperOSXfix::sharedHelper();
   KZVDropboxFSSupport::performBlockInBackground(
-      [code] { DBAuthHelperOSXfix::sharedHelper()->authenticate(code); }, *thread);
+      [code, helper, before = helper->cancelCount()] {
+        if (helper->cancelCount() == before) helper->authenticate(code);
+      },
+      *thread);
+}
+
+void KZVDropboxFS::accountLinkedWithToken() {
+  if (recordDesktopUserIfFirst()) storeSettings();
+  updateList();
 }
 
 void KZVDropboxFS::authHelperStateChangedNotification(const NSNotification& notification) {
   DLog("authHelperStateChangedNotification: " + notification.description(),
        "authHelperStateChangedNotification");
-  recordDesktopUserIfFirst();
+  const bool hasRecorded = recordDesktopUserIfFirst();
   updateList();
-  announceLinkingStep(notification);
+  auto step = linkingStep(notification);
+  if (!hasRecorded) return announce(std::move(step));
+  // The settings' lock may be held elsewhere, and this may be the service thread. The host hears afterwards:
+  // it may end the program then.
+  DispatchQueue::global().async([step = std::move(step)] {
+    storeSettings();
+    announce(step);
+  });
 }

@@ -132,3 +132,13 @@ std::shared_ptr<NSDictionary> FSPlugin::fsAttributes(const std::string& path, NS
   setNotSupported(error, path);
   return nullptr;
 }
+
+std::optional<VolumeSpace> FSPlugin::space(NSErrorRef* error) {
+  const auto attributes = fsAttributes("/", error);
+  if (!attributes) return std::nullopt;
+  const auto bytes = [&](std::string_view key) {
+    const auto number = as<NSNumber>(attributes->objectForKey(key));
+    return number ? number->int64Value() : 0;
+  };
+  return VolumeSpace{bytes(NSFileSystemSize), bytes(NSFileSystemFreeSize)};
+}

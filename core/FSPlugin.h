@@ -1,4 +1,5 @@
 #pragma once
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,6 +29,12 @@ struct NameProblem {
   };
   Kind kind = Kind::malformed;
   std::string text;  // for people: "a name cannot end with a space"
+};
+
+/// Bytes. Free space is negative when more is used than there is.
+struct VolumeSpace {
+  std::int64_t totalBytes = 0;
+  std::int64_t freeBytes = 0;
 };
 
 /// One file system that a plug-in offers, for instance one account. The host talks to volumes through this
@@ -124,6 +131,9 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
                                      NSErrorRef* error);
   /// Size and free space in bytes: NSFileSystemSize, NSFileSystemFreeSize (which may be negative).
   virtual std::shared_ptr<NSDictionary> fsAttributes(const std::string& path, NSErrorRef* error);
+  /// The volume's size and free space; nothing on failure. The default asks fsAttributes, which may be silent
+  /// about the reason of a failure.
+  virtual std::optional<VolumeSpace> space(NSErrorRef* error);
 
   // Pictures. Nothing without an error: there is none for this item.
   virtual std::shared_ptr<NSImage> icon(const std::string& /*path*/, NSErrorRef* /*error*/) {
@@ -167,6 +177,22 @@ class FSPluginClass : public NSObject {
   virtual class FSPluginAccounts* accounts() { return nullptr; }
 };
 
+/// What a service says about one account.
+struct AccountDetails {
+  std::string accountId;
+  std::string email;  // empty: none
+  std::string name;   // empty: none
+  VolumeSpace space;
+};
+
+/// A link to a file or folder.
+struct PublicLink {
+  std::string url;
+  /// Who can open it: "public" (anybody), or the service's own word for a narrower audience, such as
+  /// "team_only" or "password"; empty when the service does not say.
+  std::string audience;
+};
+
 /// Accounts of a plug-in class that has some.
 class FSPluginAccounts {
  public:
@@ -174,6 +200,9 @@ class FSPluginAccounts {
   /// The ids of the linked accounts, in the order of linking; each is an `options` value. Does not block. An
   /// account is here at once, while its root item needs an answer of the service.
   virtual std::vector<std::string> linkedAccountIds() const = 0;
+  /// Why linkedAccountIds() may lack accounts: the place where they are stored could not be read, or not all
+  /// of it. Empty when everything was read. Does not block.
+  virtual NSErrorRef accountsError() const { return nullptr; }
   /// Links the account that an access token (or a token answer of the service as JSON, with a refresh token)
   /// belongs to. Blocks for two requests. Returns the account's id, or nothing with the error.
   virtual std::optional<std::string> linkAccountWithToken(const std::string& token, NSErrorRef* error) = 0;
@@ -183,29 +212,34 @@ class FSPluginAccounts {
     byRedirect,  // the browser brings it to this machine
     typedIn      // the page shows a code, and useAuthorizationCode takes it
   };
-  /// Begins to link an account: shows a page with NSWorkspace::openURL, then waits for the person, without a
-  /// time limit, until NSApplicationDidBecomeActiveNotification says that they are back. Each step is told by
-  /// KZVAccountLinkingNotification. A linking that still waits is replaced. Returns at once; false when the
-  /// plug-in cannot do it.
+  /// Begins to link an account: shows a page with NSWorkspace::openURL, then waits for the person until
+  /// NSApplicationDidBecomeActiveNotification says that they are back, at most 10 minutes. Each step is told
+  /// by KZVAccountLinkingNotification. A linking that still waits is replaced. Returns at once; false when
+  /// the plug-in cannot do it.
   virtual bool linkAccount(LinkingAnswer /*answer*/) { return false; }
   /// A code that the person copied from the page, which the next activation uses. False when the text cannot
   /// be one, or no linking waits for it. A secret: log it nowhere.
   virtual bool useAuthorizationCode(const std::string& /*code*/) { return false; }
-  /// Ends a linking that nobody waits for any more: its page links no account from now on. Without one,
-  /// nothing.
+  /// Cancels every linkAccount() so far, also one that has not begun yet: once this has returned no page
+  /// opens and no account is linked for it. Blocks for a moment; without a linking it does nothing.
   virtual void cancelLinking() {}
   /// The local folder of the file system's own desktop client; nothing when there is none.
   virtual std::optional<std::string> desktopFolder() const { return std::nullopt; }
   /// The linked account that the desktop client uses; nothing when it is not known.
   virtual std::optional<std::string> desktopAccountId() const { return std::nullopt; }
-  /// Records it; an id that is not linked is ignored. Blocks for the disk.
-  virtual void setDesktopAccountId(const std::string& /*accountId*/) {}
-  /// Texts about an account, for people: "id", "email", "name", "free", "total", as far as known. Nothing on
-  /// failure.
-  virtual std::shared_ptr<NSDictionary> accountSummary(const std::string& /*accountId*/) { return nullptr; }
-  /// A link to a file of the desktop client's account that anybody can open; nothing, without an error, when
-  /// no such account is known.
-  virtual std::optional<std::string> publicLink(const std::string& /*path*/, NSErrorRef* /*error*/) {
+  /// Records it; an id that is not linked is ignored. Blocks for the disk. False, with an error, when it
+  /// could not be stored: it then holds for this process only.
+  virtual bool setDesktopAccountId(const std::string& /*accountId*/, NSErrorRef* /*error*/) { return true; }
+  /// Asks the service about a linked account. Blocks; nothing on failure, without an error when the account
+  /// is not linked.
+  virtual std::optional<AccountDetails> accountDetails(const std::string& /*accountId*/,
+                                                       NSErrorRef* /*error*/) {
+    return std::nullopt;
+  }
+  /// The link to a file of the desktop client's account, made if there is none: a new one has the account's
+  /// default audience (normally everybody), an existing one keeps its own. Nothing, without an error, when no
+  /// such account is known.
+  virtual std::optional<PublicLink> publicLink(const std::string& /*path*/, NSErrorRef* /*error*/) {
     return std::nullopt;
   }
   /// The link that publicLink would give, if the file has one already; makes none. Nothing, without an error,
@@ -213,8 +247,11 @@ class FSPluginAccounts {
   virtual std::optional<std::string> existingLink(const std::string& /*path*/, NSErrorRef* /*error*/) {
     return std::nullopt;
   }
-  /// Forgets the account at once; its token is revoked in the background. Unknown ids are ignored.
-  virtual void unlinkAccount(const std::string& accountId) = 0;
+  /// Forgets the account here at once, then ends its authorization at the service, for which it blocks
+  /// (bounded). False, with an error that says what is left to be done by hand, when the account could not be
+  /// removed from the store or the authorization could not be ended; the account is no longer used here in
+  /// either case. Unknown ids are ignored.
+  virtual bool unlinkAccount(const std::string& accountId, NSErrorRef* error) = 0;
   /// Waits until work begun in the background (revoking tokens) is done, at most `seconds`: for a program
   /// about to end.
   virtual void finishBackgroundWork(double seconds) = 0;

@@ -4,6 +4,7 @@
 #include "foundation/NSFileManager.h"
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
+#include "fsops/ServiceErrors.h"
 #include "plugin/KZVDropboxFS.h"
 
 namespace {
@@ -16,17 +17,31 @@ std::int64_t freeBytes(const DBQuota& quota) {
   return quota.totalBytes < 0 ? Bytes::min() : Bytes::max();
 }
 
+VolumeSpace spaceOf(const DBQuota& quota) { return {quota.totalBytes, freeBytes(quota)}; }
+
 id textOrNothing(const std::string& text) { return text.empty() ? nullptr : str(text); }
 
 }  // namespace
 
 // The caller's error is not passed on, on purpose: a panel that cannot show free space shows none and says
-// nothing.
+// nothing. space() is for callers that tell.
 std::shared_ptr<NSDictionary> KZVDropboxFS::fsAttributes(const std::string& /*path*/, NSErrorRef* /*error*/) {
   const auto info = requiredManager().accountInfo(nullptr);
   if (!info) return nullptr;
   return NSDictionary::with({{NSFileSystemSize, NSNumber::withInt(info->quota().totalBytes)},
                              {NSFileSystemFreeSize, NSNumber::withInt(freeBytes(info->quota()))}});
+}
+
+std::optional<VolumeSpace> KZVDropboxFS::space(NSErrorRef* error) {
+  const auto info = requiredManager().accountInfo(ServiceErrors(error));
+  if (!info) return std::nullopt;
+  return spaceOf(info->quota());
+}
+
+std::optional<AccountDetails> KZVDropboxFS::accountDetails(const std::string& userId, NSErrorRef* error) {
+  const auto info = KZVDropboxFileManager::initWithUserId(userId)->accountInfo(ServiceErrors(error));
+  if (!info) return std::nullopt;
+  return AccountDetails{userId, info->email(), info->displayName(), spaceOf(info->quota())};
 }
 
 std::shared_ptr<NSDictionary> KZVDropboxFS::dropboxInfoFor(const std::string& userId) {

@@ -3,10 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <ctime>
+#include <limits>
+#include <utility>
 #include <vector>
 
 #include <fmt/format.h>
 
+#include "foundation/NSByteCountFormatter.h"
 #include "foundation/Unicode.h"
 
 namespace {
@@ -52,22 +55,8 @@ bool isPlainAscii(std::string_view text) {
 }  // namespace
 
 std::string byteCount(std::uint64_t bytes) {
-  if (bytes == 1) return "1 byte";
-  if (bytes < 1000) return fmt::format("{} bytes", bytes);
-  const std::uint64_t thousands = bytes / 1000 + (bytes % 1000 >= 500 ? 1 : 0);
-  if (thousands < 1000) return fmt::format("{} KB", thousands);
-  // Tenths of the unit, so that rounding happens once and in whole numbers.
-  std::uint64_t unit = 1'000'000;
-  for (const char* name : {"MB", "GB", "TB", "PB", "EB"}) {
-    const std::uint64_t tenth = unit / 10;
-    const std::uint64_t tenths = bytes / tenth + (bytes % tenth >= tenth / 2 ? 1 : 0);
-    if (tenths < 10'000 || unit == 1'000'000'000'000'000'000) {
-      return tenths % 10 ? fmt::format("{}.{} {}", tenths / 10, tenths % 10, name)
-                         : fmt::format("{} {}", tenths / 10, name);
-    }
-    unit *= 1000;
-  }
-  return {};
+  return stringFromByteCount(std::in_range<std::int64_t>(bytes) ? static_cast<std::int64_t>(bytes)
+                                                                : std::numeric_limits<std::int64_t>::max());
 }
 
 std::string localTime(std::chrono::system_clock::time_point time) {

@@ -7,8 +7,7 @@
 
 /// Texts for people and for scripts. Any thread.
 
-/// "0 bytes", "1 byte", "999 bytes", "12 KB", "1.5 MB", "2 GB": decimal units (1 KB is 1000 bytes), KB
-/// without and larger ones with one decimal, rounded half up.
+/// stringFromByteCount for sizes that are never negative.
 std::string byteCount(std::uint64_t bytes);
 /// "2024-05-01 09:30" in the user's time zone.
 std::string localTime(std::chrono::system_clock::time_point time);

@@ -20,6 +20,10 @@ NSErrorRef hostError(HostErrorCode code, std::string text) {
   return errorWithText(KZVHostErrorDomain, static_cast<std::int64_t>(code), std::move(text));
 }
 
+NSErrorRef unlinkedError(std::string_view accountId) {
+  return hostError(HostErrorCode::unlinked, fmt::format("the account {} is no longer linked", accountId));
+}
+
 NSErrorRef noSuchItemError() { return errorWithText(NSPOSIXErrorDomain, ENOENT, "no such file or folder"); }
 
 NSErrorRef stoppedError() { return errorWithText(CanceledByUserErrorDomain, -1, "stopped"); }

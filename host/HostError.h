@@ -17,6 +17,8 @@ enum class HostErrorCode : std::int64_t {
 };
 
 NSErrorRef hostError(HostErrorCode code, std::string text);
+/// "the account ID is no longer linked" (HostErrorCode::unlinked).
+NSErrorRef unlinkedError(std::string_view accountId);
 /// "no such file or folder" (NSPOSIXErrorDomain, ENOENT).
 NSErrorRef noSuchItemError();
 /// The user's stop (CanceledByUserErrorDomain, -1).

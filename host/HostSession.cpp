@@ -66,6 +66,11 @@ std::vector<std::string> HostSession::linkedIds() const {
   return ids;
 }
 
+NSErrorRef HostSession::accountsError() const {
+  FSPluginAccounts* accounts = plugin_->accounts();
+  return accounts ? accounts->accountsError() : nullptr;
+}
+
 std::string HostSession::labelOf(const std::string& accountId) const {
   for (const Account& root : rootItems())
     if (root.id == accountId) return root.label;
@@ -148,13 +153,14 @@ void HostSession::waitForName(const std::string& accountId, std::chrono::seconds
 std::optional<std::string> HostSession::chooseAccount(const std::optional<std::string>& wanted,
                                                       NSErrorRef* error) {
   const auto refuse = [&](std::string text) {
-    setError(error, hostError(HostErrorCode::noAccount, std::move(text)));
+    const NSErrorRef unread = accountsError();  // the account may be among those that could not be read
+    setError(error, unread ? unread : hostError(HostErrorCode::noAccount, std::move(text)));
     return std::nullopt;
   };
   const auto ids = linkedIds();
   if (wanted && std::find(ids.begin(), ids.end(), *wanted) != ids.end()) return wanted;
   if (ids.empty()) return refuse("no account is linked; link one with: kzv link");
-  if (!wanted && ids.size() == 1) return ids.front();
+  if (!wanted && ids.size() == 1 && !accountsError()) return ids.front();
   const auto all = accounts();
   if (!wanted) return refuse("several accounts are linked, choose one with --account: " + listed(all));
   std::vector<Account> matching;
@@ -198,10 +204,14 @@ void HostSession::closeUnlinkedVolumes() {
   });
 }
 
-NSErrorRef HostSession::reasonForNothing() {
+bool HostSession::isVolumeLinked() const {
   const auto ids = linkedIds();
-  if (std::find(ids.begin(), ids.end(), volumeId_) != ids.end()) return noSuchItemError();
-  return hostError(HostErrorCode::unlinked, fmt::format("the account {} is no longer linked", volumeId_));
+  return std::find(ids.begin(), ids.end(), volumeId_) != ids.end();
+}
+
+NSErrorRef HostSession::reasonForNothing() {
+  if (isVolumeLinked()) return noSuchItemError();
+  return unlinkedError(volumeId_);
 }
 
 void HostSession::noteUnlink() {

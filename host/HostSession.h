@@ -31,9 +31,11 @@ class HostSession {
   /// Loads the bundle: KZV_BUNDLE, else ../lib/kzv/KZVDropboxFS.bundle beside the program. Blocks.
   bool load(NSErrorRef* error);
 
-  /// The linked accounts in the order of linking. Waits, bounded, until the plug-in has asked for their
-  /// names.
+  /// The linked accounts in the order of linking, as far as they could be read (see accountsError). Waits,
+  /// bounded, until the plug-in has asked for their names.
   std::vector<Account> accounts();
+  /// Why there may be more linked accounts than are known; empty when all are known.
+  NSErrorRef accountsError() const;
   /// The account with this id, once its name is known or the wait is over.
   Account accountNamed(const std::string& accountId);
   /// Waits until the account's name is known, at most `limit`.
@@ -52,6 +54,8 @@ class HostSession {
 
   /// The chosen account's volume, opened and attached to the host by its first user. Null with an error.
   std::shared_ptr<FSPlugin> openVolume(const std::optional<std::string>& wanted, NSErrorRef* error);
+  /// Whether the account of the volume that was opened last is still linked. Does not wait.
+  bool isVolumeLinked() const;
   /// Why an operation gave neither a result nor an error: the account is gone, or else the item.
   NSErrorRef reasonForNothing();
   /// Lets the volumes go, waits (bounded) for work begun in the background when an account was unlinked, and

@@ -6,6 +6,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "foundation/Secrets.h"
 #include "host/HostError.h"
 #include "host/InputLine.h"
 #include "host/StopSignal.h"
@@ -67,7 +68,8 @@ int readInput(bool onlyOneLine, std::string& text) {
 }
 
 int readFromPerson(std::string& text) {
-  const EchoOff echoOff;  // first: who types as soon as the prompt is there must not be shown, nor lose a part
+  const EchoOff
+      echoOff;  // first: who types as soon as the prompt is there must not be shown, nor lose a part
   prompt("Access token (not shown): ");
   const int reason = readInput(true, text);
   prompt("\n");
@@ -78,6 +80,8 @@ int readFromPerson(std::string& text) {
 
 std::optional<std::string> readToken(NSErrorRef* error) {
   std::string text;
+  text.reserve(limitBytes);  // so that no copy stays behind while it grows
+  const SecretScope cleared(text);
   const bool isTerminal = ::isatty(STDIN_FILENO) == 1;
   if (const int reason = isTerminal ? readFromPerson(text) : readInput(false, text)) {
     setError(error, reason == ECANCELED ? stoppedError() : NSError::posix(reason, "standard input"));

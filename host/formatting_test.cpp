@@ -15,20 +15,6 @@
 
 namespace {
 
-TEST(Formatting, ByteCountsAreDecimalAndRoundedHalfUp) {
-  struct Case {
-    std::uint64_t bytes;
-    const char* text;
-  };
-  const Case cases[] = {{0, "0 bytes"},         {1, "1 byte"},           {999, "999 bytes"},
-                        {1000, "1 KB"},         {1499, "1 KB"},          {1500, "2 KB"},
-                        {999'499, "999 KB"},    {999'500, "1 MB"},       {1'000'000, "1 MB"},
-                        {1'049'999, "1 MB"},    {1'050'000, "1.1 MB"},   {999'949'999, "999.9 MB"},
-                        {999'950'000, "1 GB"},  {2'000'000'000, "2 GB"}, {1'500'000'000'000, "1.5 TB"},
-                        {UINT64_MAX, "18.4 EB"}};
-  for (const Case& c : cases) EXPECT_EQ(byteCount(c.bytes), c.text) << c.bytes;
-}
-
 TEST(Formatting, DurationsShowHoursOnlyWhenThereAreSome) {
   using std::chrono::seconds;
   EXPECT_EQ(duration(seconds(7)), "0:07");

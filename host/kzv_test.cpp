@@ -100,8 +100,16 @@ TEST_F(KzvTest, EachCommandPrintsWhatItShouldAndNothingElse) {
       {"unlink Eve", "", "unlink: Eve: no account \"Eve\"; linked are: u1 (Ada) (KZVHostErrorDomain 1)\n", 3,
        "u1=Ada"},
       {"unlink", "", "unlink: ID is required; see kzv unlink --help\n", 2, "u1=Ada"},
+      {"unlink stuck", "", "unlink: stuck: forgotten here, but not revoked (TestDomain 5)\n", 1, "stuck,u2"},
       {"df", "total  2 GB\nfree   -1.5 MB\n"},
       {"--json df", "{\"total\":2000000000,\"free\":-1500000}\n"},
+      {"info", "id     u1\nemail  ada@example.com\nfree   -1.5 MB\ntotal  2 GB\n"},
+      {"--json info", R"({"id":"u1","email":"ada@example.com","free":-1500000,"total":2000000000})"
+                      "\n"},
+      {"info", "", "info: offline: could not connect (TestDomain -7)\n", 1, "offline"},
+      {"--quiet share /a", "https://host/a\n"},
+      {"--json share /team-only", R"({"url":"https://host/team-only","audience":"team_only"})"
+                                  "\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.command);
@@ -112,6 +120,34 @@ TEST_F(KzvTest, EachCommandPrintsWhatItShouldAndNothingElse) {
     EXPECT_EQ(result.err, c.err.empty() ? "" : "kzv: " + c.err);
   }
   EXPECT_EQ(run({"accounts"}, "").err, none + "\n");
+  const auto restricted = run({"share", "/team-only"});
+  EXPECT_EQ(restricted.out, "https://host/team-only\n");
+  EXPECT_EQ(restricted.err, "this link is not for everybody: only members of the team can open it\n");
+}
+
+TEST_F(KzvTest, AccountsThatCouldNotBeReadAreAnErrorAndNotAbsent) {
+  struct Case {
+    const char* command;
+    std::string accounts, out;
+    int status;
+  };
+  const Case cases[] = {{"accounts", "", "", 1},
+                        {"accounts", "u1=Ada", "u1  Ada\n", 1},
+                        {"ls", "", "", 1},
+                        {"ls", "u1=Ada", "", 1},  // it may not be the only one
+                        {"--account Eve ls", "u1=Ada", "", 1},
+                        {"--account u1 ls empty", "u1=Ada", "", 0}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.command) + " with " + c.accounts);
+    auto given = environment(c.accounts);
+    given["KZV_TEST_ACCOUNTS_ERROR"] = "the store cannot be read";
+    std::istringstream words(c.command);
+    const auto result = Program::run({std::istream_iterator<std::string>(words), {}}, given);
+    EXPECT_EQ(result.status, c.status);
+    EXPECT_EQ(result.out, c.out);
+    EXPECT_EQ(result.err.find("the store cannot be read (TestDomain 6)") != std::string::npos, c.status == 1)
+        << result.err;
+  }
 }
 
 TEST_F(KzvTest, EveryVerbHasHelpWithAnExample) {

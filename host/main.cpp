@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <fmt/format.h>
+#include <sys/prctl.h>
 
 #include "foundation/NSLog.h"
 #include "foundation/NSRunLoop.h"
@@ -75,6 +76,9 @@ void runBesideMainLoop(Verb& verb, VerbContext& context) {
 
 int main(int argc, char** argv) {
   openMissingStandardStreams();
+  // Tokens are in this process's memory: no core dump, and no debugger of the same user (PR_SET_DUMPABLE,
+  // prctl(2)).
+  ::prctl(PR_SET_DUMPABLE, 0);
   const auto verbs = allVerbs();
   const auto parsed = parseCommandLine(std::vector<std::string>(argv + 1, argv + argc), verbs);
   if (const auto* answer = std::get_if<Answer>(&parsed)) return show(*answer);

@@ -18,7 +18,7 @@ TEST(ProgressLine, ShowsWhatIsKnownAndFitsTheTerminal) {
     const char* line;
   };
   const Case cases[] = {
-      {"nothing known yet", {0, 0, 0, 0}, 0, 79, "[------------------------]    0%  0 bytes of 0 bytes"},
+      {"nothing known yet", {0, 0, 0, 0}, 0, 79, "[------------------------]    0%  Zero KB of Zero KB"},
       {"one file half-way",
        {6'000'000, 12'000'000, 0, 1},
        1'500'000,
@@ -33,13 +33,13 @@ TEST(ProgressLine, ShowsWhatIsKnownAndFitsTheTerminal) {
        {0, 0, 3, 4},
        0,
        79,
-       "[##################------]   75%  0 bytes of 0 bytes  3 of 4 files"},
+       "[##################------]   75%  Zero KB of Zero KB  3 of 4 files"},
       {"more than announced", {5000, 4000, 1, 1}, 0, 79, "[########################]  100%  5 KB of 4 KB"},
       {"no time for more than a day",
        {0, 4'000'000'000, 0, 1},
        10,
        79,
-       "[------------------------]    0%  0 bytes of 4 GB  10 bytes/s"},
+       "[------------------------]    0%  Zero KB of 4 GB  10 bytes/s"},
       {"narrow",
        {6'000'000, 12'000'000, 0, 1},
        1'500'000,

@@ -38,6 +38,9 @@ class KZVDropboxFS final : public FSPlugin {
   /// and go on to the host as KZVAccountLinkingNotification.
   static void linkDropbox(DBRestClient::SignInCode code = DBRestClient::SignInCode::byRedirect);
   static void authHelperStateChangedNotification(const NSNotification& notification);
+  /// To be called after an account has been linked without a sign-in: does what follows one. Blocks for the
+  /// disk.
+  static void accountLinkedWithToken();
   /// The desktop client's local folder, found during start-up; nothing when there is none.
   static std::optional<std::string> dropboxDesktopPath();
 
@@ -45,9 +48,13 @@ class KZVDropboxFS final : public FSPlugin {
 
   static std::optional<std::string> dropboxDesktopUserId();
   /// Records which linked account is the desktop client's; an id that is not linked is ignored.
-  static void setDropboxDesktopUserId(const std::string& userId);
-  /// Forgets an account. The list follows with the next refresh.
+  /// @return false, with the error, when the record could not be stored.
+  static bool setDropboxDesktopUserId(const std::string& userId, NSErrorRef* error = nullptr);
+  /// Forgets an account and ends its authorization in the background. The list follows with the next refresh.
   static void unlinkDBUser(const std::string& userId);
+  /// The same, but waits (bounded) for the end of the authorization; false with an error that says what is
+  /// left to be done by hand.
+  static bool unlinkAndRevokeDBUser(const std::string& userId, NSErrorRef* error);
   static void sessionDidReceiveAuthorizationFailure(DBSession& session, const std::string& userId);
 
   // --- Root items and instances (plugin/KZVDropboxFS.cpp)
@@ -122,12 +129,17 @@ class KZVDropboxFS final : public FSPlugin {
   // --- Space, account summary, links (fsops/KZVDropboxFS_space.cpp, _links.cpp)
 
   std::shared_ptr<NSDictionary> fsAttributes(const std::string& path, NSErrorRef* error) override;
+  std::optional<VolumeSpace> space(NSErrorRef* error) override;
   /// Texts of a linked account: "id", "email" and "name" where it has them, "free" and "total". Nothing on
   /// failure.
   static std::shared_ptr<NSDictionary> dropboxInfoFor(const std::string& userId);
-  /// A link that anybody can open, made in the desktop client's account whatever volume is shown; nothing,
-  /// and no error, when there is no such account.
+  /// The same as values, with the reason of a failure; none when the account is not linked.
+  static std::optional<AccountDetails> accountDetails(const std::string& userId, NSErrorRef* error);
+  /// A link made, or found, in the desktop client's account whatever volume is shown; nothing, and no error,
+  /// when there is no such account.
   static std::optional<std::string> dropboxPublic(const std::string& path, NSErrorRef* error);
+  /// The same link with its audience.
+  static std::optional<PublicLink> publicLink(const std::string& path, NSErrorRef* error);
   /// The link that dropboxPublic would give, if there is one already; makes none.
   static std::optional<std::string> existingLink(const std::string& path, NSErrorRef* error);
 
@@ -159,6 +171,7 @@ class KZVDropboxFS final : public FSPlugin {
   /// The attached instances of one account, in the host's order.
   static std::vector<std::shared_ptr<KZVDropboxFS>> attachedInstances(const std::string& userId);
   static void refreshUserList();
+  static bool recordDesktopUserIfFirst();
   static void forgetDesktopUserId(const std::string& userId);
 
   const std::string& requiredUserId() const;

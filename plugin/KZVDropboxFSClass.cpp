@@ -30,10 +30,15 @@ std::vector<std::string> KZVDropboxFSClass::linkedAccountIds() const {
   return required(DBSession::sharedSession(), "a shared session is installed")->userIds();
 }
 
+NSErrorRef KZVDropboxFSClass::accountsError() const {
+  return required(DBSession::sharedSession(), "a shared session is installed")->storeError();
+}
+
 std::optional<std::string> KZVDropboxFSClass::linkAccountWithToken(const std::string& token,
                                                                    NSErrorRef* error) {
   auto userId = linkWithToken(token, error);
-  if (userId) KZVDropboxFS::updateList();
+  if (!userId) return std::nullopt;
+  KZVDropboxFS::accountLinkedWithToken();
   return userId;
 }
 
@@ -57,25 +62,27 @@ std::optional<std::string> KZVDropboxFSClass::desktopAccountId() const {
   return KZVDropboxFS::dropboxDesktopUserId();
 }
 
-void KZVDropboxFSClass::setDesktopAccountId(const std::string& accountId) {
-  KZVDropboxFS::setDropboxDesktopUserId(accountId);
+bool KZVDropboxFSClass::setDesktopAccountId(const std::string& accountId, NSErrorRef* error) {
+  return KZVDropboxFS::setDropboxDesktopUserId(accountId, error);
 }
 
-std::shared_ptr<NSDictionary> KZVDropboxFSClass::accountSummary(const std::string& accountId) {
-  return KZVDropboxFS::dropboxInfoFor(accountId);
+std::optional<AccountDetails> KZVDropboxFSClass::accountDetails(const std::string& accountId,
+                                                                NSErrorRef* error) {
+  return KZVDropboxFS::accountDetails(accountId, error);
 }
 
-std::optional<std::string> KZVDropboxFSClass::publicLink(const std::string& path, NSErrorRef* error) {
-  return KZVDropboxFS::dropboxPublic(path, error);
+std::optional<PublicLink> KZVDropboxFSClass::publicLink(const std::string& path, NSErrorRef* error) {
+  return KZVDropboxFS::publicLink(path, error);
 }
 
 std::optional<std::string> KZVDropboxFSClass::existingLink(const std::string& path, NSErrorRef* error) {
   return KZVDropboxFS::existingLink(path, error);
 }
 
-void KZVDropboxFSClass::unlinkAccount(const std::string& accountId) {
-  KZVDropboxFS::unlinkDBUser(accountId);
+bool KZVDropboxFSClass::unlinkAccount(const std::string& accountId, NSErrorRef* error) {
+  const bool isRevoked = KZVDropboxFS::unlinkAndRevokeDBUser(accountId, error);
   KZVDropboxFS::updateList();
+  return isRevoked;
 }
 
 void KZVDropboxFSClass::finishBackgroundWork(double seconds) {

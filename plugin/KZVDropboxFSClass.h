@@ -18,17 +18,18 @@ class KZVDropboxFSClass final : public FSPluginClass, public FSPluginAccounts, p
 
   FSPluginAccounts* accounts() override { return this; }
   std::vector<std::string> linkedAccountIds() const override;
+  NSErrorRef accountsError() const override;
   std::optional<std::string> linkAccountWithToken(const std::string& token, NSErrorRef* error) override;
   bool linkAccount(LinkingAnswer answer) override;
   void cancelLinking() override;
   bool useAuthorizationCode(const std::string& code) override;
   std::optional<std::string> desktopFolder() const override;
   std::optional<std::string> desktopAccountId() const override;
-  void setDesktopAccountId(const std::string& accountId) override;
-  std::shared_ptr<NSDictionary> accountSummary(const std::string& accountId) override;
-  std::optional<std::string> publicLink(const std::string& path, NSErrorRef* error) override;
+  bool setDesktopAccountId(const std::string& accountId, NSErrorRef* error) override;
+  std::optional<AccountDetails> accountDetails(const std::string& accountId, NSErrorRef* error) override;
+  std::optional<PublicLink> publicLink(const std::string& path, NSErrorRef* error) override;
   std::optional<std::string> existingLink(const std::string& path, NSErrorRef* error) override;
-  void unlinkAccount(const std::string& accountId) override;
+  bool unlinkAccount(const std::string& accountId, NSErrorRef* error) override;
   void finishBackgroundWork(double seconds) override;
 
   void sessionDidReceiveAuthorizationFailure(DBSession& session, const std::string& userId) override;

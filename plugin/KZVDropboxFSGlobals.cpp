@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "sdk/ServiceHosts.h"
+
 namespace {
 
 // The name under which the plug-in keeps its settings.
@@ -11,6 +13,16 @@ constexpr const char* bundleIdentifier = "org.kzv.KZVDropboxFS";
 const char* fromEnvironment(const char* name) {
   const char* value = std::getenv(name);
   return value && *value ? value : nullptr;
+}
+
+/// Accounts belong to the origin that gave their tokens, and so do settings about them: one that stands in
+/// for the service has a suite of its own.
+std::string suiteName() {
+  std::string name = bundleIdentifier;
+  const std::string origin = serviceHostsFromEnvironment().origin;
+  if (!origin.empty()) name += "@" + origin;
+  std::replace(name.begin(), name.end(), '/', '_');
+  return name;
 }
 
 }  // namespace
@@ -55,7 +67,7 @@ DispatchQueue& KZVDropboxQueue() {
 
 const std::shared_ptr<NSUserDefaults>& KZVDropboxUserDefaults() {
   static const auto& defaults =
-      *new std::shared_ptr<NSUserDefaults>(NSUserDefaults::initWithSuiteName(bundleIdentifier));
+      *new std::shared_ptr<NSUserDefaults>(NSUserDefaults::initWithSuiteName(suiteName()));
   return defaults;
 }
 

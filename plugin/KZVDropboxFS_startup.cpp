@@ -69,6 +69,7 @@ void announceLinkedUsers(const DBSession& session) {
 void dropStaleDesktopUserId(const DBSession& session) {
   const auto desktopUser = KZVDropboxFSDesktopUserID().get();
   if (!desktopUser || session.hasUserId(*desktopUser)) return;
+  if (session.storeError()) return;  // it may be among the accounts that could not be read
   KZVDropboxFSDesktopUserID().set(std::nullopt);
   KZVDropboxUserDefaults()->removeObjectForKey(KZVDropboxFSDesktopUserIDKey);
   KZVDropboxUserDefaults()->synchronize();

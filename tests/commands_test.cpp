@@ -141,6 +141,113 @@ TEST_F(CommandsTest, WatchTellsOfChangesUntilItIsStopped) {
   EXPECT_EQ(watching.finish(10s).exitStatus, 130);
 }
 
+TEST_F(CommandsTest, WatchEndsWhenTheAccountIsUnlinkedElsewhere) {
+  link("ada-token");
+  auto variables = environment();
+  variables["KZV_POLL_SECONDS"] = "0.05";
+  ChildProcess watching({KZV_PROGRAM, "watch", "/"}, variables);
+  while (standIn.requests().count("files/list_folder/continue") == 0) std::this_thread::yield();  // it polls
+  ASSERT_EQ(kzv({"unlink", "Ada"}).exitStatus, 0);
+  const auto outcome = watching.finish(40s);
+  EXPECT_EQ(outcome.exitStatus, 3);
+  EXPECT_NE(outcome.errors.find("is no longer linked"), std::string::npos) << outcome.errors;
+}
+
+TEST_F(CommandsTest, AProcessThatRunsGoesOnWithALinkingOfAnother) {
+  link("ada-token");
+  auto variables = environment();
+  variables["KZV_POLL_SECONDS"] = "0.05";
+  ChildProcess watching({KZV_PROGRAM, "--json", "watch", "/"}, variables);
+  while (standIn.requests().count("files/list_folder/continue") == 0) std::this_thread::yield();
+  // Its polls are held up while the account is unlinked and linked anew.
+  standIn.fault(
+      {{"route", "files/list_folder/continue"}, {"times", 1000}, {"status", 500}, {"body", "later"}});
+  ASSERT_EQ(kzv({"unlink", "Ada"}).exitStatus, 0);
+  standIn.settings({{"approve", "auto"}, {"approve_as", "ada@example.com"}});
+  auto signIn = variables;
+  signIn["KZV_SIGN_IN_PORT"] = "0";
+  ChildProcess linking({KZV_PROGRAM, "link", "--no-browser"}, signIn);
+  const auto page = linking.readLine(30s);
+  ASSERT_TRUE(page);
+  ASSERT_EQ(
+      ChildProcess::run({"/usr/bin/curl", "-sL", "--noproxy", "*", "-o", "/dev/null", *page}).exitStatus, 0);
+  ASSERT_EQ(linking.finish(40s).exitStatus, 0);
+  standIn.clearFaults();
+  ASSERT_EQ(kzv({"mkdir", "/News"}).exitStatus, 0);
+  EXPECT_EQ(watching.readLine(40s), "{\"path\":\"/\"}");
+  EXPECT_EQ(kzv({"ls", "/"}).output, "News/\n") << "the new linking is still there";
+}
+
+TEST_F(CommandsTest, AStoreThatCannotBeReadIsAnErrorAndNothingIsDeleted) {
+  link("ada-token");
+  ASSERT_EQ(kzv({"desktop", "--set", "Ada"}).exitStatus, 0);
+  std::string store;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(home.path()))
+    if (entry.path().filename() == "accounts.json") store = entry.path();
+  ASSERT_FALSE(store.empty());
+  std::filesystem::rename(store, store + ".away");
+  std::filesystem::create_directory(store);
+  for (const char* verb : {"accounts", "ls", "df"}) {
+    const auto outcome = kzv({verb});
+    EXPECT_EQ(outcome.exitStatus, 1) << verb;
+    EXPECT_NE(outcome.errors.find("accounts.json"), std::string::npos) << outcome.errors;
+  }
+  std::filesystem::remove(store);
+  std::filesystem::rename(store + ".away", store);
+  EXPECT_NE(kzv({"--json", "desktop"}).output.find("\"id\""), std::string::npos) << "the record was kept";
+}
+
+TEST_F(CommandsTest, WithoutAConnectionTheConnectionIsBlamedAndUnlinkSaysWhatIsLeft) {
+  link("ada-token");
+  const auto listed = json::parse(kzv({"--json", "accounts"}).output);
+  const std::string accountId(listed.at("id").as_string());
+  standIn.fault({{"route", "*"}, {"times", 1000}, {"drop_answer", true}});
+  for (const char* verb : {"df", "info"}) {
+    const auto outcome = kzv({verb});
+    EXPECT_EQ(outcome.exitStatus, 1);
+    EXPECT_NE(outcome.errors.find("the service could not be reached"), std::string::npos) << outcome.errors;
+  }
+  standIn.clearFaults();
+  standIn.fault({{"route", "auth/token/revoke"}, {"times", 1000}, {"status", 500}, {"body", "later"}});
+  const auto outcome = kzv({"unlink", accountId});
+  EXPECT_EQ(outcome.exitStatus, 1);
+  EXPECT_NE(outcome.errors.find("forgotten here, but not revoked: "), std::string::npos) << outcome.errors;
+  EXPECT_NE(outcome.errors.find("/account/connected_apps"), std::string::npos) << outcome.errors;
+  standIn.clearFaults();
+  EXPECT_EQ(kzv({"ls"}).exitStatus, 3) << "forgotten";
+}
+
+TEST_F(CommandsTest, ATokenGoesToNoOtherOrigin) {
+  link("ada-token");
+  StandIn other;
+  other.forgetRequests();
+  auto variables = environment();
+  variables["KZV_SERVICE_URL"] = other.url();
+  const auto outcome = ChildProcess::run({KZV_PROGRAM, "ls", "/"}, variables);
+  EXPECT_EQ(outcome.exitStatus, 3) << outcome.errors;
+  EXPECT_EQ(other.requests(), (std::map<std::string, int>())) << "nothing was asked there";
+  EXPECT_EQ(kzv({"ls", "/"}).exitStatus, 0);
+}
+
+TEST_F(CommandsTest, NoCoreDumpHoldsATokenAndNoDebuggerOfTheUserReadsOne) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can start a program of another user";
+  constexpr uid_t nobody = 65534;
+  const TemporaryFolder own;
+  ASSERT_EQ(::chown(own.path().c_str(), nobody, nobody), 0);
+  auto variables = environment();
+  variables["KZV_HOME"] = own.path();
+  variables["KZV_SIGN_IN_PORT"] = "0";
+  ChildProcess linking(
+      {"/usr/bin/setpriv", "--reuid=65534", "--clear-groups", KZV_PROGRAM, "link", "--no-browser"},
+      variables);
+  if (!linking.readLine(30s)) GTEST_SKIP() << "another user cannot start the program here";
+  struct stat status {};
+  ASSERT_EQ(::stat(("/proc/" + std::to_string(linking.pid()) + "/status").c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, 0U) << "the kernel gives the files of a process that may not be dumped to root";
+  linking.signal(SIGINT);
+  linking.finish(10s);
+}
+
 TEST_F(CommandsTest, SpaceSummaryLinksAndPicturesAreOneCommandEach) {
   standIn.write("/Docs/a.txt", "12345");
   link("ada-token");
@@ -155,6 +262,7 @@ TEST_F(CommandsTest, SpaceSummaryLinksAndPicturesAreOneCommandEach) {
   const Case cases[] = {
       {{"--json", "df"}, 0, "\"total\":"},
       {{"--json", "info"}, 0, "\"email\":\"ada@example.com\""},
+      {{"--json", "info"}, 0, "\"total\":2147483648"},
       {{"share", "/Docs/a.txt"}, 3, ""},
       {{"desktop", "--set", "Ada"}, 0, "account"},
       {{"--json", "share", "/Docs/a.txt"}, 0, "{\"url\":\"http"},
@@ -275,7 +383,7 @@ TEST_F(CommandsTest, ASecretServiceKeepsTheTokensWhereOneRuns) {
     gdbus wait --session --timeout 20 org.freedesktop.secrets || exit 9
     kept() {
       gdbus call --session --dest org.freedesktop.secrets --object-path /org/freedesktop/secrets \
-        --method org.freedesktop.Secret.Service.SearchItems "{'application':'own-key'}" | grep -o "'/[^']*'" | wc -l
+        --method org.freedesktop.Secret.Service.SearchItems "{'application':'own-key@$KZV_SERVICE_URL'}" | grep -o "'/[^']*'" | wc -l
     }
     echo "ada-token" | "$1" link --token-stdin >/dev/null || exit 1
     echo "kept $(kept)"

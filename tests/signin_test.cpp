@@ -2,8 +2,10 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include <curl/curl.h>
 #include <sys/stat.h>
@@ -11,6 +13,7 @@
 #include "accounts/DBAuthHelperOSXfix.h"
 #include "accounts/DesktopClient.h"
 #include "core/KZVConstants.h"
+#include "foundation/FileLock.h"
 #include "foundation/NSApplication.h"
 #include "foundation/NSLog.h"
 #include "foundation/NSNumber.h"
@@ -146,6 +149,20 @@ class LinkingTest : protected Home, public PluginTest {
     notification.name = NSApplicationDidBecomeActiveNotification;
     NSNotificationCenter::defaultCenter().post(notification);
   }
+  std::string storeLock() const {
+    for (const auto& entry : fs::directory_iterator(home.path() + "/data/credentials"))
+      return entry.path().string() + "/accounts.json.lock";
+    return "";
+  }
+  /// What a process that starts now would find.
+  static std::vector<std::string> storedAccounts() {
+    return DBSession(KZVDropboxFSAppKey(), "", kDBRootDropbox).userIds();
+  }
+  std::string settingsSuite() const {
+    for (const auto& entry : fs::directory_iterator(home.path() + "/config"))
+      if (entry.path().extension() == ".defaults") return entry.path().stem();
+    return "none";
+  }
   std::string signInAs(const std::string& email) {
     approveAs(email);
     KZVDropboxFS::linkDropbox();
@@ -274,7 +291,7 @@ TEST_F(SignInTest, EachStepIsToldOnceHoweverThePersonComesBack) {
       return step.first == Do::begin || step.first == Do::beginTwice;
     });
     EXPECT_EQ(static_cast<long>(pages.get().size()), begun) << "one page for each sign-in";
-    if (ids.size() > 1) plugin().unlinkAccount(ids.back());
+    if (ids.size() > 1) plugin().unlinkAccount(ids.back(), nullptr);
     standIn.clearFaults();
   }
 }
@@ -328,9 +345,59 @@ TEST_F(SignInTest, AnAccountWhoseRefreshTokenWasRevokedIsUnlinkedAndTheListSaysS
   EXPECT_GE(standIn.requests()["oauth2/token"], 1) << "it was the refresh token that told";
 }
 
+TEST_F(SignInTest, TheServiceThreadWaitsForNoStoreWhenAnAuthorizationIsLost) {
+  standIn.settings({{"revoke", "ada@example.com"}});
+  std::optional<FileLock> busy(std::in_place, storeLock(), 5s);
+  ASSERT_TRUE(busy->isHeld());
+  EXPECT_EQ(bounded([&] { return ada->attributesAtPath("/", nullptr); }), nullptr);
+  KZVDropboxFileManager::dropboxThread()->perform([] {}, true);  // what was reported has had its turn
+  EXPECT_TRUE(busy->isHeld());
+  busy.reset();
+  EXPECT_TRUE(waitUntil([&] { return plugin().linkedAccountIds().empty(); }));
+  EXPECT_TRUE(waitUntil([&] { return storedAccounts().empty(); })) << "the store is not given up on";
+}
+
+TEST_F(SignInTest, ALinkingIsCancelledWhereverItIs) {
+  approveAs("bob@example.com");
+  // It has not begun yet.
+  std::promise<void> go;
+  KZVDropboxFileManager::dropboxThread()->perform([&] { go.get_future().wait_for(patience); }, false);
+  plugin().linkAccount(FSPluginAccounts::LinkingAnswer::byRedirect);
+  const auto before = helper()->cancelCount();
+  auto cancelled = std::async(std::launch::async, [] { plugin().cancelLinking(); });
+  while (helper()->cancelCount() == before) std::this_thread::yield();
+  go.set_value();
+  cancelled.get();
+  EXPECT_EQ(news(0), std::vector<std::string>());
+  EXPECT_TRUE(pages.get().empty());
+
+  // The tokens have come, and the store is busy.
+  KZVDropboxFS::linkDropbox();
+  news(2);
+  std::optional<FileLock> busy(std::in_place, storeLock(), 5s);
+  ASSERT_TRUE(busy->isHeld());
+  visit(page());
+  const auto deadline = NSRunLoop::Clock::now() + patience;
+  while (!standIn.requests().contains("oauth2/token") && NSRunLoop::Clock::now() < deadline)
+    NSRunLoop::mainRunLoop()->runUntilDate(NSRunLoop::Clock::now() + 10ms);
+  plugin().cancelLinking();
+  busy.reset();
+  DBSession::sharedSession()->waitForBackgroundWork(20);
+  EXPECT_EQ(plugin().linkedAccountIds(), std::vector{*ada->userId()});
+  EXPECT_EQ(storedAccounts(), std::vector{*ada->userId()});
+}
+
+TEST_F(SignInWithDesktopClientTest, AnAccountLinkedByTokenIsTheDesktopClientsToo) {
+  EXPECT_EQ(plugin().desktopAccountId(), *ada->userId());
+  const id stored =
+      NSUserDefaults::initWithSuiteName(settingsSuite())->objectForKey(KZVDropboxFSDesktopUserIDKey);
+  ASSERT_NE(textOf(stored), nullptr);
+  EXPECT_EQ(*textOf(stored), *ada->userId());
+}
+
 TEST_F(SignInWithDesktopClientTest, TheFirstAccountLinkedIsTheDesktopClientsAndTheSecondIsNot) {
   EXPECT_EQ(plugin().desktopFolder(), "/home/ada/Box");
-  plugin().unlinkAccount(*ada->userId());
+  plugin().unlinkAccount(*ada->userId(), nullptr);
   ASSERT_EQ(plugin().desktopAccountId(), std::nullopt);
   const std::string bob = signInAs("bob@example.com");
   EXPECT_EQ(plugin().desktopAccountId(), bob);
@@ -339,13 +406,13 @@ TEST_F(SignInWithDesktopClientTest, TheFirstAccountLinkedIsTheDesktopClientsAndT
   const auto stored = [] { return KZVDropboxUserDefaults()->objectForKey(KZVDropboxFSDesktopUserIDKey); };
   EXPECT_EQ(*textOf(stored()), bob);
 
-  plugin().setDesktopAccountId("nobody");
+  plugin().setDesktopAccountId("nobody", nullptr);
   EXPECT_EQ(plugin().desktopAccountId(), bob) << "an account that is not linked";
-  plugin().setDesktopAccountId(cid);
+  plugin().setDesktopAccountId(cid, nullptr);
   EXPECT_EQ(*textOf(stored()), cid);
   signInAs("bob@example.com");
   EXPECT_EQ(plugin().desktopAccountId(), cid) << "what a person has said stays";
-  plugin().unlinkAccount(cid);
+  plugin().unlinkAccount(cid, nullptr);
   EXPECT_EQ(plugin().desktopAccountId(), std::nullopt);
   EXPECT_EQ(stored(), nullptr);
 }
@@ -403,10 +470,25 @@ TEST(DesktopClient, TheFolderIsKnownOrUnknownButNeverAProblem) {
 TEST(DesktopClient, ASandboxedHostLooksInThePersonsOwnHome) {
   const OwnHome home;
   home.writeInformation(R"({"personal":{"path":"/real"}})");
-  setenv("HOME", (home.userHome.path() + "/Library/Containers/app/Data").c_str(), 1);
-  EXPECT_EQ(desktopClientFolder(), std::nullopt);
-  setenv("SNAP", "/snap/kzv/1", 1);
-  EXPECT_EQ(desktopClientFolder(), "/real");
+  struct Case {
+    const char* home;
+    const char* snap;
+    std::optional<std::string> path;
+  };
+  const Case cases[] = {
+      {"", "", "/real"},
+      {"", "/snap/editor/1", "/real"},  // a terminal inside a confined editor
+      {"/Library/Containers/app/Data", "", std::nullopt},
+      {"/Library/Containers/app/Data", "/snap/kzv/1", "/real"},
+      {"/snap/kzv/current/home", "/snap/kzv/1", "/real"},
+      {"/projects/four/levels/below", "/snap/editor/1", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.home) + " with " + c.snap);
+    setenv("HOME", (home.userHome.path() + c.home).c_str(), 1);
+    setenv("SNAP", c.snap, 1);
+    EXPECT_EQ(desktopClientFolder(), c.path);
+  }
   unsetenv("SNAP");
 }
 

@@ -16,6 +16,11 @@ std::string environment(const char* name) {
   const char* value = std::getenv(name);
   return value ? value : "";
 }
+
+NSErrorRef testError(int code, const std::string& text) {
+  return std::make_shared<NSError>("TestDomain", code,
+                                   NSDictionary::with({{NSLocalizedDescriptionKey, str(text)}}));
+}
 }  // namespace
 
 extern "C" FSPluginClass* kzvBundlePrincipalClass();
@@ -88,9 +93,7 @@ std::vector<std::string> FolderPlugin::linkedAccountIds() const {
 
 std::optional<std::string> FolderPlugin::linkAccountWithToken(const std::string& token, NSErrorRef* error) {
   if (token == "refused") {
-    setError(error, std::make_shared<NSError>(
-                        "TestDomain", 401,
-                        NSDictionary::with({{NSLocalizedDescriptionKey, str("the token is not accepted")}})));
+    setError(error, testError(401, "the token is not accepted"));
     return std::nullopt;
   }
   {
@@ -102,10 +105,30 @@ std::optional<std::string> FolderPlugin::linkAccountWithToken(const std::string&
   return "fresh";
 }
 
-void FolderPlugin::unlinkAccount(const std::string& accountId) {
+bool FolderPlugin::unlinkAccount(const std::string& accountId, NSErrorRef* error) {
   noteEvent("unlink " + accountId);
+  const bool isRevoked = !accountId.starts_with("stuck");
+  if (!isRevoked) setError(error, testError(5, "forgotten here, but not revoked"));
   const std::lock_guard lock(mutex_);
   std::erase_if(accounts_, [&](const TestAccount& account) { return account.accountId == accountId; });
+  return isRevoked;
+}
+
+NSErrorRef FolderPlugin::accountsError() const {
+  const std::string text = environment("KZV_TEST_ACCOUNTS_ERROR");
+  return text.empty() ? nullptr : testError(6, text);
+}
+
+std::optional<AccountDetails> FolderPlugin::accountDetails(const std::string& accountId, NSErrorRef* error) {
+  if (accountId == "offline") {
+    setError(error, testError(-7, "could not connect"));
+    return std::nullopt;
+  }
+  return AccountDetails{accountId, "ada@example.com", "", {2'000'000'000, -1'500'000}};
+}
+
+std::optional<PublicLink> FolderPlugin::publicLink(const std::string& path, NSErrorRef* /*error*/) {
+  return PublicLink{"https://host" + path, path == "/team-only" ? "team_only" : "public"};
 }
 
 void FolderPlugin::finishBackgroundWork(double seconds) {

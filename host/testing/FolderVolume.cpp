@@ -54,7 +54,7 @@ FolderVolume::~FolderVolume() {
 
 id FolderVolume::options() const { return str(accountId_); }
 
-void FolderVolume::eject() { FolderPlugin::shared().unlinkAccount(accountId_); }
+void FolderVolume::eject() { FolderPlugin::shared().unlinkAccount(accountId_, nullptr); }
 
 fs::path FolderVolume::onDisk(const std::string& path) const { return tree_ / path.substr(1); }
 

@@ -20,11 +20,13 @@ class AccountsVerb final : public Verb {
 
   void run(VerbContext& context) override {
     const auto accounts = context.session.accounts();
-    if (accounts.empty()) context.console.note("no account is linked; link one with: kzv link");
+    const NSErrorRef unread = context.session.accountsError();
+    if (accounts.empty() && !unread) context.console.note("no account is linked; link one with: kzv link");
     std::size_t idWidth = 0;
     for (const Account& account : accounts) idWidth = std::max(idWidth, account.id.size());
     for (const Account& account : accounts)
       context.console.line(context.options.json ? json(account) : plain(account, idWidth));
+    if (unread) context.fail("", unread);
   }
 
  private:

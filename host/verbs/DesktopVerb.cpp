@@ -29,7 +29,7 @@ class DesktopVerb final : public Verb {
     if (!wanted_.empty()) {
       const auto accountId = context.session.chooseAccount(wanted_, &error);
       if (!accountId) return context.fail(wanted_, error);
-      accounts->setDesktopAccountId(*accountId);
+      if (!accounts->setDesktopAccountId(*accountId, &error)) return context.fail(wanted_, error);
     }
     report(context, accounts->desktopFolder(), accounts->desktopAccountId());
   }

@@ -1,12 +1,10 @@
 #include <CLI/CLI.hpp>
 #include <boost/json.hpp>
 
-#include <fmt/format.h>
-
-#include "foundation/NSFileManager.h"
-#include "foundation/NSNumber.h"
+#include "foundation/NSByteCountFormatter.h"
 #include "host/Console.h"
-#include "host/Formatting.h"
+#include "host/HostError.h"
+#include "host/HostSession.h"
 #include "host/verbs/Verbs.h"
 
 namespace {
@@ -20,27 +18,16 @@ class DfVerb final : public Verb {
     const auto volume = context.openVolume();
     if (!volume) return;
     NSErrorRef error;
-    const auto attributes = volume->fsAttributes("/", &error);
-    if (!attributes) return context.fail("", error);
-    const std::int64_t total = bytes(*attributes, NSFileSystemSize);
-    const std::int64_t free = bytes(*attributes, NSFileSystemFreeSize);
+    const auto space = volume->space(&error);
+    if (!space && !error && context.session.isVolumeLinked())
+      error = hostError(HostErrorCode::notSupported, "this volume does not say how much space it has");
+    if (!space) return context.fail("", error);
     if (context.options.json) {
-      return context.console.line(
-          boost::json::serialize(boost::json::object{{"total", total}, {"free", free}}));
+      return context.console.line(boost::json::serialize(
+          boost::json::object{{"total", space->totalBytes}, {"free", space->freeBytes}}));
     }
-    context.console.line("total  " + shown(total));
-    context.console.line("free   " + shown(free));
-  }
-
- private:
-  static std::int64_t bytes(const NSDictionary& attributes, std::string_view key) {
-    const auto number = as<NSNumber>(attributes.objectForKey(key));
-    return number ? number->int64Value() : 0;
-  }
-  /// Space that is overdrawn has a minus.
-  static std::string shown(std::int64_t bytes) {
-    const auto magnitude = bytes < 0 ? -static_cast<std::uint64_t>(bytes) : static_cast<std::uint64_t>(bytes);
-    return fmt::format("{}{}", bytes < 0 ? "-" : "", byteCount(magnitude));
+    context.console.line("total  " + stringFromByteCount(space->totalBytes));
+    context.console.line("free   " + stringFromByteCount(space->freeBytes));
   }
 };
 

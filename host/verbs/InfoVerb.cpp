@@ -3,7 +3,7 @@
 
 #include <fmt/format.h>
 
-#include "foundation/NSString.h"
+#include "foundation/NSByteCountFormatter.h"
 #include "host/Console.h"
 #include "host/Formatting.h"
 #include "host/HostError.h"
@@ -28,26 +28,30 @@ class InfoVerb final : public Verb {
     if (!accounts) return context.fail("", error);
     const auto accountId = context.session.chooseAccount(wanted_ ? wanted_ : context.options.account, &error);
     if (!accountId) return context.fail(wanted_.value_or(""), error);
-    const auto summary = accounts->accountSummary(*accountId);
-    if (!summary) return context.fail(*accountId, noAnswerError());
-    show(context, *summary);
+    const auto details = accounts->accountDetails(*accountId, &error);
+    if (!details) return context.fail(*accountId, error ? error : unlinkedError(*accountId));
+    context.options.json ? showJson(context, *details) : showText(context, *details);
   }
 
  private:
-  static NSErrorRef noAnswerError() {
-    return hostError(HostErrorCode::internal, "the account could not be asked");
+  static void showJson(VerbContext& context, const AccountDetails& details) {
+    boost::json::object object{{"id", validUtf8(details.accountId)}};
+    if (!details.email.empty()) object["email"] = validUtf8(details.email);
+    if (!details.name.empty()) object["name"] = validUtf8(details.name);
+    object["free"] = details.space.freeBytes;
+    object["total"] = details.space.totalBytes;
+    context.console.line(boost::json::serialize(object));
   }
 
-  static void show(VerbContext& context, const NSDictionary& summary) {
-    boost::json::object object;
-    for (const char* key : {"id", "email", "name", "free", "total"}) {
-      const id value = summary.objectForKey(key);
-      const std::string* text = textOf(value);
-      if (!text) continue;
-      object[key] = validUtf8(*text);
-      if (!context.options.json) context.console.line(fmt::format("{:<6} {}", key, harmless(*text)));
-    }
-    if (context.options.json) context.console.line(boost::json::serialize(object));
+  static void showText(VerbContext& context, const AccountDetails& details) {
+    const auto line = [&](const char* name, const std::string& text) {
+      if (!text.empty()) context.console.line(fmt::format("{:<6} {}", name, harmless(text)));
+    };
+    line("id", details.accountId);
+    line("email", details.email);
+    line("name", details.name);
+    line("free", stringFromByteCount(details.space.freeBytes));
+    line("total", stringFromByteCount(details.space.totalBytes));
   }
 
   std::optional<std::string> wanted_;

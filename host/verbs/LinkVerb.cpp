@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "foundation/Secrets.h"
 #include "host/BrowserLinking.h"
 #include "host/Console.h"
 #include "host/Formatting.h"
@@ -46,9 +47,10 @@ class LinkVerb final : public Verb {
  private:
   static std::optional<std::string> linkWithToken(VerbContext& context, FSPluginAccounts& accounts) {
     NSErrorRef error;
-    const auto token = readToken(&error);
+    auto token = readToken(&error);
     if (token && context.shouldStop("")) return std::nullopt;
     auto accountId = token ? accounts.linkAccountWithToken(*token, &error) : std::nullopt;
+    if (token) clearSecret(*token);
     if (!accountId) context.fail("", error);
     return accountId;
   }

@@ -128,7 +128,8 @@ class MountVerb final : public Verb {
               return isDesktops() ? accounts->existingLink(path, error) : std::nullopt;
             },
             [accounts, isDesktops](const std::string& path, NSErrorRef* error) {
-              return isDesktops() ? accounts->publicLink(path, error) : std::nullopt;
+              const auto link = isDesktops() ? accounts->publicLink(path, error) : std::nullopt;
+              return link ? std::optional(link->url) : std::nullopt;
             }};
   }
 

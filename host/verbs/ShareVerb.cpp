@@ -1,5 +1,6 @@
 #include <CLI/CLI.hpp>
 #include <boost/json.hpp>
+#include <map>
 
 #include "host/Console.h"
 #include "host/Formatting.h"
@@ -12,7 +13,7 @@ namespace {
 class ShareVerb final : public Verb {
  public:
   Words words() const override {
-    return {"share", "Make a public link to a file of the desktop client's account (see kzv desktop)",
+    return {"share", "Show the public link to a file of the desktop client's account, made if there is none",
             "  kzv share /Documents/report.pdf"};
   }
   void declare(CLI::App& command) override {
@@ -27,15 +28,45 @@ class ShareVerb final : public Verb {
     if (path.empty()) return;
     const auto link = accounts->publicLink(path, &error);
     if (!link) return context.fail(path, error ? error : noDesktopAccountError());
-    context.console.line(context.options.json
-                             ? boost::json::serialize(boost::json::object{{"url", validUtf8(*link)}})
-                             : harmless(*link));
+    context.options.json ? showJson(context, *link) : showText(context, *link);
   }
 
  private:
+  static void showJson(VerbContext& context, const PublicLink& link) {
+    boost::json::object object{{"url", validUtf8(link.url)}};
+    if (!link.audience.empty()) object["audience"] = validUtf8(link.audience);
+    context.console.line(boost::json::serialize(object));
+  }
+
+  static void showText(VerbContext& context, const PublicLink& link) {
+    context.console.line(harmless(link.url));
+    if (link.audience == "public") return;
+    context.console.flush();
+    context.console.note(link.audience.empty()
+                             ? "the service does not say who can open this link"
+                             : "this link is not for everybody: " + audience(link.audience));
+  }
+
+  /// The service's word for an audience, for people; one that we do not know as it stands.
+  static std::string audience(const std::string& word) {
+    static const std::map<std::string, std::string> sentences{
+        {"team_only", "only members of the team can open it"},
+        {"team", "only members of the team can open it"},
+        {"password", "it asks for a password"},
+        {"team_and_password", "only members of the team can open it, and it asks for a password"},
+        {"shared_folder_only", "only members of the shared folder can open it"},
+        {"members", "only those who have access to the item can open it"},
+        {"no_one", "only those who have access to the item can open it"},
+        {"only_you", "only you can open it"},
+    };
+    const auto known = sentences.find(word);
+    return known != sentences.end() ? known->second : harmless(word);
+  }
+
   static NSErrorRef noDesktopAccountError() {
     return hostError(HostErrorCode::noAccount,
-                     "no account is recorded as the desktop client's; kzv desktop --set does");
+                     "links are made in the desktop client's account, and none is recorded; record one "
+                     "with: kzv desktop --set ID");
   }
 
   std::string typed_;

@@ -13,7 +13,8 @@ namespace {
 class UnlinkVerb final : public Verb {
  public:
   Words words() const override {
-    return {"unlink", "Forget an account and revoke its token", "  kzv unlink dbid:AAB4x"};
+    return {"unlink", "Forget an account and end its authorization at the service",
+            "  kzv unlink dbid:AAB4x"};
   }
   void declare(CLI::App& command) override {
     command.add_option("ID", wanted_, "The account's id (see kzv accounts) or label")->required();
@@ -24,9 +25,10 @@ class UnlinkVerb final : public Verb {
     FSPluginAccounts* accounts = context.session.accountsInterface(&error);
     const auto accountId = accounts ? context.session.chooseAccount(wanted_, &error) : std::nullopt;
     if (!accountId) return context.fail(wanted_, error);
-    accounts->unlinkAccount(*accountId);
+    const bool isRevoked = accounts->unlinkAccount(*accountId, &error);
     context.session.noteUnlink();
     noteUnsent(context, *accountId);
+    if (!isRevoked) return context.fail(wanted_, error);
     if (!context.options.json) context.console.line(fmt::format("unlinked {}", harmless(*accountId)));
   }
 

@@ -7,6 +7,7 @@
 
 #include "host/Console.h"
 #include "host/Formatting.h"
+#include "host/HostSession.h"
 #include "host/verbs/Verbs.h"
 
 namespace {
@@ -57,6 +58,9 @@ class WatchVerb final : public Verb {
     }
     while (!watched.empty() && !context.shouldStop(watched.front()->path())) {
       for (const std::string& path : news->take()) report(context, path);
+      if (context.session.isVolumeLinked()) continue;
+      context.fail("", context.session.reasonForNothing());
+      break;
     }
     for (const auto& item : watched) volume->stopWatchFolder(item);
   }
