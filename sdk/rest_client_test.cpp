@@ -294,6 +294,7 @@ TEST_F(RestClient, NoConnectionIsOfferedBelowTls12) {
   const auto serving = serve([](const ScriptedRequest&) { return ScriptedReply{}; });
   ::setenv("KZV_SERVICE_URL", ("https://127.0.0.1:" + std::to_string(listener.port())).c_str(), 1);
   session = std::make_shared<DBSession>("key", "", kDBRootDropbox);
+  link({userId, "token-1", "", 0});  // tokens are bound to their origin
   client = makeClient();
   outcomeOf("/");
   listener.join();
