@@ -15,7 +15,6 @@
 #include "sdk/ContentHash.h"
 #include "sdk/DBError.h"
 #include "sdk/LocalFile.h"
-#include "sdk/NetworkThread.h"
 #include "sdk/testing/ClientFixture.h"
 
 namespace {
@@ -366,26 +365,6 @@ TEST_F(Transfers, FileThatChangesWhileItIsReadIsNeverSentWhole) {
     EXPECT_EQ(count == 0 && source->isSent(), c.isWhole);
     EXPECT_EQ(source->failure() ? source->failure()->code() : 0, c.isWhole ? 0 : DBErrorFileChanged);
   }
-}
-
-// libcurl repeats by itself what it sent on a kept connection that turned out dead, and does not rewind a
-// body of which it has read a piece, but sent nothing: then bytes are missing, and both sides wait.
-TEST_F(Transfers, BodyIsWholeHoweverOftenLibcurlSendsItAgain) {
-  const std::string content(2'500'000, 'u');
-  const auto serving = serve([&](const ScriptedRequest& request) {
-    if (request.route == "/2/files/list_folder") return jsonReply(pageJson(""));
-    EXPECT_EQ(request.body.size(), content.size());
-    return jsonReply(storedJson("/A/n.txt", content));
-  });
-  const std::string path = localFile(content);
-  NetworkThread::setTimeouts(std::chrono::seconds(30), std::chrono::seconds(2));
-  for (int i = 0; i < 30; ++i) {
-    outcomeOf("/");
-    server->resetAtHead(1);
-    ASSERT_EQ(outcome([&](DBRestClient& own) { own.uploadFile("n.txt", "/A", std::nullopt, path); }),
-              "uploaded /A/n.txt as /A/n.txt");
-  }
-  NetworkThread::setTimeouts(std::chrono::seconds(30), std::chrono::seconds(60));
 }
 
 class ChunkedUpload : public Transfers {

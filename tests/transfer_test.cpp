@@ -542,6 +542,19 @@ TEST_F(TransferTest, AFileThatChangesWhileItIsSentIsStoredWholeOrNotAtAll) {
   }
 }
 
+// libcurl repeats by itself what it sent on a kept connection that turned out dead, and does not rewind a body
+// of which it had read a piece, but sent nothing: then bytes are missing, and both sides wait for a minute.
+TEST_F(TransferTest, LostAnswersInARowKeepNobodyWaiting) {
+  const auto file = makeSparseFile("big", 104'857'600);
+  for (int i = 0; i < 16; ++i) {
+    standIn.fault({{"route", "files/upload_session/append_v2"}, {"times", 2}, {"drop_answer", true}});
+    NSErrorRef error;
+    ASSERT_TRUE(put(file, "/big", &error)) << error->description();  // within the patience of a call
+    standIn.clearFaults();
+    ada->removeItemAtPath("/big", nullptr);
+  }
+}
+
 TEST_F(TransferTest, ADamagedChunkIsReplacedAlsoOverAnOlderVersion) {
   ASSERT_TRUE(put(makeFile("older", 5), "/big"));
   standIn.fault({{"route", "files/upload_session/append_v2"}, {"times", 1}, {"corrupt", "request"}});

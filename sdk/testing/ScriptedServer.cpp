@@ -104,27 +104,11 @@ void ScriptedServer::serve(int connection) {
     const ssize_t count = ::recv(connection, buffer.data(), buffer.size(), 0);
     if (count <= 0) break;
     received.append(buffer.data(), static_cast<std::size_t>(count));
-    if (!mustReset(received)) continue;
-    const linger hard{1, 0};
-    ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
-    break;
   }
   const std::lock_guard lock(mutex_);
   connections_.erase(connection);
   ::close(connection);
   changed_.notify_all();
-}
-
-bool ScriptedServer::mustReset(const std::string& received) {
-  const std::lock_guard lock(mutex_);
-  const bool isUploadHead =
-      received.starts_with("POST /2/files/upload") && received.find("\r\n\r\n") != std::string::npos;
-  return resets_ > 0 && isUploadHead && resets_-- > 0;
-}
-
-void ScriptedServer::resetAtHead(int times) {
-  const std::lock_guard lock(mutex_);
-  resets_ = times;
 }
 
 bool ScriptedServer::reply(int connection, const ScriptedRequest& request) {

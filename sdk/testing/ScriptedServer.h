@@ -37,8 +37,6 @@ class ScriptedServer {
   ~ScriptedServer();
 
   std::string url() const;
-  /// The next `times` uploads find their connection reset as soon as their head has arrived.
-  void resetAtHead(int times);
   /// How many requests of this route have come in.
   int count(const std::string& route) const;
   std::vector<ScriptedRequest> requests() const;
@@ -53,7 +51,6 @@ class ScriptedServer {
   void acceptConnections();
   void serve(int connection);
   bool reply(int connection, const ScriptedRequest& request);
-  bool mustReset(const std::string& received);
   void sendEndlessly(int connection, const std::string& body);
 
   const Handler handler_;
@@ -63,7 +60,6 @@ class ScriptedServer {
   std::mutex handlerMutex_;
   mutable std::condition_variable changed_;
   bool stopped_ = false;                        // guarded by mutex_
-  int resets_ = 0;                              // guarded by mutex_: still to be done at an upload's head
   std::vector<ScriptedRequest> requests_;       // guarded by mutex_
   std::size_t endlessBytes_ = 0;                // guarded by mutex_
   std::set<int> connections_;                   // guarded by mutex_
