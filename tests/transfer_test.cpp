@@ -542,8 +542,9 @@ TEST_F(TransferTest, AFileThatChangesWhileItIsSentIsStoredWholeOrNotAtAll) {
   }
 }
 
-// libcurl repeats by itself what it sent on a kept connection that turned out dead, and does not rewind a body
-// of which it had read a piece, but sent nothing: then bytes are missing, and both sides wait for a minute.
+// libcurl repeats by itself what it sent on a kept connection that turned out dead, and does not rewind a
+// body of which it had read a piece, but sent nothing: then bytes are missing, and both sides wait for a
+// minute.
 TEST_F(TransferTest, LostAnswersInARowKeepNobodyWaiting) {
   const auto file = makeSparseFile("big", 104'857'600);
   for (int i = 0; i < 16; ++i) {
