@@ -1,6 +1,7 @@
 #pragma once
-#include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -49,11 +50,19 @@ class KZVDropboxFileManager final : public NSObject,
   /// nothing done yet, and its false ends the wait as in loadFile. The request then goes beside mainClient's.
   MetadataRef metadata(const std::string& path, const ProgressCallback& progress, NSErrorRef* error);
 
-  /// Brings metaCache up to date with the account's change feed, at most once in deltaUpdateInterval. The
-  /// first run of a manager happens in the background; later ones block for their pages.
+  // Delta runs bring metaCache up to date with the account's change feed. One is under way at a time; until the
+  // first has brought a cursor, nothing is kept in metaCache. After a failure the next one waits: some seconds, for
+  // as long as the service asks, at most about deltaUpdateInterval. Failures in a row are logged.
+
+  /// For whoever is about to read metaCache: a run on this thread when the last one is older than
+  /// deltaUpdateInterval or the tree was changed here since. Blocks for its pages, but never for another thread's
+  /// run: then what is known by now has to do. Without a cursor the run goes to the background.
   void loadDelta(NSErrorRef* error = nullptr);
-  /// As loadDelta, however recent the last run was.
+  /// Blocks until a run that began after this call has ended, also the first one, however recent the last one was.
   void loadDeltaNow(NSErrorRef* error = nullptr);
+  /// The timer's poll: a run in the background, however recent the last one was, unless one is under way. Returns at
+  /// once.
+  void pollOnTimer();
   /// Does nothing, on purpose: callers from before delta runs became cheap still ask for it. Runs start in
   /// loadDelta only.
   void deltaSmartUpdate() {}
@@ -163,6 +172,15 @@ class KZVDropboxFileManager final : public NSObject,
   KZVDropboxFileManager(Private, std::string accountId);
 
  private:
+  /// The right to carry out a delta run, which ends when the last reference goes.
+  struct DeltaRun;
+  using DeltaRunRef = std::shared_ptr<DeltaRun>;
+  enum class RunWhen {
+    ifDue,    // by lastDeltaDate, and not too soon after a failure
+    onTimer,  // not too soon after a failure
+    now
+  };
+
   // The three steps of every request, and the start between them.
   ClientRef prepare(ClientRef client);
   /// Runs `request` with the client on dropboxThread(); does not wait.
@@ -186,12 +204,19 @@ class KZVDropboxFileManager final : public NSObject,
   /// Gets a request carried out and waits for its result.
   using Carry = std::function<id(std::function<void(DBRestClient&)>)>;
   MetadataRef fetchRecord(const std::string& path, const std::string& key, const Carry& carry);
-  /// False: stopped.
-  bool awaitFirstCursor(const ProgressCallback& progress);
+  /// The path of the folder that the item at `key` lies in, in the service's letter case, as far as it is known.
+  std::optional<std::string> knownFolderPath(const std::string& key) const;
 
-  void runDelta(NSErrorRef* error);
-  void runFirstDeltaInBackground();
-  bool isDeltaRecent() const;
+  /// Null when it is not the time for a run, or one is under way.
+  DeltaRunRef beginDeltaRun(RunWhen when);
+  void beginDeltaRunLocked(DeltaRun& run);
+  void endDeltaRun();
+  void runDelta(const DeltaRun& run, NSErrorRef* error);
+  void runDeltaInBackground(DeltaRunRef run);
+  bool isDeltaRecentLocked() const;
+  /// The cursor to ask from: the last one, or nothing to get a new one.
+  std::optional<std::string> cursorToAskFrom() const;
+  void noteDeltaRunFailed(const NSErrorRef& error);
   /// Seconds between two delta runs, as the plug-in's start-up settled them.
   static double deltaInterval();
   /// Makes the next delta run due at once, also when one is under way: for calls that change the tree.
@@ -222,11 +247,19 @@ class KZVDropboxFileManager final : public NSObject,
   /// Drops `path` with everything below it and the listing that holds it.
   void forget(const std::string& path);
 
+  /// Failures with one cursor after which it is given up: the trouble may be the cursor itself.
+  static constexpr int maxFailuresOfCursor = 3;
+
   mutable std::mutex deltaStateMutex_;
-  std::condition_variable firstRunEnded_;
+  std::condition_variable deltaRunEnded_;
   std::optional<std::string> lastDeltaCursor;  // guarded by deltaStateMutex_: of the last complete run
   std::optional<NSDate::Time>
       lastDeltaDate;                 // guarded by deltaStateMutex_: absent means run at the next chance
   bool isDateClearedInRun_ = false;  // guarded by deltaStateMutex_: since the present run began
-  std::atomic<bool> isFirstRunUnderWay_ = false;  // changed under deltaStateMutex_
+  bool isDeltaRunUnderWay_ = false;  // guarded by deltaStateMutex_
+  std::uint64_t deltaRuns_ = 0;      // guarded by deltaStateMutex_: begun so far
+  int failuresInARow_ = 0;           // guarded by deltaStateMutex_: of delta runs
+  int failuresOfCursor_ = 0;         // guarded by deltaStateMutex_: those that may be the cursor's fault
+  // guarded by deltaStateMutex_
+  std::chrono::steady_clock::time_point earliestNextRun_{}, nextFailureLine_{};
 };

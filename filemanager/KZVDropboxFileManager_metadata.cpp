@@ -1,10 +1,7 @@
-#include "core/StoppableCall.h"
 #include "core/synced.h"
 #include "filemanager/KZVDropboxFileManager.h"
 #include "foundation/Paths.h"
 #include "sdk/DBError.h"
-
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -15,9 +12,6 @@ std::string withoutTrailingDotDot(const std::string& path) {
 }
 
 bool isComplete(const DBMetadata& record) { return !record.isDirectory() || record.contents(); }
-
-/// How long a first fetch lets the first cursor go ahead of it. One round trip as a rule.
-constexpr auto firstCursorPatience = 2s;
 
 }  // namespace
 
@@ -31,10 +25,6 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::metadata(const std::st
                                                                    NSErrorRef* error) {
   const std::string wanted = withoutTrailingDotDot(path);
   const std::string key = MetadataCache::keyOf(wanted);
-  if (!awaitFirstCursor(progress)) {
-    setError(error, stoppedByUser());
-    return nullptr;
-  }
   if (auto record = cachedRecord(key)) return record;
   // What can be stopped must not queue up behind what cannot.
   if (progress) {
@@ -62,7 +52,9 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::fetchRecord(const std:
   const auto known = knownRecord(key);  // a parent's listing tells where there is no folder
   const bool isNoFolder = known && !(*known && (*known)->isDirectory());
   const auto expected = isNoFolder ? DBRestClient::Expect::noFolder : DBRestClient::Expect::anything;
-  const id result = carry([path, expected](DBRestClient& client) { client.loadMetadata(path, expected); });
+  const id result = carry([path, expected, folder = knownFolderPath(key)](DBRestClient& client) {
+    client.loadMetadata(path, expected, folder);
+  });
   MetadataRef record = as<DBMetadata>(result);
   synced(*metaCache, [&] {
     const bool isCurrent = metaCache->endFetch(fetch);
@@ -71,18 +63,11 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::fetchRecord(const std:
   return record;
 }
 
-// The first cursor drops what was fetched before it, since a change between the two would never be told. A
-// fetch that leaves after the cursor has come may be kept: so the very first one lets the cursor go ahead.
-bool KZVDropboxFileManager::awaitFirstCursor(const ProgressCallback& progress) {
-  const auto deadline = std::chrono::steady_clock::now() + firstCursorPatience;
-  while (isFirstRunUnderWay_ && std::chrono::steady_clock::now() < deadline) {
-    {
-      std::unique_lock lock(deltaStateMutex_);
-      firstRunEnded_.wait_for(lock, stopInterval, [&] { return !isFirstRunUnderWay_; });
-    }
-    if (isFirstRunUnderWay_ && progress && !progress({0, 1000})) return false;
-  }
-  return true;
+std::optional<std::string> KZVDropboxFileManager::knownFolderPath(const std::string& key) const {
+  const std::string folderKey = deletingLastPathComponent(key);
+  if (folderKey == "/") return folderKey;
+  const MetadataRef folder = knownRecord(folderKey).value_or(nullptr);
+  return folder ? std::optional(folder->path()) : std::nullopt;
 }
 
 void KZVDropboxFileManager::loadedMetadata(DBRestClient& client, const MetadataRef& metadata) {

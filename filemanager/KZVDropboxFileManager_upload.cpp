@@ -29,6 +29,21 @@ Contents::const_iterator placeOf(const Contents& contents, const std::string& ke
       [](const auto& child, const std::string& wanted) { return MetadataCache::keyOf(*child) < wanted; });
 }
 
+/// A file's record as one of the children of the folder at `folderPath`, in whose letter case listings show it.
+MetadataCache::Record childOf(const std::string& folderPath, const MetadataCache::Record& file) {
+  if (deletingLastPathComponent(file->path()) == folderPath) return file;
+  DBMetadata::Fields fields;
+  fields.folderPath = std::make_shared<const std::string>(folderPath);
+  fields.name = file->filename();
+  fields.lowercasePath = file->lowercasePath();
+  fields.rev = file->rev();
+  fields.icon = file->icon();
+  fields.totalBytes = file->totalBytes();
+  fields.lastModifiedDate = file->lastModifiedDate();
+  fields.thumbnailExists = file->thumbnailExists();
+  return std::make_shared<const DBMetadata>(std::move(fields));
+}
+
 /// The same listing with `child` in its place.
 MetadataCache::Record listingWith(const DBMetadata& folder, const MetadataCache::Record& child) {
   const Contents& contents = *folder.contents();
@@ -200,8 +215,9 @@ void KZVDropboxFileManager::noteUploaded(const std::string& askedKey, const Meta
     const MetadataRef folder = metaCache->find(parent);
     if (!folder || !folder->contents()) return false;
     metaCache->remove(parent);  // a fetch of it that is under way is out of date
-    metaCache->store(parent, listingWith(*folder, record));
-    metaCache->store(key, record);
+    const MetadataRef child = childOf(folder->path(), record);
+    metaCache->store(parent, listingWith(*folder, child));
+    metaCache->store(key, child);
     return true;
   });
   reportOwnChanges(std::move(replaced));

@@ -48,6 +48,10 @@ std::string MetadataCache::keyOf(const DBMetadata& record) {
   return key.empty() ? "/" : key;
 }
 
+bool MetadataCache::startKeeping() {
+  return !std::exchange(keeps_, true) && lastFetch_ > 0;
+}
+
 MetadataCache::Record MetadataCache::find(std::string_view key) const {
   if (key == "/") return root_;
   const auto [folderKey, name] = placeOf(key);
@@ -58,6 +62,7 @@ MetadataCache::Record MetadataCache::find(std::string_view key) const {
 }
 
 void MetadataCache::store(std::string_view key, Record record) {
+  if (!keeps_) return;
   if (key == "/") {
     if (!root_) ++count_;
     root_ = std::move(record);
@@ -66,19 +71,19 @@ void MetadataCache::store(std::string_view key, Record record) {
   const auto [folderKey, name] = placeOf(key);
   auto folder = folders_.find(folderKey);
   if (folder == folders_.end()) folder = folders_.try_emplace(std::string(folderKey)).first;
-  folder->second.entered = nullptr;
+  folder->second.entered.reset();
   const auto [child, isNew] = folder->second.children.insert_or_assign(std::string(name), std::move(record));
   if (isNew) ++count_;
 }
 
 bool MetadataCache::isEntered(std::string_view key, const Record& folder) const {
   const auto found = folders_.find(key);
-  return found != folders_.end() && found->second.entered == folder.get() && find(key) == folder;
+  return found != folders_.end() && found->second.entered.lock() == folder && find(key) == folder;
 }
 
 void MetadataCache::noteEntered(std::string_view key, const Record& folder) {
   const auto found = folders_.find(key);
-  if (found != folders_.end() && find(key) == folder) found->second.entered = folder.get();
+  if (found != folders_.end() && find(key) == folder) found->second.entered = folder;
 }
 
 void MetadataCache::dropOne(std::string_view key, std::vector<std::string>& droppedFiles) {
@@ -94,7 +99,7 @@ void MetadataCache::dropOne(std::string_view key, std::vector<std::string>& drop
   if (found == children.end()) return;
   if (isFile(found->second)) droppedFiles.emplace_back(key);
   children.erase(found);
-  folder->second.entered = nullptr;
+  folder->second.entered.reset();
   --count_;
   if (children.empty()) folders_.erase(folder);
 }
@@ -137,7 +142,7 @@ std::vector<std::string> MetadataCache::removeAll() {
 }
 
 MetadataCache::Fetch MetadataCache::beginFetch(std::string_view key) {
-  fetches_.push_back({++lastFetch_, std::string(key), false});
+  fetches_.push_back({++lastFetch_, std::string(key), !keeps_});
   return lastFetch_;
 }
 

@@ -14,6 +14,9 @@
 /// can be dropped at the price of its folders. Also knows which fetches are under way, so that an answer that
 /// was overtaken by a change is not kept.
 ///
+/// Until startKeeping() nothing is kept at all: before the change feed has a cursor, nobody would learn that a
+/// record has changed.
+///
 /// Threads: every member REQUIRES synced(cache): the cache object is its own lock. Keys come from keyOf only.
 class MetadataCache final : public NSObject {
  public:
@@ -27,6 +30,10 @@ class MetadataCache final : public NSObject {
   /// The key of a record: the service's own lower-cased path, so that its change feed finds the entry again.
   static std::string keyOf(const DBMetadata& record);
 
+  /// Keeps what is stored and fetched from now on. Call it when the feed's first cursor is there; further calls do
+  /// nothing. True when something was fetched, or is being fetched, that could not be kept: whoever was shown it may
+  /// have missed a change.
+  bool startKeeping();
   Record find(std::string_view key) const;
   void store(std::string_view key, Record record);
   /// Whether every child of `folder`, the listing that is cached at `key`, has been entered and none of them
@@ -44,7 +51,8 @@ class MetadataCache final : public NSObject {
 
   /// Notes that `key` is being asked for.
   Fetch beginFetch(std::string_view key);
-  /// Ends the fetch; false when its path was invalidated meanwhile: the answer may be given, but not kept.
+  /// Ends the fetch; false when its path was invalidated meanwhile, or when it began before startKeeping(): the
+  /// answer may be given, but not kept.
   bool endFetch(Fetch fetch);
 
  private:
@@ -58,8 +66,9 @@ class MetadataCache final : public NSObject {
   using Children = std::unordered_map<std::string, Record, TextHash, std::equal_to<>>;
   struct Folder {
     Children children;
-    const DBMetadata* entered =
-        nullptr;  // the listing whose children these are, all of them; null: not known
+    /// The listing whose children these are, all of them; empty: not known. Weak and no bare address: a freed
+    /// listing's address may be that of the next one.
+    std::weak_ptr<const DBMetadata> entered;
   };
   /// Key of a folder -> what is known below it. Ordered, so that the folders of a subtree stand together.
   using Folders = std::map<std::string, Folder, std::less<>>;
@@ -77,4 +86,5 @@ class MetadataCache final : public NSObject {
   std::size_t count_ = 0;
   std::vector<ActiveFetch> fetches_;
   Fetch lastFetch_ = 0;
+  bool keeps_ = false;
 };

@@ -1,4 +1,7 @@
 #include <algorithm>
+#include <cstddef>
+#include <mutex>
+#include <new>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -26,6 +29,7 @@ MetadataCache::Record folder(const std::string& path) {
 class MetadataCacheTest : public testing::Test {
  protected:
   MetadataCacheTest() : held(ObjectExtension::of(cache).monitor()) {
+    cache.startKeeping();
     cache.store("/", folder("/"));
     for (const char* path : {"/a", "/a/b", "/ab"}) cache.store(path, folder(path));
     for (const char* path : {"/x", "/a/y", "/a/b/z", "/ab/w", "/a b"}) cache.store(path, file(path));
@@ -98,6 +102,44 @@ TEST_F(MetadataCacheTest, AnAnswerOvertakenByAChangeIsNotKept) {
     EXPECT_EQ(cache.endFetch(fetch), c.isKept);
     EXPECT_EQ(cache.endFetch(other), std::string_view(c.name) != "all dropped");
   }
+}
+
+TEST_F(MetadataCacheTest, AListingThatCameToTheAddressOfAFreedOneHasNotBeenEntered) {
+  alignas(DBMetadata) std::byte place[sizeof(DBMetadata)];
+  const auto listingAtPlace = [&] {
+    DBMetadata::Fields fields;
+    fields.path = "/a";
+    fields.isDirectory = true;
+    fields.contents = std::make_shared<DBMetadata::Contents>();
+    return MetadataCache::Record(new (place) DBMetadata(fields), [](const DBMetadata* gone) { gone->~DBMetadata(); });
+  };
+  auto listing = listingAtPlace();
+  cache.store("/a", listing);
+  cache.noteEntered("/a", listing);
+  EXPECT_TRUE(cache.isEntered("/a", listing));
+  cache.remove("/a");
+  listing.reset();
+  listing = listingAtPlace();
+  cache.store("/a", listing);
+  EXPECT_FALSE(cache.isEntered("/a", listing));
+  cache.remove("/a");  // before its place goes
+}
+
+TEST(MetadataCacheBeforeTheFirstCursor, KeepsNothingAndSaysWhetherSomethingWasAskedFor) {
+  MetadataCache unused;
+  const std::lock_guard heldUnused(ObjectExtension::of(unused).monitor());
+  EXPECT_FALSE(unused.startKeeping());
+
+  MetadataCache cache;
+  const std::lock_guard held(ObjectExtension::of(cache).monitor());
+  const auto early = cache.beginFetch("/a");
+  cache.store("/x", file("/x"));
+  EXPECT_EQ(cache.find("/x"), nullptr);
+  EXPECT_TRUE(cache.startKeeping());
+  EXPECT_FALSE(cache.startKeeping());
+  EXPECT_FALSE(cache.endFetch(early)) << "what changed between its answer and the cursor is never told";
+  const auto late = cache.beginFetch("/a");
+  EXPECT_TRUE(cache.endFetch(late));
 }
 
 TEST(MetadataCacheKey, OnePathHasOneKey) {

@@ -15,13 +15,19 @@ void KZVDropboxFS::stopWatchFolder(const std::shared_ptr<FSItem>& item) {
   _watchedFolders.update([&](FSItems& items) { std::erase(items, item); });
 }
 
+bool KZVDropboxFS::isWatching(const FSItem& item) {
+  return _watchedFolders.update([&](const FSItems& items) {
+    return std::any_of(items.begin(), items.end(), [&](const auto& watched) { return watched.get() == &item; });
+  });
+}
+
 void KZVDropboxFS::pollForChanges() { requiredManager().loadDeltaNow(); }
 
 void KZVDropboxFS::dbTimerIntervalExpired(NSTimer& /*timer*/) {
   for (const auto& plugin : KZVCoreObj::shared().attachedPlugins()) {
     const auto instance = as<KZVDropboxFS>(plugin);
     if (!instance) continue;
-    DispatchQueue::global().async([instance] { instance->requiredManager().loadDelta(); });
+    instance->requiredManager().pollOnTimer();
   }
 }
 
@@ -37,10 +43,15 @@ void KZVDropboxFS::_changed_folder(const std::string& path, const std::string& u
   for (const auto& instance : attachedInstances(userId)) {
     for (const auto& item : instance->watchedFolders()) {
       if (!canonicallyDecomposed(MetadataCache::keyOf(item->path())).starts_with(changed)) continue;
-      auto callback = item->changeCallback();
-      if (!callback) continue;
+      if (!item->changeCallback()) continue;
       item->prepareForChange();
-      DispatchQueue::main().async([callback = std::move(callback), item] { callback(item); });
+      // Whether it is still watched is asked when the callback's turn comes: a host that has stopped watching, on
+      // the main queue's thread, must not be called any more.
+      DispatchQueue::main().async([watcher = std::weak_ptr(instance), item] {
+        const auto watching = watcher.lock();
+        const auto callback = item->changeCallback();
+        if (callback && watching && watching->isWatching(*item)) callback(item);
+      });
     }
   }
 }

@@ -23,7 +23,7 @@ class KZVDropboxFS final : public FSPlugin {
  public:
   // --- Start-up and service thread (plugin/KZVDropboxFS_startup.cpp)
 
-  /// Builds everything that instances rest on; once per process, before anything else. Blocks until the
+  /// Builds everything that instances rest on; before anything else. Further calls do nothing. Blocks until the
   /// service thread has come up.
   static void initialize();
   /// The service thread's body; never returns.
@@ -170,10 +170,12 @@ class KZVDropboxFS final : public FSPlugin {
  private:
   /// The attached instances of one account, in the host's order.
   static std::vector<std::shared_ptr<KZVDropboxFS>> attachedInstances(const std::string& userId);
+  static void startUp();
   static void refreshUserList();
   static bool recordDesktopUserIfFirst();
   static void forgetDesktopUserId(const std::string& userId);
 
+  bool isWatching(const FSItem& item);
   const std::string& requiredUserId() const;
   KZVDropboxFileManager& requiredManager() const;
 

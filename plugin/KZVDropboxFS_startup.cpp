@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cstdlib>
+#include <mutex>
 
 #include <fmt/format.h>
 
@@ -88,6 +89,11 @@ void startAccounts() {
 }  // namespace
 
 void KZVDropboxFS::initialize() {
+  static std::once_flag once;  // a host may load the bundle again
+  std::call_once(once, startUp);
+}
+
+void KZVDropboxFS::startUp() {
   startServiceThread();
   const auto session =
       std::make_shared<DBSession>(KZVDropboxFSAppKey(), KZVDropboxFSAppSecret(), kDBRootDropbox);

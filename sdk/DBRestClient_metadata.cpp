@@ -1,4 +1,5 @@
 #include <deque>
+#include <map>
 #include <utility>
 
 #include "foundation/Paths.h"
@@ -23,12 +24,13 @@ constexpr int pageLimit = 2000;  // the service's largest; fewer pages are fewer
 class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
  public:
   MetadataLoad(std::shared_ptr<DBRestClient::Impl> client, const std::string& path,
-               DBRestClient::Expect expected)
+               DBRestClient::Expect expected, const std::optional<std::string>& folder)
       : client_(std::move(client)),
         operation_(client_->beginOperation()),
         about_{"load", path},
         servicePath_(servicePath(path)),
-        expected_(expected) {}
+        expected_(expected),
+        folder_(folder ? std::make_shared<const std::string>(*folder) : nullptr) {}
 
   void start() {
     if (!servicePath_) {
@@ -73,10 +75,37 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
   void receivedRecord(const ServiceAnswer& answer) {
     if (answer.error) return fail(answer);
     const auto document = Document::parse(answer.response.body);
-    RecordReader reader;
-    const auto folder = std::make_shared<const std::string>(deletingLastPathComponent(*servicePath_));
-    const auto record = document ? reader.record(document->root(), folder) : nullptr;
+    const auto record = document ? RecordReader().record(document->root(), folder_) : nullptr;
     if (!record) return failInvalid(answer.response);
+    const std::string askedFolder = deletingLastPathComponent(*servicePath_);
+    if (folder_ || deletingLastPathComponent(record->path()) == askedFolder) return useRecord(record);
+    record_ = document;
+    askForFolderNames(askedFolder);
+  }
+
+  void askForFolderNames(const std::string& folder) {
+    for (std::string path = folder; path != "/"; path = deletingLastPathComponent(path)) folderNames_[path];
+    unnamedFolders_ = folderNames_.size();
+    for (const auto& [path, name] : folderNames_) {
+      client_->send(operation_, readingRequest("files/get_metadata", {{"path", path}}, about_),
+                    [self = shared_from_this(), asked = path](ServiceAnswer& answer) {
+                      self->receivedFolder(asked, answer);
+                    });
+    }
+  }
+
+  void receivedFolder(const std::string& path, const ServiceAnswer& answer) {
+    const auto document = answer.error ? nullptr : Document::parse(answer.response.body);
+    const auto folder = document ? RecordReader().record(document->root(), nullptr) : nullptr;
+    folderNames_[path] = folder ? folder->filename() : lastPathComponent(path);  // gone just now, or not for us
+    if (--unnamedFolders_ > 0) return;
+    std::string known = "/";
+    for (const auto& [asked, name] : folderNames_) known = appendingPathComponent(known, name);  // outermost first
+    const auto shared = std::make_shared<const std::string>(std::move(known));
+    useRecord(RecordReader().record(record_->root(), shared));
+  }
+
+  void useRecord(const DBRestClientDelegate::MetadataRef& record) {
     if (!record->isDirectory()) return finish(record);
     fields_.path = record->path();
     fields_.lowercasePath = record->lowercasePath();
@@ -163,6 +192,10 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
   const RequestDescription about_;
   const std::optional<std::string> servicePath_;
   const DBRestClient::Expect expected_;
+  const std::shared_ptr<const std::string> folder_;  // null: not known
+  std::shared_ptr<const Document> record_;         // the answer, while the names of folders are asked for
+  std::map<std::string, std::string> folderNames_;  // by the path as asked, each above those it is part of
+  std::size_t unnamedFolders_ = 0;
   DBMetadata::Fields fields_;              // the folder's own record, as far as it is known
   std::optional<ListingBuilder> listing_;  // set once the item is known to be a folder
   std::deque<std::shared_ptr<const Document>> waitingPages_;
@@ -175,6 +208,7 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
 
 }  // namespace
 
-void DBRestClient::loadMetadata(const std::string& path, Expect expected) {
-  std::make_shared<MetadataLoad>(impl_, path, expected)->start();
+void DBRestClient::loadMetadata(const std::string& path, Expect expected,
+                                const std::optional<std::string>& folder) {
+  std::make_shared<MetadataLoad>(impl_, path, expected, folder)->start();
 }

@@ -25,13 +25,12 @@ ServiceRequest changingRequest(std::string route, const json::object& argument, 
   return request;
 }
 
-/// The record in an answer's "metadata", below the folder of `path`.
-RecordRef recordAt(const std::string& path, const HttpResponse& response, RecordReader::Kind kind) {
+/// The record in an answer's "metadata".
+RecordRef recordAt(const HttpResponse& response, RecordReader::Kind kind) {
   const auto document = Document::parse(response.body);
   const json::object* metadata = document ? servicejson::object(document->root(), "metadata") : nullptr;
   if (!metadata) return nullptr;
-  return RecordReader().record(*metadata,
-                               std::make_shared<const std::string>(deletingLastPathComponent(path)), kind);
+  return RecordReader().record(*metadata, nullptr, kind);
 }
 
 /// Asks what is at `path` now. For a change whose answer was lost.
@@ -44,12 +43,10 @@ bool isNotFound(const ServiceAnswer& answer) {
   return answer.error && hasErrorTag(answer.response, "not_found");
 }
 
-/// The record that a look at `path` brought; null when there is nothing.
-RecordRef recordFound(const std::string& path, const ServiceAnswer& answer) {
+/// The record that a look at a path brought; null when there is nothing.
+RecordRef recordFound(const ServiceAnswer& answer) {
   const auto document = answer.error ? nullptr : Document::parse(answer.response.body);
-  if (!document) return nullptr;
-  return RecordReader().record(document->root(),
-                               std::make_shared<const std::string>(deletingLastPathComponent(path)));
+  return document ? RecordReader().record(document->root(), nullptr) : nullptr;
 }
 
 bool isContinuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U; }
@@ -166,7 +163,7 @@ class Move : public std::enable_shared_from_this<Move> {
   }
 
   void lookedAtTarget(ServiceAnswer& found) {
-    moved_ = recordFound(*to_, found);
+    moved_ = recordFound(found);
     deliver(moved_ ? found : failure_);
   }
 
@@ -199,7 +196,7 @@ class Move : public std::enable_shared_from_this<Move> {
     if (answer.error && answer.mayHaveBeenCarriedOut && detour_.empty()) return lookAfter(answer);
     if (answer.error) return fail(answer);
     if (moved_) return finish(moved_);
-    const RecordRef record = recordAt(*to_, answer.response, RecordReader::Kind::byTag);
+    const RecordRef record = recordAt(answer.response, RecordReader::Kind::byTag);
     if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
     finish(record);
   }
@@ -209,7 +206,7 @@ class Move : public std::enable_shared_from_this<Move> {
     lookAt(client_, operation_, *from_, about_, [self = shared_from_this(), lost](ServiceAnswer& old) {
       if (!isNotFound(old)) return self->fail(lost);
       lookAt(self->client_, self->operation_, *self->to_, self->about_, [self, lost](ServiceAnswer& now) {
-        const RecordRef record = recordFound(*self->to_, now);
+        const RecordRef record = recordFound(now);
         record ? self->finish(record) : self->fail(lost);
       });
     });
@@ -265,12 +262,12 @@ void DBRestClient::createFolder(const std::string& path) {
                 if (answer.error && answer.mayHaveBeenCarriedOut) {
                   return lookAt(impl, operation, *target, about,
                                 [fail, finish, target, lost = answer](ServiceAnswer& now) {
-                                  const RecordRef record = recordFound(*target, now);
+                                  const RecordRef record = recordFound(now);
                                   record && record->isDirectory() ? finish(record) : fail(lost);
                                 });
                 }
                 if (answer.error) return fail(answer);
-                const RecordRef record = recordAt(*target, answer.response, RecordReader::Kind::folder);
+                const RecordRef record = recordAt(answer.response, RecordReader::Kind::folder);
                 record ? finish(record) : fail({{}, invalidResponseError(answer.response, about), {}});
               });
 }

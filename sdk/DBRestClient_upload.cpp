@@ -50,12 +50,10 @@ json::object commitArgument(const std::string& target, const std::optional<std::
   return commit;
 }
 
-/// The record of a stored file. Its folder is the one asked for, its name is the service's choice: a file
-/// that would have replaced another version is stored beside it.
-RecordRef storedRecord(const std::string& target, const json::object& metadata) {
-  return RecordReader().record(metadata,
-                               std::make_shared<const std::string>(deletingLastPathComponent(target)),
-                               RecordReader::Kind::file);
+/// The record of a stored file. Its name is the service's choice: a file that would have replaced another version
+/// is stored beside it.
+RecordRef storedRecord(const json::object& metadata) {
+  return RecordReader().record(metadata, nullptr, RecordReader::Kind::file);
 }
 
 /// Whether a file that was to replace `parentRev` at `path` has done so, and does not stand beside it.
@@ -219,7 +217,7 @@ class WholeFileUpload final : public Upload {
     if (hasErrorTag(answer.response, "content_hash_mismatch")) return sendAgain(std::move(answer));
     if (answer.error) return giveUp(std::move(answer));
     const auto document = Document::parse(answer.response.body);
-    const RecordRef record = document ? storedRecord(*servicePath(destination_), document->root()) : nullptr;
+    const RecordRef record = document ? storedRecord(document->root()) : nullptr;
     if (!record) return giveUp({{}, invalidResponseError(answer.response, about_), {}});
     if (isDamaged(document->root(), source_->hash())) {
       damaged_ = damagedFile(document->root(),
@@ -448,7 +446,7 @@ class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
 
   void stored(const ServiceAnswer& answer) {
     const auto document = Document::parse(answer.response.body);
-    const RecordRef record = document ? storedRecord(*target_, document->root()) : nullptr;
+    const RecordRef record = document ? storedRecord(document->root()) : nullptr;
     if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
     const UploadSessions::Session* known = client_->uploads.find(uploadId_);
     const bool damaged = known && isDamaged(document->root(), known->hash);

@@ -1,4 +1,5 @@
 #pragma once
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -40,6 +41,9 @@ struct HttpRequest {
   std::string body;                    // sent when there is no source
   std::shared_ptr<BodySource> source;  // null: `body`
   std::shared_ptr<BodySink> sink;      // null: the answer's body is kept in memory
+  /// Set for a request whose answer may take minutes to begin: then this bounds the whole exchange, and
+  /// silence alone is no error.
+  std::optional<std::chrono::seconds> timeLimit{};
 };
 
 /// What came back. An HTTP error status is an answer like any other at this level.

@@ -13,6 +13,8 @@
 #include "foundation/Fatal.h"
 #include "foundation/NSThread.h"
 
+using namespace std::chrono_literals;
+
 namespace {
 
 constexpr long receiveBufferBytes = 256L * 1024;
@@ -258,7 +260,11 @@ CURL* NetworkThread::Loop::makeHandle() const {
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
   curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
+  // Finds out within three minutes that a connection is dead although nothing is sent on it, as while a long
+  // poll waits, and keeps the entries of address translators alive.
   curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+  curl_easy_setopt(easy, CURLOPT_TCP_KEEPIDLE, 45L);
+  curl_easy_setopt(easy, CURLOPT_TCP_KEEPINTVL, 15L);
   curl_easy_setopt(easy, CURLOPT_USERAGENT, "KZVDropboxFS/0.1");
   curl_easy_setopt(easy, CURLOPT_POST, 1L);
   curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, receiveBufferBytes);
@@ -310,9 +316,13 @@ void NetworkThread::Loop::configure(CURL* easy, HttpTransfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_SEEKDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectTimeoutMs.load());
-  curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, silenceTimeoutSeconds.load());
+  // A request with a limit of its own may be silent until then.
+  curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, request.timeLimit ? 0L : silenceTimeoutSeconds.load());
   const bool isSmall = !request.source && !request.sink;
-  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, isSmall ? smallRequestTimeoutMs.load() : 0L);
+  const long limitMs = request.timeLimit ? static_cast<long>(std::chrono::milliseconds(*request.timeLimit).count())
+                       : isSmall         ? smallRequestTimeoutMs.load()
+                                         : 0L;
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, limitMs);
   // Plain HTTP is a server on this machine: no proxy, no compression, nothing to wait for before a second
   // connection is opened.
   curl_easy_setopt(easy, CURLOPT_PROXY, plain ? "" : nullptr);

@@ -78,6 +78,7 @@ std::optional<DBMetadata::Fields> RecordReader::commonFields(const json::object&
 
 RecordReader::RecordRef RecordReader::record(const json::object& object,
                                              std::shared_ptr<const std::string> folderPath, Kind kind) {
+  understood_ = true;
   const std::string_view tag = kind == Kind::file     ? "file"
                                : kind == Kind::folder ? "folder"
                                                       : text(object, ".tag").value_or("");
@@ -96,20 +97,22 @@ RecordReader::RecordRef RecordReader::record(const json::object& object,
   return std::make_shared<const DBMetadata>(std::move(*fields));
 }
 
-std::optional<std::vector<DBDeltaEntry>> RecordReader::deltaEntries(const json::array& entries) {
+std::vector<DBDeltaEntry> RecordReader::deltaEntries(const json::array& entries, std::size_t& unreadable) {
   std::vector<DBDeltaEntry> changes;
   changes.reserve(entries.size());
   for (const json::value& entry : entries) {
     const json::object* members = entry.if_object();
-    if (!members) return std::nullopt;
-    const auto key = text(*members, "path_lower");
-    if (!key) continue;  // reached otherwise than through this account's tree
-    if (text(*members, ".tag") == "deleted") {
+    const auto key = members ? text(*members, "path_lower") : std::nullopt;
+    if (members && !key) continue;  // reached otherwise than through this account's tree
+    if (!key || !key->starts_with('/')) {
+      ++unreadable;
+    } else if (text(*members, ".tag") == "deleted") {
       changes.push_back({std::string(*key), nullptr});
     } else if (RecordRef changed = record(*members, nullptr)) {
       changes.push_back({std::string(*key), std::move(changed)});
     } else if (!understood_) {
-      return std::nullopt;
+      ++unreadable;
+      changes.push_back({std::string(*key), nullptr});
     }
   }
   return changes;

@@ -20,13 +20,16 @@ class RecordReader {
 
   /// @param folderPath  the parent's path; null: taken from path_display.
   /// @return null when the object is no record, in which case isUnderstood() tells apart a kind we do not
-  /// know (true) from a broken answer (false).
+  /// know (true) from a broken record (false).
   RecordRef record(const boost::json::object& object, std::shared_ptr<const std::string> folderPath,
                    Kind kind = Kind::byTag);
   bool isUnderstood() const noexcept { return understood_; }
 
-  /// One page of changes; nothing when it is broken. Kinds that we do not know are left out.
-  std::optional<std::vector<DBDeltaEntry>> deltaEntries(const boost::json::array& entries);
+  /// One page of changes. Kinds that we do not know are left out. An entry that cannot be read must not hold up
+  /// those after it: one with a path is given without a record, so that what is known of the path is dropped; one
+  /// without a path of the account is left out.
+  /// @param unreadable  grows by the number of entries that could not be read.
+  std::vector<DBDeltaEntry> deltaEntries(const boost::json::array& entries, std::size_t& unreadable);
 
  private:
   RecordRef broken();

@@ -18,8 +18,16 @@ bool mayHaveBeenCarriedOut(const HttpResponse& response) {
          (response.status >= 500 && response.status != 503);
 }
 
-bool isContent(ServiceRequest::Style style) {
-  return style == ServiceRequest::Style::contentUpload || style == ServiceRequest::Style::contentDownload;
+const std::string& originFor(ServiceRequest::Style style, const ServiceHosts& hosts) {
+  switch (style) {
+    case ServiceRequest::Style::contentUpload:
+    case ServiceRequest::Style::contentDownload:
+      return hosts.content;
+    case ServiceRequest::Style::notify:
+      return hosts.notify;
+    default:
+      return hosts.api;
+  }
 }
 
 }  // namespace
@@ -70,12 +78,13 @@ void ServiceCall::sendWith(const Authorization& authorization) {
 HttpRequest ServiceCall::httpRequest() const {
   HttpRequest http;
   const bool isToken = request_.style == ServiceRequest::Style::token;
-  http.url = (isContent(request_.style) ? session_->hosts.content : session_->hosts.api) +
-             (isToken ? "/oauth2/" : "/2/") + request_.route;
+  http.url = originFor(request_.style, session_->hosts) + (isToken ? "/oauth2/" : "/2/") + request_.route;
+  http.timeLimit = request_.timeLimit;
   const std::string& token = actingFor_.userId.empty() ? actingFor_.bearerToken : authorization_.accessToken;
   if (!token.empty()) http.headers.push_back("Authorization: Bearer " + token);
   switch (request_.style) {
     case ServiceRequest::Style::rpc:
+    case ServiceRequest::Style::notify:
       http.headers.emplace_back("Content-Type: application/json");
       http.body = request_.argument;
       break;

@@ -1,5 +1,6 @@
 #pragma once
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -17,6 +18,7 @@ struct ServiceRequest {
   enum class Style {
     rpc,  // JSON in the body; api host
     rpcWithoutArgument,
+    notify,           // JSON in the body, no authorization; notify host
     contentUpload,    // JSON in a header, bytes in the body; content host
     contentDownload,  // JSON in a header, bytes in the answer; content host
     token             // form in the body, no authorization; api host
@@ -36,6 +38,7 @@ struct ServiceRequest {
   RequestDescription about;
   std::shared_ptr<BodySource> source{};
   std::shared_ptr<BodySink> sink{};
+  std::optional<std::chrono::seconds> timeLimit{};  // as in HttpRequest
 };
 
 /// For whom a request is made: a linked account, or the holder of a token that is not in the session.

@@ -91,15 +91,40 @@ class RestClient : public ClientFixture {
   }
 };
 
-TEST_F(RestClient, FolderTakesItsOwnCaseFromItsRecordAndItsChildrensFromTheFolder) {
+TEST_F(RestClient, PathsComeInTheServicesLetterCaseWhateverWasTyped) {
   const auto serving = serve([](const ScriptedRequest& request) {
-    if (request.route == metadataRoute) return jsonReply(folderJson("/x/DOCS"));
+    const auto asks = [&](const char* path) { return request.body.find(path) != std::string::npos; };
+    if (request.route == metadataRoute && asks("\"/A\"")) return jsonReply(folderJson("/a"));
+    if (request.route == metadataRoute && asks("\"/A/x\"")) return jsonReply(folderJson("/a/X"));
+    if (request.route == metadataRoute && asks("\"/gone\"")) return errorReply(409, {"path", "not_found"});
+    // The folders above an item are shown in lower case, which is the service's right.
+    if (request.route == metadataRoute) return jsonReply(folderJson(asks("gone") ? "/GONE/DOCS" : "/a/x/DOCS"));
     if (request.route == continueRoute) return jsonReply(pageJson(fileJson("/X/docs/a.txt"), "c2"));
     return jsonReply(pageJson(folderJson("/x/docs/Zoo") + "," + fileJson("/x/docs/B.txt"), "c1", true));
   });
-  ASSERT_EQ(outcomeOf("/X/Docs/"), "metadata /X/DOCS");
-  EXPECT_EQ(childrenOf(*delegate.lastMetadata()), "/X/DOCS/a.txt /X/DOCS/B.txt /X/DOCS/Zoo ");
-  EXPECT_FALSE(delegate.lastMetadata()->contentsHash().empty());
+  struct Case {
+    const char* name;
+    const char* typed;
+    std::optional<std::string> folder;
+    const char* path;
+    int lookUps;
+  };
+  const Case cases[] = {{"as the service shows it", "/a/x/docs", {}, "/a/x/DOCS", 1},
+                        {"the folder's case is known", "/A/x/Docs/", "/a/X", "/a/X/DOCS", 1},
+                        {"typed otherwise", "/A/x/Docs/", {}, "/a/X/DOCS", 3},
+                        {"a folder that is not to be seen", "/gone/docs", {}, "/gone/DOCS", 2}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const int before = server->count(metadataRoute);
+    const auto load = [&](DBRestClient& own) {
+      own.loadMetadata(c.typed, DBRestClient::Expect::anything, c.folder);
+    };
+    ASSERT_EQ(outcome(load), std::string("metadata ") + c.path);
+    const std::string path(c.path);
+    EXPECT_EQ(childrenOf(*delegate.lastMetadata()), path + "/a.txt " + path + "/B.txt " + path + "/Zoo ");
+    EXPECT_FALSE(delegate.lastMetadata()->contentsHash().empty());
+    EXPECT_EQ(server->count(metadataRoute) - before, c.lookUps);
+  }
   for (const ScriptedRequest& request : server->requests()) {
     EXPECT_EQ(request.headers.at("authorization"), "Bearer token-1");
     EXPECT_EQ(request.headers.at("content-type"), "application/json");
@@ -645,6 +670,11 @@ TEST_F(RestClient, DeltaBeginsWithTheNewestCursorAndStartsAgainWhenItIsLost) {
   const auto serving = serve([](const ScriptedRequest& request) {
     if (request.route == "/2/files/list_folder/get_latest_cursor") return jsonReply(R"({"cursor":"new"})");
     if (request.body.find("lost") != std::string::npos) return errorReply(409, {"reset"});
+    if (request.body.find("busy") != std::string::npos) return ScriptedReply{429, "", {"Retry-After: 0"}};
+    if (request.body.find("broken") != std::string::npos)
+      return jsonReply(pageJson(fileJson("/ok") +
+                                R"(,7,{".tag":"deleted","path_lower":"no path"},{"path_lower":"/no/tag"})"
+                                R"(,{".tag":"file","name":"s","path_lower":"/s","size":"1"})"));
     return jsonReply(pageJson(fileJson("/Docs/A.txt") + "," + folderJson("/Docs") +
                                   R"(,{".tag":"deleted","name":"b","path_lower":"/b","path_display":"/B"},)"
                                   R"({".tag":"hologram","name":"h","path_lower":"/h"})",
@@ -656,6 +686,10 @@ TEST_F(RestClient, DeltaBeginsWithTheNewestCursorAndStartsAgainWhenItIsLost) {
   EXPECT_EQ(delta(std::nullopt), "delta reset new");
   EXPECT_EQ(delta("c1"), "delta +/docs/a.txt=/Docs/A.txt +/docs=/Docs -/b more c2");
   EXPECT_EQ(delta("lost"), "delta reset new");
+  EXPECT_EQ(delta("broken"), "delta +/ok=/ok -/no/tag -/s c1") << "what cannot be read is dropped from the cache";
+  const int before = server->count(continueRoute);
+  EXPECT_EQ(delta("busy"), "error 503");
+  EXPECT_EQ(server->count(continueRoute), before + 1) << "whoever polls decides when to ask again";
 }
 
 TEST_F(RestClient, AccountInformationNamesTheRightLimit) {

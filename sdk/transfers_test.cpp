@@ -267,7 +267,7 @@ TEST_F(Transfers, UploadSendsTheFileAndTakesTheNameThatTheServiceChose) {
   const Case cases[] = {
       {"new", {}, jsonReply(storedJson("/A/n.txt", content)), add, "uploaded /A/n.txt as /A/n.txt"},
       {"beside another", "0123456789", jsonReply(storedJson("/a/n (1).txt", content)), update,
-       "uploaded /A/n.txt as /A/n (1).txt"},
+       "uploaded /A/n.txt as /a/n (1).txt"},
       {"damaged once",
        {},
        jsonReply(storedJson("/A/n.txt", "other")),
@@ -532,16 +532,16 @@ std::string field(const ScriptedRequest& request, const std::string& key) {
 TEST_F(TreeChanges, EndWithTheServicesRecord) {
   const auto serving = serve([](const ScriptedRequest& request) {
     if (request.route == "/2/files/create_folder_v2")
-      return jsonReply(R"({"metadata":{"name":"N","path_lower":"/a/n","id":"id:x"}})");
+      return jsonReply(R"({"metadata":{"name":"N","path_lower":"/a/n","path_display":"/a/N","id":"id:x"}})");
     if (request.body.find("gone") != std::string::npos) return errorReply(409, {"path_lookup", "not_found"});
     if (request.route == "/2/files/delete_v2") return jsonReply(R"({"metadata":)" + fileJson("/A/f") + "}");
     return jsonReply(R"({"metadata":)" + fileJson("/b/G") + "}");
   });
-  EXPECT_EQ(outcome([](DBRestClient& own) { own.createFolder("/A/N"); }), "created /A/N");
+  EXPECT_EQ(outcome([](DBRestClient& own) { own.createFolder("/A/N"); }), "created /a/N");
   EXPECT_TRUE(delegate.lastMetadata()->isDirectory());
   EXPECT_EQ(outcome([](DBRestClient& own) { own.deletePath("/A/f/"); }), "deleted /A/f/");
   EXPECT_EQ(outcome([](DBRestClient& own) { own.deletePath("/gone"); }), "error 404");
-  EXPECT_EQ(outcome([](DBRestClient& own) { own.moveFrom("/A/f", "/B/G"); }), "moved /A/f to /B/G");
+  EXPECT_EQ(outcome([](DBRestClient& own) { own.moveFrom("/A/f", "/B/G"); }), "moved /A/f to /b/G");
   for (const auto& root : {"/", "//", ""}) {
     EXPECT_EQ(outcome([&](DBRestClient& own) { own.createFolder(root); }), "error 400");
     EXPECT_EQ(outcome([&](DBRestClient& own) { own.deletePath(root); }), "error 400")

@@ -13,6 +13,7 @@ PluginTest::PluginTest(const char* pollSeconds) {
   setenv("KZV_POLL_SECONDS", pollSeconds, 1);
   KZVDropboxFSClass::shared().initialize();
   ada = open("ada-token");
+  settle(*ada);
 }
 
 PluginTest::~PluginTest() {
@@ -34,7 +35,7 @@ std::shared_ptr<KZVDropboxFS> PluginTest::open(const std::string& token) {
 }
 
 void PluginTest::settle(KZVDropboxFS& plugin) {
-  bounded([&] { return plugin.contentAtPath("/", false, true, nullptr).has_value(); });
+  bounded([&] { return plugin.pollForChanges(), true; });
 }
 
 std::map<std::string, std::int64_t> PluginTest::treeOf(const FSItems& items) {

@@ -25,7 +25,7 @@ class PluginTest : public testing::Test {
   /// Links the account that the stand-in knows by `token` and opens it; fails the test when that does not
   /// work.
   std::shared_ptr<KZVDropboxFS> open(const std::string& token);
-  /// Waits until the first cursor of `plugin` has come, by listing its root.
+  /// Returns once `plugin` has a cursor of the change feed, so that it keeps what it fetches from then on.
   void settle(KZVDropboxFS& plugin);
   /// A recursive listing in StandIn::tree's form.
   static std::map<std::string, std::int64_t> treeOf(const FSItems& items);

@@ -114,6 +114,26 @@ TEST_F(BrowseTest, NamesAreJudgedAsTheServiceDoes) {
   }
 }
 
+TEST_F(BrowseTest, ATypedLetterCaseIsShownNowhere) {
+  standIn.write("/Docs/Sub/F.txt", "text");
+  standIn.write("/local", "text");
+  const auto items = ada->contentAtPath("/DOCS/SUB", false, true, nullptr);
+  ASSERT_TRUE(items && items->size() == 1);
+  EXPECT_EQ(items->front()->path(), "/Docs/Sub/F.txt");
+  ASSERT_TRUE(ada->createDirectoryAtPath("/DOCS/New", nullptr, nullptr));
+  const auto copy = bounded([&] { return ada->requestFileUrl("/local", nullptr, nullptr); });
+  ASSERT_NE(copy, nullptr);
+  ASSERT_TRUE(bounded([&] { return ada->writeFile(*copy, "/DOCS/SUB/Put.txt", nullptr, nullptr); }));
+  ada->releaseFileUrl(*copy);
+  EXPECT_EQ(listedTree(*ada), standIn.tree());
+}
+
+TEST_F(BrowseTest, TheStartUpRunsOnce) {
+  const auto session = DBSession::sharedSession();
+  KZVDropboxFSClass::shared().initialize();
+  EXPECT_EQ(DBSession::sharedSession(), session);
+}
+
 TEST_F(BrowseTest, AListingCostsItsPagesItsRecordAndTheFirstCursor) {
   standIn.makeTree("/big", 0, 10000);
   standIn.forgetRequests();

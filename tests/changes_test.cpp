@@ -1,8 +1,10 @@
 #include <condition_variable>
 #include <filesystem>
+#include <fstream>
 
 #include "core/KZVCoreObj.h"
 #include "foundation/NSFileManager.h"
+#include "foundation/NSLog.h"
 #include "foundation/NSNumber.h"
 #include "foundation/NSRunLoop.h"
 #include "plugin/KZVDropboxFSGlobals.h"
@@ -169,11 +171,107 @@ TEST_F(ChangesTest, PollsThatFailLoseNothing) {
   folder->setChangeCallback([](const auto&) { NSRunLoop::mainRunLoop()->stop(); });
   ada->startWatchFolder(folder);
   standIn.fault(
-      {{"route", "files/list_folder/continue"}, {"times", 9}, {"status", 500}});  // each poll asks thrice
+      {{"route", "files/list_folder/continue"}, {"times", 2}, {"status", 500}});
   while (standIn.faultHits() == 0) std::this_thread::yield();  // a poll that had left before sees the change
   standIn.write("/Docs/b.txt", "two");
   EXPECT_TRUE(NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 30s));
-  EXPECT_EQ(standIn.faultHits(), 9);
+  EXPECT_EQ(standIn.faultHits(), 2) << "a poll is made again by the next tick, and not before";
+}
+
+TEST_F(ChangesTest, ASilentChangeFeedHoldsUpNobody) {
+  standIn.write("/Docs/a.txt", "one");
+  listedTree(*ada);
+  standIn.fault({{"route", "files/list_folder/continue"}, {"times", 0}, {"stall_after", 0}});
+  while (standIn.faultHits() == 0) std::this_thread::yield();  // now a poll waits for its answer
+  for (int round = 0; round < 100; ++round)
+    ASSERT_TRUE(bounded([&] { return ada->contentAtPath("/Docs", false, true, nullptr).has_value(); }));
+  EXPECT_NE(bounded([&] { return ada->requestFileUrl("/Docs/a.txt", nullptr, nullptr); }), nullptr);
+  EXPECT_EQ(standIn.faultHits(), 1) << "one poll is under way";
+}
+
+TEST_F(ChangesTest, NobodyWaitsForTheFirstCursor) {
+  standIn.write("/Docs/a.txt", "one");
+  auto fresh = std::make_shared<KZVDropboxFS>(nullptr, ada->options());
+  standIn.fault({{"route", "files/list_folder/get_latest_cursor"}, {"times", 0}, {"stall_after", 0}});
+  const bool areThere = bounded([&] {
+    bool areAll = fresh->contentAtPath("/Docs", false, true, nullptr).has_value();
+    for (int round = 0; round < 30; ++round) areAll &= fresh->attributesAtPath("/Docs/a.txt", nullptr) != nullptr;
+    return areAll;
+  });
+  EXPECT_TRUE(areThere);
+}
+
+TEST_F(ChangesTest, WhatWasShownBeforeTheFirstCursorIsNotKeptAndIsRedrawnWhenItComes) {
+  standIn.write("/Docs/a.txt", "one");
+  standIn.write("/Docs/b.txt", "one");
+  const auto late = std::make_shared<KZVDropboxFS>(nullptr, ada->options());
+  KZVCoreObj::shared().attach(late);
+  awaitAccountList();
+  standIn.fault({{"route", "files/list_folder/get_latest_cursor"}, {"times", 0}, {"status", 500}});
+  const auto names = [&] { return treeOf(*bounded([&] { return late->contentAtPath("/Docs", true, true, nullptr); })); };
+  EXPECT_EQ(names().count("/Docs/b.txt"), 1U);
+  standIn.remove("/Docs/b.txt");
+  EXPECT_EQ(names().count("/Docs/b.txt"), 0U);
+  const auto folder = std::make_shared<FSItem>("/Docs", late);
+  folder->setIsDirectory(true);
+  folder->setChangeCallback([](const auto&) { NSRunLoop::mainRunLoop()->stop(); });
+  late->startWatchFolder(folder);
+  standIn.remove("/Docs/a.txt");  // after the last look, and before the cursor
+  standIn.clearFaults();
+  EXPECT_TRUE(NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 20s));
+  EXPECT_TRUE(names().empty());
+}
+
+TEST_F(ChangesTest, ACursorThatOnlyFailsIsReplacedAndTheFailuresAreLoggedOnce) {
+  const std::string log = home.path() + "/log";
+  standIn.write("/Docs/a.txt", "one");
+  listedTree(*ada);
+  ASSERT_TRUE(setLogFile(log));
+  standIn.fault({{"route", "files/list_folder/continue"}, {"times", 0}, {"status", 400}});
+  standIn.write("/Docs/b.txt", "two");
+  const auto expected = standIn.tree();
+  EXPECT_EQ(eventually(expected), expected);
+  const int seen = standIn.faultHits();
+  while (standIn.faultHits() < seen + 6) std::this_thread::yield();
+  setLogFile("");
+  std::ifstream lines(log);
+  int told = 0;
+  for (std::string line; std::getline(lines, line);) told += line.find("are not seen") != std::string::npos;
+  EXPECT_EQ(told, 1);
+}
+
+TEST_F(ChangesTest, NoCallbackRunsOnceTheMainThreadHasStoppedWatching) {
+  std::vector<std::shared_ptr<FSItem>> watched;
+  std::map<std::string, int> told;
+  for (const char* path : {"/a", "/b"}) {
+    standIn.write(std::string(path) + "/file", "one");
+    watched.push_back(std::make_shared<FSItem>(path, ada));
+    watched.back()->setIsDirectory(true);
+    watched.back()->setChangeCallback([&](const auto& item) {
+      ++told[item->path()];
+      NSRunLoop::mainRunLoop()->stop();
+    });
+  }
+  awaitAccountList();
+  settle(*ada);
+  for (const auto& item : watched) ada->startWatchFolder(item);
+  standIn.write("/top", "changes the root, so both");
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (!watched[1]->takeChangeMark() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  ada->stopWatchFolder(watched[0]);  // its callback has been queued before the other's
+  NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 20s);
+  EXPECT_EQ(told, (std::map<std::string, int>{{"/b", 1}}));
+}
+
+TEST_F(PluginTest, EachTickOfTheTimerPollsHoweverRecentTheLastPollWas) {
+  NSTimer timer(1s, [](NSTimer&) {}, false);
+  standIn.forgetRequests();
+  int polls = 0;
+  for (const auto end = std::chrono::steady_clock::now() + 20s; polls < 3 && std::chrono::steady_clock::now() < end;) {
+    KZVDropboxFS::dbTimerIntervalExpired(timer);
+    polls += standIn.requests()["files/list_folder/continue"];
+  }
+  EXPECT_GE(polls, 3);
 }
 
 TEST_F(ChangesTest, EveryInstanceOfTheAccountDropsItsCopyAndNoOtherAccountHears) {

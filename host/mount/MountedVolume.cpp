@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "foundation/DispatchQueue.h"
 #include "foundation/NSLog.h"
 #include "foundation/NSThread.h"
 #include "foundation/Paths.h"
@@ -34,6 +35,8 @@ MountedVolume::~MountedVolume() {
 }
 
 void MountedVolume::start() {
+  // Before the first folder is listed, so that its listing can be kept; nobody waits for it.
+  DispatchQueue::global().async([volume = volume_] { volume->pollForChanges(); });
   recoverRenames();
   leftLocals_ = journal_->locals();
   for (auto& upload : journal_->uploads())

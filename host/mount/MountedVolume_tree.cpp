@@ -478,9 +478,10 @@ void MountedVolume::refreshChangedFolders() {
       if (!folder || !done.insert(folder.get()).second) continue;
       {
         const std::lock_guard lock(treeMutex_);
-        if (!tree_.holds(*folder) || folder->inside->listing == MountNode::Inside::Listing::unknown) continue;
+        if (!tree_.holds(*folder)) continue;
+        ++folder->inside->changes;  // also for a first listing that is under way: it may show what was before
+        if (folder->inside->listing == MountNode::Inside::Listing::unknown) continue;
         folder->inside->listing = MountNode::Inside::Listing::outOfDate;
-        ++folder->inside->changes;
       }
       // Listed at once, not when somebody asks: nobody may ever ask, because the kernel answers.
       if (ensureListed(folder, [this] { return isStopping_.load(); }) != 0)

@@ -52,6 +52,7 @@ class WatchVerb final : public Verb {
     const auto volume = context.openVolume();
     if (!volume) return;
     const auto news = std::make_shared<News>();  // callbacks may still come while the verb ends
+    volume->pollForChanges();  // so that what is seen first is current, and only later changes make lines
     FSItems watched;
     for (const std::string& typed : typed_) {
       if (auto item = watch(context, volume, typed, news)) watched.push_back(std::move(item));
