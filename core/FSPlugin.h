@@ -144,10 +144,9 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   }
 
   // Watching. A file system that cannot be watched keeps these defaults.
-  /// Calls the item's change callback, on the main queue, whenever the folder has changed, until
-  /// stopWatchFolder with the same object: once that has returned on the main queue's thread, the callback does
-  /// not run any more; on another thread, a call that has begun may still be under way. Watching a file does
-  /// nothing. Call these three from one thread at a time.
+  /// Calls the item's change callback on the main queue whenever the folder has changed, until
+  /// stopWatchFolder with the same object has returned on that queue's thread; elsewhere a call that has
+  /// begun may still be under way. Watching a file does nothing. Call these three from one thread at a time.
   virtual void startWatchFolder(const std::shared_ptr<FSItem>& /*item*/) {}
   virtual void stopWatchFolder(const std::shared_ptr<FSItem>& /*item*/) {}
   virtual FSItems watchedFolders() const { return {}; }

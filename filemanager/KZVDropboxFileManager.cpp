@@ -69,6 +69,7 @@ KZVDropboxFileManager::~KZVDropboxFileManager() {
           client->setDelegate(nullptr);
           client->cancelAllRequests();
         }
+        changeWatcher_.reset();
       },
       *required(dropboxThread(), "the service thread runs"));
 }

@@ -50,19 +50,29 @@ class KZVDropboxFileManager final : public NSObject,
   /// nothing done yet, and its false ends the wait as in loadFile. The request then goes beside mainClient's.
   MetadataRef metadata(const std::string& path, const ProgressCallback& progress, NSErrorRef* error);
 
-  // Delta runs bring metaCache up to date with the account's change feed. One is under way at a time; until the
-  // first has brought a cursor, nothing is kept in metaCache. After a failure the next one waits: some seconds, for
-  // as long as the service asks, at most about deltaUpdateInterval. Failures in a row are logged.
+  // Delta runs bring metaCache up to date with the account's change feed. One is under way at a time; until
+  // the first has brought a cursor, nothing is kept in metaCache. After a failure the next one waits: some
+  // seconds, for as long as the service asks, at most about deltaUpdateInterval. Failures in a row are
+  // logged.
 
   /// For whoever is about to read metaCache: a run on this thread when the last one is older than
-  /// deltaUpdateInterval or the tree was changed here since. Blocks for its pages, but never for another thread's
-  /// run: then what is known by now has to do. Without a cursor the run goes to the background.
+  /// deltaUpdateInterval or the tree was changed here since. Blocks for its pages, but never for another
+  /// thread's run: then what is known by now has to do. Without a cursor the run goes to the background.
   void loadDelta(NSErrorRef* error = nullptr);
-  /// Blocks until a run that began after this call has ended, also the first one, however recent the last one was.
+  /// Blocks until a run that began after this call has ended, also the first one, however recent the last one
+  /// was.
   void loadDeltaNow(NSErrorRef* error = nullptr);
-  /// The timer's poll: a run in the background, however recent the last one was, unless one is under way. Returns at
-  /// once.
+  /// The timer's poll: a run in the background, however recent the last one was, unless one is under way.
+  /// Returns at once.
   void pollOnTimer();
+  /// A run in the background that begins after this call, however recent the last one was. Returns at once.
+  void pollNow();
+
+  // While the account is watched, a request waits at the service for the next change and then calls pollNow
+  // (see LongPoll); off with KZV_LONG_POLL=0. Any thread; both return at once.
+  void setWatched(bool isWatched);
+  /// The machine slept or moved to another network: the waiting request is made again.
+  void noteLineInterrupted();
   /// Does nothing, on purpose: callers from before delta runs became cheap still ask for it. Runs start in
   /// loadDelta only.
   void deltaSmartUpdate() {}
@@ -174,11 +184,11 @@ class KZVDropboxFileManager final : public NSObject,
  private:
   /// The right to carry out a delta run, which ends when the last reference goes.
   struct DeltaRun;
+  class ChangeWatcher;
   using DeltaRunRef = std::shared_ptr<DeltaRun>;
   enum class RunWhen {
-    ifDue,    // by lastDeltaDate, and not too soon after a failure
-    onTimer,  // not too soon after a failure
-    now
+    ifDue,   // by lastDeltaDate, and not too soon after a failure
+    onTimer  // not too soon after a failure
   };
 
   // The three steps of every request, and the start between them.
@@ -204,7 +214,8 @@ class KZVDropboxFileManager final : public NSObject,
   /// Gets a request carried out and waits for its result.
   using Carry = std::function<id(std::function<void(DBRestClient&)>)>;
   MetadataRef fetchRecord(const std::string& path, const std::string& key, const Carry& carry);
-  /// The path of the folder that the item at `key` lies in, in the service's letter case, as far as it is known.
+  /// The path of the folder that the item at `key` lies in, in the service's letter case, as far as it is
+  /// known.
   std::optional<std::string> knownFolderPath(const std::string& key) const;
 
   /// Null when it is not the time for a run, or one is under way.
@@ -217,8 +228,13 @@ class KZVDropboxFileManager final : public NSObject,
   /// The cursor to ask from: the last one, or nothing to get a new one.
   std::optional<std::string> cursorToAskFrom() const;
   void noteDeltaRunFailed(const NSErrorRef& error);
+  /// Runs `step` on dropboxThread() if this object still lives then; does not wait.
+  void onServiceThread(std::function<void(KZVDropboxFileManager&)> step);
+  /// A delta run has ended with this cursor, or failed. REQUIRES dropboxThread().
+  void tellLongPoll(const std::optional<std::string>& cursor);
   /// Seconds between two delta runs, as the plug-in's start-up settled them.
   static double deltaInterval();
+  static bool isLongPollEnabled();
   /// Makes the next delta run due at once, also when one is under way: for calls that change the tree.
   void clearLastDeltaDate();
   std::optional<std::string> deltaCursor() const;
@@ -257,9 +273,14 @@ class KZVDropboxFileManager final : public NSObject,
       lastDeltaDate;                 // guarded by deltaStateMutex_: absent means run at the next chance
   bool isDateClearedInRun_ = false;  // guarded by deltaStateMutex_: since the present run began
   bool isDeltaRunUnderWay_ = false;  // guarded by deltaStateMutex_
+  bool isPollWanted_ = false;        // guarded by deltaStateMutex_: after the run under way
   std::uint64_t deltaRuns_ = 0;      // guarded by deltaStateMutex_: begun so far
   int failuresInARow_ = 0;           // guarded by deltaStateMutex_: of delta runs
   int failuresOfCursor_ = 0;         // guarded by deltaStateMutex_: those that may be the cursor's fault
   // guarded by deltaStateMutex_
   std::chrono::steady_clock::time_point earliestNextRun_{}, nextFailureLine_{};
+
+  // dropboxThread()'s own.
+  std::shared_ptr<ChangeWatcher> changeWatcher_;  // null until the account is watched
+  bool hasRunBroughtChanges_ = false;
 };

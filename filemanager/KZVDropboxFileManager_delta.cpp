@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -19,21 +20,22 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto failureLineInterval = 10min;
 
-/// How long to leave the service alone after so many failures in a row: longer each time, until the timer's own
-/// rhythm is slow enough, but never less than the service asks for.
+/// How long to leave the service alone after so many failures in a row: longer each time, until the timer's
+/// own rhythm is slow enough, but never less than the service asks for.
 Clock::duration waitAfterFailure(int failures, const NSError& error, double deltaInterval) {
   constexpr int doublings = 10;
   constexpr double timerTolerance = 0.9;  // the timer's next tick must not come just too early
   constexpr std::int64_t longestAsked = 3600;
-  const double growing = std::min(double(1 << std::min(failures - 1, doublings)), deltaInterval * timerTolerance);
+  const double growing =
+      std::min(double(1 << std::min(failures - 1, doublings)), deltaInterval * timerTolerance);
   const auto asked = as<NSNumber>(error.detail(DBErrorRetryAfterKey));
   const auto askedSeconds = asked ? std::clamp<std::int64_t>(asked->int64Value(), 0, longestAsked) : 0;
   const std::chrono::duration<double> wait(std::max(growing, static_cast<double>(askedSeconds)));
   return std::chrono::duration_cast<Clock::duration>(wait);
 }
 
-/// Whether another cursor might help: not where the connection, the account's authorization or the service's load
-/// is the reason.
+/// Whether another cursor might help: not where the connection, the account's authorization or the service's
+/// load is the reason.
 bool mayBeTheCursors(const NSError& error) {
   constexpr std::int64_t notAuthorized = 401;
   constexpr std::int64_t askedToWait = 503;
@@ -69,7 +71,8 @@ void KZVDropboxFileManager::loadDeltaNow(NSErrorRef* error) {
   const auto run = std::make_shared<DeltaRun>(shared_from_this());
   {
     std::unique_lock lock(deltaStateMutex_);
-    // The run under way may have asked the service before this call: the one after it counts, whoever makes it.
+    // The run under way may have asked the service before this call: the one after it counts, whoever makes
+    // it.
     const std::uint64_t wanted = deltaRuns_ + 1;
     deltaRunEnded_.wait(lock, [&] { return !isDeltaRunUnderWay_ || deltaRuns_ > wanted; });
     if (deltaRuns_ >= wanted) return;
@@ -82,12 +85,25 @@ void KZVDropboxFileManager::pollOnTimer() {
   if (DeltaRunRef run = beginDeltaRun(RunWhen::onTimer)) runDeltaInBackground(std::move(run));
 }
 
+void KZVDropboxFileManager::pollNow() {
+  auto run = std::make_shared<DeltaRun>(shared_from_this());
+  {
+    const std::lock_guard lock(deltaStateMutex_);
+    if (isDeltaRunUnderWay_) {
+      isPollWanted_ = true;  // it may have asked the service too early
+      return;
+    }
+    beginDeltaRunLocked(*run);
+  }
+  runDeltaInBackground(std::move(run));
+}
+
 KZVDropboxFileManager::DeltaRunRef KZVDropboxFileManager::beginDeltaRun(RunWhen when) {
   auto run = std::make_shared<DeltaRun>(shared_from_this());
   const std::lock_guard lock(deltaStateMutex_);
   if (isDeltaRunUnderWay_) return nullptr;
   if (when == RunWhen::ifDue && isDeltaRecentLocked()) return nullptr;
-  if (when != RunWhen::now && Clock::now() < earliestNextRun_) return nullptr;
+  if (Clock::now() < earliestNextRun_) return nullptr;
   beginDeltaRunLocked(*run);
   return run;
 }
@@ -99,11 +115,14 @@ void KZVDropboxFileManager::beginDeltaRunLocked(DeltaRun& run) {
 }
 
 void KZVDropboxFileManager::endDeltaRun() {
+  bool isAnotherWanted = false;
   {
     const std::lock_guard lock(deltaStateMutex_);
     isDeltaRunUnderWay_ = false;
+    isAnotherWanted = std::exchange(isPollWanted_, false);
   }
   deltaRunEnded_.notify_all();
+  if (isAnotherWanted) pollNow();
 }
 
 void KZVDropboxFileManager::runDelta(const DeltaRun& /*run*/, NSErrorRef* error) {
@@ -118,7 +137,8 @@ void KZVDropboxFileManager::runDelta(const DeltaRun& /*run*/, NSErrorRef* error)
   setError(error, reason);
 }
 
-// The run is claimed before it is queued, so that a pool whose workers are all busy does not fill up with polls.
+// The run is claimed before it is queued, so that a pool whose workers are all busy does not fill up with
+// polls.
 void KZVDropboxFileManager::runDeltaInBackground(DeltaRunRef run) {
   DispatchQueue::global().async(
       [self = shared_from_this(), run = std::move(run)] { self->runDelta(*run, nullptr); });
@@ -146,15 +166,18 @@ void KZVDropboxFileManager::noteDeltaRunFailed(const NSErrorRef& error) {
     const std::lock_guard lock(deltaStateMutex_);
     failures = ++failuresInARow_;
     earliestNextRun_ = now + waitAfterFailure(failures, *error, deltaInterval());
-    // When not even a new cursor can be had, it is the service that is in trouble: the old one gets another chance.
-    if (failuresOfCursor_ == maxFailuresOfCursor) failuresOfCursor_ = 0;
-    else if (lastDeltaCursor && mayBeTheCursors(*error)) ++failuresOfCursor_;
+    // When not even a new cursor can be had, it is the service that is in trouble: the old one gets another
+    // chance.
+    if (failuresOfCursor_ == maxFailuresOfCursor)
+      failuresOfCursor_ = 0;
+    else if (lastDeltaCursor && mayBeTheCursors(*error))
+      ++failuresOfCursor_;
     // One failure is no news, since most pass by themselves; after that a line now and then.
     isNews = failures > 1 && now >= nextFailureLine_;
     if (isNews) nextFailureLine_ = now + failureLineInterval;
   }
-  const std::string line = fmt::format("changes made elsewhere are not seen ({} failures in a row): {}", failures,
-                                       error->localizedDescription());
+  const std::string line = fmt::format("changes made elsewhere are not seen ({} failures in a row): {}",
+                                       failures, error->localizedDescription());
   isNews ? DLogWarning(line, "loadDelta") : DLog(line, "loadDelta");
 }
 
@@ -186,21 +209,24 @@ void KZVDropboxFileManager::loadedDeltaEntries(DBRestClient& client, const std::
   if (reset) applyReset(hadCursor, changes);
   for (const DBDeltaEntry& entry : entries) applyEntry(entry, hadCursor, changes);
   reportChanges(std::move(changes));
+  hasRunBroughtChanges_ |= reset || !entries.empty();
   if (hasMore) {
     client.loadDelta(cursor);
     return;
   }
   noteDeltaRunCompleted(cursor);
+  tellLongPoll(cursor);
   finish(client, str(cursor), nullptr);
 }
 
 void KZVDropboxFileManager::loadDeltaFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+  tellLongPoll(std::nullopt);
   finish(client, nullptr, error);  // cursor and date stay as they are
 }
 
 // What was known before the new cursor may have changed unseen: nothing of it is kept, neither here nor as
-// local copies, and what was shown of it has to be looked at again. Before the first cursor nothing was kept, but
-// something may have been shown.
+// local copies, and what was shown of it has to be looked at again. Before the first cursor nothing was kept,
+// but something may have been shown.
 void KZVDropboxFileManager::applyReset(bool hadCursor, Changes& changes) {
   bool wasShown = hadCursor;
   synced(*metaCache, [&] {

@@ -1,5 +1,5 @@
-// The one place where a file manager reaches up to the plug-in class: for the service thread and the time
-// between polls, and to report changes.
+// The one place where a file manager reaches up to the plug-in class: for the service thread and the settings
+// of polls, and to report changes.
 #include "filemanager/KZVDropboxFileManager.h"
 #include "foundation/DispatchQueue.h"
 #include "plugin/KZVDropboxFS.h"
@@ -8,6 +8,8 @@
 std::shared_ptr<NSThread> KZVDropboxFileManager::dropboxThread() { return dropboxOperationsThread().get(); }
 
 double KZVDropboxFileManager::deltaInterval() { return deltaUpdateInterval(); }
+
+bool KZVDropboxFileManager::isLongPollEnabled() { return longPollIsEnabled(); }
 
 void KZVDropboxFileManager::reportOwnChanges(Changes changes) {
   for (const std::string& file : changes.files) KZVDropboxFS::_changed_file(file, userId);

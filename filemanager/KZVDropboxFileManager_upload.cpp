@@ -29,7 +29,8 @@ Contents::const_iterator placeOf(const Contents& contents, const std::string& ke
       [](const auto& child, const std::string& wanted) { return MetadataCache::keyOf(*child) < wanted; });
 }
 
-/// A file's record as one of the children of the folder at `folderPath`, in whose letter case listings show it.
+/// A file's record as one of the children of the folder at `folderPath`, in whose letter case listings show
+/// it.
 MetadataCache::Record childOf(const std::string& folderPath, const MetadataCache::Record& file) {
   if (deletingLastPathComponent(file->path()) == folderPath) return file;
   DBMetadata::Fields fields;

@@ -48,9 +48,7 @@ std::string MetadataCache::keyOf(const DBMetadata& record) {
   return key.empty() ? "/" : key;
 }
 
-bool MetadataCache::startKeeping() {
-  return !std::exchange(keeps_, true) && lastFetch_ > 0;
-}
+bool MetadataCache::startKeeping() { return !std::exchange(keeps_, true) && lastFetch_ > 0; }
 
 MetadataCache::Record MetadataCache::find(std::string_view key) const {
   if (key == "/") return root_;

@@ -14,8 +14,8 @@
 /// can be dropped at the price of its folders. Also knows which fetches are under way, so that an answer that
 /// was overtaken by a change is not kept.
 ///
-/// Until startKeeping() nothing is kept at all: before the change feed has a cursor, nobody would learn that a
-/// record has changed.
+/// Until startKeeping() nothing is kept at all: before the change feed has a cursor, nobody would learn that
+/// a record has changed.
 ///
 /// Threads: every member REQUIRES synced(cache): the cache object is its own lock. Keys come from keyOf only.
 class MetadataCache final : public NSObject {
@@ -30,9 +30,9 @@ class MetadataCache final : public NSObject {
   /// The key of a record: the service's own lower-cased path, so that its change feed finds the entry again.
   static std::string keyOf(const DBMetadata& record);
 
-  /// Keeps what is stored and fetched from now on. Call it when the feed's first cursor is there; further calls do
-  /// nothing. True when something was fetched, or is being fetched, that could not be kept: whoever was shown it may
-  /// have missed a change.
+  /// Keeps what is stored and fetched from now on. Call it when the feed's first cursor is there; further
+  /// calls do nothing. True when something was fetched, or is being fetched, that could not be kept: whoever
+  /// was shown it may have missed a change.
   bool startKeeping();
   Record find(std::string_view key) const;
   void store(std::string_view key, Record record);
@@ -51,8 +51,8 @@ class MetadataCache final : public NSObject {
 
   /// Notes that `key` is being asked for.
   Fetch beginFetch(std::string_view key);
-  /// Ends the fetch; false when its path was invalidated meanwhile, or when it began before startKeeping(): the
-  /// answer may be given, but not kept.
+  /// Ends the fetch; false when its path was invalidated meanwhile, or when it began before startKeeping():
+  /// the answer may be given, but not kept.
   bool endFetch(Fetch fetch);
 
  private:

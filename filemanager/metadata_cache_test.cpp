@@ -111,7 +111,8 @@ TEST_F(MetadataCacheTest, AListingThatCameToTheAddressOfAFreedOneHasNotBeenEnter
     fields.path = "/a";
     fields.isDirectory = true;
     fields.contents = std::make_shared<DBMetadata::Contents>();
-    return MetadataCache::Record(new (place) DBMetadata(fields), [](const DBMetadata* gone) { gone->~DBMetadata(); });
+    return MetadataCache::Record(new (place) DBMetadata(fields),
+                                 [](const DBMetadata* gone) { gone->~DBMetadata(); });
   };
   auto listing = listingAtPlace();
   cache.store("/a", listing);

@@ -1,29 +1,64 @@
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <ctime>
 
 #include "core/KZVCoreObj.h"
 #include "foundation/DispatchQueue.h"
 #include "foundation/Unicode.h"
 #include "plugin/KZVDropboxFS.h"
 
+namespace {
+
+/// Whether the machine slept since the last call: then the clock that counts its sleep has gained on the one
+/// that does not (clock_gettime(2)).
+bool hasSlept() {
+  using std::chrono::nanoseconds, std::chrono::seconds;
+  const auto read = [](clockid_t clock) {
+    timespec time{};
+    ::clock_gettime(clock, &time);
+    return seconds(time.tv_sec) + nanoseconds(time.tv_nsec);
+  };
+  static std::atomic<nanoseconds> lastSlept{read(CLOCK_BOOTTIME) - read(CLOCK_MONOTONIC)};
+  const nanoseconds slept = read(CLOCK_BOOTTIME) - read(CLOCK_MONOTONIC);
+  constexpr seconds shortestSleep{5};
+  return slept - lastSlept.exchange(slept) >= shortestSleep;
+}
+
+}  // namespace
+
 void KZVDropboxFS::startWatchFolder(const std::shared_ptr<FSItem>& item) {
   if (!item->isWatchable()) return;
   _watchedFolders.update([&](FSItems& items) { items.push_back(item); });
+  requiredManager().setWatched(true);
 }
 
 void KZVDropboxFS::stopWatchFolder(const std::shared_ptr<FSItem>& item) {
   if (!item->isWatchable()) return;
-  _watchedFolders.update([&](FSItems& items) { std::erase(items, item); });
+  const bool isAnyLeft = _watchedFolders.update([&](FSItems& items) {
+    std::erase(items, item);
+    return !items.empty();
+  });
+  if (!isAnyLeft) requiredManager().setWatched(false);
 }
 
 bool KZVDropboxFS::isWatching(const FSItem& item) {
   return _watchedFolders.update([&](const FSItems& items) {
-    return std::any_of(items.begin(), items.end(), [&](const auto& watched) { return watched.get() == &item; });
+    return std::any_of(items.begin(), items.end(),
+                       [&](const auto& watched) { return watched.get() == &item; });
   });
 }
 
 void KZVDropboxFS::pollForChanges() { requiredManager().loadDeltaNow(); }
 
+void KZVDropboxFS::noteLineInterrupted() {
+  for (const auto& plugin : KZVCoreObj::shared().attachedPlugins()) {
+    if (const auto instance = as<KZVDropboxFS>(plugin)) instance->requiredManager().noteLineInterrupted();
+  }
+}
+
 void KZVDropboxFS::dbTimerIntervalExpired(NSTimer& /*timer*/) {
+  if (hasSlept()) noteLineInterrupted();
   for (const auto& plugin : KZVCoreObj::shared().attachedPlugins()) {
     const auto instance = as<KZVDropboxFS>(plugin);
     if (!instance) continue;
@@ -45,8 +80,8 @@ void KZVDropboxFS::_changed_folder(const std::string& path, const std::string& u
       if (!canonicallyDecomposed(MetadataCache::keyOf(item->path())).starts_with(changed)) continue;
       if (!item->changeCallback()) continue;
       item->prepareForChange();
-      // Whether it is still watched is asked when the callback's turn comes: a host that has stopped watching, on
-      // the main queue's thread, must not be called any more.
+      // Whether it is still watched is asked when the callback's turn comes: a host that has stopped
+      // watching, on the main queue's thread, must not be called any more.
       DispatchQueue::main().async([watcher = std::weak_ptr(instance), item] {
         const auto watching = watcher.lock();
         const auto callback = item->changeCallback();

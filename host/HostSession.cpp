@@ -189,6 +189,11 @@ std::shared_ptr<FSPlugin> HostSession::openVolume(const std::optional<std::strin
   if (volume) {
     KZVCoreObj::shared().attach(volume);
     volumes_.emplace(volumeId_, volume);
+    if (watchesVolumes_) {
+      auto root = std::make_shared<FSItem>("/", volume);
+      root->setIsDirectory(true);
+      volume->startWatchFolder(root);  // until it is detached
+    }
   } else {
     setError(error, reasonForNothing());
   }

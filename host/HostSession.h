@@ -56,6 +56,9 @@ class HostSession {
   std::shared_ptr<FSPlugin> openVolume(const std::optional<std::string>& wanted, NSErrorRef* error);
   /// Whether the account of the volume that was opened last is still linked. Does not wait.
   bool isVolumeLinked() const;
+  /// Watches the root of each volume that is opened from now on, for as long as it is open: what its cache
+  /// holds then follows other devices within seconds. For whoever goes on using volumes.
+  void watchVolumes() { watchesVolumes_ = true; }
   /// Why an operation gave neither a result nor an error: the account is gone, or else the item.
   NSErrorRef reasonForNothing();
   /// Lets the volumes go, waits (bounded) for work begun in the background when an account was unlinked, and
@@ -75,6 +78,7 @@ class HostSession {
   std::map<std::string, std::shared_ptr<FSPlugin>> volumes_;  // by the account's id
   std::string volumeId_;                                      // of the volume opened last
   bool hasUnlinked_ = false;
+  bool watchesVolumes_ = false;
 
   std::mutex mutex_;
   std::condition_variable refreshed_;

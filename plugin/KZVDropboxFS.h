@@ -23,8 +23,8 @@ class KZVDropboxFS final : public FSPlugin {
  public:
   // --- Start-up and service thread (plugin/KZVDropboxFS_startup.cpp)
 
-  /// Builds everything that instances rest on; before anything else. Further calls do nothing. Blocks until the
-  /// service thread has come up.
+  /// Builds everything that instances rest on; before anything else. Further calls do nothing. Blocks until
+  /// the service thread has come up.
   static void initialize();
   /// The service thread's body; never returns.
   static void dbThreadRunLoop();
@@ -157,6 +157,9 @@ class KZVDropboxFS final : public FSPlugin {
   /// The service thread's timer: one poll of the change feed for every attached instance. Does not wait for
   /// them.
   static void dbTimerIntervalExpired(NSTimer& timer);
+  /// The machine slept or moved to another network: requests that wait at the service for a change are made
+  /// again.
+  static void noteLineInterrupted();
   /// Drops the local copies of a changed file in every instance of the account. Path in lower case.
   static void _changed_file(const std::string& path, const std::string& userId);
   /// Tells the account's watchers at and below `path` (in lower case), on the main queue.

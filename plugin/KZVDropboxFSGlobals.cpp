@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <string_view>
 
 #include "sdk/ServiceHosts.h"
 
@@ -79,6 +80,14 @@ Guarded<std::shared_ptr<Reachability>>& KZVDropboxReachability() {
 Guarded<std::shared_ptr<NSThread>>& dropboxOperationsThread() {
   static auto& thread = *new Guarded<std::shared_ptr<NSThread>>;
   return thread;
+}
+
+bool longPollIsEnabled() {
+  static const bool isEnabled = [] {
+    const char* chosen = fromEnvironment("KZV_LONG_POLL");
+    return !chosen || std::string_view(chosen) != "0";
+  }();
+  return isEnabled;
 }
 
 double deltaUpdateInterval() {

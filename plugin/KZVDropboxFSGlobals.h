@@ -47,3 +47,6 @@ Guarded<std::shared_ptr<NSThread>>& dropboxOperationsThread();
 /// Seconds between two polls of the change feed: 30, or KZV_POLL_SECONDS (at least 0.05) for those who want
 /// it otherwise.
 double deltaUpdateInterval();
+/// Whether a request may wait at the service for the next change of a watched account. KZV_LONG_POLL=0 says
+/// no.
+bool longPollIsEnabled();

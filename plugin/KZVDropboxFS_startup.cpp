@@ -118,7 +118,10 @@ void KZVDropboxFS::dbThreadRunLoop() {
   }
 }
 
-void KZVDropboxFS::reachabilityChanged(const NSNotification& /*notification*/) { updateList(); }
+void KZVDropboxFS::reachabilityChanged(const NSNotification& /*notification*/) {
+  updateList();
+  noteLineInterrupted();
+}
 
 void KZVDropboxFS::updateList() {
   KZVDropboxQueue().async([] { refreshUserList(); });

@@ -39,9 +39,9 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   /// are asked for together, unless the caller expects that there is no folder: one request less where that
   /// is so, one round trip more where it is not.
   /// Records come with the service's own letter case.
-  /// @param folder  the path of the folder that the item lies in, where the service's case of it is known. Else, and
-  /// where the service shows another one than `path` has, the folders above are asked for their names, since the
-  /// service promises no more than the case of an item's own name.
+  /// @param folder  the path of the folder that the item lies in, where the service's case of it is known.
+  /// Else, and where the service shows another one than `path` has, the folders above are asked for their
+  /// names, since the service promises no more than the case of an item's own name.
   enum class Expect { anything, noFolder };
   void loadMetadata(const std::string& path, Expect expected = Expect::anything,
                     const std::optional<std::string>& folder = std::nullopt);
@@ -49,9 +49,9 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   /// Never repeated by itself: whoever polls decides when to ask again.
   void loadDelta(const std::optional<std::string>& cursor);
   /// Waits at the service until something changes after `cursor` (list_folder/longpoll). Ends with
-  /// waitedForChanges, also when nothing has changed for `limit` (30 to 480 s) and the up to 90 s that the service
-  /// adds, or with waitForChangesFailedWithError; a lost cursor counts as a change. Silence is no error here before
-  /// `limit` and 100 s more have passed. Never repeated by itself.
+  /// waitedForChanges, also when nothing has changed for `limit` (30 to 480 s) and the up to 90 s that the
+  /// service adds, or with waitForChangesFailedWithError; a lost cursor counts as a change. Silence is no
+  /// error here before `limit` and 100 s more have passed. Never repeated by itself.
   void waitForChanges(const std::string& cursor, std::chrono::seconds limit);
   void loadAccountInfo();
   /// Links the account that `token` belongs to: a bare access token, or the service's token answer as a JSON

@@ -29,9 +29,10 @@ class DBRestClientDelegate {
   virtual void loadedDeltaEntries(DBRestClient& /*client*/, const std::vector<DBDeltaEntry>& /*entries*/,
                                   bool /*reset*/, const std::string& /*cursor*/, bool /*hasMore*/) {}
   virtual void loadDeltaFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
-  /// `changes`: there is something for loadDelta to load. `backoff`: how long the service wants to be left alone
-  /// before the next waitForChanges.
-  virtual void waitedForChanges(DBRestClient& /*client*/, bool /*changes*/, std::chrono::seconds /*backoff*/) {}
+  /// `changes`: there is something for loadDelta to load. `backoff`: how long the service wants to be left
+  /// alone before the next waitForChanges.
+  virtual void waitedForChanges(DBRestClient& /*client*/, bool /*changes*/,
+                                std::chrono::seconds /*backoff*/) {}
   virtual void waitForChangesFailedWithError(DBRestClient& /*client*/, const NSErrorRef& /*error*/) {}
 
   virtual void loadedAccountInfo(DBRestClient& /*client*/, const std::shared_ptr<DBAccountInfo>& /*info*/) {}

@@ -83,8 +83,8 @@ class ChangeWait : public std::enable_shared_from_this<ChangeWait> {
 
   void start(const std::string& cursor, std::chrono::seconds limit) {
     constexpr auto serviceAndNetwork = 100s;  // the service adds up to 90 s of its own
-    ServiceRequest request = rpcRequest("files/list_folder/longpoll",
-                                        {{"cursor", cursor}, {"timeout", limit.count()}}, about_);
+    ServiceRequest request =
+        rpcRequest("files/list_folder/longpoll", {{"cursor", cursor}, {"timeout", limit.count()}}, about_);
     request.style = ServiceRequest::Style::notify;
     request.timeLimit = limit + serviceAndNetwork;
     client_->sendFor(operation_, {}, std::move(request),

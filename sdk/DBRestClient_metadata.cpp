@@ -97,10 +97,12 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
   void receivedFolder(const std::string& path, const ServiceAnswer& answer) {
     const auto document = answer.error ? nullptr : Document::parse(answer.response.body);
     const auto folder = document ? RecordReader().record(document->root(), nullptr) : nullptr;
-    folderNames_[path] = folder ? folder->filename() : lastPathComponent(path);  // gone just now, or not for us
+    folderNames_[path] =
+        folder ? folder->filename() : lastPathComponent(path);  // gone just now, or not for us
     if (--unnamedFolders_ > 0) return;
     std::string known = "/";
-    for (const auto& [asked, name] : folderNames_) known = appendingPathComponent(known, name);  // outermost first
+    for (const auto& [asked, name] : folderNames_)
+      known = appendingPathComponent(known, name);  // outermost first
     const auto shared = std::make_shared<const std::string>(std::move(known));
     useRecord(RecordReader().record(record_->root(), shared));
   }
@@ -193,8 +195,8 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
   const std::optional<std::string> servicePath_;
   const DBRestClient::Expect expected_;
   const std::shared_ptr<const std::string> folder_;  // null: not known
-  std::shared_ptr<const Document> record_;         // the answer, while the names of folders are asked for
-  std::map<std::string, std::string> folderNames_;  // by the path as asked, each above those it is part of
+  std::shared_ptr<const Document> record_;           // the answer, while the names of folders are asked for
+  std::map<std::string, std::string> folderNames_;   // by the path as asked, each above those it is part of
   std::size_t unnamedFolders_ = 0;
   DBMetadata::Fields fields_;              // the folder's own record, as far as it is known
   std::optional<ListingBuilder> listing_;  // set once the item is known to be a folder

@@ -50,8 +50,8 @@ json::object commitArgument(const std::string& target, const std::optional<std::
   return commit;
 }
 
-/// The record of a stored file. Its name is the service's choice: a file that would have replaced another version
-/// is stored beside it.
+/// The record of a stored file. Its name is the service's choice: a file that would have replaced another
+/// version is stored beside it.
 RecordRef storedRecord(const json::object& metadata) {
   return RecordReader().record(metadata, nullptr, RecordReader::Kind::file);
 }

@@ -319,9 +319,10 @@ void NetworkThread::Loop::configure(CURL* easy, HttpTransfer& transfer) {
   // A request with a limit of its own may be silent until then.
   curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, request.timeLimit ? 0L : silenceTimeoutSeconds.load());
   const bool isSmall = !request.source && !request.sink;
-  const long limitMs = request.timeLimit ? static_cast<long>(std::chrono::milliseconds(*request.timeLimit).count())
-                       : isSmall         ? smallRequestTimeoutMs.load()
-                                         : 0L;
+  const long limitMs = request.timeLimit
+                           ? static_cast<long>(std::chrono::milliseconds(*request.timeLimit).count())
+                       : isSmall ? smallRequestTimeoutMs.load()
+                                 : 0L;
   curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, limitMs);
   // Plain HTTP is a server on this machine: no proxy, no compression, nothing to wait for before a second
   // connection is opened.

@@ -25,9 +25,9 @@ class RecordReader {
                    Kind kind = Kind::byTag);
   bool isUnderstood() const noexcept { return understood_; }
 
-  /// One page of changes. Kinds that we do not know are left out. An entry that cannot be read must not hold up
-  /// those after it: one with a path is given without a record, so that what is known of the path is dropped; one
-  /// without a path of the account is left out.
+  /// One page of changes. Kinds that we do not know are left out. An entry that cannot be read must not hold
+  /// up those after it: one with a path is given without a record, so that what is known of the path is
+  /// dropped; one without a path of the account is left out.
   /// @param unreadable  grows by the number of entries that could not be read.
   std::vector<DBDeltaEntry> deltaEntries(const boost::json::array& entries, std::size_t& unreadable);
 

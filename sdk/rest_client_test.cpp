@@ -98,7 +98,8 @@ TEST_F(RestClient, PathsComeInTheServicesLetterCaseWhateverWasTyped) {
     if (request.route == metadataRoute && asks("\"/A/x\"")) return jsonReply(folderJson("/a/X"));
     if (request.route == metadataRoute && asks("\"/gone\"")) return errorReply(409, {"path", "not_found"});
     // The folders above an item are shown in lower case, which is the service's right.
-    if (request.route == metadataRoute) return jsonReply(folderJson(asks("gone") ? "/GONE/DOCS" : "/a/x/DOCS"));
+    if (request.route == metadataRoute)
+      return jsonReply(folderJson(asks("gone") ? "/GONE/DOCS" : "/a/x/DOCS"));
     if (request.route == continueRoute) return jsonReply(pageJson(fileJson("/X/docs/a.txt"), "c2"));
     return jsonReply(pageJson(folderJson("/x/docs/Zoo") + "," + fileJson("/x/docs/B.txt"), "c1", true));
   });
@@ -686,7 +687,8 @@ TEST_F(RestClient, DeltaBeginsWithTheNewestCursorAndStartsAgainWhenItIsLost) {
   EXPECT_EQ(delta(std::nullopt), "delta reset new");
   EXPECT_EQ(delta("c1"), "delta +/docs/a.txt=/Docs/A.txt +/docs=/Docs -/b more c2");
   EXPECT_EQ(delta("lost"), "delta reset new");
-  EXPECT_EQ(delta("broken"), "delta +/ok=/ok -/no/tag -/s c1") << "what cannot be read is dropped from the cache";
+  EXPECT_EQ(delta("broken"), "delta +/ok=/ok -/no/tag -/s c1")
+      << "what cannot be read is dropped from the cache";
   const int before = server->count(continueRoute);
   EXPECT_EQ(delta("busy"), "error 503");
   EXPECT_EQ(server->count(continueRoute), before + 1) << "whoever polls decides when to ask again";

@@ -6,11 +6,12 @@
 #include "foundation/NSString.h"
 #include "plugin/KZVDropboxFSClass.h"
 
-PluginTest::PluginTest(const char* pollSeconds) {
+PluginTest::PluginTest(const char* pollSeconds, const char* longPoll) {
   setenv("KZV_HOME", home.path().c_str(), 1);
   setenv("KZV_TOKEN_STORE", "file", 1);
   setenv("KZV_SERVICE_URL", standIn.url().c_str(), 1);
   setenv("KZV_POLL_SECONDS", pollSeconds, 1);
+  setenv("KZV_LONG_POLL", longPoll, 1);
   KZVDropboxFSClass::shared().initialize();
   ada = open("ada-token");
   settle(*ada);

@@ -19,7 +19,8 @@ class PluginTest : public testing::Test {
 
   /// @param pollSeconds  how often the change feed is asked; the default is so long that only an explicit
   /// poll counts.
-  explicit PluginTest(const char* pollSeconds = "3600");
+  /// @param longPoll  "1": a request waits at the service while something is watched.
+  explicit PluginTest(const char* pollSeconds = "3600", const char* longPoll = "0");
   ~PluginTest() override;
 
   /// Links the account that the stand-in knows by `token` and opens it; fails the test when that does not

@@ -14,6 +14,12 @@ using namespace std::chrono_literals;
 
 namespace {
 
+/// The timer never polls, so that only a long poll can tell of a change.
+class LongPollingTest : public PluginTest {
+ protected:
+  LongPollingTest() : PluginTest("3600", "1") {}
+};
+
 /// Polls so often that every listing runs one.
 class ChangesTest : public PluginTest {
  protected:
@@ -29,6 +35,17 @@ class ChangesTest : public PluginTest {
       std::this_thread::yield();
     }
     return listedTree(*ada);
+  }
+  /// Lets `change` happen in an account that Ada's volume sees only afterwards, so that watchers hear nothing
+  /// of it.
+  template <class Change>
+  void before(Change change) {
+    KZVCoreObj::shared().detach(*ada);
+    settle(*ada);  // its last poll has ended
+    change();
+    ada = std::make_shared<KZVDropboxFS>(nullptr, ada->options());
+    KZVCoreObj::shared().attach(ada);
+    settle(*ada);
   }
   /// Until the list of accounts has those just linked: it redraws their panels when it does.
   static void awaitAccountList() {
@@ -108,12 +125,11 @@ TEST_F(ChangesTest, AResetOfTheCursorLosesNothingAndRedrawsEveryPanel) {
 }
 
 TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
-  standIn.write("/Photos/2014/a.jpg", "one");
-  standIn.write("/PhotosOld/a.jpg", "one");
-  standIn.write("/Ünï/a.jpg", "one");
-  standIn.write("/ΟΔΟΣ/a.jpg", "one");
+  before([&] {
+    for (const char* path : {"/Photos/2014/a.jpg", "/PhotosOld/a.jpg", "/Ünï/a.jpg", "/ΟΔΟΣ/a.jpg"})
+      standIn.write(path, "one");
+  });
   awaitAccountList();
-  settle(*ada);
   std::map<std::string, int> told;
   std::vector<std::shared_ptr<FSItem>> watched;
   for (const char* path :
@@ -164,14 +180,12 @@ TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
 }
 
 TEST_F(ChangesTest, PollsThatFailLoseNothing) {
-  standIn.write("/Docs/a.txt", "one");
-  settle(*ada);
+  before([&] { standIn.write("/Docs/a.txt", "one"); });
   const auto folder = std::make_shared<FSItem>("/Docs", ada);
   folder->setIsDirectory(true);
   folder->setChangeCallback([](const auto&) { NSRunLoop::mainRunLoop()->stop(); });
   ada->startWatchFolder(folder);
-  standIn.fault(
-      {{"route", "files/list_folder/continue"}, {"times", 2}, {"status", 500}});
+  standIn.fault({{"route", "files/list_folder/continue"}, {"times", 2}, {"status", 500}});
   while (standIn.faultHits() == 0) std::this_thread::yield();  // a poll that had left before sees the change
   standIn.write("/Docs/b.txt", "two");
   EXPECT_TRUE(NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 30s));
@@ -195,7 +209,8 @@ TEST_F(ChangesTest, NobodyWaitsForTheFirstCursor) {
   standIn.fault({{"route", "files/list_folder/get_latest_cursor"}, {"times", 0}, {"stall_after", 0}});
   const bool areThere = bounded([&] {
     bool areAll = fresh->contentAtPath("/Docs", false, true, nullptr).has_value();
-    for (int round = 0; round < 30; ++round) areAll &= fresh->attributesAtPath("/Docs/a.txt", nullptr) != nullptr;
+    for (int round = 0; round < 30; ++round)
+      areAll &= fresh->attributesAtPath("/Docs/a.txt", nullptr) != nullptr;
     return areAll;
   });
   EXPECT_TRUE(areThere);
@@ -208,7 +223,9 @@ TEST_F(ChangesTest, WhatWasShownBeforeTheFirstCursorIsNotKeptAndIsRedrawnWhenItC
   KZVCoreObj::shared().attach(late);
   awaitAccountList();
   standIn.fault({{"route", "files/list_folder/get_latest_cursor"}, {"times", 0}, {"status", 500}});
-  const auto names = [&] { return treeOf(*bounded([&] { return late->contentAtPath("/Docs", true, true, nullptr); })); };
+  const auto names = [&] {
+    return treeOf(*bounded([&] { return late->contentAtPath("/Docs", true, true, nullptr); }));
+  };
   EXPECT_EQ(names().count("/Docs/b.txt"), 1U);
   standIn.remove("/Docs/b.txt");
   EXPECT_EQ(names().count("/Docs/b.txt"), 0U);
@@ -257,17 +274,20 @@ TEST_F(ChangesTest, NoCallbackRunsOnceTheMainThreadHasStoppedWatching) {
   for (const auto& item : watched) ada->startWatchFolder(item);
   standIn.write("/top", "changes the root, so both");
   const auto deadline = std::chrono::steady_clock::now() + 20s;
-  while (!watched[1]->takeChangeMark() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  while (!watched[1]->takeChangeMark() && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
   ada->stopWatchFolder(watched[0]);  // its callback has been queued before the other's
   NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 20s);
   EXPECT_EQ(told, (std::map<std::string, int>{{"/b", 1}}));
 }
 
 TEST_F(PluginTest, EachTickOfTheTimerPollsHoweverRecentTheLastPollWas) {
-  NSTimer timer(1s, [](NSTimer&) {}, false);
+  NSTimer timer(
+      1s, [](NSTimer&) {}, false);
   standIn.forgetRequests();
   int polls = 0;
-  for (const auto end = std::chrono::steady_clock::now() + 20s; polls < 3 && std::chrono::steady_clock::now() < end;) {
+  for (const auto end = std::chrono::steady_clock::now() + 20s;
+       polls < 3 && std::chrono::steady_clock::now() < end;) {
     KZVDropboxFS::dbTimerIntervalExpired(timer);
     polls += standIn.requests()["files/list_folder/continue"];
   }
@@ -327,5 +347,26 @@ TEST_F(ChangesTest, NoListingStaysStaleWhateverTheOrderOfCursorListingAndChange)
     EXPECT_EQ(eventually(expected), expected);
     std::swap(ada, fresh);
     standIn.clearFaults();
+  }
+}
+
+TEST_F(LongPollingTest, AWatcherHearsOfChangesLongBeforeTheTimer) {
+  standIn.write("/Docs/0", "0");
+  const auto folder = std::make_shared<FSItem>("/Docs", ada);
+  folder->setIsDirectory(true);
+  folder->setChangeCallback([](const auto&) { NSRunLoop::mainRunLoop()->stop(); });
+  ada->startWatchFolder(folder);
+  // The second change finds the request of the next round, the third one that was made after a lost answer.
+  for (const char* name : {"/Docs/1", "/Docs/2", "/Docs/3"}) {
+    if (std::string_view(name) == "/Docs/3")
+      standIn.fault({{"route", "files/list_folder/longpoll"}, {"drop_answer", true}});
+    standIn.write(name, "1");
+    const auto isListed = [&] {
+      return treeOf(*bounded([&] { return ada->contentAtPath("/Docs", false, true, nullptr); }))
+          .contains(name);
+    };
+    // The first call may be about what was there before.
+    while (!isListed())
+      ASSERT_TRUE(NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 20s)) << name;
   }
 }

@@ -3,6 +3,7 @@
 
 #include "core/FSError.h"
 #include "foundation/NSFileManager.h"
+#include "foundation/NSString.h"
 #include "plugin/KZVDropboxFSClass.h"
 #include "plugin/KZVDropboxFSGlobals.h"
 #include "sdk/DBError.h"
@@ -156,12 +157,16 @@ TEST_F(FailuresTest, ARevokedTokenUnlinksTheAccountAndSaysSo) {
 
 TEST_F(FailuresTest, WithoutTheServiceACallFailsAtOnceAndWorksAgainLater) {
   settle(*ada);
-  setenv("KZV_SERVICE_URL", "http://127.0.0.1:9", 1);  // nobody listens on the discard port
+  auto ending = std::make_unique<StandIn>();
+  setenv("KZV_SERVICE_URL", ending->url().c_str(), 1);
   const auto session =
       std::make_shared<DBSession>(KZVDropboxFSAppKey(), KZVDropboxFSAppSecret(), kDBRootDropbox);
   const auto reachable = DBSession::sharedSession();
   DBSession::setSharedSession(session);
-  auto cutOff = std::make_shared<KZVDropboxFS>(nullptr, ada->options());
+  const auto userId = KZVDropboxFSClass::shared().linkAccountWithToken("ada-token", nullptr);
+  ASSERT_TRUE(userId);
+  ending.reset();  // nobody listens on its port any more
+  auto cutOff = std::make_shared<KZVDropboxFS>(nullptr, str(*userId));
   NSErrorRef error;
   EXPECT_FALSE(bounded([&] { return cutOff->contentAtPath("/", false, true, &error); }));
   ASSERT_NE(error, nullptr);

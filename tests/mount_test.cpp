@@ -728,7 +728,8 @@ TEST_F(MountTest, CostsNoMoreRequestsThanTheServiceNeeds) {
        2},
       {"a name that is not there", [&] { return !fs::exists(root / "d/none"); }, 0},
   };
-  // What is listed before the change feed has a cursor is listed again: a change that shows says that this is over.
+  // What is listed before the change feed has a cursor is listed again: a change that shows says that this is
+  // over.
   EXPECT_TRUE(fs::exists(root / "d/small"));
   standIn.write("/d/marker", "1");
   EXPECT_TRUE(soon([&] { return fs::exists(root / "d/marker"); }));

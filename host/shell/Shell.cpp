@@ -68,6 +68,7 @@ Shell::Shell(VerbContext& context) : context_(context) {}
 Shell::~Shell() = default;
 
 void Shell::run() {
+  context_.session.watchVolumes();
   if (!selectFirstAccount()) return;
   isInteractive() ? converse() : runScript();
 }
