@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "sdk/DBRestClient.h"
+#include "sdk/PageSequence.h"
 #include "sdk/ServiceCall.h"
 #include "sdk/SignIn.h"
 #include "sdk/UploadSessions.h"
@@ -67,6 +68,13 @@ class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Imp
   void withdrawLinking();
 
   UploadSessions uploads;  // the thread of the callbacks only
+
+  /// The pages of the change feed, one call of loadDelta each, as far as one leads to the next. The thread of
+  /// the callbacks only.
+  struct DeltaPages {
+    std::string promised;  // the cursor that the last page led to
+    PageSequence pages{servicelimits::changesAtOnce};
+  } delta;
 
   /// The sign-in under way, or null.
   std::shared_ptr<SignIn> signIn() const;

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include "foundation/NSLog.h"
+#include "sdk/DBError.h"
 #include "sdk/DBRestClientImpl.h"
 #include "sdk/RecordReader.h"
 #include "sdk/ServiceJson.h"
@@ -29,6 +30,7 @@ class DeltaLoad : public std::enable_shared_from_this<DeltaLoad> {
   }
 
   void askForChanges(const std::string& cursor) {
+    if (cursor != client_->delta.promised) client_->delta = {};  // a new run
     client_->send(operation_, rpcRequest("files/list_folder/continue", {{"cursor", cursor}}, about_),
                   [self = shared_from_this()](ServiceAnswer& answer) { self->receivedChanges(answer); });
   }
@@ -49,10 +51,15 @@ class DeltaLoad : public std::enable_shared_from_this<DeltaLoad> {
     const auto cursor = page ? servicejson::text(page->root(), "cursor") : std::nullopt;
     const auto hasMore = page ? servicejson::boolean(page->root(), "has_more") : std::nullopt;
     if (!entries || !cursor || !hasMore) return failInvalid(answer.response);
+    if (const char* problem = client_->delta.pages.problemWith(entries->size(), *hasMore, *cursor)) {
+      client_->delta = {};
+      return fail({{}, requestError(DBErrorInvalidResponse, problem, about_), {}});
+    }
     std::size_t unreadable = 0;
     const auto changes = RecordReader().deltaEntries(*entries, unreadable);
     if (unreadable > 0)
       NSLog(NSLogLevel::warning, "loadDelta", fmt::format("{} changes could not be read", unreadable));
+    client_->delta.promised = *hasMore ? std::string(*cursor) : std::string();
     finish(changes, false, std::string(*cursor), *hasMore);
   }
 

@@ -15,7 +15,7 @@ class PageSequence {
   /// @return null, or what is wrong with the list, in words that follow "Could not load ...: ".
   const char* problemWith(std::size_t entries, bool hasMore, std::string_view cursor) {
     entries_ += entries;
-    if (entries_ > maxEntries_) return "the service lists more entries than a folder can have";
+    if (entries_ > maxEntries_) return "the service lists more entries than there can be";
     if (!hasMore) return nullptr;
     emptyPages_ = entries == 0 ? emptyPages_ + 1 : 0;
     if (cursor.empty() || cursor == lastCursor_ || emptyPages_ > servicelimits::emptyPages)

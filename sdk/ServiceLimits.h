@@ -21,6 +21,9 @@ inline constexpr std::size_t parsedBytes = 128UL * 1024 * 1024;
 /// Entries of one folder. The largest folders known have some 100,000; a million takes about 500 MB.
 inline constexpr std::size_t folderEntries = 1'000'000;
 
+/// Changes that one run of the change feed brings; a run that was cut off goes on at the next poll.
+inline constexpr std::size_t changesAtOnce = 10'000'000;
+
 /// Consecutive pages without an entry that nevertheless promise more. The service leaves out what the caller
 /// may not see, so a few are honest.
 inline constexpr std::size_t emptyPages = 100;

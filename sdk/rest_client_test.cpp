@@ -300,6 +300,13 @@ TEST_F(RestClient, AListingThatDoesNotEndBecomesAnError) {
     EXPECT_NE(delegate.lastError()->localizedDescription().find("does not end"), std::string::npos);
     EXPECT_LE(pages, c.pages);
   }
+  // The change feed, which its user follows page by page.
+  pages = 0;
+  current = &cases[0];
+  std::string line;
+  for (int page = 0; page < 10 && !line.starts_with("error"); ++page)
+    line = outcome([](DBRestClient& own) { own.loadDelta("c"); });
+  EXPECT_EQ(line, "error 101");
   PageSequence large(3);
   EXPECT_EQ(large.problemWith(3, true, "a"), nullptr);
   EXPECT_NE(large.problemWith(1, false, "b"), nullptr) << "more entries than are accepted";
