@@ -41,7 +41,7 @@ TEST(Record, KeepsWhatItWasBuiltFrom) {
   }
 }
 
-// A million of them are cached.
+// A million of them are cached. The bound holds a name of 38 bytes and the item's id (22).
 TEST(Record, IsSmall) {
   constexpr std::size_t number = 10'000;
   const auto folder = std::make_shared<const std::string>("/Some folder with a name/and one more below it");
@@ -59,7 +59,7 @@ TEST(Record, IsSmall) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "the sanitizers' own allocator does not count here";
 #endif
-  EXPECT_LT((::mallinfo2().uordblks - before) / number, 250U);
+  EXPECT_LT((::mallinfo2().uordblks - before) / number, 264U);
 }
 
 std::shared_ptr<const DBMetadata> read(const std::string& json, const char* folder, bool* understood) {
