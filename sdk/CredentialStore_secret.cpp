@@ -101,7 +101,7 @@ bool answersTrue(GDBusConnection* bus, Call& call, const char* method, GVariant*
   return result;
 }
 
-/// Whether this session has a secret service, running or to be started on demand (D-Bus Specification,
+/// Whether this session has a secret service, running or to be started on demand (D-Bus,
 /// "Message Bus Messages"). Without one a failed call says nothing about stored accounts.
 bool hasSecretService(Call& call) {
   GError* error = nullptr;
