@@ -559,13 +559,13 @@ void onWrite(fuse_req_t request, fuse_ino_t node, fuse_bufvec* from, off_t offse
       count = fuse_buf_copy(&target, from, static_cast<fuse_buf_copy_flags>(0));
       return count < 0 ? static_cast<int>(-count) : 0;
     };
-    const auto& file = handleOf<OpenFile>(info);
+    auto& file = handleOf<OpenFile>(info);
+    const bool isUncached = file.isUncached;
     if (const int reason =
             volumeOf(request).checkRoom(nodeOf(node), &file, static_cast<std::uint64_t>(offset)))
       return reason;
-    const int reason = volumeOf(request).write(handleOf<OpenFile>(info), put, interruptionOf(request));
-    if (reason) return reason;
-    if (appends) sessionOf(request).bytesAppended(node, start, handleOf<OpenFile>(info).isUncached);
+    if (const int reason = volumeOf(request).write(file, put, interruptionOf(request))) return reason;
+    if (appends) sessionOf(request).bytesAppended(node, start, isUncached);
     if (!appends) noticeOtherBytes(request, node);
     fuse_reply_write(request, static_cast<std::size_t>(count));
     return answered;

@@ -2,10 +2,12 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <thread>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -25,6 +27,8 @@
 #include "foundation/Paths.h"
 
 namespace fs = std::filesystem;
+
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -136,6 +140,13 @@ std::optional<std::string> prepareMountpoint(const std::string& typed, NSErrorRe
 std::optional<std::string> unmountAt(const std::string& typed, NSErrorRef* error) {
   const std::string path = absolutePath(typed);
   int reason = isMountpoint(path) ? detach(path, Manner::usual) : EINVAL;
+  // What has just been closed, or looked at by a file manager, may be in use for a moment more.
+  constexpr int tries = 20;
+  constexpr auto moment = 100ms;
+  for (int attempt = 1; reason == EBUSY && attempt < tries; ++attempt) {
+    std::this_thread::sleep_for(moment);
+    reason = detach(path, Manner::usual);
+  }
   if (reason == 0) return path;
   std::string text = std::strerror(reason);
   if (reason == EINVAL) text = "nothing is mounted there";

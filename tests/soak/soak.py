@@ -91,8 +91,8 @@ class Service:
         with urllib.request.urlopen(request, timeout=60) as answer:
             return json.loads(answer.read() or b"null")
 
-    def admin(self, route, **body):
-        return self.request("POST", "/admin/" + route, body)
+    def admin(self, name, /, **body):
+        return self.request("POST", "/admin/" + name, body)
 
     def tree(self):
         ask = lambda route, **arg: self.request("POST", "/2/files/" + route, arg, {"Authorization": "Bearer ada-token"})
@@ -282,7 +282,7 @@ def lose_and_regain_an_account(service, machine, dice):
     else:
         machine.kzv("unlink", "Cid")
     try:
-        if watch.wait(300) != 3:
+        if watch.wait(300) not in ((3,) if weather.is_calm(time.monotonic()) else (1, 3)):
             fail(f"watch ended with {watch.returncode} after its account was gone")
     except subprocess.TimeoutExpired:
         fail("watch did not notice within 300 s that its account was gone")
