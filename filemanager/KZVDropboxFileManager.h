@@ -65,6 +65,9 @@ class KZVDropboxFileManager final : public NSObject,
   /// The timer's poll: a run in the background, however recent the last one was, unless one is under way.
   /// Returns at once.
   void pollOnTimer();
+  /// Asks for the first cursor in the background, unless there is one: what is fetched before it comes is not
+  /// kept, and would be asked for again. Returns at once.
+  void fetchFirstCursor();
   /// A run in the background that begins after this call, however recent the last one was. Returns at once.
   void pollNow();
 

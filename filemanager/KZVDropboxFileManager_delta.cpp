@@ -85,6 +85,10 @@ void KZVDropboxFileManager::pollOnTimer() {
   if (DeltaRunRef run = beginDeltaRun(RunWhen::onTimer)) runDeltaInBackground(std::move(run));
 }
 
+void KZVDropboxFileManager::fetchFirstCursor() {
+  if (!deltaCursor()) pollOnTimer();
+}
+
 void KZVDropboxFileManager::pollNow() {
   auto run = std::make_shared<DeltaRun>(shared_from_this());
   {
