@@ -116,7 +116,7 @@ void DBAuthHelperOSXfix::restClientLoadedAccessToken(DBRestClient& /*client*/, c
   postStateChangedNotification(nullptr);
 }
 
-// Whoever observes the activation goes on doing so, and the client keeps what it can still trade: the next
+// The observer of the activation stays, and the client keeps what it can still exchange: the next
 // activation tries again.
 void DBAuthHelperOSXfix::loadAccessTokenFailedWithError(DBRestClient& /*client*/, const NSErrorRef& error) {
   loading = false;

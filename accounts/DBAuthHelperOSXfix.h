@@ -58,7 +58,7 @@ class DBAuthHelperOSXfix final : public NSObject,
   bool useAuthorizationCode(const std::string& code);
   /// Whether a sign-in is under way, so that a failure that has been reported need not be its end.
   bool isSigningIn() const;
-  /// The account that a sign-in has linked, told once.
+  /// The account that a sign-in has linked; reported once.
   std::optional<std::string> takeLinkedUserId();
 
   void restClientLoadedRequestToken(DBRestClient& client) override;

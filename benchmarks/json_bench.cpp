@@ -1,7 +1,6 @@
-// The JSON reader and writer beside three others, on one large and one small text. Reading includes releasing
-// what was read. Counters: the rate of JSON text, and for reading what one value costs: live heap bytes (with
-// malloc's own overhead, from mallinfo2) and calls of operator new.
-#include <boost/json.hpp>
+// Our JSON reader and writer beside nlohmann-json, on texts of several shapes. Reading includes releasing
+// what was read. Counters: the rate of JSON text, and for reading the cost of one value: live heap bytes
+// (with malloc's own overhead, from mallinfo2) and calls of operator new.
 #include <cstdlib>
 #include <memory>
 #include <new>
@@ -12,9 +11,6 @@
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 #include <malloc.h>
-#include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include "foundation/NSArray.h"
 #include "foundation/NSDictionary.h"
@@ -55,10 +51,62 @@ std::string listing(std::size_t count) {
   return text + "]}";
 }
 
-const std::string& textOfSize(std::int64_t sizeBytes) {
-  static const std::string small = listing(5);
-  static const std::string large = listing(84'000);
-  return sizeBytes < 1'000'000 ? small : large;
+/// `count` items, separated by commas.
+template <class Item>
+std::string list(std::size_t count, Item item) {
+  std::string text;
+  for (std::size_t at = 0; at < count; ++at) text += (at > 0 ? "," : "") + item(at);
+  return text;
+}
+
+std::string coordinates(std::size_t count) {
+  return "[" +
+         list(count,
+              [](std::size_t at) {
+                return fmt::format("[{}.{:07},-{}.{:06}]", at % 90, at * 104'729 % 9'999'991, at % 180,
+                                   at * 7919 % 999'983);
+              }) +
+         "]";
+}
+
+std::string integers(std::size_t count) {
+  return "[" + list(count, [](std::size_t at) { return std::to_string(at * at * 7919 % 10'000'000'019); }) +
+         "]";
+}
+
+std::string uniqueKeys(std::size_t count) {
+  return "{" +
+         list(count,
+              [](std::size_t at) {
+                return fmt::format(R"("{:x}/IMG_{:05}.jpg":{})", at * 2'654'435'761 % 4'294'967'291, at,
+                                   at % 1000);
+              }) +
+         "}";
+}
+
+std::string escapes(std::size_t count) {
+  return "[" +
+         list(count,
+              [](std::size_t at) {
+                return fmt::format(R"("C:\\Users\\{}\tline \"{}\"\nGr\u00f6\u00dfe \u20ac {}\n")", at,
+                                   at * 7919, at % 7);
+              }) +
+         "]";
+}
+
+enum Shape : std::int64_t {
+  listingShape,
+  smallListingShape,
+  coordinatesShape,
+  integersShape,
+  uniqueKeysShape,
+  escapesShape
+};
+
+const std::string& textOf(Shape shape) {
+  static const std::string texts[] = {listing(2'000),   listing(5),         coordinates(12'000),
+                                      integers(30'000), uniqueKeys(10'000), escapes(6'000)};
+  return texts[shape];
 }
 
 std::size_t liveHeapBytes() {
@@ -92,30 +140,9 @@ struct Nlohmann {
   static std::size_t write(const Document& document) { return document.dump().size(); }
 };
 
-struct BoostJson {
-  using Document = boost::json::value;
-  static Document read(const std::string& text) { return boost::json::parse(text); }
-  static std::size_t write(const Document& document) { return boost::json::serialize(document).size(); }
-};
-
-struct RapidJson {
-  using Document = rapidjson::Document;
-  static Document read(const std::string& text) {
-    rapidjson::Document document;
-    document.Parse(text.data(), text.size());
-    return document;
-  }
-  static std::size_t write(const Document& document) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    document.Accept(writer);
-    return buffer.GetSize();
-  }
-};
-
 template <class Library>
 void reportMemory(benchmark::State& state, const std::string& text) {
-  // So many that what malloc keeps aside for the next request does not count.
+  // Enough copies to make the memory that malloc keeps in reserve negligible.
   const std::size_t copies = 1 + 4'000'000 / text.size();
   const auto values = static_cast<double>(valuesIn(text) * copies);
   std::vector<typename Library::Document> documents;
@@ -129,7 +156,7 @@ void reportMemory(benchmark::State& state, const std::string& text) {
 
 template <class Library>
 void JsonRead(benchmark::State& state) {
-  const std::string& text = textOfSize(state.range(0));
+  const std::string& text = textOf(static_cast<Shape>(state.range(0)));
   reportMemory<Library>(state, text);
   for (auto _ : state) {
     auto document = Library::read(text);
@@ -140,23 +167,30 @@ void JsonRead(benchmark::State& state) {
 
 template <class Library>
 void JsonWrite(benchmark::State& state) {
-  const std::string& text = textOfSize(state.range(0));
+  const std::string& text = textOf(static_cast<Shape>(state.range(0)));
   const auto document = Library::read(text);
   for (auto _ : state) benchmark::DoNotOptimize(Library::write(document));
   state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
 }
 
-constexpr std::int64_t smallText = 2'000;
-constexpr std::int64_t largeText = 30'000'000;
-
-#define KZV_JSON_BENCHMARK(operation)                                                             \
-  BENCHMARK(operation<Kzv>)->Arg(largeText)->Arg(smallText)->Unit(benchmark::kMicrosecond);       \
-  BENCHMARK(operation<BoostJson>)->Arg(largeText)->Arg(smallText)->Unit(benchmark::kMicrosecond); \
-  BENCHMARK(operation<RapidJson>)->Arg(largeText)->Arg(smallText)->Unit(benchmark::kMicrosecond); \
-  BENCHMARK(operation<Nlohmann>)->Arg(largeText)->Arg(smallText)->Unit(benchmark::kMicrosecond)
-
-KZV_JSON_BENCHMARK(JsonRead);
-KZV_JSON_BENCHMARK(JsonWrite);
+const bool areRegistered = [] {
+  const std::pair<const char*, Shape> shapes[] = {
+      {"listing", listingShape},   {"smallListing", smallListingShape}, {"coordinates", coordinatesShape},
+      {"integers", integersShape}, {"uniqueKeys", uniqueKeysShape},     {"escapes", escapesShape}};
+  const std::pair<const char*, void (*)(benchmark::State&)> functions[] = {
+      {"JsonRead/{}/kzv", JsonRead<Kzv>},
+      {"JsonRead/{}/nlohmann", JsonRead<Nlohmann>},
+      {"JsonWrite/{}/kzv", JsonWrite<Kzv>},
+      {"JsonWrite/{}/nlohmann", JsonWrite<Nlohmann>}};
+  for (const auto& [shapeName, shape] : shapes) {
+    for (const auto& [name, function] : functions) {
+      benchmark::RegisterBenchmark(fmt::format(fmt::runtime(name), shapeName).c_str(), function)
+          ->Arg(shape)
+          ->Unit(benchmark::kMicrosecond);
+    }
+  }
+  return true;
+}();
 
 }  // namespace
 

@@ -10,7 +10,7 @@
 
 #include "benchmarks/Account.h"
 #include "benchmarks/Paired.h"
-#include "core/KZVLocalFS.h"
+#include "core/copy/KZVLocalFS.h"
 
 namespace fs = std::filesystem;
 

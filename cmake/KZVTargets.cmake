@@ -14,9 +14,15 @@ function(kzv_pkg name)
   endif()
 endfunction()
 
-# kzv_add_library(NAME [SHARED] SOURCES ... [LINK ...] [PRIVATE_LINK ...])
+# kzv_add_library(NAME [SHARED] SOURCES ... [LINK ...] [PRIVATE_LINK ...]): a room's library. It links only libraries
+# that have been added before, so that they never go in a circle.
 function(kzv_add_library name)
   cmake_parse_arguments(ARG "SHARED" "" "SOURCES;LINK;PRIVATE_LINK" ${ARGN})
+  foreach(other IN LISTS ARG_LINK ARG_PRIVATE_LINK)
+    if(other MATCHES "^kzv_" AND NOT TARGET ${other})
+      message(FATAL_ERROR "${name} links ${other}, which lies on a higher floor (docs/ARCHITECTURE.md)")
+    endif()
+  endforeach()
   if(ARG_SHARED)
     add_library(${name} SHARED ${ARG_SOURCES})
   else()
@@ -27,7 +33,8 @@ function(kzv_add_library name)
 endfunction()
 
 # kzv_add_test(NAME LINK ... [SOURCES ...] [LABELS ...] [TIMEOUT seconds]): NAME.cpp with GoogleTest; each case is a
-# CTest test of its own. 60 s unless said otherwise: our calls have no time limit of their own, the tests do.
+# CTest test of its own. 60 s unless said otherwise: our calls have no time limit of their own, the tests do. Unit tests of
+# the lower floors get the label "unit-quick": .ci/run builds these alone under the sanitizers (target quick_tests).
 function(kzv_add_test name)
   if(NOT BUILD_TESTING)
     return()
@@ -35,6 +42,11 @@ function(kzv_add_test name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LINK;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 60)
+  endif()
+  file(RELATIVE_PATH folder ${KZV_ROOT} ${CMAKE_CURRENT_SOURCE_DIR})
+  if(ARG_LABELS STREQUAL "unit" AND folder MATCHES "^(foundation|json|core|mount)(/|$)")
+    set(ARG_LABELS unit-quick)  # ctest takes labels as patterns: -L unit, -L quick
+    set_property(GLOBAL APPEND PROPERTY KZV_QUICK_TESTS ${name})
   endif()
   find_package(GTest REQUIRED)
   include(GoogleTest)
@@ -74,10 +86,10 @@ function(kzv_add_fuzz name)
   endif()
 endfunction()
 
-# kzv_finish_fuzz(): a target "fuzzers" that builds all of them; after the last kzv_add_fuzz.
-function(kzv_finish_fuzz)
-  get_property(targets GLOBAL PROPERTY KZV_FUZZ_TARGETS)
-  if(targets)
-    add_custom_target(fuzzers DEPENDS ${targets})
-  endif()
+# kzv_finish(): the targets "fuzzers" and "quick_tests", which build all of these; after the last one was added.
+function(kzv_finish)
+  get_property(fuzzers GLOBAL PROPERTY KZV_FUZZ_TARGETS)
+  get_property(tests GLOBAL PROPERTY KZV_QUICK_TESTS)
+  add_custom_target(fuzzers DEPENDS ${fuzzers})
+  add_custom_target(quick_tests DEPENDS ${tests})
 endfunction()

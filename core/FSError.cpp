@@ -5,7 +5,6 @@
 
 #include "core/KZVConstants.h"
 #include "foundation/NSNumber.h"
-#include "foundation/NSString.h"
 
 namespace {
 
@@ -47,15 +46,10 @@ FSErrorCode codeOfErrno(std::int64_t value) {
 
 NSErrorRef fsError(FSErrorCode code, std::string text, NSErrorRef underlying,
                    std::optional<std::chrono::seconds> retryAfter) {
-  NSDictionary::Entries details;
-  const auto add = [&](std::string_view key, id value) {
-    details.emplace_back(str(std::string(key)), std::move(value));
-  };
-  add(NSLocalizedDescriptionKey, str(std::move(text)));
-  if (underlying) add(NSUnderlyingErrorKey, std::move(underlying));
-  if (retryAfter) add(FSErrorRetryAfterKey, NSNumber::withInt(retryAfter->count()));
-  return std::make_shared<NSError>(std::string(FSErrorDomain), static_cast<std::int64_t>(code),
-                                   std::make_shared<NSDictionary>(std::move(details)));
+  return NSError::withText(
+      FSErrorDomain, static_cast<std::int64_t>(code), std::move(text),
+      {{NSUnderlyingErrorKey, std::move(underlying)},
+       {FSErrorRetryAfterKey, retryAfter ? NSNumber::withInt(retryAfter->count()) : nullptr}});
 }
 
 FSErrorCode fsErrorCode(const NSErrorRef& error) {

@@ -7,11 +7,10 @@
 
 #include "foundation/NSError.h"
 
-/// Domain of the errors of FSPlugin operations; the codes are FSErrorCode. What the volume itself was told
-/// (by its service, for instance) is kept under NSUnderlyingErrorKey, its text for people is the error's own
-/// too.
+/// Domain of the errors of FSPlugin operations; the codes are FSErrorCode. The volume's original error (its
+/// service's, for instance) is under NSUnderlyingErrorKey and has the same text.
 inline constexpr std::string_view FSErrorDomain = "FSErrorDomain";
-/// User info key of a `busy` error: after how many seconds to try again, a number. Absent when nobody said.
+/// User info key of a `busy` error: after how many seconds to try again (a number). Absent when unknown.
 inline constexpr std::string_view FSErrorRetryAfterKey = "FSErrorRetryAfter";
 
 /// What went wrong, as far as a host can act on it. The numbers are shown to people and never change.
@@ -27,7 +26,7 @@ enum class FSErrorCode : std::int64_t {
   tooLarge = 9,   // too many bytes or items for the volume
   busy = 10,      // works later
   line = 11,      // no connection, a time-out, or the service failed: may work when tried again
-  damaged = 12,   // what came is not what was announced; may work when tried again
+  damaged = 12,   // the received bytes are not those announced; may work when tried again
   conflict = 13,  // another version is there than the one named
   stopped = 14,   // by the user; usually as CanceledByUserErrorDomain
   unsupported = 15,
@@ -41,9 +40,9 @@ enum class FSErrorCode : std::int64_t {
 NSErrorRef fsError(FSErrorCode code, std::string text, NSErrorRef underlying = nullptr,
                    std::optional<std::chrono::seconds> retryAfter = std::nullopt);
 
-/// What the error of a failed FSPlugin operation means. Besides FSErrorDomain it knows NSPOSIXErrorDomain
-/// (the local disk's errors) and CanceledByUserErrorDomain; any other domain is `internal`. No error at all
-/// is `notFound`: that is what failure without a reason means.
+/// The code of a failed FSPlugin operation's error. Translates NSPOSIXErrorDomain (the local disk's errors)
+/// and CanceledByUserErrorDomain; any other domain is `internal`. A missing error is `notFound`, which is
+/// what failure without an error means.
 FSErrorCode fsErrorCode(const NSErrorRef& error);
 /// How long a `busy` error asks to wait, if it says so.
 std::optional<std::chrono::seconds> fsErrorRetryAfter(const NSErrorRef& error);

@@ -12,9 +12,8 @@
 
 class FSPlugin;
 
-/// One file or folder of a file system, as a panel shows it. Attributes are set by the plug-in that lists it,
-/// before it hands the item out; afterwards they are only read. The change callback may be set from any
-/// thread.
+/// One file or folder of a file system. The plug-in that lists it sets its attributes before returning the
+/// item; afterwards they are only read. The change callback may be set from any thread.
 class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem> {
  public:
   using ChangeCallback = std::function<void(const std::shared_ptr<FSItem>&)>;
@@ -40,8 +39,8 @@ class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem
   /// Opaque, the same after a move, a rename or a change; empty where the volume does not know.
   std::string id() const { return record_ ? recordTexts_->id(*record_) : id_; }
   void setId(std::string itemId) { id_ = std::move(itemId); }
-  /// Instead of setVersion and setId, for listings of thousands, of which hardly any item is asked: reads
-  /// both from `record` when they are asked for. `texts` must live for ever.
+  /// Instead of setVersion and setId, for large listings: computes both from `record` on demand. `texts` must
+  /// have static storage duration.
   struct RecordTexts {
     std::string (*version)(const NSObject& record);
     std::string (*id)(const NSObject& record);
@@ -58,8 +57,8 @@ class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem
   /// Called on the main queue when the watched folder has changed; empty removes it.
   void setChangeCallback(ChangeCallback callback);
   ChangeCallback changeCallback() const;
-  /// What a plug-in calls on a watched item before it queues the change callback: marks the item's listing as
-  /// out of date, so that a panel which looks before the callback runs already knows.
+  /// A plug-in calls this on a watched item before it queues the change callback: marks the item's listing as
+  /// out of date, so that a host that looks before the callback runs knows.
   void prepareForChange();
   /// Whether prepareForChange was called since the last call of this; clears the mark.
   bool takeChangeMark();

@@ -90,9 +90,9 @@ bool FSPlugin::fetchFile(const FSItem& item, const NSURL& target, LocalAccess ac
                          ProgressCallback progress, NSErrorRef* error) {
   const auto copy = requestFileUrl(item.path(), progress, error);
   if (!copy) return false;
-  const auto goesOn = [&] { return !progress || progress({1000, 1000}); };
-  const bool isCopied =
-      copyLocalFile(copy->path(), target.path(), {item.modificationDate(), access, true}, goesOn, error);
+  const auto shouldContinue = [&] { return !progress || progress({1000, 1000}); };
+  const bool isCopied = copyLocalFile(copy->path(), target.path(), {item.modificationDate(), access, true},
+                                      shouldContinue, error);
   releaseFileUrl(*copy);
   return isCopied;
 }

@@ -40,11 +40,10 @@ struct VolumeSpace {
 /// One file system that a plug-in offers, for instance one account. The host talks to volumes through this
 /// interface alone. Paths begin with "/", which alone is the root, in UTF-8.
 ///
-/// Threads: every operation may be called from any host thread, several at once, but never from the main
-/// thread's run loop callbacks or a progress callback; they block until the answer is known. Errors: `error`
-/// may be null and is written only on failure; fsErrorCode (core/FSError.h) says what it means, whatever the
-/// volume. An absent result without an error is failure too: the item does not exist, or the account is no
-/// longer there.
+/// Threads: any host thread may call the operations, several concurrently, but not from callbacks of the main
+/// thread's run loop or from a progress callback; they block until they are done. Errors: `error` may be null
+/// and is written only on failure; fsErrorCode (core/FSError.h) gives its meaning for every volume. An absent
+/// result without an error is failure, too: the item does not exist, or the account is no longer linked.
 class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> {
  public:
   ~FSPlugin() override;
@@ -86,39 +85,41 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   virtual std::optional<FSItems> contentAtPath(const std::string& path, bool recursive, bool showHidden,
                                                NSErrorRef* error) = 0;
 
+  /// Many items are about to be looked up or listed, for example by a batch copy. A hint, for volumes that
+  /// can prepare a cache in the background. Does not block.
+  virtual void prepareForManyLookUps() {}
+
   // Transfer and tree changes. A read-only file system keeps these defaults, which fail with "not supported".
   /// A local copy of a file or folder, kept as long as its user holds it; hand every URL back with
   /// releaseFileUrl.
   virtual std::shared_ptr<NSURL> requestFileUrl(const std::string& path, ProgressCallback progress,
                                                 NSErrorRef* error);
   virtual void releaseFileUrl(const NSURL& url);
-  /// Brings the bytes of a file to `target` on this computer, without keeping a local copy: it appears there
-  /// whole and durable, with its modification date, in place of a file that was there. Of `item` the path
-  /// matters, and what its maker knows of it. A file system that keeps this default copies from
-  /// requestFileUrl.
+  /// Downloads a file to `target` on this computer without keeping another copy: the file appears complete
+  /// and durable, with its modification date, and replaces an existing one. `item` gives the path and, if it
+  /// comes from this volume, the version. The default copies the result of requestFileUrl.
   virtual bool fetchFile(const FSItem& item, const NSURL& target, LocalAccess access,
                          ProgressCallback progress, NSErrorRef* error);
-  /// Opens one version of a file for reading by ranges, which goes on to work when the file is replaced,
-  /// moved or deleted. May block until bytes have come.
+  /// Opens one version of a file for reading by ranges; the reader keeps working when the file is replaced,
+  /// moved or deleted. May block until bytes have been received.
   /// @param path      where the file is, or was when `version` was the newest.
   /// @param version   as FSItem::version; empty: the newest, which the reader's version() tells.
   /// @param progress  as for requestFileUrl; false stops the opening.
-  /// @return null on failure. A volume that keeps this default opens a local copy of what is there now, and
-  /// fails with `conflict` when that is known to be another version than the one named.
+  /// @return null on failure. The default opens a local copy of the current version and fails with `conflict`
+  /// when that is known not to be the requested one.
   virtual std::shared_ptr<FSReader> openReader(const std::string& path, const std::string& version,
                                                ProgressCallback progress, NSErrorRef* error);
   /// Stores a local file under the remote path `path`. True once the file system has it.
   virtual bool writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
                          NSErrorRef* error);
-  /// As writeFile, for a file that was made from a certain version: when another one is there by now, that
-  /// one stays, and this one is stored beside it under a name that the answer tells. Nothing on failure. A
-  /// file system that keeps no versions keeps this default: writeFile.
+  /// As writeFile, for a file that is based on a certain version: if the volume has another one by now, that
+  /// one stays, and this file is stored beside it under the returned name. Nothing on failure. The default,
+  /// for volumes without versions, is writeFile.
   virtual std::optional<StoredFile> storeFile(const NSURL& source, const std::string& path,
                                               const WriteBase& base, ProgressCallback progress,
                                               NSErrorRef* error);
-  /// Which version of the file is there, as far as this process knows without asking anybody: an opaque text,
-  /// another one after each change. Nothing for what is not known, folders, and where there are no versions.
-  /// Does not block.
+  /// The file's current version as far as this process knows (see FSItem::version); nothing when it is
+  /// unknown, for folders, and for volumes without versions. Does not block.
   virtual std::optional<std::string> revisionAtPath(const std::string& /*path*/) { return std::nullopt; }
   /// Removes a file, or a folder with everything in it.
   virtual bool removeItemAtPath(const std::string& path, NSErrorRef* error);
@@ -150,7 +151,7 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   virtual void startWatchFolder(const std::shared_ptr<FSItem>& /*item*/) {}
   virtual void stopWatchFolder(const std::shared_ptr<FSItem>& /*item*/) {}
   virtual FSItems watchedFolders() const { return {}; }
-  /// Asks now for changes made elsewhere, and not only at the next poll. Blocks; a failure is not told.
+  /// Polls for changes made elsewhere now. Blocks; failures are not reported.
   virtual void pollForChanges() {}
 };
 
@@ -165,8 +166,8 @@ class FSPluginClass : public NSObject {
   /// Called once by the loader before anything else. Blocks until the plug-in can be used.
   virtual void initialize() = 0;
   virtual std::string fsDescription() const = 0;
-  /// Root items: dictionaries with the keys of KZVConstants.h. Does not block; grows when accounts have been
-  /// asked for their names, which AttachedPluginsDidChangeNotification tells.
+  /// Root items: dictionaries with the keys of KZVConstants.h. Does not block; accounts appear once their
+  /// names have been loaded, and AttachedPluginsDidChangeNotification is posted then.
   virtual std::shared_ptr<NSArray> availableRootItems() const = 0;
   /// An instance for `options` (the value under KZVFSOptions); the one that is attached already, if there is
   /// one; nothing when there is no such volume. `item` may be empty. The host attaches what it keeps
@@ -209,13 +210,12 @@ class FSPluginAccounts {
   // Linking in the browser, and the desktop client. A plug-in without them keeps these defaults.
   /// How the person's approval comes back from the page.
   enum class LinkingAnswer {
-    byRedirect,  // the browser brings it to this machine
-    typedIn      // the page shows a code, and useAuthorizationCode takes it
+    byRedirect,  // the browser is redirected to this machine
+    typedIn      // the page shows a code, to be passed to useAuthorizationCode
   };
-  /// Begins to link an account: shows a page with NSWorkspace::openURL, then waits for the person until
-  /// NSApplicationDidBecomeActiveNotification says that they are back, at most 10 minutes. Each step is told
-  /// by KZVAccountLinkingNotification. A linking that still waits is replaced. Returns at once; false when
-  /// the plug-in cannot do it.
+  /// Starts to link an account: opens a page with NSWorkspace::openURL, then waits for
+  /// NSApplicationDidBecomeActiveNotification, at most 10 minutes. KZVAccountLinkingNotification is posted at
+  /// each step. A pending linking is replaced. Returns at once; false when the plug-in cannot link accounts.
   virtual bool linkAccount(LinkingAnswer /*answer*/) { return false; }
   /// A code that the person copied from the page, which the next activation uses. False when the text cannot
   /// be one, or no linking waits for it. A secret: log it nowhere.

@@ -15,7 +15,7 @@
 
 class FSPlugin;
 
-/// Asked now and then during a read; false stops it. May be empty. Runs on the reading thread.
+/// Called from time to time during a read; false stops it. May be empty. Runs on the reading thread.
 using ShouldContinue = std::function<bool()>;
 
 /// Reads one version of a file by ranges, also after the file was replaced, moved or deleted. Made by

@@ -5,13 +5,11 @@
 
 /// Keys of a root item, the dictionary that stands for one file system in the host's list of volumes.
 inline constexpr std::string_view KZVFSLabel = "KZVFSLabel";  // text shown to the user
-inline constexpr std::string_view KZVFSType = "KZVFSType";    // one of the KZVFSType… values
+inline constexpr std::string_view KZVFSType = "KZVFSType";    // text, the plug-in's own
 inline constexpr std::string_view KZVFSClassName =
     "KZVFSClassName";                                             // the plug-in class that makes instances
 inline constexpr std::string_view KZVFSOptions = "KZVFSOptions";  // handed back to makePlugin as it is
 inline constexpr std::string_view KZVFSIcon = "KZVFSIcon";        // NSImage
-
-inline constexpr std::string_view KZVFSTypeDropbox = "KZVFSTypeDropbox";
 
 /// Posted on the main queue, object none, when root items may have changed: ask availableRootItems() again.
 inline constexpr std::string_view AttachedPluginsDidChangeNotification =

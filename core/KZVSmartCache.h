@@ -6,21 +6,20 @@
 #include "foundation/NSObject.h"
 #include "foundation/NSURL.h"
 
-/// Which local copy stands for which key (a remote path). Owns the copies it holds: counts their users, keeps
-/// released ones up to a byte budget and deletes the least recently used; a copy that somebody still holds is
-/// never deleted, only forgotten, and goes when its last user releases it. A copy is a file or a folder with
-/// what is in it; its size is measured when it is stored. Any thread; nothing is measured or deleted while
-/// others wait.
+/// LRU cache of local copies by key (a remote path). Owns the copies: counts their users, keeps released ones
+/// up to a byte budget and deletes the least recently used. A copy in use is never deleted, only forgotten,
+/// and deleted when its last user releases it. A copy is a file, or a folder with its contents; its size is
+/// measured when it is stored. Any thread; no lock is held while copies are measured or deleted.
 ///
-/// A path may be stored again, for instance by a second download after invalidate(). All users of one path
-/// then count together, and the path is kept until the last of them is gone. Only the very file that was
-/// stored is ever deleted: one that was put at its path since is left to whoever put it there.
+/// A path may be stored again, for example by a second download after invalidate(). All users of a path then
+/// count together, and the path is kept until the last one has gone. Only the file that was stored is ever
+/// deleted, not one that has been put at its path since.
 class KZVSmartCache final : public NSObject {
  public:
   static constexpr std::uint64_t defaultBudgetBytes = 2'000'000'000;
-  /// @param budgetBytes  how much the copies without users may take together.
+  /// @param budgetBytes  the total size of copies without users.
   explicit KZVSmartCache(std::uint64_t budgetBytes = defaultBudgetBytes);
-  /// Deletes the copies that nobody holds; one that is held still stays on the disk.
+  /// Deletes the copies without users; those in use stay on the disk.
   ~KZVSmartCache() override;
 
   /// The copy under `key` with one more user, or nothing. A copy whose file has gone counts as absent.

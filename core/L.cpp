@@ -1,68 +1,37 @@
 #include "core/L.h"
 
-#include <cstdlib>
-#include <map>
-#include <mutex>
-#include <utility>
+#include <memory>
 
-#include <fmt/format.h>
+#include <glib.h>
 
 #include "core/DLog.h"
-#include "core/StringsFile.h"
 #include "foundation/NSBundle.h"
-#include "foundation/NSFileManager.h"
 
 namespace {
 
-StringsTable readTable(const NSBundle& bundle, const std::string& language) {
-  const std::string path = bundle.pathForResource("Localizable.strings", language + ".lproj");
-  if (path.empty()) return {};
-  constexpr std::uint64_t limitBytes = 4'000'000;
-  NSErrorRef error;
-  const auto text = readFile(path, limitBytes, &error);
-  if (!text) {
-    DLogWarning(error ? error->localizedDescription() : path, "L");
-    return {};
+using KeyFile = std::unique_ptr<GKeyFile, void (*)(GKeyFile*)>;
+
+/// Empty when the bundle has no readable file of texts.
+KeyFile textsOf(const NSBundle& bundle) {
+  KeyFile file(g_key_file_new(), g_key_file_unref);
+  const std::string path = bundle.pathForResource("Texts.ini");
+  GError* error = nullptr;
+  if (!path.empty() && !g_key_file_load_from_file(file.get(), path.c_str(), G_KEY_FILE_NONE, &error)) {
+    DLogWarning(path + ": " + error->message, "L");
+    g_error_free(error);
   }
-  std::vector<std::size_t> problems;
-  StringsTable table = parseStringsFile(*text, &problems);
-  for (const std::size_t line : problems)
-    DLogWarning(fmt::format("{}:{}: malformed entry left out", path, line), "L");
-  return table;
+  return file;
 }
-
-/// The strings files read so far. A bundle that is loaded later is read when its turn comes.
-class Texts {
- public:
-  std::string find(std::string_view key) {
-    const auto bundles = NSBundle::loadedBundles();
-    const std::lock_guard lock(mutex_);
-    for (const std::string& language : languages_) {
-      for (const auto& bundle : bundles) {
-        const StringsTable& table = tableFor(*bundle, language);
-        if (const auto found = table.find(key); found != table.end()) return found->second;
-      }
-    }
-    return std::string(key);
-  }
-
- private:
-  const StringsTable& tableFor(const NSBundle& bundle, const std::string& language) {
-    auto place = std::make_pair(bundle.bundlePath(), language);
-    const auto known = tables_.find(place);
-    if (known != tables_.end()) return known->second;
-    return tables_.emplace(std::move(place), readTable(bundle, language)).first->second;
-  }
-
-  const std::vector<std::string> languages_ =
-      languagesFromEnvironment(std::getenv("LC_ALL"), std::getenv("LC_MESSAGES"), std::getenv("LANG"));
-  std::mutex mutex_;
-  std::map<std::pair<std::string, std::string>, StringsTable> tables_;  // guarded by mutex_
-};
 
 }  // namespace
 
 std::string L(std::string_view key) {
-  static auto& texts = *new Texts;
-  return texts.find(key);
+  std::string name(key);
+  for (const auto& bundle : NSBundle::loadedBundles()) {
+    const KeyFile texts = textsOf(*bundle);
+    const std::unique_ptr<gchar, void (*)(gpointer)> text(
+        g_key_file_get_locale_string(texts.get(), "Texts", name.c_str(), nullptr, nullptr), g_free);
+    if (text) return text.get();
+  }
+  return name;
 }

@@ -35,11 +35,11 @@ ssize_t copyThroughMemory(int from, int to) {
 }
 
 /// 0 once all is copied, ECANCELED after a stop, else the reason.
-int copyBytes(int from, int to, const std::function<bool()>& goesOn) {
+int copyBytes(int from, int to, const std::function<bool()>& shouldContinue) {
   if (::ioctl(to, FICLONE, from) == 0) return 0;
   bool throughKernel = true;
   while (true) {
-    if (!goesOn()) return ECANCELED;
+    if (!shouldContinue()) return ECANCELED;
     const ssize_t count = throughKernel ? ::copy_file_range(from, nullptr, to, nullptr, stepBytes, 0)
                                         : copyThroughMemory(from, to);
     const bool isRefused = count < 0 && throughKernel && errno != ENOSPC && errno != EDQUOT && errno != EIO;
@@ -106,13 +106,13 @@ bool makeFile(const std::string& to, const LocalCopyOptions& options, const Fill
 }  // namespace
 
 bool copyLocalFile(const std::string& from, const std::string& to, const LocalCopyOptions& options,
-                   const std::function<bool()>& goesOn, NSErrorRef* error) {
+                   const std::function<bool()>& shouldContinue, NSErrorRef* error) {
   const Descriptor source(::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
   if (!source.isOpen() || ::fstat(source.number(), &status) != 0) return refuse(error, errno, from);
   if (!S_ISREG(status.st_mode)) return refuse(error, S_ISDIR(status.st_mode) ? EISDIR : EINVAL, from);
   return makeFile(
-      to, options, [&](int file) { return copyBytes(source.number(), file, goesOn); }, error);
+      to, options, [&](int file) { return copyBytes(source.number(), file, shouldContinue); }, error);
 }
 
 bool makeEmptyFile(const std::string& to, const LocalCopyOptions& options, NSErrorRef* error) {

@@ -14,13 +14,12 @@ struct LocalCopyOptions {
   bool isDurable = false;  // on the disk, with its name, before the call returns
 };
 
-/// Copies a regular file on the local disk: into a hidden file beside `to`, which then takes the name in one
-/// step, so that nobody ever finds half a file there and a file that was there before stays whole until then.
-/// Shares blocks where the disk can. A file that it replaces lends it its permissions, unless `access` says
-/// otherwise. False with an NSPOSIXErrorDomain error, or with
-/// CanceledByUserErrorDomain, -1 once `goesOn` (asked every few MiB) says no; then nothing is left. Any
-/// thread, blocks.
+/// Copies a regular file on the local disk: into a hidden file beside `to`, which is then renamed atomically,
+/// so that the target is never incomplete and an existing file stays until then. Shares blocks (reflink)
+/// where the file system can. Takes over the permissions of a replaced file, unless `access` says otherwise.
+/// False with an NSPOSIXErrorDomain error, or with CanceledByUserErrorDomain, -1 when `shouldContinue`
+/// (called every few MiB) returns false; no partial file is left. Any thread; blocks.
 bool copyLocalFile(const std::string& from, const std::string& to, const LocalCopyOptions& options,
-                   const std::function<bool()>& goesOn, NSErrorRef* error);
+                   const std::function<bool()>& shouldContinue, NSErrorRef* error);
 /// Makes an empty file at `to` in the same way.
 bool makeEmptyFile(const std::string& to, const LocalCopyOptions& options, NSErrorRef* error);

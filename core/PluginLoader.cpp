@@ -2,17 +2,12 @@
 
 #include <sys/stat.h>
 
-#include "foundation/NSString.h"
-
 namespace {
 
 FSPluginClass* refuse(NSErrorRef* error, PluginLoaderError code, std::string text,
                       NSErrorRef cause = nullptr) {
-  NSDictionary::Entries details{{str(std::string(NSLocalizedDescriptionKey)), str(std::move(text))}};
-  if (cause) details.emplace_back(str(std::string(NSUnderlyingErrorKey)), std::move(cause));
-  setError(error,
-           std::make_shared<NSError>(std::string(KZVPluginLoaderErrorDomain), static_cast<std::int64_t>(code),
-                                     std::make_shared<NSDictionary>(std::move(details))));
+  setError(error, NSError::withText(KZVPluginLoaderErrorDomain, static_cast<std::int64_t>(code),
+                                    std::move(text), {{NSUnderlyingErrorKey, std::move(cause)}}));
   return nullptr;
 }
 

@@ -10,25 +10,25 @@
 #include "foundation/DispatchQueue.h"
 #include "foundation/NSError.h"
 
-/// How often whoever waits during a transfer asks whether to go on: often enough that a stop is answered
-/// within a quarter of a second, which a person takes for "at once", even where two such waits stand in a
-/// row.
+/// Polling interval of the cancellation check during transfers: short enough that a stop takes effect within
+/// a quarter of a second, even when two such waits follow each other.
 inline constexpr std::chrono::milliseconds stopInterval{50};
 
-/// The error of what was stopped through a progress callback: CanceledByUserErrorDomain, -1.
+/// The error after a progress callback has returned false: CanceledByUserErrorDomain, -1.
 inline NSErrorRef stoppedByUser() {
   return std::make_shared<NSError>(std::string(CanceledByUserErrorDomain), -1);
 }
 
-/// Runs a call that blocks and knows no stop on another thread, and asks `goesOn` (on this one) every
-/// stopInterval while waiting for it. Once that says no, the result is an empty one (null, nothing, false)
-/// with stoppedByUser(), and the call goes on by itself: it must own what it uses and may do no harm when it
-/// ends late. What it owns is let go before its result comes. Any thread but those of
-/// DispatchQueue::global(); blocks.
-/// @param call   gets an error holder and gives a result that is empty on failure.
+/// Runs a blocking call that cannot be stopped on another thread, and calls `shouldContinue` (on this one)
+/// every stopInterval while waiting for it. When that returns false, the result is empty (null, nothing,
+/// false) with stoppedByUser(), and the call continues in the background: it must own what it uses and must
+/// be harmless when it ends late. What it owns is released before its result is delivered. Any thread but
+/// those of DispatchQueue::global(); blocks.
+/// @param call   takes an error holder and returns a result that is empty on failure.
 /// @param error  may be null; written only on failure.
-template <class GoesOn, class Call>
-auto callUnlessStopped(const GoesOn& goesOn, Call call, NSErrorRef* error) -> decltype(call(error)) {
+template <class ShouldContinue, class Call>
+auto callUnlessStopped(const ShouldContinue& shouldContinue, Call call, NSErrorRef* error)
+    -> decltype(call(error)) {
   using Result = decltype(call(error));
   const auto promise = std::make_shared<std::promise<std::pair<Result, NSErrorRef>>>();
   auto answer = promise->get_future();
@@ -39,7 +39,7 @@ auto callUnlessStopped(const GoesOn& goesOn, Call call, NSErrorRef* error) -> de
     promise->set_value({std::move(result), std::move(reason)});
   });
   while (answer.wait_for(stopInterval) != std::future_status::ready) {
-    if (goesOn()) continue;
+    if (shouldContinue()) continue;
     setError(error, stoppedByUser());
     return Result{};
   }

@@ -4,38 +4,35 @@
 #include <optional>
 #include <string>
 
-#include "foundation/Descriptor.h"
+#include "foundation/FileLock.h"
 #include "foundation/NSError.h"
 #include "foundation/NSURL.h"
 #include "foundation/OwnFolder.h"
 
-/// Private temporary folders of this process below one root that several processes share. Each process has a
-/// folder of its own there, made on first use, with a lock file NAME.lock beside it; the system drops the
-/// lock (flock) however the process ends. Thus a folder whose lock can be taken belongs to nobody any more.
-/// A root that is a link or another user's is never used, and what does not have the form of our own names is
-/// never touched. Any thread.
+/// Private temporary folders of this process below a root that several processes share. Each process has its
+/// own folder there, created on first use, and a lock file NAME.lock beside it, whose lock ends with the
+/// process: a folder whose lock can be taken is abandoned. A root that is a link or belongs to another user
+/// is never used, and items whose names do not have our form are never touched. Any thread.
 class TemporaryFolders {
  public:
-  /// @param root  an absolute path; made (mode 0700) when the first folder is asked for.
+  /// @param root  an absolute path; it and missing parents are created (mode 0700) with the first folder.
   explicit TemporaryFolders(std::string root);
   TemporaryFolders(const TemporaryFolders&) = delete;
   TemporaryFolders& operator=(const TemporaryFolders&) = delete;
   ~TemporaryFolders();
 
-  /// A new empty folder with mode 0700; nothing, with an NSPOSIXErrorDomain error, when the disk refuses.
+  /// A new empty folder with mode 0700; nothing, with an NSPOSIXErrorDomain error, on failure.
   std::shared_ptr<NSURL> makeFolder(NSErrorRef* error);
-  /// Removes the folders of processes that have ended, and never one of a process that lives. Blocks for as
-  /// long as the disk takes.
+  /// Removes the folders of processes that have ended. Blocks for the disk.
   void removeAbandoned();
-  /// Removes all folders of this process. A later makeFolder begins anew. Blocks.
+  /// Removes all folders of this process; makeFolder can be called again afterwards. Blocks for the disk.
   void removeOwn();
 
  private:
-  /// This process's folder. Its lock is held as long as `lock` is open.
   struct Own {
     OwnFolder root;
     std::string name;
-    Descriptor lock;
+    FileLock lock;
   };
   std::optional<OwnFolder> prepareRoot(NSErrorRef* error) const;
   bool makeProcessFolder(NSErrorRef* error);

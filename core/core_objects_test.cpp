@@ -8,10 +8,10 @@
 
 #include "core/FSItem.h"
 #include "core/FSPlugin.h"
-#include "core/KZVBatchId.h"
 #include "core/KZVCoreObj.h"
 #include "core/KZVSupport.h"
 #include "core/PluginLoader.h"
+#include "core/copy/KZVBatchId.h"
 #include "core/synced.h"
 #include "foundation/NSString.h"
 
@@ -82,29 +82,6 @@ TEST(Volume, WithoutRulesOfItsOwnTakesNamesAsADiskDoes) {
   EXPECT_EQ(volume->pathKey("/A/b//c"), "/A/b//c");
 }
 
-TEST(CoreObject, TemporaryFoldersLieBelowTheCacheFolderAndGoAtTheEnd) {
-  namespace fs = std::filesystem;
-  bool isGone = false;
-  const Volume volume(isGone);
-  NSErrorRef error;
-  const auto folder = KZVCoreObj::shared().temporaryFolderForPlugin(volume, &error);
-  ASSERT_TRUE(folder) << (error ? error->description() : "");
-  const fs::path cache = fs::path(std::getenv("KZV_HOME")) / "cache" / "tmp";
-  EXPECT_TRUE(folder->path().starts_with(cache.string())) << folder->path();
-  EXPECT_TRUE(fs::is_directory(folder->path()));
-  KZVCoreObj::shared().removeTemporaryFolders();
-  EXPECT_TRUE(fs::is_empty(cache));
-}
-
-TEST(Item, TheChangeMarkIsTakenOnce) {
-  FSItem item("/a", nullptr);
-  EXPECT_FALSE(item.takeChangeMark());
-  item.prepareForChange();
-  item.prepareForChange();
-  EXPECT_TRUE(item.takeChangeMark());
-  EXPECT_FALSE(item.takeChangeMark());
-}
-
 TEST(Item, ACallbackMayReplaceItselfWhileItGoes) {
   const auto item = std::make_shared<FSItem>("/a", nullptr);
   /// Uses the item when the callback that holds it is destroyed.
@@ -121,26 +98,6 @@ TEST(Item, ACallbackMayReplaceItselfWhileItGoes) {
   item->setChangeCallback({});
   EXPECT_FALSE(item->changeCallback());
   EXPECT_TRUE(item->takeChangeMark());
-}
-
-TEST(Support, UniqueNamesAreUniqueAndPlain) {
-  std::set<std::string> names;
-  for (int i = 0; i < 1000; ++i) names.insert(KZVSupport::uniquePathComponent());
-  EXPECT_EQ(names.size(), 1000U);
-  for (const std::string& name : names)
-    EXPECT_EQ(name.find_first_not_of("0123456789abcdefghijklmnopqrstuvwxyz-"), std::string::npos) << name;
-}
-
-TEST(Synced, ExcludesOtherThreadsAndLetsTheOwnerIn) {
-  const NSObject lock;
-  int count = 0;
-  const auto add = [&] {
-    for (int i = 0; i < 1000; ++i) synced(lock, [&] { synced(lock, [&] { ++count; }); });
-  };
-  std::thread other(add);
-  add();
-  other.join();
-  EXPECT_EQ(synced(lock, [&] { return count; }), 2000);
 }
 
 TEST(Loader, SaysWhatIsWrong) {

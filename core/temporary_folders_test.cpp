@@ -101,6 +101,7 @@ TEST_F(TemporaryFoldersTest, WhatACleanerTookIsMadeAnew) {
     ASSERT_TRUE(folder) << error->localizedDescription();
     EXPECT_TRUE(fs::is_directory(folder->path()));
   }
+  EXPECT_EQ(modeOf(base_.string()), 0700U) << "parents are private whatever the umask";
   const auto folder = folders.makeFolder(nullptr);
   fs::remove_all(fs::path(folder->path()).parent_path());
   EXPECT_TRUE(folders.makeFolder(nullptr));

@@ -111,6 +111,14 @@ void KZVDropboxFileManager::finish(DBRestClient& client, id result, const NSErro
   condition->signal();
 }
 
+void KZVDropboxFileManager::requestSucceeded(DBRestClient& client, const id& result) {
+  finish(client, result, nullptr);
+}
+
+void KZVDropboxFileManager::requestFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+  finish(client, nullptr, error);
+}
+
 bool KZVDropboxFileManager::isLinked() const {
   return required(DBSession::sharedSession(), "a shared session is installed")->hasUserId(userId);
 }

@@ -18,8 +18,8 @@
 #include "foundation/NSURL.h"
 #include "sdk/DBRestClient.h"
 
-/// One linked account's view of the service: blocking calls over the asynchronous DBRestClient, and the cache
-/// of what they answered, kept fresh by the service's change feed.
+/// One linked account's view of the service: blocking calls over the asynchronous DBRestClient, and a cache
+/// of records that the service's change feed keeps up to date.
 ///
 /// Threads: call from any thread except dropboxThread(), where a call would wait for an answer only that
 /// thread can deliver. Ordinary calls of one manager queue up on mainClient, delta runs on deltaClient; one
@@ -46,8 +46,9 @@ class KZVDropboxFileManager final : public NSObject,
   /// @param error  may be null; written only when the service reports a failure.
   /// @return the record (it may be marked deleted), or null. Blocks.
   MetadataRef metadata(const std::string& path, NSErrorRef* error = nullptr);
-  /// The same at the beginning of a transfer: `progress`, unless empty, is asked every stopInterval, with
-  /// nothing done yet, and its false ends the wait as in loadFile. The request then goes beside mainClient's.
+  /// The same at the beginning of a transfer: `progress`, unless empty, is called every stopInterval with
+  /// nothing done yet, and returning false stops as in loadFile. The request does not queue on mainClient
+  /// then.
   MetadataRef metadata(const std::string& path, const ProgressCallback& progress, NSErrorRef* error);
 
   // Delta runs bring metaCache up to date with the account's change feed. One is under way at a time; until
@@ -55,9 +56,9 @@ class KZVDropboxFileManager final : public NSObject,
   // seconds, for as long as the service asks, at most about deltaUpdateInterval. Failures in a row are
   // logged.
 
-  /// For whoever is about to read metaCache: a run on this thread when the last one is older than
-  /// deltaUpdateInterval or the tree was changed here since. Blocks for its pages, but never for another
-  /// thread's run: then what is known by now has to do. Without a cursor the run goes to the background.
+  /// To be called before reading metaCache: a run on this thread if the last one is older than
+  /// deltaUpdateInterval or this process has changed the tree since. Blocks for its pages, but never for
+  /// another thread's run. Without a cursor the run happens in the background.
   void loadDelta(NSErrorRef* error = nullptr);
   /// Blocks until a run that began after this call has ended, also the first one, however recent the last one
   /// was.
@@ -65,8 +66,8 @@ class KZVDropboxFileManager final : public NSObject,
   /// The timer's poll: a run in the background, however recent the last one was, unless one is under way.
   /// Returns at once.
   void pollOnTimer();
-  /// Asks for the first cursor in the background, unless there is one: what is fetched before it comes is not
-  /// kept, and would be asked for again. Returns at once.
+  /// Requests the first cursor in the background, unless there is one: records fetched before it arrives are
+  /// not cached and would be fetched again. Returns at once.
   void fetchFirstCursor();
   /// A run in the background that begins after this call, however recent the last one was. Returns at once.
   void pollNow();
@@ -74,10 +75,9 @@ class KZVDropboxFileManager final : public NSObject,
   // While the account is watched, a request waits at the service for the next change and then calls pollNow
   // (see LongPoll); off with KZV_LONG_POLL=0. Any thread; both return at once.
   void setWatched(bool isWatched);
-  /// The machine slept or moved to another network: the waiting request is made again.
-  void noteLineInterrupted();
-  /// Does nothing, on purpose: callers from before delta runs became cheap still ask for it. Runs start in
-  /// loadDelta only.
+  /// The machine slept or changed networks: the waiting request is sent again.
+  void noteConnectionInterrupted();
+  /// Does nothing, on purpose: older callers still call it. Runs start in loadDelta only.
   void deltaSmartUpdate() {}
 
   /// Name, address and space of the account, asked for anew at each call. Blocks.
@@ -87,8 +87,9 @@ class KZVDropboxFileManager final : public NSObject,
   /// version's.
   /// @param progress  may be empty; runs on dropboxThread() with location 0..1000, length 1000, also every
   ///                  stopInterval while nothing moves; false stops. Not called any more after the return.
-  /// @param received  may be null; set on success to the record of the version that came. When that is
-  ///                  another one than `file`, the cache knows it, too.
+  /// @param received  may be null; set on success to the record of the downloaded version. If it is not that
+  /// of
+  ///                  `file`, the cache is updated.
   /// @return `local`, or null. A stop is CanceledByUserErrorDomain, code -1. Blocks.
   std::shared_ptr<NSURL> loadFile(const DBMetadata& file, std::shared_ptr<NSURL> local, LocalAccess access,
                                   ProgressCallback progress, NSErrorRef* error = nullptr,
@@ -133,24 +134,15 @@ class KZVDropboxFileManager final : public NSObject,
   /// Path -> record; use under synced(*metaCache).
   const std::shared_ptr<MetadataCache> metaCache;
 
-  // DBRestClientDelegate, on dropboxThread().
-  void loadedMetadata(DBRestClient& client, const MetadataRef& metadata) override;
+  // DBRestClientDelegate, on dropboxThread(). Every request that needs no more ends in the first two.
+  void requestSucceeded(DBRestClient& client, const id& result) override;
+  void requestFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void metadataUnchangedAtPath(DBRestClient& client, const std::string& path) override;
-  void loadMetadataFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void loadedDeltaEntries(DBRestClient& client, const std::vector<DBDeltaEntry>& entries, bool reset,
                           const std::string& cursor, bool hasMore) override;
   void loadDeltaFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
-  void loadedAccountInfo(DBRestClient& client, const std::shared_ptr<DBAccountInfo>& info) override;
-  void loadAccountInfoFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void loadedFile(DBRestClient& client, const std::string& localPath, const MetadataRef& metadata) override;
-  void loadFileFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void loadProgress(DBRestClient& client, double fraction, const std::string& localPath) override;
-  void loadedThumbnail(DBRestClient& client, const std::string& localPath,
-                       const MetadataRef& metadata) override;
-  void loadThumbnailFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
-  void uploadedFile(DBRestClient& client, const std::string& destinationPath, const std::string& localPath,
-                    const MetadataRef& metadata) override;
-  void uploadFileFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void uploadProgress(DBRestClient& client, double fraction, const std::string& destinationPath,
                       const std::string& localPath) override;
   void uploadedFileChunk(DBRestClient& client, const std::string& uploadId, std::uint64_t newOffset,
@@ -158,19 +150,6 @@ class KZVDropboxFileManager final : public NSObject,
   void uploadFileChunkFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
   void uploadFileChunkProgress(DBRestClient& client, double fraction, const std::string& uploadId,
                                std::uint64_t offset, const std::string& localPath) override;
-  void uploadedFileFromUploadId(DBRestClient& client, const std::string& destinationPath,
-                                const std::string& uploadId, const MetadataRef& metadata) override;
-  void uploadFromUploadIdFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
-  void createdFolder(DBRestClient& client, const MetadataRef& metadata) override;
-  void createFolderFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
-  void deletedPath(DBRestClient& client, const std::string& path) override;
-  void deletePathFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
-  void movedPath(DBRestClient& client, const std::string& fromPath, const MetadataRef& metadata) override;
-  void movePathFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
-  void loadedSharableLink(DBRestClient& client, const std::shared_ptr<DBSharedLink>& link,
-                          const std::string& path) override;
-  void foundSharableLink(DBRestClient& client, const std::string& link, const std::string& path) override;
-  void loadSharableLinkFailedWithError(DBRestClient& client, const NSErrorRef& error) override;
 
  private:
   using ClientRef = std::shared_ptr<DBRestClient>;
@@ -206,11 +185,11 @@ class KZVDropboxFileManager final : public NSObject,
   /// The same on a client of its own, beside whatever mainClient does. `progress` may be empty.
   id requestOnFreshClient(ProgressCallback progress, std::function<void(DBRestClient&)> request,
                           NSErrorRef* error);
-  /// Tells the caller's progress callback (without a fraction: the last one again); its false ends the
-  /// request as stopped by the user.
+  /// Calls the caller's progress callback (without a fraction: with the last one); if it returns false, the
+  /// request ends as stopped by the user.
   static void reportProgress(DBRestClient& client, std::optional<double> fraction);
-  /// Repeats the last report every stopInterval until the request's caller has returned: a stop must be heard
-  /// also while no byte moves.
+  /// Repeats the last report every stopInterval until the request's caller has returned, so that a transfer
+  /// can be stopped while no bytes move.
   static void keepReporting(const std::weak_ptr<DBRestClient>& client);
 
   MetadataRef cachedRecord(const std::string& key) const;
@@ -234,7 +213,7 @@ class KZVDropboxFileManager final : public NSObject,
   /// Runs `step` on dropboxThread() if this object still lives then; does not wait.
   void onServiceThread(std::function<void(KZVDropboxFileManager&)> step);
   /// A delta run has ended with this cursor, or failed. REQUIRES dropboxThread().
-  void tellLongPoll(const std::optional<std::string>& cursor);
+  void notifyLongPoll(const std::optional<std::string>& cursor);
   /// Seconds between two delta runs, as the plug-in's start-up settled them.
   static double deltaInterval();
   static bool isLongPollEnabled();
@@ -245,11 +224,11 @@ class KZVDropboxFileManager final : public NSObject,
   void applyReset(bool hadCursor, Changes& changes);
   void applyEntry(const DBDeltaEntry& entry, bool hadCursor, Changes& changes);
   void reportChanges(Changes changes);
-  /// The same for what a caller has just changed: local copies have gone when it is told that it is done.
+  /// The same for a caller's own changes: local copies have been removed when the call returns.
   void reportOwnChanges(Changes changes);
 
-  /// What the cache knows of `key`: its record, or an empty one when its folder's listing does not hold it;
-  /// nothing when the cache cannot tell.
+  /// The cached record of `key`; a null record when its folder's cached listing does not contain it; nothing
+  /// when neither is cached.
   std::optional<MetadataRef> knownRecord(const std::string& key) const;
   std::optional<std::string> parentRevision(const std::string& path, const WriteBase& base,
                                             const ProgressCallback& progress, bool& isKnown,
@@ -263,10 +242,10 @@ class KZVDropboxFileManager final : public NSObject,
   std::optional<std::chrono::milliseconds> pauseBeforeResuming(DBRestClient& client, const NSErrorRef& error,
                                                                std::int64_t failures);
   void noteUploaded(const std::string& askedKey, const MetadataRef& record);
-  /// Drops `path` with everything below it and the listing that holds it.
+  /// Invalidates `path`, everything below it and the listing that contains it.
   void forget(const std::string& path);
 
-  /// Failures with one cursor after which it is given up: the trouble may be the cursor itself.
+  /// Failures after which a cursor is replaced, because it may be the cause.
   static constexpr int maxFailuresOfCursor = 3;
 
   mutable std::mutex deltaStateMutex_;
@@ -275,7 +254,7 @@ class KZVDropboxFileManager final : public NSObject,
   std::optional<NSDate::Time>
       lastDeltaDate;                 // guarded by deltaStateMutex_: absent means run at the next chance
   bool isDateClearedInRun_ = false;  // guarded by deltaStateMutex_: since the present run began
-  bool isDeltaRunUnderWay_ = false;  // guarded by deltaStateMutex_
+  bool isDeltaRunning_ = false;      // guarded by deltaStateMutex_
   bool isPollWanted_ = false;        // guarded by deltaStateMutex_: after the run under way
   std::uint64_t deltaRuns_ = 0;      // guarded by deltaStateMutex_: begun so far
   int failuresInARow_ = 0;           // guarded by deltaStateMutex_: of delta runs

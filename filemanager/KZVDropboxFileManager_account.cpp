@@ -4,12 +4,3 @@ std::shared_ptr<DBAccountInfo> KZVDropboxFileManager::accountInfo(NSErrorRef* er
   return as<DBAccountInfo>(
       requestOnMainClient([](DBRestClient& client) { client.loadAccountInfo(); }, error));
 }
-
-void KZVDropboxFileManager::loadedAccountInfo(DBRestClient& client,
-                                              const std::shared_ptr<DBAccountInfo>& info) {
-  finish(client, info, nullptr);
-}
-
-void KZVDropboxFileManager::loadAccountInfoFailedWithError(DBRestClient& client, const NSErrorRef& error) {
-  finish(client, nullptr, error);
-}

@@ -74,7 +74,7 @@ void KZVDropboxFileManager::loadDeltaNow(NSErrorRef* error) {
     // The run under way may have asked the service before this call: the one after it counts, whoever makes
     // it.
     const std::uint64_t wanted = deltaRuns_ + 1;
-    deltaRunEnded_.wait(lock, [&] { return !isDeltaRunUnderWay_ || deltaRuns_ > wanted; });
+    deltaRunEnded_.wait(lock, [&] { return !isDeltaRunning_ || deltaRuns_ > wanted; });
     if (deltaRuns_ >= wanted) return;
     beginDeltaRunLocked(*run);
   }
@@ -93,7 +93,7 @@ void KZVDropboxFileManager::pollNow() {
   auto run = std::make_shared<DeltaRun>(shared_from_this());
   {
     const std::lock_guard lock(deltaStateMutex_);
-    if (isDeltaRunUnderWay_) {
+    if (isDeltaRunning_) {
       isPollWanted_ = true;  // it may have asked the service too early
       return;
     }
@@ -105,7 +105,7 @@ void KZVDropboxFileManager::pollNow() {
 KZVDropboxFileManager::DeltaRunRef KZVDropboxFileManager::beginDeltaRun(RunWhen when) {
   auto run = std::make_shared<DeltaRun>(shared_from_this());
   const std::lock_guard lock(deltaStateMutex_);
-  if (isDeltaRunUnderWay_) return nullptr;
+  if (isDeltaRunning_) return nullptr;
   if (when == RunWhen::ifDue && isDeltaRecentLocked()) return nullptr;
   if (Clock::now() < earliestNextRun_) return nullptr;
   beginDeltaRunLocked(*run);
@@ -113,7 +113,7 @@ KZVDropboxFileManager::DeltaRunRef KZVDropboxFileManager::beginDeltaRun(RunWhen 
 }
 
 void KZVDropboxFileManager::beginDeltaRunLocked(DeltaRun& run) {
-  isDeltaRunUnderWay_ = run.hasBegun = true;
+  isDeltaRunning_ = run.hasBegun = true;
   isDateClearedInRun_ = false;
   ++deltaRuns_;
 }
@@ -122,7 +122,7 @@ void KZVDropboxFileManager::endDeltaRun() {
   bool isAnotherWanted = false;
   {
     const std::lock_guard lock(deltaStateMutex_);
-    isDeltaRunUnderWay_ = false;
+    isDeltaRunning_ = false;
     isAnotherWanted = std::exchange(isPollWanted_, false);
   }
   deltaRunEnded_.notify_all();
@@ -219,12 +219,12 @@ void KZVDropboxFileManager::loadedDeltaEntries(DBRestClient& client, const std::
     return;
   }
   noteDeltaRunCompleted(cursor);
-  tellLongPoll(cursor);
+  notifyLongPoll(cursor);
   finish(client, str(cursor), nullptr);
 }
 
 void KZVDropboxFileManager::loadDeltaFailedWithError(DBRestClient& client, const NSErrorRef& error) {
-  tellLongPoll(std::nullopt);
+  notifyLongPoll(std::nullopt);
   finish(client, nullptr, error);  // cursor and date stay as they are
 }
 

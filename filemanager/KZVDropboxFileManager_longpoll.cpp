@@ -13,7 +13,7 @@
 #include "support/KZVDropboxFSSupport.h"
 
 class KZVDropboxFileManager::ChangeWatcher final : public std::enable_shared_from_this<ChangeWatcher>,
-                                                   private LongPoll::Line,
+                                                   private LongPoll::Environment,
                                                    private DBRestClientDelegate {
  public:
   /// @param manager  owns this object.
@@ -85,13 +85,13 @@ void KZVDropboxFileManager::setWatched(bool isWatched) {
   });
 }
 
-void KZVDropboxFileManager::noteLineInterrupted() {
+void KZVDropboxFileManager::noteConnectionInterrupted() {
   onServiceThread([](KZVDropboxFileManager& self) {
     if (self.changeWatcher_) self.changeWatcher_->longPoll().restart();
   });
 }
 
-void KZVDropboxFileManager::tellLongPoll(const std::optional<std::string>& cursor) {
+void KZVDropboxFileManager::notifyLongPoll(const std::optional<std::string>& cursor) {
   const bool broughtChanges = std::exchange(hasRunBroughtChanges_, false);
   if (!changeWatcher_) return;
   if (cursor) {

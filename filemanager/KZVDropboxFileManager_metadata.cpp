@@ -70,16 +70,8 @@ std::optional<std::string> KZVDropboxFileManager::knownFolderPath(const std::str
   return folder ? std::optional(folder->path()) : std::nullopt;
 }
 
-void KZVDropboxFileManager::loadedMetadata(DBRestClient& client, const MetadataRef& metadata) {
-  finish(client, std::const_pointer_cast<DBMetadata>(metadata), nullptr);
-}
-
 void KZVDropboxFileManager::metadataUnchangedAtPath(DBRestClient& client, const std::string& path) {
   MetadataRef cached = synced(*metaCache, [&] { return metaCache->find(MetadataCache::keyOf(path)); });
   finish(client, std::const_pointer_cast<DBMetadata>(cached),
          cached ? nullptr : std::make_shared<NSError>(std::string(DBErrorDomain), DBErrorInvalidResponse));
-}
-
-void KZVDropboxFileManager::loadMetadataFailedWithError(DBRestClient& client, const NSErrorRef& error) {
-  finish(client, nullptr, error);
 }

@@ -72,20 +72,7 @@ void KZVDropboxFileManager::loadedFile(DBRestClient& client, const std::string& 
   finish(client, str(localPath), nullptr);
 }
 
-void KZVDropboxFileManager::loadFileFailedWithError(DBRestClient& client, const NSErrorRef& error) {
-  finish(client, nullptr, error);
-}
-
 void KZVDropboxFileManager::loadProgress(DBRestClient& client, double fraction,
                                          const std::string& /*localPath*/) {
   reportProgress(client, fraction);
-}
-
-void KZVDropboxFileManager::loadedThumbnail(DBRestClient& client, const std::string& localPath,
-                                            const MetadataRef& /*metadata*/) {
-  finish(client, str(localPath), nullptr);
-}
-
-void KZVDropboxFileManager::loadThumbnailFailedWithError(DBRestClient& client, const NSErrorRef& error) {
-  finish(client, nullptr, error);
 }

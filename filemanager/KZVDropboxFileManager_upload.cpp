@@ -72,10 +72,9 @@ std::optional<std::string> storedText(const DBRestClient& client, const NSString
 }
 
 NSErrorRef changedError(const std::string& path) {
-  const auto text = "Could not upload \"" + path + "\": the file changed while it was being sent.";
-  return std::make_shared<NSError>(
-      std::string(DBErrorDomain), DBErrorFileChanged,
-      NSDictionary::with({{NSLocalizedDescriptionKey, str(text)}, {DBErrorPathKey, str(path)}}));
+  return NSError::withText(DBErrorDomain, DBErrorFileChanged,
+                           "Could not upload \"" + path + "\": the file changed while it was being sent.",
+                           {{DBErrorPathKey, str(path)}});
 }
 
 bool hasCode(const NSErrorRef& error, int code) {
@@ -227,15 +226,6 @@ void KZVDropboxFileManager::noteUploaded(const std::string& askedKey, const Meta
   synced(*metaCache, [&] { metaCache->store(key, record); });
 }
 
-void KZVDropboxFileManager::uploadedFile(DBRestClient& client, const std::string& /*destinationPath*/,
-                                         const std::string& /*localPath*/, const MetadataRef& metadata) {
-  finish(client, std::const_pointer_cast<DBMetadata>(metadata), nullptr);
-}
-
-void KZVDropboxFileManager::uploadFileFailedWithError(DBRestClient& client, const NSErrorRef& error) {
-  finish(client, nullptr, error);
-}
-
 void KZVDropboxFileManager::uploadProgress(DBRestClient& client, double fraction,
                                            const std::string& /*destinationPath*/,
                                            const std::string& /*localPath*/) {
@@ -272,7 +262,7 @@ void KZVDropboxFileManager::uploadedFileChunk(DBRestClient& client, const std::s
 }
 
 // Failures are counted over the whole upload and never forgotten after a chunk that worked, on purpose: a
-// connection that drops every other chunk ends here and does not go on all night. Being told to wait is no
+// connection that drops every other chunk must not keep an upload busy for hours. A request to wait is no
 // failure; it ends the upload when the service has not taken a chunk for maxWait.
 void KZVDropboxFileManager::uploadFileChunkFailedWithError(DBRestClient& client, const NSErrorRef& error) {
   const auto counted = as<NSNumber>(objForKey(client, KZVDFMErrorCountKey()));
@@ -304,12 +294,12 @@ std::optional<milliseconds> KZVDropboxFileManager::pauseBeforeResuming(DBRestCli
                                                                        std::int64_t failures) {
   using std::chrono::seconds;
   constexpr seconds maxWait{300};
-  if (const auto told = as<NSNumber>(error->detail(DBErrorRetryAfterKey))) {
+  if (const auto requested = as<NSNumber>(error->detail(DBErrorRetryAfterKey))) {
     const auto stored = as<NSNumber>(objForKey(client, KZVDFMUploadWaitKey()));
     const milliseconds waited(stored ? stored->int64Value() : 0);
-    const seconds wait = std::clamp(seconds(told->int64Value()), seconds(0), maxWait + seconds(1));
+    const seconds wait = std::clamp(seconds(requested->int64Value()), seconds(0), maxWait + seconds(1));
     if (wait > maxWait - waited) return std::nullopt;
-    // "0 seconds" must neither become a tight loop nor go on for ever.
+    // "0 seconds" must become neither a busy loop nor an endless one.
     const auto pause = wait + spread(std::clamp<milliseconds>(waited / 2, milliseconds(50), seconds(5)));
     setObj(client, NSNumber::withInt((waited + pause).count()), KZVDFMUploadWaitKey());
     return pause;
@@ -324,21 +314,9 @@ void KZVDropboxFileManager::uploadFileChunkProgress(DBRestClient& client, double
                                                     const std::string& localPath) {
   const auto sizeBytes = NSFileManager::defaultManager().fileSize(localPath).value_or(0);
   if (sizeBytes == 0) return;
-  // The layer tells how much of this chunk is gone; a chunk is at most its own size or what is left of the
-  // file.
+  // The client layer reports the fraction of this chunk; the last chunk of a file may be shorter.
   const double chunkBytes = std::min(static_cast<double>(DBRestClient::uploadChunkSizeBytes()),
                                      static_cast<double>(sizeBytes) - static_cast<double>(offset));
   const double sentBytes = static_cast<double>(offset) + fraction * std::max(chunkBytes, 0.0);
   reportProgress(client, std::min(sentBytes / static_cast<double>(sizeBytes), 1.0));
-}
-
-void KZVDropboxFileManager::uploadedFileFromUploadId(DBRestClient& client,
-                                                     const std::string& /*destinationPath*/,
-                                                     const std::string& /*uploadId*/,
-                                                     const MetadataRef& metadata) {
-  finish(client, std::const_pointer_cast<DBMetadata>(metadata), nullptr);
-}
-
-void KZVDropboxFileManager::uploadFromUploadIdFailedWithError(DBRestClient& client, const NSErrorRef& error) {
-  finish(client, nullptr, error);
 }

@@ -25,14 +25,14 @@ void LongPoll::setWatched(bool isWatched) {
   if (isWatched) {
     begin();
   } else {
-    if (state_ == State::waiting) line_.cancelWait();
+    if (state_ == State::waiting) environment_.cancelWait();
     state_ = State::off;
   }
 }
 
 void LongPoll::restart() {
   failures_ = emptyWakeUps_ = 0;
-  if (state_ == State::waiting) line_.cancelWait();
+  if (state_ == State::waiting) environment_.cancelWait();
   if (state_ == State::waiting || state_ == State::pausing) begin();
 }
 
@@ -43,18 +43,18 @@ void LongPoll::begin() {
   }
   state_ = State::waiting;
   askedCursor_ = *cursor_;
-  askedAt_ = line_.now();
-  line_.wait(askedCursor_, waitLimit);
+  askedAt_ = environment_.now();
+  environment_.wait(askedCursor_, waitLimit);
 }
 
 void LongPoll::pauseThenBegin(Clock::duration pause) {
-  const auto roundLeft = shortestRound - (line_.now() - askedAt_);
+  const auto roundLeft = shortestRound - (environment_.now() - askedAt_);
   pause = std::max({pause, roundLeft, Clock::duration::zero()});
   if (pause == Clock::duration::zero()) return begin();
   constexpr double spread = 0.2;
   state_ = State::pausing;
-  line_.startPause(
-      std::chrono::duration_cast<Clock::duration>(pause * (1 + spread * line_.randomFraction())));
+  environment_.startPause(
+      std::chrono::duration_cast<Clock::duration>(pause * (1 + spread * environment_.randomFraction())));
 }
 
 LongPoll::Clock::duration LongPoll::growingPause(int failures) {
@@ -72,7 +72,7 @@ void LongPoll::polled(const std::string& cursor, bool broughtChanges) {
       // Others have fetched what it waits for. An answer that is on its way would lead to a poll for nothing,
       // and one that does not come means that the connection is dead.
       if (!broughtChanges || askedCursor_ == cursor) break;
-      line_.cancelWait();
+      environment_.cancelWait();
       pauseThenBegin({});
       break;
     case State::polling:
@@ -91,14 +91,14 @@ void LongPoll::pollFailed() {
 
 void LongPoll::answered(bool changes, std::chrono::seconds backoff) {
   if (state_ != State::waiting) return;
-  const bool cameTooEarly = !changes && line_.now() - askedAt_ < shortestWait;
+  const bool cameTooEarly = !changes && environment_.now() - askedAt_ < shortestWait;
   failures_ = cameTooEarly ? failures_ + 1 : 0;
   // The change may have been fetched meanwhile; if there is another one, the next request is answered at
   // once.
   if (changes && cursor_ == askedCursor_) {
     state_ = State::polling;
     pauseAfterPoll_ = backoff;
-    line_.poll();
+    environment_.poll();
     return;
   }
   pauseThenBegin(std::max<Clock::duration>(backoff, cameTooEarly ? growingPause(failures_) : 0s));
@@ -108,7 +108,7 @@ void LongPoll::failed(std::chrono::seconds retryAfter) {
   if (state_ != State::waiting) return;
   // Some networks cut what is silent for a while: when it could wait for long enough, it is worth its
   // request.
-  failures_ = line_.now() - askedAt_ < shortestWait ? failures_ + 1 : 1;
+  failures_ = environment_.now() - askedAt_ < shortestWait ? failures_ + 1 : 1;
   pauseThenBegin(std::max<Clock::duration>(retryAfter, growingPause(failures_)));
 }
 

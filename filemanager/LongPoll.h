@@ -4,23 +4,23 @@
 #include <optional>
 #include <string>
 
-/// Decides when a request that waits at the service for the account's next change (list_folder/longpoll) is
-/// sent, and what its answer leads to: an early poll. It applies no change itself, and where it fails nothing
-/// is lost, since the timer polls all the same.
+/// Decides when to send the request that waits at the service for the account's next change
+/// (list_folder/longpoll). Its answer leads to an early poll; it applies no changes itself, and if it fails,
+/// the timer still polls.
 ///
-/// One request waits at a time, and only while there is a cursor and somebody watches the account. Between
-/// two of them it keeps what the service asks for (`backoff`), and longer pauses after failures and after
-/// wake-ups that led to nothing. Pauses are spread by chance, so that many clients do not come back together.
+/// One request waits at a time, and only while there is a cursor and the account is watched. Between two
+/// requests it pauses for as long as the service asks (`backoff`), and longer after failures and wake-ups
+/// without changes. Pauses are randomised, so that many clients do not return together.
 ///
-/// Threads: none of its own and no locks; every member belongs to one thread, on which its Line calls back.
+/// Threads: none of its own and no locks; all members run on one thread, on which its Environment calls back.
 class LongPoll {
  public:
   using Clock = std::chrono::steady_clock;
 
   /// What it acts through.
-  class Line {
+  class Environment {
    public:
-    virtual ~Line() = default;
+    virtual ~Environment() = default;
     /// Sends the request that waits; answered() or failed() follows, unless it is cancelled before.
     /// @param limit  how long the service may let it wait when nothing changes, but for some time by chance.
     virtual void wait(const std::string& cursor, std::chrono::seconds limit) = 0;
@@ -35,30 +35,30 @@ class LongPoll {
   };
 
   /// @param line  must outlive this object.
-  explicit LongPoll(Line& line) : line_(line) {}
+  explicit LongPoll(Environment& environment) : environment_(environment) {}
   LongPoll(const LongPoll&) = delete;
   LongPoll& operator=(const LongPoll&) = delete;
 
-  /// Somebody watches the account from now on, or nobody does any more.
+  /// Whether anyone watches the account.
   void setWatched(bool isWatched);
-  /// The line was interrupted, as after the machine slept or moved to another network: what waits may never
-  /// be answered, and earlier failures say nothing any more.
+  /// The connection was interrupted (the machine slept or changed networks): the waiting request may never be
+  /// answered, and earlier failures no longer count.
   void restart();
 
-  /// A poll has ended, whoever asked for it.
-  /// @param broughtChanges  whether it told of changes since the cursor before.
+  /// Any poll has ended, also one of the timer.
+  /// @param broughtChanges  whether there were changes since the previous cursor.
   void polled(const std::string& cursor, bool broughtChanges);
   void pollFailed();
 
-  // From the line.
+  // Called by the environment.
   void answered(bool changes, std::chrono::seconds backoff);
-  /// @param retryAfter  how long the service asks to be left alone.
+  /// @param retryAfter  the pause that the service asks for.
   void failed(std::chrono::seconds retryAfter);
   void pauseEnded();
 
  private:
   enum class State {
-    off,      // nobody watches, or there is no cursor
+    off,      // not watched, or without a cursor
     waiting,  // at the service
     polling,  // until the poll that it asked for has ended
     pausing
@@ -67,7 +67,7 @@ class LongPoll {
   void pauseThenBegin(Clock::duration pause);
   Clock::duration growingPause(int failures);
 
-  Line& line_;
+  Environment& environment_;
   State state_ = State::off;
   bool isWatched_ = false;
   std::optional<std::string> cursor_;  // the account's newest

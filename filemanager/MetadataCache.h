@@ -10,12 +10,11 @@
 #include "foundation/NSObject.h"
 #include "sdk/DBMetadata.h"
 
-/// What one account's tree is known to hold: records by path, kept folder by folder so that a whole subtree
-/// can be dropped at the price of its folders. Also knows which fetches are under way, so that an answer that
-/// was overtaken by a change is not kept.
+/// Cache of one account's records by path, grouped by folder so that invalidating a subtree costs its folders
+/// only. Also tracks fetches in flight, so that an answer that a change has made stale is not cached.
 ///
-/// Until startKeeping() nothing is kept at all: before the change feed has a cursor, nobody would learn that
-/// a record has changed.
+/// Nothing is cached until startKeeping(): without a cursor of the change feed a cached record would never be
+/// invalidated.
 ///
 /// Threads: every member REQUIRES synced(cache): the cache object is its own lock. Keys come from keyOf only.
 class MetadataCache final : public NSObject {
@@ -30,9 +29,9 @@ class MetadataCache final : public NSObject {
   /// The key of a record: the service's own lower-cased path, so that its change feed finds the entry again.
   static std::string keyOf(const DBMetadata& record);
 
-  /// Keeps what is stored and fetched from now on. Call it when the feed's first cursor is there; further
-  /// calls do nothing. True when something was fetched, or is being fetched, that could not be kept: whoever
-  /// was shown it may have missed a change.
+  /// Caches what is stored and fetched from now on. To be called with the feed's first cursor; further calls
+  /// do nothing. True when records were fetched, or are being fetched, that were not cached: their users may
+  /// have missed a change.
   bool startKeeping();
   Record find(std::string_view key) const;
   void store(std::string_view key, Record record);

@@ -1,8 +1,8 @@
 #pragma once
 #include "foundation/NSString.h"
 
-/// The keys under which a request's state hangs on the client that carries it. Used by identity: each
-/// function returns one constant object, whose text is its name for the sake of logs.
+/// The keys under which a request's state is attached to its client. Used by identity: each function returns
+/// one constant object, whose text is its name for logs.
 
 inline const NSString& KZVDFMLockKey() {  // NSCondition that the caller waits on
   static const auto& key = *new NSString("KZVDFMLockKey");

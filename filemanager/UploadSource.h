@@ -7,9 +7,8 @@
 #include "foundation/Descriptor.h"
 #include "foundation/NSError.h"
 
-/// The local file of one upload. What can be read is what is sent: where the file system tells another size
-/// than a reader finds (as procfs and sysfs do), the content is first copied into an unnamed temporary file.
-/// One thread.
+/// The local file of one upload. Where the file system reports another size than can be read (procfs, sysfs),
+/// the content is first copied into an unnamed temporary file. One thread.
 class UploadSource {
  public:
   /// Opens the regular file at `path`. Blocks for the disk.

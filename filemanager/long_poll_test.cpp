@@ -15,7 +15,7 @@ using Clock = LongPoll::Clock;
 
 /// A service and a clock that a test moves. Notes what the long poll does, as "wait c1", "cancel", "poll",
 /// "pause 2".
-class SimulatedLine final : public LongPoll::Line {
+class SimulatedEnvironment final : public LongPoll::Environment {
  public:
   void wait(const std::string& cursor, std::chrono::seconds limit) override {
     notes.push_back("wait " + cursor);
@@ -54,7 +54,7 @@ class LongPollTest : public testing::Test {
     poll.setWatched(true);
     line.takeNotes();
   }
-  SimulatedLine line;
+  SimulatedEnvironment line;
   LongPoll poll{line};
 };
 
@@ -129,7 +129,7 @@ TEST_F(LongPollTest, WhatComesOfEachAnswer) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    SimulatedLine own;
+    SimulatedEnvironment own;
     LongPoll fresh(own);
     fresh.polled("c1", false);
     fresh.setWatched(true);

@@ -4,9 +4,8 @@
 
 #include "foundation/NSObject.h"
 
-/// Releases the members of a container that is being destroyed, here and now while the stack is shallow, and
-/// in turn once containers have been nested `deepest` times: data read from outside may be nested deeper than
-/// the stack. Any thread.
+/// Releases the members of a container that is being destroyed: recursively down to a nesting of `deepest`,
+/// below that iteratively, because data from outside may be nested deeper than the stack allows. Any thread.
 class ContainerTeardown {
  public:
   using Items = std::vector<id>;

@@ -16,8 +16,8 @@ namespace {
 
 constexpr std::chrono::milliseconds retryPause{5};
 
-/// The process that holds the flock of an open file, from /proc/locks (see proc(5)): "1: FLOCK ADVISORY WRITE
-/// 1234 08:02:5678 0 EOF". 0 when the system does not tell, as for processes of another container.
+/// The process that holds the flock of an open file, from /proc/locks (proc(5)): "1: FLOCK ADVISORY WRITE
+/// 1234 08:02:5678 0 EOF". 0 when it is not listed, as for processes of another container.
 pid_t holderOf(int file) {
   struct stat status {};
   if (::fstat(file, &status) != 0) return 0;
@@ -26,8 +26,8 @@ pid_t holderOf(int file) {
     std::istringstream words(line);
     std::string number, kind, mode, access, place;
     pid_t process = 0;
-    // A process that waits has "->" for its kind. The device is left out: on stacked file systems it is
-    // another one than stat's.
+    // A waiting process has "->" for its kind. The device is not compared: on stacked file systems it differs
+    // from stat's.
     words >> number >> kind >> mode >> access >> process >> place;
     const auto inode = place.rfind(':');
     if (kind == "FLOCK" && inode != std::string::npos &&
@@ -49,19 +49,28 @@ NSErrorRef heldError(const std::string& path, pid_t holder) {
   const std::string who = holder <= 0    ? "another process"
                           : name.empty() ? fmt::format("process {}", holder)
                                          : fmt::format("{} (process {})", name, holder);
-  return std::make_shared<NSError>(
-      std::string(NSPOSIXErrorDomain), EWOULDBLOCK,
-      NSDictionary::with(
-          {{NSLocalizedDescriptionKey, str(fmt::format("{} is in use: {} holds its lock", path, who))},
-           {NSFilePathErrorKey, str(path)}}));
+  return NSError::withText(NSPOSIXErrorDomain, EWOULDBLOCK,
+                           fmt::format("{} is in use: {} holds its lock", path, who),
+                           {{NSFilePathErrorKey, str(path)}});
 }
 
 }  // namespace
 
 FileLock::FileLock(const std::string& path, std::chrono::milliseconds patience)
-    : file_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
+    : FileLock(AT_FDCWD, path, O_CREAT, patience) {}
+
+FileLock::FileLock(const Descriptor& folder, const std::string& name, LockFile lockFile,
+                   std::chrono::milliseconds patience)
+    : FileLock(folder.number(), name,
+               lockFile == LockFile::create      ? O_CREAT
+               : lockFile == LockFile::createNew ? O_CREAT | O_EXCL
+                                                 : 0,
+               patience) {}
+
+FileLock::FileLock(int folder, const std::string& name, int flags, std::chrono::milliseconds patience)
+    : file_(::openat(folder, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | flags, 0600)) {
   if (!file_.isOpen()) {
-    error_ = NSError::posix(errno, path);
+    error_ = NSError::posix(errno, name);
     return;
   }
   const auto deadline = std::chrono::steady_clock::now() + patience;
@@ -69,13 +78,17 @@ FileLock::FileLock(const std::string& path, std::chrono::milliseconds patience)
     const int reason = errno;
     const bool isHeldElsewhere = reason == EWOULDBLOCK;
     if (reason != EINTR && !isHeldElsewhere) {
-      error_ = NSError::posix(reason, path);
+      error_ = NSError::posix(reason, name);
       return;
     }
     if (std::chrono::steady_clock::now() >= deadline) {
-      error_ = heldError(path, holderOf(file_.number()));
+      error_ = heldError(name, holderOf(file_.number()));
       return;
     }
     std::this_thread::sleep_for(retryPause);
   }
+  struct stat status {};
+  const bool isThere =
+      ::fstat(file_.number(), &status) == 0 && status.st_nlink > 0 && S_ISREG(status.st_mode);
+  if (!isThere) error_ = NSError::posix(ENOENT, name);
 }

@@ -1,7 +1,7 @@
 #pragma once
 
-/// Who may read a file or folder that is made on this computer.
+/// The permissions of a file or folder that is created on this computer.
 enum class LocalAccess {
-  byUmask,   // as the umask decides: the user's own, from the start
-  ownerOnly  // 0600 for files, 0700 for folders, whatever the umask says
+  byUmask,   // the default permissions less the umask
+  ownerOnly  // 0600 for files, 0700 for folders
 };

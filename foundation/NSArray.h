@@ -4,9 +4,8 @@
 
 #include "foundation/NSObject.h"
 
-/// A fixed row of objects, none of them empty (NSNull stands for nothing). May be nested to any depth;
-/// isEqual and description walk into it recursively, so they are for data whose depth was checked when it was
-/// read.
+/// An immutable array of objects, none of them empty (NSNull represents null). May be nested to any depth;
+/// isEqual and description are recursive, so they are for data whose depth was limited when it was read.
 class NSArray final : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::array;

@@ -8,7 +8,6 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include "foundation/NSString.h"
 #include "foundation/Paths.h"
 
 namespace {
@@ -20,9 +19,7 @@ LoadedBundles& loaded() {
   static auto& bundles = *new LoadedBundles;
   return bundles;
 }
-}  // namespace
 
-namespace {
 std::string absolutePath(const std::string& path) {
   std::error_code code;
   const auto absolute = std::filesystem::absolute(path, code);
@@ -45,11 +42,7 @@ bool NSBundle::load(NSErrorRef* error) {
   void* const handle = ::dlopen(code.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
   if (!handle) {
     const char* reason = ::dlerror();
-    setError(
-        error,
-        std::make_shared<NSError>(
-            "NSBundle", 1,
-            NSDictionary::with({{NSLocalizedDescriptionKey, str(reason ? reason : "cannot load " + code)}})));
+    setError(error, NSError::withText("NSBundle", 1, reason ? reason : "cannot load " + code));
     return false;
   }
   handle_ = handle;
@@ -62,10 +55,8 @@ void* NSBundle::symbol(const std::string& name) const {
   return handle ? ::dlsym(handle, name.c_str()) : nullptr;
 }
 
-std::string NSBundle::pathForResource(const std::string& fileName, const std::string& subfolder) const {
-  std::string path = appendingPathComponent(path_, "Resources");
-  if (!subfolder.empty()) path = appendingPathComponent(path, subfolder);
-  path = appendingPathComponent(path, fileName);
+std::string NSBundle::pathForResource(const std::string& fileName) const {
+  const std::string path = appendingPathComponent(appendingPathComponent(path_, "Resources"), fileName);
   return ::access(path.c_str(), R_OK) == 0 ? path : "";
 }
 

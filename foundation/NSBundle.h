@@ -11,25 +11,24 @@
 /// A folder "NAME.bundle" with loadable code (NAME.so) and resources (Resources/). Any thread.
 class NSBundle final : public NSObject {
  public:
-  /// A relative `path` counts from the current folder now.
+  /// A relative `path` is resolved against the current folder.
   explicit NSBundle(const std::string& path);
 
   /// Absolute.
   const std::string& bundlePath() const noexcept { return path_; }
-  /// Loads the code (once, also when several threads ask) and adds the bundle to loadedBundles(). Code stays
-  /// loaded for the life of the process: its threads may run until the end. Blocks while the disk and the
-  /// code's initialisers take. An error is in NSPOSIXErrorDomain when the file cannot be read, else in domain
-  /// "NSBundle" with the loader's reason.
+  /// Loads the code (once, also when several threads ask) and adds the bundle to loadedBundles(). The code is
+  /// never unloaded: its threads may run until the process ends. Blocks for the disk and the code's
+  /// initialisers. The error is in NSPOSIXErrorDomain when the file cannot be read, else in domain "NSBundle"
+  /// with the loader's reason.
   bool load(NSErrorRef* error = nullptr);
   /// The address of a function or object that the loaded code exports, or null; also null before load().
   void* symbol(const std::string& name) const;
-  /// The absolute path of a resource file, or empty. `subfolder` may be empty (e.g. "de.lproj").
-  std::string pathForResource(const std::string& fileName, const std::string& subfolder = {}) const;
+  /// The absolute path of a resource file, or empty when there is none.
+  std::string pathForResource(const std::string& fileName) const;
 
   /// The bundles whose resources imageNamed and L search, in order of loading.
   static std::vector<std::shared_ptr<NSBundle>> loadedBundles();
-  /// Adds resources without code, for programs that have the code linked in.
-  /// A folder that is there already is not added again.
+  /// Adds resources without code, for programs that have the code linked in. A folder is added only once.
   static void addResources(std::shared_ptr<NSBundle> bundle);
 
  private:

@@ -1,5 +1,6 @@
 #pragma once
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "foundation/NSNumber.h"
@@ -11,34 +12,24 @@ class NSDecimalNumber final : public NSNumber {
   /// Reads [+-]digits[.digits][(e|E)[+-]digits]. More than 38 digits are rounded half up. Nothing when the
   /// text has another form or the exponent is out of range.
   static std::shared_ptr<NSDecimalNumber> fromString(std::string_view text);
+  /// The stringValue of the number that `text` denotes; nothing as with fromString.
+  static std::optional<std::string> canonicalText(std::string_view text);
   /// The one constant; equal to itself only.
   static const std::shared_ptr<NSDecimalNumber>& notANumber();
 
+  /// `text` is a canonicalText(), or "NaN". For callers that have memory for the object; others use
+  /// fromString.
+  explicit NSDecimalNumber(std::string text) : NSNumber(Origin::decimal), text_(std::move(text)) {}
+
   std::int64_t int64Value() const noexcept override;
   double doubleValue() const noexcept override;
-  bool isNaN() const noexcept override { return isNaN_; }
+  bool isNaN() const noexcept override { return text_ == "NaN"; }
   /// Never with an exponent ("1000", "0.001"), without trailing zeros after the point; minus zero is "0".
-  std::string stringValue() const override;
+  std::string stringValue() const override { return text_; }
+  const std::string& text() const noexcept { return text_; }
 
  private:
-  __extension__ using Mantissa = unsigned __int128;  // 38 digits need 127 bits
-
- public:  // for make_shared; use fromString and notANumber
-  struct Parts {
-    Mantissa mantissa = 0;  // without trailing zeros
-    int exponent = 0;
-    bool isNegative = false;
-    bool isNaN = false;
-  };
-  explicit NSDecimalNumber(const Parts& parts);
-  /// What fromString makes its object of, for who has memory for the object already.
-  static std::optional<Parts> partsOf(std::string_view text);
-
- private:
-  const Mantissa mantissa_;
-  const int exponent_;
-  const bool isNegative_;
-  const bool isNaN_;
+  const std::string text_;
 };
 
 /// Shares the kind of all numbers, so the origin decides.

@@ -9,12 +9,22 @@
 NSError::NSError(std::string domain, std::int64_t code, std::shared_ptr<NSDictionary> userInfo)
     : domain_(std::move(domain)), code_(code), userInfo_(std::move(userInfo)) {}
 
+NSErrorRef NSError::withText(std::string_view domain, std::int64_t code, std::string text, Details more) {
+  NSDictionary::Entries details;
+  details.reserve(more.size() + 1);
+  details.emplace_back(str(std::string(NSLocalizedDescriptionKey)), str(std::move(text)));
+  for (const auto& [key, value] : more) {
+    if (value) details.emplace_back(str(std::string(key)), value);
+  }
+  return std::make_shared<NSError>(std::string(domain), code,
+                                   std::make_shared<NSDictionary>(std::move(details)));
+}
+
 NSErrorRef NSError::posix(int errnoValue, std::string_view path) {
   std::string reason = std::generic_category().message(errnoValue);
   if (!path.empty()) reason = fmt::format("{}: {}", path, reason);
-  return std::make_shared<NSError>(std::string(NSPOSIXErrorDomain), errnoValue,
-                                   NSDictionary::with({{NSLocalizedDescriptionKey, str(std::move(reason))},
-                                                       {NSFilePathErrorKey, str(std::string(path))}}));
+  return withText(NSPOSIXErrorDomain, errnoValue, std::move(reason),
+                  {{NSFilePathErrorKey, str(std::string(path))}});
 }
 
 std::string NSError::localizedDescription() const {

@@ -22,7 +22,7 @@ bool fail(NSErrorRef* error, int errnoValue, const std::string& path) {
   return false;
 }
 
-/// As mkostemp takes it: each X becomes a letter or a digit.
+/// For mkostemp, which replaces each X by a letter or a digit.
 constexpr std::string_view atomicWriteName = ".kzv-XXXXXX";
 
 bool holdsNul(std::string_view path) { return path.find('\0') != std::string_view::npos; }
@@ -37,7 +37,7 @@ bool writeAll(int file, std::string_view bytes) {
   return true;
 }
 
-/// A rename is on the disk only when the folder that holds the name is.
+/// A rename is durable only once its folder has been synced.
 void syncFolderOf(const std::string& path) {
   std::string name = deletingLastPathComponent(path);
   if (name.empty()) name = ".";
@@ -54,7 +54,7 @@ NSFileManager& NSFileManager::defaultManager() {
 
 bool NSFileManager::removeItemAtPath(const std::string& path, NSErrorRef* error) {
   if (holdsNul(path)) return fail(error, EINVAL, path);
-  // With its slash the system would look behind a link.
+  // A trailing slash would make the system follow a link.
   std::string item = path;
   while (item.size() > 1 && item.ends_with('/')) item.pop_back();
   std::error_code code;
@@ -108,7 +108,7 @@ bool writeFile(const std::string& path, std::string_view bytes, NSErrorRef* erro
 
 bool writeFileAtomically(const std::string& path, std::string_view bytes, unsigned mode, NSErrorRef* error) {
   if (holdsNul(path)) return fail(error, EINVAL, path);
-  // A name of its own, not one made longer: the file's may have the greatest length already.
+  // Not the file's name with a suffix: it may already have the maximum length.
   std::string temporary = appendingPathComponent(deletingLastPathComponent(path), atomicWriteName);
   Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!file.isOpen()) return fail(error, errno, path);
@@ -137,18 +137,23 @@ std::optional<std::string> readFile(const std::string& path, std::uint64_t limit
     return std::nullopt;
   };
   if (holdsNul(path)) return refuse(EINVAL);
-  // A pipe must not make us wait, a terminal must not become ours.
+  // Opening must not wait for the writer of a pipe, nor make a terminal this process's own.
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
   if (!file.isOpen() || ::fstat(file.number(), &status) != 0) return refuse(errno);
   if (!S_ISREG(status.st_mode)) return refuse(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
   if (static_cast<std::uint64_t>(status.st_size) > limitBytes) return refuse(EFBIG);
-  std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
+  auto bytes = readAll(file, static_cast<std::size_t>(status.st_size));
+  return bytes ? bytes : refuse(errno);
+}
+
+std::optional<std::string> readAll(const Descriptor& file, std::size_t sizeBytes) {
+  std::string bytes(sizeBytes, '\0');
   std::size_t filled = 0;
   while (filled < bytes.size()) {
     const ssize_t count = ::read(file.number(), bytes.data() + filled, bytes.size() - filled);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return refuse(errno);
+    if (count < 0) return std::nullopt;
     if (count == 0) break;
     filled += static_cast<std::size_t>(count);
   }

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "foundation/Descriptor.h"
 #include "foundation/NSError.h"
 #include "foundation/NSURL.h"
 
@@ -16,19 +17,19 @@ inline constexpr std::string_view NSFileTypeRegular = "NSFileTypeRegular";
 inline constexpr std::string_view NSFileSystemSize = "NSFileSystemSize";
 inline constexpr std::string_view NSFileSystemFreeSize = "NSFileSystemFreeSize";
 
-/// The local disk. Calls block for as long as the disk takes; errors are in NSPOSIXErrorDomain. A path that
-/// holds a NUL is refused (EINVAL): the system would take it for the shorter one before it. Any thread; the
-/// same holds for the functions below.
+/// The local disk. Calls block for the disk; errors are in NSPOSIXErrorDomain. A path with a NUL is refused
+/// (EINVAL), because the system would cut it there. Any thread. All of this also holds for the functions
+/// below.
 class NSFileManager {
  public:
   static NSFileManager& defaultManager();
 
-  /// Removes a file or a folder with everything in it; a link goes, what it points to stays, also when the
-  /// path ends in a slash. What does not exist is an error.
+  /// Removes a file, or a folder with everything in it; of a link the link itself, also when the path ends in
+  /// a slash. A missing item is an error.
   bool removeItemAtPath(const std::string& path, NSErrorRef* error = nullptr);
   bool removeItemAtURL(const NSURL& url, NSErrorRef* error = nullptr);
-  /// Creates a folder (mode 0777 less the umask) and, when asked, what is missing above it; then an existing
-  /// folder is fine.
+  /// Creates a folder (mode 0777 less the umask), optionally with missing parents; then an existing folder is
+  /// no error.
   bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
                              NSErrorRef* error = nullptr);
   /// Size in bytes of the regular file at `path`.
@@ -37,15 +38,17 @@ class NSFileManager {
 
 /// Writes a whole file, in place (not atomically): on failure part of it may be written.
 bool writeFile(const std::string& path, std::string_view bytes, NSErrorRef* error = nullptr);
-/// Replaces a whole file so that a reader, or the next start after a power cut, finds the old bytes or the
-/// new ones and nothing between: written beside it under a hidden name with `mode` (the umask does not
-/// count), synced, renamed over it, folder synced. On failure the old file stands and nothing else is left.
+/// Replaces a whole file so that a reader, or the next start after a power failure, finds either the old
+/// bytes or the new ones: written beside it under a hidden name with exactly `mode`, synced, renamed over it,
+/// folder synced. On failure the old file stays and no other is left.
 bool writeFileAtomically(const std::string& path, std::string_view bytes, unsigned mode,
                          NSErrorRef* error = nullptr);
-/// Whether a name is one that writeFileAtomically gives to a file that it is writing: what a process that was
-/// killed meanwhile leaves behind.
+/// Whether `name` is one of writeFileAtomically's temporary names: a process that was killed leaves such a
+/// file.
 bool isAtomicWriteName(std::string_view name);
 /// The bytes of a regular file of at most `limitBytes`; a larger file (EFBIG), a folder (EISDIR), a pipe or
 /// device (EINVAL) is an error. Never hangs.
 std::optional<std::string> readFile(const std::string& path, std::uint64_t limitBytes,
                                     NSErrorRef* error = nullptr);
+/// The next `sizeBytes` bytes of an open file, fewer at its end; nothing, with errno, when reading fails.
+std::optional<std::string> readAll(const Descriptor& file, std::size_t sizeBytes);

@@ -8,7 +8,6 @@
 
 #include "foundation/NSBundle.h"
 #include "foundation/NSFileManager.h"
-#include "foundation/NSString.h"
 
 namespace {
 
@@ -82,9 +81,7 @@ bool NSImage::writePNG(const std::string& path, NSErrorRef* error) const {
   gsize size = 0;
   GError* failure = nullptr;
   if (!gdk_pixbuf_save_to_buffer(pixels_->pixbuf.get(), &bytes, &size, "png", &failure, nullptr)) {
-    setError(error,
-             std::make_shared<NSError>(
-                 "NSImage", 1, NSDictionary::with({{NSLocalizedDescriptionKey, str(failure->message)}})));
+    setError(error, NSError::withText("NSImage", 1, failure->message));
     g_error_free(failure);
     return false;
   }

@@ -2,16 +2,11 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string>
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "foundation/SecretText.h"
 
@@ -33,41 +28,21 @@ spdlog::level::level_enum spdLevel(NSLogLevel level) {
   return spdlog::level::off;
 }
 
-std::shared_ptr<spdlog::logger> loggerTo(spdlog::sink_ptr sink) {
-  auto logger = std::make_shared<spdlog::logger>("kzv", std::move(sink));
-  logger->set_pattern("%Y-%m-%dT%H:%M:%S.%e %l %v");
-  logger->set_level(spdlog::level::debug);
-  logger->flush_on(spdlog::level::debug);
-  return logger;
+std::atomic<NSLogLevel> leastLevel{NSLogLevel::warning};
+
+/// Never destroyed: threads log until the process ends.
+spdlog::logger& logger() {
+  static auto& instance = *[] {
+    auto* made = new spdlog::logger("kzv", std::make_shared<spdlog::sinks::stderr_sink_mt>());
+    made->set_pattern("%Y-%m-%dT%H:%M:%S.%e %l %v");
+    made->set_level(spdlog::level::debug);
+    made->flush_on(spdlog::level::debug);
+    return made;
+  }();
+  return instance;
 }
 
-/// spdlog creates files as the umask says; ours must be private from the first byte. Null when it cannot be.
-spdlog::sink_ptr privateFileSink(const std::string& path) {
-  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  if (file < 0) return nullptr;
-  ::close(file);
-  return std::make_shared<spdlog::sinks::basic_file_sink_mt>(path);
-}
-
-/// The logger in use; swapped whole, so that a line under way keeps the one it began with. Never destroyed.
-struct Current {
-  std::atomic<NSLogLevel> level{NSLogLevel::warning};
-  std::mutex mutex;
-  std::shared_ptr<spdlog::logger> logger =
-      loggerTo(std::make_shared<spdlog::sinks::stderr_sink_mt>());  // guarded by mutex
-};
-
-Current& current() {
-  static auto& state = *new Current;
-  return state;
-}
-
-std::shared_ptr<spdlog::logger> currentLogger() {
-  const std::lock_guard lock(current().mutex);
-  return current().logger;
-}
-
-/// A file name may hold a line feed, and a line feed would forge a line.
+/// File names may hold line feeds, which would forge a line.
 std::string onOneLine(std::string_view text) {
   std::string line;
   line.reserve(text.size());
@@ -85,23 +60,8 @@ std::string onOneLine(std::string_view text) {
 }  // namespace
 
 void NSLog(NSLogLevel level, std::string_view function, std::string_view message) {
-  if (level < current().level.load(std::memory_order_relaxed)) return;
-  currentLogger()->log(spdLevel(level), "{}: {}", function, onOneLine(withoutSecrets(message)));
+  if (level < leastLevel.load(std::memory_order_relaxed)) return;
+  logger().log(spdLevel(level), "{}: {}", function, onOneLine(withoutSecrets(message)));
 }
 
-void setLogLevel(NSLogLevel level) { current().level = level; }
-
-bool setLogFile(std::string_view path) {
-  spdlog::sink_ptr sink;
-  try {
-    if (!path.empty()) sink = privateFileSink(std::string(path));
-  } catch (const spdlog::spdlog_ex&) {
-    sink = nullptr;
-  }
-  const bool isOpen = path.empty() || sink;
-  if (!sink) sink = std::make_shared<spdlog::sinks::stderr_sink_mt>();
-  auto logger = loggerTo(std::move(sink));
-  const std::lock_guard lock(current().mutex);
-  current().logger = std::move(logger);
-  return isOpen;
-}
+void setLogLevel(NSLogLevel level) { leastLevel = level; }

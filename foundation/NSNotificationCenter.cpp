@@ -31,15 +31,15 @@ void NSNotificationCenter::removeObserver(const void* observer, std::string_view
 }
 
 void NSNotificationCenter::post(const NSNotification& notification) {
-  std::vector<std::shared_ptr<Registration>> told;
+  std::vector<std::shared_ptr<Registration>> registrations;
   {
     const std::lock_guard lock(mutex_);
     for (const auto& registration : registrations_) {
       const bool isAbout = !registration->object || registration->object == notification.object.get();
-      if (isAbout && registration->name == notification.name) told.push_back(registration);
+      if (isAbout && registration->name == notification.name) registrations.push_back(registration);
     }
   }
-  for (const auto& registration : told) {
+  for (const auto& registration : registrations) {
     {
       const std::lock_guard lock(mutex_);
       if (registration->isRemoved) continue;  // by an observer that was told before it

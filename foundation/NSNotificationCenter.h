@@ -17,8 +17,8 @@ struct NSNotification {
   std::string description() const { return name; }
 };
 
-/// Tells observers of an event, synchronously on the poster's thread, in the order of their registration;
-/// post returns when all have been told. No lock is held meanwhile. Any thread.
+/// Notifies observers of an event, synchronously on the poster's thread, in the order of their registration;
+/// post returns after the last one. No lock is held meanwhile. Any thread.
 class NSNotificationCenter {
  public:
   using Handler = std::function<void(const NSNotification&)>;
@@ -28,10 +28,10 @@ class NSNotificationCenter {
   /// @param object    only notifications about this object are delivered; null for all.
   void addObserver(const void* observer, std::string_view name, const NSObject* object, Handler handler);
   /// Removes every registration of `observer`; with a name only those for it. An observer may remove itself
-  /// (or another) while being told; one that runs on another thread at that moment may still finish.
+  /// (or another) from its handler; a handler that is running on another thread may still finish.
   void removeObserver(const void* observer, std::string_view name = {});
-  /// An exception that leaves a handler is logged; the other observers are told all the same. One added
-  /// meanwhile is told of the next notification.
+  /// An exception that leaves a handler is logged, and the other observers are still notified. Observers
+  /// added meanwhile get the next notification.
   void post(const NSNotification& notification);
 
  private:

@@ -1,6 +1,5 @@
 #include "foundation/NSNumber.h"
 
-#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -9,42 +8,23 @@
 #include "foundation/Immortal.h"
 
 std::shared_ptr<NSNumber> NSNumber::withBool(bool value) {
-  static const NSNumber& yes = *new NSNumber(Integer{}, Origin::boolean, 1);
-  static const NSNumber& no = *new NSNumber(Integer{}, Origin::boolean, 0);
+  static const NSNumber& yes = *new NSNumber(Whole{}, Origin::boolean, 1);
+  static const NSNumber& no = *new NSNumber(Whole{}, Origin::boolean, 0);
   return immortal(value ? yes : no);
 }
 
 std::shared_ptr<NSNumber> NSNumber::withChar(signed char value) {
-  return std::make_shared<NSNumber>(Integer{}, Origin::character, value);
+  return std::make_shared<NSNumber>(Whole{}, Origin::character, value);
 }
 
-std::shared_ptr<NSNumber> NSNumber::sharedInt(std::int64_t value) {
-  constexpr std::int64_t count = 256;
-  static const auto& numbers = *new const auto([] {
-    std::array<const NSNumber*, count> made;
-    std::generate(made.begin(), made.end(), [next = 0]() mutable { return new NSNumber(next++); });
-    return made;
-  }());
-  return value >= 0 && value < count ? immortal(*numbers[static_cast<std::size_t>(value)]) : nullptr;
-}
-
-std::shared_ptr<NSNumber> NSNumber::withInt(std::int64_t value) {
-  if (auto shared = sharedInt(value)) return shared;
-  return std::make_shared<NSNumber>(value);
-}
-
-std::shared_ptr<NSNumber> NSNumber::withFloat(float value) {
-  return std::make_shared<NSNumber>(Real{}, Origin::real32, value);
-}
+std::shared_ptr<NSNumber> NSNumber::withInt(std::int64_t value) { return std::make_shared<NSNumber>(value); }
 
 std::shared_ptr<NSNumber> NSNumber::withDouble(double value) {
-  return std::make_shared<NSNumber>(Real{}, Origin::real64, value);
+  return std::make_shared<NSNumber>(Real{}, value);
 }
 
 namespace {
-bool isReal(NSNumber::Origin origin) {
-  return origin == NSNumber::Origin::real32 || origin == NSNumber::Origin::real64;
-}
+bool isReal(NSNumber::Origin origin) { return origin == NSNumber::Origin::real; }
 bool isWhole(NSNumber::Origin origin) { return !isReal(origin) && origin != NSNumber::Origin::decimal; }
 
 /// For a `real` that `integer` rounds to: whether nothing was lost in rounding.
@@ -75,9 +55,7 @@ std::string NSNumber::stringValue() const {
   char* const last = first + text.size();
   if (!isReal(origin_)) return {first, std::to_chars(first, last, integer_).ptr};
   // As printf writes %g, whatever the locale's decimal point.
-  if (origin_ == Origin::real64)
-    return {first, std::to_chars(first, last, real_, std::chars_format::general, 16).ptr};
-  return {first, std::to_chars(first, last, static_cast<float>(real_), std::chars_format::general, 7).ptr};
+  return {first, std::to_chars(first, last, real_, std::chars_format::general, 16).ptr};
 }
 
 // Numbers of different origins may be equal, so only what they share goes into the hash.

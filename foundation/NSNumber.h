@@ -4,21 +4,18 @@
 
 #include "foundation/NSObject.h"
 
-/// A number that remembers what it was made of. Numbers are equal when their values are, whatever they were
-/// made of; not-a-number equals only itself.
+/// A number that remembers which type it was made from. Numbers of equal value are equal, whatever their
+/// origins; not-a-number equals only itself.
 class NSNumber : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::number;
   /// `character` is a number made from a single byte: JSON writes it like a boolean, everything else like an
   /// integer.
-  enum class Origin : unsigned char { boolean, character, integer, real32, real64, decimal };
+  enum class Origin : unsigned char { boolean, character, integer, real, decimal };
 
   static std::shared_ptr<NSNumber> withBool(bool value);
   static std::shared_ptr<NSNumber> withChar(signed char value);
   static std::shared_ptr<NSNumber> withInt(std::int64_t value);
-  /// The object that everyone shares for `value`, or nothing: there is one for each integer from 0 to 255.
-  static std::shared_ptr<NSNumber> sharedInt(std::int64_t value);
-  static std::shared_ptr<NSNumber> withFloat(float value);
   static std::shared_ptr<NSNumber> withDouble(double value);
 
   Origin origin() const noexcept { return origin_; }
@@ -27,8 +24,7 @@ class NSNumber : public NSObject {
   virtual std::int64_t int64Value() const noexcept;
   virtual double doubleValue() const noexcept;
   virtual bool isNaN() const noexcept;
-  /// Integers and booleans plain, doubles with 16 and floats with 7 significant digits as printf's %g writes
-  /// them.
+  /// Integers and booleans plain, reals with 16 significant digits as printf's %g writes them.
   virtual std::string stringValue() const;
 
   std::size_t hash() const override;
@@ -40,13 +36,13 @@ class NSNumber : public NSObject {
   explicit NSNumber(Origin origin) : origin_(origin) {}
 
  private:
-  struct Integer {};
+  struct Whole {};
   struct Real {};
 
  public:  // for make_shared; use the with… functions
-  explicit NSNumber(std::int64_t integer) : NSNumber(Integer{}, Origin::integer, integer) {}
-  NSNumber(Integer, Origin origin, std::int64_t value) : origin_(origin), integer_(value) {}
-  NSNumber(Real, Origin origin, double value) : origin_(origin), real_(value) {}
+  explicit NSNumber(std::int64_t integer) : NSNumber(Whole{}, Origin::integer, integer) {}
+  NSNumber(Whole, Origin origin, std::int64_t value) : origin_(origin), integer_(value) {}
+  NSNumber(Real, double value) : origin_(Origin::real), real_(value) {}
 
  private:
   const Origin origin_;

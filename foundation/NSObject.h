@@ -8,16 +8,15 @@
 
 class NSObject;
 
-/// A counted reference to any object; empty means "nothing". Counting is thread-safe, the object itself only
-/// as far as its class says; value classes (strings, numbers, dates, arrays, dictionaries, errors) never
-/// change after construction.
+/// A counted reference to any object; may be empty. Counting is thread-safe, the object itself only as its
+/// class says; value classes (strings, numbers, dates, arrays, dictionaries, errors) are immutable.
 using id = std::shared_ptr<NSObject>;
 
 /// What a value object is, so that a walk over dynamic data costs a virtual call and not a dynamic_cast.
 enum class NSKind : unsigned char { object, string, number, null, date, url, array, dictionary, error };
 
-/// Root of all objects that options, results, attribute dictionaries, notifications and locks share.
-/// An object that nobody locks and nobody hangs values on pays one pointer for both facilities.
+/// Root class of options, results, attribute dictionaries, notifications and locks. Supporting locks and
+/// associated values costs an object that uses neither one pointer.
 class NSObject {
  public:
   NSObject() = default;

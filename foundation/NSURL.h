@@ -15,8 +15,8 @@ class NSURL final : public NSObject {
 
   const std::string& absoluteString() const noexcept { return text_; }
   bool isFileURL() const noexcept { return text_.starts_with("file://"); }
-  /// The decoded path of a file URL, without query and fragment; empty for any other, and for one whose path
-  /// holds a NUL: the system would take it for the shorter path before it.
+  /// The decoded path of a file URL, without query and fragment. Empty for any other URL, and for one with a
+  /// malformed escape, an escaped slash or an escaped NUL.
   std::string path() const;
 
   std::size_t hash() const override { return std::hash<std::string>{}(text_); }

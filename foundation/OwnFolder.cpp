@@ -55,17 +55,17 @@ std::optional<OwnFolder> OwnFolder::open(const std::string& path, NSErrorRef* er
   return OwnFolder(std::move(folder));
 }
 
-std::vector<std::string> OwnFolder::names() const { return namesIn(descriptor()); }
+std::vector<std::string> OwnFolder::names() const { return namesIn(folder_.number()); }
 
 int OwnFolder::makeFolder(const std::string& name) const {
-  return ::mkdirat(descriptor(), name.c_str(), 0700) == 0 ? 0 : errno;
+  return ::mkdirat(folder_.number(), name.c_str(), 0700) == 0 ? 0 : errno;
 }
 
 int OwnFolder::removeFile(const std::string& name) const {
   struct stat status {};
-  if (::fstatat(descriptor(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+  if (::fstatat(folder_.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return errno;
   if (!S_ISREG(status.st_mode)) return EINVAL;
-  return ::unlinkat(descriptor(), name.c_str(), 0) == 0 ? 0 : errno;
+  return ::unlinkat(folder_.number(), name.c_str(), 0) == 0 ? 0 : errno;
 }
 
-int OwnFolder::removeTree(const std::string& name) const { return removeAt(descriptor(), name); }
+int OwnFolder::removeTree(const std::string& name) const { return removeAt(folder_.number(), name); }

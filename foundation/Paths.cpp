@@ -1,7 +1,5 @@
 #include "foundation/Paths.h"
 
-#include "foundation/Unicode.h"
-
 namespace {
 std::string_view withoutTrailingSlashes(std::string_view path) {
   while (path.size() > 1 && path.ends_with('/')) path.remove_suffix(1);
@@ -34,11 +32,4 @@ std::string appendingPathComponent(std::string_view path, std::string_view compo
   if (!path.empty() && !component.empty()) append("/");
   append(component);
   return joined;
-}
-
-std::string lowercasePathExtension(std::string_view path) {
-  const std::string name = lastPathComponent(path);
-  const std::size_t dot = name.rfind('.');
-  if (dot == std::string::npos || dot == 0) return {};
-  return lowercased(std::string_view(name).substr(dot + 1));
 }

@@ -2,7 +2,7 @@
 #include <string>
 #include <string_view>
 
-/// Operations on the text of a path; none of them looks at the disk. Any thread.
+/// Operations on the text of a path, without looking at the disk. Any thread.
 
 /// "/a/b" and "/a/b/" give "b", "/" gives "/", "" gives "".
 std::string lastPathComponent(std::string_view path);
@@ -10,6 +10,3 @@ std::string lastPathComponent(std::string_view path);
 std::string deletingLastPathComponent(std::string_view path);
 /// Exactly one slash between the two, runs of slashes collapse: "/" + "a" is "/a", "" + "a" is "a".
 std::string appendingPathComponent(std::string_view path, std::string_view component);
-/// What follows the last dot of the last component, in lower case; empty where the name has no dot or begins
-/// with its only one.
-std::string lowercasePathExtension(std::string_view path);

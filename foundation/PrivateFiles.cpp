@@ -8,8 +8,8 @@
 #include <unistd.h>
 
 #include "foundation/Descriptor.h"
+#include "foundation/NSFileManager.h"
 #include "foundation/NSLog.h"
-#include "foundation/NSString.h"
 #include "foundation/Paths.h"
 #include "foundation/StandardFolders.h"
 
@@ -25,8 +25,7 @@ bool fail(NSErrorRef* error, int reason, const std::string& path) {
 }
 
 bool refuse(NSErrorRef* error, int reason, const std::string& text) {
-  setError(error, std::make_shared<NSError>(std::string(NSPOSIXErrorDomain), reason,
-                                            NSDictionary::with({{NSLocalizedDescriptionKey, str(text)}})));
+  setError(error, NSError::withText(NSPOSIXErrorDomain, reason, text));
   return false;
 }
 
@@ -72,7 +71,7 @@ bool makePrivateFolder(const std::string& path, NSErrorRef* error) {
 
 std::optional<std::string> readPrivateFile(const std::string& path, std::uint64_t limitBytes,
                                            NSErrorRef* error) {
-  // A pipe must not make us wait, a terminal must not become ours.
+  // Opening must not wait for the writer of a pipe, nor make a terminal this process's own.
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
   if (!file.isOpen() && errno == ELOOP) {
@@ -98,18 +97,7 @@ std::optional<std::string> readPrivateFile(const std::string& path, std::uint64_
     }
     warnOfOpenness(path, status.st_mode);
   }
-  std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
-  std::size_t filled = 0;
-  while (filled < bytes.size()) {
-    const ssize_t count = ::read(file.number(), bytes.data() + filled, bytes.size() - filled);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) {
-      fail(error, errno, path);
-      return std::nullopt;
-    }
-    if (count == 0) break;
-    filled += static_cast<std::size_t>(count);
-  }
-  bytes.resize(filled);
+  auto bytes = readAll(file, static_cast<std::size_t>(status.st_size));
+  if (!bytes) fail(error, errno, path);
   return bytes;
 }

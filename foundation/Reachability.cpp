@@ -61,16 +61,16 @@ class DesktopSource final : public Reachability::Source {
   static void networkChanged(GNetworkMonitor* monitor, gboolean, gpointer self) {
     auto* source = static_cast<DesktopSource*>(self);
     const NetworkStatus now = statusOf(monitor);
-    if (source->status_.exchange(now) != now) source->tellListeners();
+    if (source->status_.exchange(now) != now) source->notifyListeners();
   }
 
-  void tellListeners() {
-    std::vector<std::function<void()>> told;
+  void notifyListeners() {
+    std::vector<std::function<void()>> listeners;
     {
       const std::lock_guard lock(mutex_);
-      told = listeners_;
+      listeners = listeners_;
     }
-    for (const auto& changed : told) changed();
+    for (const auto& changed : listeners) changed();
   }
 
   void watch() {

@@ -13,9 +13,9 @@ inline constexpr std::string_view kReachabilityChangedNotification =
 
 enum class NetworkStatus : int { notReachable = 0, reachableViaWiFi = 1, reachableViaWWAN = 2 };
 
-/// Whether a host can be reached, as far as the desktop's network monitor knows: it tells of routes and never
-/// sends a packet itself. A host on this machine (localhost, 127.0.0.0/8, ::1) is always reachable.
-/// Hold it in a shared_ptr: notifications carry it, and none comes once it is gone.
+/// Whether a host can be reached according to the desktop's network monitor, which looks at routes and sends
+/// no packets. A host on this machine (localhost, 127.0.0.0/8, ::1) is always reachable. Must be held in a
+/// shared_ptr: notifications carry it, and none is posted after its destruction.
 class Reachability final : public NSObject, public std::enable_shared_from_this<Reachability> {
  public:
   /// Where the status comes from. start() begins to call `changed` (any thread, until the process ends)

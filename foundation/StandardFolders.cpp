@@ -3,10 +3,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
-#include <vector>
 
-#include <pwd.h>
-#include <unistd.h>
+#include <glib.h>
 
 #include "foundation/Paths.h"
 
@@ -17,15 +15,17 @@ std::string withoutTrailingSlash(std::string path) {
   return path;
 }
 
-/// An environment variable's value when it is an absolute path: others are ignored, as the Base Directory
-/// rules ask.
+/// The value of an environment variable if it is an absolute path; the XDG Base Directory rules say to ignore
+/// any other. GLib's own functions take relative values and keep the first answer for the life of the
+/// process.
 std::string absoluteFromEnvironment(const char* name) {
   const char* value = std::getenv(name);
   return value && value[0] == '/' ? withoutTrailingSlash(value) : "";
 }
 
-/// Ours, so a relative folder is meant as typed; to ignore it would mix test data with the user's own.
-std::string ownHome() {
+/// KZV_HOME, resolved against the current folder: ignoring a relative one would mix test data with the
+/// user's.
+std::string kzvHome() {
   const char* value = std::getenv("KZV_HOME");
   if (!value || value[0] == '\0') return {};
   std::error_code code;
@@ -34,7 +34,7 @@ std::string ownHome() {
 }
 
 std::string folder(const char* partUnderHome, const char* xdgVariable, const char* xdgDefault) {
-  if (const std::string home = ownHome(); !home.empty()) {
+  if (const std::string home = kzvHome(); !home.empty()) {
     return appendingPathComponent(home, partUnderHome);
   }
   std::string base = absoluteFromEnvironment(xdgVariable);
@@ -51,13 +51,8 @@ std::string stateFolder() { return folder("state", "XDG_STATE_HOME", ".local/sta
 
 std::string homeFolder() {
   if (std::string home = absoluteFromEnvironment("HOME"); !home.empty()) return home;
-  std::vector<char> buffer(16384);
-  passwd entry{};
-  passwd* found = nullptr;
-  if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found) {
-    return withoutTrailingSlash(entry.pw_dir);
-  }
-  return "/";
+  const char* home = g_get_home_dir();  // $HOME also when it is relative, else the password file's entry
+  return home[0] == '/' ? withoutTrailingSlash(home) : "/";
 }
 
 std::string expandingTilde(const std::string& path) {

@@ -1,10 +1,10 @@
 #pragma once
 #include <string>
 
-/// Where this program keeps what it stores, as absolute paths without a trailing slash. With KZV_HOME set
-/// everything lies under that folder (config, data, cache, state; a relative one counts from the current
-/// folder), else in the user's XDG folders below "kzv" (freedesktop.org Base Directory rules). Nothing is
-/// created here. Any thread, as long as nobody changes the environment meanwhile.
+/// This program's own folders, as absolute paths without a trailing slash. With KZV_HOME set they are its
+/// subfolders config, data, cache and state (a relative KZV_HOME is resolved against the current folder),
+/// else "kzv" in the user's XDG folders (freedesktop.org Base Directory rules). Creates nothing. Any thread,
+/// as long as the environment does not change meanwhile.
 std::string configFolder();
 std::string dataFolder();
 std::string cacheFolder();

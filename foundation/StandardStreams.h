@@ -4,9 +4,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-/// Opens those of the descriptors 0, 1 and 2 that the program was started without, on /dev/null. Else the
-/// next file that is opened takes such a number, and what is meant for a terminal is written into it. To be
-/// called first in main, before other threads and files.
+/// Opens missing standard descriptors (0, 1, 2) on /dev/null. Otherwise the next file that is opened would
+/// get such a number, and terminal output would be written into it. To be called first in main.
 inline void openMissingStandardStreams() {
   for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
     if (::fcntl(number, F_GETFD) >= 0) continue;

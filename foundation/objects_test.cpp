@@ -130,58 +130,6 @@ TEST(Containers, DeepNestingIsDestroyedWithoutTheStack) {
   }
 }
 
-TEST(Containers, SharedMembersOutliveTheContainer) {
-  const id kept = std::make_shared<NSArray>(std::vector<id>{str("inner")});
-  { const NSArray outer(std::vector<id>{kept, std::make_shared<NSArray>(std::vector<id>{kept})}); }
-  EXPECT_EQ(kept.use_count(), 1);
-  EXPECT_EQ(kept->description(), "(inner)");
-}
-
-TEST(Error, NamesTheReasonAndTheFile) {
-  const auto error = NSError::posix(ENOENT, "/a b");
-  EXPECT_EQ(error->domain(), NSPOSIXErrorDomain);
-  EXPECT_EQ(error->code(), ENOENT);
-  EXPECT_EQ(error->localizedDescription(), "/a b: No such file or directory");
-  EXPECT_EQ(*textOf(error->detail(NSFilePathErrorKey)), "/a b");
-  EXPECT_EQ(NSError("only.domain", 3).localizedDescription(), "only.domain");
-}
-
-TEST(Association, RetainsOrAssigns) {
-  struct Case {
-    const char* name;
-    AssociationPolicy policy;
-    bool endsWithItsLastReference;
-  };
-  for (const Case& c : {Case{"assign", AssociationPolicy::assign, true}, Case{"retain", retain, false}}) {
-    SCOPED_TRACE(c.name);
-    bool ended = false;
-    {
-      const NSObject owner;
-      const NSObject key;
-      id value = std::make_shared<Witness>([&] { ended = true; });
-      ObjectExtension::of(owner).setAssociated(&key, value, c.policy);
-      EXPECT_EQ(ObjectExtension::of(owner).associated(&key).get(), value.get());
-      value = nullptr;
-      EXPECT_EQ(ended, c.endsWithItsLastReference);
-    }
-    EXPECT_TRUE(ended);
-  }
-}
-
-TEST(Association, NothingRemovesAndAReaderKeepsWhatItGot) {
-  const NSObject owner;
-  const NSObject key;
-  bool ended = false;
-  auto& extension = ObjectExtension::of(owner);
-  extension.setAssociated(&key, std::make_shared<Witness>([&] { ended = true; }), retain);
-  id reader = extension.associated(&key);
-  extension.setAssociated(&key, nullptr, retain);
-  EXPECT_EQ(extension.associated(&key), nullptr);
-  EXPECT_FALSE(ended);
-  reader = nullptr;
-  EXPECT_TRUE(ended);
-}
-
 TEST(Association, TheOldValueGoesAfterTheNewOneIsIn) {
   const NSObject owner;
   const NSObject key;

@@ -50,27 +50,6 @@ TEST(Paths, Appending) {
   for (const Case& c : cases) EXPECT_EQ(appendingPathComponent(c.path, c.component), c.joined) << c.joined;
 }
 
-TEST(Paths, LowercaseExtension) {
-  check({{"upper case", "/a/b.JPG", "jpg"},
-         {"the last of two", "a.tar.gz", "gz"},
-         {"hidden file", "/a/.profile", ""},
-         {"hidden with extension", ".a.b", "b"},
-         {"none", "/a.b/c", ""},
-         {"dot at the end", "a.", ""},
-         {"not ASCII", "a.\u00c9T", "\u00e9t"}},
-        lowercasePathExtension);
-}
-
-TEST(Unicode, Lowercasing) {
-  check({{"ASCII", "AZaz09_[", "azaz09_["},
-         {"Greek, final sigma", "\u03a3\u0391\u03a3", "\u03c3\u03b1\u03c2"},
-         {"grows: dotted I", "\u0130", "i\u0307"},
-         {"no locale: I is i", "I", "i"},
-         {"bytes that are no UTF-8 stay", "A\xff\x80Z", "a\xff\x80z"},
-         {"half a surrogate pair stays", "A\xed\xa0\x80Z", "a\xed\xa0\x80z"}},
-        lowercased);
-}
-
 TEST(Unicode, KeysAreMappedCharacterByCharacter) {
   check({{"ASCII", "/AZ/az", "/az/az"},
          {"Greek, final sigma", "\u039f\u0394\u039f\u03a3", "\u03bf\u03b4\u03bf\u03c3"},
@@ -79,7 +58,8 @@ TEST(Unicode, KeysAreMappedCharacterByCharacter) {
          {"dotted I, decomposed", "I\u0307", "i"},
          {"decomposed", "U\u0308", "\u00fc"},
          {"beyond the basic plane", "\U00010400", "\U00010428"},
-         {"bytes that are no UTF-8 stay", "A\xff\xc9", "a\xff\xc9"}},
+         {"bytes that are no UTF-8 stay", "A\xff\xc9", "a\xff\xc9"},
+         {"half a surrogate pair stays", "A\xed\xa0\x80Z", "a\xed\xa0\x80z"}},
         caselessKey);
 }
 
@@ -106,6 +86,41 @@ TEST(Unicode, CanonicalCompare) {
   EXPECT_EQ(canonicallyDecomposed("/\u00c5"), "/A\u030a");
 }
 
+TEST(Unicode, GeneralizedUtf8) {
+  const std::string high = "\xed\xa0\x80";  // the halves of U+10000
+  const std::string low = "\xed\xb0\x80";
+  struct Case {
+    std::string text;
+    bool isValid;
+    std::string joined;
+  };
+  const Case cases[] = {{"a\u00e9\U0001f600", true, "a\u00e9\U0001f600"},
+                        {high, true, high},
+                        {low + high, true, low + high},
+                        {high + "x" + low, true, high + "x" + low},
+                        {"x" + high + low, false, "x\U00010000"},
+                        {high + high + low, false, high + "\U00010000"},
+                        {high.substr(0, 2), false, high.substr(0, 2)},
+                        {"\xc0\x80", false, "\xc0\x80"},
+                        {"\xf4\x90\x80\x80", false, "\xf4\x90\x80\x80"}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.text));
+    EXPECT_EQ(isGeneralizedUtf8(c.text), c.isValid);
+    std::string joined = c.text;
+    joinSurrogateHalves(joined);
+    EXPECT_EQ(joined, c.joined);
+  }
+}
+
+TEST(Unicode, LengthsAndWholeCharacters) {
+  EXPECT_EQ(utf16("a\u00e9\U0001f600\xff"), u"a\u00e9\U0001f600\ufffd");
+  EXPECT_EQ(utf8Prefix("a\u00e9", 2), "a");
+  EXPECT_EQ(utf8Prefix("a\u00e9", 3), "a\u00e9");
+  EXPECT_EQ(withoutLastCharacter("a\U0001f600"), "a");
+  EXPECT_EQ(withoutLastCharacter("\x80\x80"), "");
+  EXPECT_EQ(withoutLastCharacter(""), "");
+}
+
 TEST(ByteCount, ForPeople) {
   struct Case {
     std::int64_t bytes;
@@ -114,15 +129,11 @@ TEST(ByteCount, ForPeople) {
   constexpr auto most = std::numeric_limits<std::int64_t>::max();
   const Case cases[] = {{0, "Zero KB"},
                         {1, "1 byte"},
-                        {999, "999 bytes"},
                         {1'499, "1 KB"},
                         {1'500, "2 KB"},
-                        {999'499, "999 KB"},
                         {999'999, "1 MB"},
-                        {1'500'000, "1.5 MB"},
                         {1'235'000'000, "1.24 GB"},
                         {999'995'000'000, "1 TB"},
-                        {-1, "-1 byte"},
                         {-5'000, "-5 KB"},
                         {most, "9223.37 PB"},
                         {-most - 1, "-9223.37 PB"}};
@@ -137,10 +148,7 @@ TEST(DecimalNumber, Text) {
   };
   const std::string digits38 = "12345678901234567890123456789012345678";
   const Case cases[] = {
-      {"signs", "+5", "5"},
-      {"negative", "-0.50", "-0.5"},
       {"negative exponent", "1E-3", "0.001"},
-      {"zeros in front", "007", "7"},
       {"minus zero", "-0", "0"},
       {"zero with any exponent", "0e999999999999", "0"},
       {"38 digits", digits38, digits38},
@@ -157,9 +165,7 @@ TEST(DecimalNumber, Text) {
        std::nullopt},
       {"long fraction meets its exponent", "0." + std::string(1'000'009, '0') + "1e1000012", "100"},
       {"empty", "", std::nullopt},
-      {"no digit before the point", ".5", std::nullopt},
       {"two signs", "--1", std::nullopt},
-      {"blank", " 1", std::nullopt},
       {"NUL", "1\0"s, std::nullopt}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -188,11 +194,9 @@ TEST(Number, Equality) {
   };
   const auto decimal = [](const char* text) { return NSDecimalNumber::fromString(text); };
   const Case cases[] = {
-      {"boolean and integer", NSNumber::withBool(true), NSNumber::withInt(1), true},
       {"integer and double", NSNumber::withInt(3), NSNumber::withDouble(3), true},
       {"integer and decimal", NSNumber::withInt(1000), decimal("1e3"), true},
       {"double and decimal", NSNumber::withDouble(0.1), decimal("0.1"), true},
-      {"zero and minus zero", NSNumber::withDouble(0), NSNumber::withDouble(-0.0), true},
       {"more digits than a double, integers", NSNumber::withInt(9007199254740993),
        NSNumber::withInt(9007199254740992), false},
       {"more digits than a double, real", NSNumber::withInt(9007199254740993),
@@ -203,7 +207,6 @@ TEST(Number, Equality) {
        NSNumber::withDouble(9223372036854775808.0), false},
       {"not-a-number constant and itself", NSDecimalNumber::notANumber(), NSDecimalNumber::notANumber(),
        true},
-      {"not-a-number and zero", NSDecimalNumber::notANumber(), NSNumber::withInt(0), false},
       {"two not-a-numbers", NSNumber::withDouble(nan), NSNumber::withDouble(nan), false}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -232,7 +235,6 @@ TEST(Date, Iso8601) {
                         {"leap day", "2024-02-29T12:30:15Z", 1709209815},
                         {"no leap day", "2023-02-29T00:00:00Z", std::nullopt},
                         {"hour 24", "2023-01-01T24:00:00Z", std::nullopt},
-                        {"no zone", "2023-01-01T00:00:00", std::nullopt},
                         {"sign for a digit", "2023-01-+1T00:00:00Z", std::nullopt},
                         {"beyond the clock", "9999-12-31T23:59:59Z", std::nullopt},
                         {"before the clock", "0001-01-01T00:00:00Z", std::nullopt},
@@ -249,10 +251,8 @@ TEST(Date, Iso8601) {
 }
 
 TEST(Url, FilePaths) {
-  const Row rows[] = {{"blank", "/a b", "file:///a%20b"},
-                      {"looks encoded", "/a%20b", "file:///a%2520b"},
+  const Row rows[] = {{"looks encoded", "/a%20b \u00e9", "file:///a%2520b%20%C3%A9"},
                       {"query and fragment", "/a?b#c", "file:///a%3Fb%23c"},
-                      {"not ASCII", "/\u00e9", "file:///%C3%A9"},
                       {"no UTF-8", "/\xff", "file:///%FF"},
                       {"trailing slash", "/a/", "file:///a/"}};
   for (const Row& row : rows) {
@@ -268,12 +268,10 @@ TEST(Url, FilePaths) {
 
 TEST(Url, PathOfForeignTexts) {
   check({{"host", "file://localhost/a", "/a"},
-         {"lower-case digits", "file:///%c3%a9", "/\u00e9"},
-         {"broken escapes stay", "file:///a%2", "/a%2"},
-         {"no hexadecimal digit", "file:///%zz", "/%zz"},
+         {"broken escape", "file:///a%2", ""},
+         {"escaped slash", "file:///a%2Fb", ""},
          {"query is no path", "file:///a?b", "/a"},
          {"hidden NUL", "file:///etc%00/x", ""},
-         {"other scheme", "https://example.org/a", ""},
-         {"host only", "file://localhost", ""}},
+         {"other scheme", "https://example.org/a", ""}},
         [](const std::string& url) { return NSURL(url).path(); });
 }

@@ -54,7 +54,6 @@ std::shared_ptr<NSDictionary> KZVDropboxFS::attributesAtPath(const std::string& 
 
 std::shared_ptr<FSItem> KZVDropboxFS::itemAtPath(const std::string& path, NSErrorRef* error) {
   if (lastPathComponent(path) == "..") return itemAtPath(deletingLastPathComponent(path), error);
-  requiredManager().fetchFirstCursor();  // a batch looks at its folder first, and lists it next
   const MetadataRef record = requiredManager().metadata(path, ServiceErrors(error));
   return record && !record->isDeleted() ? itemFor(record) : nullptr;
 }

@@ -7,17 +7,7 @@
 
 namespace {
 
-constexpr std::size_t maxNameUnits = 255;
-
-/// UTF-16 code units, the unit of the service's limit: a character beyond the basic plane counts twice.
-std::size_t utf16Length(std::string_view utf8) {
-  std::size_t units = 0;
-  for (const char byte : utf8) {
-    const auto value = static_cast<unsigned char>(byte);
-    if ((value & 0xC0) != 0x80) units += value >= 0xF0 ? 2 : 1;
-  }
-  return units;
-}
+constexpr std::size_t maxNameUnits = 255;  // UTF-16 code units
 
 bool isForbidden(char byte) {
   const auto value = static_cast<unsigned char>(byte);
@@ -45,7 +35,7 @@ std::optional<NameProblem> KZVDropboxFS::nameProblem(std::string_view name) cons
   if (std::any_of(composed.begin(), composed.end(), isForbidden))
     return NameProblem{Kind::malformed, "a name cannot contain a slash, a backslash or a control character"};
   if (composed.ends_with(' ')) return NameProblem{Kind::malformed, "a name cannot end with a space"};
-  if (utf16Length(composed) > maxNameUnits)
+  if (utf16(composed).size() > maxNameUnits)
     return NameProblem{Kind::tooLong, "this name is longer than 255 characters"};
   return std::nullopt;
 }

@@ -27,18 +27,16 @@ std::shared_ptr<FSReader> KZVDropboxFS::openReader(const std::string& path, cons
 std::shared_ptr<NSURL> KZVDropboxFS::copyOfVersion(const std::string& version, ProgressCallback progress,
                                                    NSErrorRef* error) {
   const std::string key = "rev:" + version;  // no path: those begin with a slash
-  if (auto held = cache().urlForKey(key)) return held;
-  const KeyedGate::Pass pass(copiesBeingMade_, key, [&] { return !progress || progress({0, 1000}); });
-  if (!pass.isHeld()) {
-    setError(error, stoppedByUser());
-    return nullptr;
-  }
-  if (auto held = cache().urlForKey(key)) return held;
-  const std::string folder = requiredTemporaryFolder(error);
-  if (folder.empty()) return nullptr;
-  auto copy = requiredManager().loadRevision(
-      version, NSURL::fileURLWithPath(appendingPathComponent(folder, KZVSupport::uniquePathComponent())),
-      LocalAccess::ownerOnly, std::move(progress), ServiceErrors(error));
-  if (copy) cache().setUrl(copy, key);
-  return copy;
+  return heldOrMadeCopy(
+      key, progress, error, [&] { return cache().urlForKey(key); },
+      [&]() -> std::shared_ptr<NSURL> {
+        const std::string folder = requiredTemporaryFolder(error);
+        if (folder.empty()) return nullptr;
+        auto local =
+            NSURL::fileURLWithPath(appendingPathComponent(folder, KZVSupport::uniquePathComponent()));
+        auto copy = requiredManager().loadRevision(version, std::move(local), LocalAccess::ownerOnly,
+                                                   progress, ServiceErrors(error));
+        if (copy) cache().setUrl(copy, key);
+        return copy;
+      });
 }

@@ -4,15 +4,17 @@
 #include <unistd.h>
 
 #include "core/KZVCoreObj.h"
-#include "core/KZVLocalFS.h"
 #include "core/KZVSupport.h"
 #include "core/LocalCopy.h"
-#include "core/LocalTarget.h"
 #include "core/StoppableCall.h"
+#include "core/copy/KZVLocalFS.h"
+#include "core/copy/LocalTarget.h"
 #include "foundation/NSFileManager.h"
+#include "foundation/NSString.h"
 #include "foundation/Paths.h"
 #include "fsops/ServiceErrors.h"
 #include "plugin/KZVDropboxFS.h"
+#include "support/AssociatedObjects.h"
 
 namespace {
 
@@ -31,13 +33,13 @@ bool staysBelow(const std::string& path) {
 /// A fresh folder for one copy; empty with the error when the disk refuses.
 std::string folderForCopy(const std::string& folder, NSErrorRef* error) {
   std::string made = appendingPathComponent(folder, KZVSupport::uniquePathComponent());
-  return makePrivateFolders(made, error) ? made : std::string();
+  return kzv::copy::makePrivateFolders(made, error) ? made : std::string();
 }
 
 /// Frees `place`, which may hold the copy of an earlier version; false when it cannot be a file's: its folder
 /// cannot be made, another copy's folder is there, or the disk cannot hold such a name.
 bool isFreed(const std::string& place) {
-  if (!makePrivateFolders(deletingLastPathComponent(place), nullptr)) return false;
+  if (!kzv::copy::makePrivateFolders(deletingLastPathComponent(place), nullptr)) return false;
   return ::unlink(place.c_str()) == 0 || errno == ENOENT || (errno == EISDIR && ::rmdir(place.c_str()) == 0);
 }
 
@@ -48,7 +50,14 @@ std::string placeForCopy(const std::string& folder, const std::string& path, NSE
   std::string usual = appendingPathComponent(folder, path);
   if (isFreed(usual)) return usual;
   const std::string own = folderForCopy(folder, error);
-  return own.empty() ? own : appendingPathComponent(own, fittingName(lastPathComponent(path), own));
+  return own.empty() ? own
+                     : appendingPathComponent(own, kzv::copy::fittingName(lastPathComponent(path), own));
+}
+
+/// The key under which a copy's revision hangs on its URL.
+const NSObject& revisionOfCopy() {
+  static const id key = str("revision of the copy");
+  return *key;
 }
 
 }  // namespace
@@ -61,36 +70,45 @@ NSErrorRef KZVDropboxFS::temporaryFileError() {
 std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, ProgressCallback progress,
                                                     NSErrorRef* error) {
   const std::string key = MetadataCache::keyOf(path);
-  dropOldCopy(path, key);
-  if (auto held = cache().urlForKey(key)) return held;
-  // Two copies of one item would remove each other's file.
+  return heldOrMadeCopy(
+      key, progress, error, [&] { return heldCopy(path, key); },
+      [&]() -> std::shared_ptr<NSURL> {
+        NSErrorRef reason;
+        if (auto copy = makeLocalCopy(path, key, progress, ServiceErrors(&reason))) return copy;
+        cache().invalidate(key);
+        if (!reason) reason = temporaryFileError();
+        setError(error, std::move(reason));
+        return nullptr;
+      });
+}
+
+/// The copy under `key` that `held` finds, else the one that `make` makes. Several copies of one item at a
+/// time would remove each other's file.
+std::shared_ptr<NSURL> KZVDropboxFS::heldOrMadeCopy(const std::string& key, const ProgressCallback& progress,
+                                                    NSErrorRef* error, const MakeCopy& held,
+                                                    const MakeCopy& make) {
+  if (auto copy = held()) return copy;
   const KeyedGate::Pass pass(copiesBeingMade_, key, [&] { return !progress || progress({0, 1000}); });
   if (!pass.isHeld()) {
     setError(error, stoppedByUser());
     return nullptr;
   }
-  if (auto held = cache().urlForKey(key)) return held;
-  NSErrorRef reason;
-  auto copy = makeLocalCopy(path, key, std::move(progress), ServiceErrors(&reason));
-  if (copy) return copy;
-  cache().invalidate(key);
-  if (!reason) reason = temporaryFileError();
-  setError(error, std::move(reason));
-  return nullptr;
+  if (auto copy = held()) return copy;
+  return make();
 }
 
-/// A copy of a version that is known to be replaced must not be given out, though the report of the change,
-/// which drops it, is still on its way.
-void KZVDropboxFS::dropOldCopy(const std::string& path, const std::string& key) {
-  const auto copied = copiedRevisions_.update([&](auto& revisions) {
-    const auto found = revisions.find(key);
-    return found == revisions.end() ? std::string() : found->second;
-  });
-  if (copied.empty()) return;
+/// The copy that the cache holds for `path`, with one more user. One of a version that is known to be
+/// replaced is not given out, though the report of the change, which drops it, is still on its way.
+std::shared_ptr<NSURL> KZVDropboxFS::heldCopy(const std::string& path, const std::string& key) {
+  auto copy = cache().urlForKey(key);
+  if (!copy) return nullptr;
+  const id revision = objForKey(*copy, revisionOfCopy());
+  const std::string* copied = textOf(revision);
   const auto known = requiredManager().knownRevision(path);
-  if (!known || *known == copied) return;
+  if (!copied || !known || *known == *copied) return copy;
+  cache().releaseUrl(*copy);
   cache().invalidate(key);
-  copiedRevisions_.update([&](auto& revisions) { revisions.erase(key); });
+  return nullptr;
 }
 
 std::shared_ptr<NSURL> KZVDropboxFS::makeLocalCopy(const std::string& path, const std::string& key,
@@ -102,7 +120,7 @@ std::shared_ptr<NSURL> KZVDropboxFS::makeLocalCopy(const std::string& path, cons
   auto copy = record->isDirectory() ? copyFolder(path, folder, progress, error)
                                     : copyFile(record, path, folder, std::move(progress), error);
   if (!copy) return nullptr;
-  copiedRevisions_.update([&](auto& revisions) { revisions[key] = record->rev(); });
+  if (!record->rev().empty()) setObj(*copy, str(record->rev()), revisionOfCopy());
   cache().setUrl(copy, key);
   // What changed while it was fetched was told before there was a copy to drop.
   if (!record->isDirectory() && requiredManager().knownRevision(path) != record->rev())
@@ -138,7 +156,7 @@ std::shared_ptr<NSURL> KZVDropboxFS::copyFolder(const std::string& path, const s
   const std::string localFolder = folderForCopy(folder, error);
   if (localFolder.empty()) return nullptr;
   const std::string destination =
-      appendingPathComponent(localFolder, fittingName(lastPathComponent(path), localFolder));
+      appendingPathComponent(localFolder, kzv::copy::fittingName(lastPathComponent(path), localFolder));
   const auto batch = std::make_shared<KZVBatchId>();
   auto item = std::make_shared<FSItem>(path, shared_from_this());
   item->setIsDirectory(true);
@@ -172,7 +190,7 @@ bool KZVDropboxFS::fetchFile(const FSItem& item, const NSURL& target, LocalAcces
 std::string KZVDropboxFS::requiredTemporaryFolder(NSErrorRef* error) {
   return tmpFolderUrl_.update([&](std::shared_ptr<NSURL>& folder) -> std::string {
     if (!folder) folder = KZVCoreObj::shared().temporaryFolderForPlugin(*this, error);
-    return folder && makePrivateFolders(folder->path(), error) ? folder->path() : "";
+    return folder && kzv::copy::makePrivateFolders(folder->path(), error) ? folder->path() : "";
   });
 }
 

@@ -21,7 +21,6 @@ bool KZVDropboxFS::moveFromPath(const std::string& path, const std::string& to,
 bool KZVDropboxFS::createDirectoryAtPath(const std::string& path,
                                          const std::shared_ptr<NSDictionary>& /*attributes*/,
                                          NSErrorRef* error) {
-  requiredManager().fetchFirstCursor();  // what is made is often listed next
   if (const auto present = attributesAtPath(path, nullptr)) {
     const id type = present->objectForKey(NSFileType);
     if (const std::string* text = textOf(type); text && *text == NSFileTypeDirectory) return true;

@@ -49,16 +49,20 @@ bool KZVDropboxFS::isWatching(const FSItem& item) {
   });
 }
 
+// Records can be cached only once the change feed has a cursor.
+void KZVDropboxFS::prepareForManyLookUps() { requiredManager().fetchFirstCursor(); }
+
 void KZVDropboxFS::pollForChanges() { requiredManager().loadDeltaNow(); }
 
-void KZVDropboxFS::noteLineInterrupted() {
+void KZVDropboxFS::noteConnectionInterrupted() {
   for (const auto& plugin : KZVCoreObj::shared().attachedPlugins()) {
-    if (const auto instance = as<KZVDropboxFS>(plugin)) instance->requiredManager().noteLineInterrupted();
+    if (const auto instance = as<KZVDropboxFS>(plugin))
+      instance->requiredManager().noteConnectionInterrupted();
   }
 }
 
 void KZVDropboxFS::dbTimerIntervalExpired(NSTimer& /*timer*/) {
-  if (hasSlept()) noteLineInterrupted();
+  if (hasSlept()) noteConnectionInterrupted();
   for (const auto& plugin : KZVCoreObj::shared().attachedPlugins()) {
     const auto instance = as<KZVDropboxFS>(plugin);
     if (!instance) continue;

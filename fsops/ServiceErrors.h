@@ -1,14 +1,14 @@
 #pragma once
 #include "foundation/NSError.h"
 
-/// Stands where an operation of the plug-in hands on its caller's error holder: what the file manager stores
-/// in it reaches the caller in FSErrorDomain, when this ends. The only place where the service's errors are
-/// translated. Stops by the user, errors of the local disk and those that the plug-in makes itself pass as
-/// they are.
+/// Passed to the file manager in place of the caller's error pointer. The destructor translates what was
+/// stored to FSErrorDomain and hands it to the caller. The only place where the service's errors are
+/// translated. Stops by the user, errors of the local disk and the plug-in's own errors are passed on
+/// unchanged.
 class ServiceErrors {
  public:
-  /// An upload makes the folders it needs, so that "not found" is said of an upload session, and means that
-  /// the transfer has to begin anew.
+  /// An upload makes the folders it needs, so "not found" can only mean its upload session: the transfer has
+  /// to start again.
   enum class Operation { upload, other };
 
   /// @param host  the caller's holder; may be null. Untouched when nothing failed.

@@ -4,11 +4,11 @@
 #include <new>
 
 namespace {
-// Small ones are what malloc gives from its quickest lists; a text with many values gets few large ones.
-constexpr std::size_t leastChunkBytes = 1000;
+// Small chunks come from malloc's fast lists; a text with many values gets a few large ones.
+constexpr std::size_t leastChunkBytes = 4000;
 constexpr std::size_t mostChunkBytes = 65'536;
 constexpr std::size_t fewChunks = 8;
-// Stands for the arena itself, far above the number of objects that fit into a chunk.
+// The arena's own reference to its current chunk, far above the number of objects that fit into one.
 constexpr std::size_t inUse = std::size_t{1} << 32;
 }  // namespace
 

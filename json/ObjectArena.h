@@ -6,10 +6,10 @@
 #include <new>
 #include <utility>
 
-/// Memory for the many small objects that come from one text: they are cut from chunks of up to 64 KiB, which
-/// is quicker and denser than asking malloc for each. A chunk is freed when the last object in it is gone, so
-/// that an object that outlives the others keeps at most its own chunk. Objects may be released on any
-/// thread; making them is for one thread at a time. Under AddressSanitizer each object has memory of its own.
+/// Allocates the many small objects of one text from chunks of up to 64 KiB, which is faster and denser than
+/// one malloc each. A chunk is freed with the last object in it, so an object that outlives the others keeps
+/// at most its own chunk alive. Objects may be released on any thread and made on one thread at a time. Under
+/// AddressSanitizer each object is allocated on its own.
 class ObjectArena {
  public:
   ObjectArena() = default;
@@ -17,9 +17,9 @@ class ObjectArena {
   ObjectArena& operator=(const ObjectArena&) = delete;
   ~ObjectArena() { closeChunk(); }
 
-  /// Objects are to come that are expected to take `sizeBytes` together.
+  /// Chooses the chunk size for objects that are expected to take `sizeBytes` together.
   void expect(std::size_t sizeBytes) noexcept;
-  /// Gives up the chunk in use; it lives on with its objects.
+  /// Makes no more objects in the current chunk, which then lives as long as its objects.
   void closeChunk() noexcept;
 
   template <class Object, class... Arguments>
@@ -45,11 +45,12 @@ class ObjectArena {
 #else
   static constexpr bool usesChunks = true;
 #endif
-  // More than any standard library puts before an object, with the padding that its alignment may ask for.
+  // An upper bound for the control block of any standard library, alignment padding included.
   static constexpr std::size_t controlBlockBytes = 64;
 
   struct Chunk {
-    std::atomic<std::size_t> references;  // objects in it; while it is in use, `inUse` less those made so far
+    std::atomic<std::size_t>
+        references;  // living objects; for the current chunk `inUse` minus the released ones
     std::size_t made;
     char* next;
     char* end;

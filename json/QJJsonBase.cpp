@@ -3,34 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "foundation/NSDictionary.h"
-#include "foundation/NSString.h"
-
-namespace {
-
-/// A refusal deep inside the text repeats one message at every level outside it: those errors share its
-/// object.
-id messageObject(std::string_view description, const NSErrorRef& previous) {
-  if (previous) {
-    id last = previous->detail(NSLocalizedDescriptionKey);
-    if (const std::string* text = textOf(last); text && *text == description) return last;
-  }
-  return str(std::string(description));
-}
-
-NSErrorRef makeError(QJJsonErrorCode code, std::string_view description, NSErrorRef underlying) {
-  static const id& descriptionKey = *new id(str(std::string(NSLocalizedDescriptionKey)));
-  static const id& underlyingKey = *new id(str(std::string(NSUnderlyingErrorKey)));
-  NSDictionary::Entries userInfo;
-  userInfo.reserve(2);
-  userInfo.emplace_back(descriptionKey, messageObject(description, underlying));
-  if (underlying) userInfo.emplace_back(underlyingKey, std::move(underlying));
-  return std::make_shared<NSError>(std::string(QJJSONErrorDomain), static_cast<int>(code),
-                                   std::make_shared<NSDictionary>(std::move(userInfo)));
-}
-
-}  // namespace
-
 std::shared_ptr<NSArray> QJJsonBase::errorTrace() const {
   const std::lock_guard lock(errorTraceMutex_);
   if (errorTrace_.empty()) return nullptr;
@@ -43,7 +15,8 @@ NSErrorRef QJJsonBase::lastError() const {
 }
 
 void QJJsonBase::addErrorWithCode(QJJsonErrorCode code, std::string_view description) {
-  NSErrorRef error = makeError(code, description, lastError());
+  NSErrorRef error = NSError::withText(QJJSONErrorDomain, static_cast<int>(code), std::string(description),
+                                       {{NSUnderlyingErrorKey, lastError()}});
   changeErrorTrace([&](std::vector<NSErrorRef>& trace) { trace.push_back(std::move(error)); });
 }
 
@@ -54,18 +27,18 @@ void QJJsonBase::clearErrorTrace() {
 
 template <class Change>
 void QJJsonBase::changeErrorTrace(Change change) {
-  tellObservers(&Registration::willChange);
+  notifyObservers(&Registration::willChange);
   {
     const std::lock_guard lock(errorTraceMutex_);
     change(errorTrace_);
   }
-  tellObservers(&Registration::didChange);
+  notifyObservers(&Registration::didChange);
 }
 
-void QJJsonBase::tellObservers(Observer Registration::*moment) noexcept {
+void QJJsonBase::notifyObservers(Observer Registration::*moment) noexcept {
   if (observers_.empty()) return;
-  const auto told = observers_;  // an observer may come or go while they are told
-  for (const auto& registration : told) {
+  const auto registrations = observers_;  // a copy: a callback may add and remove observers
+  for (const auto& registration : registrations) {
     const bool isRegistered =
         std::find(observers_.begin(), observers_.end(), registration) != observers_.end();
     if (isRegistered && *registration.*moment) (*registration.*moment)();

@@ -15,9 +15,9 @@ inline constexpr std::string_view QJJSONErrorDomain = "org.vantorlek.JSON.ErrorD
 
 /// The codes of errors in QJJSONErrorDomain.
 enum class QJJsonErrorCode : int {
-  unsupported = 1,       ///< the writer met a value or a key that JSON cannot express
+  unsupported = 1,       ///< a value or key that JSON cannot represent
   number = 2,            ///< a number is malformed, or out of a decimal's range
-  syntax = 3,            ///< something else stands where a value, a key or a colon must
+  syntax = 3,            ///< no value, key or colon where one is required
   fragment = 4,          ///< the outermost value is neither an array nor an object
   controlCharacter = 5,  ///< a character below 32 inside a string, not escaped
   unicode = 6,           ///< a broken \u escape, or bytes that are not UTF-8
@@ -29,10 +29,9 @@ enum class QJJsonErrorCode : int {
   noInput = 12,          ///< there is no text
 };
 
-/// What the JSON reader and writer share: the trace of errors of the last call, and the bound on nesting.
+/// Base of the JSON reader and writer: the error trace of the last call and the nesting limit.
 ///
-/// Threads: one reader or writer serves one thread at a time; only errorTrace() may be called from another
-/// thread meanwhile.
+/// Threads: one thread at a time; only errorTrace() may be called concurrently.
 class QJJsonBase : public NSObject {
  public:
   using Observer = std::function<void()>;
@@ -42,17 +41,16 @@ class QJJsonBase : public NSObject {
   /// Any thread.
   std::shared_ptr<NSArray> errorTrace() const;
 
-  /// The deepest accepted nesting of arrays and objects, 512 unless set otherwise; 0 means no limit. Without
-  /// a limit memory grows with the nesting (a refused text costs about 0.5 KB a level, for its chain of
-  /// errors), the stack does not.
+  /// The deepest accepted nesting of arrays and objects, 512 by default; 0 means no limit. Without a limit
+  /// heap use grows with the nesting (about 0.5 KB a level for the errors of a refused text), stack use does
+  /// not.
   std::size_t maxDepth() const noexcept { return maxDepth_; }
   void setMaxDepth(std::size_t depth) noexcept { maxDepth_ = depth; }
 
-  /// Appends an error of QJJSONErrorDomain with `description` under NSLocalizedDescriptionKey and, when the
-  /// trace holds an error already, its last one under NSUnderlyingErrorKey. Observers are told before and
-  /// after.
+  /// Appends an error of QJJSONErrorDomain with `description` under NSLocalizedDescriptionKey and the trace's
+  /// last error, if any, under NSUnderlyingErrorKey. Observers are notified before and after.
   void addErrorWithCode(QJJsonErrorCode code, std::string_view description);
-  /// Drops the trace. Observers are told before and after, also when there was none.
+  /// Drops the trace. Observers are notified before and after, also when there was none.
   void clearErrorTrace();
 
   /// Registers two callbacks (each may be empty) for changes of errorTrace: `willChange` runs before a
@@ -60,16 +58,22 @@ class QJJsonBase : public NSObject {
   /// remove observers; they must not throw.
   /// @return a token for removeErrorTraceObserver, never 0.
   std::size_t addErrorTraceObserver(Observer willChange, Observer didChange);
-  /// An unknown token is ignored. An observer that is removed during a change is not told of it any more.
+  /// An unknown token is ignored. An observer that is removed during a change is not notified of it any more.
   void removeErrorTraceObserver(std::size_t token);
 
  protected:
   QJJsonBase() = default;
 
+  /// As addErrorWithCode. @return false, so that a failing step can return it.
+  bool fail(QJJsonErrorCode code, std::string_view description) {
+    addErrorWithCode(code, description);
+    return false;
+  }
+
   /// The last (outermost) error of the trace, or nothing.
   NSErrorRef lastError() const;
 
-  /// Arrays and objects that are open at this moment of a call. Counted with and without a limit.
+  /// Arrays and objects that are open. Counted with and without a limit.
   std::size_t depth_ = 0;
 
  private:
@@ -80,7 +84,7 @@ class QJJsonBase : public NSObject {
   };
   template <class Change>
   void changeErrorTrace(Change change);
-  void tellObservers(Observer Registration::*moment) noexcept;
+  void notifyObservers(Observer Registration::*moment) noexcept;
 
   std::size_t maxDepth_ = 512;
   mutable std::mutex errorTraceMutex_;

@@ -11,14 +11,6 @@
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
 
-namespace {
-// What a call may leave reserved for the next one: enough for an ordinary text, little beside an outsize one.
-constexpr std::size_t fewItems = 64;
-constexpr std::size_t fewContainers = 8;
-constexpr std::size_t keptItems = 16'384;
-constexpr std::size_t keptTextBytes = 262'144;
-}  // namespace
-
 id QJJsonParser::objectWithString(const id& text, NSErrorRef* error) {
   if (const std::string* bytes = textOf(text)) return objectWithString(std::string_view(*bytes), error);
   clearErrorTrace();
@@ -30,16 +22,17 @@ id QJJsonParser::objectWithString(const id& text, NSErrorRef* error) {
 id QJJsonParser::objectWithString(std::string_view text, NSErrorRef* error) {
   clearErrorTrace();
   id object = parse(text);
-  releaseBuffers();
+  arena_.closeChunk();
+  open_ = {};
+  items_ = {};
+  unescaped_ = {};
   if (!object) setError(error, lastError());
   return object;
 }
 
 id QJJsonParser::parse(std::string_view text) {
   depth_ = 0;
-  arena_.expect(3 * text.size());  // about what the values of a text take
-  items_.reserve(fewItems);
-  open_.reserve(fewContainers);
+  arena_.expect(3 * text.size());  // roughly the size of a text's values
   position_ = text.data();
   end_ = position_ + text.size();
   id value;
@@ -55,15 +48,7 @@ id QJJsonParser::parse(std::string_view text) {
   return value;
 }
 
-void QJJsonParser::releaseBuffers() {
-  arena_.closeChunk();
-  keys_.clear();
-  if (items_.capacity() > keptItems) items_ = {};
-  if (open_.capacity() > keptItems) open_ = {};
-  if (pieces_.capacity() > keptTextBytes) pieces_ = {};
-}
-
-// A NUL before the end of the text is not the end.
+// A NUL byte inside the text is not its end.
 bool QJJsonParser::scanIsAtEnd() {
   skipWhitespace();
   return position_ == end_;
@@ -121,12 +106,9 @@ QJJsonParser::Step QJJsonParser::scanBeginningOfValue(id* value) {
   }
 }
 
-// Nothing is required after a literal: what follows is left to whoever reads on.
+// Anything may follow a literal; the caller judges it.
 bool QJJsonParser::scanRestOfWord(std::string_view rest, std::string_view messageIfNot) {
-  if (!remaining().starts_with(rest)) {
-    addErrorWithCode(QJJsonErrorCode::syntax, messageIfNot);
-    return false;
-  }
+  if (!remaining().starts_with(rest)) return fail(QJJsonErrorCode::syntax, messageIfNot);
   position_ += rest.size();
   return true;
 }
@@ -159,9 +141,8 @@ QJJsonParser::Step QJJsonParser::openContainer(bool isDictionary) {
   return isDictionary ? scanRestOfDictionary() : scanRestOfArray();
 }
 
-// Elements and members may follow each other without a comma: texts like that are around and have always been
-// read.
-bool QJJsonParser::passesSeparator(char closing, std::string_view messageIfTrailing) {
+// The comma is optional: texts without it exist and have always been accepted.
+bool QJJsonParser::skipSeparator(char closing, std::string_view messageIfTrailing) {
   skipWhitespace();
   if (current() != ',') return true;
   ++position_;
@@ -171,11 +152,11 @@ bool QJJsonParser::passesSeparator(char closing, std::string_view messageIfTrail
   return false;
 }
 
-// The end of the text is looked for before white space is skipped: right after the bracket it is the array
-// that lacks its end, after a blank it is a value that is missing.
+// Checks for the end of the text before skipping white space: directly after the bracket the array is
+// incomplete, after white space a value is missing. The error traces differ.
 QJJsonParser::Step QJJsonParser::scanRestOfArray() {
   const bool hasElements = items_.size() > open_.back().firstItem;
-  if (hasElements && !passesSeparator(']', "Trailing comma disallowed in array")) return Step::failed;
+  if (hasElements && !skipSeparator(']', "Trailing comma disallowed in array")) return Step::failed;
   if (current() == '\0') {
     return failInnermost(QJJsonErrorCode::endOfInput, "End of input while parsing array");
   }
@@ -188,7 +169,7 @@ QJJsonParser::Step QJJsonParser::scanRestOfArray() {
 
 QJJsonParser::Step QJJsonParser::scanRestOfDictionary() {
   const bool hasMembers = items_.size() > open_.back().firstItem;
-  if (hasMembers && !passesSeparator('}', "Trailing comma disallowed in object")) return Step::failed;
+  if (hasMembers && !skipSeparator('}', "Trailing comma disallowed in object")) return Step::failed;
   if (current() == '\0') {
     return failInnermost(QJJsonErrorCode::endOfInput, "End of input while parsing object");
   }
@@ -209,7 +190,7 @@ QJJsonParser::Step QJJsonParser::scanKeyAndColon() {
     return failInnermost(QJJsonErrorCode::syntax, "Expected ':' separating key and value");
   }
   ++position_;
-  items_.push_back(keys_.objectFor(key));
+  items_.push_back(arena_.make<NSString>(key.data(), key.size()));
   return Step::needsValue;
 }
 
@@ -242,12 +223,12 @@ QJJsonParser::Step QJJsonParser::failInnermost(QJJsonErrorCode code, std::string
   return Step::failed;
 }
 
-// The containers around a failure fail for want of their value, from the innermost outwards.
+// Each container around a failed value fails too and adds its error, from the innermost outwards.
 void QJJsonParser::failOpenContainers() {
   while (!open_.empty()) {
-    items_.pop_back();  // the place of what failed
+    items_.pop_back();  // the failed value's place
     if (open_.back().isDictionary) {
-      const std::string* key = textOf(items_.back());  // the one whose value failed
+      const std::string* key = textOf(items_.back());  // the failed value's key
       failInnermost(QJJsonErrorCode::syntax, fmt::format("Object value expected for key: {}", *key));
     } else {
       failInnermost(QJJsonErrorCode::syntax, "Expected value while parsing array");

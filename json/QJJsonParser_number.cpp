@@ -1,3 +1,5 @@
+#include <charconv>
+#include <cstdint>
 #include <optional>
 
 #include "foundation/NSDecimalNumber.h"
@@ -8,24 +10,18 @@ namespace {
 
 bool isDigit(char byte) noexcept { return byte >= '0' && byte <= '9'; }
 
-/// The number that `digits` stand for, or nothing when it does not fit. The sign comes later: the lowest
-/// 64-bit value is therefore out of reach, and is read as a decimal.
+/// The value of `digits`, or nothing when it does not fit. The sign is applied later, so the lowest 64-bit
+/// value does not fit and is read as a decimal.
 std::optional<std::int64_t> integerOf(std::string_view digits) noexcept {
   std::int64_t value = 0;
-  for (const char digit : digits) {
-    if (__builtin_mul_overflow(value, 10, &value)) return std::nullopt;
-    if (__builtin_add_overflow(value, digit - '0', &value)) return std::nullopt;
-  }
-  return value;
+  const auto result = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+  return result.ec == std::errc() ? std::optional(value) : std::nullopt;
 }
 
 }  // namespace
 
 bool QJJsonParser::scanDigits(std::string_view messageIfNone) {
-  if (!isDigit(current())) {
-    addErrorWithCode(QJJsonErrorCode::number, messageIfNone);
-    return false;
-  }
+  if (!isDigit(current())) return fail(QJJsonErrorCode::number, messageIfNone);
   while (isDigit(current())) ++position_;
   return true;
 }
@@ -34,8 +30,7 @@ bool QJJsonParser::scanWholePart() {
   if (current() != '0') return scanDigits("No digits after initial minus");
   ++position_;
   if (!isDigit(current())) return true;
-  addErrorWithCode(QJJsonErrorCode::number, "Leading 0 disallowed in number");
-  return false;
+  return fail(QJJsonErrorCode::number, "Leading 0 disallowed in number");
 }
 
 bool QJJsonParser::scanFraction() {
@@ -61,20 +56,14 @@ bool QJJsonParser::scanNumber(id* number) {
   if (position_ == afterWhole) {
     const std::string_view digits(firstDigit, static_cast<std::size_t>(position_ - firstDigit));
     if (const auto value = integerOf(digits)) {
-      *number = integer(isNegative ? -*value : *value);
+      *number = arena_.make<NSNumber>(isNegative ? -*value : *value);
       return true;
     }
   }
   const std::string_view text(first, static_cast<std::size_t>(position_ - first));
-  if (const auto parts = NSDecimalNumber::partsOf(text)) {
-    *number = arena_.make<NSDecimalNumber>(*parts);
+  if (auto canonical = NSDecimalNumber::canonicalText(text)) {
+    *number = arena_.make<NSDecimalNumber>(std::move(*canonical));
     return true;
   }
-  addErrorWithCode(QJJsonErrorCode::number, "Failed creating decimal instance");
-  return false;
-}
-
-id QJJsonParser::integer(std::int64_t value) {
-  if (auto shared = NSNumber::sharedInt(value)) return shared;
-  return arena_.make<NSNumber>(value);
+  return fail(QJJsonErrorCode::number, "Failed creating decimal instance");
 }

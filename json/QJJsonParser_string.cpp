@@ -1,149 +1,136 @@
 #include <fmt/format.h>
 
+#include "foundation/Unicode.h"
 #include "json/JsonText.h"
 #include "json/QJJsonParser.h"
 
+namespace {
+
+bool isValid(const PlainText& text) noexcept { return text.isAscii || isGeneralizedUtf8(text.bytes); }
+
+}  // namespace
+
 bool QJJsonParser::scanRestOfString(std::string_view* text) {
-  const PlainRun run = plainRun(remaining());
-  const std::string_view plain(position_, run.sizeBytes);
-  const bool endsAtQuote = run.sizeBytes < remaining().size() && position_[run.sizeBytes] == '"';
-  if (endsAtQuote && (run.isAscii || isGeneralisedUtf8(plain))) {
-    position_ += run.sizeBytes + 1;
-    *text = plain;
+  const PlainText plain = plainPrefix(remaining());
+  const bool endsAtQuote = remaining().substr(plain.bytes.size()).starts_with('"');
+  if (endsAtQuote && isValid(plain)) {
+    position_ += plain.bytes.size() + 1;
+    *text = plain.bytes;
     return true;
   }
-  if (!scanStringPieces()) return false;
-  *text = pieces_;
+  if (!scanEscapedString()) return false;
+  *text = unescaped_;
   return true;
 }
 
-bool QJJsonParser::scanStringPieces() {
-  pieces_.clear();
-  hasFoldedUnit_ = false;
+bool QJJsonParser::failAtByte(QJJsonErrorCode code, std::string_view format, char byte) {
+  return fail(code, fmt::format(fmt::runtime(format), static_cast<unsigned char>(byte)));
+}
+
+bool QJJsonParser::scanEscapedString() {
+  unescaped_.clear();
+  bool hasFoldedPair = false;
   for (;;) {
-    const PlainRun run = plainRun(remaining());
-    const std::string_view plain(position_, run.sizeBytes);
-    if (!run.isAscii && !isGeneralisedUtf8(plain)) {
-      addErrorWithCode(QJJsonErrorCode::unicode, "Broken unicode character");
-      return false;
-    }
-    pieces_ += plain;
-    position_ += run.sizeBytes;
-    const char ending = current();
-    if (ending == '"') break;
-    if (ending == '\\') {
+    const PlainText plain = plainPrefix(remaining());
+    if (!isValid(plain)) return fail(QJJsonErrorCode::unicode, "Broken unicode character");
+    unescaped_ += plain.bytes;
+    position_ += plain.bytes.size();
+    const char terminator = current();
+    if (terminator == '"') break;
+    if (terminator == '\\') {
       ++position_;
-      if (!scanEscape()) return false;
-      continue;
-    }
-    if (ending == '\0') {
-      addErrorWithCode(QJJsonErrorCode::endOfInput, "Unexpected EOF while parsing string");
+      if (!scanEscape(&hasFoldedPair)) return false;
+    } else if (terminator == '\0') {
+      return fail(QJJsonErrorCode::endOfInput, "Unexpected EOF while parsing string");
     } else {
-      addErrorWithCode(QJJsonErrorCode::controlCharacter, fmt::format("Unescaped control character '0x{:x}'",
-                                                                      static_cast<unsigned char>(ending)));
+      return failAtByte(QJJsonErrorCode::controlCharacter, "Unescaped control character '0x{:x}'",
+                        terminator);
     }
-    return false;
   }
   ++position_;
-  if (hasFoldedUnit_) joinSurrogateHalves(pieces_);
+  // Two folded pairs may be the halves of one surrogate pair: its only valid form has four bytes.
+  if (hasFoldedPair) joinSurrogateHalves(unescaped_);
   return true;
 }
 
-// The backslash has been passed.
-bool QJJsonParser::scanEscape() {
+// The backslash has been consumed.
+bool QJJsonParser::scanEscape(bool* hasFoldedPair) {
   const char escaped = current();
-  if (escaped == '\0') {
-    addErrorWithCode(QJJsonErrorCode::endOfInput, "Unexpected EOF while parsing string");
-    return false;
-  }
+  if (escaped == '\0') return fail(QJJsonErrorCode::endOfInput, "Unexpected EOF while parsing string");
   ++position_;
   switch (escaped) {
     case '"':
     case '\\':
     case '/':
-      pieces_ += escaped;
+      unescaped_ += escaped;
       return true;
     case 'b':
-      pieces_ += '\b';
+      unescaped_ += '\b';
       return true;
     case 'f':
-      pieces_ += '\f';
+      unescaped_ += '\f';
       return true;
     case 'n':
-      pieces_ += '\n';
+      unescaped_ += '\n';
       return true;
     case 'r':
-      pieces_ += '\r';
+      unescaped_ += '\r';
       return true;
     case 't':
-      pieces_ += '\t';
+      unescaped_ += '\t';
       return true;
     case 'u':
-      return scanUnicodeEscape();
+      return scanUnicodeEscape(hasFoldedPair);
     default:
-      addErrorWithCode(QJJsonErrorCode::escape,
-                       fmt::format("Illegal escape sequence '0x{:x}'", static_cast<unsigned char>(escaped)));
-      return false;
+      return failAtByte(QJJsonErrorCode::escape, "Illegal escape sequence '0x{:x}'", escaped);
   }
 }
 
-bool QJJsonParser::scanUnicodeEscape() {
-  unsigned unit = 0;
-  if (!scanUnicodeChar(&unit)) {
-    addErrorWithCode(QJJsonErrorCode::unicode, "Broken unicode character");
-    return false;
-  }
-  appendUnit(pieces_, unit);
+bool QJJsonParser::scanUnicodeEscape(bool* hasFoldedPair) {
+  char16_t unit = 0;
+  if (!scanUnicodeChar(&unit, hasFoldedPair))
+    return fail(QJJsonErrorCode::unicode, "Broken unicode character");
+  appendCodePoint(unescaped_, unit);
   return true;
 }
 
-bool QJJsonParser::scanUnicodeChar(unsigned* unit) {
-  if (!scanHexQuad(unit)) {
-    addErrorWithCode(QJJsonErrorCode::unicode, "Missing hex quad");
-    return false;
+bool QJJsonParser::scanUnicodeChar(char16_t* unit, bool* hasFoldedPair) {
+  if (!scanHexQuad(unit)) return fail(QJJsonErrorCode::unicode, "Missing hex quad");
+  if (*unit >= 0xD800 && *unit <= 0xDBFF) {
+    *hasFoldedPair = true;
+    return foldSurrogatePair(unit);
   }
-  if (*unit >= 0xD800 && *unit <= 0xDBFF) return foldSurrogatePair(unit);
-  if (*unit >= 0xDC00 && *unit <= 0xDFFF) {
-    addErrorWithCode(QJJsonErrorCode::unicode, "Invalid high character in surrogate pair");
-    return false;
-  }
+  if (*unit >= 0xDC00 && *unit <= 0xDFFF)
+    return fail(QJJsonErrorCode::unicode, "Invalid high character in surrogate pair");
   return true;
 }
 
-// `unit` is the high surrogate and becomes the pair's lowest 16 bits: strings here are counted in 16-bit
-// units and an escaped pair has always been read as one of them. The last low surrogate, 0xDFFF, is refused
-// on purpose, as it has always been.
-bool QJJsonParser::foldSurrogatePair(unsigned* unit) {
-  unsigned low = 0;
+// Replaces the high surrogate `unit` by the lowest 16 bits of the pair's character: an escaped pair has
+// always been read as one 16-bit unit. The last low surrogate, 0xDFFF, has always been refused.
+bool QJJsonParser::foldSurrogatePair(char16_t* unit) {
+  char16_t low = 0;
   const bool hasEscape = remaining().starts_with("\\u");
   if (hasEscape) position_ += 2;
-  if (!hasEscape || !scanHexQuad(&low)) {
-    addErrorWithCode(QJJsonErrorCode::unicode, "Missing low character in surrogate pair");
-    return false;
-  }
-  if (((low - 0xDC00) & 0xFFFF) >= 0x3FF) {
-    addErrorWithCode(QJJsonErrorCode::unicode, "Invalid low surrogate char");
-    return false;
-  }
-  *unit = (*unit * 1024 + low + 0x2400) & 0xFFFF;
-  hasFoldedUnit_ = true;
+  if (!hasEscape || !scanHexQuad(&low))
+    return fail(QJJsonErrorCode::unicode, "Missing low character in surrogate pair");
+  if (static_cast<char16_t>(low - 0xDC00) >= 0x3FF)
+    return fail(QJJsonErrorCode::unicode, "Invalid low surrogate char");
+  *unit = static_cast<char16_t>(*unit * 1024 + low + 0x2400);
   return true;
 }
 
-bool QJJsonParser::scanHexQuad(unsigned* unit) {
-  *unit = 0;
+bool QJJsonParser::scanHexQuad(char16_t* unit) {
+  unsigned value = 0;
   for (int digit = 0; digit < 4; ++digit, ++position_) {
     const char byte = current();
-    unsigned value = 0;
     if (byte >= '0' && byte <= '9') {
-      value = static_cast<unsigned>(byte - '0');
+      value = value * 16 + static_cast<unsigned>(byte - '0');
     } else if ((byte >= 'a' && byte <= 'f') || (byte >= 'A' && byte <= 'F')) {
-      value = static_cast<unsigned>((byte | 0x20) - 'a') + 10;
+      value = value * 16 + static_cast<unsigned>((byte | 0x20) - 'a') + 10;
     } else {
-      addErrorWithCode(QJJsonErrorCode::unicode, "Missing hex digit in quad");
-      return false;
+      return fail(QJJsonErrorCode::unicode, "Missing hex digit in quad");
     }
-    *unit = *unit * 16 + value;
   }
+  *unit = static_cast<char16_t>(value);
   return true;
 }

@@ -1,17 +1,17 @@
 #include "json/QJJsonWriter.h"
 
-#include <array>
-#include <charconv>
 #include <cmath>
 
 #include <fmt/format.h>
 
+#include "foundation/NSDecimalNumber.h"
+#include "json/JsonText.h"
 #include "json/QJJsonProxying.h"
 
 namespace {
 
 constexpr std::size_t maxProxiesInARow = 512;
-constexpr std::size_t firstCapacityBytes = 128;
+constexpr std::size_t initialCapacityBytes = 128;
 
 const QJJsonProxying* proxying(const NSObject* value) { return dynamic_cast<const QJJsonProxying*>(value); }
 
@@ -27,9 +27,8 @@ std::optional<std::string> QJJsonWriter::stringWithObject(const id& value, NSErr
     clearErrorTrace();
     if (isContainer(written.get())) {
       depth_ = 0;
-      estimateAtBytes_ = firstEstimateAtBytes;
       std::string text;
-      text.reserve(firstCapacityBytes);
+      text.reserve(initialCapacityBytes);
       if (appendValue(written, text)) return text;
     }
     const QJJsonProxying* offer = proxying(written.get());
@@ -38,7 +37,7 @@ std::optional<std::string> QJJsonWriter::stringWithObject(const id& value, NSErr
       continue;
     }
     if (offer) addErrorWithCode(QJJsonErrorCode::depth, "Nested too deep");
-    // Each object that a proxy stood for fails in its turn.
+    // Each object that was replaced by its proxy adds an error.
     for (std::size_t failed = 0; failed <= proxies; ++failed) {
       addErrorWithCode(QJJsonErrorCode::fragment, "Not valid type for JSON");
     }
@@ -47,60 +46,40 @@ std::optional<std::string> QJJsonWriter::stringWithObject(const id& value, NSErr
   }
 }
 
-bool QJJsonWriter::appendValue(const id& value, std::string& into) {
-  JsonOutput output(into);
-  return write(value.get(), output);
-}
+bool QJJsonWriter::appendValue(const id& value, std::string& into) { return write(value.get(), into); }
 
-bool QJJsonWriter::appendArray(const NSArray& array, std::string& into) {
-  JsonOutput output(into);
-  return write(&array, output);
-}
+bool QJJsonWriter::appendArray(const NSArray& array, std::string& into) { return write(&array, into); }
 
 bool QJJsonWriter::appendDictionary(const NSDictionary& dictionary, std::string& into) {
-  JsonOutput output(into);
-  return write(&dictionary, output);
+  return write(&dictionary, into);
 }
 
-bool QJJsonWriter::appendString(const NSString& string, std::string& into) {
-  JsonOutput output(into);
-  return write(&string, output);
-}
+bool QJJsonWriter::appendString(const NSString& string, std::string& into) { return write(&string, into); }
 
-bool QJJsonWriter::write(const NSObject* value, JsonOutput& into) {
+bool QJJsonWriter::write(const NSObject* value, std::string& into) {
   const std::size_t outermost = open_.size();
-  Step step = beginValue(value, into);
+  bool succeeded = beginValue(value, into);
   for (;;) {
-    switch (step) {
-      case Step::needsValue:
-        step = beginValue(pending_, into);
-        break;
-      case Step::done:
-        if (open_.size() == outermost) return true;
-        step = goOn(into);
-        break;
-      case Step::failed:
-        if (!failOpenValues(outermost)) return false;
-        step = Step::done;
-        break;
-    }
+    if (!succeeded && !failOpenValues(outermost)) return false;
+    if (open_.size() == outermost) return true;
+    succeeded = continueInnermost(into);
   }
 }
 
-QJJsonWriter::Step QJJsonWriter::beginValue(const NSObject* value, JsonOutput& into) {
+bool QJJsonWriter::beginValue(const NSObject* value, std::string& into) {
   switch (value ? value->kind() : NSKind::object) {
     case NSKind::dictionary:
-      return beginDictionary(static_cast<const NSDictionary&>(*value), into);
+      return beginContainer({.dictionary = static_cast<const NSDictionary*>(value)}, '{', into);
     case NSKind::array:
-      return beginArray(static_cast<const NSArray&>(*value), into);
+      return beginContainer({.array = static_cast<const NSArray*>(value)}, '[', into);
     case NSKind::string:
-      into.addQuoted(static_cast<const NSString&>(*value).text());
-      return Step::done;
+      appendQuoted(static_cast<const NSString*>(value)->text(), into);
+      return true;
     case NSKind::number:
       return appendNumber(static_cast<const NSNumber&>(*value), into);
     case NSKind::null:
-      into.add("null");
-      return Step::done;
+      into += "null";
+      return true;
     case NSKind::object:
     case NSKind::date:
     case NSKind::url:
@@ -110,48 +89,40 @@ QJJsonWriter::Step QJJsonWriter::beginValue(const NSObject* value, JsonOutput& i
   return beginProxy(value);
 }
 
-QJJsonWriter::Step QJJsonWriter::beginProxy(const NSObject* value) {
+bool QJJsonWriter::beginProxy(const NSObject* value) {
   const QJJsonProxying* offer = proxying(value);
   if (!offer) {
     return fail(QJJsonErrorCode::unsupported, fmt::format("JSON serialisation not supported for {}",
                                                           value ? value->className() : "(null)"));
   }
-  OpenValue open;
-  open.proxiesInARow = open_.empty() ? 1 : open_.back().proxiesInARow + 1;
-  if (open.proxiesInARow > maxProxiesInARow) return fail(QJJsonErrorCode::depth, "Nested too deep");
-  open.proxy = offer->proxyForJson();
-  pending_ = open.proxy.get();
-  open_.push_back(std::move(open));
-  return Step::needsValue;
+  const std::size_t proxiesInARow = open_.empty() ? 1 : open_.back().proxiesInARow + 1;
+  if (proxiesInARow > maxProxiesInARow) return fail(QJJsonErrorCode::depth, "Nested too deep");
+  open_.push_back({.proxy = offer->proxyForJson(), .proxiesInARow = proxiesInARow});
+  return true;
 }
 
-QJJsonWriter::Step QJJsonWriter::appendNumber(const NSNumber& number, JsonOutput& into) {
+bool QJJsonWriter::appendNumber(const NSNumber& number, std::string& into) {
   switch (number.origin()) {
     case NSNumber::Origin::boolean:
     case NSNumber::Origin::character:
-      into.add(number.boolValue() ? "true" : "false");
-      return Step::done;
+      into += number.boolValue() ? "true" : "false";
+      return true;
     case NSNumber::Origin::integer: {
-      std::array<char, 24> text;
-      const char* const end = std::to_chars(text.data(), text.data() + text.size(), number.int64Value()).ptr;
-      into.add({text.data(), static_cast<std::size_t>(end - text.data())});
-      return Step::done;
+      const fmt::format_int text(number.int64Value());
+      into.append(text.data(), text.size());
+      return true;
     }
-    case NSNumber::Origin::real32:
-    case NSNumber::Origin::real64:
     case NSNumber::Origin::decimal:
+      if (number.isNaN()) break;
+      into += static_cast<const NSDecimalNumber&>(number).text();
+      return true;
+    case NSNumber::Origin::real:
       break;
   }
   if (number.isNaN()) return fail(QJJsonErrorCode::unsupported, "NaN is not a valid number in JSON");
-  // The largest decimal is far below the largest double.
-  if (number.origin() != NSNumber::Origin::decimal && std::isinf(number.doubleValue())) {
+  if (std::isinf(number.doubleValue())) {
     return fail(QJJsonErrorCode::unsupported, "Infinity is not a valid number in JSON");
   }
-  into.add(number.stringValue());
-  return Step::done;
-}
-
-QJJsonWriter::Step QJJsonWriter::fail(QJJsonErrorCode code, std::string_view message) {
-  addErrorWithCode(code, message);
-  return Step::failed;
+  into += number.stringValue();
+  return true;
 }

@@ -1,5 +1,5 @@
 #pragma once
-#include <map>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -154,15 +154,16 @@ class KZVDropboxFS final : public FSPlugin {
   void stopWatchFolder(const std::shared_ptr<FSItem>& item) override;
   FSItems watchedFolders() const override { return _watchedFolders.get(); }
   void pollForChanges() override;
+  void prepareForManyLookUps() override;
   /// The service thread's timer: one poll of the change feed for every attached instance. Does not wait for
   /// them.
   static void dbTimerIntervalExpired(NSTimer& timer);
   /// The machine slept or moved to another network: requests that wait at the service for a change are made
   /// again.
-  static void noteLineInterrupted();
+  static void noteConnectionInterrupted();
   /// Drops the local copies of a changed file in every instance of the account. Path in lower case.
   static void _changed_file(const std::string& path, const std::string& userId);
-  /// Tells the account's watchers at and below `path` (in lower case), on the main queue.
+  /// Notifies the account's watchers at and below `path` (in lower case), on the main queue.
   static void _changed_folder(const std::string& path, const std::string& userId);
 
   /// The account; present in every instance that makePlugin made.
@@ -189,7 +190,10 @@ class KZVDropboxFS final : public FSPlugin {
                          const KZVDropboxFileManager::MetadataRef& child);
   std::shared_ptr<FSItem> itemFor(const KZVDropboxFileManager::MetadataRef& record);
 
-  void dropOldCopy(const std::string& path, const std::string& key);
+  using MakeCopy = std::function<std::shared_ptr<NSURL>()>;
+  std::shared_ptr<NSURL> heldOrMadeCopy(const std::string& key, const ProgressCallback& progress,
+                                        NSErrorRef* error, const MakeCopy& held, const MakeCopy& make);
+  std::shared_ptr<NSURL> heldCopy(const std::string& path, const std::string& key);
   std::shared_ptr<NSURL> makeLocalCopy(const std::string& path, const std::string& key,
                                        ProgressCallback progress, NSErrorRef* error);
   std::shared_ptr<NSURL> copyFile(KZVDropboxFileManager::MetadataRef& record, const std::string& path,
@@ -207,8 +211,7 @@ class KZVDropboxFS final : public FSPlugin {
   std::shared_ptr<KZVDropboxFileManager> manager_;
   const std::shared_ptr<ThumbnailCache> cachedThumbs_;
   const std::shared_ptr<KZVSmartCache> cache_;
-  KeyedGate copiesBeingMade_;                                    // by the cache's keys
-  Guarded<std::map<std::string, std::string>> copiedRevisions_;  // of files, by the cache's keys
+  KeyedGate copiesBeingMade_;  // by the cache's keys
   /// By identity: two items of one path are two entries. Readers take the whole view.
   Guarded<FSItems> _watchedFolders;
 };

@@ -1,17 +1,15 @@
 #include "plugin/KZVDropboxFSClass.h"
 
-#include "accounts/DBAuthHelperOSXfix.h"
-#include "accounts/TokenLinking.h"
 #include "foundation/Fatal.h"
 #include "plugin/KZVDropboxFS.h"
-#include "sdk/ServiceHosts.h"
+#include "sdk/DBServiceHosts.h"
 
 KZVDropboxFSClass& KZVDropboxFSClass::shared() {
   static auto& object = *new KZVDropboxFSClass;
   return object;
 }
 
-NSErrorRef KZVDropboxFSClass::settingsProblem() const { return serviceHostsFromEnvironment().refusal; }
+NSErrorRef KZVDropboxFSClass::settingsProblem() const { return DBServiceHosts::fromEnvironment().refusal; }
 
 void KZVDropboxFSClass::initialize() { KZVDropboxFS::initialize(); }
 
@@ -32,26 +30,6 @@ std::vector<std::string> KZVDropboxFSClass::linkedAccountIds() const {
 
 NSErrorRef KZVDropboxFSClass::accountsError() const {
   return required(DBSession::sharedSession(), "a shared session is installed")->storeError();
-}
-
-std::optional<std::string> KZVDropboxFSClass::linkAccountWithToken(const std::string& token,
-                                                                   NSErrorRef* error) {
-  auto userId = linkWithToken(token, error);
-  if (!userId) return std::nullopt;
-  KZVDropboxFS::accountLinkedWithToken();
-  return userId;
-}
-
-bool KZVDropboxFSClass::linkAccount(LinkingAnswer answer) {
-  KZVDropboxFS::linkDropbox(answer == LinkingAnswer::typedIn ? DBRestClient::SignInCode::typedIn
-                                                             : DBRestClient::SignInCode::byRedirect);
-  return true;
-}
-
-void KZVDropboxFSClass::cancelLinking() { DBAuthHelperOSXfix::sharedHelper()->cancel(); }
-
-bool KZVDropboxFSClass::useAuthorizationCode(const std::string& code) {
-  return DBAuthHelperOSXfix::sharedHelper()->useAuthorizationCode(code);
 }
 
 std::optional<std::string> KZVDropboxFSClass::desktopFolder() const {

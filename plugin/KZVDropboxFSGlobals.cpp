@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "sdk/ServiceHosts.h"
+#include "sdk/DBServiceHosts.h"
 
 namespace {
 
@@ -20,7 +20,7 @@ const char* fromEnvironment(const char* name) {
 /// for the service has a suite of its own.
 std::string suiteName() {
   std::string name = bundleIdentifier;
-  const std::string origin = serviceHostsFromEnvironment().origin;
+  const std::string origin = DBServiceHosts::fromEnvironment().origin;
   if (!origin.empty()) name += "@" + origin;
   std::replace(name.begin(), name.end(), '/', '_');
   return name;

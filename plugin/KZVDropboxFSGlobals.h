@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "foundation/DispatchQueue.h"
 #include "foundation/Guarded.h"
@@ -12,6 +13,9 @@
 
 /// The module-wide values of the plug-in: made on first use, safely for any number of threads at once, and
 /// never destroyed, since threads use them to the end.
+
+/// The KZVFSType of this plug-in's root items.
+inline constexpr std::string_view KZVFSTypeDropbox = "KZVFSTypeDropbox";
 
 /// Account id -> text shown to the user.
 using UserList = std::map<std::string, std::string>;

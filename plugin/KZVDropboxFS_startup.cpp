@@ -13,7 +13,7 @@
 #include "plugin/KZVDropboxFS.h"
 #include "plugin/KZVDropboxFSClass.h"
 #include "plugin/KZVDropboxFSGlobals.h"
-#include "sdk/ServiceHosts.h"
+#include "sdk/DBServiceHosts.h"
 #include "support/KZVDropboxFSSupport.h"
 
 namespace {
@@ -29,7 +29,7 @@ void startServiceThread() {
 
 /// The host of the service's web site, or of the address that stands in for it.
 std::string serviceWebHost() {
-  std::string host = serviceHostsFromEnvironment().web;
+  std::string host = DBServiceHosts::fromEnvironment().web;
   if (host.empty()) return "localhost";  // an address that is refused: no name may be looked up
   host.erase(0, host.find("://") + 3);
   if (host.starts_with('[')) return host.substr(0, host.find(']') + 1);
@@ -120,7 +120,7 @@ void KZVDropboxFS::dbThreadRunLoop() {
 
 void KZVDropboxFS::reachabilityChanged(const NSNotification& /*notification*/) {
   updateList();
-  noteLineInterrupted();
+  noteConnectionInterrupted();
 }
 
 void KZVDropboxFS::updateList() {

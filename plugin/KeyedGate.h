@@ -13,13 +13,14 @@ class KeyedGate {
   /// Holds the key for as long as it lives, if it got it.
   class Pass {
    public:
-    /// @param goesOn  asked every stopInterval while another one holds the key; its false ends the wait.
-    Pass(KeyedGate& gate, std::string key, const std::function<bool()>& goesOn)
+    /// @param shouldContinue  asked every stopInterval while another one holds the key; its false ends the
+    /// wait.
+    Pass(KeyedGate& gate, std::string key, const std::function<bool()>& shouldContinue)
         : gate_(gate), key_(std::move(key)) {
       std::unique_lock lock(gate_.mutex_);
       while (!gate_.freed_.wait_for(lock, stopInterval, [this] { return take(); })) {
         lock.unlock();  // the caller's code runs without it
-        if (!goesOn()) return;
+        if (!shouldContinue()) return;
         lock.lock();
       }
     }

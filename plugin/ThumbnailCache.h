@@ -13,7 +13,7 @@ class ThumbnailCache final : public NSObject {
  public:
   struct Claim {
     std::shared_ptr<NSURL> url;  // there is a picture already
-    bool isMine = false;         // the marker is in place: whoever got this must store or remove
+    bool isMine = false;         // the marker is in place: the caller must store or remove it
   };
   /// Blocks, looking again every 0.1 s, while the picture is being fetched. No time limit.
   void waitWhileFetching(const std::string& key) const;

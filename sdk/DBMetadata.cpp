@@ -13,11 +13,7 @@ constexpr std::int64_t noDate = std::numeric_limits<std::int64_t>::min();
 
 constexpr std::string_view itemIdPrefix = "id:";
 
-int hexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
+constexpr std::string_view hexDigits = "0123456789abcdef";
 
 std::int64_t unixSeconds(const std::optional<NSDate::Time>& time) {
   if (!time) return noDate;
@@ -59,8 +55,8 @@ DBMetadata::Rare& DBMetadata::rare() {
 void DBMetadata::setRev(std::string rev) {
   bool packable = rev.size() <= 2 * sizeof(packedRev_);
   for (std::size_t i = 0; packable && i < rev.size(); ++i) {
-    const int digit = hexDigit(rev[i]);
-    packable = digit >= 0;
+    const std::size_t digit = hexDigits.find(rev[i]);
+    packable = digit != std::string_view::npos;
     if (packable) packedRev_[i / 2] = static_cast<std::uint8_t>(packedRev_[i / 2] | digit << (i % 2 ? 0 : 4));
   }
   if (packable) {
@@ -92,7 +88,7 @@ std::string DBMetadata::rev() const {
   if (rare_ && !rare_->rev.empty()) return rare_->rev;
   std::string text(revDigits_, '0');
   for (std::size_t i = 0; i < text.size(); ++i) {
-    text[i] = "0123456789abcdef"[(packedRev_[i / 2] >> (i % 2 ? 0 : 4)) & 15];
+    text[i] = hexDigits[(packedRev_[i / 2] >> (i % 2 ? 0U : 4U)) & 15U];
   }
   return text;
 }

@@ -9,8 +9,8 @@
 #include "foundation/NSDate.h"
 #include "foundation/NSObject.h"
 
-/// What the service says of one file, folder or deleted item. Never changes after it has been built, so it
-/// may be read from any thread without a lock.
+/// The service's record of one file, folder or deleted item. Immutable, so any thread may read it without a
+/// lock.
 class DBMetadata final : public NSObject {
  public:
   using Contents = std::vector<std::shared_ptr<const DBMetadata>>;
@@ -23,7 +23,7 @@ class DBMetadata final : public NSObject {
     std::string rev;                       // empty: none (folders, deleted items)
     std::string itemId;                    // the same after a move; empty: not told
     std::string hash;                      // empty: none
-    std::string_view icon = "page_white";  // a text that lives for ever (sdk/IconNames.h)
+    std::string_view icon = "page_white";  // of static storage duration (sdk/wire/IconNames.h)
     std::int64_t totalBytes = 0;
     std::optional<NSDate::Time> lastModifiedDate;
     bool isDirectory = false;
@@ -56,9 +56,8 @@ class DBMetadata final : public NSObject {
   const std::shared_ptr<const Contents>& contents() const noexcept;
 
  private:
-  // Laid out for a million of them: children share their folder's path, a revision is packed to its 16
-  // bytes, an id stands without its prefix, the flags share a word, and what is rare or can be derived takes
-  // no place.
+  // Compact, because there may be a million: children share their folder's path, a revision is packed into 16
+  // bytes, an id has no prefix, the flags share a word, and rare or derivable fields are kept elsewhere.
   struct Rare {
     std::string lowercasePath;  // only where caselessKey of the path is another
     std::string rev;            // only where it is not hexadecimal text of at most 32 digits

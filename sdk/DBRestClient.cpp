@@ -1,14 +1,17 @@
 #include "sdk/DBRestClient.h"
 
 #include <algorithm>
+#include <boost/json.hpp>
 
 #include "foundation/Fatal.h"
 #include "foundation/Unicode.h"
+#include "sdk/ClientInternals.h"
 #include "sdk/DBError.h"
-#include "sdk/DBRestClientImpl.h"
-#include "sdk/ServiceJson.h"
-#include "sdk/ServiceLimits.h"
 #include "sdk/SessionInternals.h"
+#include "sdk/wire/ServiceJson.h"
+#include "sdk/wire/ServiceLimits.h"
+
+using namespace kzv::sdk;
 
 DBRestClient::DBRestClient(std::shared_ptr<DBSession> session, std::optional<std::string> userId)
     : impl_(std::make_shared<Impl>(*this, std::move(required(session, "a client has a session")),
@@ -56,7 +59,7 @@ DBRestClient::Impl::OperationRef DBRestClient::Impl::beginOperation() {
   auto operation = std::make_shared<Operation>();
   operation->runLoop = NSRunLoop::currentRunLoop();
   const std::lock_guard lock(mutex_);
-  underWay_.push_back(operation);
+  inFlight_.push_back(operation);
   return operation;
 }
 
@@ -93,7 +96,7 @@ bool DBRestClient::Impl::end(Operation& operation) {
     const std::lock_guard lock(mutex_);
     if (operation.cancelled.exchange(true)) return false;
     calls.swap(operation.calls);
-    std::erase_if(underWay_, [&](const OperationRef& other) { return other.get() == &operation; });
+    std::erase_if(inFlight_, [&](const OperationRef& other) { return other.get() == &operation; });
   }
   for (const auto& call : calls) call->cancel();  // those that have ended take no notice
   return true;
@@ -109,7 +112,7 @@ void DBRestClient::Impl::cancelAll() {
   std::vector<OperationRef> operations;
   {
     const std::lock_guard lock(mutex_);
-    operations = underWay_;
+    operations = inFlight_;
   }
   for (const OperationRef& operation : operations) {
     if (end(*operation) && operation->afterCancel) operation->afterCancel();
@@ -123,6 +126,8 @@ void DBRestClient::Impl::reportLostAuthorization(std::uint64_t linking) {
     delegate->sessionDidReceiveAuthorizationFailure(*session_, *userId_);
   }
 }
+
+namespace kzv::sdk {
 
 ServiceRequest rpcRequest(std::string route, const boost::json::object& argument, RequestDescription about) {
   ServiceRequest request;
@@ -164,3 +169,5 @@ NSErrorRef unacceptablePathError(const RequestDescription& about) {
       isTooDeep(about.path) ? "folders lie too deep within each other" : "this is not a path of the service",
       about);
 }
+
+}  // namespace kzv::sdk

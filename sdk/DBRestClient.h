@@ -17,9 +17,9 @@
 /// All clients share one network thread, one connection pool, one DNS cache and one TLS session cache, so
 /// that a fresh client costs no handshake. A call never hangs for ever: connecting takes at most 30 s, and 60
 /// s without a byte are an error. An expired token is renewed and the request repeated, unseen. Requests that
-/// can be repeated safely wait as told after 429 and 503 (5 tries, 5 minutes in all), and up to 5 minutes
-/// while the service refuses a change because another one of the account is in progress; meanwhile fewer
-/// uploads of the account run concurrently.
+/// can be repeated safely wait as requested after 429 and 503 (5 tries, 5 minutes in all), and up to 5
+/// minutes while the service refuses a change because another one of the account is in progress; meanwhile
+/// fewer uploads of the account run concurrently.
 ///
 /// Threads: one thread at a time; operations and cancelAllRequests on the thread whose run loop delivers the
 /// callbacks. A client in a shared_ptr lives at least until a callback that is running has returned; any
@@ -46,7 +46,7 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   void loadMetadata(const std::string& path, Expect expected = Expect::anything,
                     const std::optional<std::string>& folder = std::nullopt);
   /// One page of changes since `cursor`. Without a cursor: only the newest cursor, no entries, `reset` true.
-  /// Never repeated by itself: whoever polls decides when to ask again.
+  /// Never repeated automatically: the caller decides when to poll again.
   void loadDelta(const std::optional<std::string>& cursor);
   /// Waits at the service until something changes after `cursor` (list_folder/longpoll). Ends with
   /// waitedForChanges, also when nothing has changed for `limit` (30 to 480 s) and the up to 90 s that the
@@ -117,7 +117,7 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   /// `toPath` is the full new path.
   void moveFrom(const std::string& path, const std::string& toPath);
   void loadSharableLinkForFile(const std::string& path, bool shortUrl);
-  /// Looks for the link that there is already, and makes none (foundSharableLink).
+  /// Looks for an existing link and makes none: requestSucceeded with its URL, or with an empty text.
   void findSharableLinkForFile(const std::string& path);
 
   /// Ends every request under way; none of their callbacks arrives after this has returned. REQUIRES the

@@ -1,10 +1,13 @@
+#include <boost/json.hpp>
 #include <cerrno>
 #include <utility>
 
 #include "foundation/DispatchQueue.h"
-#include "sdk/DBRestClientImpl.h"
-#include "sdk/ServiceJson.h"
-#include "sdk/ServiceText.h"
+#include "sdk/ClientInternals.h"
+#include "sdk/wire/ServiceJson.h"
+#include "sdk/wire/ServiceText.h"
+
+using namespace kzv::sdk;
 
 namespace json = boost::json;
 using servicejson::Document;
@@ -60,44 +63,37 @@ ServiceRequest accountRequest(std::string route, const RequestDescription& about
 }
 
 /// The account and its space, asked for at the same time; both are needed.
-class AccountLoad : public std::enable_shared_from_this<AccountLoad> {
+class AccountLoad final : public ClientOperation {
  public:
-  explicit AccountLoad(std::shared_ptr<DBRestClient::Impl> client)
-      : client_(std::move(client)), operation_(client_->beginOperation()) {}
+  explicit AccountLoad(ImplRef client)
+      : ClientOperation(std::move(client), {"load the information of the account", ""}) {}
 
   void start() {
-    client_->send(operation_, accountRequest("users/get_current_account", about_),
-                  [self = shared_from_this()](ServiceAnswer& answer) {
-                    self->received(answer, self->fields_, accountFields);
-                  });
-    client_->send(
-        operation_, accountRequest("users/get_space_usage", about_),
-        [self = shared_from_this()](ServiceAnswer& answer) { self->received(answer, self->quota_, quota); });
+    send(accountRequest("users/get_current_account", about_), &AccountLoad::receivedFields);
+    send(accountRequest("users/get_space_usage", about_), &AccountLoad::receivedQuota);
   }
 
  private:
+  void receivedFields(const ServiceAnswer& answer) { received(answer, fields_, accountFields); }
+  void receivedQuota(const ServiceAnswer& answer) { received(answer, quota_, quota); }
+
   template <class Part, class Read>
   void received(const ServiceAnswer& answer, std::optional<Part>& part, Read read) {
     if (answer.error) return fail(answer);
     part = read(answer.response);
-    if (!part) return fail({{}, invalidResponseError(answer.response, about_), {}});
+    if (!part) return failInvalid(answer.response);
     if (!fields_ || !quota_) return;
     const auto info =
         std::make_shared<DBAccountInfo>(fields_->userId, fields_->displayName, fields_->email, *quota_);
-    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.loadedAccountInfo(client, info);
     });
   }
 
-  void fail(const ServiceAnswer& answer) {
-    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.loadAccountInfoFailedWithError(client, answer.error);
-    });
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.loadAccountInfoFailedWithError(client, error);
   }
 
-  const std::shared_ptr<DBRestClient::Impl> client_;
-  const DBRestClient::Impl::OperationRef operation_;
-  const RequestDescription about_{"load the information of the account", ""};
   std::optional<AccountFields> fields_;
   std::optional<DBQuota> quota_;
 };
@@ -126,43 +122,32 @@ std::optional<DBCredential> credentialFromToken(std::string_view text) {
 }
 
 /// Finds out whose token it is, and links that account.
-class TokenAdoption : public std::enable_shared_from_this<TokenAdoption> {
+class TokenAdoption final : public ClientOperation {
  public:
-  explicit TokenAdoption(std::shared_ptr<DBRestClient::Impl> client)
-      : client_(std::move(client)), operation_(client_->beginOperation()) {}
+  explicit TokenAdoption(ImplRef client) : ClientOperation(std::move(client), {"link the account", ""}) {}
 
   void start(const std::string& token) {
     auto credential = credentialFromToken(token);
-    if (!credential) {
-      client_->performLater(operation_, [self = shared_from_this()] {
-        self->fail(requestError(400, "this is not an access token", self->about_));
-      });
-      return;
-    }
+    if (!credential) return failLater(requestError(400, "this is not an access token", about_));
     credential_ = std::move(*credential);
     client_->sendFor(operation_, {"", credential_.accessToken},
                      accountRequest("users/get_current_account", about_),
-                     [self = shared_from_this()](ServiceAnswer& answer) { self->receivedAccount(answer); });
+                     handler(&TokenAdoption::receivedAccount));
   }
 
  private:
   void receivedAccount(const ServiceAnswer& answer) {
-    if (answer.error) return fail(answer.error);
+    if (answer.error) return fail(answer);
     const auto fields = accountFields(answer.response);
-    if (!fields) return fail(invalidResponseError(answer.response, about_));
+    if (!fields) return failInvalid(answer.response);
     credential_.userId = fields->userId;
     client_->linkAndFinish(operation_, credential_);
   }
 
-  void fail(const NSErrorRef& error) {
-    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.loadAccessTokenFailedWithError(client, error);
-    });
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.loadAccessTokenFailedWithError(client, error);
   }
 
-  const std::shared_ptr<DBRestClient::Impl> client_;
-  const DBRestClient::Impl::OperationRef operation_;
-  const RequestDescription about_{"link the account", ""};
   DBCredential credential_;
 };
 

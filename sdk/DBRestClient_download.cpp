@@ -1,14 +1,17 @@
 #include <algorithm>
+#include <boost/json.hpp>
 #include <utility>
 
 #include "foundation/DispatchQueue.h"
 #include "foundation/Paths.h"
+#include "sdk/ClientInternals.h"
 #include "sdk/DBError.h"
-#include "sdk/DBRestClientImpl.h"
-#include "sdk/LocalFile.h"
-#include "sdk/RecordReader.h"
-#include "sdk/ServiceJson.h"
-#include "sdk/ServiceLimits.h"
+#include "sdk/wire/LocalFile.h"
+#include "sdk/wire/RecordReader.h"
+#include "sdk/wire/ServiceJson.h"
+#include "sdk/wire/ServiceLimits.h"
+
+using namespace kzv::sdk;
 
 namespace json = boost::json;
 using servicejson::Document;
@@ -34,19 +37,15 @@ bool isAcceptableTarget(std::string_view path) {
   return path.starts_with('/') && !path.ends_with('/') && path.find('\0') == std::string_view::npos;
 }
 
-/// Brings the body of one answer into a local file. What differs between a file and its preview is given by
-/// the two callbacks of the derived class.
-class Download : public std::enable_shared_from_this<Download> {
+/// Stores the body of one answer in a local file. The derived classes say how a file and a preview differ.
+class Download : public ClientOperation {
  public:
-  Download(std::shared_ptr<DBRestClient::Impl> client, const std::string& path, std::string intoPath,
-           LocalAccess access, std::string action)
-      : client_(std::move(client)),
-        operation_(client_->beginOperation()),
-        about_{std::move(action), path},
+  Download(ImplRef client, const std::string& path, std::string intoPath, LocalAccess access,
+           std::string action)
+      : ClientOperation(std::move(client), {std::move(action), path}),
         path_(namesVersion(path) ? path : servicePath(path)),
         intoPath_(std::move(intoPath)),
         access_(access) {}
-  virtual ~Download() = default;
 
   void start() {
     if (!path_ || path_->empty()) return failLater(unacceptablePathError(about_));
@@ -57,9 +56,9 @@ class Download : public std::enable_shared_from_this<Download> {
     if (!request) return failLater(requestError(400, "there is no preview of this size", about_));
     sink_ = std::make_shared<FileSink>(
         intoPath_, access_, progress(),
-        [self = weak_from_this()](std::string_view result,
+        [weak = weak_from_this()](std::string_view result,
                                   NSErrorRef* error) -> std::optional<AnnouncedBody> {
-          const auto download = self.lock();
+          const auto download = std::static_pointer_cast<Download>(weak.lock());
           return download ? download->readResult(result, error) : std::nullopt;
         });
     operation_->afterCancel = [weak = std::weak_ptr(sink_)] {  // its file may be about to get its name
@@ -67,8 +66,7 @@ class Download : public std::enable_shared_from_this<Download> {
     };
     request->style = ServiceRequest::Style::contentDownload;
     request->sink = sink_;
-    client_->send(operation_, std::move(*request),
-                  [self = shared_from_this()](ServiceAnswer& answer) { self->received(answer); });
+    send(std::move(*request), &Download::received);
   }
 
  protected:
@@ -79,26 +77,22 @@ class Download : public std::enable_shared_from_this<Download> {
   virtual RecordReader::RecordRef recordFrom(const json::object& description) const = 0;
   /// What body comes with that description.
   virtual AnnouncedBody announcedBy(const json::object& description) const = 0;
-  virtual void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) = 0;
-  virtual void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) = 0;
+  virtual void notifySuccess(DBRestClientDelegate& delegate, DBRestClient& client) = 0;
 
-  /// Null where the path is no place.
+  /// Null when the path names a version.
   std::shared_ptr<const std::string> folderPath() const {
     if (namesVersion(*path_)) return nullptr;
     return std::make_shared<const std::string>(deletingLastPathComponent(*path_));
   }
 
-  const std::shared_ptr<DBRestClient::Impl> client_;
-  const DBRestClient::Impl::OperationRef operation_;
-  const RequestDescription about_;
   const std::optional<std::string> path_;
   const std::string intoPath_;
   const LocalAccess access_;
-  /// Of what came. Written on the network thread before the answer is handed over.
+  /// The downloaded version's; written on the network thread before the answer is delivered.
   RecordReader::RecordRef record_;
 
  private:
-  /// Whatever answers without a record (the sign-in page of a public network, for one) is not the service.
+  /// An answer without a record is not the service's: the sign-in page of a public network, for example.
   std::optional<AnnouncedBody> readResult(std::string_view result, NSErrorRef* error) {
     const auto description = Document::parse(result);
     record_ = description ? recordFrom(description->root()) : nullptr;
@@ -109,15 +103,11 @@ class Download : public std::enable_shared_from_this<Download> {
     return std::nullopt;
   }
 
-  void failLater(const NSErrorRef& error) {
-    client_->performLater(operation_, [self = shared_from_this(), error] { self->fail({{}, error, {}}); });
-  }
-
   void received(ServiceAnswer& answer) {
     if (sink_->failure()) answer.error = sink_->failure();
     if (answer.error) return fail(answer);
-    // Syncing may take long, and neither the callbacks' thread nor the network may wait for the disk.
-    DispatchQueue::global().async([self = shared_from_this()] {
+    // Syncing may take long; neither the callbacks' thread nor the network thread may wait for the disk.
+    DispatchQueue::global().async([self = std::static_pointer_cast<Download>(shared_from_this())] {
       if (self->operation_->cancelled) return;
       NSErrorRef error;
       self->sink_->keep(self->record_->lastModifiedDate(), &error);
@@ -126,16 +116,8 @@ class Download : public std::enable_shared_from_this<Download> {
   }
 
   void kept(const NSErrorRef& error) {
-    if (error) return fail({{}, error, {}});
-    client_->finish(operation_, [this](DBRestClientDelegate& delegate, DBRestClient& client) {
-      tellSuccess(delegate, client);
-    });
-  }
-
-  void fail(const ServiceAnswer& answer) {
-    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      tellFailure(delegate, client, answer.error);
-    });
+    if (error) return fail(error);
+    finish([this](DBRestClientDelegate& delegate, DBRestClient& client) { notifySuccess(delegate, client); });
   }
 
   std::shared_ptr<FileSink> sink_;
@@ -143,8 +125,7 @@ class Download : public std::enable_shared_from_this<Download> {
 
 class FileDownload final : public Download {
  public:
-  FileDownload(std::shared_ptr<DBRestClient::Impl> client, const std::string& path, std::string intoPath,
-               LocalAccess access)
+  FileDownload(ImplRef client, const std::string& path, std::string intoPath, LocalAccess access)
       : Download(std::move(client), path, std::move(intoPath), access, "download") {}
 
  private:
@@ -171,18 +152,17 @@ class FileDownload final : public Download {
             std::string(servicejson::text(description, "content_hash").value_or(""))};
   }
 
-  void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) override {
+  void notifySuccess(DBRestClientDelegate& delegate, DBRestClient& client) override {
     delegate.loadedFile(client, intoPath_, record_);
   }
-  void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
     delegate.loadFileFailedWithError(client, error);
   }
 };
 
 class ThumbnailDownload final : public Download {
  public:
-  ThumbnailDownload(std::shared_ptr<DBRestClient::Impl> client, const std::string& path,
-                    std::string_view size, std::string intoPath)
+  ThumbnailDownload(ImplRef client, const std::string& path, std::string_view size, std::string intoPath)
       : Download(std::move(client), path, std::move(intoPath), LocalAccess::ownerOnly, "load the preview of"),
         size_(size) {}
 
@@ -207,10 +187,10 @@ class ThumbnailDownload final : public Download {
     return {servicelimits::previewBytes, false};
   }
 
-  void tellSuccess(DBRestClientDelegate& delegate, DBRestClient& client) override {
+  void notifySuccess(DBRestClientDelegate& delegate, DBRestClient& client) override {
     delegate.loadedThumbnail(client, intoPath_, record_);
   }
-  void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
     delegate.loadThumbnailFailedWithError(client, error);
   }
 

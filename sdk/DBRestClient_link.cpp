@@ -1,8 +1,11 @@
+#include <boost/json.hpp>
 #include <utility>
 
-#include "sdk/DBRestClientImpl.h"
+#include "sdk/ClientInternals.h"
 #include "sdk/DBSharedLink.h"
-#include "sdk/ServiceJson.h"
+#include "sdk/wire/ServiceJson.h"
+
+using namespace kzv::sdk;
 
 namespace json = boost::json;
 using servicejson::Document;
@@ -32,43 +35,50 @@ std::shared_ptr<DBSharedLink> sharedLink(const json::object* link) {
   return std::make_shared<DBSharedLink>(std::string(*url), std::string(audienceOf(*link)));
 }
 
-/// Makes a link, or finds the one that there is already.
-class LinkLoad : public std::enable_shared_from_this<LinkLoad> {
+/// The first link of a list; null when the list is empty or not understood.
+const json::object* firstLink(const json::object& answer) {
+  const json::array* links = servicejson::array(answer, "links");
+  return links && !links->empty() ? links->front().if_object() : nullptr;
+}
+
+class LinkOperation : public ClientOperation {
+ protected:
+  LinkOperation(ImplRef client, std::string action, const std::string& path)
+      : ClientOperation(std::move(client), {std::move(action), path}), path_(servicePath(path)) {}
+
+  bool isLinkable() const { return path_ && !path_->empty(); }
+  ServiceRequest listRequest() const {
+    return readingRequest("sharing/list_shared_links", {{"path", *path_}, {"direct_only", true}}, about_);
+  }
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.loadSharableLinkFailedWithError(client, error);
+  }
+
+  const std::optional<std::string> path_;
+};
+
+/// Makes a link, or finds the one that exists.
+class LinkLoad final : public LinkOperation {
  public:
-  LinkLoad(std::shared_ptr<DBRestClient::Impl> client, const std::string& path)
-      : client_(std::move(client)),
-        operation_(client_->beginOperation()),
-        about_{"get a link to", path},
-        path_(servicePath(path)) {}
+  LinkLoad(ImplRef client, const std::string& path)
+      : LinkOperation(std::move(client), "get a link to", path) {}
 
   void start() {
-    if (!path_ || path_->empty()) {
-      client_->performLater(operation_, [self = shared_from_this()] {
-        self->fail({{}, unacceptablePathError(self->about_), {}});
-      });
-      return;
-    }
-    ServiceRequest request =
-        readingRequest("sharing/create_shared_link_with_settings", {{"path", *path_}}, about_);
-    client_->send(operation_, std::move(request),
-                  [self = shared_from_this()](ServiceAnswer& answer) { self->created(answer); });
+    if (!isLinkable()) return failLater(unacceptablePathError(about_));
+    send(readingRequest("sharing/create_shared_link_with_settings", {{"path", *path_}}, about_),
+         &LinkLoad::created);
   }
 
  private:
   void created(const ServiceAnswer& answer) {
     const auto document = Document::parse(answer.response.body);
-    if (!answer.error) {
-      const auto link = sharedLink(document ? &document->root() : nullptr);
-      return link ? finish(link) : failInvalid(answer.response);
-    }
+    if (!answer.error) return finishWith(sharedLink(document ? &document->root() : nullptr), answer);
     if (!hasErrorTag(answer.response, "shared_link_already_exists")) return fail(answer);
-    if (const auto link = sharedLink(linkInError(document->root()))) return finish(link);
-    const json::object argument{{"path", *path_}, {"direct_only", true}};
-    client_->send(operation_, readingRequest("sharing/list_shared_links", argument, about_),
-                  [self = shared_from_this()](ServiceAnswer& listed) { self->listed(listed); });
+    if (const auto link = sharedLink(linkInError(document->root()))) return finishWith(link, answer);
+    send(listRequest(), &LinkLoad::listed);
   }
 
-  /// The refusal names the link that exists, unless that has settings of its own.
+  /// The refusal names the existing link, unless that has settings of its own.
   static const json::object* linkInError(const json::object& answer) {
     const json::object* error = servicejson::object(answer, "error");
     const json::object* exists = error ? servicejson::object(*error, "shared_link_already_exists") : nullptr;
@@ -78,29 +88,48 @@ class LinkLoad : public std::enable_shared_from_this<LinkLoad> {
   void listed(const ServiceAnswer& answer) {
     if (answer.error) return fail(answer);
     const auto document = Document::parse(answer.response.body);
-    const json::array* links = document ? servicejson::array(document->root(), "links") : nullptr;
-    const auto link = sharedLink(links && !links->empty() ? links->front().if_object() : nullptr);
-    return link ? finish(link) : failInvalid(answer.response);
+    finishWith(sharedLink(document ? firstLink(document->root()) : nullptr), answer);
   }
 
-  void finish(const std::shared_ptr<DBSharedLink>& link) {
-    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+  void finishWith(const std::shared_ptr<DBSharedLink>& link, const ServiceAnswer& answer) {
+    if (!link) return failInvalid(answer.response);
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.loadedSharableLink(client, link, about_.path);
     });
   }
+};
 
-  void fail(const ServiceAnswer& answer) {
-    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.loadSharableLinkFailedWithError(client, answer.error);
+/// Looks for a link and makes none.
+class LinkSearch final : public LinkOperation {
+ public:
+  LinkSearch(ImplRef client, const std::string& path)
+      : LinkOperation(std::move(client), "look for a link to", path) {}
+
+  void start() {
+    if (!isLinkable()) return failLater(unacceptablePathError(about_));
+    send(listRequest(), &LinkSearch::listed);
+  }
+
+ private:
+  void listed(const ServiceAnswer& answer) {
+    if (answer.error) return fail(answer);
+    const auto url = urlIn(answer.response);
+    if (!url) return failInvalid(answer.response);
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.requestSucceeded(client, str(*url));
     });
   }
 
-  void failInvalid(const HttpResponse& response) { fail({{}, invalidResponseError(response, about_), {}}); }
-
-  const std::shared_ptr<DBRestClient::Impl> client_;
-  const DBRestClient::Impl::OperationRef operation_;
-  const RequestDescription about_;
-  const std::optional<std::string> path_;
+  /// Empty when there is no link, nothing when the answer is not understood.
+  static std::optional<std::string> urlIn(const HttpResponse& response) {
+    const auto document = Document::parse(response.body);
+    const json::array* links = document ? servicejson::array(document->root(), "links") : nullptr;
+    if (!links) return std::nullopt;
+    if (links->empty()) return std::string();
+    const json::object* first = firstLink(document->root());
+    const auto url = first ? servicejson::text(*first, "url") : std::nullopt;
+    return url ? std::optional<std::string>(*url) : std::nullopt;
+  }
 };
 
 }  // namespace
@@ -108,4 +137,8 @@ class LinkLoad : public std::enable_shared_from_this<LinkLoad> {
 // The service no longer makes short links; the full one is given either way.
 void DBRestClient::loadSharableLinkForFile(const std::string& path, bool /*shortUrl*/) {
   std::make_shared<LinkLoad>(impl_, path)->start();
+}
+
+void DBRestClient::findSharableLinkForFile(const std::string& path) {
+  std::make_shared<LinkSearch>(impl_, path)->start();
 }

@@ -1,14 +1,17 @@
+#include <boost/json.hpp>
 #include <deque>
 #include <map>
 #include <utility>
 
 #include "foundation/Paths.h"
+#include "sdk/ClientInternals.h"
 #include "sdk/DBError.h"
-#include "sdk/DBRestClientImpl.h"
-#include "sdk/IconNames.h"
-#include "sdk/PageSequence.h"
-#include "sdk/RecordReader.h"
-#include "sdk/ServiceJson.h"
+#include "sdk/wire/IconNames.h"
+#include "sdk/wire/PageSequence.h"
+#include "sdk/wire/RecordReader.h"
+#include "sdk/wire/ServiceJson.h"
+
+using namespace kzv::sdk;
 
 namespace json = boost::json;
 using servicejson::Document;

@@ -1,8 +1,11 @@
+#include <boost/json.hpp>
 #include <utility>
 
+#include "sdk/ClientInternals.h"
 #include "sdk/DBError.h"
-#include "sdk/DBRestClientImpl.h"
-#include "sdk/ServiceJson.h"
+#include "sdk/wire/ServiceJson.h"
+
+using namespace kzv::sdk;
 
 namespace json = boost::json;
 using servicejson::Document;
@@ -21,13 +24,13 @@ std::optional<DBCredential> credentialOf(const HttpResponse& response) {
 }
 
 /// Trades the code that came back from the service's page for tokens.
-class CodeExchange : public std::enable_shared_from_this<CodeExchange> {
+class CodeExchange final : public ClientOperation {
  public:
-  explicit CodeExchange(std::shared_ptr<DBRestClient::Impl> client)
-      : client_(std::move(client)), operation_(client_->beginOperation()), signIn_(client_->signIn()) {}
+  explicit CodeExchange(ImplRef client)
+      : ClientOperation(std::move(client), {"sign in", ""}), signIn_(client_->signIn()) {}
 
-  // Also when it is cancelled: then the next attempt finds out whether the code is still good.
-  ~CodeExchange() {
+  // Also when it is cancelled: the next attempt then shows whether the code is still valid.
+  ~CodeExchange() override {
     if (isExchanging_) signIn_->endExchange();
   }
   CodeExchange(const CodeExchange&) = delete;
@@ -57,41 +60,31 @@ class CodeExchange : public std::enable_shared_from_this<CodeExchange> {
     request.argument = signIn_->tokenForm(client_->session()->appKey());
     request.repeat = ServiceRequest::Repeat::whenRefused;
     request.about = about_;
-    client_->sendFor(operation_, {}, std::move(request),
-                     [self = shared_from_this()](ServiceAnswer& answer) { self->received(answer); });
+    client_->sendFor(operation_, {}, std::move(request), handler(&CodeExchange::received));
   }
 
  private:
   void received(const ServiceAnswer& answer) {
     if (answer.error) {
       if (oauthErrorOf(answer.response) == "invalid_grant") endSignIn();
-      return fail(answer.error);
+      return fail(answer);
     }
     endSignIn();
     const auto credential = credentialOf(answer.response);
-    if (!credential) return fail(invalidResponseError(answer.response, about_));
+    if (!credential) return failInvalid(answer.response);
     client_->linkAndFinish(operation_, *credential);
   }
 
-  /// Unless a new one has taken its place meanwhile.
+  /// Does nothing when a new sign-in has replaced it.
   void endSignIn() {
     if (client_->signIn() == signIn_) client_->setSignIn(nullptr);
   }
 
-  void failLater(const NSErrorRef& error) {
-    client_->performLater(operation_, [self = shared_from_this(), error] { self->fail(error); });
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.loadAccessTokenFailedWithError(client, error);
   }
 
-  void fail(const NSErrorRef& error) {
-    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.loadAccessTokenFailedWithError(client, error);
-    });
-  }
-
-  const std::shared_ptr<DBRestClient::Impl> client_;
-  const DBRestClient::Impl::OperationRef operation_;
   const std::shared_ptr<SignIn> signIn_;
-  const RequestDescription about_{"sign in", ""};
   bool isExchanging_ = false;
 };
 

@@ -1,22 +1,23 @@
+#include <boost/json.hpp>
 #include <functional>
 #include <random>
 #include <utility>
 
 #include "foundation/Paths.h"
 #include "foundation/Unicode.h"
-#include "sdk/ContentHash.h"
-#include "sdk/DBRestClientImpl.h"
-#include "sdk/RecordReader.h"
-#include "sdk/ServiceJson.h"
+#include "sdk/ClientInternals.h"
 #include "sdk/SessionInternals.h"
+#include "sdk/wire/ContentHash.h"
+#include "sdk/wire/RecordReader.h"
+#include "sdk/wire/ServiceJson.h"
+
+using namespace kzv::sdk;
 
 namespace json = boost::json;
 using servicejson::Document;
 
 namespace {
 
-using ImplRef = std::shared_ptr<DBRestClient::Impl>;
-using OperationRef = DBRestClient::Impl::OperationRef;
 using RecordRef = DBRestClientDelegate::MetadataRef;
 
 ServiceRequest changingRequest(std::string route, const json::object& argument, RequestDescription about) {
@@ -33,12 +34,6 @@ RecordRef recordAt(const HttpResponse& response, RecordReader::Kind kind) {
   return RecordReader().record(*metadata, nullptr, kind);
 }
 
-/// Asks what is at `path` now. For a change whose answer was lost.
-void lookAt(const ImplRef& client, const OperationRef& operation, const std::string& path,
-            const RequestDescription& about, std::function<void(ServiceAnswer&)> handler) {
-  client->send(operation, readingRequest("files/get_metadata", {{"path", path}}, about), std::move(handler));
-}
-
 bool isNotFound(const ServiceAnswer& answer) {
   return answer.error && hasErrorTag(answer.response, "not_found");
 }
@@ -49,46 +44,110 @@ RecordRef recordFound(const ServiceAnswer& answer) {
   return document ? RecordReader().record(document->root(), nullptr) : nullptr;
 }
 
-bool isContinuation(char byte) { return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U; }
-
-/// Length in UTF-16 code units, which is how the service counts a name.
-std::size_t utf16Length(std::string_view utf8) {
-  std::size_t units = 0;
-  for (const char byte : utf8) {
-    constexpr unsigned char firstOfFourBytes = 0xF0;
-    if (!isContinuation(byte)) units += static_cast<unsigned char>(byte) >= firstOfFourBytes ? 2 : 1;
+/// A change of the item at one path. When its answer was lost, looks at the path to find out whether it was
+/// made.
+class Change : public ClientOperation {
+ public:
+  void start() {
+    if (!target_ || target_->empty()) return failLater(unacceptablePathError(about_));
+    send(request(), &Change::answered);
   }
-  return units;
-}
 
-void removeLastCharacter(std::string& utf8) {
-  while (!utf8.empty() && isContinuation(utf8.back())) utf8.pop_back();
-  if (!utf8.empty()) utf8.pop_back();
-}
+ protected:
+  Change(ImplRef client, std::string action, const std::string& path)
+      : ClientOperation(std::move(client), {std::move(action), path}), target_(servicePath(path)) {}
+
+  virtual ServiceRequest request() const = 0;
+  virtual void changed(const ServiceAnswer& answer) = 0;
+  /// @param now  what is at the path after an answer was lost.
+  /// @return whether the change was made; then the delegate has been called.
+  virtual bool finishIfMade(const ServiceAnswer& now) = 0;
+
+  const std::optional<std::string> target_;
+
+ private:
+  void answered(const ServiceAnswer& answer) {
+    if (!answer.error) return changed(answer);
+    if (!answer.mayHaveBeenCarriedOut) return fail(answer);
+    lost_ = answer;
+    send(readingRequest("files/get_metadata", {{"path", *target_}}, about_), &Change::lookedAfter);
+  }
+
+  void lookedAfter(const ServiceAnswer& now) {
+    if (!finishIfMade(now)) fail(lost_);
+  }
+
+  ServiceAnswer lost_;
+};
+
+class FolderCreation final : public Change {
+ public:
+  FolderCreation(ImplRef client, const std::string& path)
+      : Change(std::move(client), "create the folder", path) {}
+
+ private:
+  ServiceRequest request() const override {
+    return changingRequest("files/create_folder_v2", {{"path", *target_}, {"autorename", false}}, about_);
+  }
+  void changed(const ServiceAnswer& answer) override {
+    const RecordRef record = recordAt(answer.response, RecordReader::Kind::folder);
+    record ? finishWith(record) : failInvalid(answer.response);
+  }
+  bool finishIfMade(const ServiceAnswer& now) override {
+    const RecordRef record = recordFound(now);
+    if (!record || !record->isDirectory()) return false;
+    finishWith(record);
+    return true;
+  }
+  void finishWith(const RecordRef& record) {
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.createdFolder(client, record);
+    });
+  }
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.createFolderFailedWithError(client, error);
+  }
+};
+
+class Deletion final : public Change {
+ public:
+  Deletion(ImplRef client, const std::string& path) : Change(std::move(client), "delete", path) {}
+
+ private:
+  ServiceRequest request() const override {
+    return changingRequest("files/delete_v2", {{"path", *target_}}, about_);
+  }
+  void changed(const ServiceAnswer& /*answer*/) override {
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.deletedPath(client, about_.path);
+    });
+  }
+  bool finishIfMade(const ServiceAnswer& now) override {
+    if (!isNotFound(now)) return false;
+    changed(now);
+    return true;
+  }
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.deletePathFailedWithError(client, error);
+  }
+};
 
 /// A move from one path to another. A new name that differs from the old one in letter case only is the same
 /// name to the service, so the item takes a detour through a name of its own beside the target. Once it has
-/// left its old name the second half is carried out whatever becomes of the client: nobody would look for it
+/// left its old name the second half is carried out even if the client is destroyed: nobody would look for it
 /// under the other name.
-class Move : public std::enable_shared_from_this<Move> {
+class Move final : public ClientOperation {
  public:
   Move(ImplRef client, const std::string& from, const std::string& to)
-      : client_(std::move(client)),
-        operation_(client_->beginOperation()),
-        about_{"move", from},
-        fromPath_(from),
-        from_(servicePath(from)),
-        to_(servicePath(to)) {}
+      : ClientOperation(std::move(client), {"move", from}), from_(servicePath(from)), to_(servicePath(to)) {}
 
   void start() {
     if (!from_ || !to_ || from_->empty() || to_->empty()) {
-      const NSErrorRef error = unacceptablePathError(about_);
-      client_->performLater(operation_, [self = shared_from_this(), error] { self->fail({{}, error, {}}); });
+      failLater(unacceptablePathError(about_));
     } else if (*from_ != *to_ && caselessKey(*from_) == caselessKey(*to_)) {
       startDetour();
     } else {
-      client_->send(operation_, request(*from_, *to_),
-                    [self = shared_from_this()](ServiceAnswer& answer) { self->ended(answer); });
+      send(request(*from_, *to_), &Move::ended);
     }
   }
 
@@ -106,7 +165,7 @@ class Move : public std::enable_shared_from_this<Move> {
     std::random_device random;
     const std::string suffix = " (renaming " + std::to_string(random()) + ")";
     std::string name = lastPathComponent(target);
-    while (utf16Length(name) > longestName) removeLastCharacter(name);
+    while (utf16(name).size() > longestName) name = withoutLastCharacter(name);
     return appendingPathComponent(deletingLastPathComponent(target), name + suffix);
   }
 
@@ -114,10 +173,8 @@ class Move : public std::enable_shared_from_this<Move> {
 
   /// Sends outside of the operation, so that cancelling it does not stop halfway.
   void sendUncancelled(ServiceRequest request, Step next) {
-    ServiceCall::start(
-        client_->session()->internals().shared_from_this(), {client_->userId().value_or(""), ""},
-        std::move(request), nullptr,
-        [self = shared_from_this(), next](ServiceAnswer& answer) { (self.get()->*next)(answer); });
+    ServiceCall::start(client_->session()->internals().shared_from_this(),
+                       {client_->userId().value_or(""), ""}, std::move(request), nullptr, handler(next));
   }
 
   void lookUncancelled(const std::string& path, Step next) {
@@ -126,9 +183,7 @@ class Move : public std::enable_shared_from_this<Move> {
 
   void startDetour() {
     if (!client_->userId() || client_->userId()->empty()) {
-      client_->send(operation_, request(*from_, *to_),  // ends as every request without an account
-                    [self = shared_from_this()](ServiceAnswer& answer) { self->ended(answer); });
-      return;
+      return send(request(*from_, *to_), &Move::ended);  // fails as every request without an account
     }
     work_ = client_->session()->internals().backgroundWork();
     detour_ = nameForDetour(*to_);
@@ -188,46 +243,47 @@ class Move : public std::enable_shared_from_this<Move> {
 
   /// From the network thread to the thread of the callbacks.
   void deliver(ServiceAnswer& answer) {
-    client_->performLater(operation_, [self = shared_from_this(), answer] { self->ended(answer); });
+    client_->performLater(operation_, [ended = handler(&Move::ended), answer]() mutable { ended(answer); });
     work_.reset();
   }
 
   void ended(const ServiceAnswer& answer) {
     if (answer.error && answer.mayHaveBeenCarriedOut && detour_.empty()) return lookAfter(answer);
     if (answer.error) return fail(answer);
-    if (moved_) return finish(moved_);
-    const RecordRef record = recordAt(answer.response, RecordReader::Kind::byTag);
-    if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
-    finish(record);
+    const RecordRef record = moved_ ? moved_ : recordAt(answer.response, RecordReader::Kind::byTag);
+    record ? finishWith(record) : failInvalid(answer.response);
   }
 
   /// The item has been moved when it is no longer at the old place and something is at the new one.
   void lookAfter(const ServiceAnswer& lost) {
-    lookAt(client_, operation_, *from_, about_, [self = shared_from_this(), lost](ServiceAnswer& old) {
-      if (!isNotFound(old)) return self->fail(lost);
-      lookAt(self->client_, self->operation_, *self->to_, self->about_, [self, lost](ServiceAnswer& now) {
-        const RecordRef record = recordFound(now);
-        record ? self->finish(record) : self->fail(lost);
-      });
+    failure_ = lost;
+    lookAt(*from_, &Move::lookedAtSource);
+  }
+
+  void lookedAtSource(const ServiceAnswer& found) {
+    if (!isNotFound(found)) return fail(failure_);
+    lookAt(*to_, &Move::lookedForResult);
+  }
+
+  void lookedForResult(const ServiceAnswer& found) {
+    const RecordRef record = recordFound(found);
+    record ? finishWith(record) : fail(failure_);
+  }
+
+  void lookAt(const std::string& path, void (Move::*received)(const ServiceAnswer&)) {
+    send(readingRequest("files/get_metadata", {{"path", path}}, about_), received);
+  }
+
+  void finishWith(const RecordRef& record) {
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) {
+      delegate.movedPath(client, about_.path, record);
     });
   }
 
-  void finish(const RecordRef& record) {
-    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.movedPath(client, fromPath_, record);
-    });
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.movePathFailedWithError(client, error);
   }
 
-  void fail(const ServiceAnswer& answer) {
-    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.movePathFailedWithError(client, answer.error);
-    });
-  }
-
-  const ImplRef client_;
-  const OperationRef operation_;
-  const RequestDescription about_;
-  const std::string fromPath_;
   const std::optional<std::string> from_;
   const std::optional<std::string> to_;
   std::string detour_;
@@ -239,68 +295,10 @@ class Move : public std::enable_shared_from_this<Move> {
 }  // namespace
 
 void DBRestClient::createFolder(const std::string& path) {
-  const auto operation = impl_->beginOperation();
-  const RequestDescription about{"create the folder", path};
-  const auto fail = [impl = impl_, operation](const ServiceAnswer& answer) {
-    impl->fail(operation, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.createFolderFailedWithError(client, answer.error);
-    });
-  };
-  const auto finish = [impl = impl_, operation](const RecordRef& record) {
-    impl->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.createdFolder(client, record);
-    });
-  };
-  const auto target = servicePath(path);
-  if (!target || target->empty()) {
-    impl_->performLater(operation, [fail, about] { fail({{}, unacceptablePathError(about), {}}); });
-    return;
-  }
-  impl_->send(operation,
-              changingRequest("files/create_folder_v2", {{"path", *target}, {"autorename", false}}, about),
-              [impl = impl_, operation, fail, finish, about, target](ServiceAnswer& answer) {
-                if (answer.error && answer.mayHaveBeenCarriedOut) {
-                  return lookAt(impl, operation, *target, about,
-                                [fail, finish, target, lost = answer](ServiceAnswer& now) {
-                                  const RecordRef record = recordFound(now);
-                                  record && record->isDirectory() ? finish(record) : fail(lost);
-                                });
-                }
-                if (answer.error) return fail(answer);
-                const RecordRef record = recordAt(answer.response, RecordReader::Kind::folder);
-                record ? finish(record) : fail({{}, invalidResponseError(answer.response, about), {}});
-              });
+  std::make_shared<FolderCreation>(impl_, path)->start();
 }
 
-void DBRestClient::deletePath(const std::string& path) {
-  const auto operation = impl_->beginOperation();
-  const RequestDescription about{"delete", path};
-  const auto fail = [impl = impl_, operation](const ServiceAnswer& answer) {
-    impl->fail(operation, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.deletePathFailedWithError(client, answer.error);
-    });
-  };
-  const auto finish = [impl = impl_, operation, path] {
-    impl->finish(operation, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.deletedPath(client, path);
-    });
-  };
-  const auto target = servicePath(path);
-  if (!target || target->empty()) {
-    impl_->performLater(operation, [fail, about] { fail({{}, unacceptablePathError(about), {}}); });
-    return;
-  }
-  impl_->send(operation, changingRequest("files/delete_v2", {{"path", *target}}, about),
-              [impl = impl_, operation, fail, finish, about, target](ServiceAnswer& answer) {
-                if (answer.error && answer.mayHaveBeenCarriedOut) {
-                  return lookAt(impl, operation, *target, about,
-                                [fail, finish, lost = answer](ServiceAnswer& now) {
-                                  isNotFound(now) ? finish() : fail(lost);
-                                });
-                }
-                answer.error ? fail(answer) : finish();
-              });
-}
+void DBRestClient::deletePath(const std::string& path) { std::make_shared<Deletion>(impl_, path)->start(); }
 
 void DBRestClient::moveFrom(const std::string& path, const std::string& toPath) {
   std::make_shared<Move>(impl_, path, toPath)->start();

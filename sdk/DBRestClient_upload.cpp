@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <atomic>
+#include <boost/json.hpp>
 #include <charconv>
 #include <cstdlib>
 #include <utility>
@@ -7,12 +8,14 @@
 #include "foundation/DispatchQueue.h"
 #include "foundation/Paths.h"
 #include "foundation/Unicode.h"
+#include "sdk/ClientInternals.h"
 #include "sdk/DBError.h"
-#include "sdk/DBRestClientImpl.h"
-#include "sdk/LocalFile.h"
-#include "sdk/RecordReader.h"
-#include "sdk/ServiceJson.h"
 #include "sdk/SessionInternals.h"
+#include "sdk/wire/LocalFile.h"
+#include "sdk/wire/RecordReader.h"
+#include "sdk/wire/ServiceJson.h"
+
+using namespace kzv::sdk;
 
 namespace json = boost::json;
 using servicejson::Document;
@@ -103,18 +106,14 @@ void endDamaged(const ImplRef& client, const DBRestClient::Impl::OperationRef& o
 }
 
 /// An upload as far as all have it in common: a local file that is opened and read off the callbacks' thread.
-class Upload : public std::enable_shared_from_this<Upload> {
+class Upload : public ClientOperation {
  public:
   Upload(ImplRef client, RequestDescription about, std::string fromPath)
-      : client_(std::move(client)),
-        operation_(client_->beginOperation()),
-        about_(std::move(about)),
-        fromPath_(std::move(fromPath)) {}
-  virtual ~Upload() = default;
+      : ClientOperation(std::move(client), std::move(about)), fromPath_(std::move(fromPath)) {}
 
   void start() {
-    // A file on a sleeping disk or a far server may take its time to open.
-    DispatchQueue::global().async([self = shared_from_this()] {
+    // Opening a file on a sleeping disk or a remote server may take long.
+    DispatchQueue::global().async([self = std::static_pointer_cast<Upload>(shared_from_this())] {
       NSErrorRef error;
       auto source = FileSource::open(self->fromPath_, &error);
       if (source && self->announcesHashes().load()) {
@@ -123,7 +122,7 @@ class Upload : public std::enable_shared_from_this<Upload> {
       }
       self->client_->performLater(self->operation_, [self, source, error] {
         self->source_ = source;
-        source ? self->send() : self->fail({{}, error, {}});
+        source ? self->sendSection() : self->fail(error);
       });
     });
   }
@@ -135,21 +134,15 @@ class Upload : public std::enable_shared_from_this<Upload> {
   };
   /// Which part of the file is sent. Any thread.
   virtual Section sectionOf(const FileSource& source) const = 0;
-  virtual void send() = 0;
-  virtual void tellProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) = 0;
-  virtual void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) = 0;
+  virtual void sendSection() = 0;
+  virtual void notifyProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) = 0;
 
-  void sendContent(ServiceRequest request, ServiceCall::Handler handler) {
+  template <class Derived>
+  void sendContent(ServiceRequest request, void (Derived::*received)(ServiceAnswer&)) {
     request.style = ServiceRequest::Style::contentUpload;
     request.source = source_;
     reportProgress();
-    client_->send(operation_, std::move(request), std::move(handler));
-  }
-
-  void fail(const ServiceAnswer& answer) {
-    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      tellFailure(delegate, client, answer.error);
-    });
+    send(std::move(request), received);
   }
 
   std::atomic<bool>& announcesHashes() const { return client_->session()->internals().announcesHashes; }
@@ -164,9 +157,6 @@ class Upload : public std::enable_shared_from_this<Upload> {
     if (answer.error && source_->failure()) answer.error = source_->failure();
   }
 
-  const ImplRef client_;
-  const DBRestClient::Impl::OperationRef operation_;
-  const RequestDescription about_;
   const std::string fromPath_;
   std::shared_ptr<FileSource> source_;
   std::string announcedHash_;  // of the body; empty: not known before it is sent
@@ -174,10 +164,10 @@ class Upload : public std::enable_shared_from_this<Upload> {
  private:
   void reportProgress() {
     source_->setProgress(progressReceiver(operation_->runLoop, [weak = weak_from_this()](double fraction) {
-      const auto self = weak.lock();
+      const auto self = std::static_pointer_cast<Upload>(weak.lock());
       if (!self || self->operation_->cancelled) return;
       self->client_->notify([&](DBRestClientDelegate& delegate, DBRestClient& client) {
-        self->tellProgress(delegate, client, fraction);
+        self->notifyProgress(delegate, client, fraction);
       });
     }));
   }
@@ -194,11 +184,11 @@ class WholeFileUpload final : public Upload {
  private:
   Section sectionOf(const FileSource& source) const override { return {0, source.fileSizeBytes()}; }
 
-  void send() override {
+  void sendSection() override {
     const auto target = servicePath(destination_);
-    if (!target || target->empty()) return fail({{}, unacceptablePathError(about_), {}});
+    if (!target || target->empty()) return fail(unacceptablePathError(about_));
     if (source_->sizeBytes() > requestLimitBytes) {
-      return fail({{}, requestError(DBErrorLocalFile, "the file is too large for one request", about_), {}});
+      return fail(requestError(DBErrorLocalFile, "the file is too large for one request", about_));
     }
     // What has been stored damaged is replaced, wherever that was.
     json::object argument = damaged_
@@ -208,8 +198,7 @@ class WholeFileUpload final : public Upload {
     // The same bytes again change nothing, so a lost answer costs only the time.
     request.repeat = ServiceRequest::Repeat::always;
     request.takesTurn = true;
-    sendContent(std::move(request),
-                [self = shared_from_this(), this](ServiceAnswer& answer) { stored(answer); });
+    sendContent(std::move(request), &WholeFileUpload::stored);
   }
 
   void stored(ServiceAnswer& answer) {
@@ -226,7 +215,7 @@ class WholeFileUpload final : public Upload {
       announcedHash_ = ContentHash(source_->hash()).finish();
       return sendAgain(damagedAnswer(about_, damaged_));
     }
-    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.uploadedFile(client, destination_, fromPath_, record);
     });
   }
@@ -234,7 +223,7 @@ class WholeFileUpload final : public Upload {
   /// After a body that was damaged on its way.
   void sendAgain(ServiceAnswer reason) {
     if (++timesDamaged_ >= RetryPolicy::maxTries) return giveUp(std::move(reason));
-    send();
+    sendSection();
   }
 
   void giveUp(ServiceAnswer reason) {
@@ -242,10 +231,10 @@ class WholeFileUpload final : public Upload {
                [self = shared_from_this(), this](const ServiceAnswer& failed) { fail(failed); });
   }
 
-  void tellProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) override {
+  void notifyProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) override {
     delegate.uploadProgress(client, fraction, destination_, fromPath_);
   }
-  void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
     delegate.uploadFileFailedWithError(client, error);
   }
 
@@ -270,23 +259,22 @@ class ChunkUpload final : public Upload {
     return {offset_, std::min(rest, static_cast<std::int64_t>(DBRestClient::uploadChunkSizeBytes()))};
   }
 
-  void send() override {
+  void sendSection() override {
     const std::int64_t size = sectionOf(*source_).sizeBytes;
     if (!uploadId_.empty() && size == 0) return nothingLeft();
-    const UploadSessions::Session* known = client_->uploads.find(uploadId_);
+    const UnfinishedUploads::Session* known = client_->uploads.find(uploadId_);
     knowsHash_ = uploadId_.empty() || (known && known->hash && known->acknowledgedBytes == offset_);
     source_->setSection(offset_, size, known && knowsHash_ ? *known->hash : ContentHash());
-    sendContent(uploadId_.empty() ? startRequest() : appendRequest(),
-                [self = shared_from_this(), this](ServiceAnswer& answer) { sent(answer); });
+    sendContent(uploadId_.empty() ? startRequest() : appendRequest(), &ChunkUpload::sent);
   }
 
   /// The last answer was lost and the service has it all: there is nothing to send, but the caller has to
   /// learn that it can go on.
   void nothingLeft() {
     client_->uploads.correct(uploadId_, offset_);
-    const UploadSessions::Session* known = client_->uploads.find(uploadId_);
-    finish(uploadId_, offset_,
-           known ? known->expires : NSDate::Time::clock::now() + UploadSessions::lifetime);
+    const UnfinishedUploads::Session* known = client_->uploads.find(uploadId_);
+    finishWith(uploadId_, offset_,
+               known ? known->expires : NSDate::Time::clock::now() + UnfinishedUploads::lifetime);
   }
 
   ServiceRequest startRequest() const {
@@ -308,26 +296,26 @@ class ChunkUpload final : public Upload {
     if (uploadId.empty()) {
       const auto document = Document::parse(answer.response.body);
       const auto session = document ? servicejson::text(document->root(), "session_id") : std::nullopt;
-      if (!session || session->empty()) return fail({{}, invalidResponseError(answer.response, about_), {}});
+      if (!session || session->empty()) return failInvalid(answer.response);
       uploadId = *session;
     }
     const std::int64_t newOffset = offset_ + source_->sizeBytes();
     const auto& session =
         client_->uploads.acknowledge(uploadId, newOffset, source_->modificationDate(), hashSoFar());
-    finish(uploadId, newOffset, session.expires);
+    finishWith(uploadId, newOffset, session.expires);
   }
 
   std::optional<ContentHash> hashSoFar() const {
     return knowsHash_ && source_->isSent() ? std::optional(source_->hash()) : std::nullopt;
   }
 
-  void finish(const std::string& uploadId, std::int64_t newOffset, NSDate::Time expires) {
-    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+  void finishWith(const std::string& uploadId, std::int64_t newOffset, NSDate::Time expires) {
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.uploadedFileChunk(client, uploadId, static_cast<std::uint64_t>(newOffset), fromPath_, expires);
     });
   }
 
-  /// Adds to the error from where the upload can go on, if it can.
+  /// Adds the offset at which the upload can be resumed, if it can.
   void failResumably(ServiceAnswer& answer) {
     const auto offset = resumeOffset(answer.response);
     if (uploadId_.empty() || source_->failure() || !offset) return fail(answer);
@@ -358,11 +346,11 @@ class ChunkUpload final : public Upload {
   }
 
  private:
-  void tellProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) override {
+  void notifyProgress(DBRestClientDelegate& delegate, DBRestClient& client, double fraction) override {
     delegate.uploadFileChunkProgress(client, fraction, uploadId_, static_cast<std::uint64_t>(offset_),
                                      fromPath_);
   }
-  void tellFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
     delegate.uploadFileChunkFailedWithError(client, error);
   }
 
@@ -372,31 +360,25 @@ class ChunkUpload final : public Upload {
 };
 
 /// Gives a file that has been sent in chunks its place.
-class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
+class UploadCommit final : public ClientOperation {
  public:
   UploadCommit(ImplRef client, const std::string& filename, const std::string& toPath,
                std::optional<std::string> parentRev, std::string uploadId)
-      : client_(std::move(client)),
-        operation_(client_->beginOperation()),
-        about_{"complete the upload of", appendingPathComponent(toPath, filename)},
+      : ClientOperation(std::move(client),
+                        {"complete the upload of", appendingPathComponent(toPath, filename)}),
         target_(servicePath(about_.path)),
         parentRev_(std::move(parentRev)),
         uploadId_(std::move(uploadId)) {}
 
   void start() {
-    if (!target_ || target_->empty()) {
-      client_->performLater(operation_, [self = shared_from_this()] {
-        self->fail({{}, unacceptablePathError(self->about_), {}});
-      });
-      return;
-    }
-    const UploadSessions::Session* known = client_->uploads.find(uploadId_);
+    if (!target_ || target_->empty()) return failLater(unacceptablePathError(about_));
+    const UnfinishedUploads::Session* known = client_->uploads.find(uploadId_);
     isKnown_ = known != nullptr;
-    send(known ? known->acknowledgedBytes : 0);
+    commit(known ? known->acknowledgedBytes : 0);
   }
 
  private:
-  void send(std::int64_t offset) {
+  void commit(std::int64_t offset) {
     const json::object cursor{{"session_id", uploadId_}, {"offset", offset}};
     ServiceRequest request = rpcRequest(
         "files/upload_session/finish",
@@ -407,12 +389,11 @@ class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
     request.repeat = ServiceRequest::Repeat::always;
     request.shortRetries = commitRetries;
     request.takesTurn = true;
-    client_->send(operation_, std::move(request),
-                  [self = shared_from_this()](ServiceAnswer& answer) { self->answered(answer); });
+    send(std::move(request), &UploadCommit::answered);
   }
 
   std::optional<NSDate::Time> modified() const {
-    const UploadSessions::Session* known = client_->uploads.find(uploadId_);
+    const UnfinishedUploads::Session* known = client_->uploads.find(uploadId_);
     return known ? std::optional(known->modified) : std::nullopt;
   }
 
@@ -424,7 +405,7 @@ class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
       if (answer.mayHaveBeenCarriedOut && isKnown_) return lookAfter(answer);
       if (isKnown_ || !offset) return fail(answer);
       isKnown_ = true;
-      return send(*offset);
+      return commit(*offset);
     }
     stored(answer);
   }
@@ -432,49 +413,45 @@ class UploadCommit : public std::enable_shared_from_this<UploadCommit> {
   /// The session may have been used up by a success whose answer was lost: when the target holds what was
   /// sent, the file has been stored.
   void lookAfter(const ServiceAnswer& lost) {
-    const json::object argument{{"path", *target_}};
-    client_->send(
-        operation_, readingRequest("files/get_metadata", argument, about_),
-        [self = shared_from_this(), lost](ServiceAnswer& now) {
-          const auto document = now.error ? nullptr : Document::parse(now.response.body);
-          const auto hash = document ? servicejson::text(document->root(), "content_hash") : std::nullopt;
-          const UploadSessions::Session* known = self->client_->uploads.find(self->uploadId_);
-          const bool isThere = hash && known && known->hash && ContentHash(*known->hash).finish() == *hash;
-          isThere ? self->stored(now) : self->fail(lost);
-        });
+    lost_ = lost;
+    send(readingRequest("files/get_metadata", {{"path", *target_}}, about_), &UploadCommit::lookedAfter);
+  }
+
+  void lookedAfter(const ServiceAnswer& now) {
+    const auto document = now.error ? nullptr : Document::parse(now.response.body);
+    const auto hash = document ? servicejson::text(document->root(), "content_hash") : std::nullopt;
+    const UnfinishedUploads::Session* known = client_->uploads.find(uploadId_);
+    const bool isThere = hash && known && known->hash && ContentHash(*known->hash).finish() == *hash;
+    isThere ? stored(now) : fail(lost_);
   }
 
   void stored(const ServiceAnswer& answer) {
     const auto document = Document::parse(answer.response.body);
     const RecordRef record = document ? storedRecord(document->root()) : nullptr;
-    if (!record) return fail({{}, invalidResponseError(answer.response, about_), {}});
-    const UploadSessions::Session* known = client_->uploads.find(uploadId_);
+    if (!record) return failInvalid(answer.response);
+    const UnfinishedUploads::Session* known = client_->uploads.find(uploadId_);
     const bool damaged = known && isDamaged(document->root(), known->hash);
     client_->uploads.forget(uploadId_);
     if (damaged) {
       client_->session()->internals().announcesHashes = true;
       const auto wrong = damagedFile(document->root(), replaces(parentRev_, record, about_.path));
       return endDamaged(client_, operation_, about_, wrong, damagedAnswer(about_, wrong),
-                        [self = shared_from_this()](const ServiceAnswer& failed) { self->fail(failed); });
+                        [self = shared_from_this(), this](const ServiceAnswer& failed) { fail(failed); });
     }
-    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.uploadedFileFromUploadId(client, about_.path, uploadId_, record);
     });
   }
 
-  void fail(const ServiceAnswer& answer) {
-    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.uploadFromUploadIdFailedWithError(client, answer.error);
-    });
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.uploadFromUploadIdFailedWithError(client, error);
   }
 
-  const ImplRef client_;
-  const DBRestClient::Impl::OperationRef operation_;
-  const RequestDescription about_;
   const std::optional<std::string> target_;
   const std::optional<std::string> parentRev_;
   const std::string uploadId_;
   bool isKnown_ = false;
+  ServiceAnswer lost_;
 };
 
 }  // namespace

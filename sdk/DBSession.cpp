@@ -7,11 +7,12 @@
 
 #include "foundation/DispatchQueue.h"
 #include "foundation/NSLog.h"
-#include "foundation/NSString.h"
 #include "sdk/DBError.h"
 #include "sdk/Revocation.h"
-#include "sdk/ServiceLimits.h"
 #include "sdk/SessionInternals.h"
+#include "sdk/wire/ServiceLimits.h"
+
+using namespace kzv::sdk;
 
 namespace {
 
@@ -28,21 +29,20 @@ std::mutex& sharedMutex() {
 }
 
 NSErrorRef notRevokedError(const std::string& reason, const std::string& webOrigin) {
-  const std::string text = "forgotten here, but not revoked: " + reason +
-                           " To end its access by hand, remove the application from the list at " +
-                           webOrigin + "/account/connected_apps";
-  return std::make_shared<NSError>(std::string(DBErrorDomain), DBErrorNotRevoked,
-                                   NSDictionary::with({{NSLocalizedDescriptionKey, str(text)}}));
+  return NSError::withText(DBErrorDomain, DBErrorNotRevoked,
+                           "forgotten here, but not revoked: " + reason +
+                               " To end its access by hand, remove the application from the list at " +
+                               webOrigin + "/account/connected_apps");
 }
 
 }  // namespace
 
-std::int64_t unixNow() {
+std::int64_t kzv::sdk::unixNow() {
   return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
       .count();
 }
 
-std::int64_t expiryAfter(std::optional<std::int64_t> lifetimeSeconds) {
+std::int64_t kzv::sdk::expiryAfter(std::optional<std::int64_t> lifetimeSeconds) {
   if (!lifetimeSeconds) return 0;
   return unixNow() + std::clamp<std::int64_t>(*lifetimeSeconds, 0, servicelimits::tokenLifetimeSeconds);
 }
@@ -51,7 +51,7 @@ DBSession::Internals::Internals(std::string key, std::string secret, std::string
     : appKey(std::move(key)),
       appSecret(std::move(secret)),
       root(rootName),
-      hosts(serviceHostsFromEnvironment()),
+      hosts(DBServiceHosts::fromEnvironment()),
       store(makeDefaultCredentialStore(appKey, hosts.origin)),
       network(NetworkThread::shared()) {
   if (hosts.refusal) {
@@ -333,17 +333,17 @@ bool DBSession::Internals::hasUserId(std::string_view userId) const {
 
 std::shared_ptr<void> DBSession::Internals::backgroundWork() {
   const std::lock_guard lock(mutex_);
-  ++workUnderWay_;
+  ++pendingWork_;
   return {nullptr, [self = shared_from_this()](void*) {
             const std::lock_guard guard(self->mutex_);
-            if (--self->workUnderWay_ == 0) self->workEnded_.notify_all();
+            if (--self->pendingWork_ == 0) self->workEnded_.notify_all();
           }};
 }
 
 void DBSession::Internals::waitForBackgroundWork(double seconds) {
   std::unique_lock lock(mutex_);
   workEnded_.wait_until(lock, std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds),
-                        [&] { return workUnderWay_ == 0; });
+                        [&] { return pendingWork_ == 0; });
 }
 
 DBSession::DBSession(std::string appKey, std::string appSecret, std::string_view root)

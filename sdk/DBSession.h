@@ -16,8 +16,8 @@ class DBSession;
 /// The whole account, as opposed to one application's folder in it.
 inline constexpr std::string_view kDBRootDropbox = "dropbox";
 
-/// Told when the service says that an account's authorization is no longer valid and no newer one is stored:
-/// once per account and linking, on the run loop of the request that failed, after that request's failure
+/// Notified when the service has rejected an account's authorization for good and no newer one is stored:
+/// once per account and linking, on the run loop of the failed request, after that request's failure
 /// callback.
 class DBSessionDelegate {
  public:
@@ -25,8 +25,7 @@ class DBSessionDelegate {
   virtual void sessionDidReceiveAuthorizationFailure(DBSession& session, const std::string& userId) = 0;
 };
 
-/// What is needed to act for one account. Secret: never log, never show; the tokens are overwritten at the
-/// end.
+/// The credentials of one account. Secret: never logged or shown; the tokens are cleared on destruction.
 struct DBCredential {
   std::string userId;  // the service's account id
   std::string accessToken;
@@ -44,8 +43,8 @@ struct DBCredential {
 /// are bound to the origin that gave them: another one (KZV_SERVICE_URL) has accounts of its own. Any thread;
 /// calls that change the store block for as long as the disk or the secret service takes.
 ///
-/// Other processes link, renew and unlink, too. When the service refuses a token, the store is asked before
-/// the account is given up: a newer linking or a newer token there is adopted, and the request goes on with
+/// Other processes link, renew and unlink accounts, too. When the service rejects a token, the store is read
+/// again before the account is given up: a newer linking or token is adopted and the request is repeated with
 /// it.
 class DBSession final : public NSObject {
  public:
@@ -53,7 +52,7 @@ class DBSession final : public NSObject {
   DBSession(std::string appKey, std::string appSecret, std::string_view root);
   ~DBSession() override;
 
-  /// The session everything uses after start-up; empty before.
+  /// The process's session; empty before the plug-in's start-up.
   static std::shared_ptr<DBSession> sharedSession();
   static void setSharedSession(std::shared_ptr<DBSession> session);
 
@@ -83,9 +82,9 @@ class DBSession final : public NSObject {
   /// The same, but waits at most `patience` for the revocation. False with an error when the store refuses,
   /// or when the revocation fails (DBErrorNotRevoked, with a text that says what to do by hand).
   bool unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds patience, NSErrorRef* error);
-  /// Whether the linking whose loss was told to the delegate is still the account's only one. Asks the store
-  /// (blocks) and adopts a newer linking, for which this is false. False also when the store cannot be read:
-  /// then nothing may be deleted.
+  /// Whether the linking that the delegate was notified of is still the account's only one. Reads the store
+  /// (blocks) and adopts a newer linking, in which case it returns false. Also false when the store cannot be
+  /// read: nothing may be deleted then.
   bool isAuthorizationLost(const std::string& userId);
   /// Waits until revocations in the background have ended, at most `seconds`.
   void waitForBackgroundWork(double seconds);

@@ -1,9 +1,12 @@
 #include "sdk/Revocation.h"
 
+#include <boost/json.hpp>
 #include <utility>
 
-#include "sdk/ServiceJson.h"
 #include "sdk/TokenRefresh.h"
+#include "sdk/wire/ServiceJson.h"
+
+namespace kzv::sdk {
 
 void Revocation::start(std::shared_ptr<DBSession::Internals> session, const DBCredential& credential,
                        Done done) {
@@ -55,3 +58,5 @@ void Revocation::renewed(const ServiceAnswer& answer) {
   credential_.accessToken = *token;
   revoke();
 }
+
+}  // namespace kzv::sdk

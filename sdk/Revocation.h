@@ -4,9 +4,10 @@
 
 #include "sdk/ServiceCall.h"
 
-/// Ends the authorization that a credential stands for (auth/token/revoke), which ends its refresh token and
-/// all its access tokens. Only an access token that is valid can be revoked, so one that has expired is
-/// renewed first. Network thread.
+namespace kzv::sdk {
+
+/// Revokes the authorization of a credential (auth/token/revoke): its refresh token and all its access
+/// tokens. An expired access token is renewed first, because only a valid one can be revoked. Network thread.
 class Revocation : public std::enable_shared_from_this<Revocation> {
  public:
   /// Empty: the authorization has ended, or had ended before.
@@ -29,3 +30,5 @@ class Revocation : public std::enable_shared_from_this<Revocation> {
   const Done done_;
   bool hasRenewed_ = false;
 };
+
+}  // namespace kzv::sdk

@@ -5,6 +5,8 @@
 
 #include "sdk/DBError.h"
 
+namespace kzv::sdk {
+
 namespace {
 
 double randomFraction() {
@@ -18,7 +20,7 @@ bool mayHaveBeenCarriedOut(const HttpResponse& response) {
          (response.status >= 500 && response.status != 503);
 }
 
-const std::string& originFor(ServiceRequest::Style style, const ServiceHosts& hosts) {
+const std::string& originFor(ServiceRequest::Style style, const DBServiceHosts& hosts) {
   switch (style) {
     case ServiceRequest::Style::contentUpload:
     case ServiceRequest::Style::contentDownload:
@@ -299,3 +301,5 @@ void ServiceCall::abort() {
   giveBackTurn(WriteTurns::Outcome::failed);
   handler_ = nullptr;
 }
+
+}  // namespace kzv::sdk

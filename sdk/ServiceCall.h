@@ -8,10 +8,12 @@
 #include <string>
 
 #include "foundation/NSRunLoop.h"
-#include "sdk/ErrorReader.h"
-#include "sdk/NetworkThread.h"
-#include "sdk/RetryPolicy.h"
 #include "sdk/SessionInternals.h"
+#include "sdk/wire/ErrorReader.h"
+#include "sdk/wire/NetworkThread.h"
+#include "sdk/wire/RetryPolicy.h"
+
+namespace kzv::sdk {
 
 /// One request of the service's HTTP API, as data.
 struct ServiceRequest {
@@ -112,3 +114,5 @@ class ServiceCall : public std::enable_shared_from_this<ServiceCall> {
   bool hasLookedInStore_ = false;
   ServiceAnswer answer_;
 };
+
+}  // namespace kzv::sdk

@@ -8,17 +8,19 @@
 #include <string>
 #include <vector>
 
-#include "sdk/CredentialStore.h"
+#include "sdk/DBServiceHosts.h"
 #include "sdk/DBSession.h"
-#include "sdk/NetworkThread.h"
-#include "sdk/ServiceHosts.h"
 #include "sdk/TokenRefresh.h"
-#include "sdk/WriteTurns.h"
+#include "sdk/credentials/CredentialStore.h"
+#include "sdk/wire/NetworkThread.h"
+#include "sdk/wire/WriteTurns.h"
+
+namespace kzv::sdk {
 
 /// Seconds since 1970 (POSIX), as the times of tokens are kept.
 std::int64_t unixNow();
-/// When a token with that lifetime from now ends; 0, for never, when no lifetime is told. What cannot be a
-/// lifetime counts as the nearest that can: none at all, or ten years.
+/// When a token with that lifetime expires; 0 (never) without a lifetime. Impossible lifetimes are clamped to
+/// the range from 0 to ten years.
 std::int64_t expiryAfter(std::optional<std::int64_t> lifetimeSeconds);
 
 /// What a request needs in order to act for an account. Secret.
@@ -35,6 +37,8 @@ struct Authorization {
   }
 };
 
+}  // namespace kzv::sdk
+
 /// The state of a session that requests share. Lives until the last of them has ended. Any thread.
 struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals> {
   Internals(std::string key, std::string secret, std::string_view rootName);
@@ -42,17 +46,17 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
   const std::string appKey;
   const std::string appSecret;
   const std::string root;
-  const ServiceHosts hosts;
-  const std::unique_ptr<CredentialStore> store;
-  const std::shared_ptr<NetworkThread> network;
-  TokenRefresh tokenRefresh;  // the network thread's own
-  WriteTurns writeTurns;      // the network thread's own
+  const DBServiceHosts hosts;
+  const std::unique_ptr<kzv::sdk::CredentialStore> store;
+  const std::shared_ptr<kzv::sdk::NetworkThread> network;
+  kzv::sdk::TokenRefresh tokenRefresh;  // the network thread's own
+  kzv::sdk::WriteTurns writeTurns;      // the network thread's own
   /// Set when an upload has arrived damaged: from then on each one names its hash before it is sent, so that
   /// the service itself refuses what differs. Not always, because the file must then be read twice.
   std::atomic<bool> announcesHashes{false};
 
   /// Nothing when the account is not linked.
-  std::optional<Authorization> authorization(const std::string& userId) const;
+  std::optional<kzv::sdk::Authorization> authorization(const std::string& userId) const;
   /// Keeps a renewed token, unless the account has been unlinked or linked anew meanwhile. The store follows
   /// in the background.
   void keepRenewedToken(const std::string& userId, std::uint64_t linking, const std::string& accessToken,
@@ -87,7 +91,7 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
   std::vector<std::string> userIds() const;
   bool hasUserId(std::string_view userId) const;
   void setDelegate(DBSessionDelegate* newDelegate);
-  /// Counts as background work until it is let go of.
+  /// Counts as background work until it is released.
   std::shared_ptr<void> backgroundWork();
   void waitForBackgroundWork(double seconds);
 
@@ -108,7 +112,7 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
   NSErrorRef storeError_;                  // guarded by mutex_
   std::uint64_t lastLinking_ = 0;          // guarded by mutex_
   DBSessionDelegate* delegate_ = nullptr;  // guarded by mutex_
-  int workUnderWay_ = 0;                   // guarded by mutex_
+  int pendingWork_ = 0;                    // guarded by mutex_
   std::condition_variable workEnded_;
   std::mutex storeMutex_;  // makes memory and store change in the same order; taken before mutex_
 };

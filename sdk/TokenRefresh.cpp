@@ -1,10 +1,14 @@
 #include "sdk/TokenRefresh.h"
 
+#include <boost/json.hpp>
+
 #include "foundation/DispatchQueue.h"
 #include "sdk/DBError.h"
-#include "sdk/FormText.h"
 #include "sdk/ServiceCall.h"
-#include "sdk/ServiceJson.h"
+#include "sdk/wire/FormText.h"
+#include "sdk/wire/ServiceJson.h"
+
+namespace kzv::sdk {
 
 ServiceRequest refreshRequest(const DBSession::Internals& session, const std::string& refreshToken) {
   ServiceRequest request;
@@ -74,3 +78,5 @@ void TokenRefresh::finish(Waiting& waiting, const Key& key, const Outcome& outco
   waiting.erase(key);
   for (const Done& done : all) done(outcome);
 }
+
+}  // namespace kzv::sdk

@@ -10,6 +10,8 @@
 #include "foundation/NSError.h"
 #include "sdk/DBSession.h"
 
+namespace kzv::sdk {
+
 struct ServiceRequest;
 
 /// Renews access tokens (RFC 6749, section 6): one request at a time per account, however many requests need
@@ -50,3 +52,5 @@ class TokenRefresh {
 
 /// The request that renews an access token. Secret.
 ServiceRequest refreshRequest(const DBSession::Internals& session, const std::string& refreshToken);
+
+}  // namespace kzv::sdk

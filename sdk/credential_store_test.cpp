@@ -13,8 +13,10 @@
 #include <unistd.h>
 
 #include "foundation/NSLog.h"
-#include "sdk/CredentialStore.h"
+#include "sdk/credentials/CredentialStore.h"
 #include "sdk/testing/ClientFixture.h"
+
+namespace kzv::sdk {
 
 namespace {
 
@@ -83,18 +85,14 @@ TEST_F(FileStore, IsForItsOwnerOnly) {
   EXPECT_EQ(modeOf(file()), 0600U);
   ::chmod(folder().c_str(), 0755);
   ::chmod(file().c_str(), 0666);
-  const std::string log = scratch.path() + "/log";
-  ASSERT_TRUE(setLogFile(log));
+  testing::internal::CaptureStderr();
   EXPECT_EQ(ids(), Ids{"a"});
   EXPECT_EQ(modeOf(file()), 0600U);
   save("b");
   EXPECT_EQ(modeOf(folder()), 0700U);
-  setLogFile("");
-  std::stringstream told;
-  told << std::ifstream(log).rdbuf();
-  EXPECT_NE(told.str().find("accounts.json was open to other users (mode 0666)"), std::string::npos)
-      << told.str();
-  EXPECT_NE(told.str().find("app_2fkey was open to other users (mode 0755)"), std::string::npos);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("accounts.json was open to other users (mode 0666)"), std::string::npos) << log;
+  EXPECT_NE(log.find("app_2fkey was open to other users (mode 0755)"), std::string::npos);
 }
 
 TEST_F(FileStore, AFileBehindALinkIsRefusedAndLeftAlone) {
@@ -245,3 +243,5 @@ TEST_F(FileStore, FullDiskLeavesTheOldStore) {
 }
 
 }  // namespace
+
+}  // namespace kzv::sdk

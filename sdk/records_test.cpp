@@ -1,13 +1,16 @@
 #include <array>
+#include <boost/json.hpp>
 #include <cstdlib>
 
 #include <gtest/gtest.h>
 #include <malloc.h>
 
 #include "sdk/DBMetadata.h"
-#include "sdk/IconNames.h"
-#include "sdk/RecordReader.h"
-#include "sdk/ServiceJson.h"
+#include "sdk/wire/IconNames.h"
+#include "sdk/wire/RecordReader.h"
+#include "sdk/wire/ServiceJson.h"
+
+namespace kzv::sdk {
 
 namespace {
 
@@ -167,3 +170,5 @@ TEST(IconNames, FollowNameKindAndPlace) {
 }
 
 }  // namespace
+
+}  // namespace kzv::sdk

@@ -1,3 +1,4 @@
+#include <boost/json.hpp>
 #include <chrono>
 #include <limits>
 
@@ -6,16 +7,18 @@
 
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
+#include "sdk/ClientInternals.h"
 #include "sdk/DBError.h"
-#include "sdk/DBRestClientImpl.h"
-#include "sdk/ErrorReader.h"
-#include "sdk/FormText.h"
-#include "sdk/RetryPolicy.h"
-#include "sdk/ServiceHosts.h"
-#include "sdk/ServiceJson.h"
-#include "sdk/ServiceText.h"
+#include "sdk/DBServiceHosts.h"
 #include "sdk/SessionInternals.h"
-#include "sdk/WriteTurns.h"
+#include "sdk/wire/ErrorReader.h"
+#include "sdk/wire/FormText.h"
+#include "sdk/wire/RetryPolicy.h"
+#include "sdk/wire/ServiceJson.h"
+#include "sdk/wire/ServiceText.h"
+#include "sdk/wire/WriteTurns.h"
+
+namespace kzv::sdk {
 
 namespace {
 
@@ -51,7 +54,7 @@ TEST(FormText, EncodesAllButUnreservedCharacters) {
             "a=x%20y%26z%3D%C3%A9&b=A-_.~9");
 }
 
-TEST(ServiceHosts, OnlySafeReplacementsAreTaken) {
+TEST(DBServiceHosts, OnlySafeReplacementsAreTaken) {
   struct Case {
     const char* name;
     const char* replacement;
@@ -80,7 +83,7 @@ TEST(ServiceHosts, OnlySafeReplacementsAreTaken) {
                         {"not a URL", "http://[", nullptr}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const ServiceHosts hosts = serviceHosts(c.replacement);
+    const DBServiceHosts hosts = DBServiceHosts::from(c.replacement);
     EXPECT_EQ(hosts.refusal ? hosts.refusal->code() : 0, c.api ? 0 : DBErrorServiceAddress);
     EXPECT_EQ(hosts.api, c.api ? c.api : "");
   }
@@ -129,34 +132,34 @@ TEST(RetryPolicy, WaitsForOtherWritersAreManyAndSpreadOut) {
 TEST(WriteTurns, EachRefusalHalvesWhatIsSentAtOnceAndSuccessWidensIt) {
   using Outcome = WriteTurns::Outcome;
   WriteTurns turns;
-  int underWay = 0;
-  const auto enter = [&] { return turns.enter("u", [&] { ++underWay; }); };
+  int inFlight = 0;
+  const auto enter = [&] { return turns.enter("u", [&] { ++inFlight; }); };
   const auto leave = [&](Outcome outcome) {
-    --underWay;
+    --inFlight;
     turns.leave("u", outcome);
   };
   for (int i = 0; i < 16; ++i) enter();
-  EXPECT_EQ(underWay, 16);
+  EXPECT_EQ(inFlight, 16);
   leave(Outcome::refused);
   for (int i = 0; i < 10; ++i) enter();
-  EXPECT_EQ(underWay, 15) << "eight at once from now on";
-  while (underWay > 8) leave(Outcome::failed);
+  EXPECT_EQ(inFlight, 15) << "eight at once from now on";
+  while (inFlight > 8) leave(Outcome::failed);
   leave(Outcome::stored);
-  EXPECT_EQ(underWay, 8) << "whoever waited follows";
+  EXPECT_EQ(inFlight, 8) << "whoever waited follows";
   for (int i = 0; i < 3; ++i) leave(Outcome::refused);
-  EXPECT_EQ(underWay, 5);
-  while (underWay > 1) leave(Outcome::failed);
+  EXPECT_EQ(inFlight, 5);
+  while (inFlight > 1) leave(Outcome::failed);
   const auto waiting = enter();
   ASSERT_TRUE(waiting);
   enter();
   turns.withdraw("u", *waiting);
   EXPECT_EQ(turns.enter("another account", [] {}), std::nullopt);
   for (int i = 0; i < WriteTurns::successesBeforeWidening; ++i) {
-    EXPECT_EQ(underWay, 1);
+    EXPECT_EQ(inFlight, 1);
     enter();
     leave(Outcome::stored);
   }
-  EXPECT_EQ(underWay, 2);
+  EXPECT_EQ(inFlight, 2);
 }
 
 TEST(RetryPolicy, ShortRetriesAreFewAndSpreadOut) {
@@ -252,7 +255,7 @@ TEST(ServiceText, IsFitToBeShown) {
       {"terminal", "a\x1b[31m\r\nb\x7f\0"s + "c", "a [31m  b  c"},
       {"second control block", "a\xC2\x9B"s + "31mb", "a 31mb"},
       {"direction of writing", "a\u202Eb\u2066c\u200F", "a b c "},
-      {"not UTF-8", "a\xff\xC3(\xED\xA0\x80\xF0\x9F", "a  (     "},
+      {"not UTF-8", "a\xff\xC3(\xED\xA0\x80\xF0\x9F", "a  (    "},
       {"bearer", "you sent Bearer abc123", "you sent Bearer ***"},
       {"the service's token", "sl.u.AbC-dEf_0123456789 is old", "*** is old"},
       {"any long code", "rejected (" + code + ")", "rejected (***)"},
@@ -317,3 +320,5 @@ TEST(ErrorReader, QuotesNothingThatMightBeSecret) {
 }
 
 }  // namespace
+
+}  // namespace kzv::sdk

@@ -15,10 +15,12 @@
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
 #include "sdk/DBError.h"
-#include "sdk/NetworkThread.h"
-#include "sdk/PageSequence.h"
 #include "sdk/SessionInternals.h"
 #include "sdk/testing/ClientFixture.h"
+#include "sdk/wire/NetworkThread.h"
+#include "sdk/wire/PageSequence.h"
+
+namespace kzv::sdk {
 
 namespace {
 
@@ -605,17 +607,6 @@ TEST_F(RestClient, TokensAreKnownAtTheOriginThatGaveThemOnly) {
   EXPECT_EQ(idsAt(elsewhere.url()), Notes());
 }
 
-TEST_F(RestClient, AccountThatIsNotLinkedCostsNoRequest) {
-  const auto serving = serve([](const ScriptedRequest&) { return jsonReply("null"); });
-  session->unlinkUserId(userId);
-  session->waitForBackgroundWork(20);
-  EXPECT_EQ(server->count("/2/auth/token/revoke"), 1);
-  EXPECT_EQ(server->requests().back().headers.at("authorization"), "Bearer token-1");
-  EXPECT_EQ(outcomeOf("/"), "error 102");
-  EXPECT_EQ(server->requests().size(), 1U);
-  EXPECT_TRUE(DBSession("key", "", kDBRootDropbox).userIds().empty());
-}
-
 TEST_F(RestClient, CancelledRequestsEndAtOnceAndCallNobody) {
   struct Case {
     const char* name;
@@ -701,6 +692,37 @@ TEST_F(RestClient, DeltaBeginsWithTheNewestCursorAndStartsAgainWhenItIsLost) {
   EXPECT_EQ(server->count(continueRoute), before + 1) << "whoever polls decides when to ask again";
 }
 
+TEST_F(RestClient, AWaitForChangesEndsWithWhatTheServiceSaysAndIsNeverRepeated) {
+  ScriptedReply reply;
+  const auto serving = serve([&](const ScriptedRequest&) { return reply; });
+  const std::string invalid = "error " + std::to_string(DBErrorInvalidResponse);
+  struct Case {
+    const char* name;
+    ScriptedReply reply;
+    std::string outcome;
+  };
+  const Case cases[] = {
+      {"changes", jsonReply(R"({"changes":true})"), "changes 0"},
+      {"none", jsonReply(R"({"changes":false,"backoff":60})"), "no changes 60"},
+      {"a backoff of years", jsonReply(R"({"changes":false,"backoff":9999999})"), "no changes 3600"},
+      {"a negative backoff", jsonReply(R"({"changes":true,"backoff":-1})"), "changes 0"},
+      {"a lost cursor is a change", errorReply(409, {"reset"}), "changes 0"},
+      {"refused", errorReply(400, {}), "error 400"},
+      {"in trouble", {503, "", {"Retry-After: 0"}}, "error 503"},
+      {"not understood", jsonReply(R"({"changes":1})"), invalid}};
+  int requests = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    reply = c.reply;
+    EXPECT_EQ(outcome([](DBRestClient& own) { own.waitForChanges("c7", std::chrono::seconds(30)); }),
+              c.outcome);
+    EXPECT_EQ(server->count("/2/files/list_folder/longpoll"), ++requests);
+  }
+  const ScriptedRequest request = server->requests().back();
+  EXPECT_EQ(request.body, R"({"cursor":"c7","timeout":30})");
+  EXPECT_EQ(request.headers.count("authorization"), 0U) << "the cursor says whose changes";
+}
+
 TEST_F(RestClient, AccountInformationNamesTheRightLimit) {
   struct Case {
     const char* name;
@@ -755,3 +777,5 @@ TEST_F(RestClient, AdoptedTokenLinksTheAccountItBelongsTo) {
 }
 
 }  // namespace
+
+}  // namespace kzv::sdk

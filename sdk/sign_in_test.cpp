@@ -15,8 +15,10 @@
 #include <unistd.h>
 
 #include "foundation/FileLock.h"
-#include "sdk/SignIn.h"
+#include "sdk/signin/SignIn.h"
 #include "sdk/testing/ClientFixture.h"
+
+namespace kzv::sdk {
 
 namespace {
 
@@ -261,3 +263,5 @@ TEST_F(BrowserSignIn, WhatCannotSucceedAnyMoreEndsIt) {
 }
 
 }  // namespace
+
+}  // namespace kzv::sdk

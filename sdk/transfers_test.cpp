@@ -12,10 +12,12 @@
 
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
-#include "sdk/ContentHash.h"
 #include "sdk/DBError.h"
-#include "sdk/LocalFile.h"
 #include "sdk/testing/ClientFixture.h"
+#include "sdk/wire/ContentHash.h"
+#include "sdk/wire/LocalFile.h"
+
+namespace kzv::sdk {
 
 namespace {
 
@@ -719,3 +721,5 @@ TEST_F(TreeChanges, LinkIsMadeOrFound) {
 }
 
 }  // namespace
+
+}  // namespace kzv::sdk

@@ -1,6 +1,6 @@
 #include <condition_variable>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 
 #include "core/KZVCoreObj.h"
 #include "foundation/NSFileManager.h"
@@ -47,6 +47,18 @@ class ChangesTest : public PluginTest {
     KZVCoreObj::shared().attach(ada);
     settle(*ada);
   }
+  /// Watches a folder of Ada's volume, or of another one.
+  template <class Callback>
+  std::shared_ptr<FSItem> watch(const char* path, Callback callback,
+                                std::shared_ptr<KZVDropboxFS> volume = nullptr) {
+    if (!volume) volume = ada;
+    auto folder = std::make_shared<FSItem>(path, volume);
+    folder->setIsDirectory(true);
+    folder->setChangeCallback(std::move(callback));
+    volume->startWatchFolder(folder);
+    return folder;
+  }
+  static void stopLoop(const std::shared_ptr<FSItem>& /*changed*/) { NSRunLoop::mainRunLoop()->stop(); }
   /// Until the list of accounts has those just linked: it redraws their panels when it does.
   static void awaitAccountList() {
     std::promise<void> listed;
@@ -108,14 +120,8 @@ TEST_F(ChangesTest, ALocalCopyIsNotOlderThanTheChangeThatAPollHasTold) {
 TEST_F(ChangesTest, AResetOfTheCursorLosesNothingAndRedrawsEveryPanel) {
   standIn.write("/Docs/a.txt", "one");
   listedTree(*ada);
-  const auto folder = std::make_shared<FSItem>("/Docs", ada);
-  folder->setIsDirectory(true);
   int told = 0;
-  folder->setChangeCallback([&](const auto&) {
-    ++told;
-    NSRunLoop::mainRunLoop()->stop();
-  });
-  ada->startWatchFolder(folder);
+  const auto folder = watch("/Docs", [&](const auto& changed) { ++told, stopLoop(changed); });
   standIn.settings({{"reset_cursors", true}});
   standIn.write("/Docs/a.txt", "changed while no cursor was valid");
   const auto expected = standIn.tree();
@@ -134,13 +140,10 @@ TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
   std::vector<std::shared_ptr<FSItem>> watched;
   for (const char* path :
        {"/", "/Photos", "/photos/2014", "/PhotosOld", "/U\u0308nI\u0308", "/ΟΔΟΣ", "/Docs"}) {
-    watched.push_back(std::make_shared<FSItem>(path, ada));
-    watched.back()->setIsDirectory(true);
-    watched.back()->setChangeCallback([&](const auto& item) {
+    watched.push_back(watch(path, [&](const auto& item) {
       if (item->takeChangeMark()) ++told[item->path()];  // two changes at once make one redraw
-      NSRunLoop::mainRunLoop()->stop();
-    });
-    ada->startWatchFolder(watched.back());
+      stopLoop(item);
+    }));
   }
   ada->startWatchFolder(watched.back());
   ada->stopWatchFolder(watched.back());  // takes both entries
@@ -181,10 +184,7 @@ TEST_F(ChangesTest, TheTimerTellsWatchersOfTheirFoldersOnly) {
 
 TEST_F(ChangesTest, PollsThatFailLoseNothing) {
   before([&] { standIn.write("/Docs/a.txt", "one"); });
-  const auto folder = std::make_shared<FSItem>("/Docs", ada);
-  folder->setIsDirectory(true);
-  folder->setChangeCallback([](const auto&) { NSRunLoop::mainRunLoop()->stop(); });
-  ada->startWatchFolder(folder);
+  const auto folder = watch("/Docs", stopLoop);
   standIn.fault({{"route", "files/list_folder/continue"}, {"times", 2}, {"status", 500}});
   while (standIn.faultHits() == 0) std::this_thread::yield();  // a poll that had left before sees the change
   standIn.write("/Docs/b.txt", "two");
@@ -229,10 +229,7 @@ TEST_F(ChangesTest, WhatWasShownBeforeTheFirstCursorIsNotKeptAndIsRedrawnWhenItC
   EXPECT_EQ(names().count("/Docs/b.txt"), 1U);
   standIn.remove("/Docs/b.txt");
   EXPECT_EQ(names().count("/Docs/b.txt"), 0U);
-  const auto folder = std::make_shared<FSItem>("/Docs", late);
-  folder->setIsDirectory(true);
-  folder->setChangeCallback([](const auto&) { NSRunLoop::mainRunLoop()->stop(); });
-  late->startWatchFolder(folder);
+  const auto folder = watch("/Docs", stopLoop, late);
   standIn.remove("/Docs/a.txt");  // after the last look, and before the cursor
   standIn.clearFaults();
   EXPECT_TRUE(NSRunLoop::mainRunLoop()->waitUntilDate(NSRunLoop::Clock::now() + 20s));
@@ -240,18 +237,16 @@ TEST_F(ChangesTest, WhatWasShownBeforeTheFirstCursorIsNotKeptAndIsRedrawnWhenItC
 }
 
 TEST_F(ChangesTest, ACursorThatOnlyFailsIsReplacedAndTheFailuresAreLoggedOnce) {
-  const std::string log = home.path() + "/log";
   standIn.write("/Docs/a.txt", "one");
   listedTree(*ada);
-  ASSERT_TRUE(setLogFile(log));
+  testing::internal::CaptureStderr();
   standIn.fault({{"route", "files/list_folder/continue"}, {"times", 0}, {"status", 400}});
   standIn.write("/Docs/b.txt", "two");
   const auto expected = standIn.tree();
   EXPECT_EQ(eventually(expected), expected);
   const int seen = standIn.faultHits();
   while (standIn.faultHits() < seen + 6) std::this_thread::yield();
-  setLogFile("");
-  std::ifstream lines(log);
+  std::istringstream lines(testing::internal::GetCapturedStderr());
   int told = 0;
   for (std::string line; std::getline(lines, line);) told += line.find("are not seen") != std::string::npos;
   EXPECT_EQ(told, 1);
@@ -300,11 +295,9 @@ TEST_F(ChangesTest, EveryInstanceOfTheAccountDropsItsCopyAndNoOtherAccountHears)
   const auto second = std::make_shared<KZVDropboxFS>(nullptr, ada->options());
   KZVCoreObj::shared().attach(second);
   awaitAccountList();
-  const auto bobsRoot = std::make_shared<FSItem>("/", bob);
-  bobsRoot->setIsDirectory(true);
   bool bobHeard = false;
-  bobsRoot->setChangeCallback([&](const auto&) { bobHeard = true; });
-  bob->startWatchFolder(bobsRoot);
+  const auto bobsRoot = watch(
+      "/", [&](const auto&) { bobHeard = true; }, bob);
   const auto contentIn = [&](KZVDropboxFS& plugin) {
     const auto copy = bounded([&] { return plugin.requestFileUrl("/docs/a.txt", nullptr, nullptr); });
     auto bytes = copy ? readFile(copy->path(), 100).value_or("") : "";

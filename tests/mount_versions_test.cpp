@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <sys/mman.h>
+#include <sys/xattr.h>
 
 #include "tests/MountFixture.h"
 
@@ -60,35 +61,6 @@ TEST_F(MountVersionsTest, AnotherVersionOfTheSameSecondAndSizeIsSeen) {
   for (const char* path : {"/a", "/b", "/c"}) standIn.write(path, "other");
   for (const char* name : {"a", "b", "c"})
     EXPECT_TRUE(soon([&] { return contentOf(root / name) == "other"; })) << name;
-}
-
-TEST_F(MountVersionsTest, ASaveReplacesTheVersionThatWasShownAndNoOther) {
-  struct Case {
-    const char* name;
-    std::function<void(const fs::path& path)> save;
-  };
-  const Case cases[] = {
-      {"in place", [](const fs::path& path) { store(path, "mine."); }},
-      {"by rename",
-       [](const fs::path& path) {
-         store(path.string() + ".new", "mine.");
-         moveFile(path.string() + ".new", path);
-       }},
-      {"appended", [](const fs::path& path) { store(path, "mine.", O_WRONLY | O_APPEND); }}};
-  for (const Case& c : cases) standIn.write("/" + std::string(c.name), "first");
-  pollSeconds = "3600";  // what the other device does is not known yet
-  mount();
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    const std::string path = "/" + std::string(c.name);
-    EXPECT_EQ(contentOf(root / c.name), "first");
-    standIn.write(path, "other");
-    c.save(root / c.name);
-    std::multiset<std::string> contents;
-    for (const std::string& copy : copiesOf(path)) contents.insert(standIn.content(copy));
-    EXPECT_EQ(contents.count("other"), 1U) << "the other device's version is lost";
-    EXPECT_EQ(contents.size(), 2U);
-  }
 }
 
 TEST_F(MountVersionsTest, AnOpenFileKeepsItsVersionToTheLastByte) {
@@ -155,6 +127,22 @@ TEST_F(MountVersionsTest, WhatIsWrittenToAReplacedFileIsKeptBesideIt) {
   const auto copies = copiesOf("/f");
   ASSERT_EQ(copies.size(), 2U);
   EXPECT_EQ(standIn.content(copies.back()), "first and mine");
+}
+
+TEST_F(MountVersionsTest, AFileThatWasReplacedBeforeItCouldBeOpenedIsShownAnew) {
+  standIn.write("/f", "first");
+  mount();
+  const fs::path path = root / "f";
+  EXPECT_EQ(fs::file_size(path), 5U);
+  standIn.fault({{"route", "files/download"}, {"times", 0}, {"delay_ms", 60'000}});
+  ChildProcess opener({"/bin/cat", path.string()}, {});
+  EXPECT_TRUE(soon([&] { return standIn.requests()["files/download"] >= 1; }));
+  standIn.write("/f", "another");
+  EXPECT_TRUE(soon([&] { return ::getxattr(path.c_str(), "user.kzv.rev", nullptr, 0) < 0; }));
+  EXPECT_EQ(fs::file_size(path), 5U) << "a program is opening the older version";
+  opener.signal(SIGKILL);
+  opener.finish(20s);
+  EXPECT_TRUE(soon([&] { return fs::file_size(path) == 7; })) << "the kernel keeps the older one";
 }
 
 TEST_F(MountVersionsTest, ARevokedTokenIsNoMissingFile) {

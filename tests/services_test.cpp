@@ -9,7 +9,7 @@
 #include "foundation/NSString.h"
 #include "plugin/KZVDropboxFSClass.h"
 #include "plugin/KZVDropboxFSGlobals.h"
-#include "sdk/IconNames.h"
+#include "sdk/wire/IconNames.h"
 #include "tests/PluginFixture.h"
 
 namespace {
@@ -107,7 +107,7 @@ TEST_F(ServicesTest, IconsComeFromTheBundle) {
 
 TEST_F(ServicesTest, TheBundleHasAPictureForEachIconNameAndNoOther) {
   std::set<std::string> needed{"dropboxcontextmenu.png"};
-  for (const std::string_view name : allIconNames()) needed.insert(std::string(name) + "48.png");
+  for (const std::string_view name : kzv::sdk::allIconNames()) needed.insert(std::string(name) + "48.png");
   std::set<std::string> found;
   for (const auto& file : std::filesystem::directory_iterator(KZV_BUNDLE_PATH "/Resources")) {
     if (file.path().extension() == ".png") found.insert(file.path().filename());

@@ -19,7 +19,7 @@
 
 #include "core/FSError.h"
 #include "core/KZVConstants.h"
-#include "core/KZVLocalFS.h"
+#include "core/copy/KZVLocalFS.h"
 #include "foundation/NSFileManager.h"
 #include "foundation/NSNumber.h"
 #include "foundation/NSString.h"
@@ -106,6 +106,23 @@ class TransferTest : public PluginTest {
   std::shared_ptr<NSURL> get(const std::string& path, NSErrorRef* error = nullptr,
                              const ProgressCallback& progress = nullptr) {
     return bounded([&] { return ada->requestFileUrl(path, progress, error); });
+  }
+  /// Copies an item of the account to the disk, below `local`.
+  bool copyOut(const std::string& from, const std::string& to, NSErrorRef* error) {
+    return bounded([&] {
+      return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>(from, ada)},
+                                             localPath(to), nullptr, nullptr, nullptr, error);
+    });
+  }
+  /// Copies an item of the disk to the account.
+  bool copyIn(
+      const std::string& from, const std::string& to, NSErrorRef* error,
+      const std::function<void(const kzv::copy::CopiedItem&)>& copied = [](const auto&) {}) {
+    return bounded([&] {
+      return KZVLocalFS::shared().sendFiles(
+          KZVBatchId(), from, ada, to, nullptr, nullptr,
+          [&](const kzv::copy::CopiedItem& item) { return copied(item), true; }, error);
+    });
   }
   /// Uploads, forgets, downloads, compares.
   void expectRoundTrip(const std::shared_ptr<NSURL>& file, const std::string& path) {
@@ -469,17 +486,11 @@ TEST_F(TransferTest, NoFileOfABatchIsLostToOtherWritersOrDamage) {
     if (!c.fault.empty()) standIn.fault(c.fault);
     standIn.forgetRequests();
     NSErrorRef error;
-    EXPECT_TRUE(bounded([&] {
-      return KZVLocalFS::shared().sendFiles(KZVBatchId(), localPath("batch"), ada, "/batch", nullptr, nullptr,
-                                            nullptr, &error);
-    })) << (error ? error->description() : "");
+    EXPECT_TRUE(copyIn(localPath("batch"), "/batch", &error)) << (error ? error->description() : "");
     EXPECT_GT(standIn.requests()["files/upload"], c.files) << "the order was not carried out";
     standIn.clearFaults();
     EXPECT_EQ(standIn.tree().size(), static_cast<std::size_t>(c.files) + 1);
-    EXPECT_TRUE(bounded([&] {
-      return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/batch", ada)},
-                                             localPath("back"), nullptr, nullptr, nullptr, &error);
-    }));
+    EXPECT_TRUE(copyOut("/batch", "back", &error));
     for (int number = 0; number < c.files; ++number) {
       const std::string name = "/" + std::to_string(number);
       EXPECT_TRUE(sameBytes(localPath("batch") + name, localPath("back") + name)) << name;
@@ -573,14 +584,8 @@ TEST_F(TransferTest, NamesThatTheServiceTakesForOneNeverOverwriteEachOther) {
       std::ofstream(localPath(folder + name)) << folder << name;
   }
   std::set<std::string> refused;
-  EXPECT_FALSE(bounded([&] {
-    return KZVLocalFS::shared().sendFiles(
-        KZVBatchId(), localPath("twins"), ada, "/twins", nullptr, nullptr,
-        [&](const CopiedItem& item) {
-          if (item.failure) refused.insert(item.from.substr(localPath("").size()));
-          return true;
-        },
-        nullptr);
+  EXPECT_FALSE(copyIn(localPath("twins"), "/twins", nullptr, [&](const auto& item) {
+    if (item.failure) refused.insert(item.from.substr(localPath("").size()));
   }));
   EXPECT_EQ(refused, (std::set<std::string>{"twins/d", "twins/a.txt", "twins/" + composed, "twins/D/a.txt",
                                             "twins/D/" + composed}));
@@ -628,15 +633,9 @@ TEST_F(TransferTest, AVersionStoredByAnotherDeviceIsNeverOverwrittenAndThatIsTol
     names("/docs");
     if (c.isChanged) standIn.write("/docs/Report.txt", "theirs");
     makeFile("docs/Report.txt", 12, 2);
-    std::vector<CopiedItem> files;
-    EXPECT_TRUE(bounded([&] {
-      return KZVLocalFS::shared().sendFiles(
-          KZVBatchId(), c.from, ada, c.to, nullptr, nullptr,
-          [&](const CopiedItem& item) {
-            if (!item.isDirectory) files.push_back(item);
-            return true;
-          },
-          nullptr);
+    std::vector<kzv::copy::CopiedItem> files;
+    EXPECT_TRUE(copyIn(c.from, c.to, nullptr, [&](const auto& item) {
+      if (!item.isDirectory) files.push_back(item);
     }));
     ASSERT_EQ(files.size(), 1U);
     EXPECT_EQ(files[0].conflictsWith, c.conflictsWith);
@@ -801,18 +800,12 @@ TEST_F(TransferTest, NamesThatTheDiskCannotHoldCanBeReadButOnlyBeStoredUnderOthe
   const auto deepCopy = get(deep);
   ASSERT_NE(deepCopy, nullptr);
   EXPECT_EQ(contentOf(deepCopy->path()), "deep");
-  const auto fetch = [&](const std::string& target, NSErrorRef* error) {
-    return bounded([&] {
-      return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/" + name, ada)},
-                                             localPath(target), nullptr, nullptr, nullptr, error);
-    });
-  };
   standIn.forgetRequests();
   NSErrorRef error;
-  EXPECT_FALSE(fetch(name, &error));
+  EXPECT_FALSE(copyOut("/" + name, name, &error));
   EXPECT_EQ(error->code(), ENAMETOOLONG);
   EXPECT_EQ(standIn.requests()["files/download"], 0);
-  EXPECT_TRUE(fetch("short.txt", &error)) << error->description();
+  EXPECT_TRUE(copyOut("/" + name, "short.txt", &error)) << error->description();
   EXPECT_EQ(contentOf(localPath("short.txt")), "long");
 }
 
@@ -820,10 +813,7 @@ TEST_F(TransferTest, AFetchedFileIsWrittenOnceBesideItsPlaceAndSynced) {
   standIn.write("/Docs/Report.txt", "12345");
   standIn.write("/Docs/empty", "");
   NSErrorRef error;
-  ASSERT_TRUE(bounded([&] {
-    return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/Docs", ada)},
-                                           localPath("Docs"), nullptr, nullptr, nullptr, &error);
-  })) << error->description();
+  ASSERT_TRUE(copyOut("/Docs", "Docs", &error)) << error->description();
   EXPECT_EQ(contentOf(localPath("Docs/Report.txt")), "12345");
   EXPECT_EQ(ada->tmpFolderUrl(), nullptr) << "a local copy was made";
   for (const char* name : {"Docs/Report.txt", "Docs/empty", "Docs"}) {
@@ -839,12 +829,7 @@ TEST_F(TransferTest, AnAnswerOfSomebodyElseReachesNoFile) {
   std::ofstream(localPath("Report.txt")) << "old";
   standIn.fault(
       {{"route", "files/download"}, {"times", 20}, {"status", 200}, {"body", "<html>Sign in</html>"}});
-  const auto fetch = [&](NSErrorRef* error) {
-    return bounded([&] {
-      return KZVLocalFS::shared().writeFiles(KZVBatchId(), {std::make_shared<FSItem>("/Report.txt", ada)},
-                                             localPath("Report.txt"), nullptr, nullptr, nullptr, error);
-    });
-  };
+  const auto fetch = [&](NSErrorRef* error) { return copyOut("/Report.txt", "Report.txt", error); };
   NSErrorRef error;
   EXPECT_FALSE(fetch(&error));
   EXPECT_EQ(fsErrorCode(error), FSErrorCode::damaged);

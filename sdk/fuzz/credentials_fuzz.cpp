@@ -2,8 +2,10 @@
 #include <cstdint>
 #include <string_view>
 
-#include "sdk/CredentialStore.h"
+#include "sdk/credentials/CredentialStore.h"
 #include "testing/FuzzInvariant.h"
+
+namespace kzv::sdk {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const auto credential = credentialFromText({reinterpret_cast<const char*>(data), size});
@@ -16,3 +18,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
               "a credential survives being stored");
   return 0;
 }
+
+}  // namespace kzv::sdk

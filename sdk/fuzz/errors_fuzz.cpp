@@ -3,10 +3,12 @@
 #include <string_view>
 
 #include "foundation/Unicode.h"
-#include "sdk/ErrorReader.h"
-#include "sdk/ServiceLimits.h"
-#include "sdk/ServiceText.h"
+#include "sdk/wire/ErrorReader.h"
+#include "sdk/wire/ServiceLimits.h"
+#include "sdk/wire/ServiceText.h"
 #include "testing/FuzzInvariant.h"
+
+namespace kzv::sdk {
 
 namespace {
 
@@ -34,3 +36,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   check(serviceText(response.body));
   return 0;
 }
+
+}  // namespace kzv::sdk

@@ -1,10 +1,13 @@
 // Answers of the service with records in them: one record, a listing, a page of changes.
+#include <boost/json.hpp>
 #include <cstdint>
 #include <string_view>
 
-#include "sdk/RecordReader.h"
-#include "sdk/ServiceJson.h"
+#include "sdk/wire/RecordReader.h"
+#include "sdk/wire/ServiceJson.h"
 #include "testing/FuzzInvariant.h"
+
+namespace kzv::sdk {
 
 namespace {
 
@@ -37,3 +40,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   return 0;
 }
+
+}  // namespace kzv::sdk

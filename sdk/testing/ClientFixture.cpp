@@ -5,6 +5,8 @@
 #include "foundation/Paths.h"
 #include "foundation/Unicode.h"
 
+namespace kzv::sdk {
+
 namespace {
 constexpr std::chrono::seconds patience{20};
 }
@@ -184,3 +186,5 @@ ScriptedReply errorReply(int status, const std::vector<std::string>& tags) {
   }
   return jsonReply(R"({"error_summary":")" + summary + R"(..","error":)" + error + "}", status);
 }
+
+}  // namespace kzv::sdk

@@ -14,6 +14,8 @@
 #include "sdk/testing/ScriptedServer.h"
 #include "testing/TemporaryFolder.h"
 
+namespace kzv::sdk {
+
 /// A thread with a running run loop, as the client's callbacks need one.
 class CallbackThread {
  public:
@@ -33,30 +35,28 @@ class NotingDelegate : public DBRestClientDelegate, public DBSessionDelegate {
   using Client = DBRestClient;
   using Text = std::string;
   using Error = NSErrorRef;
+  void requestSucceeded(Client&, const id& result) override { note("finished " + result->description()); }
+  void requestFailedWithError(Client&, const Error& error) override { noteError(error); }
   void loadedMetadata(Client&, const MetadataRef& m) override { noteRecord("metadata " + m->path(), m); }
-  void loadMetadataFailedWithError(Client&, const Error& error) override { noteError(error); }
   void loadedDeltaEntries(Client&, const std::vector<DBDeltaEntry>& entries, bool reset, const Text& cursor,
                           bool hasMore) override;
-  void loadDeltaFailedWithError(Client&, const Error& error) override { noteError(error); }
+  void waitedForChanges(Client&, bool changes, std::chrono::seconds backoff) override {
+    note((changes ? "changes " : "no changes ") + std::to_string(backoff.count()));
+  }
   void loadedAccountInfo(Client&, const std::shared_ptr<DBAccountInfo>& info) override;
-  void loadAccountInfoFailedWithError(Client&, const Error& error) override { noteError(error); }
   void restClientLoadedRequestToken(Client&) override { note("sign-in begun"); }
   void restClientReceivedAuthorization(Client&) override { note("answer came"); }
   void restClientLoadedAccessToken(Client&, const Text& userId) override { note("linked " + userId); }
-  void loadAccessTokenFailedWithError(Client&, const Error& error) override { noteError(error); }
   void loadedFile(Client&, const Text& localPath, const MetadataRef& m) override {
     noteRecord("file " + localPath, m);
   }
-  void loadFileFailedWithError(Client&, const Error& error) override { noteError(error); }
   void loadProgress(Client& client, double part, const Text&) override { noteProgress(client, part); }
   void loadedThumbnail(Client&, const Text& localPath, const MetadataRef& m) override {
     noteRecord("thumbnail " + localPath, m);
   }
-  void loadThumbnailFailedWithError(Client&, const Error& error) override { noteError(error); }
   void uploadedFile(Client&, const Text& to, const Text&, const MetadataRef& m) override {
     noteRecord("uploaded " + to + " as " + m->path(), m);
   }
-  void uploadFileFailedWithError(Client&, const Error& error) override { noteError(error); }
   void uploadProgress(Client& client, double part, const Text&, const Text&) override {
     noteProgress(client, part);
   }
@@ -64,24 +64,18 @@ class NotingDelegate : public DBRestClientDelegate, public DBSessionDelegate {
                          NSDate::Time) override {
     note("chunk " + uploadId + " " + std::to_string(offset));
   }
-  void uploadFileChunkFailedWithError(Client&, const Error& error) override { noteError(error); }
   void uploadedFileFromUploadId(Client&, const Text& to, const Text& uploadId,
                                 const MetadataRef& m) override {
     noteRecord("committed " + uploadId + " " + to + " as " + m->path(), m);
   }
-  void uploadFromUploadIdFailedWithError(Client&, const Error& error) override { noteError(error); }
   void createdFolder(Client&, const MetadataRef& m) override { noteRecord("created " + m->path(), m); }
-  void createFolderFailedWithError(Client&, const Error& error) override { noteError(error); }
   void deletedPath(Client&, const Text& path) override { note("deleted " + path); }
-  void deletePathFailedWithError(Client&, const Error& error) override { noteError(error); }
   void movedPath(Client&, const Text& from, const MetadataRef& m) override {
     noteRecord("moved " + from + " to " + m->path(), m);
   }
-  void movePathFailedWithError(Client&, const Error& error) override { noteError(error); }
   void loadedSharableLink(Client&, const std::shared_ptr<DBSharedLink>& link, const Text& path) override {
     note("link " + path + " " + link->url() + " " + link->audience());
   }
-  void loadSharableLinkFailedWithError(Client&, const Error& error) override { noteError(error); }
   void sessionDidReceiveAuthorizationFailure(DBSession&, const Text& userId) override {
     note("authorization failure " + userId);
   }
@@ -142,3 +136,5 @@ std::string pageJson(const std::string& entries, const std::string& cursor = "c1
 ScriptedReply jsonReply(std::string body, int status = 200);
 /// A 409 (or other) error whose union is `tags`, outermost first.
 ScriptedReply errorReply(int status, const std::vector<std::string>& tags);
+
+}  // namespace kzv::sdk

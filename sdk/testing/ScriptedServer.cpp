@@ -10,6 +10,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+namespace kzv::sdk {
+
 namespace {
 
 constexpr std::chrono::seconds patience{20};
@@ -174,3 +176,5 @@ bool ScriptedServer::waitForDisconnect(std::chrono::milliseconds limit) const {
   return changed_.wait_until(lock, std::chrono::steady_clock::now() + limit,
                              [&] { return connections_.empty(); });
 }
+
+}  // namespace kzv::sdk

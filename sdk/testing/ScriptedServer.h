@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+namespace kzv::sdk {
+
 /// One request as the server got it; header names in lower case.
 struct ScriptedRequest {
   std::string route;  // "/2/files/get_metadata"
@@ -66,3 +68,5 @@ class ScriptedServer {
   std::vector<std::thread> connectionThreads_;  // guarded by mutex_
   std::thread acceptThread_;
 };
+
+}  // namespace kzv::sdk

@@ -32,7 +32,7 @@ SLOWEST_ALLOWED = 10.0  # seconds, for a call while the service answers
 CALM_BEFORE = 45.0  # seconds after a fault in which its consequences (pauses, retries) may still be waited for
 REPORTS = re.compile(r"ThreadSanitizer|AddressSanitizer|LeakSanitizer|runtime error:|broken invariant")
 EXPECTED = {errno.EIO, errno.EBUSY, errno.ENOENT, errno.EEXIST, errno.ENOTEMPTY, errno.ESTALE, errno.EACCES,
-            errno.ENOTDIR, errno.EISDIR, errno.ETIMEDOUT, errno.EAGAIN, errno.EINTR}
+            errno.ENOTDIR, errno.EISDIR, errno.ETIMEDOUT, errno.EAGAIN, errno.EINTR, errno.ECONNRESET}
 
 build = pathlib.Path(sys.argv[1]).resolve()
 duration = float(sys.argv[2])
@@ -178,7 +178,7 @@ def forever(worker):
             try:
                 worker(*args)
             except OSError as error:
-                if not isinstance(error, urllib.error.URLError) and error.errno not in EXPECTED:
+                if not isinstance(error, (urllib.error.URLError, TimeoutError)) and error.errno not in EXPECTED:
                     fail(f"{worker.__name__}: {error}")
                     time.sleep(1)
     return run
@@ -265,8 +265,13 @@ def another_device(service, dice):
 def sign_in(machine):
     process = machine.start("link", "--no-browser", stdout=subprocess.PIPE)
     url = process.stdout.readline().decode().strip()
-    with urllib.request.urlopen(url, timeout=60) as page:  # the service says yes and leads back to the program
-        page.read()
+    try:
+        with urllib.request.urlopen(url, timeout=60) as page:  # the service says yes and leads back to the program
+            page.read()
+    except OSError:
+        process.terminate()  # it would wait for the page for ever, and keep its port
+        process.wait(60)
+        raise
     return process.wait(300)
 
 
@@ -277,12 +282,11 @@ def lose_and_regain_an_account(service, machine, dice):
         return time.sleep(1)
     watch = machine.start("watch", "/")
     measured("kzv ls", machine.kzv, "ls", "/")
-    if dice.random() < 0.5:
+    # While the line fails, the account's name may not be known here: then unlink has nothing to go by.
+    if dice.random() < 0.5 or machine.kzv("unlink", "Cid")[0] != 0:
         service.admin("settings", revoke="cid@example.com")
-    else:
-        machine.kzv("unlink", "Cid")
     try:
-        if watch.wait(300) not in ((3,) if weather.is_calm(time.monotonic()) else (1, 3)):
+        if watch.wait(300) not in (1, 3):  # 1: the account went before its first folder was listed
             fail(f"watch ended with {watch.returncode} after its account was gone")
     except subprocess.TimeoutExpired:
         fail("watch did not notice within 300 s that its account was gone")

@@ -1,0 +1,74 @@
+#pragma once
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <thread>
+
+#include "foundation/Secrets.h"
+#include "sdk/wire/HttpRequest.h"
+#include "sdk/wire/ServiceLimits.h"
+
+namespace kzv::sdk {
+
+/// One HTTP exchange: created by the caller and owned by the network thread from start() to `done`.
+struct HttpTransfer {
+  using Done = std::function<void(HttpResponse&)>;
+
+  HttpRequest request;
+  Done done;  // on the network thread, exactly once; not after cancel()
+  HttpResponse response{};
+
+  // The network thread's own.
+  void* easy = nullptr;
+  void* headerList = nullptr;
+  bool bodyBegun = false;
+
+  /// Tokens travel in headers and in the bodies of sign-in requests.
+  ~HttpTransfer() {
+    for (std::string& header : request.headers) clearSecret(header);
+    clearSecret(request.body);
+  }
+};
+
+/// The thread that does all HTTP of the process with one libcurl multi handle, hence one connection pool, one
+/// DNS cache and one TLS session cache. It sleeps in curl_multi_poll until a socket, a timer or a command is
+/// ready. Blocks that run on it must not wait; only writing a download to disk may take time.
+class NetworkThread {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Block = std::function<void()>;
+  using TimerId = std::uint64_t;
+
+  /// The current thread object, or a new one when no reference to one is left. Any thread.
+  static std::shared_ptr<NetworkThread> shared();
+  /// Ends the thread; transfers under way are dropped without `done`. Waits for it, unless called on it.
+  ~NetworkThread();
+
+  /// How long to wait for a connection, how long while next to nothing moves, and how long for a request
+  /// without a file in either direction to end, before a transfer fails with CURLE_OPERATION_TIMEDOUT. For
+  /// transfers that start later. Any thread.
+  static void setTimeouts(std::chrono::milliseconds connect, std::chrono::seconds silence,
+                          std::chrono::milliseconds smallRequest = servicelimits::smallRequest);
+
+  /// Any thread; returns at once.
+  void start(std::shared_ptr<HttpTransfer> transfer);
+  /// Aborts at once and without `done`, if the transfer has not ended yet. Any thread; returns at once.
+  void cancel(std::shared_ptr<HttpTransfer> transfer);
+  /// Any thread; returns at once.
+  void perform(Block block);
+
+  /// REQUIRES the network thread.
+  TimerId performAfter(Clock::duration wait, Block block);
+  /// Unknown ids are fine. REQUIRES the network thread.
+  void cancelTimer(TimerId timer);
+
+ private:
+  class Loop;
+  NetworkThread();
+
+  const std::shared_ptr<Loop> loop_;  // shared with the thread, which may outlive this object by a moment
+  std::thread thread_;
+};
+
+}  // namespace kzv::sdk

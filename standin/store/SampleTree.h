@@ -1,0 +1,16 @@
+#pragma once
+
+#include "standin/ServiceState.h"
+
+namespace kzv::standin {
+
+/// The account that comes with `--seed sample`.
+inline constexpr const char* kSampleName = "Sample User";
+inline constexpr const char* kSampleEmail = "sample.user@example.com";
+
+/// Makes the sample account with a small, lively tree, unless it is there already. The tree is the same in
+/// every run: documents, pictures with real image data, names with spaces, Unicode and mixed case, an empty
+/// file, an empty folder and a folder of 1,200 files. Throws DatabaseError.
+void seedSampleAccount(ServiceState& state);
+
+}  // namespace kzv::standin
