@@ -43,6 +43,7 @@ std::string FSPlugin::pathKey(std::string_view path) const {
   return key;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): overriders keep or move it
 std::shared_ptr<NSURL> FSPlugin::requestFileUrl(const std::string& path, ProgressCallback /*progress*/,
                                                 NSErrorRef* error) {
   setNotSupported(error, path);
@@ -97,6 +98,7 @@ bool FSPlugin::fetchFile(const FSItem& item, const NSURL& target, LocalAccess ac
   return isCopied;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): overriders keep or move it
 bool FSPlugin::writeFile(const NSURL& /*source*/, const std::string& path, ProgressCallback /*progress*/,
                          NSErrorRef* error) {
   setNotSupported(error, path);
@@ -117,6 +119,7 @@ bool FSPlugin::removeItemAtPath(const std::string& path, NSErrorRef* error) {
 
 bool FSPlugin::moveFromPath(const std::string& path, const std::string& /*to*/,
                             const std::shared_ptr<NSDictionary>& /*attributes*/,
+                            // NOLINTNEXTLINE(performance-unnecessary-value-param): overriders keep or move it
                             ProgressCallback /*progress*/, NSErrorRef* error) {
   setNotSupported(error, path);
   return false;

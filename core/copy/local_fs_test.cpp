@@ -492,7 +492,8 @@ TEST_F(LocalFSTest, AThreadThatCannotBeStartedIsAnError) {
   rlimit usual{};
   ASSERT_EQ(::getrlimit(RLIMIT_AS, &usual), 0);
   // Room for what this thread does, but for no other thread's stack of 8 MiB.
-  const rlimit scarce{pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)) + 4 * 1024 * 1024, usual.rlim_max};
+  const rlimit scarce{pages * static_cast<rlim_t>(::sysconf(_SC_PAGESIZE)) + (rlim_t{4} << 20),
+                      usual.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_AS, &scarce), 0);
   const bool isDone = receive(volume, {"/f"}, disk_ / "f");
   ASSERT_EQ(::setrlimit(RLIMIT_AS, &usual), 0);
