@@ -9,8 +9,8 @@
 
 namespace kzv::mount {
 
-/// Folders that may have changed and are to be listed again. Any thread; add() does not block and may be
-/// called under the tree's lock. Shared with the callbacks of watched folders, which may outlive the mount.
+/// Folders that may have changed and must be listed again. Any thread; add() does not block and may be called
+/// under the tree's lock. Shared with the callbacks of watched folders, which may outlive the mount.
 class ChangedFolders {
  public:
   using Clock = std::chrono::steady_clock;
@@ -18,15 +18,15 @@ class ChangedFolders {
     std::weak_ptr<MountNode> folder;
     Clock::time_point reportedAt;
     Clock::time_point dueAt = reportedAt;  // not to be handled before
-    int failures = 0;                      // listings that failed since
+    int failures = 0;                      // listings that have failed since then
   };
 
   void add(const std::weak_ptr<MountNode>& folder);
-  /// Waits until some are due and takes those; none once closed.
+  /// Waits until changes are due and removes those; returns none once closed.
   std::deque<Change> take();
-  /// Adds changes that were taken but are to be handled later.
+  /// Puts back changes that were taken but are not to be handled yet.
   void putBack(const std::vector<Change>& changes);
-  /// Waits so long, or until closed.
+  /// Waits for `time`, or until closed.
   void pause(std::chrono::milliseconds time);
   void close();
   bool isClosed() const;

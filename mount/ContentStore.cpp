@@ -53,7 +53,7 @@ void ContentStore::releaseUnused(const MountNodeRef& node, const std::shared_ptr
   const TreeLock lock(tree_);
   if (node->content != content || content->isUnsent()) return;
   const bool isInTree = tree_.contains(*node);
-  // What another device did while the file was open for writing here is shown from now on.
+  // Changes made elsewhere while the file was open for writing here are shown from now on.
   if (isInTree && (node->isOutdated || !node->isRemote) && content->writers() == 0 && !content->isLocalOnly())
     changed_.add(node->parent->shared_from_this());
   if (content->hasUsers()) return;
@@ -64,12 +64,12 @@ void ContentStore::releaseUnused(const MountNodeRef& node, const std::shared_ptr
   unused.push_back(std::move(node->content));
 }
 
-/// Keeps the node's content, and releases those of the files closed longest ago as the bounds demand.
+/// Keeps the node's content; beyond the limits, releases the contents of the files closed longest ago.
 void ContentStore::keep(const MountNodeRef& node, std::vector<std::shared_ptr<FileContent>>& unused) {
   std::deque<std::weak_ptr<MountNode>> kept{node};
   std::uint64_t bytes = node->content->sizeBytes();
   if (bytes > maxKeptBytes) unused.push_back(std::move(node->content));
-  // NOLINTNEXTLINE(modernize-loop-convert): from the last closed one backwards
+  // NOLINTNEXTLINE(modernize-loop-convert): most recently closed first
   for (auto entry = kept_.rbegin(); entry != kept_.rend(); ++entry) {
     const MountNodeRef older = entry->lock();
     const bool isKept = older && older != node && older->content && !older->content->hasUsers() &&

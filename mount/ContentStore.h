@@ -23,30 +23,30 @@ class ContentStore {
 
   /// The file's content, if it has one. Does not block.
   std::shared_ptr<FileContent> find(const MountNodeRef& node) const;
-  /// The file's content with one user more; null when the name means another file now, or nothing. Does not
-  /// block.
+  /// Registers a user of the file's content, which is created if needed; null when the file was replaced or
+  /// removed. Does not block.
   std::shared_ptr<FileContent> use(const MountNodeRef& node, FileContent::Access access);
-  /// The same with its bytes available, for a reader. Blocks until the volume has answered.
+  /// The same for a reader, with the bytes available. Blocks until the volume has answered.
   Result<std::shared_ptr<FileContent>> useForReading(const MountNodeRef& node,
                                                      const IsInterrupted& isInterrupted);
   /// Removes a user, and releases the content if it was the last.
   void removeUser(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
                   FileContent::Access access);
-  /// Releases content that nobody uses and that the volume has. What was written here is kept for a while,
-  /// within bounds, so that reading it again downloads nothing.
+  /// Releases content that is unused and uploaded. Recently written files are kept within limits, so that
+  /// reading them again downloads nothing.
   void releaseUnused(const MountNodeRef& node, const std::shared_ptr<FileContent>& content);
 
   /// Opens the version that the node shows, wherever the file is now. Blocks until the volume has answered.
   int fetch(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
             const IsInterrupted& isInterrupted);
-  /// Called before the version of an open file is removed or replaced: afterwards it may be nowhere. The
-  /// caller holds `path`, where the file is.
+  /// Opens the bytes for those who have the file open. Called before the volume's version is removed or
+  /// replaced, after which they may be unavailable. The caller holds `path`, the file's path.
   void fetchForReaders(const MountNodeRef& node, const std::string& path, const IsInterrupted& isInterrupted);
 
-  /// The file has been written to just now.
+  /// Records that the file has just been written to.
   void noteWritten(const MountNodeRef& node, const std::shared_ptr<FileContent>& content);
-  /// What a file may replace on the volume that takes the place of `node` (may be null): the version that was
-  /// shown, and no other.
+  /// What a file that replaces `node` (may be null) may overwrite on the volume: the version that was shown,
+  /// and no other.
   WriteBase baseToReplace(const MountNodeRef& node) const;
 
  private:
@@ -54,7 +54,7 @@ class ContentStore {
   static constexpr std::uint64_t maxKeptBytes = 256ULL * 1024 * 1024;
   static constexpr std::uint64_t minFreeToKeep = 4 * maxKeptBytes;  // on the disk
 
-  /// @param path  where the file is; empty: not known.
+  /// @param path  the file's path on the volume; empty: unknown.
   int fetchFrom(const std::string& path, const MountNodeRef& node,
                 const std::shared_ptr<FileContent>& content, const IsInterrupted& isInterrupted);
   void keep(const MountNodeRef& node, std::vector<std::shared_ptr<FileContent>>& unused)
@@ -66,7 +66,7 @@ class ContentStore {
   NodePaths& paths_;
   ChangedFolders& changed_;
   KernelCache& kernel_;
-  /// Files that were written, uploaded and closed, the last closed at the end.
+  /// Files that were written, uploaded and closed; the most recently closed last.
   std::deque<std::weak_ptr<MountNode>> kept_ KZV_GUARDED_BY(treeState);
 };
 

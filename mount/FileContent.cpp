@@ -49,7 +49,7 @@ std::string FileContent::pathOf(const std::string& dataId) const {
 
 void FileContent::useReader(std::shared_ptr<FSReader> reader) {
   const MutexLock lock(mutex_);
-  if (data_ || reader_) return;  // another opener was first, and may have written
+  if (data_ || reader_) return;  // another open came first, and may have written
   base_ = baseOf(reader->version());
   sizeBytes_ = reader->size();
   reader_ = std::move(reader);
@@ -84,7 +84,7 @@ int FileContent::makeEmpty(const WriteBase& base) {
     return reason;
   }
   if (const int reason = createData(journal_->newId())) return reason;
-  // What waits to be uploaded replaces the version that it was made from; so does what comes after it.
+  // A pending upload replaces the version that it was based on; so do later writes.
   if (!isUnsent_) base_ = base;
   isUnsent_ = true;
   isWritten_ = false;
@@ -129,7 +129,7 @@ int FileContent::keepLocal(const std::string& path) {
   isLocalOnly_ = true;
   isUnsent_ = false;
   isWritten_ = false;
-  waitsSince_.reset();
+  pendingSince_.reset();
   failure_.clear();
   unused = std::exchange(reader_, nullptr);
   return 0;
@@ -158,7 +158,7 @@ int FileContent::adopt(const UploadJournal::Upload& upload) {
   Descriptor file(::open(journal_->dataPath(upload.id).c_str(), O_RDWR | O_CLOEXEC));
   if (const int reason = takeFile(std::move(file), upload.id)) return reason;
   base_ = upload.base;
-  waitsSince_ = upload.since;
+  pendingSince_ = upload.since;
   failure_ = upload.reason;
   isUnsent_ = true;
   isWritten_ = true;
@@ -177,7 +177,7 @@ void FileContent::noteSize() {
   if (::fstat(data_->number(), &status) == 0) sizeBytes_ = static_cast<std::uint64_t>(status.st_size);
 }
 
-/// Copies what the reader reads.
+/// Copies all bytes of the reader.
 int FileContent::copyBytes(int to) const {
   constexpr std::size_t stepBytes = std::size_t{1} << 20;
   std::vector<std::byte> buffer(stepBytes);
@@ -193,11 +193,11 @@ int FileContent::copyBytes(int to) const {
 
 /// Copies the bytes to a new private file at `path`, which it opens as `copy`.
 int FileContent::copyTo(const std::string& path, Descriptor& copy) const {
-  if (!data_ && !reader_) fatalInvariant("a file has bytes before they are copied");
+  if (!data_ && !reader_) fatalInvariant("copying a file requires its bytes to be available");
   const int from = data_ ? data_->number() : reader_->localDescriptor();
   int reason = 0;
   if (from >= 0) {
-    // From the open file and not from its path, where another version may be by now.
+    // Through the descriptor: another version may be at the path by now.
     NSErrorRef error;
     const auto shouldContinue = [] { return true; };
     if (!copyLocalFile("/proc/self/fd/" + std::to_string(from), path, {.access = LocalAccess::ownerOnly},
@@ -212,8 +212,8 @@ int FileContent::copyTo(const std::string& path, Descriptor& copy) const {
   return reason;
 }
 
-/// Copies the bytes to a private file that may be written: neither the volume's version nor the one that
-/// waits in the journal.
+/// Makes sure that the bytes are in a private file that may be written to: a copy, unless they are in one
+/// that is not a recorded pending upload.
 int FileContent::makePrivate() {
   if (isLocalOnly_ || (!id_.empty() && id_ != recordedId_)) return 0;
   std::string dataId = journal_->newId();
@@ -291,8 +291,8 @@ int FileContent::syncLocal() const {
 
 int FileContent::sendFromNow(const WriteBase& base, const std::string& path) {
   const MutexLock lock(mutex_);
-  if (!isLocalOnly_) fatalInvariant("only a file that stayed here begins to be uploaded");
-  // The old entry goes after the new one is there: a process that dies in between leaves both.
+  if (!isLocalOnly_) fatalInvariant("only a local file can start to be uploaded");
+  // The old entry is removed once the new one exists: a process that dies in between leaves both.
   if (::link(journal_->localPath(id_).c_str(), journal_->dataPath(id_).c_str()) != 0) return errno;
   base_ = base;
   if (const auto error = journal_->put(entryFor(id_, path), UploadJournal::Durability::process)) {
@@ -335,7 +335,7 @@ void FileContent::endSending(const std::optional<WriteBase>& stored) {
       isWritten_ = false;
       base_ = *stored;
       dropRecord();
-      waitsSince_.reset();
+      pendingSince_.reset();
       failure_.clear();
     }
   }
@@ -355,8 +355,8 @@ void FileContent::setElsewhere(const std::string& path) {
 // --- The journal's entry
 
 UploadJournal::Upload FileContent::entryFor(const std::string& dataId, const std::string& path) {
-  if (!waitsSince_) waitsSince_ = std::chrono::system_clock::now();
-  return {dataId, path, base_, *waitsSince_, failure_};
+  if (!pendingSince_) pendingSince_ = std::chrono::system_clock::now();
+  return {dataId, path, base_, *pendingSince_, failure_};
 }
 
 NSErrorRef FileContent::record(const std::string& path, UploadJournal::Durability durability,

@@ -15,56 +15,57 @@
 
 namespace kzv::mount {
 
-/// What a file that is made from `version` (empty: not known) may replace.
+/// What an upload based on `version` (empty: unknown) may replace.
 WriteBase baseOf(const std::string& version);
 
-/// The bytes of one file of a mount, while it is open or waits to be uploaded: one version of the volume's
-/// file while they are only read, a private file in the journal once they are written. Any thread; calls
-/// block for the disk unless they say otherwise; errors are errno values, 0 for none.
+/// The bytes of one file of a mount while it is open or its upload is pending: one version of the volume's
+/// file while it is only read, a private file in the journal once it is written. Any thread; calls block for
+/// the disk unless they say otherwise; errors are errno values, 0 for none.
 ///
-/// A version that was closed and could not be uploaded is never overwritten: the next write works on a copy,
-/// and the older version waits until the newer one has been closed.
+/// A closed version whose upload failed is never overwritten: the next write goes to a copy, and the older
+/// version stays pending until the newer one has been closed.
 class FileContent {
  public:
   explicit FileContent(std::shared_ptr<UploadJournal> journal);
   FileContent(const FileContent&) = delete;
   FileContent& operator=(const FileContent&) = delete;
-  /// Removes the private file unless it waits in the journal.
+  /// Removes the private file unless the journal has an entry for it.
   ~FileContent();
 
   // Where the bytes come from.
   /// Whether there are bytes. Does not block.
   bool hasData() const { return hasData_; }
-  /// Shows what `reader` reads, unless there are bytes already.
+  /// Takes the bytes from `reader`, unless there are bytes already.
   void useReader(std::shared_ptr<FSReader> reader);
   /// Replaces all bytes by an empty private file, which is uploaded even if nothing is written.
   int makeEmpty(const WriteBase& base);
-  /// Starts with an empty private file that is never uploaded. From the first record() on, later mounts show
-  /// it, too.
+  /// Starts with an empty private file that is never uploaded. Later mounts show it, too, once record() has
+  /// been called.
   int makeLocalOnly();
-  /// The bytes, which must be available, become a file that is never uploaded, and is kept and shown at
-  /// `path` until it is removed. An upload that waited is dropped.
+  /// Turns the bytes, which must be available, into a file that is never uploaded, and is kept and shown at
+  /// `path` until it is removed. A pending upload is dropped.
   int keepLocal(const std::string& path);
-  /// Takes over what an earlier process left in the journal.
+  /// Takes over an entry that an earlier process left in the journal.
   int adopt(const UploadJournal::Upload& upload);
   int adopt(const UploadJournal::Local& local);
 
   // Reading and writing.
-  /// Where the bytes can be read, for as long as this lives. Neither: they are not available.
+  /// Where the bytes can be read, for as long as this lives; both null: not available.
   struct Bytes {
     std::shared_ptr<const Descriptor> file;
     std::shared_ptr<FSReader> reader;
     bool areAvailable() const { return file || reader; }
-    /// Of a local file that holds them all, or -1: only `reader` has them.
+    /// A local file that has all bytes; -1: only `reader` has them.
     int descriptor() const { return file ? file->number() : reader ? reader->localDescriptor() : -1; }
   };
   Bytes bytes() const;
   /// The size after the last change; 0 while there are no bytes. Does not block.
   std::uint64_t sizeBytes() const { return sizeBytes_; }
-  /// Lets `put` write into the private file, which is made first. Waits while the bytes are being uploaded.
-  /// @param put  gets the file and its size in bytes, which no other thread changes meanwhile.
+  /// Calls `put` to write to the private file, which is created first. Waits for an upload in flight.
+  /// @param put  gets the file's descriptor and its size, which no other thread changes meanwhile; returns an
+  /// errno value.
   int write(const std::function<int(int file, std::uint64_t sizeBytes)>& put);
-  /// When the private file was changed last; nothing while there is none.
+  /// The private file's modification time; empty while there is none.
   std::optional<NSDate::Time> modified() const;
   /// Sets the modification time that is uploaded with the bytes.
   void setModified(NSDate::Time time);
@@ -79,10 +80,10 @@ class FileContent {
   // Uploading.
   /// Whether there are local changes that the volume does not have. Does not block.
   bool isUnsent() const;
-  /// Whether bytes were written (or cut off) since the last upload, or since an open truncated the file.
-  /// Does not block.
+  /// Whether bytes were written or cut off since the last upload, or since an open truncated the file. Does
+  /// not block.
   bool isWritten() const;
-  /// Whether a thread waits for the file while it is being uploaded. Does not block.
+  /// Whether a thread waits for the file's upload to end. Does not block.
   bool hasWaiters() const;
   /// Counts as a waiter while it lives. `content` may be null.
   class Waiter {
@@ -101,7 +102,7 @@ class FileContent {
   int syncLocal() const;
   /// Whether the bytes are in the private file. Does not block.
   bool isPrivate() const { return isPrivate_; }
-  /// A file that stayed here is from now on to be uploaded to `path`, in place of the version `base`.
+  /// Makes a local file one that is uploaded to `path`, in place of the version `base`.
   int sendFromNow(const WriteBase& base, const std::string& path);
   WriteBase base() const;
   void setBase(const WriteBase& base);
@@ -111,26 +112,26 @@ class FileContent {
     std::string id;
     WriteBase base;
   };
-  /// Nothing when there is nothing to upload, or when `onlyClosed` and the file is open for writing. Waits
-  /// for an upload in flight. Until endSending, writers wait.
+  /// Empty when there is nothing to upload, or when `onlyClosed` and the file is open for writing. Waits for
+  /// an upload in flight. Writers wait until endSending.
   std::optional<Sending> beginSending(bool onlyClosed);
-  /// @param stored  the version that the volume has now, or nothing when it failed.
+  /// @param stored  the version that the volume has now; empty when the upload failed.
   void endSending(const std::optional<WriteBase>& stored);
-  /// Where the volume stored the bytes when the name had become another version's: later uploads go there.
-  /// Empty: nowhere else.
+  /// Where the volume stored the bytes because the name belonged to another version by then: later uploads go
+  /// there. Empty: it did not.
   std::string elsewhere() const;
   void setElsewhere(const std::string& path);
 
   // The journal's entry.
-  /// Records that these bytes, which were closed, are to be uploaded to `path`, in place of an older version
-  /// that waited; of a file that stays here, that it is shown at `path`.
+  /// Records the closed bytes as a pending upload to `path`, in place of an older pending version; for a
+  /// local file, that it is shown at `path`.
   /// @param reason  why an attempt to upload them failed; empty: as before.
   NSErrorRef record(const std::string& path, UploadJournal::Durability durability,
                     const std::string& reason = {});
-  /// The version that is recorded, if there is one, belongs to `path` now.
+  /// Changes the path of the recorded version, if there is one.
   NSErrorRef moveRecord(const std::string& path);
   bool isRecorded() const;
-  /// The file was removed or replaced: nothing is uploaded any more.
+  /// Drops a pending upload: the file was removed or replaced.
   void discard();
 
  private:
@@ -146,19 +147,18 @@ class FileContent {
   UploadJournal::Upload entryFor(const std::string& dataId, const std::string& path) KZV_REQUIRES(mutex_);
 
   const std::shared_ptr<UploadJournal> journal_;
-  mutable Mutex mutex_;  // also held while the disk works
+  mutable Mutex mutex_;  // also held during disk I/O
   Condition changed_;
   std::shared_ptr<const Descriptor> data_ KZV_GUARDED_BY(mutex_);  // the private file
   std::shared_ptr<FSReader> reader_ KZV_GUARDED_BY(mutex_);        // while there is no private file
-  std::string id_ KZV_GUARDED_BY(mutex_);                          // of the private file; empty: none
-  std::string recordedId_ KZV_GUARDED_BY(mutex_);  // of the version that the journal knows; empty: none
+  std::string id_ KZV_GUARDED_BY(mutex_);                          // the private file's; empty: none
+  std::string recordedId_ KZV_GUARDED_BY(mutex_);  // the version's that is in the journal; empty: none
   WriteBase base_ KZV_GUARDED_BY(mutex_);
   std::string elsewhere_ KZV_GUARDED_BY(mutex_);
-  std::optional<NSDate::Time> waitsSince_ KZV_GUARDED_BY(mutex_);  // while unsent bytes are in the journal
+  std::optional<NSDate::Time> pendingSince_ KZV_GUARDED_BY(mutex_);  // while an upload is pending
   std::string failure_ KZV_GUARDED_BY(mutex_);  // why the last attempt to upload them failed
   bool isSending_ KZV_GUARDED_BY(mutex_) = false;
-  // Written under mutex_ (but for the counts) and read without it, so that readers need not wait for the
-  // disk.
+  // Written under mutex_ (except the counts) and read without it, so that readers do not wait for the disk.
   std::atomic<std::uint64_t> sizeBytes_{0};
   std::atomic<bool> hasData_{false};
   std::atomic<bool> isPrivate_{false};

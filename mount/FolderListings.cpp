@@ -23,13 +23,13 @@ FolderListings::FolderListings(VolumeCalls& calls, MountTree& tree, NodePaths& p
       startTime_(startTime) {}
 
 int FolderListings::ensureListed(const MountNodeRef& folder, const IsInterrupted& isInterrupted) {
-  constexpr int rounds = 3;  // then a folder that changes all the time is shown as it was a moment ago
+  constexpr int rounds = 3;  // then a folder that keeps changing is shown as it was a moment ago
   for (int round = 1; round <= rounds; ++round) {
     std::uint64_t changesBefore = 0;
     {
       const TreeLock lock(tree_);
       if (folder->inside().listing == Listing::complete) return 0;
-      if (!folder->isRemote) return 0;  // deleted elsewhere; here it only holds files that are not uploaded
+      if (!folder->isRemote) return 0;  // deleted elsewhere; it only has files that are not uploaded
       changesBefore = folder->inside().changes;
     }
     const auto held = paths_.hold(folder);
@@ -47,8 +47,8 @@ int FolderListings::ensureListed(const MountNodeRef& folder, const IsInterrupted
         merge.apply(*folder, listed.value);
         folder->inside().listing = Listing::complete;
       } else {
-        // What it lacks may have been created since, and what it shows may be gone: nothing is removed, lest
-        // files vanish that exist. The refresher lists the folder again.
+        // The listing is out of date: items that it lacks may have been created since, so nothing is removed.
+        // The refresher lists the folder again.
         if (folder->inside().listing == Listing::unknown) merge.addMissing(*folder, listed.value);
         folder->inside().listing = Listing::outOfDate;
         changed_.add(folder);

@@ -13,7 +13,7 @@
 namespace kzv::mount {
 
 /// Fills the tree, folder by folder, from listings of the volume. Any thread, without the tree's lock; calls
-/// block until the volume has answered, where the folder's items are not known yet.
+/// block until the volume has answered, unless the folder's items are known.
 class FolderListings {
  public:
   FolderListings(VolumeCalls& calls, MountTree& tree, NodePaths& paths, FolderWatches& watches,
@@ -27,7 +27,7 @@ class FolderListings {
                              const IsInterrupted& isInterrupted);
   /// Lists the folder at `path` and those above it, as far as they exist.
   void ensurePathListed(const std::string& path, const IsInterrupted& isInterrupted);
-  /// Lists the folder at `path` again, in the background, if it has been shown. Does not block.
+  /// Lists the folder at `path` again in the background, if it has been shown. Does not block.
   void refreshSoon(const std::string& path);
 
  private:

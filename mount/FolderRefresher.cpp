@@ -57,7 +57,7 @@ std::optional<ChangedFolders::Change> FolderRefresher::refresh(const MountNodeRe
     auto& inside = folder->inside();
     if (change.failures > 0 && inside.listing == Listing::complete) return std::nullopt;  // listed meanwhile
     if (shouldWait(*folder, change, ChangedFolders::Clock::now(), delays_)) return change;
-    // Counts also while the first listing is in flight: that one may show what was there before.
+    // Also while the first listing is in flight: it may show the state before the change.
     ++inside.changes;
     if (inside.listing == Listing::unknown) return std::nullopt;
     inside.listing = Listing::outOfDate;
@@ -65,7 +65,7 @@ std::optional<ChangedFolders::Change> FolderRefresher::refresh(const MountNodeRe
   const int reason = list_(folder);
   if (reason == 0) return std::nullopt;
   if (change.failures == 0) kernel_.invalidateListing(folder->id);
-  // Gone, or the account is not linked any more.
+  // Removed, or the account is no longer linked.
   if (reason == ENOENT || reason == EACCES) return std::nullopt;
   auto again = change;
   const auto delay = delays_.firstRefreshRetry * (1 << std::min(again.failures, 8));

@@ -27,16 +27,16 @@ class FolderRefresher {
 
   void start();
 
-  /// Whether listing the folder is to wait: this mount is changing it. Programs make several changes in a
-  /// row, and the volume reports each of them back; as long as that goes on, the folder's items are known
-  /// here and a listing would only delay the next change.
+  /// Whether to list the folder later because this mount is changing it. Programs make several changes in a
+  /// row, and the volume reports each of them back; meanwhile the folder's items are known here, and a
+  /// listing would only delay the next change.
   static bool shouldWait(const MountNode& folder, const ChangedFolders::Change& change,
                          ChangedFolders::Clock::time_point now, const MountDelays& delays)
       KZV_REQUIRES(treeState);
 
  private:
   void run();
-  /// The change again if it is to be handled later.
+  /// Returns the change if it is to be handled later.
   std::optional<ChangedFolders::Change> refresh(const MountNodeRef& folder,
                                                 const ChangedFolders::Change& change);
 

@@ -11,8 +11,8 @@
 
 namespace kzv::mount {
 
-/// Watches the folders that were shown; a change of one is added to the changed folders. Any thread, without
-/// the tree's lock; calls block while another thread's watch begins or ends.
+/// Watches the folders that were shown, and adds those that change to ChangedFolders. Any thread, without the
+/// tree's lock; calls block while another thread starts or ends a watch.
 class FolderWatches {
  public:
   FolderWatches(std::shared_ptr<FSPlugin> volume, const MountTree& tree, NodePaths& paths,
@@ -25,7 +25,7 @@ class FolderWatches {
   /// Watches `folder`, which is at `path`, unless it is watched already.
   void watch(const MountNodeRef& folder, const std::string& path);
   void unwatch(MountNode& folder);
-  /// Watches the folders at the paths that they have now, and has them listed again.
+  /// Watches the folders at their current paths, and has them listed again.
   void renew(const std::vector<MountNodeRef>& folders);
 
  private:
@@ -33,7 +33,7 @@ class FolderWatches {
   const MountTree& tree_;
   NodePaths& paths_;
   const std::shared_ptr<ChangedFolders> changed_;
-  Mutex mutex_;  // the volume takes watches from one thread at a time; taken before the tree's lock
+  Mutex mutex_;  // the volume starts and ends watches one at a time; locked before the tree
 };
 
 }  // namespace kzv::mount

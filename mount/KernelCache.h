@@ -12,7 +12,7 @@ namespace kzv::mount {
 class KernelCache {
  public:
   virtual ~KernelCache() = default;
-  /// The name in the folder means another item now, or none.
+  /// The name in the folder now belongs to another item, or to none.
   virtual void invalidateEntry(NodeId folder, const std::string& name) = 0;
   /// The file's size, date or bytes have changed.
   virtual void invalidateContent(NodeId file) = 0;

@@ -39,7 +39,7 @@ std::optional<SendQueue::File> Leftovers::adoptUpload(MountNode& folder, const s
   const std::string name = lastPathComponent(upload.path);
   MountNodeRef node = tree_.child(folder, name);
   const bool isInUse = node && (node->isFolder || node->content);
-  if (isInUse) return std::nullopt;  // it is uploaded by its path all the same
+  if (isInUse) return std::nullopt;  // it is still uploaded, by its path
   auto content = std::make_shared<FileContent>(journal_);
   if (content->adopt(upload) != 0) return std::nullopt;
   if (!node) {
@@ -61,7 +61,7 @@ bool Leftovers::adoptLocal(MountNode& folder, const UploadJournal::Local& local)
     if (tree_.child(folder, name)) return false;  // its own listing will adopt the file
     const MountNodeRef missing = tree_.make(true);
     missing->modified = startTime_;
-    missing->inside().listing = MountNode::Folder::Listing::outOfDate;  // should the volume have it again
+    missing->inside().listing = MountNode::Folder::Listing::outOfDate;  // in case the volume gets it again
     tree_.add(folder, missing, name);
     return adoptLocal(*missing, local);
   }

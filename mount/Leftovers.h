@@ -10,9 +10,9 @@
 
 namespace kzv::mount {
 
-/// What earlier processes left in the journal and no folder shows yet: files to upload (which the send queue
-/// holds) and files that stay on this machine. The listing of its folder makes each a file of the tree. Any
-/// thread; calls block for the disk.
+/// Entries that earlier processes left in the journal and no folder shows yet: pending uploads (held by the
+/// send queue) and files that stay on this machine. Each becomes a file of the tree when its folder is
+/// listed. Any thread; calls block for the disk.
 class Leftovers {
  public:
   Leftovers(std::shared_ptr<FSPlugin> volume, std::shared_ptr<UploadJournal> journal, MountTree& tree,
@@ -20,18 +20,18 @@ class Leftovers {
 
   /// Reads the journal. Call it once, before the first listing.
   void load();
-  /// Adds to `folder`, which has just been listed, what belongs in it. Folders that the volume has no more
-  /// are shown for as long as files are in them that stay on this machine.
+  /// Adds the leftovers of `folder`, which has just been listed. Folders that the volume no longer has are
+  /// shown as long as they have files that stay on this machine.
   void adoptInto(MountNode& folder) KZV_REQUIRES(treeState);
-  /// Whether something that is not shown yet belongs below the folder at `path`.
+  /// Whether a leftover that is not shown yet belongs below the folder at `path`.
   bool hasAnyBelow(const std::string& path);
-  /// Moves along what belongs at or below `from`, which is renamed.
+  /// Changes the paths of leftovers at or below `from`, which is being renamed to `to`.
   void move(const std::string& from, const std::string& to);
 
  private:
   std::optional<SendQueue::File> adoptUpload(MountNode& folder, const std::string& folderKey,
                                              const UploadJournal::Upload& upload) KZV_REQUIRES(treeState);
-  /// False: it does not belong below the folder, or cannot be shown.
+  /// Returns false if it does not belong below the folder, or cannot be shown.
   bool adoptLocal(MountNode& folder, const UploadJournal::Local& local) KZV_REQUIRES(treeState);
 
   const std::shared_ptr<FSPlugin> volume_;

@@ -6,7 +6,7 @@ namespace kzv::mount {
 
 namespace {
 
-/// A kernel would take other names for something else; volumes have none of them.
+/// Names that the kernel can represent; volumes have no others.
 bool canBeShown(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
          name.find('\0') == std::string::npos;
@@ -79,7 +79,7 @@ void ListingMerge::remove(const MountNodeRef& node) {
   tree_.remove(node);
 }
 
-/// Where the volume has no versions, size and date must do.
+/// Compares size and date where the volume has no versions.
 bool ListingMerge::isOtherVersion(const MountNode& node, const FSItem& item) {
   if (const std::string version = item.version(); !version.empty()) return node.version != version;
   return node.listedModified != item.modificationDate() || node.sizeBytes != item.size();
@@ -106,9 +106,9 @@ void ListingMerge::update(MountNode& node, const FSItem& item) {
   node.version = item.version();
 }
 
-/// While the older version is being written or uploaded it stays: the volume then keeps both. While it is
-/// only read, the newer one gets a node of its own. Else the node changes its version, and the kernel's
-/// caches go.
+/// An older version that is being written or uploaded stays: the volume then keeps both. If it is only being
+/// read, the newer version gets a node of its own. Otherwise the node gets the new version, and the kernel's
+/// caches are invalidated.
 void ListingMerge::showNewVersion(const MountNodeRef& node, const FSItem& item) {
   const auto& content = node->content;
   if (content && (content->isUnsent() || content->writers() > 0)) {

@@ -11,9 +11,9 @@
 
 namespace kzv::mount {
 
-/// Brings one folder of the tree in line with a listing of the volume. Local changes that are not uploaded
-/// yet stay, and an open file keeps the version that it was opened with. Made, used and emptied under one
-/// TreeLock; what it collects is for afterwards.
+/// Updates one folder of the tree from a listing of the volume. Local changes that are not uploaded yet stay,
+/// and an open file keeps the version that it was opened with. Used under one TreeLock; the public members
+/// collect what the caller must handle after releasing it.
 class ListingMerge {
  public:
   ListingMerge(const FSPlugin& volume, MountTree& tree, Leftovers& leftovers, NSDate::Time startTime)
@@ -21,11 +21,11 @@ class ListingMerge {
 
   /// Makes the folder what the listing shows.
   void apply(MountNode& folder, const FSItems& items) KZV_REQUIRES(treeState);
-  /// Adds what the listing shows and the folder lacks, and nothing else.
+  /// Adds items that the folder lacks; updates and removes none.
   void addMissing(MountNode& folder, const FSItems& items) KZV_REQUIRES(treeState);
 
   Invalidations invalidations;
-  /// Folders that are no longer in the tree and still watched.
+  /// Folders that are no longer in the tree but still watched.
   std::vector<MountNodeRef> removedWatched;
   /// To be destroyed without the tree's lock.
   std::vector<std::shared_ptr<FileContent>> unusedContents;
@@ -35,7 +35,7 @@ class ListingMerge {
   void removeMissing(MountNode& folder, const std::unordered_set<std::string>& listedKeys)
       KZV_REQUIRES(treeState);
   void remove(const MountNodeRef& node) KZV_REQUIRES(treeState);
-  /// Updates a node, but for the version of a file that it has shown before.
+  /// Updates a node from the item, whose version it shows or has never shown.
   void update(MountNode& node, const FSItem& item) KZV_REQUIRES(treeState);
   void showNewVersion(const MountNodeRef& node, const FSItem& item) KZV_REQUIRES(treeState);
   static bool isOtherVersion(const MountNode& node, const FSItem& item) KZV_REQUIRES(treeState);
@@ -44,7 +44,7 @@ class ListingMerge {
   MountTree& tree_;
   Leftovers& leftovers_;
   const NSDate::Time startTime_;
-  bool isChanged_ = false;  // the folder has other nodes than before
+  bool isChanged_ = false;  // nodes were added or removed
 };
 
 }  // namespace kzv::mount

@@ -41,8 +41,8 @@ Result<NodeAttributes> Lookups::attributes(NodeId number) {
   const TreeLock lock(parts_.tree);
   const auto node = parts_.tree.find(number);
   if (!node) return {{}, ENOENT};
-  // After ESTALE the kernel looks the name up again. So it learns what a name means now without an
-  // invalidation of the entry, which would need the folder's lock, and a request in the folder may hold that.
+  // After ESTALE the kernel looks the name up again. Invalidating the entry instead would need the folder's
+  // lock, which a request in the folder may hold.
   const bool isInUse = node->content && node->content->hasUsers();
   if (!parts_.tree.contains(*node) && !isInUse) return {{}, ESTALE};
   return {attributesOf(*node), 0};

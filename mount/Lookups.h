@@ -20,19 +20,20 @@ struct NodeAttributes {
   bool isCacheable = true;
 };
 
-/// An item that was found or made. The kernel got one reference to it, which it gives back with forget().
+/// An item that was found or created. The kernel holds one more reference to it, which it returns with
+/// forget().
 struct FoundItem {
   MountNodeRef node;
   NodeAttributes attributes;
-  bool isOtherSpelling = false;  // the item's name is written differently than the one asked for
+  bool isOtherSpelling = false;  // the name that was asked for is another spelling
 };
 
-/// Links that anybody can open, by path of the volume. Each may be empty, and returns nothing without an
-/// error when there is none or the account cannot have any.
+/// Public links to items, by path on the volume. Either may be empty. Both return nothing without an error
+/// when there is no link or the account cannot have one.
 struct LinkSource {
   using Ask = std::function<std::optional<std::string>(const std::string& path, NSErrorRef* error)>;
-  Ask find;  // an existing one; makes none
-  Ask make;  // makes one where there is none
+  Ask find;  // returns the existing link
+  Ask make;  // returns the existing link, or creates one
 };
 
 /// Answers what the kernel asks about the tree. Any thread, without the tree's lock. Errors are errno values,
@@ -41,9 +42,10 @@ class Lookups {
  public:
   Lookups(MountParts& parts, LinkSource links) : parts_(parts), links_(std::move(links)) {}
 
-  /// The item `name` in the folder. Blocks until the volume has answered, when the folder is not known yet.
+  /// The item `name` in the folder. Blocks until the volume has answered, unless the folder's items are
+  /// known.
   Result<FoundItem> lookup(NodeId folder, const std::string& name, const IsInterrupted& isInterrupted);
-  /// The kernel gives back `count` references.
+  /// The kernel returns `count` references.
   void forget(NodeId node, std::uint64_t count);
   /// Does not block. ESTALE for a node that is no longer in the tree.
   Result<NodeAttributes> attributes(NodeId node);
@@ -53,20 +55,21 @@ class Lookups {
     std::string name;
   };
   using Listing = std::vector<ListedItem>;
-  /// Blocks as lookup.
+  /// Blocks as lookup() does.
   Result<std::shared_ptr<const Listing>> list(NodeId folder, const IsInterrupted& isInterrupted);
   /// The attributes of an item of a listing, if it is still there; the kernel then gets one reference.
   std::optional<NodeAttributes> showListed(const ListedItem& item);
 
-  /// The version of a file as the volume tells it (ENODATA when not known).
+  /// The volume's version of a file (ENODATA when unknown).
   Result<std::string> revision(NodeId node);
-  /// The link to the item that anybody can open (ENODATA without one). Blocks until the volume has answered.
+  /// The item's public link (ENODATA without one). Blocks until the volume has answered.
   Result<std::string> publicLink(NodeId node);
-  /// Makes such a link (EOPNOTSUPP when the account cannot). Blocks likewise.
+  /// Creates a public link (EOPNOTSUPP when the account cannot have one). Blocks until the volume has
+  /// answered.
   int makePublicLink(NodeId node);
 
   // For the other operations of the mount.
-  /// Null for a number that the kernel does not have.
+  /// Null for a number that the kernel does not hold a reference to.
   MountNodeRef find(NodeId number) const;
   FoundItem found(const MountNodeRef& node, const std::string& name) KZV_REQUIRES(treeState);
   NodeAttributes attributesOf(const MountNode& node) const KZV_REQUIRES(treeState);

@@ -6,21 +6,21 @@
 
 namespace kzv::mount {
 
-/// How a mount treats names. Any thread; none of these blocks.
+/// How a mount treats a name. All functions here: any thread; they do not block.
 
 enum class NameKind {
   remote,      // an item of the volume
   localOnly,   // a file that stays on this machine
   tooLong,     // longer than the volume allows
-  notAllowed,  // not a name for the volume
+  notAllowed,  // not allowed on the volume
 };
-/// Local are the names that the volume reserves for system and temporary files, and those of the files that
-/// editors keep beside a document only while it is open: ".NAME.swp" (swo, swn, swx, swpx) of Vim,
-/// ".NAME.kate-swp" of Kate, ".goutputstream-..." of GNOME. Sending them would cost an upload for each save
-/// and show other devices files that mean nothing there.
+/// Local only are names that the volume reserves for system and temporary files, and files that editors keep
+/// beside a document while it is open: ".NAME.swp" (swo, swn, swx, swpx) of Vim, ".NAME.kate-swp" of Kate,
+/// ".goutputstream-..." of GNOME. Uploading them would cost a request for each save and show other devices
+/// files of no use there.
 NameKind kindOfName(const FSPlugin& volume, std::string_view name);
 
-/// Why an item cannot have such a name; 0 when it can.
+/// The errno value for creating an item with such a name; 0 when that is possible.
 int errnoOf(NameKind kind);
 
 /// The name under which an item that a rename replaces is kept until the rename is done: `name` with

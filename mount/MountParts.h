@@ -17,7 +17,7 @@
 
 namespace kzv::mount {
 
-/// What the operations of a mounted volume are made of; each part uses only those above it. Owned by
+/// The parts that the operations of a mounted volume share; each uses only those above it. Owned by
 /// MountedVolume.
 struct MountParts {
   MountParts(std::shared_ptr<FSPlugin> volumeToMount, std::shared_ptr<UploadJournal> journalToUse,

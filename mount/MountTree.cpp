@@ -31,7 +31,7 @@ void collect(MountNode& node, const Matches& matches, std::vector<MountNodeRef>&
 MountTree::MountTree(KeyOf keyOf)
     : keyOf_(std::move(keyOf)), root_(std::make_shared<MountNode>(rootId, true)) {
   root_->isRemote = true;
-  root_->lookups = 1;  // the kernel never forgets it
+  root_->lookups = 1;  // the kernel always holds one
   known_.emplace(rootId, root_);
 }
 
@@ -60,7 +60,7 @@ void MountTree::add(MountNode& folder, const MountNodeRef& node, std::string nam
   node->parent = &folder;
   node->name = std::move(name);
   if (!folder.inside().children.emplace(keyOf_(node->name), node).second)
-    fatalInvariant("a folder has one item of a name");
+    fatalInvariant("a folder cannot have two items of one name");
   ++folder.inside().changes;
 }
 

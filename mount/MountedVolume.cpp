@@ -21,11 +21,11 @@ MountedVolume::MountedVolume(std::shared_ptr<FSPlugin> volume, std::shared_ptr<U
 
 MountedVolume::~MountedVolume() {
   stop();
-  parts_.queue.join();  // its thread uses what is destroyed before it
+  parts_.queue.join();  // its thread uses members that are destroyed before it
 }
 
 void MountedVolume::start() {
-  // Before the first folder is listed, so that its listing can be cached; nobody waits for it.
+  // Before the first folder is listed, so that its listing can be cached; nothing waits for it.
   DispatchQueue::global().async([volume = parts_.volume] { volume->pollForChanges(); });
   Rename::recover(parts_.calls, *parts_.journal);
   parts_.leftovers.load();

@@ -30,7 +30,7 @@ Result<HeldPath> NodePaths::holdSubtree(const MountNodeRef& node, const IsInterr
       const TreeLock lock(tree_);
       content = node->content;
     }
-    const FileContent::Waiter waiter(content);  // an upload in the background gives way
+    const FileContent::Waiter waiter(content);  // makes a background upload stop
     auto hold = locks_.hold({{*key, PathLocks::Kind::subtree}},
                             [&] { return calls_.isStopping() || isInterrupted(); });
     if (!hold) return {{}, EINTR};

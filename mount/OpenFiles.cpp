@@ -46,7 +46,7 @@ Result<OpenFiles::Opened> OpenFiles::open(NodeId number, int flags, const IsInte
     wasCacheCurrent = node->isKernelCacheCurrent;
   }
   const auto content = parts_.contents.use(node, access);
-  if (!content) return {{}, ESTALE};  // gone since it was looked up: the kernel looks again
+  if (!content) return {{}, ESTALE};  // replaced or removed since: the kernel looks the name up again
   const bool truncates = (flags & O_TRUNC) != 0 && access == Access::write;
   if (const int reason = prepare(node, content, access, truncates, isInterrupted)) {
     parts_.contents.removeUser(node, content, access);
@@ -56,8 +56,8 @@ Result<OpenFiles::Opened> OpenFiles::open(NodeId number, int flags, const IsInte
   return {opened(node, content, access, wasCacheCurrent), 0};
 }
 
-/// Makes the bytes available that an open needs; none when it truncates. From then on they stay available,
-/// whatever happens to the file.
+/// Makes the bytes available, unless the open truncates. They then stay available, whatever happens to the
+/// file.
 int OpenFiles::prepare(const MountNodeRef& node, const std::shared_ptr<FileContent>& content, Access access,
                        bool truncates, const IsInterrupted& isInterrupted) {
   if (truncates) {
@@ -70,7 +70,8 @@ int OpenFiles::prepare(const MountNodeRef& node, const std::shared_ptr<FileConte
   if (content->hasData()) return 0;
   const int reason = parts_.contents.fetch(node, content, isInterrupted);
   if (access == Access::write || (reason != EIO && reason != EBUSY)) return reason;
-  // Without a connection, what the kernel has of this version can still be read; the rest is asked for again.
+  // Without a connection, pages of this version in the kernel's cache can still be read; bytesOf() retries
+  // for others.
   const TreeLock lock(parts_.tree);
   return node->isKernelCacheCurrent && !node->version.empty() ? 0 : reason;
 }
@@ -93,7 +94,7 @@ Result<OpenFiles::Created> OpenFiles::create(NodeId folderId, const std::string&
   {
     const TreeLock lock(parts_.tree);
     if (!parts_.tree.contains(*folder)) return {{}, ENOENT};
-    created.found.node = parts_.tree.child(*folder, name);  // a listing may have been faster
+    created.found.node = parts_.tree.child(*folder, name);  // a listing may have added it meanwhile
     if (!created.found.node) {
       const auto node = parts_.tree.make(false);
       node->modified = std::chrono::system_clock::now();
@@ -109,13 +110,13 @@ Result<OpenFiles::Created> OpenFiles::create(NodeId folderId, const std::string&
   return {std::move(created), 0};
 }
 
-/// Without its entry in the journal, a new file that stays here would last only as long as this mount.
+/// Without a journal entry, a new local file would be lost at the end of this mount.
 void OpenFiles::recordLocal(const MountNodeRef& node, FileContent& content) {
   const auto held = parts_.paths.hold(node);
   if (!held) return;
   if (const auto error = content.record(held->path, UploadJournal::Durability::process))
     NSLog(NSLogLevel::warning, "mount",
-          held->path + " will be gone after this mount: " + error->localizedDescription());
+          held->path + " will be lost when this mount ends: " + error->localizedDescription());
 }
 
 Result<OpenFiles::Created> OpenFiles::openExisting(const MountNodeRef& node, const std::string& name,
@@ -140,7 +141,7 @@ Result<OpenFiles::Created> OpenFiles::openExisting(const MountNodeRef& node, con
 
 Result<FileContent::Bytes> OpenFiles::bytesOf(OpenFile& file, const IsInterrupted& isInterrupted) {
   // The kernel releases a file only after its reads are answered. ThreadSanitizer does not see that order,
-  // but it sees that of the reference count.
+  // but it sees the reference count.
   const auto content = file.content;
   if (auto bytes = content->bytes(); bytes.areAvailable()) return {std::move(bytes), 0};
   const int reason = parts_.contents.fetch(file.node, content, isInterrupted);
@@ -208,9 +209,8 @@ int OpenFiles::flush(OpenFile& file, const IsInterrupted& isInterrupted) {
   if (file.access != Access::write || !content->isUnsent()) return 0;
   if (content->isWritten() && content->writers() == 1)
     return parts_.uploader.send(file.node, content, isInterrupted);
-  // Other writers have it open: the last one uploads. Or this is one of several descriptors of a file that
-  // was opened for writing, as for a shell's redirection: its bytes are still to come, or never. What there
-  // is survives the end of this process.
+  // Other writers have it open: the last one uploads. Or nothing was written yet through this of several
+  // descriptors, as with a shell's redirection. The journal entry lets the bytes survive this process.
   if (const auto held = parts_.uploader.holdTarget(file.node, *content))
     content->record(held->path, UploadJournal::Durability::process);
   return 0;

@@ -15,12 +15,12 @@ struct OpenFile {
   MountNodeRef node;
   std::shared_ptr<FileContent> content;
   FileContent::Access access = FileContent::Access::read;
-  bool isUncached = false;  // what goes through this one bypasses the kernel's page cache
+  bool isUncached = false;  // reads and writes bypass the kernel's page cache
 };
 
 /// Opens, reads, writes and closes files. A file is uploaded when its last writer closes it. Any thread,
-/// without the tree's lock; calls block until the volume has answered, where they need it. Errors are errno
-/// values, see MountedVolume.
+/// without the tree's lock; calls that need the volume block until it has answered. Errors are errno values,
+/// see MountedVolume.
 class OpenFiles {
  public:
   OpenFiles(MountParts& parts, Lookups& lookups) : parts_(parts), lookups_(lookups) {}
@@ -29,10 +29,10 @@ class OpenFiles {
     std::unique_ptr<OpenFile> file;
     NodeAttributes attributes;
     bool keepsCache = false;  // the kernel's page cache is current
-    /// The kernel must drop the size it knows before it reads; call noteKernelSizeDropped() then.
+    /// The kernel must drop its cached size before it reads; call noteKernelSizeDropped() afterwards.
     bool isKernelSizeStale = false;
   };
-  /// @param flags  as open(2): O_RDONLY, O_WRONLY, O_RDWR, O_TRUNC.
+  /// @param flags  of open(2): O_RDONLY, O_WRONLY, O_RDWR, O_TRUNC.
   Result<Opened> open(NodeId node, int flags, const IsInterrupted& isInterrupted);
   struct Created {
     FoundItem found;
@@ -45,21 +45,21 @@ class OpenFiles {
 
   /// Where to read from; the bytes are fetched if they are not available yet.
   Result<FileContent::Bytes> bytesOf(OpenFile& file, const IsInterrupted& isInterrupted);
-  /// Lets `put` write to the file's descriptor, which then has `sizeBytes`.
+  /// Calls `put` to write to the file's descriptor; `sizeBytes` is the size before.
   int write(OpenFile& file, const std::function<int(int descriptor, std::uint64_t sizeBytes)>& put,
             const IsInterrupted& isInterrupted);
-  /// ENOSPC when the disk has no room for a file that grows to `sizeBytes`. A hole itself takes none, but all
-  /// of the file's bytes are uploaded.
+  /// ENOSPC when the disk has no room for a file that grows to `sizeBytes`. A hole takes no room, but is
+  /// uploaded in full.
   /// @param file  may be null.
   int checkRoom(NodeId node, const OpenFile* file, std::uint64_t sizeBytes) const;
-  /// @param file  may be null: then the file is opened for this and uploaded at once.
+  /// @param file  may be null: then the file is opened, truncated and uploaded.
   int truncate(NodeId node, OpenFile* file, std::uint64_t sizeBytes, const IsInterrupted& isInterrupted);
   int setModified(NodeId node, NSDate::Time time);
 
-  /// One of the file's descriptors was closed; uploads, if no other writer is left. The errno value is for
-  /// close(2): unless the disk is full, the bytes are safe in the journal whatever it is.
+  /// One of the file's descriptors was closed; uploads if no other writer is left. The errno value is for
+  /// close(2); even after a failure the bytes are in the journal, unless the disk is full.
   int flush(OpenFile& file, const IsInterrupted& isInterrupted);
-  /// Uploads now.
+  /// Uploads now (fsync); a local file is synced to the disk.
   int sync(OpenFile& file, const IsInterrupted& isInterrupted);
   void release(std::unique_ptr<OpenFile> file);
 

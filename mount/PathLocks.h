@@ -9,8 +9,8 @@
 
 namespace kzv::mount {
 
-/// Locks on paths: many transfers may share a path, while a change that moves or removes a subtree needs it
-/// alone. Any thread.
+/// Read-write locks on paths: transfers share a path, changes that move or remove a subtree lock it
+/// exclusively. Any thread.
 class PathLocks {
  public:
   enum class Kind {
@@ -39,10 +39,10 @@ class PathLocks {
     Place place_;
   };
 
-  /// Waits, without a time limit, until all `claims` can be held together. A thread that holds some must not
-  /// ask for more.
+  /// Waits, without a time limit, until all `claims` can be held together. A thread that holds claims must
+  /// not ask for more.
   Hold hold(std::vector<Claim> claims);
-  /// The same, until `isInterrupted` (asked every 50 ms) says so: then nothing.
+  /// The same, but returns nothing once `isInterrupted` (called every 50 ms) returns true.
   std::optional<Hold> hold(std::vector<Claim> claims, const std::function<bool()>& isInterrupted);
 
  private:

@@ -21,14 +21,14 @@ bool isInside(const MountNode& node, const MountNode& top) KZV_REQUIRES(treeStat
   return false;
 }
 
-/// What the volume says about an item; nothing when it cannot be asked now.
+/// Whether the volume has the item; nothing when that cannot be found out now.
 std::optional<bool> exists(VolumeCalls& calls, const std::string& path) {
   NSErrorRef error;
   if (calls.volume().attributesAtPath(path, &error)) return true;
   return calls.errnoFor(error) == ENOENT ? std::optional(false) : std::nullopt;
 }
 
-/// Whether the rename is done or taken back, so that its entry can go.
+/// Whether the rename was finished or undone, so that its entry can be removed.
 bool finishInterrupted(VolumeCalls& calls, const UploadJournal::Rename& rename) {
   const auto isAside = exists(calls, rename.aside);
   if (!isAside) return false;
@@ -37,8 +37,8 @@ bool finishInterrupted(VolumeCalls& calls, const UploadJournal::Rename& rename) 
   const auto isSourceThere = isTargetThere ? exists(calls, rename.from) : std::nullopt;
   if (!isSourceThere) return false;
   if (!*isTargetThere) return calls.move(rename.aside, rename.to, never) == 0;
-  // While the source is still at its old place, another device has put there what is at the new one: then
-  // what was moved aside stays beside it.
+  // If the source is still at its old path, the item at the new one is another device's: then the item moved
+  // aside stays.
   return *isSourceThere || calls.remove(rename.aside, never) == 0;
 }
 
@@ -52,7 +52,7 @@ int Rename::run(MountParts& parts, Lookups& lookups, TreeChanges& changes, const
     Rename rename(parts, changes, request, isInterrupted);
     if (const int reason = rename.lookUp(lookups)) return reason;
     const int reason = rename.run();
-    // ENOENT of a node that was replaced meanwhile: the name is still there, and means the newer version.
+    // ENOENT for a node that was replaced meanwhile: the name still exists, with the newer version.
     if (reason != ENOENT || !changes.isReplaced(rename.source_)) return reason;
   }
 }
@@ -71,9 +71,9 @@ int Rename::lookUp(Lookups& lookups) {
 }
 
 int Rename::run() {
-  if (!staysOnThisMachine()) return perform(nullptr);
+  if (!becomesLocal()) return perform(nullptr);
   if (source_->isFolder) return EINVAL;
-  // The bytes are fetched before the claim, since fetching holds the path itself.
+  // The bytes are fetched before the claim, since fetching locks the path itself.
   const auto bytes = parts_.contents.useForReading(source_, isInterrupted_);
   if (bytes.error) return bytes.error;
   const int reason = perform(bytes.value);
@@ -82,22 +82,22 @@ int Rename::run() {
   return reason;
 }
 
-/// Whether the source is a file that gets a name which the volume does not hold. Where the volume has an item
-/// of that name all the same (other clients made it), the file replaces it there.
-bool Rename::staysOnThisMachine() const {
+/// Whether the new name is one that is not uploaded. If the volume has an item of that name anyway (created
+/// by another client), the file replaces it there.
+bool Rename::becomesLocal() const {
   const TreeLock lock(parts_.tree);
   return toKind_ == NameKind::localOnly && !(target_ && target_->isRemote);
 }
 
-/// @param bytes  the content of a file that is to stay on this machine, else null.
+/// @param bytes  the content of a file that becomes local, else null.
 int Rename::perform(const std::shared_ptr<FileContent>& bytes) {
   if (const int reason = claim()) return reason;
-  // The kernel passes this on when it has an outdated entry of the name.
+  // Happens when the kernel has an outdated entry of the name.
   if (fromPath_ == toPath_) return request_.target == Target::mustNotExist ? EEXIST : 0;
   if (const int reason = checkTarget()) return reason;
   const auto content = parts_.contents.find(source_);
-  const bool staysLocal = staysOnThisMachine();
-  // The file has been replaced meanwhile, or another item is in the way.
+  const bool staysLocal = becomesLocal();
+  // The file was replaced meanwhile, or there is another target now.
   if (staysLocal != (bytes != nullptr) || (bytes && content != bytes)) return ESTALE;
   if (staysLocal && !content->isLocalOnly()) return renameToLocal(content);
   if (isSourceRemote_) return renameRemote();
@@ -112,13 +112,13 @@ int Rename::claim() {
     std::shared_ptr<FileContent> targetContent;
     {
       const TreeLock lock(parts_.tree);
-      if (!notePlaces()) return ENOENT;
+      if (!resolvePaths()) return ENOENT;
       if (isInside(*toFolder_, *source_)) return EINVAL;  // into itself
       fromKey = parts_.volume->pathKey(fromPath_);
       toKey = parts_.volume->pathKey(toPath_);
       if (target_) targetContent = target_->content;
     }
-    // Uploads in the background give way.
+    // Makes background uploads stop.
     const FileContent::Waiter sourceWaiter(parts_.contents.find(source_));
     const FileContent::Waiter targetWaiter(targetContent);
     auto hold =
@@ -128,7 +128,7 @@ int Rename::claim() {
     hold_ = *std::move(hold);
     {
       const TreeLock lock(parts_.tree);
-      if (!notePlaces()) return ENOENT;
+      if (!resolvePaths()) return ENOENT;
       MountTree::noteChangeHere(source_->parent);
       MountTree::noteChangeHere(toFolder_.get());
       if (parts_.volume->pathKey(fromPath_) == fromKey && parts_.volume->pathKey(toPath_) == toKey) return 0;
@@ -138,7 +138,7 @@ int Rename::claim() {
 }
 
 /// False when the source or the folder is no longer in the tree.
-bool Rename::notePlaces() {
+bool Rename::resolvePaths() {
   if (!parts_.tree.contains(*source_) || !parts_.tree.contains(*toFolder_) || !source_->parent) return false;
   target_ = parts_.tree.child(*toFolder_, request_.toName);
   if (target_ == source_) target_ = nullptr;  // another spelling of its own name
@@ -158,10 +158,10 @@ int Rename::checkTarget() {
   return target_->isFolder ? changes_.checkEmpty(target_, toPath_, isInterrupted_) : 0;
 }
 
-// --- What stays on this machine, or is not uploaded yet
+// --- Files that stay on this machine, or are not uploaded yet
 
-/// A file of the volume becomes one that stays here. Programs save so: they move the document out of the way,
-/// to the name of a temporary file, before they put the new one in its place.
+/// A file of the volume becomes local. Programs do this when saving: they rename the document to a temporary
+/// name before they create the new one.
 int Rename::renameToLocal(const std::shared_ptr<FileContent>& content) {
   const WriteBase base = content->base();
   NSDate::Time modified{};
@@ -174,37 +174,36 @@ int Rename::renameToLocal(const std::shared_ptr<FileContent>& content) {
   const bool staysOnVolume = isSourceRemote_ && isChangedElsewhere(source_, fromPath_);
   if (isSourceRemote_ && !staysOnVolume) {
     if (const int reason = parts_.calls.remove(fromPath_, never)) {
-      // It may be gone all the same, if only the answer was lost: so it is uploaded again to its old name.
+      // It may have been removed, if only the answer was lost: so it is uploaded again to its old name.
       if (content->sendFromNow(base, fromPath_) == 0)
         parts_.queue.add(source_, content, parts_.delays.firstUploadRetry);
       return reason;
     }
   }
-  if (target_) changes_.takeOut(target_, request_.toName);
+  if (target_) changes_.removeFromTree(target_, request_.toName);
   {
     const TreeLock lock(parts_.tree);
     source_->isRemote = false;
     source_->version.clear();
     source_->isOutdated |= staysOnVolume;
   }
-  putInPlace();
+  updateTree();
   return 0;
 }
 
-/// A folder that another device has deleted exists here for as long as files are in it that stay on this
-/// machine.
+/// A folder that another device has deleted exists here as long as it has files that stay on this machine.
 int Rename::renameLocalFolder() {
   if (isTargetRemote_) {
     if (const int reason = parts_.calls.remove(toPath_, isInterrupted_)) return reason;
   }
-  if (target_) changes_.takeOut(target_, request_.toName);
+  if (target_) changes_.removeFromTree(target_, request_.toName);
   parts_.leftovers.move(fromPath_, toPath_);
-  putInPlace();
+  updateTree();
   return 0;
 }
 
-/// A file that the volume does not have yet gets its new place here; what it replaces stays on the volume
-/// until the new bytes are there.
+/// A file that the volume does not have yet is renamed here only; the file that it replaces stays on the
+/// volume until the upload.
 int Rename::renameUnsent(const std::shared_ptr<FileContent>& content, bool staysLocal) {
   if (!content) return EBUSY;  // another device has just deleted it
   const WriteBase base = parts_.contents.baseToReplace(target_);
@@ -214,19 +213,20 @@ int Rename::renameUnsent(const std::shared_ptr<FileContent>& content, bool stays
   } else {
     content->setBase(base);
   }
-  if (target_) changes_.takeOut(target_, request_.toName);
-  putInPlace();
+  if (target_) changes_.removeFromTree(target_, request_.toName);
+  updateTree();
   {
     const TreeLock lock(parts_.tree);
     source_->isRemote = isTargetRemote_;
-    // Bytes that are not to be uploaded are not the target's version: then the next listing shows that one.
+    // Without a pending upload the bytes are not based on the target's version: the next listing shows that
+    // version.
     source_->version = target_ && content->isUnsent() ? target_->version : "";
   }
   if (!isNowUploaded || content->writers() > 0) return 0;
-  hold_ = {};  // the upload holds the path itself
+  hold_ = {};  // the upload locks the path itself
   const int reason = parts_.uploader.send(source_, content, isInterrupted_);
   parts_.contents.releaseUnused(source_, content);
-  // It has its new name here, and its bytes are safe. After an error the kernel would not believe the name.
+  // The file has its new name, and its bytes are safe. After an error the kernel would keep the old name.
   return content->isRecorded() ? 0 : reason;
 }
 
@@ -247,12 +247,12 @@ int Rename::renameRemote() {
     if (const int reason = moveAside(aside)) return reason;
   }
   const auto revisionBefore = parts_.volume->revisionAtPath(fromPath_);
-  // Once something is aside, the rename is carried through or taken back.
+  // Once the target has been moved aside, the rename is finished or undone.
   const int reason =
       parts_.calls.move(fromPath_, toPath_, aside.path.empty() ? isInterrupted_ : IsInterrupted(never));
   if (!aside.path.empty()) finishAside(aside, reason == 0);
   if (reason != 0) return reason;
-  if (target_) changes_.takeOut(target_, request_.toName);
+  if (target_) changes_.removeFromTree(target_, request_.toName);
   parts_.leftovers.move(fromPath_, toPath_);
   std::vector<MountNodeRef> watched;
   noteMoved(revisionBefore);
@@ -260,7 +260,7 @@ int Rename::renameRemote() {
     const TreeLock lock(parts_.tree);
     MountTree::collectWatched(*source_, watched);
   }
-  putInPlace();
+  updateTree();
   hold_ = {};
   parts_.watches.renew(watched);
   return 0;
@@ -268,20 +268,20 @@ int Rename::renameRemote() {
 
 int Rename::moveAside(Aside& aside) {
   const std::string folder = deletingLastPathComponent(toPath_);
-  const std::string inTheWay = appendingPathComponent(folder, targetName_);
-  parts_.contents.fetchForReaders(target_, inTheWay, isInterrupted_);
-  aside.stays = isChangedElsewhere(target_, inTheWay);
+  const std::string targetPath = appendingPathComponent(folder, targetName_);
+  parts_.contents.fetchForReaders(target_, targetPath, isInterrupted_);
+  aside.stays = isChangedElsewhere(target_, targetPath);
   const std::string unique = KZVSupport::uniquePathComponent().substr(0, 8);
   const std::string name = aside.stays ? conflictName(*parts_.volume, targetName_, unique)
                                        : asideName(*parts_.volume, targetName_, unique);
   aside.path = appendingPathComponent(folder, name);
   aside.id = parts_.journal->newId();
-  // What stays aside must not be removed after a restart, so the journal does not know of it.
+  // A version that stays must not be removed after a restart, so it is not recorded in the journal.
   const auto error =
       aside.stays ? nullptr
                   : parts_.journal->put(UploadJournal::Rename{aside.id, fromPath_, toPath_, aside.path});
   if (error) return errnoOf(error);
-  const int reason = parts_.calls.move(inTheWay, aside.path, isInterrupted_);
+  const int reason = parts_.calls.move(targetPath, aside.path, isInterrupted_);
   if (reason != 0) parts_.journal->forgetRename(aside.id);
   return reason;
 }
@@ -299,16 +299,17 @@ void Rename::finishAside(const Aside& aside, bool isRenamed) {
     parts_.journal->forgetRename(aside.id);
   } else {
     NSLog(NSLogLevel::warning, "mount",
-          "what was at " + toPath_ + " stays at " + aside.path + " until this volume is mounted again");
+          "the item that was at " + toPath_ + " stays at " + aside.path +
+              " until this volume is mounted again");
   }
 }
 
-/// Notes which version the source is after the move, which may have given it a new one. Local changes that
-/// were made from the version before go on from this one. If another device had replaced the file unseen, its
-/// version has moved: a listing then shows it as any newer version.
+/// Records the source's version after the move, which may have changed it. Local changes that were based on
+/// the version before are now based on this one. If another device had replaced the file unnoticed, its
+/// version was moved: a listing then shows it like any newer version.
 void Rename::noteMoved(const std::optional<std::string>& revisionBefore) {
   const auto revision = parts_.volume->revisionAtPath(toPath_);
-  // The volume knows the item from its answer to the move; it sends no request.
+  // From the volume's cache, filled by the answer to the move: no request.
   const auto item = revision && !source_->isFolder ? parts_.volume->itemAtPath(toPath_, nullptr) : nullptr;
   std::shared_ptr<FileContent> content;
   {
@@ -336,9 +337,9 @@ void Rename::recover(VolumeCalls& calls, UploadJournal& journal) {
 
 // --- In the tree
 
-/// A listing may have come first: it has taken the source away, or put another node at its new place, or
-/// both.
-void Rename::putInPlace() {
+/// A listing may have been applied before: it may have removed the source, or added another node under its
+/// new name, or both.
+void Rename::updateTree() {
   std::vector<MountNodeRef> files;
   std::vector<std::string> paths;
   std::vector<MountNodeRef> unwatched;
@@ -348,7 +349,7 @@ void Rename::putInPlace() {
     const bool isInTree = parts_.tree.contains(*source_);
     MountTree::noteChangeHere(source_->parent);
     MountTree::noteChangeHere(toFolder_.get());
-    if (source_->isReplaced) {  // another device's version has moved, which a listing shows
+    if (source_->isReplaced) {  // another device's version was moved; a listing shows it
       toFolder_->inside().listing = MountNode::Folder::Listing::outOfDate;
       parts_.changed->add(toFolder_);
       return;
@@ -362,7 +363,7 @@ void Rename::putInPlace() {
       parts_.tree.remove(other);
     }
     if (isInTree) {
-      // The volume has another version at the old place, which a listing shows once this one has moved.
+      // The volume has another version at the old path, which a listing shows once this one has moved.
       if (source_->isOutdated) parts_.changed->add(source_->parent->shared_from_this());
       parts_.tree.move(source_, *toFolder_, request_.toName);
     } else {

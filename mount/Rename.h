@@ -7,12 +7,12 @@
 
 namespace kzv::mount {
 
-/// One rename, from its look-up to its place in the tree: made for it and run once. Any thread, without the
-/// tree's lock; blocks until the volume has answered. Errors are errno values.
+/// One rename, from the look-up to the update of the tree. Any thread, without the tree's lock; blocks until
+/// the volume has answered. Errors are errno values.
 ///
-/// On the volume nothing takes the place of something else: what is in the way is moved aside first, and
-/// comes back if the rename fails. The journal knows of it, should this process die in between. A version
-/// that this mount has not shown is never removed: it stays beside the new file.
+/// The volume cannot replace the target of a move: the target is moved aside first, and back if the rename
+/// fails. The journal records this, in case the process dies in between. A version that this mount has not
+/// shown is never removed: it stays beside the new file.
 class Rename {
  public:
   enum class Target { mayExist, mustNotExist };
@@ -24,11 +24,11 @@ class Rename {
     Target target = Target::mayExist;
   };
 
-  /// ESTALE: the name means another node now; the kernel looks again.
+  /// ESTALE: the name belongs to another node now; the kernel looks it up again.
   static int run(MountParts& parts, Lookups& lookups, TreeChanges& changes, const Request& request,
                  const IsInterrupted& isInterrupted);
-  /// Completes or takes back the renames that an earlier process did not finish: what was moved aside goes
-  /// back, unless the new item is there. What the volume cannot tell now waits for the next start.
+  /// Finishes or undoes the renames that an earlier process did not finish: the old target is moved back,
+  /// unless the new item is there. Where the volume cannot be asked now, the next start retries.
   static void recover(VolumeCalls& calls, UploadJournal& journal);
 
  private:
@@ -38,36 +38,36 @@ class Rename {
   // The plan.
   int lookUp(Lookups& lookups);
   int run();
-  /// Holds both subtrees, and notes what is where once they are held.
+  /// Locks both subtrees, then resolves the paths.
   int claim();
-  bool notePlaces() KZV_REQUIRES(treeState);
-  bool staysOnThisMachine() const;
-  /// What the tree says against it.
+  bool resolvePaths() KZV_REQUIRES(treeState);
+  bool becomesLocal() const;
+  /// The errno value if the target must not be replaced.
   int checkTarget();
   int perform(const std::shared_ptr<FileContent>& bytes);
 
-  // The ways to do it.
+  // The kinds of rename.
   int renameRemote();
   int renameToLocal(const std::shared_ptr<FileContent>& content);
   int renameLocalFolder();
   int renameUnsent(const std::shared_ptr<FileContent>& content, bool staysLocal);
 
   // On the volume.
-  /// Where the item that is replaced lies meanwhile.
+  /// Where the target is meanwhile.
   struct Aside {
-    std::string path;    // empty: nothing of the volume is replaced
+    std::string path;    // empty: the volume has no target
     std::string id;      // of the journal's entry
-    bool stays = false;  // it is a version that this mount has not shown
+    bool stays = false;  // a version that this mount has not shown: it is kept
   };
   int moveAside(Aside& aside);
-  /// Removes what was moved aside, or brings it back when the rename has failed.
+  /// Removes the item that was moved aside, or moves it back when the rename has failed.
   void finishAside(const Aside& aside, bool isRenamed);
-  /// Whether another device has replaced the file since it was shown here, as the volume says now.
+  /// Asks the volume whether another device has replaced the file since it was shown here.
   bool isChangedElsewhere(const MountNodeRef& node, const std::string& path);
   void noteMoved(const std::optional<std::string>& revisionBefore);
 
-  /// Gives the source its place in the tree, and its journal entries their paths.
-  void putInPlace();
+  /// Moves the source in the tree and updates the paths in its journal entries.
+  void updateTree();
 
   MountParts& parts_;
   TreeChanges& changes_;
@@ -76,7 +76,7 @@ class Rename {
   NameKind toKind_ = NameKind::remote;
 
   MountNodeRef source_;
-  MountNodeRef target_;  // what is in the way; may be null
+  MountNodeRef target_;  // may be null
   MountNodeRef toFolder_;
   std::string fromPath_;
   std::string toPath_;

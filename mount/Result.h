@@ -3,15 +3,15 @@
 
 namespace kzv::mount {
 
-/// What an operation of a file system gives: a value, or an errno value.
+/// The result of a file system operation: a value, or an errno value (0: none).
 template <class Value>
 struct Result {
   Value value{};
   int error = 0;
 };
 
-/// Whether the program that made a request has been told to stop. Asked now and then while an operation
-/// runs; must not block.
+/// Whether the program that made the request was interrupted by a signal. Called repeatedly during an
+/// operation; must not block.
 using IsInterrupted = std::function<bool()>;
 
 }  // namespace kzv::mount

@@ -60,7 +60,7 @@ void SendQueue::run() {
     } else if (const auto due = next->due; due > Clock::now()) {
       changed_.waitUntil(lock, due);
     } else if (next->leftover && !std::exchange(next->isFolderListed, true)) {
-      // The listing makes it a file like any other, which programs can use while it is uploaded.
+      // The listing makes it a file of the tree, which programs can use while it is uploaded.
       const std::string folder = deletingLastPathComponent(next->leftover->path);
       ++inFlight_;
       lock.unlock();
@@ -94,12 +94,12 @@ bool SendQueue::send(const Entry& entry) {
                         : sender_->sendWaiting(entry.file.node, entry.file.content);
 }
 
-bool SendQueue::flush(std::chrono::milliseconds patience) {
+bool SendQueue::flush(std::chrono::milliseconds timeout) {
   MutexLock lock(mutex_);
   const auto now = Clock::now();
   for (Entry& entry : entries_) entry.due = now;
   changed_.notifyAll();
-  changed_.waitFor(lock, patience, [&]() KZV_REQUIRES(mutex_) {  // each is tried once: then none is due
+  changed_.waitFor(lock, timeout, [&]() KZV_REQUIRES(mutex_) {  // one attempt each: then none is due
     const bool isDue =
         std::any_of(entries_.begin(), entries_.end(), [&](const Entry& entry) { return entry.due <= now; });
     return isStopping_ || (!isDue && inFlight_ == 0);

@@ -14,19 +14,19 @@
 
 namespace kzv::mount {
 
-/// Files that wait to be uploaded, and the thread that uploads them: those that could not be sent when they
-/// were closed, and those that an earlier process left in the journal ("leftovers"). Any thread; only flush()
-/// blocks. Its lock may be taken under the tree's.
+/// Pending uploads and the thread that makes them: files whose upload failed when they were closed, and files
+/// that an earlier process left in the journal ("leftovers"). Any thread; only flush() and join() block. Its
+/// lock may be taken under the tree's.
 class SendQueue {
  public:
-  /// What the queue's thread does. Called without locks; may block.
+  /// The work of the queue's thread. Called without locks; may block.
   class Sender {
    public:
     virtual ~Sender() = default;
-    /// Uploads the file; true when nothing is left to do for it.
+    /// Uploads the file; true when it needs no further attempt.
     virtual bool sendWaiting(const MountNodeRef& node, const std::shared_ptr<FileContent>& content) = 0;
     virtual bool sendLeftover(const UploadJournal::Upload& leftover) = 0;
-    /// Lists the folder, if there is one, which then takes over its leftovers (see adoptLeftovers).
+    /// Lists the folder, if it exists, which adopts its leftovers (see adoptLeftovers).
     virtual void listFolder(const std::string& path) = 0;
   };
 
@@ -36,25 +36,26 @@ class SendQueue {
   /// Calls stop() and waits for the thread.
   ~SendQueue();
 
-  /// Starts the thread. `sender` must live until stop() and the end of the thread.
+  /// Starts the thread. `sender` must live until join() has returned.
   void start(Sender& sender);
-  /// Ends the thread after what it is doing. Does not block.
+  /// Ends the thread after its current upload. Does not block.
   void stop();
   /// stop(), and waits for the thread.
   void join();
 
-  /// Uploads the file after `delay`, unless it waits already.
+  /// Uploads the file after `delay`, unless it is queued already.
   void add(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
            std::chrono::milliseconds delay);
   void addLeftover(UploadJournal::Upload leftover);
-  /// Tries once, now, what waits; false when something still waits at the end of that or of `patience`.
-  bool flush(std::chrono::milliseconds patience);
+  /// Makes one attempt at each pending upload now and waits for them, at most for `timeout`; false when some
+  /// are still pending.
+  bool flush(std::chrono::milliseconds timeout);
 
   struct File {
     MountNodeRef node;
     std::shared_ptr<FileContent> content;
   };
-  /// Offers each leftover to `adopt`, which makes it a file of the tree or leaves it.
+  /// Calls `adopt` with each leftover; it returns the file of the tree that the leftover became, or nothing.
   void adoptLeftovers(const std::function<std::optional<File>(const UploadJournal::Upload&)>& adopt);
   bool hasLeftover(const std::function<bool(const UploadJournal::Upload&)>& matches) const;
   void changeLeftovers(const std::function<void(UploadJournal::Upload&)>& change);
@@ -62,8 +63,8 @@ class SendQueue {
  private:
   using Clock = std::chrono::steady_clock;
   struct Entry {
-    File file;                                      // of the tree, or
-    std::optional<UploadJournal::Upload> leftover;  // of an earlier process
+    File file;                                      // in the tree, or
+    std::optional<UploadJournal::Upload> leftover;  // from an earlier process
     Clock::time_point due;
     int failures = 0;
     bool isFolderListed = false;  // leftovers: the folder has been listed since the last attempt

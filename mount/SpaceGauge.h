@@ -9,7 +9,7 @@
 
 namespace kzv::mount {
 
-/// Size and free space of the volume, asked for at most once in a while. Any thread.
+/// Size and free space of the volume, cached for a while. Any thread.
 class SpaceGauge {
  public:
   struct Space {
@@ -17,11 +17,11 @@ class SpaceGauge {
     std::uint64_t freeBytes = 0;
   };
 
-  /// @param maxAge  how long an answer is good.
+  /// @param maxAge  how long an answer is cached.
   SpaceGauge(std::shared_ptr<FSPlugin> volume, std::chrono::milliseconds maxAge);
 
-  /// The last answer. One thread at a time asks the volume for a newer one and blocks; the others go on with
-  /// the older one, and block only while there is none. EIO while the volume has never answered.
+  /// The last answer. When it is too old, one thread blocks to ask the volume; the others get the older
+  /// answer, and block only while there is none. EIO if the volume has never answered.
   Result<Space> space();
 
  private:

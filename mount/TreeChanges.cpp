@@ -40,13 +40,13 @@ Result<FoundItem> TreeChanges::makeFolder(NodeId folderId, const std::string& na
   {
     const TreeLock lock(parts_.tree);
     if (!parts_.tree.contains(*folder)) return {{}, ENOENT};
-    made = parts_.tree.child(*folder, name);  // a listing may have been faster
+    made = parts_.tree.child(*folder, name);  // a listing may have added it meanwhile
     if (made && !made->isFolder) return {{}, EEXIST};
     if (!made) {
       made = parts_.tree.make(true);
       made->isRemote = true;
       made->modified = parts_.startTime;
-      // It is empty. Should another device have made it in the same moment, its watch will report that.
+      // It is empty. If another device has created it at the same moment, its watch will report that.
       made->inside().listing = MountNode::Folder::Listing::complete;
       parts_.tree.add(*folder, made, name);
     }
@@ -69,7 +69,7 @@ int TreeChanges::removeFile(NodeId folderId, const std::string& name, const IsIn
     parts_.contents.fetchForReaders(node, held.value.path, isInterrupted);
     if (const int reason = parts_.calls.remove(held.value.path, isInterrupted)) return reason;
   }
-  takeOut(node, name);
+  removeFromTree(node, name);
   return 0;
 }
 
@@ -81,13 +81,13 @@ int TreeChanges::removeFolder(NodeId folderId, const std::string& name, const Is
   const auto held = parts_.paths.holdSubtree(node, isInterrupted);
   if (held.error) return held.error;
   if (const int reason = checkEmpty(node, held.value.path, isInterrupted)) {
-    parts_.changed->add(node);  // what is in it may never have been shown
+    parts_.changed->add(node);  // its items may never have been shown
     return reason;
   }
   if (held.value.isRemote) {
     if (const int reason = parts_.calls.remove(held.value.path, isInterrupted)) return reason;
   }
-  takeOut(node, name);
+  removeFromTree(node, name);
   return 0;
 }
 
@@ -112,7 +112,7 @@ bool TreeChanges::isReplaced(const MountNodeRef& node) const {
   return node->isReplaced;
 }
 
-void TreeChanges::takeOut(const MountNodeRef& node, const std::string& name) {
+void TreeChanges::removeFromTree(const MountNodeRef& node, const std::string& name) {
   std::shared_ptr<FileContent> content;
   std::vector<MountNodeRef> watched;
   Invalidations invalidations;

@@ -42,7 +42,7 @@ int Uploader::send(const MountNodeRef& node, const std::shared_ptr<FileContent>&
                    const IsInterrupted& isInterrupted) {
   const auto held = holdTarget(node, *content);
   if (!held) {
-    content->discard();  // removed while it was open: nobody will miss it
+    content->discard();  // removed while it was open
     return 0;
   }
   const bool isBackground = mode == Mode::background;
@@ -65,7 +65,7 @@ int Uploader::send(const MountNodeRef& node, const std::shared_ptr<FileContent>&
   std::string failure;
   const int reason = calls_.attempt(isInterrupted, [&](NSErrorRef* error) {
     stored = calls_.volume().storeFile(*source, path, sending->base, shouldContinue, error);
-    if (!stored) failure = *error ? (*error)->localizedDescription() : "the account is not there any more";
+    if (!stored) failure = *error ? (*error)->localizedDescription() : "the account is no longer linked";
     return stored.has_value();
   });
   if (reason == 0) {
@@ -82,7 +82,7 @@ int Uploader::send(const MountNodeRef& node, const std::shared_ptr<FileContent>&
   content->endSending(std::nullopt);
   if (!isBackground && !calls_.isStopping()) {
     NSLog(NSLogLevel::warning, "mount",
-          path + " could not be uploaded (" + failure + "); it is kept and will be tried again");
+          path + " could not be uploaded (" + failure + "); it is kept, and the upload will be retried");
     queue_.add(node, content, delays_.firstUploadRetry);
   }
   return reason;
@@ -92,7 +92,7 @@ void Uploader::noteStored(const MountNodeRef& node, const std::shared_ptr<FileCo
                           const std::string& path, const StoredFile& stored) {
   logIfStoredElsewhere(path, stored);
   const bool isElsewhere = isStoredElsewhere(path, stored);
-  // The volume knows this from its answer to the upload; it sends no request.
+  // From the volume's cache, filled by the answer to the upload: no request.
   const auto attributes = isElsewhere ? nullptr : calls_.volume().attributesAtPath(path, nullptr);
   const auto date = attributes ? as<NSDate>(attributes->objectForKey(NSFileModificationDate)) : nullptr;
   Invalidations invalidations;
@@ -109,7 +109,7 @@ void Uploader::noteStored(const MountNodeRef& node, const std::shared_ptr<FileCo
       if (date) node->listedModified = date->time();
       return;
     }
-    // The name belongs to the other version. A file that is still open continues beside it.
+    // The name belongs to the other version. Later writes of a file that is still open go to the new path.
     content->setElsewhere(stored.path);
     invalidations.contents.push_back(node->id);
     invalidations.listings.push_back(folder.id);
@@ -136,11 +136,11 @@ void Uploader::logIfStoredElsewhere(const std::string& path, const StoredFile& s
 bool Uploader::sendWaiting(const MountNodeRef& node, const std::shared_ptr<FileContent>& content) {
   const int reason = send(node, content, Mode::background, [] { return false; });
   contents_.releaseUnused(node, content);
-  // A writer sends it when it closes the file.
+  // A writer uploads it on close.
   return reason == 0 && (!content->isUnsent() || content->writers() > 0);
 }
 
-/// A leftover that no folder shows: its folder was deleted meanwhile, or another item has its name.
+/// Uploads a leftover that no folder shows: its folder was deleted, or another item has its name.
 bool Uploader::sendLeftover(const UploadJournal::Upload& leftover) {
   const HeldPath held = paths_.holdPath(leftover.path);
   const std::string data = journal_->dataPath(leftover.id);

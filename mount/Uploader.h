@@ -9,8 +9,8 @@
 
 namespace kzv::mount {
 
-/// Uploads files that were written here. The journal has an entry of a file before it is sent; the entry goes
-/// when the volume has the file. What another device changed meanwhile is never overwritten: the volume then
+/// Uploads files that were written here. A file is recorded in the journal before its upload, and the entry
+/// is removed once the volume has the file. Changes of other devices are never overwritten: the volume then
 /// keeps both versions. Any thread, without the tree's lock; calls block until the volume has answered.
 class Uploader final : public SendQueue::Sender {
  public:
@@ -18,10 +18,10 @@ class Uploader final : public SendQueue::Sender {
            ContentStore& contents, FolderListings& listings, SendQueue& queue, ChangedFolders& changed,
            KernelCache& kernel, const MountDelays& delays);
 
-  /// Uploads what was written, if anything was. After a failure the file waits in the queue.
+  /// Uploads the file if it has local changes. After a failure it is queued for another attempt.
   int send(const MountNodeRef& node, const std::shared_ptr<FileContent>& content,
            const IsInterrupted& isInterrupted);
-  /// Where the file is uploaded to, held; nothing when it has been removed.
+  /// The path to which the file is uploaded, locked; nothing when it has been removed.
   std::optional<HeldPath> holdTarget(const MountNodeRef& node, const FileContent& content);
 
   // SendQueue::Sender

@@ -14,12 +14,12 @@ VolumeCalls::VolumeCalls(std::shared_ptr<FSPlugin> volume, IsLinked isLinked,
 
 void VolumeCalls::stop() {
   isStopping_ = true;
-  { const MutexLock lock(mutex_); }  // no thread is between its look at isStopping_ and its wait
+  { const MutexLock lock(mutex_); }  // no thread is between checking isStopping_ and waiting
   stopped_.notifyAll();
 }
 
 bool VolumeCalls::pause(std::chrono::milliseconds time, const IsInterrupted& isInterrupted) {
-  constexpr std::chrono::milliseconds step{50};  // an interruption is noticed so soon
+  constexpr std::chrono::milliseconds step{50};  // how soon an interruption is noticed
   const auto end = std::chrono::steady_clock::now() + time;
   MutexLock lock(mutex_);
   while (!isStopping_ && !isInterrupted() && std::chrono::steady_clock::now() < end)
@@ -37,7 +37,7 @@ int VolumeCalls::attempt(const IsInterrupted& isInterrupted, const std::function
   }
 }
 
-/// Failure without a reason means that there is nothing, or that the account has been unlinked.
+/// Failure without an error means that there is no such item, or that the account was unlinked.
 int VolumeCalls::errnoFor(const NSErrorRef& error) const {
   return !error && isLinked_ && !isLinked_() ? EACCES : errnoOf(error);
 }
@@ -45,7 +45,7 @@ int VolumeCalls::errnoFor(const NSErrorRef& error) const {
 int VolumeCalls::remove(const std::string& path, const IsInterrupted& isInterrupted) {
   const int reason =
       attempt(isInterrupted, [&](NSErrorRef* error) { return volume_->removeItemAtPath(path, error); });
-  // Another device has removed it, or an attempt before this one did, whose answer was lost.
+  // Another device has removed it, or an earlier attempt whose answer was lost.
   return reason == ENOENT ? 0 : reason;
 }
 
@@ -53,7 +53,7 @@ int VolumeCalls::move(const std::string& from, const std::string& to, const IsIn
   bool isRepeated = false;
   return attempt(isInterrupted, [&](NSErrorRef* error) {
     if (volume_->moveFromPath(from, to, nullptr, {}, error)) return true;
-    // The attempt before this one may have succeeded, and only its answer was lost.
+    // The earlier attempt may have succeeded, with only its answer lost.
     const bool wasDone = isRepeated && error && errnoOf(*error) == ENOENT && volume_->isExists(to);
     isRepeated = true;
     return wasDone;

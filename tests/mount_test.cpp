@@ -647,7 +647,7 @@ TEST_F(MountTest, StandsInTheBackgroundAndSaysInWordsWhatIsWrong) {
     const char* words;
   };
   const Case cases[] = {{{"mount", root.string()}, "mounted"},
-                        {{"mount", other.path()}, "mounted already at"},
+                        {{"mount", other.path()}, "already mounted at"},
                         {{"mount", root.string() + "/none"}, "o such"},
                         {{"umount", other.path()}, "mounted"}};
   for (const Case& c : cases) {

@@ -147,7 +147,7 @@ std::vector<std::string> idsIn(const std::string& folder, std::string_view exten
   return ids;
 }
 
-/// Reads an entry with `read`; nothing when that fails, with the reason in words.
+/// Reads an entry with `read`; nothing when that fails, with the reason as a text in `problem`.
 template <class Entry, class Read>
 std::optional<Entry> readEntry(const std::string& path, Read read, std::string* problem = nullptr) {
   NSErrorRef error;
@@ -162,12 +162,12 @@ std::optional<Entry> readEntry(const std::string& path, Read read, std::string* 
   return std::nullopt;
 }
 
-/// The same, and logs a damaged entry, which stays where it is for a person to look at.
+/// The same, and logs a damaged entry, which is kept for a person to look at.
 template <class Entry, class Read>
 std::optional<Entry> readOrLogEntry(const std::string& path, Read read) {
   std::string problem;
   auto entry = readEntry<Entry>(path, read, &problem);
-  if (!entry) NSLog(NSLogLevel::warning, "mount", path + " is damaged and stays: " + problem);
+  if (!entry) NSLog(NSLogLevel::warning, "mount", path + " is damaged and was kept: " + problem);
   return entry;
 }
 
@@ -177,8 +177,8 @@ void removeIfThere(const std::string& path) {
           NSError::posix(errno, path)->localizedDescription());
 }
 
-/// The entries in `folder`, oldest first. Removes bytes without an entry, entries without bytes, and what a
-/// killed process had written of either.
+/// The entries in `folder`, oldest first. Removes bytes without an entry, entries without bytes, and files
+/// that a killed process left half written.
 template <class Entry, class Read>
 std::vector<Entry> entriesWithBytes(const std::string& folder, Read read) {
   std::vector<Entry> entries;
@@ -218,7 +218,7 @@ NSErrorRef syncData(const std::string& path) {
 
 NSErrorRef busyError(const std::string& accountId) {
   return NSError::withText(NSPOSIXErrorDomain, EBUSY,
-                           "this account is mounted already at " + UploadJournal::mountpointOf(accountId));
+                           "this account is already mounted at " + UploadJournal::mountpointOf(accountId));
 }
 
 }  // namespace
@@ -342,7 +342,7 @@ std::optional<std::uint64_t> UploadJournal::freeBytes() const {
   return static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize;
 }
 
-/// Writes the entry of the bytes at `dataPath`.
+/// Writes `text` as the entry for the bytes at `dataPath`.
 NSErrorRef UploadJournal::writeEntry(const std::string& path, const std::string& dataPath,
                                      const std::string& text, Durability durability) {
   if (durability == Durability::process) return writeQuickly(path, text);

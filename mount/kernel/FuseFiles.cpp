@@ -15,7 +15,7 @@ namespace {
 void fillOpened(fuse_file_info* info, OpenFiles::Opened& opened, bool otherSpelling) {
   info->fh = reinterpret_cast<std::uintptr_t>(opened.file.get());
   // Two inodes of one file have two page caches, so other spellings bypass theirs. Appends go to the file's
-  // real end, wherever the kernel believes it to be, so they bypass the cache, too.
+  // real end, which the kernel may not know, so they bypass the cache, too.
   opened.file->isUncached = otherSpelling || (info->flags & O_APPEND) != 0;
   info->direct_io = opened.file->isUncached ? 1 : 0;
   info->keep_cache = opened.keepsCache && !otherSpelling ? 1 : 0;
@@ -27,13 +27,14 @@ void onOpen(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
     auto opened = files.open(nodeOf(inode), info->flags, interruptionOf(request));
     if (opened.error) return opened.error;
     if (info->flags & O_TRUNC) noteOtherSpellingWritten(request, inode);
-    if (opened.value.isKernelSizeStale) {  // nobody else has it open: no request that this could wait for
+    if (opened.value.isKernelSizeStale) {
+      // Nobody else has the file open, so there is no request that this could wait for.
       sessionOf(request).dropCachedBytes(inodeOf(nodeOf(inode), false), 0);
       files.noteKernelSizeDropped(*opened.value.file);
     }
     fillOpened(info, opened.value, isOtherSpelling(inode));
     if (fuse_reply_open(request, info) == 0) {
-      opened.value.file.release();  // NOLINT(bugprone-unused-return-value): the kernel has it now
+      opened.value.file.release();  // NOLINT(bugprone-unused-return-value): the kernel owns it now
     } else {
       files.release(std::move(opened.value.file));
     }
@@ -55,7 +56,7 @@ void onCreate(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t /*
     const NodeId node = found.attributes.id;
     noteOtherSpellingChanged(request, parent, name);
     if (fuse_reply_create(request, &entry, info) == 0) {
-      opened.file.release();  // NOLINT(bugprone-unused-return-value): the kernel has it now
+      opened.file.release();  // NOLINT(bugprone-unused-return-value): the kernel owns it now
     } else {
       volume.files().release(std::move(opened.file));
       volume.lookups().forget(node, 1);
@@ -108,7 +109,7 @@ void onWrite(fuse_req_t request, fuse_ino_t inode, fuse_bufvec* from, off_t offs
   answer(request, [&] {
     OpenFiles& files = volumeOf(request).files();
     ssize_t count = 0;
-    // The flags are those of now (fcntl can change them). Pages of a mapping have their place.
+    // The current flags: fcntl can change them. Pages of a mapping are written at their offset.
     const bool appends = (info->flags & O_APPEND) && !info->writepage;
     std::uint64_t start = static_cast<std::uint64_t>(offset);
     const auto put = [&](int descriptor, std::uint64_t sizeBytes) {

@@ -1,4 +1,4 @@
-// Callbacks that look at the tree: names, attributes, folders, free space, extended attributes.
+// Callbacks that read the tree: names, attributes, folders, free space, extended attributes.
 #include <cstring>
 #include <vector>
 
@@ -13,7 +13,7 @@ namespace {
 constexpr const char* revisionName = "user.kzv.rev";
 constexpr const char* linkName = "user.kzv.link";
 
-/// An open folder: its items when reading began, so that none is shown twice or left out.
+/// An open folder: a snapshot of its items, so that none is shown twice or left out.
 struct OpenFolder {
   Mutex mutex;
   std::shared_ptr<const Lookups::Listing> listing KZV_GUARDED_BY(mutex);
@@ -52,9 +52,9 @@ void onGetAttributes(fuse_req_t request, fuse_ino_t inode, fuse_file_info* /*inf
   answer(request, [&] { return replyAttributes(request, inode); });
 }
 
-/// The volume keeps neither owners nor permissions. A mode is accepted and forgotten, as other file systems
-/// without permissions do, because programs that copy modes (tar, cp -a, rsync -a) would otherwise fail for
-/// each read-only file. Bits that grant rights, and another owner, are refused: forgetting those could harm.
+/// The volume keeps neither owners nor permissions. A mode is accepted and ignored, as by other file systems
+/// without permissions, because programs that copy modes (tar, cp -a, rsync -a) would otherwise fail for each
+/// read-only file. Bits that grant rights, and another owner, are refused: ignoring those could do harm.
 bool asksForOtherRights(const FuseSession& session, const struct stat& wanted, int which) {
   constexpr mode_t grantsRights = S_ISUID | S_ISGID | S_ISVTX;
   if ((which & FUSE_SET_ATTR_MODE) && (wanted.st_mode & grantsRights) != 0) return true;
@@ -106,10 +106,10 @@ void onReleaseFolder(fuse_req_t request, fuse_ino_t /*inode*/, fuse_file_info* i
 }
 
 void onSyncFolder(fuse_req_t request, fuse_ino_t /*inode*/, int /*onlyData*/, fuse_file_info* /*info*/) {
-  fuse_reply_err(request, 0);  // a change of the tree is answered when the volume has made it
+  fuse_reply_err(request, 0);  // changes are answered once the volume has made them
 }
 
-/// Reading begins again: what has changed since the folder was opened is shown.
+/// Reading starts again: shows the current items.
 int rewind(fuse_req_t request, fuse_ino_t inode, OpenFolder& folder) {
   const auto listing = volumeOf(request).lookups().list(nodeOf(inode), interruptionOf(request));
   if (listing.error) return listing.error;
@@ -118,8 +118,8 @@ int rewind(fuse_req_t request, fuse_ino_t inode, OpenFolder& folder) {
   return 0;
 }
 
-/// Replies with as many items from `offset` on as fit. `add(buffer, size, index)` returns the bytes that an
-/// item takes; more than `size` means that it did not fit.
+/// Replies with as many items from `offset` on as fit. `add(buffer, size, index)` returns an item's size in
+/// bytes; more than `size` means that it did not fit.
 template <class Add>
 void replyItems(fuse_req_t request, std::size_t size, std::size_t offset, std::size_t count, Add add) {
   std::vector<char> buffer(size);
@@ -231,8 +231,8 @@ void onGetExtended(fuse_req_t request, fuse_ino_t inode, const char* name, std::
   });
 }
 
-// Writing makes the link, whatever the value: reading must not publish a file, and the kernel refuses writing
-// where the mount is read-only.
+// Writing creates the link, whatever the value: reading must not publish a file, and the kernel refuses
+// writing if the mount is read-only.
 void onSetExtended(fuse_req_t request, fuse_ino_t inode, const char* name, const char* /*value*/,
                    std::size_t /*size*/, int /*flags*/) {
   answer(request, [&] {

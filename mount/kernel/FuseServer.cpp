@@ -71,12 +71,11 @@ bool FuseServer::mount(const std::string& folder, NSErrorRef* error) {
   if (session_->fuse && fuse_session_mount(session_->fuse, folder.c_str()) == 0) {
     const int device = fuse_session_fd(session_->fuse);
     ::fcntl(device, F_SETFD, FD_CLOEXEC);
-    ::fcntl(device, F_SETFL,
-            ::fcntl(device, F_GETFL) | O_NONBLOCK);  // a thread must never wait there when stop() is called
+    ::fcntl(device, F_SETFL, ::fcntl(device, F_GETFL) | O_NONBLOCK);  // a read must never block past stop()
     return true;
   }
   setError(error, NSError::withText(NSPOSIXErrorDomain, EIO,
-                                    "the system refused to mount here; its reason stands above"));
+                                    "the system refused to mount here; see the message above"));
   if (session_->fuse) fuse_session_destroy(std::exchange(session_->fuse, nullptr));
   return false;
 }

@@ -9,7 +9,7 @@ namespace kzv::mount {
 
 struct FuseSession;
 
-/// The kernel's side of a mount: speaks the FUSE protocol through libfuse 3 and hands every request to a
+/// The kernel's side of a mount: speaks the FUSE protocol through libfuse 3 and passes every request to a
 /// MountedVolume, on threads of its own.
 ///
 /// An item that is asked for under another spelling of its name gets a second inode, for which the kernel
@@ -19,10 +19,10 @@ class FuseServer final : public KernelCache {
   FuseServer();
   ~FuseServer() override;
 
-  /// Mounts at `folder`, an existing one. False with an error in words. Requests wait until serve().
+  /// Mounts at `folder`, which must exist. False with an error. Requests wait until serve().
   bool mount(const std::string& folder, NSErrorRef* error);
-  /// Answers requests until the volume is unmounted, from wherever, or stop() is called; then it is
-  /// unmounted. Blocks.
+  /// Answers requests until the volume is unmounted, by whomever, or stop() is called, which unmounts it.
+  /// Blocks.
   void serve(MountedVolume& volume);
   /// Ends serve(). Any thread.
   void stop();

@@ -22,7 +22,7 @@ struct stat FuseSession::statOf(const NodeAttributes& attributes, bool otherSpel
   struct stat status {};
   status.st_ino = inodeOf(attributes.id, otherSpelling);
   status.st_mode = attributes.isFolder ? S_IFDIR | (0777 & ~umask) : S_IFREG | (0666 & ~umask);
-  status.st_nlink = 1;  // also of folders: their sub-folders are not counted
+  status.st_nlink = 1;  // also for folders: their subfolders are not counted
   status.st_uid = user;
   status.st_gid = group;
   status.st_size = static_cast<off_t>(attributes.sizeBytes);
@@ -44,9 +44,10 @@ void FuseSession::dropCachedBytes(fuse_ino_t inode, std::uint64_t offset) const 
   fuse_lowlevel_notify_inval_inode(fuse, inode, static_cast<off_t>(offset), 0);
 }
 
-/// The kernel is told before the program's write returns, so that no read in between finds zeros there. That
-/// waits for reads of the last page, which other threads answer: so not all may wait here. Nor may a write
-/// through the page cache (O_APPEND was set after the open), for which the kernel holds the page itself.
+/// The kernel is notified before the program's write returns, so that no read in between finds zeros there.
+/// That blocks on reads of the last page, which other threads answer: so not all threads may block here. Nor
+/// may a write through the page cache (O_APPEND was set after the open), for which the kernel has the page
+/// locked.
 void FuseSession::noteAppended(fuse_ino_t inode, std::uint64_t offset, bool isUncached) {
   const auto send = [this, inode, offset] {
     dropCachedBytes(inodeOf(nodeOf(inode), false), offset);

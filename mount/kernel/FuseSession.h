@@ -17,7 +17,7 @@
 
 namespace kzv::mount {
 
-/// The kernel may cache what it is told: every change is reported to it.
+/// The kernel may cache for long: every change is reported to it.
 inline constexpr double cacheSeconds = 24 * 3600;
 
 // Inode numbers. The root is 1 on both sides; else the last bit says "another spelling".
@@ -41,10 +41,11 @@ struct FuseSession {
 
   struct stat statOf(const NodeAttributes& attributes, bool otherSpelling) const;
   fuse_entry_param entryOf(const NodeAttributes& attributes, bool otherSpelling) const;
-  /// Drops what the kernel has of the file from `offset` on. Blocks until reads of those pages are answered.
+  /// Invalidates the kernel's cached attributes and bytes from `offset` on. Blocks until reads of those pages
+  /// are answered.
   void dropCachedBytes(fuse_ino_t inode, std::uint64_t offset) const;
-  /// Tells the kernel of bytes that were appended at `offset`: it knows neither where the file ended nor the
-  /// bytes there.
+  /// Invalidates the kernel's pages from `offset` on, where bytes were appended: it knew neither the file's
+  /// end nor the bytes.
   void noteAppended(fuse_ino_t inode, std::uint64_t offset, bool isUncached);
 };
 
@@ -63,8 +64,8 @@ inline IsInterrupted interruptionOf(fuse_req_t request) {
 
 inline constexpr int answered = -1;
 
-/// Runs one operation. `operation` answers the request itself and returns `answered`, or returns the errno
-/// value to answer it with; so does what it throws.
+/// Runs one operation, which answers the request itself and returns `answered`, or returns the errno value to
+/// answer with. Exceptions become ENOMEM or EIO.
 template <class Operation>
 void answer(fuse_req_t request, Operation&& operation) noexcept {
   int reason = EIO;

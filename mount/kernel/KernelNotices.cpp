@@ -29,7 +29,7 @@ void KernelNotices::addFor(NodeId folder, std::function<void()> send) {
   {
     const MutexLock lock(mutex_);
     if (isStopped_) return;
-    notices_.push_back({folder, std::move(send), std::chrono::steady_clock::now() + patience_});
+    notices_.push_back({folder, std::move(send), std::chrono::steady_clock::now() + maxWait_});
   }
   changed_.notifyOne();
 }
@@ -46,7 +46,7 @@ void KernelNotices::run() {
   while (!isStopped_) {
     const auto notice = next();
     if (notice == notices_.end()) {
-      changed_.waitUntil(lock, std::chrono::steady_clock::now() + patience_);
+      changed_.waitUntil(lock, std::chrono::steady_clock::now() + maxWait_);
       continue;
     }
     const auto send = std::move(notice->send);

@@ -10,35 +10,36 @@
 
 namespace kzv::mount {
 
-/// Invalidations on their way to the kernel, sent by a thread of their own, because the kernel may wait for
-/// an answer of ours before it takes one.
+/// Queued invalidations for the kernel, sent by a thread of their own, because the kernel may wait for one of
+/// our answers before it accepts one.
 ///
-/// The kernel takes the invalidation of an entry only while no request works in its folder; until then the
-/// sending thread hangs in the kernel, where not even a kill of this process ends it. So such a notice waits
-/// here for its folder, though not for ever. Any thread; nothing here blocks but stop().
+/// The kernel accepts the invalidation of an entry only while no request is in progress in its folder; until
+/// then the sending thread hangs in the kernel, where not even SIGKILL ends it. So such a notice waits here
+/// for the folder's requests, up to a limit. Any thread; only stop() blocks.
 class KernelNotices {
  public:
-  /// How long a notice waits for requests in its folder to end. Long: an item that is opened by a name that
-  /// means something else by now is looked up again anyway (ESTALE), while a process that is killed as it
-  /// sends such a notice leaves programs hanging until `umount -f`.
-  static constexpr std::chrono::seconds usualPatience{60};
+  /// How long a notice waits for requests in its folder to end. Long: a name that belongs to another item by
+  /// now is looked up again anyway when opened (ESTALE), while a process that is killed while it sends such a
+  /// notice leaves programs hanging until `umount -f`.
+  static constexpr std::chrono::seconds defaultMaxWait{60};
 
-  explicit KernelNotices(std::chrono::milliseconds patience = usualPatience) : patience_(patience) {}
+  explicit KernelNotices(std::chrono::milliseconds maxWait = defaultMaxWait) : maxWait_(maxWait) {}
   KernelNotices(const KernelNotices&) = delete;
   KernelNotices& operator=(const KernelNotices&) = delete;
   /// Calls stop().
   ~KernelNotices();
 
   void start();
-  /// Waits for the notice that is being sent; the others are dropped, and so are later ones.
+  /// Waits for the notice that is being sent; queued and later ones are dropped.
   void stop();
 
-  /// Calls `send` soon, on the thread of the notices.
+  /// Queues `send`, to be called on the notices' thread.
   void add(std::function<void()> send) { addFor(noFolder, std::move(send)); }
-  /// The same for an entry of `folder`: once no request works in there, or when the patience has passed.
+  /// The same for an entry of `folder`: called once no request is in progress in it, or after the maximal
+  /// wait.
   void addFor(NodeId folder, std::function<void()> send);
 
-  /// Says, while it lives, that a request works in a folder.
+  /// Marks a request as in progress in a folder while this lives.
   class FolderUse {
    public:
     FolderUse(KernelNotices& notices, NodeId folder);
@@ -61,7 +62,7 @@ class KernelNotices {
   void run();
   std::deque<Notice>::iterator next() KZV_REQUIRES(mutex_);
 
-  const std::chrono::milliseconds patience_;
+  const std::chrono::milliseconds maxWait_;
   Mutex mutex_;
   Condition changed_;
   std::deque<Notice> notices_ KZV_GUARDED_BY(mutex_);

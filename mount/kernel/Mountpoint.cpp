@@ -35,8 +35,7 @@ namespace {
 constexpr std::uintmax_t largestLogBytes = 1'000'000;
 constexpr mode_t privateFile = 0600;
 
-/// The absolute path without symbolic links; with those that cannot be resolved, because a file system does
-/// not answer.
+/// The absolute path; symbolic links are resolved where the file system answers.
 std::string absolutePath(const std::string& typed) {
   std::error_code code;
   fs::path path = fs::absolute(typed, code).lexically_normal();
@@ -45,7 +44,7 @@ std::string absolutePath(const std::string& typed) {
   return code ? path.string() : (parent / path.filename()).string();
 }
 
-/// Runs a program to its end. Its exit status, or -1 with errno.
+/// Runs a program and waits for it. Returns its exit status, or -1 with errno.
 int runProgram(const std::vector<std::string>& words) {
   std::vector<char*> arguments;
   for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
@@ -67,7 +66,7 @@ enum class Mode { normal, lazy };
 int detach(const std::string& path, Mode mode) {
   if (::umount2(path.c_str(), mode == Mode::lazy ? MNT_DETACH : UMOUNT_NOFOLLOW) == 0) return 0;
   if (errno != EPERM) return errno;
-  // Not root: libfuse installs a helper for other users.
+  // Not root: libfuse has a helper for other users.
   const int status = runProgram({"fusermount3", mode == Mode::lazy ? "-uz" : "-u", "-q", "--", path});
   if (status == 0) return 0;
   return status < 0 ? ENOSYS : EBUSY;
@@ -98,8 +97,8 @@ void notifyServiceManager(std::string_view state) {
 
 constexpr std::string_view readyWord = "ready\n";
 
-/// Whether the process behind the mount at `path` has died. The kernel still answers from its caches, so it
-/// is asked for something that it never caches.
+/// Whether the process behind the mount at `path` has died. Asks for an extended attribute, which the kernel
+/// never caches.
 bool isDeadMount(const std::string& path) {
   return ::getxattr(path.c_str(), "user.kzv.rev", nullptr, 0) < 0 && errno == ENOTCONN;
 }
@@ -117,9 +116,9 @@ std::optional<std::string> prepareMountpoint(const std::string& typed, NSErrorRe
   const std::string path = absolutePath(typed);
   struct stat status {};
   if (isDeadMount(path)) {
-    // Left by a process that was killed: nothing can be in use there, since nothing answers.
+    // Left by a process that was killed: nothing can be in use there.
     if (const int reason = detach(path, Mode::lazy))
-      return refusal(error, reason, "a dead mount is in the way");
+      return refusal(error, reason, "a mount whose process has died is in the way");
   }
   if (::stat(path.c_str(), &status) != 0) {
     return refusal(
@@ -127,24 +126,24 @@ std::optional<std::string> prepareMountpoint(const std::string& typed, NSErrorRe
         errno == ENOENT ? "no such folder; make it first with: mkdir " + path : std::strerror(errno));
   }
   if (!S_ISDIR(status.st_mode)) return refusal(error, ENOTDIR, "not a folder");
-  if (isMountpoint(path)) return refusal(error, EBUSY, "something is mounted there already");
+  if (isMountpoint(path)) return refusal(error, EBUSY, "something is already mounted there");
   return path;
 }
 
 std::optional<std::string> unmountAt(const std::string& typed, NSErrorRef* error) {
   const std::string path = absolutePath(typed);
   int reason = isMountpoint(path) ? detach(path, Mode::normal) : EINVAL;
-  // A file that has just been closed, or a folder that a file manager reads, may be in use a moment longer.
+  // A file that was just closed, or a folder that a file manager reads, may be in use a moment longer.
   constexpr int tries = 20;
-  constexpr auto moment = 100ms;
+  constexpr auto interval = 100ms;
   for (int attempt = 1; reason == EBUSY && attempt < tries; ++attempt) {
-    std::this_thread::sleep_for(moment);
+    std::this_thread::sleep_for(interval);
     reason = detach(path, Mode::normal);
   }
   if (reason == 0) return path;
   std::string text = std::strerror(reason);
   if (reason == EINVAL) text = "nothing is mounted there";
-  if (reason == EBUSY) text = "it is in use: close what works there (see: fuser -vm " + path + ")";
+  if (reason == EBUSY) text = "it is in use: end the programs that use it (see: fuser -vm " + path + ")";
   if (reason == ENOSYS) text = "fusermount3 is not installed (Debian: fuse3)";
   return refusal(error, reason, std::move(text));
 }
@@ -174,7 +173,7 @@ BackgroundStart startInBackground(const std::vector<std::string>& arguments, con
   for (std::string& word : words) pointers.push_back(word.data());
   pointers.push_back(nullptr);
 
-  // Until it is ready, its output goes to this process.
+  // Until ready, its output goes to this process.
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);

@@ -8,17 +8,17 @@
 
 namespace kzv::mount {
 
-/// The folder where a volume is mounted, and the process behind it. Calls block for the system; the texts of
-/// errors say what to do.
+/// The folder where a volume is mounted, and the process behind it. Any thread; calls block. Error texts say
+/// what to do.
 
 /// `typed` as the absolute path of an existing folder. A mount there whose process has died is unmounted
 /// first. Nothing with an error: it is not a folder, or something is mounted there.
 std::optional<std::string> prepareMountpoint(const std::string& typed, NSErrorRef* error);
 
-/// Whether another file system begins at `path`, also one whose process has died.
+/// Whether a file system is mounted at `path`, also one whose process has died.
 bool isMountpoint(const std::string& path);
 
-/// Unmounts what is mounted at `typed`; returns its absolute path. Nothing with an error: nothing is mounted
+/// Unmounts the file system at `typed`; returns its absolute path. Nothing with an error: nothing is mounted
 /// there, or it is in use (EBUSY).
 std::optional<std::string> unmountAt(const std::string& typed, NSErrorRef* error);
 
@@ -30,13 +30,13 @@ void reportReady(int readyDescriptor);
 struct BackgroundStart {
   bool isReady = false;
   std::string output;  // what it wrote to its standard output and error until then
-  int exitStatus = 0;  // when it is not ready
+  int exitStatus = 0;  // if not ready
 };
-/// Starts this program again with `arguments` and "--ready-fd N", in a session of its own, and waits until it
-/// is ready or has ended. Once ready it writes to `logFile` (mode 0600).
+/// Starts this program again with `arguments` and "--ready-fd N", in a new session, and waits until it is
+/// ready or has ended. Once ready it logs to `logFile` (mode 0600).
 BackgroundStart startInBackground(const std::vector<std::string>& arguments, const std::string& logFile,
                                   NSErrorRef* error);
-/// Redirects standard output and error to `logFile`, which is emptied first when it has grown large.
+/// Redirects standard output and error to `logFile`, which is truncated first if it has grown large.
 void writeToLog(const std::string& logFile);
 
 }  // namespace kzv::mount

@@ -45,7 +45,7 @@ void RequestThreads::addThread() {
       setCurrentThreadName("kzv-mount");
       work();
     });
-  } catch (const std::system_error&) {  // the system has no more threads: the present ones must do
+  } catch (const std::system_error&) {  // the system's thread limit: go on with those there are
     --idle_;
     if (threads_.empty()) throw;
   }
@@ -64,7 +64,7 @@ void RequestThreads::work() {
   while (!isOver_) {
     int bytes = 0;
     {
-      const std::lock_guard turn(turnMutex_);
+      const std::lock_guard turn(receiveMutex_);
       if (isOver_ || !waitForRequest()) {
         isOver_ = true;
         break;
@@ -76,7 +76,7 @@ void RequestThreads::work() {
       isOver_ = true;
       break;
     }
-    if (--idle_ == 0) addThread();  // one must wait for requests while this one works
+    if (--idle_ == 0) addThread();  // so that one always waits for requests
     fuse_session_process_buf(session_, &request);
     ++idle_;
   }

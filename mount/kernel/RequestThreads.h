@@ -12,8 +12,8 @@ struct fuse_session;
 
 namespace kzv::mount {
 
-/// The threads that serve the kernel's requests, one request a thread: they block. One thread waits for the
-/// next request; threads are added as long as none is left to wait.
+/// The threads that serve the kernel's requests, each one request at a time, since they block. One thread
+/// waits for the next request; another is added whenever none is idle, up to maxThreads.
 class RequestThreads {
  public:
   static constexpr std::size_t maxThreads = 64;
@@ -22,8 +22,8 @@ class RequestThreads {
   RequestThreads(const RequestThreads&) = delete;
   RequestThreads& operator=(const RequestThreads&) = delete;
 
-  /// Serves until the session is unmounted or stop() is called. Throws std::system_error when the system has
-  /// not a single thread to give.
+  /// Serves until the session is unmounted or stop() is called. Blocks. Throws std::system_error when not
+  /// even one thread can be started.
   void serve(fuse_session* session);
   /// Ends serve(). Any thread, also before serve().
   void stop();
@@ -36,7 +36,7 @@ class RequestThreads {
 
   fuse_session* session_ = nullptr;
   const Descriptor stopEvent_;
-  std::mutex turnMutex_;  // held by the thread that waits for the kernel
+  std::mutex receiveMutex_;  // held by the thread that waits for a request
   Mutex threadsMutex_;
   std::vector<std::thread> threads_ KZV_GUARDED_BY(threadsMutex_);
   std::atomic<std::size_t> idle_{0};
