@@ -30,13 +30,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// Below the time that a stop signal leaves for the work to end by itself.
+/// Shorter than the grace period after a stop signal (StopSignal).
 constexpr int tickMilliseconds = 100;
 constexpr std::size_t longestLineBytes = 4096;
-/// How often a line says that the program still waits, where no progress line can.
-constexpr std::chrono::seconds signInterval = 30s;
+/// How often a "still waiting" line is printed where a progress line is not possible.
+constexpr std::chrono::seconds waitingInterval = 30s;
 
-/// A job in the background must not read the terminal: the system would suspend it for that.
+/// A background job must not read the terminal: the system would suspend it.
 bool mayRead() { return ::isatty(STDIN_FILENO) != 1 || ::tcgetpgrp(STDIN_FILENO) == ::getpgrp(); }
 
 void postActivation() {
@@ -54,10 +54,10 @@ struct BrowserLinking::Event {
   std::optional<std::string> page;
   std::optional<std::string> accountId;
   NSErrorRef error;
-  bool goesOn = true;
+  bool shouldContinue = true;
 };
 
-/// What the plug-in's threads have to say to the verb's.
+/// A queue of events from the plug-in's threads to the verb's.
 class BrowserLinking::Mailbox {
  public:
   Mailbox() : wakeUp_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
@@ -107,8 +107,8 @@ BrowserLinking::BrowserLinking(VerbContext& context, FSPluginAccounts& accounts,
         event.error = as<NSError>(step.userInfo->objectForKey(KZVLinkingErrorKey));
         const id accountId = step.userInfo->objectForKey(KZVLinkingAccountKey);
         if (const std::string* text = textOf(accountId)) event.accountId = *text;
-        const auto goesOn = as<NSNumber>(step.userInfo->objectForKey(KZVLinkingGoesOnKey));
-        event.goesOn = goesOn && goesOn->boolValue();
+        const auto shouldContinue = as<NSNumber>(step.userInfo->objectForKey(KZVLinkingGoesOnKey));
+        event.shouldContinue = shouldContinue && shouldContinue->boolValue();
         mailbox->put(std::move(event));
       });
 }
@@ -136,7 +136,7 @@ std::optional<std::string> BrowserLinking::run() {
       return linkedId_;
     }
     if (waits[1].revents != 0) handleInput();
-    showSignOfLife();
+    showWaiting();
   }
   return std::nullopt;
 }
@@ -146,8 +146,8 @@ bool BrowserLinking::handle(const Event& event) {
   linkedId_ = event.accountId;
   if (linkedId_) return true;
   if (!event.error) return false;
-  // Somebody who can press Enter can try again.
-  if (!event.goesOn || !hasInput_) {
+  // With Enter the person can retry.
+  if (!event.shouldContinue || !hasInput_) {
     context_.fail("", event.error);
     return true;
   }
@@ -184,7 +184,7 @@ void BrowserLinking::handleInput() {
     handleLine(typed_.substr(0, end));
     typed_.erase(0, end + 1);
   }
-  if (typed_.size() > longestLineBytes) typed_.clear();  // no code is that long
+  if (typed_.size() > longestLineBytes) typed_.clear();  // longer than any code
 }
 
 void BrowserLinking::handleLine(const std::string& line) {
@@ -193,12 +193,12 @@ void BrowserLinking::handleLine(const std::string& line) {
   context_.console.note("That cannot be the code; copy it whole from the page.");
 }
 
-void BrowserLinking::showSignOfLife() {
+void BrowserLinking::showWaiting() {
   const auto waited =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start_);
   const bool showsLine = context_.console.showsProgress();
-  if (waited - lastSign_ < (showsLine ? 1s : signInterval)) return;
-  lastSign_ = waited;
+  if (waited - lastShown_ < (showsLine ? 1s : waitingInterval)) return;
+  lastShown_ = waited;
   const std::string text = fmt::format("waiting for the sign-in, {}", duration(waited));
   showsLine ? context_.console.progress(text) : context_.console.note(text);
 }

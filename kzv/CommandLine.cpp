@@ -19,15 +19,15 @@ constexpr const char* intro =
     "Browse and change cloud accounts from the command line.\n"
     "Paths are those of the account: \"/\" is its root; a missing first slash is added.";
 constexpr const char* outro =
-    "Environment: the variables in brackets above, and KZV_LONG_POLL=0, which asks for changes every\n"
-    "30 seconds instead of leaving a request waiting at the service.\n"
+    "Environment: the variables in brackets above, and KZV_LONG_POLL=0, which polls for changes every\n"
+    "30 seconds instead of keeping a request open at the service.\n"
     "Exit status: 0 done; 1 the operation failed; 2 wrong usage; 3 no such account, or none;\n"
     "130 stopped by the user. `kzv VERB --help` shows a verb's options and an example.";
 
 void declareGlobal(CLI::App& app, GlobalOptions& options) {
   app.add_option("--account", options.account, "The account, by id or label (default: the only one)")
       ->option_text("ID-OR-LABEL");
-  app.add_flag("--json", options.json, "Results as JSON, one object a line");
+  app.add_flag("--json", options.json, "Results as JSON, one object per line");
   auto* quiet = app.add_flag("--quiet", options.quiet, "No progress, no hints");
   app.add_flag("--verbose", options.verbose, "Diagnostics on standard error")->excludes(quiet);
   app.add_option("--service", options.service, "One origin for all hosts of the service [KZV_SERVICE_URL]")
@@ -36,14 +36,14 @@ void declareGlobal(CLI::App& app, GlobalOptions& options) {
         const bool isWeb = url.starts_with("http://") || url.starts_with("https://");
         return isWeb ? std::string() : "must begin with http:// or https://";
       });
-  app.add_option("--home", options.home, "Settings, tokens and caches below one folder [KZV_HOME]")
+  app.add_option("--home", options.home, "Keep settings, tokens and caches in one folder [KZV_HOME]")
       ->option_text("DIR");
   app.add_option("--app-key", options.appKey, "The key of your own registered application [KZV_APP_KEY]")
       ->option_text("KEY");
 }
 
-/// The library takes an argument like "[a,b]" for two, although it is a file's name. A guard before such
-/// arguments prevents that; it is taken off again before the verb sees them.
+/// The library would split an argument like "[a,b]" in two, although it may be a file name. A guard character
+/// before such arguments prevents that; it is removed before the verb sees them.
 constexpr char guard = '\x02';
 
 std::string guarded(const std::string& argument) {
@@ -59,7 +59,7 @@ std::string unguarded(std::string argument) {
 CLI::App* declareVerb(CLI::App& app, Verb& verb) {
   const Verb::Words words = verb.words();
   CLI::App* command = app.add_subcommand(words.name, words.summary);
-  command->fallthrough();  // global options are fine behind the verb, too
+  command->fallthrough();  // global options are allowed after the verb, too
   command->footer(fmt::format("Example:\n{}", words.example));
   VerbArguments arguments(*command);
   verb.declare(arguments);
@@ -72,7 +72,7 @@ std::string firstLine(std::string text) {
   return text;
 }
 
-/// How to get help, in the words of the place where the line was typed.
+/// How to get help: in the shell, or else on the command line.
 std::string helpHint(const CLI::App& app, const std::string& verb) {
   if (app.get_name().empty()) return verb.empty() ? "help" : "help " + verb;
   return verb.empty() ? "kzv --help" : fmt::format("kzv {} --help", verb);
@@ -91,11 +91,11 @@ Answer refusal(const CLI::App& app, const CLI::ParseError& error) {
   return {fmt::format("kzv: {}: {}; see {}", verb, harmless(reason), helpHint(app, verb)), ExitStatus::usage};
 }
 
-/// The first of the options that a single line of the shell cannot change.
+/// The error for the first option that a single line of the shell cannot change, if any.
 std::optional<Answer> refusalOfProcessOption(const CLI::App& app, const std::string& verb) {
   for (const char* name : {"--quiet", "--verbose", "--service", "--home", "--app-key"}) {
     if (app.get_option(name)->count() == 0) continue;
-    return Answer{fmt::format("kzv: {}: {} holds for the whole shell: kzv {} ... shell", verb, name, name),
+    return Answer{fmt::format("kzv: {}: {} applies to the whole shell: kzv {} ... shell", verb, name, name),
                   ExitStatus::usage};
   }
   return std::nullopt;
@@ -150,7 +150,7 @@ std::variant<Command, Answer> parseCommandLine(const std::vector<std::string>& a
   for (const auto& verb : verbs) {
     declareVerb(app, *verb)->final_callback([&command, &verb] { command.verb = verb.get(); });
   }
-  std::vector<std::string> reversed;  // the library takes them from the back
+  std::vector<std::string> reversed;  // the library expects them in reverse order
   std::transform(arguments.rbegin(), arguments.rend(), std::back_inserter(reversed), guarded);
   try {
     app.parse(std::move(reversed));

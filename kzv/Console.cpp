@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::size_t bufferBytes = std::size_t{64} * 1024;
 
-/// 0, or why it could not be written whole.
+/// 0, or the errno value.
 int writeAll(int file, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t written = ::write(file, bytes.data(), bytes.size());
@@ -111,7 +111,7 @@ void Console::removeProgress() {
 }
 
 void Console::writeError(std::string_view text) {
-  writeAll(STDERR_FILENO, text);  // where should a failure be told?
+  writeAll(STDERR_FILENO, text);  // a failure could not be reported anywhere
 }
 
 }  // namespace kzv::cli

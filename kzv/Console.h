@@ -18,23 +18,23 @@ class Console {
 
   /// Adds one line to standard output. On a terminal it is shown at once.
   void line(std::string_view text);
-  /// Shows what has been added. False when standard output takes no more, for which see isClosed.
+  /// Writes the buffer. False when standard output is closed (see isClosed).
   bool flush();
-  /// Whether standard output takes no more lines: its reader has closed it, which is no failure (a pipe into
-  /// `head`), or writing failed (see outputError).
+  /// Whether standard output accepts no more lines: its reader has closed it, which is no failure (a pipe
+  /// into `head`), or writing failed (see outputError).
   bool isClosed() const;
   NSErrorRef outputError() const;
 
-  /// One line on standard error, whatever else is being shown.
+  /// One line on standard error; a progress line is removed first.
   void error(std::string_view text);
   /// As error, but not when quiet: for hints.
   void note(std::string_view text);
   /// A question on standard error, without an end of line.
   void prompt(std::string_view text);
 
-  /// Whether a progress line can be shown: standard error is a terminal and nobody asked for quiet.
+  /// Whether a progress line can be shown: standard error is a terminal, and not quiet.
   bool showsProgress() const noexcept { return showsProgress_; }
-  /// How many characters the progress line may have.
+  /// The maximal length of the progress line, in characters.
   static std::size_t progressWidth();
   /// Replaces the progress line; empty removes it.
   void progress(std::string_view text);
@@ -47,8 +47,8 @@ class Console {
   const bool isQuiet_;
   const bool showsProgress_;
   const bool isTerminal_;
-  // Two locks, because a reader that does not read may keep a line of results waiting for ever, and an error
-  // must be told even then. outputMutex_ is taken first.
+  // Two locks, because a reader that does not read may block a line of results for ever, and errors must be
+  // shown even then. outputMutex_ is locked first.
   mutable std::mutex outputMutex_;
   std::string buffer_;     // guarded by outputMutex_
   bool isClosed_ = false;  // guarded by outputMutex_

@@ -19,12 +19,12 @@ struct Entry {
   std::optional<NSDate::Time> modified;
 
   static Entry from(const FSItem& item);
-  /// @param attributes  what FSPlugin::attributesAtPath gave.
+  /// @param attributes  from FSPlugin::attributesAtPath.
   static Entry from(const std::string& path, const NSDictionary& attributes);
 
-  /// One JSON object: path, name, dir, size, modified (absent if none). Valid UTF-8 whatever the names hold.
+  /// One JSON object: path, name, dir, size, modified (absent if none). Always valid UTF-8.
   std::string json() const;
-  /// The name with a slash behind a folder's, safe for a terminal.
+  /// The name, with a slash after a folder's, safe for a terminal.
   std::string shownName() const;
   /// The same with the path.
   std::string shownPath() const;

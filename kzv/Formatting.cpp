@@ -16,7 +16,7 @@ namespace kzv::cli {
 
 namespace {
 
-/// How many bytes at the beginning of `text` are one valid UTF-8 character; 0 when none is.
+/// The length in bytes of the UTF-8 character at the beginning of `text`; 0 when it is invalid.
 std::size_t characterLength(std::string_view text) {
   constexpr std::size_t longest = 4;
   for (std::size_t length = 1; length <= std::min(longest, text.size()); ++length)
@@ -24,13 +24,13 @@ std::size_t characterLength(std::string_view text) {
   return 0;
 }
 
-bool hasPower(std::string_view character) {
+bool isControlCharacter(std::string_view character) {
   const auto lead = static_cast<unsigned char>(character[0]);
   if (character.size() == 1) return lead < 0x20 || lead == 0x7F;
   if (character.size() == 2) return lead == 0xC2 && static_cast<unsigned char>(character[1]) < 0xA0;
   if (character.size() != 3) return false;
-  // U+2028 to U+202E and U+2066 to U+2069: line separators, embeddings, overrides, isolates; U+061C is two
-  // bytes long and only a hint.
+  // U+2028 to U+202E and U+2066 to U+2069: line separators, embeddings, overrides, isolates. U+061C, two
+  // bytes long, is only a hint.
   const bool isSeparatorOrOverride = character >= "\xE2\x80\xA8" && character <= "\xE2\x80\xAE";
   const bool isIsolate = character >= "\xE2\x81\xA6" && character <= "\xE2\x81\xA9";
   return isSeparatorOrOverride || isIsolate;
@@ -82,7 +82,7 @@ std::string harmless(std::string_view text) {
   while (!text.empty()) {
     const std::size_t length = characterLength(text);
     const std::string_view character = text.substr(0, std::max<std::size_t>(length, 1));
-    if (length == 0 || hasPower(character)) {
+    if (length == 0 || isControlCharacter(character)) {
       appendEscaped(out, character);
     } else {
       out += character;

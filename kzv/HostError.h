@@ -8,13 +8,13 @@
 
 namespace kzv::cli {
 
-/// Errors that this program makes itself. Those of the plug-in and of the disk are passed on as they are.
+/// The program's own errors. Those of the plug-in and of the system are passed on unchanged.
 inline constexpr std::string_view KZVHostErrorDomain = "KZVHostErrorDomain";
 enum class HostErrorCode : std::int64_t {
   noAccount = 1,     // none linked, no such one, or several and none chosen
   unlinked = 2,      // the account was unlinked while in use
-  badInput = 3,      // what was typed or read cannot be meant
-  notSupported = 4,  // the loaded plug-in has no such service
+  badInput = 3,      // invalid arguments or input
+  notSupported = 4,  // the loaded plug-in does not support it
   internal = 5,
 };
 

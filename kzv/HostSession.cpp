@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// An account's name needs an answer of the service; without one the person still wants to see something.
+/// An account's name comes from the service; without an answer the accounts are still shown.
 constexpr auto namesTimeLimit = 10s;
 constexpr double backgroundSeconds = 3;
 
@@ -45,7 +45,7 @@ std::string listed(const std::vector<Account>& accounts) {
 }  // namespace
 
 HostSession::HostSession() {
-  // Registered before the plug-in is loaded, so that not even its first news can be missed.
+  // Registered before the plug-in is loaded, so that not even its first notification is missed.
   NSNotificationCenter::defaultCenter().addObserver(this, AttachedPluginsDidChangeNotification, nullptr,
                                                     [this](const NSNotification&) {
                                                       const std::lock_guard lock(mutex_);
@@ -79,7 +79,7 @@ std::string HostSession::labelOf(const std::string& accountId) const {
   return accountId;
 }
 
-/// The accounts that have a root item; whether they are available is left open.
+/// The accounts that have a root item; isAvailable is not set.
 std::vector<Account> HostSession::rootItems() const {
   std::vector<Account> accounts;
   const auto items = plugin_->availableRootItems();
@@ -128,7 +128,7 @@ std::vector<Account> HostSession::accounts() {
                                           [&](const Account& account) { return account.id == accountId; });
           accounts.push_back(found != known.end() ? *found : Account{accountId, accountId});
         }
-        // Once the plug-in has been round, an account without a name is one that the service did not tell of.
+        // After a refresh by the plug-in, an account without a name is one that the service did not name.
         return refreshes > 0 ||
                std::all_of(accounts.begin(), accounts.end(), [](const Account& a) { return a.isNamed; });
       },
@@ -197,7 +197,7 @@ std::shared_ptr<FSPlugin> HostSession::openVolume(const std::optional<std::strin
       volume->startWatchFolder(root);  // until it is detached
     }
   } else {
-    setError(error, reasonForNothing());
+    setError(error, missingError());
   }
   return volume;
 }
@@ -216,7 +216,7 @@ bool HostSession::isVolumeLinked() const {
   return std::find(ids.begin(), ids.end(), volumeId_) != ids.end();
 }
 
-NSErrorRef HostSession::reasonForNothing() {
+NSErrorRef HostSession::missingError() {
   if (isVolumeLinked()) return noSuchItemError();
   return unlinkedError(volumeId_);
 }

@@ -10,7 +10,7 @@
 namespace kzv::cli {
 
 bool waitForInput() {
-  constexpr int tickMilliseconds = 100;  // below the time that a stop leaves
+  constexpr int tickMilliseconds = 100;  // shorter than the grace period after a stop
   pollfd waits{STDIN_FILENO, POLLIN, 0};
   while (!StopSignal::isRequested())
     if (::poll(&waits, 1, tickMilliseconds) > 0) return true;

@@ -4,11 +4,12 @@
 
 namespace kzv::cli {
 
-/// Standard input, read so that a stop is noticed while nobody types. On the verb's thread.
+/// Reading of standard input that a stop signal interrupts. On the verb's thread.
 
-/// Waits until there is something to read, or the end of the input; false when a stop is asked for before.
+/// Blocks until there is input or its end; false when a stop was requested.
 bool waitForInput();
-/// One line without its end; what follows it is left unread. Nothing at the end of the input or on a stop.
+/// One line without its line feed; input after it stays unread. Nothing at the end of the input or on a stop.
+/// Blocks.
 std::optional<std::string> readInputLine();
 
 }  // namespace kzv::cli

@@ -30,7 +30,7 @@ std::string timeLeft(const copy::CopyCounts& counts, double bytesPerSecond) {
 void TransferRate::add(std::uint64_t bytesDone, Clock::time_point now) {
   const bool isFirst = lastTime_ == Clock::time_point{};
   const double seconds = isFirst ? 0 : std::chrono::duration<double>(now - lastTime_).count();
-  constexpr double shortest = 0.2;  // a shorter span says little
+  constexpr double shortest = 0.2;  // shorter intervals are too inaccurate
   if (!isFirst && seconds < shortest) return;
   if (!isFirst) {
     constexpr double memorySeconds = 3;

@@ -7,13 +7,12 @@
 
 namespace kzv::cli {
 
-/// The rate of a transfer, smoothed over some seconds, so that neither a pause nor a burst makes it jump. One
-/// thread at a time.
+/// The rate of a transfer, smoothed over some seconds. One thread at a time.
 class TransferRate {
  public:
   using Clock = std::chrono::steady_clock;
   void add(std::uint64_t bytesDone, Clock::time_point now);
-  /// 0 while nothing is known.
+  /// 0 while unknown.
   double bytesPerSecond() const noexcept { return bytesPerSecond_; }
 
  private:
@@ -22,8 +21,7 @@ class TransferRate {
   double bytesPerSecond_ = 0;
 };
 
-/// "[####----]  45%  12.3 MB of 27 MB  1.2 MB/s  0:12 left  3 of 7 files", as much of it as `width`
-/// characters hold.
+/// "[####----]  45%  12.3 MB of 27 MB  1.2 MB/s  0:12 left  3 of 7 files", shortened to `width` characters.
 std::string progressLine(const copy::CopyCounts& counts, double bytesPerSecond, std::size_t width);
 
 }  // namespace kzv::cli

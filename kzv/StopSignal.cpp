@@ -19,27 +19,27 @@ namespace kzv::cli {
 
 namespace {
 
-/// How long the work may take to stop by itself. Together with the rest it stays below a quarter of a second,
-/// what a person still takes for "at once".
-constexpr auto usualGrace = std::chrono::milliseconds(200);
+/// The work's time to stop by itself. With the rest it stays below a quarter of a second, which a person
+/// perceives as "at once".
+constexpr auto defaultGrace = std::chrono::milliseconds(200);
 
 std::atomic<bool> requested{false};
-std::atomic<bool> isEndRequested{false};  // by another signal than Ctrl-C
+std::atomic<bool> isEndRequested{false};  // by a signal other than SIGINT
 std::atomic<void (*)()> leaveHook{nullptr};
-int wakeUp = -1;  // an eventfd, set before the handlers are installed
+int wakeUpEvent = -1;  // an eventfd, set before the handlers are installed
 
-/// What the thread of this class and the work have to tell each other.
+/// State shared by the signal thread and the work.
 struct Watch {
   std::mutex mutex;
   std::condition_variable wasReset;
-  std::function<void()> onStop;                  // guarded by mutex
-  std::function<void()> unansweredInterrupt;     // guarded by mutex
-  std::chrono::milliseconds grace = usualGrace;  // guarded by mutex
-  std::uint64_t resets = 0;                      // guarded by mutex
+  std::function<void()> onStop;                    // guarded by mutex
+  std::function<void()> unansweredInterrupt;       // guarded by mutex
+  std::chrono::milliseconds grace = defaultGrace;  // guarded by mutex
+  std::uint64_t resets = 0;                        // guarded by mutex
 };
 
 Watch& watch() {
-  static auto& theWatch = *new Watch;  // its thread uses it to the end
+  static auto& theWatch = *new Watch;  // never destroyed: its thread uses it to the end
   return theWatch;
 }
 
@@ -52,21 +52,20 @@ Watch& watch() {
 extern "C" void onStopSignal(int number) {
   const int before = errno;
   if (number != SIGINT) isEndRequested = true;
-  // The second one ends the program right here: whatever holds it up must not hold up this.
+  // The second one ends the program right here, whatever blocks the other threads.
   if (requested.exchange(true)) endNow(static_cast<int>(ExitStatus::stopped));
   const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t ignored = ::write(wakeUp, &one, sizeof one);
+  [[maybe_unused]] const ssize_t ignored = ::write(wakeUpEvent, &one, sizeof one);
   errno = before;
 }
 
 void waitForSignal() {
   std::uint64_t count = 0;
-  while (::read(wakeUp, &count, sizeof count) != sizeof count) {
+  while (::read(wakeUpEvent, &count, sizeof count) != sizeof count) {
   }
 }
 
-/// Waits until the stop that has just been asked for is answered with a reset; false when that takes so long
-/// that the program has to end.
+/// Waits until reset() answers the stop request; false when that takes too long and the program has to end.
 bool isAnswered() {
   Watch& state = watch();
   std::unique_lock lock(state.mutex);
@@ -92,8 +91,8 @@ void handle(int number, bool onlyIfNotIgnored) {
 }  // namespace
 
 void StopSignal::install(std::function<void()> unanswered) {
-  ::signal(SIGPIPE, SIG_IGN);  // a reader that has gone is the error of a write
-  wakeUp = ::eventfd(0, EFD_CLOEXEC);
+  ::signal(SIGPIPE, SIG_IGN);  // a closed pipe becomes an error of write()
+  wakeUpEvent = ::eventfd(0, EFD_CLOEXEC);
   std::thread([unanswered = std::move(unanswered)] {
     setCurrentThreadName("kzv-signals");
     do {
@@ -102,7 +101,7 @@ void StopSignal::install(std::function<void()> unanswered) {
     unanswered();
     leave(static_cast<int>(ExitStatus::stopped));
   }).detach();
-  // A shell ignores SIGINT for what it runs in the background; who then sends one by hand still means it.
+  // Even if ignored, as a shell sets it for background jobs: a SIGINT sent by hand must work.
   handle(SIGINT, false);
   handle(SIGTERM, false);
   handle(SIGHUP, true);  // nohup
@@ -113,7 +112,7 @@ bool StopSignal::isRequested() noexcept { return requested.load(); }
 void StopSignal::whenRequested(std::function<void()> onStop, std::chrono::milliseconds grace) {
   Watch& state = watch();
   const std::lock_guard lock(state.mutex);
-  state.grace = onStop ? grace : usualGrace;
+  state.grace = onStop ? grace : defaultGrace;
   state.onStop = std::move(onStop);
   if (state.onStop && requested) state.onStop();
 }

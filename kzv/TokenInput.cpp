@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::size_t limitBytes = std::size_t{64} * 1024;
 
-/// Typed characters stay invisible while this lives, and not longer, however the process ends.
+/// Turns the terminal's echo off while this lives; it is restored however the process ends.
 class EchoOff {
  public:
   EchoOff() {
@@ -53,7 +53,7 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-/// All of standard input, or its first line; at most one byte more than allowed. An errno on failure,
+/// Reads all of standard input, or its first line, until the limit is exceeded. Returns 0 or an errno value,
 /// ECANCELED on a stop.
 int readInput(bool onlyOneLine, std::string& text) {
   char buffer[4096];
@@ -70,8 +70,7 @@ int readInput(bool onlyOneLine, std::string& text) {
 }
 
 int readFromPerson(std::string& text) {
-  const EchoOff
-      echoOff;  // first: who types as soon as the prompt is there must not be shown, nor lose a part
+  const EchoOff echoOff;  // before the prompt, so that nothing typed after it is shown or lost
   prompt("Access token (not shown): ");
   const int reason = readInput(true, text);
   prompt("\n");
@@ -82,7 +81,7 @@ int readFromPerson(std::string& text) {
 
 std::optional<std::string> readToken(NSErrorRef* error) {
   std::string text;
-  text.reserve(limitBytes);  // so that no copy stays behind while it grows
+  text.reserve(limitBytes);  // growing would leave copies in memory
   const SecretScope cleared(text);
   const bool isTerminal = ::isatty(STDIN_FILENO) == 1;
   if (const int reason = isTerminal ? readFromPerson(text) : readInput(false, text)) {
@@ -91,12 +90,12 @@ std::optional<std::string> readToken(NSErrorRef* error) {
   }
   if (text.size() > limitBytes) {
     setError(error,
-             hostError(HostErrorCode::badInput, "standard input holds more than 64 KiB: that is no token"));
+             hostError(HostErrorCode::badInput, "standard input has more than 64 KiB: that is not a token"));
     return std::nullopt;
   }
   const std::string_view token = trimmed(text);
   if (token.empty()) {
-    setError(error, hostError(HostErrorCode::badInput, "standard input holds no token"));
+    setError(error, hostError(HostErrorCode::badInput, "standard input has no token"));
     return std::nullopt;
   }
   return std::string(token);

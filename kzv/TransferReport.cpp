@@ -13,7 +13,7 @@ namespace kzv::cli {
 using namespace std::chrono_literals;
 
 namespace {
-/// Ending a batch takes a fraction of a second, unless the disk or the machine is very busy.
+/// Stopping a batch takes a fraction of a second, unless the disk or the machine is very busy.
 constexpr auto stopGrace = 5s;
 }  // namespace
 
@@ -65,9 +65,9 @@ void TransferReport::showCopied(const copy::CopiedItem& item) {
   } else if (!context_.options.quiet && !context_.console.showsProgress()) {
     context_.console.line(fmt::format("{}  {}", harmless(remote), byteCount(item.sizeBytes)));
   }
-  context_.console.flush();  // so that a reader of the output sees each file as soon as it is complete
+  context_.console.flush();  // so that each file is shown as soon as it is complete
   if (item.conflictsWith.empty()) return;
-  // Shown with --quiet, too: there are two files now.
+  // Even with --quiet: there are two files now.
   context_.console.error(fmt::format("kzv: put: {}: was changed elsewhere meanwhile; stored beside it as {}",
                                      harmless(item.conflictsWith), harmless(item.to)));
 }
@@ -75,7 +75,7 @@ void TransferReport::showCopied(const copy::CopiedItem& item) {
 void TransferReport::finish(bool isComplete, const NSErrorRef& error, const std::string& subject) {
   Console& console = context_.console;
   console.progress("");
-  // A stop is told even when items had failed before: it decides the exit status.
+  // A stop is reported even after failed items: it decides the exit status.
   if (!isComplete && (!hasReportedFailure_ || (error && isStop(*error)))) context_.fail(subject, error);
   if (!console.showsProgress() || context_.options.json) return;
   const auto needed = std::chrono::ceil<std::chrono::seconds>(Clock::now() - start_);

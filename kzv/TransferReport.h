@@ -9,9 +9,9 @@
 
 namespace kzv::cli {
 
-/// What the person sees of a batch of copies: on a terminal a progress line, else one line per file; failures
-/// one by one; and the way their Ctrl-C takes into the batch. The callbacks may come from any thread of the
-/// batch. While one lives, a stop waits some seconds for the batch to remove its unfinished files.
+/// Shows a batch of copies: a progress line on a terminal, else one line per file, and each failure; and
+/// passes a stop signal on to the batch. The callbacks may be called on any thread of the batch. While this
+/// lives, a stop waits up to 5 s for the batch to remove unfinished files.
 class TransferReport {
  public:
   enum class Direction { toDisk, fromDisk };
@@ -23,7 +23,7 @@ class TransferReport {
 
   ProgressCallback totalProgress();
   KZVLocalFS::ItemCopied itemCopied();
-  /// What the batch returned. `subject` is named when the batch failed without an item to blame.
+  /// Reports the batch's result. `subject` is named if it failed without a failed item.
   void finish(bool isComplete, const NSErrorRef& error, const std::string& subject);
 
  private:
@@ -35,7 +35,7 @@ class TransferReport {
   const KZVBatchId& batchId_;
   const Direction direction_;
   const Clock::time_point start_ = Clock::now();
-  // The batch calls one observer at a time, so what follows needs no lock.
+  // The batch calls one callback at a time, so these need no lock.
   Clock::time_point lastDrawn_{};
   TransferRate rate_;
   std::uint64_t filesCopied_ = 0;

@@ -26,25 +26,25 @@ VerbContext::VerbContext(std::string verb, const GlobalOptions& globalOptions, C
 
 bool VerbContext::record(ExitStatus status) {
   const std::lock_guard lock(mutex_);
-  if (status_ == ExitStatus::stopped) return false;  // what fails because everything ends is no news
+  if (status_ == ExitStatus::stopped) return false;  // failures caused by the stop are not reported
   if (status_ == ExitStatus::done || status == ExitStatus::stopped) status_ = status;
   return true;
 }
 
 void VerbContext::fail(std::string_view path, NSErrorRef error) {
-  if (!error) error = session.reasonForNothing();
+  if (!error) error = session.missingError();
   if (!record(exitStatusFor(*error))) return;
-  console.flush();  // lines come out in the order in which things happened
+  console.flush();  // keeps results and errors in order
   console.error(failureLine(verb_, path, *error));
 }
 
-void VerbContext::failAsSaid(std::string_view said, int exitStatus) {
+void VerbContext::failWithOutput(std::string_view output, int exitStatus) {
   const auto status = static_cast<ExitStatus>(exitStatus);
   if (!record(status == ExitStatus::done ? ExitStatus::failed : status)) return;
   console.flush();
-  while (said.ends_with('\n')) said.remove_suffix(1);
-  console.error(said.empty() ? fmt::format("kzv: {}: ended with status {}", verb_, exitStatus)
-                             : std::string(said));
+  while (output.ends_with('\n')) output.remove_suffix(1);
+  console.error(output.empty() ? fmt::format("kzv: {}: ended with status {}", verb_, exitStatus)
+                               : std::string(output));
 }
 
 void VerbContext::failUnanswered() {
@@ -75,7 +75,7 @@ std::shared_ptr<FSPlugin> VerbContext::openVolume() {
 }
 
 std::string VerbContext::pathFrom(const std::string& typed) {
-  // A script's variable that is not set must not come to mean the whole account.
+  // An unset variable of a script must not mean the whole account.
   if (typed.empty()) {
     fail("", emptyPathError());
     return {};

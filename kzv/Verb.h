@@ -15,11 +15,11 @@ namespace kzv::cli {
 class Console;
 class HostSession;
 
-/// What a verb works with, and where it reports failures. The verb's thread uses it; fail and
-/// failUnanswered may be used from any thread.
+/// A verb's environment, to which it also reports failures. For the verb's thread; fail and failUnanswered
+/// may be called from any thread.
 class VerbContext {
  public:
-  /// @param currentFolder  the remote folder that paths without a first slash count from.
+  /// @param currentFolder  the remote folder of relative paths.
   VerbContext(std::string verb, const GlobalOptions& options, Console& console, HostSession& session,
               std::string currentFolder = "/");
 
@@ -27,29 +27,27 @@ class VerbContext {
   Console& console;
   HostSession& session;
 
-  /// Reports one failure on standard error; `path` may be empty. The worst failure decides the exit status: a
-  /// stop before all others, and is reported once. An empty `error` means that the operation gave no reason.
+  /// Reports one failure on standard error; `path` may be empty. The first failure decides the exit status,
+  /// unless there is a stop, which is reported once. A null `error` means that the operation returned none.
   void fail(std::string_view path, NSErrorRef error);
-  /// Reports what another process of this program has said on its standard error, and how it ended.
-  void failAsSaid(std::string_view said, int exitStatus);
-  /// Reports the stop of a verb that does not answer. Waits for nothing that the verb may hold.
+  /// Reports the failure of another process of this program: its output and its exit status.
+  void failWithOutput(std::string_view output, int exitStatus);
+  /// Reports the stop of a verb that does not respond. Takes no lock that the verb may hold for long.
   void failUnanswered();
   ExitStatus status() const;
-  /// The status of a verb that runs others.
+  /// Sets the status of a verb that runs others.
   void setStatus(ExitStatus status);
 
-  /// The volume to work on; null after having reported why not.
+  /// The account's volume; null after reporting the failure.
   std::shared_ptr<FSPlugin> openVolume();
-  /// The remote path that was typed, counted from the current folder, in the file system's form; empty after
-  /// having reported why not.
+  /// The absolute, normalised path for a typed remote path; empty after reporting that it is invalid.
   std::string pathFrom(const std::string& typed);
-  /// Whether a local path was typed that can mean something; false after having reported that it is empty,
-  /// which the system would take for the current folder.
+  /// False after reporting that the typed path is empty, which the system would take for the current folder.
   bool isLocalPath(const std::string& typed);
-  /// True when the work should end: the person asked for it (then it is reported as a failure of `path`), or
-  /// standard output takes no more lines.
+  /// True when the work should end: a stop was requested (then it is reported as a failure of `path`), or
+  /// standard output is closed.
   bool shouldStop(std::string_view path);
-  /// What is being worked on now, for the message when the program has to end without the verb's answer.
+  /// Sets the path that failUnanswered names.
   void setSubject(std::string_view path);
 
  private:
@@ -62,26 +60,26 @@ class VerbContext {
   ExitStatus status_ = ExitStatus::done;  // guarded by mutex_
 };
 
-/// One command: its words on the command line and what it does. To add one, write a class in
-/// kzv/verbs/NAMEVerb.cpp and name it in kzv/verbs/Verbs.h.
+/// One command of the program. To add one, write a class in kzv/verbs/NAMEVerb.cpp and name it in
+/// kzv/verbs/Verbs.h.
 class Verb {
  public:
   struct Words {
     const char* name;
     const char* summary;  // one line
-    const char* example;  // a line or two as a person would type them
+    const char* example;  // one or more lines
   };
 
   virtual ~Verb() = default;
   virtual Words words() const = 0;
   /// Declares options and arguments; they are stored in the verb.
   virtual void declare(VerbArguments& arguments) = 0;
-  /// Does it. Runs on a thread of its own, may block. Failures go to context.fail.
+  /// Runs the command, on a thread of its own; may block. Failures go to context.fail.
   virtual void run(VerbContext& context) = 0;
 };
 
-/// Runs the verb to its end: an exception is a failure, what it printed is shown, and a failure of that is
-/// one, too. On the verb's thread.
+/// Runs the verb and flushes its output; exceptions and output errors are reported as failures. On the verb's
+/// thread.
 void runVerb(Verb& verb, VerbContext& context);
 
 /// All verbs in the order of the help text.

@@ -10,23 +10,22 @@ class Option;
 
 namespace kzv::cli {
 
-/// Declares what a verb takes on its command line. Verbs see this and not the library that reads command
-/// lines, whose headers take seconds to compile. The values are stored in the verb, which must outlive the
-/// parsing.
+/// Declares a verb's options and arguments. Hides the command-line library, whose headers take seconds to
+/// compile, from the verbs. The values are stored in the verb, which must outlive the parsing.
 class VerbArguments {
  public:
   class Argument {
    public:
     explicit Argument(CLI::Option& option) : option_(&option) {}
     Argument& required();
-    /// Wrong usage when an empty text is given.
+    /// An empty value is wrong usage.
     Argument& notEmpty();
-    /// The word for an option's value in the help text; it also says what completion offers (see
+    /// The placeholder for an option's value in the help text; also selects the completion (see
     /// ArgumentKind).
     Argument& valueName(const std::string& word);
     /// Not in the help text.
     Argument& hidden();
-    /// Wrong usage when both are given.
+    /// Giving both is wrong usage.
     Argument& excludes(const Argument& other);
 
    private:
@@ -35,8 +34,8 @@ class VerbArguments {
 
   explicit VerbArguments(CLI::App& command) : command_(command) {}
 
-  /// @param name  "-l" or "--long" for an option; "PATH" for an argument, which may be left out unless
-  /// required.
+  /// @param name  "-l" or "--long" for an option; "PATH" for an argument, which is optional unless
+  /// required().
   Argument flag(const std::string& name, bool& value, const std::string& help);
   Argument value(const std::string& name, std::string& value, const std::string& help = "");
   Argument value(const std::string& name, std::optional<std::string>& value, const std::string& help);

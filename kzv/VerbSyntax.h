@@ -5,17 +5,17 @@
 
 namespace kzv::cli {
 
-/// What an argument names, as the word for it in the help text tells: PATH, REMOTE, FROM, TO; FOLDER; LOCAL,
-/// FILE, DIR; ID, ID-OR-LABEL; VERB. Other words: other.
+/// The kind of an argument, by its placeholder in the help text: PATH, REMOTE, FROM, TO; FOLDER; LOCAL, FILE,
+/// DIR; ID, ID-OR-LABEL; VERB. Any other: other.
 enum class ArgumentKind { other, remotePath, remoteFolder, localPath, account, verb, option };
 
-/// What a verb takes on its command line.
+/// The options and arguments of a verb.
 struct VerbSyntax {
   std::string name;
-  std::map<std::string, ArgumentKind> valueOptions;  // "--out" -> what follows it
-  std::vector<std::string> flags;                    // options that nothing follows
+  std::map<std::string, ArgumentKind> valueOptions;  // "--out" -> the kind of its value
+  std::vector<std::string> flags;                    // options without a value
   std::vector<ArgumentKind> arguments;
-  bool repeatsLast = false;  // of the arguments
+  bool repeatsLast = false;  // the last argument may be repeated
 };
 
 }  // namespace kzv::cli

@@ -63,8 +63,8 @@ TEST_F(ShellTest, AScriptRunsLineByLine) {
        "pwd\nls --home /x\nshell\n",
        2,
        "{\"path\":\"/\"}\n",
-       "kzv: ls: --home holds for the whole shell: kzv --home ... shell\n"
-       "kzv: shell: this is the shell already; exit leaves it (KZVHostErrorDomain 3)\n",
+       "kzv: ls: --home applies to the whole shell: kzv --home ... shell\n"
+       "kzv: shell: this is already the shell; exit leaves it (KZVHostErrorDomain 3)\n",
        "u1",
        {"--json"}},
       {"each account has its own folder",
@@ -84,7 +84,7 @@ TEST_F(ShellTest, AScriptRunsLineByLine) {
        "u1=Ada",
        {"--account", "Eve"}},
       {"commands do not read the script", "link --token-stdin\npwd\n", 2, "/\n",
-       "kzv: link: standard input holds no token (KZVHostErrorDomain 3)\n", ""}};
+       "kzv: link: standard input has no token (KZVHostErrorDomain 3)\n", ""}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     auto arguments = c.arguments;

@@ -1,4 +1,4 @@
-// kzv: file systems of plug-ins on the command line. Each verb is a class in kzv/verbs/.
+// kzv: plug-in file systems on the command line. Each verb is a class in kzv/verbs/.
 #include <atomic>
 #include <chrono>
 #include <string>
@@ -38,8 +38,8 @@ void setUpLogging(const GlobalOptions& options) {
   if (options.quiet) setLogLevel(NSLogLevel::error);
 }
 
-/// The verb's operations block, so they have a thread of their own, and the main thread is free for what
-/// plug-ins post to the main queue.
+/// The verb's operations block, so they run on a thread of their own, which leaves the main thread free for
+/// the main queue.
 void runBesideMainLoop(Verb& verb, VerbContext& context) {
   const auto mainLoop = NSRunLoop::mainRunLoop();
   std::atomic<bool> isDone{false};
@@ -58,7 +58,7 @@ void runBesideMainLoop(Verb& verb, VerbContext& context) {
 [[noreturn]] void run(const GlobalOptions& options, Verb& verb) {
   applyToEnvironment(options);
   setUpLogging(options);
-  NSThread::mainThread();  // this one: before any other thread asks
+  NSThread::mainThread();  // makes this thread the main one
   Console console(options.quiet);
   HostSession session;
   VerbContext context(verb.words().name, options, console, session);
@@ -88,7 +88,7 @@ static int runProgram(const std::vector<std::string>& arguments) {
 
   try {
     run(options, *verb);
-  } catch (const std::system_error& failure) {  // a thread that the system does not give
+  } catch (const std::system_error& failure) {  // no thread could be started
     show({fmt::format("kzv: {}: {}", verb->words().name, failure.what()), ExitStatus::failed});
     leave(static_cast<int>(ExitStatus::failed));
   }

@@ -401,7 +401,7 @@ TEST_F(MountTest, WhatWaitsToBeSentIsTold) {
     if (!isMounted) {
       const auto outcome = kzv({"umount", root.string()});
       EXPECT_EQ(outcome.exitStatus, 0);
-      EXPECT_NE(outcome.errors.find("2 files could not be sent yet; they are kept in " + home.path()),
+      EXPECT_NE(outcome.errors.find("2 files could not be uploaded yet; they are kept in " + home.path()),
                 std::string::npos)
           << outcome.errors;
       std::exchange(process_, nullptr)->finish(20s);
@@ -429,19 +429,20 @@ TEST_F(MountTest, WhatWaitsToBeSentIsTold) {
   std::ofstream(damaged[0]) << "{";
   std::ofstream(damaged[1]) << R"({"path":"/d/../../x"})";
   const std::string words =
-      "2 files of this account can be neither sent nor shown: their entries are damaged";
+      "2 files of this account can be neither uploaded nor shown: their journal entries are damaged";
   const auto started = kzv({"mount", root.string()});
   EXPECT_NE(started.errors.find(words), std::string::npos) << started.errors;
   const std::string listed = kzv({"mount", "--status"}).output;
   for (fs::path& file : damaged) {
     const std::string bytes = file.replace_extension(".data");
-    EXPECT_NE(listed.find("its entry is damaged; take its bytes from " + bytes), std::string::npos) << listed;
+    EXPECT_NE(listed.find("its journal entry is damaged; its bytes are in " + bytes), std::string::npos)
+        << listed;
     EXPECT_EQ(contentOf(bytes), "kept");
   }
   EXPECT_NE(kzv({"umount", root.string()}).errors.find(words), std::string::npos);
   EXPECT_EQ(contentOf(damaged[1]), "kept");
   const auto unlinked = kzv({"unlink", "Ada"});
-  EXPECT_NE(unlinked.errors.find("3 files of this account were never sent"), std::string::npos)
+  EXPECT_NE(unlinked.errors.find("3 files of this account were never uploaded"), std::string::npos)
       << unlinked.errors;
 }
 

@@ -10,10 +10,11 @@ namespace kzv::cli {
 
 namespace {
 
-/// What the words before the one at the cursor ask for at its place.
-class Place {
+/// Determines the kind of the word at the cursor from the words before it.
+class WordParser {
  public:
-  Place(const std::vector<VerbSyntax>& verbs, const VerbSyntax& options) : verbs_(verbs), options_(options) {}
+  WordParser(const std::vector<VerbSyntax>& verbs, const VerbSyntax& options)
+      : verbs_(verbs), options_(options) {}
 
   void pass(const std::string& word) {
     if (value_ != nullptr) {
@@ -49,7 +50,7 @@ class Place {
     return names;
   }
 
-  /// Whether the line works on another account than the selected one.
+  /// Whether the line names an account of its own.
   bool namesAccount() const { return namesAccount_; }
 
  private:
@@ -74,7 +75,7 @@ class Place {
   const std::vector<VerbSyntax>& verbs_;
   const VerbSyntax& options_;
   const VerbSyntax* verb_ = nullptr;
-  const ArgumentKind* value_ = nullptr;  // of the option just passed
+  const ArgumentKind* value_ = nullptr;  // the kind of value that the last option expects
   std::size_t arguments_ = 0;
   bool isProgramNamed_ = false;
   bool isVerbKnown_ = false;
@@ -87,7 +88,7 @@ bool isPath(ArgumentKind kind) {
          kind == ArgumentKind::localPath;
 }
 
-/// What is left of `names` for a word that begins with `leaf`. Hidden local files must be asked for.
+/// The names that begin with `leaf`. Hidden local files only if `leaf` begins with a dot.
 std::vector<CompletionName> matching(std::vector<CompletionName> names, ArgumentKind kind,
                                      const std::string& leaf) {
   if (kind == ArgumentKind::localPath && !leaf.starts_with('.'))
@@ -119,7 +120,7 @@ std::string commonBeginning(const std::vector<CompletionName>& names) {
 std::string replacementFor(const LineWords::Word& word, const std::string& text, Quote quote) {
   const std::string mark = quote == Quote::single ? "'" : quote == Quote::doubled ? "\"" : "";
   if (!word.beginsInHome) return mark + (text.empty() ? text : quoted(text, quote));
-  // The tilde keeps its meaning only outside quotes.
+  // The tilde is special only outside quotes.
   return "~/" + mark + quoted(text.substr(std::min<std::size_t>(text.size(), 2)), quote, false);
 }
 
@@ -141,19 +142,20 @@ std::optional<Completion> complete(std::string_view line, const std::vector<Verb
   if (!taken.endsInWord) taken.words.push_back({"", line.size(), false});
   const LineWords::Word word = std::move(taken.words.back());
   taken.words.pop_back();
-  Place place(verbs, options);
-  for (const LineWords::Word& before : taken.words) place.pass(before.text);
+  WordParser parser(verbs, options);
+  for (const LineWords::Word& before : taken.words) parser.pass(before.text);
 
-  const ArgumentKind kind = place.kindOf(word.text);
+  const ArgumentKind kind = parser.kindOf(word.text);
   const bool isRemote = kind == ArgumentKind::remotePath || kind == ArgumentKind::remoteFolder;
-  if (kind == ArgumentKind::other || (isRemote && place.namesAccount())) return std::nullopt;
+  if (kind == ArgumentKind::other || (isRemote && parser.namesAccount())) return std::nullopt;
   const std::size_t slash = isPath(kind) ? word.text.rfind('/') : std::string::npos;
   const std::string folder = slash == std::string::npos ? "" : word.text.substr(0, slash + 1);
   const std::string leaf = word.text.substr(folder.size());
   if (word.beginsInHome && folder.empty()) return Completion{word.start, "~/", {}};
 
-  auto fitting = matching(
-      kind == ArgumentKind::option ? place.options() : names(kind, expandedFolder(word, folder)), kind, leaf);
+  auto fitting =
+      matching(kind == ArgumentKind::option ? parser.options() : names(kind, expandedFolder(word, folder)),
+               kind, leaf);
   if (fitting.empty()) return std::nullopt;
   std::sort(fitting.begin(), fitting.end(),
             [](const CompletionName& a, const CompletionName& b) { return a.name < b.name; });

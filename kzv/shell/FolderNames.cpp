@@ -20,27 +20,26 @@ namespace {
 
 constexpr int limitMilliseconds = 2000;
 
-/// The answer on its way from the thread that lists to the one that waits, which may have gone.
+/// Passes the names from the listing thread to the waiting one, which may have given up.
 class Answer {
  public:
-  Answer() : isThere_(::eventfd(0, EFD_CLOEXEC)) {}
+  Answer() : ready_(::eventfd(0, EFD_CLOEXEC)) {}
 
   void put(std::vector<CompletionName> names) {
     const std::lock_guard lock(mutex_);
     names_ = std::move(names);
     const std::uint64_t one = 1;
-    [[maybe_unused]] const ssize_t ignored = ::write(isThere_.number(), &one, sizeof one);
+    [[maybe_unused]] const ssize_t ignored = ::write(ready_.number(), &one, sizeof one);
   }
   std::vector<CompletionName> waitFor() {
-    std::array<pollfd, 2> waits{pollfd{isThere_.number(), POLLIN, 0},
-                                pollfd{PromptSignals::file(), POLLIN, 0}};
+    std::array<pollfd, 2> waits{pollfd{ready_.number(), POLLIN, 0}, pollfd{PromptSignals::file(), POLLIN, 0}};
     ::poll(waits.data(), waits.size(), limitMilliseconds);
     const std::lock_guard lock(mutex_);
     return std::exchange(names_, {});
   }
 
  private:
-  const Descriptor isThere_;
+  const Descriptor ready_;
   std::mutex mutex_;
   std::vector<CompletionName> names_;  // guarded by mutex_
 };

@@ -8,9 +8,9 @@
 
 namespace kzv::cli {
 
-/// The names in a folder of `volume`, for completion: nothing when the volume does not answer within two
-/// seconds or a signal comes (PromptSignals, which stays to be read); the answer then serves the volume's own
-/// cache. Blocks; not on the main thread.
+/// The names in a folder of `volume`, for completion: empty when the volume does not answer within 2 s or a
+/// signal arrives (which PromptSignals::take still returns). A late answer still fills the volume's cache.
+/// Blocks; not on the main thread.
 std::vector<CompletionName> namesInRemoteFolder(const std::shared_ptr<FSPlugin>& volume,
                                                 const std::string& path);
 

@@ -4,18 +4,17 @@
 
 namespace kzv::cli {
 
-/// The lines typed in former shells: one a line in a file that only its owner can read, below the state
-/// folder. A disk that refuses costs the history, no more. One thread at a time; several processes may add.
+/// The history of the shell: a text file in the state folder that only its owner can read. Disk errors are
+/// ignored. One thread at a time; several processes may append.
 class HistoryFile {
  public:
   static constexpr std::size_t limit = 1000;  // lines that are kept
 
   /// In the state folder; creates nothing yet.
   HistoryFile();
-  /// The newest lines, the oldest of them first; cuts the file to them when it holds more. Blocks for the
-  /// disk.
+  /// The newest lines, oldest first; truncates the file to them if it has more. Blocks for the disk.
   std::vector<std::string> load();
-  /// Appends a line, unless it is the one before again. At once, so that no later mishap loses it.
+  /// Appends a line to the file at once, unless it repeats the one before. Blocks for the disk.
   void add(const std::string& line);
 
  private:

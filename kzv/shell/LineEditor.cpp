@@ -1,4 +1,4 @@
-// The one file that knows the line-editing library.
+// The only file that uses the line-editing library.
 #include "kzv/shell/LineEditor.h"
 
 #include <algorithm>
@@ -28,8 +28,8 @@ namespace {
 constexpr int rememberedLines = 1000;
 constexpr std::size_t shownChoices = 200;
 
-/// Characters are UTF-8 on this thread while this lives: names on the volumes are, whatever the user's locale
-/// is.
+/// Sets this thread's character encoding to UTF-8 while this lives, as names on the volumes are UTF-8 in any
+/// locale.
 class Utf8Locale {
  public:
   Utf8Locale() : locale_(::newlocale(LC_CTYPE_MASK, "", nullptr)) {
@@ -59,10 +59,10 @@ int characterCount(std::string_view text) {
   return count;
 }
 
-/// The choices in columns, read downwards, as wide as the terminal.
+/// The choices in columns, sorted downwards, as wide as the terminal.
 std::string columns(std::vector<std::string> choices) {
-  const std::size_t left = choices.size() - std::min(choices.size(), shownChoices);
-  choices.resize(choices.size() - left);
+  const std::size_t omitted = choices.size() - std::min(choices.size(), shownChoices);
+  choices.resize(choices.size() - omitted);
   std::size_t width = 0;
   for (const std::string& choice : choices)
     width = std::max(width, static_cast<std::size_t>(characterCount(choice)) + 2);
@@ -77,7 +77,7 @@ std::string columns(std::vector<std::string> choices) {
     }
     text += '\n';
   }
-  if (left > 0) text += "... and " + std::to_string(left) + " more\n";
+  if (omitted > 0) text += "... and " + std::to_string(omitted) + " more\n";
   return text;
 }
 
@@ -128,7 +128,7 @@ struct LineEditor::Library {
       if (count <= 0) return count;
       const std::size_t length = std::mbrtowc(character, &byte, 1, &state);
       if (length <= 1) return 1;
-      if (length == static_cast<std::size_t>(-1)) state = {};  // no UTF-8: as if it had not been typed
+      if (length == static_cast<std::size_t>(-1)) state = {};  // invalid UTF-8: ignored
     }
   }
 
@@ -155,7 +155,7 @@ struct LineEditor::Library {
   void answer(int number) {
     if (number == SIGWINCH) ::el_resize(editor);
     if (number != SIGCONT) return;
-    ::el_set(editor, EL_PREP_TERM, 1);  // who stopped us may have changed the terminal
+    ::el_set(editor, EL_PREP_TERM, 1);  // another job may have changed the terminal
     ::el_set(editor, EL_REFRESH);
   }
 
@@ -181,7 +181,7 @@ struct LineEditor::Library {
   ::History* const history;
   EditLine* const editor;
   std::string prompt;
-  Result result = Result::line;  // of the line that is being edited
+  Result result = Result::line;  // for the line being edited
 };
 
 LineEditor::LineEditor(Completer completer) : library_(std::make_unique<Library>(std::move(completer))) {}
@@ -196,12 +196,12 @@ LineEditor::Result LineEditor::readLine(const std::string& prompt, std::string& 
   const char* text = nullptr;
   {
     const PromptSignals signals;
-    // Before the prompt shows, as the library does it after: a Ctrl-D typed in between would be lost.
+    // Before the prompt is shown; the library does it afterwards, and would lose a Ctrl-D typed in between.
     ::el_set(library.editor, EL_PREP_TERM, 1);
     text = ::el_gets(library.editor, &count);
   }
   if (library.result == Result::line && (!text || count <= 0)) library.result = Result::endOfInput;
-  // A Ctrl-C just behind the line's end means the line.
+  // A Ctrl-C right after the end of the line cancels the line.
   while (const auto number = PromptSignals::take()) library.note(*number);
   if (library.result != Result::line) {
     std::fputs(library.result == Result::interrupted ? "^C\n" : "\n", library.output);

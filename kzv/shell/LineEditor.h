@@ -10,14 +10,14 @@
 namespace kzv::cli {
 
 /// Reads lines from a person at the terminal (standard input and standard error), with editing, history and
-/// completion by Tab. The terminal is in its usual state whenever readLine does not run. One at a time;
-/// belongs to the thread that makes it.
+/// completion by Tab. The terminal's settings are changed only during readLine(). One at a time; used on the
+/// thread that constructs it.
 class LineEditor {
  public:
   using Completer = std::function<std::optional<Completion>(const std::string& lineToCursor)>;
   enum class Result {
     line,
-    interrupted,  // Ctrl-C: the line is given up
+    interrupted,  // Ctrl-C: the line is discarded
     endOfInput,   // Ctrl-D on an empty line
     endRequested  // SIGTERM or SIGHUP
   };
@@ -27,9 +27,9 @@ class LineEditor {
   LineEditor& operator=(const LineEditor&) = delete;
   ~LineEditor();
 
-  /// Blocks until a line (without its end) has been typed, or something else happens.
+  /// Blocks until a line has been typed (stored without its line feed), or one of the other results.
   Result readLine(const std::string& prompt, std::string& line);
-  /// Adds a line to those that can be called back with the arrow keys and Ctrl-R. In memory only.
+  /// Adds a line to the history (arrow keys, Ctrl-R), in memory only.
   void remember(const std::string& line);
 
  private:

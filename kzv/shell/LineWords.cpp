@@ -9,7 +9,7 @@ namespace {
 
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
-/// Reads a line from its beginning to its end.
+/// Splits a line into words.
 class Scanner {
  public:
   explicit Scanner(std::string_view line) : line_(line) {}
@@ -86,7 +86,7 @@ std::optional<std::vector<std::string>> splitLine(std::string_view line, NSError
     setError(error, hostError(HostErrorCode::badInput, reason));
     return std::nullopt;
   };
-  if (taken.endsInBackslash) return refuse("nothing follows the backslash at the end");
+  if (taken.endsInBackslash) return refuse("there is a backslash at the end of the line");
   if (taken.openQuote == Quote::single) return refuse("a single quote is not closed");
   if (taken.openQuote == Quote::doubled) return refuse("a double quote is not closed");
   std::vector<std::string> words;

@@ -18,7 +18,7 @@ struct Pipe {
   Pipe() { [[maybe_unused]] const int failed = ::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK); }
   std::array<int, 2> ends{-1, -1};
 };
-/// Stays open: a handler may still run on another thread when the last of its signals has been given back.
+/// Never closed: a handler may still run on another thread after the handlers were restored.
 Pipe& signalPipe() {
   static auto& pipe = *new Pipe;
   return pipe;

@@ -3,9 +3,9 @@
 
 namespace kzv::cli {
 
-/// Takes SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH and SIGCONT over while it lives, which is while a line is
-/// edited: they become numbers to be read beside what is typed. What was in force before comes back at the
-/// end. One at a time; made, used and destroyed on one thread.
+/// Handles SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGWINCH and SIGCONT while a line is being edited, and makes
+/// them readable from a descriptor, to be polled together with standard input. The destructor restores the
+/// handlers. One at a time; constructed, used and destroyed on one thread.
 class PromptSignals {
  public:
   PromptSignals();
@@ -13,9 +13,9 @@ class PromptSignals {
   PromptSignals& operator=(const PromptSignals&) = delete;
   ~PromptSignals();
 
-  /// Becomes readable when a signal has come; for poll.
+  /// The descriptor, for poll: readable when a signal has arrived.
   static int file();
-  /// The next signal that has come, if any. Does not wait.
+  /// The next signal that has arrived, if any. Does not block.
   static std::optional<int> take();
 };
 

@@ -33,7 +33,7 @@ std::vector<std::unique_ptr<Verb>> verbsFor(ShellState& state) {
 
 bool isNamed(const Verb& verb, std::string_view name) { return verb.words().name == name; }
 
-/// The lines of standard input. Commands get an empty one instead: what they read would be missing here.
+/// The lines of standard input. Commands get /dev/null as their input, so that they cannot consume lines.
 class Script {
  public:
   Script() : file_(::fdopen(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3), "r")) {
@@ -72,7 +72,7 @@ Shell::~Shell() = default;
 void Shell::run() {
   context_.session.watchVolumes();
   if (!selectFirstAccount()) return;
-  isInteractive() ? converse() : runScript();
+  isInteractive() ? runInteractive() : runScript();
 }
 
 bool Shell::selectFirstAccount() {
@@ -86,7 +86,7 @@ bool Shell::selectFirstAccount() {
   return state_.accountId.has_value();
 }
 
-/// Accounts come and go, also by lines of this shell: the only one there is needs no choice.
+/// Accounts may be linked and unlinked meanwhile: deselects one that is gone, selects the only one.
 void Shell::followLinkedAccounts() {
   const auto ids = context_.session.linkedIds();
   if (state_.accountId && std::find(ids.begin(), ids.end(), *state_.accountId) == ids.end())
@@ -94,7 +94,7 @@ void Shell::followLinkedAccounts() {
   if (!state_.accountId && ids.size() == 1) state_.accountId = ids.front();
 }
 
-void Shell::converse() {
+void Shell::runInteractive() {
   LineEditor editor([this](const std::string& line) { return completeLine(line); });
   for (const std::string& line : history_.load()) editor.remember(line);
   greet();
@@ -117,13 +117,13 @@ void Shell::converse() {
   if (StopSignal::isRequested()) context_.setStatus(ExitStatus::stopped);
 }
 
-/// Remembers what was typed: in this shell for correcting it, on disk only what was understood and cannot
-/// hold a secret (a token or code pasted at the wrong moment is no command).
+/// Adds the line to the history: on disk only valid commands that cannot contain a secret, since a token or
+/// code may have been pasted by mistake.
 void Shell::runTypedLine(LineEditor& editor, const std::string& line) {
   const Outcome outcome = runLine(line, "");
-  if (outcome.takesSecrets || line.find_first_not_of(" \t") == std::string::npos) return;
+  if (outcome.mayContainSecret || line.find_first_not_of(" \t") == std::string::npos) return;
   editor.remember(line);
-  if (outcome.isUnderstood && !line.starts_with(' ')) history_.add(line);
+  if (outcome.isValid && !line.starts_with(' ')) history_.add(line);
 }
 
 void Shell::runScript() {
@@ -146,12 +146,12 @@ Shell::Outcome Shell::runLine(const std::string& line, const std::string& place)
     context_.console.error(failureLine("shell", place, *error));
     return {ExitStatus::usage};
   }
-  if (!words->empty() && words->front() == "kzv") words->erase(words->begin());  // as typed elsewhere
+  if (!words->empty() && words->front() == "kzv") words->erase(words->begin());  // as on the command line
   if (words->empty()) return {};
   const auto verbs = verbsFor(state_);
   state_.lineVerbs = &verbs;
   GlobalOptions inherited = context_.options;
-  inherited.account.reset();  // the selected one is the shell's matter
+  inherited.account.reset();  // runCommand() sets the selected one
   const auto parsed = parseCommandLine(*words, verbs, &inherited);
   if (const auto* answer = std::get_if<Answer>(&parsed)) {
     const bool isDone = answer->status == ExitStatus::done;
@@ -172,7 +172,7 @@ ExitStatus Shell::runCommand(Verb& verb, const GlobalOptions& lineOptions) {
   VerbContext context(verb.words().name, options, context_.console, context_.session,
                       state_.currentFolder(state_.lineAccountId));
   if (isNamed(verb, "shell")) {
-    context.fail("", hostError(HostErrorCode::badInput, "this is the shell already; exit leaves it"));
+    context.fail("", hostError(HostErrorCode::badInput, "this is already the shell; exit leaves it"));
   } else {
     runVerb(verb, context);
   }
@@ -212,7 +212,7 @@ std::vector<CompletionName> Shell::namesFor(ArgumentKind kind, const std::string
   std::vector<CompletionName> names;
   if (kind == ArgumentKind::localPath) return namesInLocalFolder(folder);
   if (kind == ArgumentKind::account) {
-    // Labels come from the service; right after the start they may still be on their way.
+    // Labels come from the service and may still be missing right after the start.
     if (const auto ids = context_.session.linkedIds(); !ids.empty())
       context_.session.waitForName(ids.front(), std::chrono::seconds(2));
     for (const std::string& accountId : context_.session.linkedIds()) {

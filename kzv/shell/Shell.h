@@ -13,8 +13,8 @@ namespace kzv::cli {
 
 class LineEditor;
 
-/// Runs one command a line, each with verbs of its own over the one session of `context`. At a terminal with
-/// prompt, history and completion, else as a script. Made and used on the verb's thread; once per process.
+/// Runs one command per line in the session of `context`: at a terminal with prompt, history and completion,
+/// else as a script. Constructed and used on the verb's thread; once per process.
 class Shell {
  public:
   explicit Shell(VerbContext& context);
@@ -28,16 +28,16 @@ class Shell {
  private:
   bool selectFirstAccount();
   void followLinkedAccounts();
-  void converse();
+  void runInteractive();
   void runScript();
   void runTypedLine(LineEditor& editor, const std::string& line);
-  /// What the line said, and whether it was understood.
+  /// The result of one line.
   struct Outcome {
     ExitStatus status = ExitStatus::done;
-    bool isUnderstood = false;
-    bool takesSecrets = false;  // it may hold one, typed in the wrong place
+    bool isValid = false;
+    bool mayContainSecret = false;  // pasted by mistake
   };
-  /// @param place  names the line in messages; may be empty.
+  /// @param place  names the line in error messages; may be empty.
   Outcome runLine(const std::string& line, const std::string& place);
   ExitStatus runCommand(Verb& verb, const GlobalOptions& lineOptions);
   void greet();

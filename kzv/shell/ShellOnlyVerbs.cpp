@@ -38,9 +38,8 @@ class ShellOnlyVerb : public Verb {
 class AccountVerb final : public ShellOnlyVerb {
  public:
   explicit AccountVerb(ShellState& state)
-      : ShellOnlyVerb(state,
-                      {"account", "Select the account that the next lines work on, or tell which it is",
-                       "  account Ada"}) {}
+      : ShellOnlyVerb(
+            state, {"account", "Select the account of the following lines, or show it", "  account Ada"}) {}
   void declare(VerbArguments& arguments) override {
     arguments.value("ID", wanted_, "The account, by id or label");
   }
@@ -66,7 +65,7 @@ class CdVerb final : public ShellOnlyVerb {
   explicit CdVerb(ShellState& state)
       : ShellOnlyVerb(state, {"cd", "Go to a folder of the account", "  cd Documents\n  cd .."}) {}
   void declare(VerbArguments& arguments) override {
-    arguments.value("FOLDER", typed_, "The folder that relative paths count from (default: /)");
+    arguments.value("FOLDER", typed_, "The new current folder (default: /)");
   }
   void run(VerbContext& context) override {
     const auto volume = context.openVolume();
@@ -95,7 +94,7 @@ class LcdVerb final : public ShellOnlyVerb {
   explicit LcdVerb(ShellState& state)
       : ShellOnlyVerb(state, {"lcd", "Go to a folder of this computer", "  lcd ~/Downloads"}) {}
   void declare(VerbArguments& arguments) override {
-    arguments.value("DIR", typed_, "The folder that local paths count from (default: your home)");
+    arguments.value("DIR", typed_, "The new current folder (default: your home)");
   }
   void run(VerbContext& context) override {
     const std::string path = typed_.empty() ? homeFolder() : typed_;
@@ -133,8 +132,7 @@ class HelpVerb final : public ShellOnlyVerb {
         context.console.line(fmt::format("  {:<9} {}", words.name, words.summary));
     }
     context.console.line(
-        "\nPaths of the account count from the current folder. Names with blanks stand in quotes. Tab "
-        "completes.\n"
+        "\nRelative paths start at the current folder. Names with blanks need quotes. Tab completes.\n"
         "Ctrl-C stops a command, Ctrl-D leaves. `help VERB` explains a command.");
   }
   void explain(VerbContext& context) const {

@@ -9,14 +9,14 @@
 
 namespace kzv::cli {
 
-/// What the lines of a shell leave behind for the next one. Belongs to the shell's thread.
+/// The state of a shell between its lines. Belongs to the shell's thread.
 struct ShellState {
   std::optional<std::string> accountId;        // the selected one
   std::map<std::string, std::string> folders;  // the current folder of each account, by id; "/" where absent
   bool isOver = false;                         // `exit` was typed
 
-  // Of the line that runs:
-  std::optional<std::string> lineAccountId;  // the account that it works on, if that is known
+  // Of the current line:
+  std::optional<std::string> lineAccountId;  // the account that it uses, if known
   const std::vector<std::unique_ptr<Verb>>* lineVerbs = nullptr;
 
   std::string currentFolder(const std::optional<std::string>& ofAccount) const {

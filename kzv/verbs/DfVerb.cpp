@@ -21,7 +21,7 @@ class DfVerb final : public Verb {
     NSErrorRef error;
     const auto space = volume->space(&error);
     if (!space && !error && context.session.isVolumeLinked())
-      error = hostError(HostErrorCode::notSupported, "this volume does not say how much space it has");
+      error = hostError(HostErrorCode::notSupported, "this volume does not report its space");
     if (!space) return context.fail("", error);
     if (context.options.json)
       return context.console.line(jsonLine({{"total", space->totalBytes}, {"free", space->freeBytes}}));

@@ -22,8 +22,8 @@ class GetVerb final : public Verb {
     arguments.value("REMOTE", remote_, "File or folder of the account").required();
     arguments
         .value("LOCAL", local_,
-               "Where to: an existing folder, which receives it under its own name, or its new path. A "
-               "link to a file or folder there is followed; what is neither is not replaced")
+               "Where to: an existing folder, in which it keeps its name, or its new path. A link to a file "
+               "or folder is followed; anything else that exists there is not replaced")
         .required();
   }
 
@@ -44,8 +44,7 @@ class GetVerb final : public Verb {
   }
 
  private:
-  /// The item's full new path; empty when there is no folder for it: one that was mistyped should not come to
-  /// be.
+  /// The item's full new path; empty when its folder does not exist: a mistyped one must not be created.
   std::string targetFor(const std::string& path) const {
     std::error_code code;
     const fs::path local = fs::absolute(local_, code).lexically_normal();

@@ -20,7 +20,7 @@ class InfoVerb final : public Verb {
             "  kzv info\n  kzv --json info dbid:AAB4x"};
   }
   void declare(VerbArguments& arguments) override {
-    arguments.value("ID", wanted_, "The account, by id or label (default: as --account says)");
+    arguments.value("ID", wanted_, "The account, by id or label (default: that of --account)");
   }
 
   void run(VerbContext& context) override {

@@ -26,12 +26,12 @@ class LinkVerb final : public Verb {
   void declare(VerbArguments& arguments) override {
     auto noBrowser = arguments.flag("--no-browser", withoutBrowser_,
                                     "Print the address of the sign-in page instead of opening it");
-    auto typeCode = arguments.flag(
-        "--type-code", typesCode_,
-        "The page shows a code to be typed in here: for a browser that cannot reach this machine");
+    auto typeCode =
+        arguments.flag("--type-code", typesCode_,
+                       "Type in a code that the page shows: for a browser that cannot reach this machine");
     arguments
         .flag("--token-stdin", fromStandardInput_,
-              "Read an access token, or a token answer as JSON, from standard input")
+              "Read an access token, or a token response as JSON, from standard input")
         .excludes(noBrowser)
         .excludes(typeCode);
   }

@@ -8,7 +8,7 @@ namespace {
 class MkdirVerb final : public Verb {
  public:
   Words words() const override {
-    return {"mkdir", "Make folders; one that exists is fine", "  kzv mkdir /Documents/2024"};
+    return {"mkdir", "Create folders; existing ones are left as they are", "  kzv mkdir /Documents/2024"};
   }
   void declare(VerbArguments& arguments) override {
     arguments.values("PATH", typed_, "Folders of the account").required();

@@ -18,7 +18,7 @@ namespace {
 using State = UploadJournal::State;
 using Waiting = UploadJournal::Waiting;
 
-constexpr const char* damagedText = "its entry is damaged; take its bytes from ";
+constexpr const char* damagedText = "its journal entry is damaged; its bytes are in ";
 
 std::string reasonOf(const Waiting& waiting) {
   return waiting.isDamaged ? damagedText + waiting.dataPath : waiting.upload.reason;
@@ -58,22 +58,22 @@ std::string plain(const Waiting& waiting) {
 
 std::string fileCount(std::size_t count) { return count == 1 ? "1 file" : fmt::format("{} files", count); }
 
-void noteWaiting(VerbContext& context, const State& state) {
+void notePending(VerbContext& context, const State& state) {
   const std::size_t count = state.waiting.size() - damagedCount(state);
   if (count > 0)
-    context.console.note(fmt::format(
-        "{} could not be sent yet; {} kept in {}, and the next mount sends {} (see: kzv mount --status)",
-        fileCount(count), count == 1 ? "it is" : "they are", harmless(state.folder),
-        count == 1 ? "it" : "them"));
+    context.console.note(
+        fmt::format("{} could not be uploaded yet; {} kept in {}, and the next mount uploads {} (see: kzv "
+                    "mount --status)",
+                    fileCount(count), count == 1 ? "it is" : "they are", harmless(state.folder),
+                    count == 1 ? "it" : "them"));
   noteDamaged(context, state);
 }
 
 void noteDamaged(VerbContext& context, const State& state) {
   if (const std::size_t count = damagedCount(state))
-    context.console.note(
-        fmt::format("{} of this account can be neither sent nor shown: {} damaged "
-                    "(see: kzv mount --status)",
-                    fileCount(count), count == 1 ? "its entry is" : "their entries are"));
+    context.console.note(fmt::format(
+        "{} of this account can be neither uploaded nor shown: {} damaged (see: kzv mount --status)",
+        fileCount(count), count == 1 ? "its journal entry is" : "their journal entries are"));
 }
 
 void showMountStatus(VerbContext& context) {
@@ -87,10 +87,10 @@ void showMountStatus(VerbContext& context) {
     }
     context.console.line(fmt::format("{}  account {}{}{}", harmless(state.mountpoint),
                                      harmless(state.accountId), state.isMounted ? "" : "  (not mounted)",
-                                     state.waiting.empty() ? "  nothing waits to be sent" : ""));
+                                     state.waiting.empty() ? "  no uploads pending" : ""));
     for (const Waiting& waiting : state.waiting) context.console.line(plain(waiting));
   }
-  if (!isAny) context.console.note("nothing is mounted, and nothing waits to be sent");
+  if (!isAny) context.console.note("nothing is mounted, and no uploads are pending");
 }
 
 }  // namespace kzv::cli

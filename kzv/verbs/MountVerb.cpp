@@ -28,9 +28,9 @@ using namespace kzv::mount;
 
 namespace {
 
-/// After an unmount, what waits is tried once more; whatever fails again waits for the next mount.
-constexpr auto lastTry = 20s;
-/// After a request to stop, unmounting and leaving takes this long at most.
+/// After an unmount, pending uploads are tried once more; what fails again is left to the next mount.
+constexpr auto flushTimeout = 20s;
+/// The time for unmounting and exiting after a stop request.
 constexpr auto stopGrace = 5s;
 
 class MountVerb final : public Verb {
@@ -42,9 +42,9 @@ class MountVerb final : public Verb {
   void declare(VerbArguments& arguments) override {
     auto folder = arguments.value("DIR", folder_, "An existing folder");
     auto status = arguments.flag("--status", isStatus_,
-                                 "List all mounts, with the files that wait to be sent, since when and why");
+                                 "List all mounts, with their pending uploads, since when and why");
     status.excludes(folder);
-    arguments.flag("--foreground", isForeground_, "Stay here, until Ctrl-C or an unmount");
+    arguments.flag("--foreground", isForeground_, "Stay in the foreground until Ctrl-C or an unmount");
     arguments.value("--ready-fd", readyDescriptor_).hidden();
     arguments.value("--log", logFile_).hidden();
   }
@@ -52,7 +52,7 @@ class MountVerb final : public Verb {
   void run(VerbContext& context) override {
     if (isStatus_) return showMountStatus(context);
     if (folder_.empty())
-      return context.fail("", hostError(HostErrorCode::badInput, "DIR is missing: where to mount"));
+      return context.fail("", hostError(HostErrorCode::badInput, "DIR is missing: the folder to mount at"));
     NSErrorRef error;
     const auto mountpoint = prepareMountpoint(folder_, &error);
     if (!mountpoint) return context.fail(folder_, error);
@@ -73,7 +73,7 @@ class MountVerb final : public Verb {
     arguments.insert(arguments.end(), {"mount", mountpoint});
     const auto start = startInBackground(arguments, stateFolder() + "/mount/log", &error);
     if (error) return context.fail(mountpoint, error);
-    if (!start.isReady) return context.failAsSaid(start.output, start.exitStatus);
+    if (!start.isReady) return context.failWithOutput(start.output, start.exitStatus);
     for (const std::string& line : linesOf(start.output)) context.console.note(line);
     context.console.note(fmt::format("mounted at {}; unmount it with: kzv umount {}", harmless(mountpoint),
                                      harmless(mountpoint)));
@@ -103,16 +103,16 @@ class MountVerb final : public Verb {
       reportReady(readyDescriptor_);
       server.serve(mounted);
       StopSignal::whenRequested(nullptr, 0s);
-      if (!StopSignal::isRequested()) mounted.flushJournal(lastTry);
+      if (!StopSignal::isRequested()) mounted.flushJournal(flushTimeout);
     }
-    noteWaiting(context, UploadJournal::stateOf(accountId));
+    notePending(context, UploadJournal::stateOf(accountId));
     context.shouldStop(mountpoint);
   }
 
-  /// Waits for a process that has just been unmounted to finish its work.
+  /// Opens the journal, waiting for the process of a volume that was just unmounted.
   static std::shared_ptr<UploadJournal> openJournal(const std::string& accountId,
                                                     const std::string& mountpoint, NSErrorRef* error) {
-    for (const auto end = std::chrono::steady_clock::now() + lastTry + 1s;;
+    for (const auto end = std::chrono::steady_clock::now() + flushTimeout + 1s;;
          std::this_thread::sleep_for(50ms)) {
       if (auto journal = UploadJournal::open(accountId, mountpoint, error)) return journal;
       const bool isEnding =
@@ -121,7 +121,7 @@ class MountVerb final : public Verb {
     }
   }
 
-  /// Public links are made in the desktop client's account, whichever volume is shown.
+  /// Public links are made in the desktop client's account only.
   static LinkSource linkSource(VerbContext& context, const std::string& accountId) {
     FSPluginAccounts* accounts = context.session.accountsInterface(nullptr);
     if (!accounts) return {};
@@ -161,11 +161,10 @@ class MountVerb final : public Verb {
 class UmountVerb final : public Verb {
  public:
   Words words() const override {
-    return {"umount", "Unmount what `kzv mount` shows, and wait until what was written is sent",
-            "  kzv umount ~/Cloud"};
+    return {"umount", "Unmount a volume, and wait for its pending uploads", "  kzv umount ~/Cloud"};
   }
   void declare(VerbArguments& arguments) override {
-    arguments.value("DIR", folder_, "Where it is mounted").required();
+    arguments.value("DIR", folder_, "The folder it is mounted at").required();
   }
 
   void run(VerbContext& context) override {
@@ -178,17 +177,17 @@ class UmountVerb final : public Verb {
   }
 
  private:
-  /// The process behind the mount sends what waits before it ends; says what is left then.
+  /// Waits for the mount's process, which makes the pending uploads before it ends; reports those left.
   static void awaitEnd(VerbContext& context, const UploadJournal::State& state) {
-    constexpr auto moment = 50ms;
+    constexpr auto interval = 50ms;
     if (state.isMounted && !state.waiting.empty())
-      context.console.note(fmt::format("sending {} that {} ...", fileCount(state.waiting.size()),
+      context.console.note(fmt::format("uploading {} ...", fileCount(state.waiting.size()),
                                        state.waiting.size() == 1 ? "waits" : "wait"));
-    const auto end = std::chrono::steady_clock::now() + lastTry + stopGrace;
+    const auto end = std::chrono::steady_clock::now() + flushTimeout + stopGrace;
     while (UploadJournal::isMounted(state.accountId) && std::chrono::steady_clock::now() < end &&
            !context.shouldStop(state.mountpoint))
-      std::this_thread::sleep_for(moment);
-    noteWaiting(context, UploadJournal::stateOf(state.accountId));
+      std::this_thread::sleep_for(interval);
+    notePending(context, UploadJournal::stateOf(state.accountId));
   }
 
   std::string folder_;

@@ -18,8 +18,7 @@ class MvVerb final : public Verb {
   }
   void declare(VerbArguments& arguments) override {
     arguments.value("FROM", from_, "File or folder of the account").required();
-    arguments.value("TO", to_, "An existing folder, which receives it under its own name, or its new path")
-        .required();
+    arguments.value("TO", to_, "An existing folder, in which it keeps its name, or its new path").required();
   }
 
   void run(VerbContext& context) override {
@@ -28,7 +27,7 @@ class MvVerb final : public Verb {
     const std::string to = from.empty() ? std::string() : context.pathFrom(to_);
     if (to.empty() || context.shouldStop(from)) return;
     if (from == "/")
-      return context.fail(from, hostError(HostErrorCode::badInput, "the whole account is not moved"));
+      return context.fail(from, hostError(HostErrorCode::badInput, "the root folder cannot be moved"));
     const std::string target = targetFor(*volume, from, to);
     NSErrorRef error;
     const std::string folder = deletingLastPathComponent(target);
@@ -44,7 +43,7 @@ class MvVerb final : public Verb {
     return isInto ? appendingPathComponent(to, lastPathComponent(from)) : to;
   }
 
-  /// Volumes make folders that are missing, so one that was mistyped would come to be.
+  /// Checked because volumes create missing folders: a mistyped one must not be created.
   static bool isFolder(FSPlugin& volume, const std::string& path, NSErrorRef* error = nullptr) {
     if (path == "/") return true;
     NSErrorRef reason;

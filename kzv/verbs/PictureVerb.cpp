@@ -12,7 +12,7 @@ namespace kzv::cli {
 
 namespace {
 
-/// Writes a picture that the volume has for an item: its icon, or a preview of what is in it.
+/// Writes a picture of an item: its icon, or a preview of its content.
 class PictureVerb final : public Verb {
  public:
   using Picture = std::shared_ptr<NSImage> (FSPlugin::*)(const std::string&, NSErrorRef*);

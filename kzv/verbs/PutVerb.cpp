@@ -23,13 +23,13 @@ class PutVerb final : public Verb {
     arguments
         .value("LOCAL", local_,
                "File or folder of this computer. Links to files are followed. A link to a folder is "
-               "followed when it is LOCAL itself; below a folder it is reported and left out, as cp -r "
-               "and rsync do not enter it either")
+               "followed only if it is LOCAL itself; below a folder it is reported and left out, like with "
+               "cp -r and rsync")
         .required();
     arguments
         .value("REMOTE", remote_,
-               "Where to: an existing folder, which receives it under its own name, or a new path "
-               "in an existing folder")
+               "Where to: an existing folder, in which it keeps its name, or a new path in an existing "
+               "folder")
         .required();
   }
 
@@ -44,7 +44,7 @@ class PutVerb final : public Verb {
     NSErrorRef error;
     const bool isIntoFolder = remote_.ends_with('/') || isFolder(*volume, path, &error);
     const std::string folder = isIntoFolder ? path : deletingLastPathComponent(path);
-    // A folder whose name was mistyped must not be made.
+    // A mistyped folder must not be created.
     if (!isFolder(*volume, folder, &error)) return context.fail(folder, error);
     const std::string target = isIntoFolder ? appendingPathComponent(path, lastPathComponent(local)) : path;
     context.setSubject(local_);

@@ -32,7 +32,7 @@ class RmVerb final : public Verb {
       if (path.empty()) continue;
       if (context.shouldStop(path)) return;
       if (path == "/") {
-        context.fail(path, hostError(HostErrorCode::badInput, "the whole account is not removed"));
+        context.fail(path, hostError(HostErrorCode::badInput, "the root folder cannot be removed"));
       } else if (mayRemove(context, *volume, path)) {
         remove(context, *volume, path);
       }
@@ -45,14 +45,14 @@ class RmVerb final : public Verb {
     if (!volume.removeItemAtPath(path, &error)) context.fail(path, error);
   }
 
-  /// A script has nobody to ask and means what it says.
+  /// Asks before removing a folder; a script is not asked.
   bool mayRemove(VerbContext& context, FSPlugin& volume, const std::string& path) const {
     if (isForced_ || ::isatty(STDIN_FILENO) != 1) return true;
     const auto attributes = volume.attributesAtPath(path, nullptr);
     if (!attributes || !Entry::from(path, *attributes).isDirectory) return true;
     context.console.prompt(fmt::format("Remove the folder {} with everything in it? [y/N] ", harmless(path)));
     const auto answer = readInputLine();
-    if (!answer) context.shouldStop(path);  // or the end of the input, which is a no
+    if (!answer) context.shouldStop(path);  // the end of the input counts as no
     return answer == "y" || answer == "Y" || answer == "yes";
   }
 

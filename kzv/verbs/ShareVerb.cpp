@@ -14,7 +14,7 @@ namespace {
 class ShareVerb final : public Verb {
  public:
   Words words() const override {
-    return {"share", "Show the public link to a file of the desktop client's account, made if there is none",
+    return {"share", "Show the public link to an item of the desktop client's account; creates one if needed",
             "  kzv share /Documents/report.pdf"};
   }
   void declare(VerbArguments& arguments) override {
@@ -48,7 +48,7 @@ class ShareVerb final : public Verb {
                              : "this link is not for everybody: " + audience(link.audience));
   }
 
-  /// The service's word for an audience, for people; one that we do not know as it stands.
+  /// The service's name of an audience as a sentence; unknown names unchanged.
   static std::string audience(const std::string& word) {
     static const std::map<std::string, std::string> sentences{
         {"team_only", "only members of the team can open it"},
@@ -66,8 +66,8 @@ class ShareVerb final : public Verb {
 
   static NSErrorRef noDesktopAccountError() {
     return hostError(HostErrorCode::noAccount,
-                     "links are made in the desktop client's account, and none is recorded; record one "
-                     "with: kzv desktop --set ID");
+                     "links are made in the desktop client's account, which is unknown; set it with: kzv "
+                     "desktop --set ID");
   }
 
   std::string typed_;

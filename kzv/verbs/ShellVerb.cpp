@@ -8,14 +8,14 @@ namespace {
 class ShellVerb final : public Verb {
  public:
   Words words() const override {
-    return {"shell", "Run many commands in one program: current folder, history, completion",
+    return {"shell", "Run commands interactively or from a script: current folder, history, completion",
             "  kzv shell\n"
             "  kzv --account Ada shell < commands.txt\n"
             "A script's exit status is that of its last command that failed, 0 when none did.\n"
-            "A line is VERB ARGUMENTS, as behind kzv, with quotes and backslashes as in a POSIX shell;\n"
-            "# begins a comment. Options before the word shell hold for all lines; a line may have\n"
-            "--account and --json of its own. Relative paths of the account count from its current\n"
-            "folder: account, cd, pwd; lcd and lpwd for this computer; help; exit, quit or Ctrl-D."};
+            "A line is VERB ARGUMENTS, as after kzv, with quotes and backslashes as in a POSIX shell;\n"
+            "# starts a comment. Options before the word shell apply to all lines; a line may have its\n"
+            "own --account and --json. Further verbs: account selects an account, cd and pwd its\n"
+            "current folder, lcd and lpwd that of this computer; help; exit, quit or Ctrl-D."};
   }
   void declare(VerbArguments& /*arguments*/) override {}
   void run(VerbContext& context) override { Shell(context).run(); }

@@ -28,18 +28,18 @@ class UnlinkVerb final : public Verb {
     if (!accountId) return context.fail(wanted_, error);
     const bool isRevoked = accounts->unlinkAccount(*accountId, &error);
     context.session.noteUnlink();
-    noteUnsent(context, *accountId);
+    notePending(context, *accountId);
     if (!isRevoked) return context.fail(wanted_, error);
     if (!context.options.json) context.console.line(fmt::format("unlinked {}", harmless(*accountId)));
   }
 
  private:
-  /// What was written through a mount and never reached the account is not lost with it.
-  static void noteUnsent(VerbContext& context, const std::string& accountId) {
+  /// Reports pending uploads of a mount, which are kept.
+  static void notePending(VerbContext& context, const std::string& accountId) {
     const auto state = kzv::mount::UploadJournal::stateOf(accountId);
     if (state.waiting.empty()) return;
     context.console.note(fmt::format(
-        "{} of this account {} never sent and {} kept in {}; a mount sends {} once the account is "
+        "{} of this account {} never uploaded and {} kept in {}; a mount uploads {} once the account is "
         "linked again",
         fileCount(state.waiting.size()), state.waiting.size() == 1 ? "was" : "were",
         state.waiting.size() == 1 ? "is" : "are", harmless(state.folder),

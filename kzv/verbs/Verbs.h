@@ -3,7 +3,7 @@
 
 #include "kzv/Verb.h"
 
-/// Every verb, in the order of the help text. NAME stands for a function makeNAMEVerb(); the class itself is
+/// Every verb, in the order of the help text. Each NAME has a function makeNAMEVerb(); the class itself is
 /// private to its file.
 // clang-format off
 #define KZV_VERBS(X) \

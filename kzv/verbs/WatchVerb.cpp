@@ -13,7 +13,7 @@ namespace kzv::cli {
 
 namespace {
 
-/// A queue of changed folders' paths, from the main thread, where volumes report them, to the verb's thread.
+/// A queue of changed folders from the main thread, where volumes report them, to the verb's thread.
 class ChangedPaths {
  public:
   void add(const std::string& path) {
@@ -23,11 +23,11 @@ class ChangedPaths {
     }
     arrived_.notify_one();
   }
-  /// Takes all that has arrived; waits a moment when there is nothing.
+  /// Removes and returns all paths; waits up to 100 ms for one.
   std::deque<std::string> take() {
-    constexpr auto moment = std::chrono::milliseconds(100);  // so soon a stop is noticed
+    constexpr auto limit = std::chrono::milliseconds(100);  // how soon a stop is noticed
     std::unique_lock lock(mutex_);
-    arrived_.wait_for(lock, moment, [&] { return !paths_.empty(); });
+    arrived_.wait_for(lock, limit, [&] { return !paths_.empty(); });
     return std::exchange(paths_, {});
   }
 
@@ -44,16 +44,15 @@ class WatchVerb final : public Verb {
             "  kzv watch /Documents /Photos"};
   }
   void declare(VerbArguments& arguments) override {
-    arguments
-        .values("PATH", typed_, "Folders of the account; a change counts when it is in the folder itself")
+    arguments.values("PATH", typed_, "Folders of the account; changes in their subfolders are not reported")
         .required();
   }
 
   void run(VerbContext& context) override {
     const auto volume = context.openVolume();
     if (!volume) return;
-    const auto changes = std::make_shared<ChangedPaths>();  // callbacks may still come while the verb ends
-    volume->pollForChanges();  // so that what is seen first is current, and only later changes make lines
+    const auto changes = std::make_shared<ChangedPaths>();  // callbacks may outlive the verb
+    volume->pollForChanges();                               // so that only later changes are reported
     FSItems watched;
     for (const std::string& typed : typed_) {
       if (auto item = watch(context, volume, typed, changes)) watched.push_back(std::move(item));
@@ -61,7 +60,7 @@ class WatchVerb final : public Verb {
     while (!watched.empty() && !context.shouldStop(watched.front()->path())) {
       for (const std::string& path : changes->take()) report(context, path);
       if (context.session.isVolumeLinked()) continue;
-      context.fail("", context.session.reasonForNothing());
+      context.fail("", context.session.missingError());
       break;
     }
     for (const auto& item : watched) volume->stopWatchFolder(item);
@@ -74,7 +73,8 @@ class WatchVerb final : public Verb {
     const std::string path = context.pathFrom(typed);
     if (path.empty()) return nullptr;
     NSErrorRef error;
-    if (!volume->contentAtPath(path, false, true, &error)) {  // changes are told from what was seen on
+    if (!volume->contentAtPath(path, false, true,
+                               &error)) {  // a folder's changes are reported once it has been listed
       context.fail(path, error);
       return nullptr;
     }
