@@ -34,7 +34,8 @@ UserList fetchUserList() {
   UserList users;
   for (const std::string& userId : userIds) {
     NSErrorRef error;
-    const auto info = KZVDropboxFileManager::initWithUserId(userId)->accountInfo(&error);
+    const auto info =
+        KZVDropboxFileManager::initWithUserId(userId)->accountInfo(&error, DBAccountParts::identity);
     if (info) {
       users.emplace(userId, displayText(*info));
     } else {

@@ -1,5 +1,7 @@
 #pragma once
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -36,6 +38,9 @@ struct VolumeSpace {
   std::int64_t totalBytes = 0;
   std::int64_t freeBytes = 0;
 };
+
+/// For prepareToListTree: a tree of any size.
+inline constexpr std::size_t anyNumberOfItems = std::numeric_limits<std::size_t>::max();
 
 /// One file system that a plug-in offers, for instance one account. The host talks to volumes through this
 /// interface alone. Paths begin with "/", which alone is the root, in UTF-8.
@@ -88,6 +93,13 @@ class FSPlugin : public NSObject, public std::enable_shared_from_this<FSPlugin> 
   /// Many items are about to be looked up or listed, for example by a batch copy. A hint, for volumes that
   /// can prepare a cache in the background. Does not block.
   virtual void prepareForManyLookUps() {}
+
+  /// The folder at `path` and everything below it are about to be listed, folder by folder. A hint, for
+  /// volumes that can load a whole tree faster than that. Blocks until it is loaded; failures are not
+  /// reported, since listing a folder reports its own.
+  /// @param maxItems  the caller will not list more, so a tree with more items is not loaded.
+  /// @return false when the tree has more.
+  virtual bool prepareToListTree(const std::string& /*path*/, std::size_t /*maxItems*/) { return true; }
 
   // Transfer and tree changes. A read-only file system keeps these defaults, which fail with "not supported".
   /// A local copy of a file or folder, kept as long as its user holds it; hand every URL back with

@@ -1,6 +1,7 @@
 #pragma once
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -8,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "core/ProgressCallback.h"
 #include "core/WriteBase.h"
@@ -51,6 +53,14 @@ class KZVDropboxFileManager final : public NSObject,
   /// then.
   MetadataRef metadata(const std::string& path, const ProgressCallback& progress, NSErrorRef* error);
 
+  /// Caches the listing of the folder at `path` and those of all folders below it, fetched in one stream
+  /// instead of one by one, so that a walk finds them there. What cannot be fetched this way, or changes
+  /// meanwhile, is fetched when it is asked for. Waits briefly for the first cursor, without which nothing is
+  /// kept. Blocks.
+  /// @param maxEntries  a larger tree is not fetched.
+  /// @return false when the tree is larger.
+  bool loadTree(const std::string& path, std::size_t maxEntries);
+
   // Delta runs bring metaCache up to date with the account's change feed. One is under way at a time; until
   // the first has brought a cursor, nothing is kept in metaCache. After a failure the next one waits: some
   // seconds, for as long as the service asks, at most about deltaUpdateInterval. Failures in a row are
@@ -81,7 +91,8 @@ class KZVDropboxFileManager final : public NSObject,
   void deltaSmartUpdate() {}
 
   /// Name, address and space of the account, asked for anew at each call. Blocks.
-  std::shared_ptr<DBAccountInfo> accountInfo(NSErrorRef* error = nullptr);
+  std::shared_ptr<DBAccountInfo> accountInfo(NSErrorRef* error = nullptr,
+                                             DBAccountParts parts = DBAccountParts::all);
 
   /// Downloads the newest version of a file to `local`, which is there only when it is whole; its date is the
   /// version's.
@@ -110,7 +121,7 @@ class KZVDropboxFileManager final : public NSObject,
   ///                  service may still store what it had received whole.
   /// @return the record once the service has stored the file, whose path says where; or null. Blocks.
   MetadataRef uploadFile(const NSURL& local, const std::string& toPath, const WriteBase& base,
-                         ProgressCallback progress, NSErrorRef* error = nullptr);
+                         const ProgressCallback& progress, NSErrorRef* error = nullptr);
   /// The revision of the file at `path` as far as the cache knows. Does not block.
   std::optional<std::string> knownRevision(const std::string& path) const;
   // Tree changes; each blocks for its request, and the next listing shows it.
@@ -200,6 +211,14 @@ class KZVDropboxFileManager final : public NSObject,
   /// known.
   std::optional<std::string> knownFolderPath(const std::string& key) const;
 
+  enum class Streamed { whole, tooLarge, failed };
+  /// Fetches a folder, whose record is known (null: the root), with everything below it into metaCache.
+  Streamed streamTree(const MetadataRef& folder, std::size_t maxEntries);
+  /// The same for several folders, some of them concurrently. False when one of them is larger.
+  bool streamTrees(const std::vector<MetadataRef>& folders, std::size_t maxEntries);
+
+  /// Waits, not long, for the first run to bring a cursor. False when there is none then.
+  bool waitForFirstCursor();
   /// Null when it is not the time for a run, or one is under way.
   DeltaRunRef beginDeltaRun(RunWhen when);
   void beginDeltaRunLocked(DeltaRun& run);

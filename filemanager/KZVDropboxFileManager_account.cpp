@@ -1,6 +1,6 @@
 #include "filemanager/KZVDropboxFileManager.h"
 
-std::shared_ptr<DBAccountInfo> KZVDropboxFileManager::accountInfo(NSErrorRef* error) {
+std::shared_ptr<DBAccountInfo> KZVDropboxFileManager::accountInfo(NSErrorRef* error, DBAccountParts parts) {
   return as<DBAccountInfo>(
-      requestOnMainClient([](DBRestClient& client) { client.loadAccountInfo(); }, error));
+      requestOnMainClient([parts](DBRestClient& client) { client.loadAccountInfo(parts); }, error));
 }

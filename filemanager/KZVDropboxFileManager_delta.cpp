@@ -89,6 +89,14 @@ void KZVDropboxFileManager::fetchFirstCursor() {
   if (!deltaCursor()) pollOnTimer();
 }
 
+bool KZVDropboxFileManager::waitForFirstCursor() {
+  constexpr auto longestWait = 2s;  // one that does not come soon must not keep a listing waiting
+  fetchFirstCursor();
+  std::unique_lock lock(deltaStateMutex_);
+  deltaRunEnded_.wait_for(lock, longestWait, [&] { return lastDeltaCursor || !isDeltaRunning_; });
+  return lastDeltaCursor.has_value();
+}
+
 void KZVDropboxFileManager::pollNow() {
   auto run = std::make_shared<DeltaRun>(shared_from_this());
   {

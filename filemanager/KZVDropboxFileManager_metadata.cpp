@@ -50,10 +50,10 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::fetchRecord(const std:
                                                                       const Carry& carry) {
   const auto fetch = synced(*metaCache, [&] { return metaCache->beginFetch(key); });
   const auto known = knownRecord(key);  // a parent's listing tells where there is no folder
-  const bool isNoFolder = known && !(*known && (*known)->isDirectory());
-  const auto expected = isNoFolder ? DBRestClient::Expect::noFolder : DBRestClient::Expect::anything;
-  const id result = carry([path, expected, folder = knownFolderPath(key)](DBRestClient& client) {
-    client.loadMetadata(path, expected, folder);
+  const bool isFolder = known && *known && (*known)->isDirectory();
+  DBKnownItem knownItem{knownFolderPath(key), isFolder ? *known : nullptr, known && !isFolder};
+  const id result = carry([path, knownItem = std::move(knownItem)](DBRestClient& client) {
+    client.loadMetadata(path, knownItem);
   });
   MetadataRef record = as<DBMetadata>(result);
   synced(*metaCache, [&] {

@@ -33,15 +33,8 @@ Contents::const_iterator placeOf(const Contents& contents, const std::string& ke
 /// it.
 MetadataCache::Record childOf(const std::string& folderPath, const MetadataCache::Record& file) {
   if (deletingLastPathComponent(file->path()) == folderPath) return file;
-  DBMetadata::Fields fields;
+  DBMetadata::Fields fields = file->fields();
   fields.folderPath = std::make_shared<const std::string>(folderPath);
-  fields.name = file->filename();
-  fields.lowercasePath = file->lowercasePath();
-  fields.rev = file->rev();
-  fields.icon = file->icon();
-  fields.totalBytes = file->totalBytes();
-  fields.lastModifiedDate = file->lastModifiedDate();
-  fields.thumbnailExists = file->thumbnailExists();
   return std::make_shared<const DBMetadata>(std::move(fields));
 }
 
@@ -56,11 +49,7 @@ MetadataCache::Record listingWith(const DBMetadata& folder, const MetadataCache:
   changed->push_back(child);
   const bool replaces = place != contents.end() && MetadataCache::keyOf(**place) == key;
   changed->insert(changed->end(), replaces ? place + 1 : place, contents.end());
-  DBMetadata::Fields fields;
-  fields.path = folder.path();
-  fields.lowercasePath = folder.lowercasePath();
-  fields.icon = folder.icon();
-  fields.isDirectory = true;
+  DBMetadata::Fields fields = folder.fields();
   fields.contents = std::move(changed);
   return std::make_shared<DBMetadata>(std::move(fields));
 }
@@ -100,7 +89,7 @@ milliseconds pauseAfter(std::int64_t failures) {
 KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::uploadFile(const NSURL& local,
                                                                      const std::string& toPath,
                                                                      const WriteBase& base,
-                                                                     ProgressCallback progress,
+                                                                     const ProgressCallback& progress,
                                                                      NSErrorRef* error) {
   clearLastDeltaDate();
   bool isKnown = false;
@@ -111,7 +100,7 @@ KZVDropboxFileManager::MetadataRef KZVDropboxFileManager::uploadFile(const NSURL
   for (int tries = 1;; ++tries) {
     NSErrorRef reason;
     const auto source = UploadSource::open(local.path(), progress, &reason);
-    const MetadataRef record = source ? sendFile(*source, target, parentRev, progress, &reason) : nullptr;
+    MetadataRef record = source ? sendFile(*source, target, parentRev, progress, &reason) : nullptr;
     const bool hasChanged = record ? source->hasChanged() : hasCode(reason, DBErrorFileChanged);
     if (record && !hasChanged) return record;
     const bool isLarge = source && source->sizeBytes() >= singleRequestLimitBytes;

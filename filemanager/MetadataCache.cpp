@@ -30,6 +30,15 @@ std::string keyIn(std::string_view folder, std::string_view name) {
   return key.append(name);
 }
 
+/// Whether `key` or a folder above it is among `folders`.
+bool isWithin(std::string_view key, const std::set<std::string, std::less<>>& folders) {
+  while (!folders.empty() && !folders.contains(key)) {
+    if (key.size() <= 1) return false;
+    key = placeOf(key).folder;
+  }
+  return !folders.empty();
+}
+
 bool isFile(const MetadataCache::Record& record) { return !record->isDirectory() && !record->isDeleted(); }
 
 }  // namespace
@@ -112,14 +121,22 @@ MetadataCache::Folders::iterator MetadataCache::dropFolder(Folders::iterator fol
 }
 
 void MetadataCache::remove(std::string_view key) {
-  for (ActiveFetch& fetch : fetches_) fetch.isStale |= fetch.key == key;
+  for (ActiveFetch& fetch : fetches_) {
+    if (fetch.isTree && (fetch.key == key || isBelow(key, fetch.key)))
+      fetch.removed.emplace(key);
+    else
+      fetch.isStale |= fetch.key == key;
+  }
   std::vector<std::string> dropped;
   dropOne(key, dropped);
 }
 
 std::vector<std::string> MetadataCache::removeSubtree(std::string_view key) {
   if (key == "/") return removeAll();
-  for (ActiveFetch& fetch : fetches_) fetch.isStale |= fetch.key == key || isBelow(fetch.key, key);
+  for (ActiveFetch& fetch : fetches_) {
+    fetch.isStale |= fetch.key == key || isBelow(fetch.key, key);
+    if (fetch.isTree && isBelow(key, fetch.key)) fetch.removedSubtrees.emplace(key);
+  }
   std::vector<std::string> droppedFiles;
   dropOne(key, droppedFiles);
   if (const auto folder = folders_.find(key); folder != folders_.end()) dropFolder(folder, droppedFiles);
@@ -139,8 +156,8 @@ std::vector<std::string> MetadataCache::removeAll() {
   return droppedFiles;
 }
 
-MetadataCache::Fetch MetadataCache::beginFetch(std::string_view key) {
-  fetches_.push_back({++lastFetch_, std::string(key), !keeps_});
+MetadataCache::Fetch MetadataCache::beginFetch(std::string_view key, bool isTree) {
+  fetches_.push_back({++lastFetch_, std::string(key), isTree, !keeps_});
   return lastFetch_;
 }
 
@@ -151,4 +168,30 @@ bool MetadataCache::endFetch(Fetch fetch) {
   const bool isCurrent = !found->isStale;
   fetches_.erase(found);
   return isCurrent;
+}
+
+void MetadataCache::endTreeFetch(Fetch fetch, const std::vector<Record>& folders) {
+  const auto found = std::find_if(fetches_.begin(), fetches_.end(),
+                                  [&](const ActiveFetch& active) { return active.number == fetch; });
+  if (found == fetches_.end()) return;
+  const ActiveFetch ended = std::move(*found);
+  fetches_.erase(found);
+  if (ended.isStale) return;
+  for (const Record& folder : folders) {
+    const std::string key = keyOf(*folder);
+    if (!ended.removed.contains(key) && !isWithin(key, ended.removedSubtrees)) store(key, folder);
+  }
+}
+
+bool MetadataCache::holdsTree(std::string_view key) const {
+  std::vector<std::string> keys{std::string(key)};
+  while (!keys.empty()) {
+    const Record folder = find(keys.back());
+    keys.pop_back();
+    if (!folder || !folder->contents()) return false;
+    for (const Record& child : *folder->contents()) {
+      if (child->isDirectory() && !child->isDeleted()) keys.push_back(keyOf(*child));
+    }
+  }
+  return true;
 }

@@ -2,6 +2,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -49,10 +50,17 @@ class MetadataCache final : public NSObject {
   std::size_t count() const noexcept { return count_; }
 
   /// Notes that `key` is being asked for.
-  Fetch beginFetch(std::string_view key);
+  Fetch beginFetch(std::string_view key) { return beginFetch(key, false); }
   /// Ends the fetch; false when its path was invalidated meanwhile, or when it began before startKeeping():
   /// the answer may be given, but not kept.
   bool endFetch(Fetch fetch);
+  /// Notes that the folder at `key` and everything below it are being asked for.
+  Fetch beginTreeFetch(std::string_view key) { return beginFetch(key, true); }
+  /// Ends the fetch and stores those of `folders` (with their contents) that no change has invalidated
+  /// meanwhile; none when it began before startKeeping().
+  void endTreeFetch(Fetch fetch, const std::vector<Record>& folders);
+  /// Whether the folder at `key` and all folders below it are cached with their contents.
+  bool holdsTree(std::string_view key) const;
 
  private:
   struct TextHash {
@@ -74,8 +82,13 @@ class MetadataCache final : public NSObject {
   struct ActiveFetch {
     Fetch number;
     std::string key;
+    bool isTree;
     bool isStale;
+    std::set<std::string, std::less<>> removed{};          // of a tree: keys below its own
+    std::set<std::string, std::less<>> removedSubtrees{};  // of a tree: the same, with what is below them
   };
+
+  Fetch beginFetch(std::string_view key, bool isTree);
 
   Folders::iterator dropFolder(Folders::iterator folder, std::vector<std::string>& droppedFiles);
   void dropOne(std::string_view key, std::vector<std::string>& droppedFiles);

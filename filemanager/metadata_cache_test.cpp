@@ -104,6 +104,47 @@ TEST_F(MetadataCacheTest, AnAnswerOvertakenByAChangeIsNotKept) {
   }
 }
 
+TEST_F(MetadataCacheTest, OfATreeWhatAChangeHasOvertakenIsNotKept) {
+  const auto listed = [](const std::string& path, MetadataCache::Record child = nullptr) {
+    DBMetadata::Fields fields = folder(path)->fields();
+    auto contents = std::make_shared<DBMetadata::Contents>();
+    if (child) contents->push_back(std::move(child));
+    fields.contents = std::move(contents);
+    return MetadataCache::Record(std::make_shared<DBMetadata>(fields));
+  };
+  struct Case {
+    const char* name;
+    void (*change)(MetadataCache&);
+    std::set<std::string> kept;
+  };
+  const Case cases[] = {
+      {"nothing happened", [](MetadataCache&) {}, {"/t", "/t/a", "/t/a/b", "/t/ab"}},
+      {"one listing dropped", [](MetadataCache& c) { c.remove("/t/a"); }, {"/t", "/t/a/b", "/t/ab"}},
+      {"a subtree dropped", [](MetadataCache& c) { c.removeSubtree("/t/a"); }, {"/t", "/t/ab"}},
+      {"its own listing dropped", [](MetadataCache& c) { c.remove("/t"); }, {"/t/a", "/t/a/b", "/t/ab"}},
+      {"its own subtree dropped", [](MetadataCache& c) { c.removeSubtree("/t"); }, {}},
+      {"a folder elsewhere dropped",
+       [](MetadataCache& c) { c.removeSubtree("/ta"); },
+       {"/t", "/t/a", "/t/a/b", "/t/ab"}},
+      {"all dropped", [](MetadataCache& c) { c.removeAll(); }, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    cache.removeSubtree("/t");
+    const auto fetch = cache.beginTreeFetch("/t");
+    c.change(cache);
+    cache.endTreeFetch(fetch, {listed("/t", folder("/t/a")), listed("/t/a", folder("/t/a/b")),
+                               listed("/t/a/b"), listed("/t/ab")});
+    std::set<std::string> kept;
+    for (const char* key : {"/t", "/t/a", "/t/a/b", "/t/ab"}) {
+      if (cache.find(key)) kept.insert(key);
+    }
+    EXPECT_EQ(kept, c.kept);
+    EXPECT_EQ(cache.holdsTree("/t"),
+              c.kept.contains("/t") && c.kept.contains("/t/a") && c.kept.contains("/t/a/b"));
+  }
+}
+
 TEST_F(MetadataCacheTest, AListingThatCameToTheAddressOfAFreedOneHasNotBeenEntered) {
   alignas(DBMetadata) std::byte place[sizeof(DBMetadata)];
   const auto listingAtPlace = [&] {

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "core/synced.h"
 #include "foundation/Fatal.h"
 #include "foundation/NSDate.h"
@@ -12,6 +14,8 @@
 namespace {
 
 using MetadataRef = KZVDropboxFileManager::MetadataRef;
+
+constexpr std::size_t maxEntriesOfTree = 1'000'000;  // takes about 600 MB
 
 const id& constantString(std::string_view text) {
   static const auto& size = *new id(str(std::string(NSFileSize)));
@@ -62,9 +66,14 @@ std::shared_ptr<FSItem> KZVDropboxFS::itemAtPath(const std::string& path, NSErro
 // is as much the user's file as any other.
 std::optional<FSItems> KZVDropboxFS::contentAtPath(const std::string& path, bool recursive, bool showHidden,
                                                    NSErrorRef* error) {
+  if (recursive) prepareToListTree(path, anyNumberOfItems);
   FSItems items;
   if (!appendContent(path, recursive, showHidden, error, items)) return std::nullopt;
   return items;
+}
+
+bool KZVDropboxFS::prepareToListTree(const std::string& path, std::size_t maxItems) {
+  return requiredManager().loadTree(path, std::min(maxItems, maxEntriesOfTree));
 }
 
 bool KZVDropboxFS::appendContent(const std::string& path, bool recursive, bool showHidden, NSErrorRef* error,

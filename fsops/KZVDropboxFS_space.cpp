@@ -26,14 +26,14 @@ id textOrNothing(const std::string& text) { return text.empty() ? nullptr : str(
 // The caller's error is not passed on, on purpose: a panel that cannot show free space shows none and says
 // nothing. space() is for callers that tell.
 std::shared_ptr<NSDictionary> KZVDropboxFS::fsAttributes(const std::string& /*path*/, NSErrorRef* /*error*/) {
-  const auto info = requiredManager().accountInfo(nullptr);
+  const auto info = requiredManager().accountInfo(nullptr, DBAccountParts::quota);
   if (!info) return nullptr;
   return NSDictionary::with({{NSFileSystemSize, NSNumber::withInt(info->quota().totalBytes)},
                              {NSFileSystemFreeSize, NSNumber::withInt(freeBytes(info->quota()))}});
 }
 
 std::optional<VolumeSpace> KZVDropboxFS::space(NSErrorRef* error) {
-  const auto info = requiredManager().accountInfo(ServiceErrors(error));
+  const auto info = requiredManager().accountInfo(ServiceErrors(error), DBAccountParts::quota);
   if (!info) return std::nullopt;
   return spaceOf(info->quota());
 }

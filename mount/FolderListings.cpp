@@ -22,6 +22,11 @@ FolderListings::FolderListings(VolumeCalls& calls, MountTree& tree, NodePaths& p
       kernel_(kernel),
       startTime_(startTime) {}
 
+bool FolderListings::isUnknown(const MountNode& folder) const {
+  const TreeLock lock(tree_);
+  return folder.isRemote && folder.inside().listing == Listing::unknown;
+}
+
 int FolderListings::ensureListed(const MountNodeRef& folder, const IsInterrupted& isInterrupted) {
   constexpr int rounds = 3;  // then a folder that keeps changing is shown as it was a moment ago
   for (int round = 1; round <= rounds; ++round) {

@@ -19,6 +19,8 @@ class FolderListings {
   FolderListings(VolumeCalls& calls, MountTree& tree, NodePaths& paths, FolderWatches& watches,
                  ChangedFolders& changed, Leftovers& leftovers, KernelCache& kernel, NSDate::Time startTime);
 
+  /// Whether the volume would have to list the folder, because it has never done so.
+  bool isUnknown(const MountNode& folder) const;
   /// Lists the folder, unless its items are known and current.
   int ensureListed(const MountNodeRef& folder, const IsInterrupted& isInterrupted);
   /// The child under `name` once the folder has been listed; null when there is none.

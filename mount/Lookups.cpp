@@ -53,6 +53,9 @@ Result<std::shared_ptr<const Lookups::Listing>> Lookups::list(NodeId number,
   const auto folder = find(number);
   if (!folder) return {nullptr, ENOENT};
   if (!folder->isFolder) return {nullptr, ENOTDIR};
+  if (parts_.listings.isUnknown(*folder)) {
+    if (const auto held = parts_.paths.hold(folder)) parts_.walks.beforeListing(held->path, isInterrupted);
+  }
   if (const int reason = parts_.listings.ensureListed(folder, isInterrupted)) return {nullptr, reason};
   auto listing = std::make_shared<Listing>();
   const TreeLock lock(parts_.tree);

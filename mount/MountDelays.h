@@ -23,6 +23,8 @@ struct MountDelays {
   std::chrono::milliseconds quietFolder{300};
   /// ... or this long after the notice, since other devices' changes must be shown, too.
   std::chrono::milliseconds longestRefreshDelay{2000};
+  /// A program that opens two sub-folders of one folder within this time walks through the tree.
+  std::chrono::milliseconds walkWindow = std::chrono::seconds(3);
   /// How long free space is cached: desktops ask for it often.
   std::chrono::milliseconds spaceAge = std::chrono::seconds(30);
 };

@@ -12,6 +12,7 @@
 #include "mount/MountTree.h"
 #include "mount/NodePaths.h"
 #include "mount/SendQueue.h"
+#include "mount/TreeWalks.h"
 #include "mount/Uploader.h"
 #include "mount/VolumeCalls.h"
 
@@ -34,6 +35,7 @@ struct MountParts {
   const std::shared_ptr<UploadJournal> journal;
   KernelCache& kernel;
   VolumeCalls calls;
+  TreeWalks walks{volume, delays.walkWindow};
   MountTree tree{[this](std::string_view name) { return volume->nameKey(name); }};
   NodePaths paths{tree, calls};
   const std::shared_ptr<ChangedFolders> changed = std::make_shared<ChangedFolders>();

@@ -15,6 +15,7 @@
 #include "mount/MountNames.h"
 #include "mount/MountTree.h"
 #include "mount/PathLocks.h"
+#include "mount/TreeWalks.h"
 #include "mount/VolumePath.h"
 #include "mount/testing/JournalTest.h"
 #include "mount/testing/MemoryVolume.h"
@@ -328,6 +329,64 @@ TEST_F(FileContentTest, FilesThatStayHereAreNeverUploaded) {
   EXPECT_EQ(fetched.keepLocal("/w.tmp"), 0);
   EXPECT_EQ(read(fetched), "from the volume");
   EXPECT_EQ(journal->locals().size(), 2U);
+}
+
+TEST(TreeWalks, LoadTheTreeWhenASecondFolderInItIsOpened) {
+  struct Case {
+    const char* name;
+    std::vector<std::string> opened;
+    std::vector<std::string> loaded;
+    bool isWhole = true;
+  };
+  const Case cases[] = {{"one folder", {"/", "/a"}, {}},
+                        {"the same folder again", {"/a", "/a"}, {}},
+                        {"down a path", {"/", "/a", "/a/b", "/a/b/c"}, {}},
+                        {"its neighbour", {"/", "/a", "/b"}, {"/"}},
+                        {"a walk further down", {"/x/a", "/x/a/i", "/x/b", "/x/b/i"}, {"/x"}},
+                        {"folders of different folders", {"/x/a", "/y/a"}, {}},
+                        {"a tree that is too large, once", {"/a", "/b", "/c", "/d"}, {"/"}, false}};
+  for (const Case& c : cases) {
+    const auto volume = std::make_shared<MemoryVolume>();
+    volume->onTree([&](const std::string&) { return c.isWhole; });
+    TreeWalks walks(volume, 1h);
+    for (const std::string& path : c.opened) walks.beforeListing(path, [] { return false; });
+    EXPECT_EQ(volume->loadedTrees(), c.loaded) << c.name;
+  }
+  const auto volume = std::make_shared<MemoryVolume>();
+  TreeWalks patient(volume, 0s);
+  for (const char* path : {"/a", "/b", "/c"}) patient.beforeListing(path, [] { return false; });
+  EXPECT_EQ(volume->loadedTrees(), std::vector<std::string>{}) << "too far apart";
+}
+
+TEST(TreeWalks, WhoComesMeanwhileWaitsForTheTree) {
+  const auto volume = std::make_shared<MemoryVolume>();
+  TreeWalks walks(volume, 1h);
+  std::promise<void> isLoading;
+  std::promise<void> mayEnd;
+  volume->onTree([&](const std::string&) {
+    isLoading.set_value();
+    mayEnd.get_future().wait();
+    return true;
+  });
+  walks.beforeListing("/x/a", [] { return false; });
+  auto loading = std::async(std::launch::async, [&] { walks.beforeListing("/x/b", [] { return false; }); });
+  ASSERT_EQ(isLoading.get_future().wait_for(60s), std::future_status::ready);
+  std::promise<void> hasAsked;
+  std::once_flag once;
+  auto waiting = std::async(std::launch::async, [&] {
+    walks.beforeListing("/x/c/d", [&] {
+      std::call_once(once, [&] { hasAsked.set_value(); });
+      return false;
+    });
+  });
+  ASSERT_EQ(hasAsked.get_future().wait_for(60s), std::future_status::ready) << "it waits";
+  walks.beforeListing("/x/c", [] { return true; });  // one that is interrupted does not
+  walks.beforeListing("/y/a", [] { return false; });
+  EXPECT_EQ(waiting.wait_for(0s), std::future_status::timeout);
+  mayEnd.set_value();
+  EXPECT_EQ(waiting.wait_for(60s), std::future_status::ready);
+  EXPECT_EQ(loading.wait_for(60s), std::future_status::ready);
+  EXPECT_EQ(volume->loadedTrees(), std::vector<std::string>{"/x"});
 }
 
 }  // namespace

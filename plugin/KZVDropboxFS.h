@@ -155,6 +155,7 @@ class KZVDropboxFS final : public FSPlugin {
   FSItems watchedFolders() const override { return _watchedFolders.get(); }
   void pollForChanges() override;
   void prepareForManyLookUps() override;
+  bool prepareToListTree(const std::string& path, std::size_t maxItems) override;
   /// The service thread's timer: one poll of the change feed for every attached instance. Does not wait for
   /// them.
   static void dbTimerIntervalExpired(NSTimer& timer);

@@ -11,6 +11,9 @@ struct DBQuota {
   std::int64_t totalConsumedBytes = 0;
 };
 
+/// What to load of an account: each part is a request of its own. Parts that were not loaded are empty.
+enum class DBAccountParts { all, identity, quota };
+
 /// An account as the service describes it. Never changes after it has been built.
 class DBAccountInfo final : public NSObject {
  public:

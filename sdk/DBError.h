@@ -20,6 +20,8 @@ inline constexpr int DBErrorServiceAddress = 104;
 
 /// Code: a local file changed while it was being sent. Nothing of the mixture was stored.
 inline constexpr int DBErrorFileChanged = 106;
+/// Code: a tree has more entries than the caller wanted.
+inline constexpr int DBErrorTreeTooLarge = 107;
 /// Code: an account was forgotten here, but its authorization at the service could not be ended.
 inline constexpr int DBErrorNotRevoked = 105;
 /// Code: the sign-in was not finished within its time limit.

@@ -41,7 +41,6 @@ DBMetadata::DBMetadata(Fields fields)
   }
   setRev(std::move(fields.rev));
   setItemId(std::move(fields.itemId));
-  if (!fields.hash.empty()) rare().hash = std::move(fields.hash);
   if (fields.contents) rare().contents = std::move(fields.contents);
 }
 
@@ -108,9 +107,24 @@ std::string DBMetadata::lowercasePath() const {
   return rare_ && !rare_->lowercasePath.empty() ? rare_->lowercasePath : caselessKey(path());
 }
 
-const std::string& DBMetadata::contentsHash() const noexcept {
-  static const std::string& none = *new std::string;
-  return rare_ ? rare_->hash : none;
+DBMetadata::Fields DBMetadata::fields() const {
+  Fields fields;
+  if (folderPath_)
+    fields.name = name_;
+  else
+    fields.path = "/";
+  fields.folderPath = folderPath_;
+  fields.lowercasePath = lowercasePath();
+  fields.rev = rev();
+  fields.itemId = itemId();
+  fields.icon = icon();
+  fields.totalBytes = totalBytes_;
+  fields.lastModifiedDate = lastModifiedDate();
+  fields.isDirectory = isDirectory_;
+  fields.isDeleted = isDeleted_;
+  fields.thumbnailExists = thumbnailExists_;
+  fields.contents = contents();
+  return fields;
 }
 
 std::optional<NSDate::Time> DBMetadata::lastModifiedDate() const noexcept {

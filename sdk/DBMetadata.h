@@ -22,7 +22,6 @@ class DBMetadata final : public NSObject {
     std::string lowercasePath;             // the service's own key for the path
     std::string rev;                       // empty: none (folders, deleted items)
     std::string itemId;                    // the same after a move; empty: not told
-    std::string hash;                      // empty: none
     std::string_view icon = "page_white";  // of static storage duration (sdk/wire/IconNames.h)
     std::int64_t totalBytes = 0;
     std::optional<NSDate::Time> lastModifiedDate;
@@ -44,8 +43,6 @@ class DBMetadata final : public NSObject {
   /// The service's name for the item, which it keeps when it is moved or changed; empty when not told.
   /// Compare for equality only.
   std::string itemId() const;
-  /// A digest over the children of a listed folder; empty for everything else.
-  const std::string& contentsHash() const noexcept;
   std::string_view icon() const noexcept { return {icon_, iconSize_}; }
   std::int64_t totalBytes() const noexcept { return totalBytes_; }
   std::optional<NSDate::Time> lastModifiedDate() const noexcept;
@@ -54,6 +51,10 @@ class DBMetadata final : public NSObject {
   bool thumbnailExists() const noexcept { return thumbnailExists_; }
   /// The children of a folder that was loaded with them, in a fixed order; null for everything else.
   const std::shared_ptr<const Contents>& contents() const noexcept;
+  /// The path of the folder that it lies in, which the children of one listing share; null for the root.
+  const std::shared_ptr<const std::string>& folderPath() const noexcept { return folderPath_; }
+  /// What a record that differs in some fields is made from.
+  Fields fields() const;
 
  private:
   // Compact, because there may be a million: children share their folder's path, a revision is packed into 16
@@ -62,7 +63,6 @@ class DBMetadata final : public NSObject {
     std::string lowercasePath;  // only where caselessKey of the path is another
     std::string rev;            // only where it is not hexadecimal text of at most 32 digits
     std::string itemId;         // only where it is not "id:" and 22 characters
-    std::string hash;
     std::shared_ptr<const Contents> contents;
   };
   Rare& rare();

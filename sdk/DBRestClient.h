@@ -1,5 +1,6 @@
 #pragma once
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -9,6 +10,20 @@
 #include "foundation/NSObject.h"
 #include "sdk/DBRestClientDelegate.h"
 #include "sdk/DBSession.h"
+
+/// What the caller knows of an item that it loads, which saves requests. What turns out wrong costs one
+/// round trip more.
+struct DBKnownItem {
+  /// The path of the folder that the item lies in, where the service's letter case of it is known. Else, and
+  /// where the service shows another one than was asked for, the folders above are asked for their names,
+  /// since the service promises no more than the case of an item's own name.
+  std::optional<std::string> folderPath{};
+  /// The item's record, where it is a folder that its parent's listing contains: only its children are asked
+  /// for.
+  DBRestClientDelegate::MetadataRef folder{};
+  /// There is no folder of this name: its children are not asked for.
+  bool isNoFolder = false;
+};
 
 /// Asynchronous requests to the service's HTTP API (version 2) for one account. Every operation returns at
 /// once; its outcome reaches the delegate on the run loop of the thread that called the operation, which must
@@ -35,16 +50,14 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   void setDelegate(DBRestClientDelegate* delegate);
 
   /// The record of `path` ("/" is the root); of a folder with its contents, of a deleted item flagged so. A
-  /// path that never existed is an error with code 404. A folder's record and the first page of its children
-  /// are asked for together, unless the caller expects that there is no folder: one request less where that
-  /// is so, one round trip more where it is not.
-  /// Records come with the service's own letter case.
-  /// @param folder  the path of the folder that the item lies in, where the service's case of it is known.
-  /// Else, and where the service shows another one than `path` has, the folders above are asked for their
-  /// names, since the service promises no more than the case of an item's own name.
-  enum class Expect { anything, noFolder };
-  void loadMetadata(const std::string& path, Expect expected = Expect::anything,
-                    const std::optional<std::string>& folder = std::nullopt);
+  /// path that never existed is an error with code 404. Records come with the service's own letter case.
+  /// A folder's record and the first page of its children are asked for together, unless `known` says more.
+  void loadMetadata(const std::string& path, const DBKnownItem& known = {});
+  /// A folder and every folder below it with their contents, in one stream of pages: a DBTree. The listings
+  /// are those that loadMetadata would bring.
+  /// @param folder      the folder's record, whose path has the service's letter case; null: the root.
+  /// @param maxEntries  a tree with more is an error, DBErrorTreeTooLarge.
+  void loadTree(const DBRestClientDelegate::MetadataRef& folder, std::size_t maxEntries);
   /// One page of changes since `cursor`. Without a cursor: only the newest cursor, no entries, `reset` true.
   /// Never repeated automatically: the caller decides when to poll again.
   void loadDelta(const std::optional<std::string>& cursor);
@@ -53,7 +66,7 @@ class DBRestClient final : public NSObject, public std::enable_shared_from_this<
   /// service adds, or with waitForChangesFailedWithError; a lost cursor counts as a change. Silence is no
   /// error here before `limit` and 100 s more have passed. Never repeated by itself.
   void waitForChanges(const std::string& cursor, std::chrono::seconds limit);
-  void loadAccountInfo();
+  void loadAccountInfo(DBAccountParts parts = DBAccountParts::all);
   /// Links the account that `token` belongs to: a bare access token, or the service's token answer as a JSON
   /// object (access_token, refresh_token, expires_in). Ends with restClientLoadedAccessToken or
   /// loadAccessTokenFailedWithError.

@@ -10,6 +10,7 @@
 #include "sdk/DBDeltaEntry.h"
 #include "sdk/DBMetadata.h"
 #include "sdk/DBSharedLink.h"
+#include "sdk/DBTree.h"
 
 class DBRestClient;
 
@@ -33,6 +34,13 @@ class DBRestClientDelegate {
   }
   virtual void metadataUnchangedAtPath(DBRestClient& /*client*/, const std::string& /*path*/) {}
   virtual void loadMetadataFailedWithError(DBRestClient& client, const NSErrorRef& error) {
+    requestFailedWithError(client, error);
+  }
+
+  virtual void loadedTree(DBRestClient& client, const std::shared_ptr<DBTree>& tree) {
+    requestSucceeded(client, tree);
+  }
+  virtual void loadTreeFailedWithError(DBRestClient& client, const NSErrorRef& error) {
     requestFailedWithError(client, error);
   }
 

@@ -62,15 +62,18 @@ ServiceRequest accountRequest(std::string route, const RequestDescription& about
   return request;
 }
 
-/// The account and its space, asked for at the same time; both are needed.
+/// The account and its space, asked for at the same time; all that was wanted is needed.
 class AccountLoad final : public ClientOperation {
  public:
-  explicit AccountLoad(ImplRef client)
-      : ClientOperation(std::move(client), {"load the information of the account", ""}) {}
+  AccountLoad(ImplRef client, DBAccountParts parts)
+      : ClientOperation(std::move(client), {"load the information of the account", ""}) {
+    if (parts == DBAccountParts::quota) fields_.emplace();
+    if (parts == DBAccountParts::identity) quota_.emplace();
+  }
 
   void start() {
-    send(accountRequest("users/get_current_account", about_), &AccountLoad::receivedFields);
-    send(accountRequest("users/get_space_usage", about_), &AccountLoad::receivedQuota);
+    if (!fields_) send(accountRequest("users/get_current_account", about_), &AccountLoad::receivedFields);
+    if (!quota_) send(accountRequest("users/get_space_usage", about_), &AccountLoad::receivedQuota);
   }
 
  private:
@@ -173,7 +176,9 @@ void DBRestClient::Impl::linkAndFinish(const OperationRef& operation, const DBCr
 
 void DBRestClient::Impl::withdrawLinking() { session_->internals().withdraw(isWithdrawn_); }
 
-void DBRestClient::loadAccountInfo() { std::make_shared<AccountLoad>(impl_)->start(); }
+void DBRestClient::loadAccountInfo(DBAccountParts parts) {
+  std::make_shared<AccountLoad>(impl_, parts)->start();
+}
 
 void DBRestClient::adoptAccessToken(const std::string& token) {
   std::make_shared<TokenAdoption>(impl_)->start(token);

@@ -20,59 +20,126 @@ namespace {
 
 constexpr int pageLimit = 2000;  // the service's largest; fewer pages are fewer round trips
 
-/// Loads one item, and a folder's children page by page. The item's own record and the first page are asked
-/// for at the same time, unless no folder is expected: a folder then costs one round trip less, a file only
-/// an answer that nobody reads. Each further page is asked for before the records of the page at hand are
-/// built.
-class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
- public:
-  MetadataLoad(std::shared_ptr<DBRestClient::Impl> client, const std::string& path,
-               DBRestClient::Expect expected, const std::optional<std::string>& folder)
-      : client_(std::move(client)),
-        operation_(client_->beginOperation()),
-        about_{"load", path},
+DBMetadata::Fields rootRecord() {
+  DBMetadata::Fields fields;
+  fields.path = fields.lowercasePath = "/";
+  fields.icon = iconForFolder("/", false);
+  fields.isDirectory = true;
+  return fields;
+}
+
+/// Base of what lists folders page by page. Each further page is asked for before the records of the page at
+/// hand are built. Where the service has lost the cursor of a listing, the listing starts again, once.
+class PagedListing : public ClientOperation {
+ protected:
+  PagedListing(ImplRef client, const std::string& path, std::size_t maxEntries)
+      : ClientOperation(std::move(client), {"load", path}),
         servicePath_(servicePath(path)),
-        expected_(expected),
-        folder_(folder ? std::make_shared<const std::string>(*folder) : nullptr) {}
+        maxEntries_(maxEntries) {}
+
+  /// Whether pages can be added already; those that come before are kept, a few of them.
+  virtual bool isReady() const = 0;
+  /// False when the page is broken.
+  virtual bool addPage(const json::array& entries) = 0;
+  /// Everything that was added no longer counts.
+  virtual void clearListing() = 0;
+  virtual void listingFailed(ServiceAnswer& answer) = 0;
+  /// The last page has been added.
+  virtual void finishListing() = 0;
+  /// A list is longer than maxEntries.
+  virtual void failTooLong() { fail(requestError(DBErrorInvalidResponse, PageSequence::tooLong, about_)); }
+
+  void askForFirstPage(bool isRecursive) {
+    isRecursive_ = isRecursive;
+    pages_ = PageSequence(maxEntries_);
+    nextCursor_.clear();
+    waitingPages_.clear();
+    clearListing();
+    // Documents that exist only online cannot be copied, so they are no part of the tree here.
+    json::object argument{
+        {"path", *servicePath_}, {"limit", pageLimit}, {"include_non_downloadable_files", false}};
+    if (isRecursive) argument["recursive"] = true;
+    send(readingRequest("files/list_folder", argument, about_), &PagedListing::receivedPage);
+  }
+
+  /// Goes on once isReady() has become true.
+  void addWaitingPages() {
+    askForNextPage();
+    for (; isReady() && !waitingPages_.empty(); waitingPages_.pop_front()) {
+      if (!addPage(*servicejson::array(waitingPages_.front()->root(), "entries"))) return failInvalid({});
+    }
+    if (isReady() && isLastPageHere_ && !operation_->cancelled) finishListing();
+  }
+
+  const std::optional<std::string> servicePath_;
+
+ private:
+  void askForNextPage() {
+    if (nextCursor_.empty() || (!isReady() && waitingPages_.size() >= servicelimits::waitingPages)) return;
+    const json::object argument{{"cursor", std::exchange(nextCursor_, {})}};
+    send(readingRequest("files/list_folder/continue", argument, about_), &PagedListing::receivedPage);
+  }
+
+  void receivedPage(ServiceAnswer& answer) {
+    if (answer.error) return pageFailed(answer);
+    auto page = Document::parse(answer.response.body);
+    if (!page) return failInvalid(answer.response);
+    const auto* entries = servicejson::array(page->root(), "entries");
+    const auto cursor = servicejson::text(page->root(), "cursor");
+    const auto hasMore = servicejson::boolean(page->root(), "has_more");
+    if (!entries || !cursor || !hasMore) return failInvalid(answer.response);
+    if (const char* problem = pages_.problemWith(entries->size(), *hasMore, *cursor)) {
+      if (problem == PageSequence::tooLong) return failTooLong();
+      return fail(requestError(DBErrorInvalidResponse, problem, about_));
+    }
+    isLastPageHere_ = !*hasMore;
+    if (*hasMore) nextCursor_ = *cursor;
+    waitingPages_.push_back(std::move(page));
+    addWaitingPages();
+  }
+
+  void pageFailed(ServiceAnswer& answer) {
+    if (!hasErrorTag(answer.response, "reset") || hasStartedAgain_) return listingFailed(answer);
+    hasStartedAgain_ = true;
+    askForFirstPage(isRecursive_);
+  }
+
+  const std::size_t maxEntries_;
+  std::deque<std::shared_ptr<const Document>> waitingPages_;
+  PageSequence pages_{maxEntries_};
+  std::string nextCursor_;  // of a page that is promised and has not been asked for
+  bool isRecursive_ = false;
+  bool isLastPageHere_ = false;
+  bool hasStartedAgain_ = false;
+};
+
+/// Loads one item, and a folder's children. The item's own record and the first page are asked for at the
+/// same time, unless no folder is expected: a folder then costs one round trip less, a file only an answer
+/// that nobody reads. Of a folder that is known only the pages are asked for.
+class MetadataLoad final : public PagedListing {
+ public:
+  MetadataLoad(ImplRef client, const std::string& path, const DBKnownItem& known)
+      : PagedListing(std::move(client), path, servicelimits::folderEntries),
+        known_(known.folder),
+        isListed_(!known.isNoFolder),
+        folder_(known.folderPath ? std::make_shared<const std::string>(*known.folderPath) : nullptr) {}
 
   void start() {
-    if (!servicePath_) {
-      client_->performLater(operation_, [self = shared_from_this()] {
-        self->fail({{}, unacceptablePathError(self->about_), {}});
-      });
-      return;
-    }
+    if (!servicePath_) return failLater(unacceptablePathError(about_));
     if (servicePath_->empty()) {
-      fields_.path = "/";
-      fields_.lowercasePath = "/";
-      becomeFolder("/");
+      becomeFolder(rootRecord());
+    } else if (known_) {
+      becomeFolder(known_->fields());
     } else {
       askForRecord();
-      if (expected_ == DBRestClient::Expect::noFolder) return;
     }
-    askForFirstPage();
+    if (isListed_) askForFirstPage(false);
   }
 
  private:
   void askForRecord() {
     const json::object argument{{"path", *servicePath_}, {"include_deleted", true}};
-    client_->send(operation_, readingRequest("files/get_metadata", argument, about_),
-                  [self = shared_from_this()](ServiceAnswer& answer) { self->receivedRecord(answer); });
-  }
-
-  void askForFirstPage() {
-    // Documents that exist only online cannot be copied, so they are no part of the tree here.
-    const json::object argument{
-        {"path", *servicePath_}, {"limit", pageLimit}, {"include_non_downloadable_files", false}};
-    client_->send(operation_, readingRequest("files/list_folder", argument, about_),
-                  [self = shared_from_this()](ServiceAnswer& answer) { self->receivedPage(answer); });
-  }
-
-  void askForNextPage() {
-    if (nextCursor_.empty()) return;
-    const json::object argument{{"cursor", std::exchange(nextCursor_, {})}};
-    client_->send(operation_, readingRequest("files/list_folder/continue", argument, about_),
-                  [self = shared_from_this()](ServiceAnswer& answer) { self->receivedPage(answer); });
+    send(readingRequest("files/get_metadata", argument, about_), &MetadataLoad::receivedRecord);
   }
 
   void receivedRecord(const ServiceAnswer& answer) {
@@ -91,9 +158,8 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
     unnamedFolders_ = folderNames_.size();
     for (const auto& [path, name] : folderNames_) {
       client_->send(operation_, readingRequest("files/get_metadata", {{"path", path}}, about_),
-                    [self = shared_from_this(), asked = path](ServiceAnswer& answer) {
-                      self->receivedFolder(asked, answer);
-                    });
+                    [self = std::static_pointer_cast<MetadataLoad>(shared_from_this()),
+                     asked = path](ServiceAnswer& answer) { self->receivedFolder(asked, answer); });
     }
   }
 
@@ -111,109 +177,102 @@ class MetadataLoad : public std::enable_shared_from_this<MetadataLoad> {
   }
 
   void useRecord(const DBRestClientDelegate::MetadataRef& record) {
-    if (!record->isDirectory()) return finish(record);
-    fields_.path = record->path();
-    fields_.lowercasePath = record->lowercasePath();
-    fields_.icon = record->icon();
-    becomeFolder(fields_.path);
-    if (expected_ == DBRestClient::Expect::noFolder) return askForFirstPage();
+    if (!record->isDirectory()) return finishWith(record);
+    becomeFolder(record->fields());
+    if (!isListed_) return askForFirstPage(false);
     if (listingFailure_) return fail(*listingFailure_);
-    askForNextPage();
     addWaitingPages();
-    finishWhenComplete();
   }
 
-  void becomeFolder(const std::string& path) {
-    fields_.isDirectory = true;
-    if (path == "/") fields_.icon = iconForFolder("/", false);
-    listing_.emplace(path);
+  void becomeFolder(DBMetadata::Fields fields) {
+    fields_ = std::move(fields);
+    listing_.emplace(fields_.folderPath ? appendingPathComponent(*fields_.folderPath, fields_.name)
+                                        : fields_.path);
   }
 
-  void receivedPage(ServiceAnswer& answer) {
-    if (answer.error) return listingFailed(answer);
-    auto page = Document::parse(answer.response.body);
-    if (!page) return failInvalid(answer.response);
-    const auto* entries = servicejson::array(page->root(), "entries");
-    const auto cursor = servicejson::text(page->root(), "cursor");
-    const auto hasMore = servicejson::boolean(page->root(), "has_more");
-    if (!entries || !cursor || !hasMore) return failInvalid(answer.response);
-    if (const char* problem = pages_.problemWith(entries->size(), *hasMore, *cursor))
-      return fail({{}, requestError(DBErrorInvalidResponse, problem, about_), {}});
-    lastPageArrived_ = !*hasMore;
-    if (*hasMore) nextCursor_ = *cursor;
-    waitingPages_.push_back(std::move(page));
-    if (listing_ || waitingPages_.size() < servicelimits::waitingPages) askForNextPage();
-    addWaitingPages();
-    finishWhenComplete();
+  bool isReady() const override { return listing_.has_value(); }
+  bool addPage(const json::array& entries) override { return listing_->addPage(entries); }
+  void clearListing() override {
+    if (listing_) listing_->clear();
   }
 
-  void listingFailed(ServiceAnswer& answer) {
-    const bool cursorIsGone = hasErrorTag(answer.response, "reset");
-    if (cursorIsGone && !hasStartedAgain_) {
-      hasStartedAgain_ = true;
-      waitingPages_.clear();
-      pages_ = PageSequence();
-      if (listing_) listing_->clear();
-      return askForFirstPage();
+  void listingFailed(ServiceAnswer& answer) override {
+    const bool isNoFolderNow =
+        hasErrorTag(answer.response, "not_found") || hasErrorTag(answer.response, "not_folder");
+    if (known_ && isNoFolderNow) {
+      known_ = nullptr;
+      listing_.reset();
+      isListed_ = false;
+      return askForRecord();
     }
     if (listing_) return fail(answer);
     // Whether it matters is known when the record is: a file has no listing.
     listingFailure_ = std::move(answer);
   }
 
-  void addWaitingPages() {
-    if (!listing_)
-      return;  // the children's paths begin with the folder's, whose letter case is not known yet
-    for (; !waitingPages_.empty(); waitingPages_.pop_front()) {
-      if (!listing_->addPage(*servicejson::array(waitingPages_.front()->root(), "entries"))) {
-        return failInvalid({});
-      }
-    }
-  }
-
-  void finishWhenComplete() {
-    if (!listing_ || !lastPageArrived_ || operation_->cancelled) return;
+  void finishListing() override {
     fields_.contents = listing_->contents();
-    fields_.hash = listing_->hash();
-    finish(std::make_shared<const DBMetadata>(std::move(fields_)));
+    finishWith(std::make_shared<const DBMetadata>(std::move(fields_)));
   }
 
-  void finish(const DBRestClientDelegate::MetadataRef& record) {
-    client_->finish(operation_, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
+  void finishWith(const DBRestClientDelegate::MetadataRef& record) {
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) {
       delegate.loadedMetadata(client, record);
     });
   }
 
-  void fail(const ServiceAnswer& answer) {
-    client_->fail(operation_, answer, [&](DBRestClientDelegate& delegate, DBRestClient& client) {
-      delegate.loadMetadataFailedWithError(client, answer.error);
-    });
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.loadMetadataFailedWithError(client, error);
   }
 
-  void failInvalid(const HttpResponse& response) { fail({{}, invalidResponseError(response, about_), {}}); }
-
-  const std::shared_ptr<DBRestClient::Impl> client_;
-  const DBRestClient::Impl::OperationRef operation_;
-  const RequestDescription about_;
-  const std::optional<std::string> servicePath_;
-  const DBRestClient::Expect expected_;
+  DBRestClientDelegate::MetadataRef known_;          // the folder's record, or null: not known
+  bool isListed_;                                    // its first page has been asked for
   const std::shared_ptr<const std::string> folder_;  // null: not known
   std::shared_ptr<const Document> record_;           // the answer, while the names of folders are asked for
   std::map<std::string, std::string> folderNames_;   // by the path as asked, each above those it is part of
   std::size_t unnamedFolders_ = 0;
   DBMetadata::Fields fields_;              // the folder's own record, as far as it is known
   std::optional<ListingBuilder> listing_;  // set once the item is known to be a folder
-  std::deque<std::shared_ptr<const Document>> waitingPages_;
-  PageSequence pages_;
-  std::string nextCursor_;  // of a page that is promised and has not been asked for
   std::optional<ServiceAnswer> listingFailure_;
-  bool lastPageArrived_ = false;
-  bool hasStartedAgain_ = false;
+};
+
+/// Loads a folder and everything below it in one list of pages.
+class TreeLoad final : public PagedListing {
+ public:
+  TreeLoad(ImplRef client, const DBRestClientDelegate::MetadataRef& folder, std::size_t maxEntries)
+      : PagedListing(std::move(client), folder ? folder->path() : "/", maxEntries),
+        tree_(folder ? folder : std::make_shared<const DBMetadata>(rootRecord())) {}
+
+  void start() {
+    if (!servicePath_) return failLater(unacceptablePathError(about_));
+    askForFirstPage(true);
+  }
+
+ private:
+  bool isReady() const override { return true; }
+  bool addPage(const json::array& entries) override { return tree_.addPage(entries); }
+  void clearListing() override { tree_.clear(); }
+  void listingFailed(ServiceAnswer& answer) override { fail(answer); }
+  void failTooLong() override {
+    fail(requestError(DBErrorTreeTooLarge, "there are more items below it than wanted", about_));
+  }
+  void finishListing() override {
+    const auto tree = std::make_shared<DBTree>(tree_.folders());
+    finish([&](DBRestClientDelegate& delegate, DBRestClient& client) { delegate.loadedTree(client, tree); });
+  }
+  void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client, const NSErrorRef& error) override {
+    delegate.loadTreeFailedWithError(client, error);
+  }
+
+  TreeBuilder tree_;
 };
 
 }  // namespace
 
-void DBRestClient::loadMetadata(const std::string& path, Expect expected,
-                                const std::optional<std::string>& folder) {
-  std::make_shared<MetadataLoad>(impl_, path, expected, folder)->start();
+void DBRestClient::loadMetadata(const std::string& path, const DBKnownItem& known) {
+  std::make_shared<MetadataLoad>(impl_, path, known)->start();
+}
+
+void DBRestClient::loadTree(const DBRestClientDelegate::MetadataRef& folder, std::size_t maxEntries) {
+  std::make_shared<TreeLoad>(impl_, folder, maxEntries)->start();
 }

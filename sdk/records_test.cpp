@@ -2,6 +2,7 @@
 #include <boost/json.hpp>
 #include <cstdlib>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -129,24 +130,73 @@ TEST(RecordReader, ReadsAFile) {
   EXPECT_FALSE(record->isDirectory());
 }
 
-std::string listingHash(const std::vector<std::string>& entries) {
-  ListingBuilder listing("/");
-  for (const std::string& entry : entries) {
-    const auto page = servicejson::Document::parse(R"({"entries":[)" + entry + "]}");
-    EXPECT_TRUE(listing.addPage(*servicejson::array(page->root(), "entries")));
+using Listings = std::map<std::string, std::string>;
+
+/// Folder -> its children, each as path, kind and revision, of a tree below "/Top".
+Listings treeOf(const std::vector<std::string>& pages) {
+  DBMetadata::Fields top;
+  top.path = "/Top";
+  top.isDirectory = true;
+  TreeBuilder tree(std::make_shared<const DBMetadata>(top));
+  for (const std::string& entries : pages) {
+    const auto page = servicejson::Document::parse(R"({"entries":[)" + entries + "]}");
+    if (!tree.addPage(*servicejson::array(page->root(), "entries"))) return {{"broken", ""}};
   }
-  listing.contents();
-  return listing.hash();
+  Listings listings;
+  for (const auto& folder : tree.folders()) {
+    std::string& children = listings[folder->path()];
+    for (const auto& child : *folder->contents())
+      children += child->path() + (child->isDirectory() ? "/ " : ":" + child->rev() + " ");
+  }
+  return listings;
 }
 
-TEST(Listing, HashFollowsTheContentsAndNotTheirOrder) {
-  const std::string a = R"({".tag":"file","name":"a","path_lower":"/a","rev":"111111111","size":1})";
-  const std::string a2 = R"({".tag":"file","name":"a","path_lower":"/a","rev":"222222222","size":1})";
-  const std::string b = R"({".tag":"folder","name":"b","path_lower":"/b"})";
-  EXPECT_EQ(listingHash({a, b}), listingHash({b, a}));
-  EXPECT_NE(listingHash({a, b}), listingHash({a2, b}));
-  EXPECT_NE(listingHash({a, b}), listingHash({a}));
-  EXPECT_EQ(listingHash({a, b, a2}), listingHash({a2, b}));
+std::string entry(const char* tag, const std::string& lowercase, const std::string& name,
+                  const char* rev = "") {
+  return fmt::format(
+      R"({{".tag":"{}","name":"{}","path_lower":"{}","path_display":"/tOP/x/{}","rev":"{}","size":1}})", tag,
+      name, lowercase, name, rev);
+}
+
+TEST(Tree, HasTheListingsThatAWalkWouldFind) {
+  const std::string own = entry("folder", "/top", "Top");
+  const std::string a = entry("folder", "/top/a", "A");
+  const std::string f1 = entry("file", "/top/a/f", "F", "111111111");
+  const std::string f2 = entry("file", "/top/a/f", "f", "222222222");
+  const std::string b = entry("folder", "/top/a/b", "B");
+  const std::string g = entry("file", "/top/a/b/g", "g", "333333333");
+  const Listings whole{{"/Top", "/Top/A/ "},
+                       {"/Top/A", "/Top/A/B/ /Top/A/F:111111111 "},
+                       {"/Top/A/B", "/Top/A/B/g:333333333 "}};
+  struct Case {
+    const char* name;
+    std::vector<std::string> pages;
+    Listings listings;
+  };
+  const Case cases[] = {
+      {"in order", {own + "," + a, f1 + "," + b, g}, whole},
+      {"children before their folders", {g + "," + f1, b, a + "," + own}, whole},
+      {"of two entries the later one holds",
+       {f1 + "," + a, f2},
+       {{"/Top", "/Top/A/ "}, {"/Top/A", "/Top/A/f:222222222 "}}},
+      {"renamed in letter case meanwhile",
+       {a, f1, entry("folder", "/top/a", "a")},
+       {{"/Top", "/Top/a/ "}, {"/Top/a", "/Top/a/F:111111111 "}}},
+      {"removed with everything below",
+       {a, b + "," + g, entry("deleted", "/top/a/b", "B")},
+       {{"/Top", "/Top/A/ "}, {"/Top/A", ""}}},
+      {"removed and made anew",
+       {a, b + "," + g, entry("deleted", "/top/a/b", "B"), b},
+       {{"/Top", "/Top/A/ "}, {"/Top/A", "/Top/A/B/ "}, {"/Top/A/B", ""}}},
+      {"a file in a folder's place",
+       {a, f1, entry("file", "/top/a", "A", "444444444")},
+       {{"/Top", "/Top/A:444444444 "}}},
+      {"a folder that was never told", {g}, {{"/Top", ""}}},
+      {"the top removed", {a, f1, entry("deleted", "/top", "Top")}, {{"/Top", ""}}},
+      {"outside of the folder", {entry("file", "/topper/x", "x", "111111111")}, {{"broken", ""}}},
+      {"a name that leads elsewhere", {entry("file", "/top/x", "../x", "111111111")}, {{"broken", ""}}},
+  };
+  for (const Case& c : cases) EXPECT_EQ(treeOf(c.pages), c.listings) << c.name;
 }
 
 TEST(IconNames, FollowNameKindAndPlace) {

@@ -97,7 +97,10 @@ void ReceivingBatch::copyFolder(const Item& item, const std::string& to, Link li
   std::optional<FSItems> children;
   if (!error) {
     children = batch_.unlessStopped(
-        [item](NSErrorRef* reason) { return item->fs()->contentAtPath(item->path(), false, true, reason); },
+        [item, isTop = link == Link::follow](NSErrorRef* reason) {
+          if (isTop) item->fs()->prepareToListTree(item->path(), anyNumberOfItems);
+          return item->fs()->contentAtPath(item->path(), false, true, reason);
+        },
         &error);
   }
   if (!children && !error) error = copyError(ENOENT, "the folder has gone");

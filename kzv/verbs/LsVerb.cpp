@@ -46,9 +46,10 @@ class LsVerb final : public Verb {
     return typed_.size() > 1 && !isRecursive_ && !context.options.json;
   }
 
-  /// Recursion happens here and not in the plug-in, folder by folder: lines appear as they come in, and one
-  /// folder that fails does not cost all others.
+  /// Recursion happens here and not in the plug-in, folder by folder: one folder that fails does not cost all
+  /// others.
   void list(VerbContext& context, FSPlugin& volume, const std::string& top) {
+    if (isRecursive_) volume.prepareToListTree(top, anyNumberOfItems);
     if (!listFolder(context, volume, top)) return;
     while (!pending_.empty()) {
       const std::shared_ptr<FSItem> item = std::move(pending_.back());

@@ -267,4 +267,24 @@ FSItems MemoryVolume::watchedFolders() const {
   return watched_;
 }
 
+std::vector<std::string> MemoryVolume::loadedTrees() const {
+  const std::lock_guard lock(mutex_);
+  return loadedTrees_;
+}
+
+void MemoryVolume::onTree(std::function<bool(const std::string& path)> action) {
+  const std::lock_guard lock(mutex_);
+  treeAction_ = std::move(action);
+}
+
+bool MemoryVolume::prepareToListTree(const std::string& path, std::size_t /*maxItems*/) {
+  std::function<bool(const std::string&)> action;
+  {
+    const std::lock_guard lock(mutex_);
+    loadedTrees_.push_back(path);
+    action = treeAction_;
+  }
+  return !action || action(path);
+}
+
 }  // namespace kzv::mount

@@ -35,6 +35,9 @@ class MemoryVolume final : public FSPlugin {
   /// Runs `action` once, when the next such call is done and about to return. Without locks.
   void onNext(Call call, std::function<void()> action);
   int count(Call call) const;
+  /// The trees that were to be loaded, in this order; `action` runs meanwhile.
+  std::vector<std::string> loadedTrees() const;
+  void onTree(std::function<bool(const std::string& path)> action);
   std::atomic<bool> isUnlinked{false};  // calls fail without a reason
 
   id options() const override { return nullptr; }
@@ -56,6 +59,7 @@ class MemoryVolume final : public FSPlugin {
   std::shared_ptr<FSItem> itemAtPath(const std::string& path, NSErrorRef* error) override;
   std::optional<FSItems> contentAtPath(const std::string& path, bool recursive, bool showHidden,
                                        NSErrorRef* error) override;
+  bool prepareToListTree(const std::string& path, std::size_t maxItems) override;
   std::shared_ptr<FSReader> openReader(const std::string& path, const std::string& version,
                                        ProgressCallback progress, NSErrorRef* error) override;
   std::optional<StoredFile> storeFile(const NSURL& source, const std::string& path, const WriteBase& base,
@@ -98,6 +102,8 @@ class MemoryVolume final : public FSPlugin {
   std::map<Call, std::function<void()>> actions_;
   std::map<Call, int> counts_;
   FSItems watched_;
+  std::vector<std::string> loadedTrees_;
+  std::function<bool(const std::string& path)> treeAction_;
   int lastVersion_ = 0;
 };
 

@@ -20,6 +20,13 @@ void check(const DBMetadata& record) {
   requireThat(name.find('\0') == std::string::npos, "a name ends where it ends");
 }
 
+RecordReader::RecordRef rootFolder() {
+  DBMetadata::Fields fields;
+  fields.path = fields.lowercasePath = "/";
+  fields.isDirectory = true;
+  return std::make_shared<const DBMetadata>(fields);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -36,7 +43,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (listing.addPage(*entries) && listing.addPage(*entries)) {
     const auto contents = listing.contents();
     for (const auto& child : *contents) check(*child);
-    listing.hash();
+  }
+  TreeBuilder tree(rootFolder());
+  if (!tree.addPage(*entries) || !tree.addPage(*entries)) return 0;
+  for (const auto& listed : tree.folders()) {
+    check(*listed);
+    for (const auto& child : *listed->contents()) {
+      check(*child);
+      requireThat(*child->folderPath() == listed->path(), "children share their folder's path");
+    }
   }
   return 0;
 }

@@ -10,13 +10,16 @@ namespace kzv::sdk {
 /// Makes sure that a paged list ends: every page must have entries or a new cursor. Not thread-safe.
 class PageSequence {
  public:
+  static constexpr const char* tooLong = "the service lists more entries than there can be";
+
   explicit PageSequence(std::size_t maxEntries = servicelimits::folderEntries) : maxEntries_(maxEntries) {}
 
   /// Checks a page: its number of entries and, if more pages follow, the cursor for the next one.
-  /// @return null, or what is wrong with the list, in words that follow "Could not load ...: ".
+  /// @return null, or what is wrong with the list, in words that follow "Could not load ...: "; `tooLong`
+  /// after more entries than there may be.
   const char* problemWith(std::size_t entries, bool hasMore, std::string_view cursor) {
     entries_ += entries;
-    if (entries_ > maxEntries_) return "the service lists more entries than there can be";
+    if (entries_ > maxEntries_) return tooLong;
     if (!hasMore) return nullptr;
     emptyPages_ = entries == 0 ? emptyPages_ + 1 : 0;
     if (cursor.empty() || cursor == lastCursor_ || emptyPages_ > servicelimits::emptyPages)

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <boost/json.hpp>
+#include <set>
+#include <utility>
 
 #include "foundation/Paths.h"
 #include "foundation/Unicode.h"
-#include "sdk/wire/ContentHash.h"
 #include "sdk/wire/IconNames.h"
 #include "sdk/wire/ServiceJson.h"
 
@@ -139,33 +140,111 @@ bool ListingBuilder::addPage(const json::array& entries) {
   return true;
 }
 
-void ListingBuilder::keepLastOfEachKey() {
-  std::stable_sort(children_.begin(), children_.end(),
+std::shared_ptr<const DBMetadata::Contents> ListingBuilder::contentsOf(std::vector<Child> children) {
+  std::stable_sort(children.begin(), children.end(),
                    [](const Child& left, const Child& right) { return left.key < right.key; });
   const auto lastFirst =
-      std::unique(children_.rbegin(), children_.rend(),
+      std::unique(children.rbegin(), children.rend(),
                   [](const Child& left, const Child& right) { return left.key == right.key; });
-  children_.erase(children_.begin(), lastFirst.base());
-  std::erase_if(children_, [](const Child& child) { return child.record->isDeleted(); });
-}
-
-std::shared_ptr<const DBMetadata::Contents> ListingBuilder::contents() {
-  keepLastOfEachKey();
+  children.erase(children.begin(), lastFirst.base());
+  std::erase_if(children, [](const Child& child) { return child.record->isDeleted(); });
   auto contents = std::make_shared<DBMetadata::Contents>();
-  contents->reserve(children_.size());
-  for (const Child& child : children_) contents->push_back(child.record);
+  contents->reserve(children.size());
+  for (Child& child : children) contents->push_back(std::move(child.record));
   return contents;
 }
 
-std::string ListingBuilder::hash() const {
-  Sha256 digest;
-  for (const Child& child : children_) {
-    digest.update(child.key);
-    digest.update(std::string_view("\0", 1));
-    digest.update(child.record->isDirectory() ? std::string("folder") : child.record->rev());
-    digest.update("\n");
+std::shared_ptr<const DBMetadata::Contents> ListingBuilder::contents() {
+  return contentsOf(std::exchange(children_, {}));
+}
+
+TreeBuilder::TreeBuilder(RecordRef top) : top_(std::move(top)), topKey_(top_->lowercasePath()) { clear(); }
+
+void TreeBuilder::clear() {
+  folders_.clear();
+  folders_[topKey_] = {top_, std::make_shared<const std::string>(top_->path()), {}};
+}
+
+bool TreeBuilder::addPage(const json::array& entries) {
+  return std::all_of(entries.begin(), entries.end(), [&](const json::value& entry) {
+    const json::object* members = entry.if_object();
+    return members && addEntry(*members);
+  });
+}
+
+bool TreeBuilder::addEntry(const json::object& entry) {
+  const auto lowercase = text(entry, "path_lower");
+  if (!lowercase) return true;  // reached otherwise than through this account's tree
+  const std::string key(*lowercase);
+  const std::string top = topKey_ == "/" ? "" : topKey_;
+  if (key == top) {
+    if (text(entry, ".tag") != "folder") clear();  // what follows was made after it had gone
+    return true;
   }
-  return hexadecimal(digest.finish());
+  if (!key.starts_with(top + '/')) return false;
+  const std::string folderKey = deletingLastPathComponent(key);
+  Folder& parent = folders_[folderKey];
+  RecordRef record = reader_.record(entry, parent.path);
+  if (!record) return reader_.isUnderstood();
+  parent.children.push_back(record);
+  if (!record->isDirectory()) {
+    removeBelow(key);
+    return true;
+  }
+  Folder& own = folders_[key];
+  if (!own.path || *own.path != record->path())
+    own.path = std::make_shared<const std::string>(record->path());
+  own.record = std::move(record);
+  return true;
+}
+
+/// A file or nothing stands where a folder may have been.
+void TreeBuilder::removeBelow(const std::string& key) {
+  folders_.erase(key);
+  const auto first = folders_.lower_bound(key + '/');
+  auto end = first;
+  while (end != folders_.end() && end->first.starts_with(key) && end->first[key.size()] == '/') ++end;
+  folders_.erase(first, end);
+}
+
+std::shared_ptr<const DBMetadata::Contents> TreeBuilder::contentsOf(Folder& folder) {
+  std::vector<ListingBuilder::Child> children;
+  children.reserve(folder.children.size());
+  for (RecordRef& record : folder.children) {
+    std::string key = record->lowercasePath();
+    if (*record->folderPath() != *folder.path) {  // it came before its folder's entry
+      DBMetadata::Fields fields = record->fields();
+      fields.folderPath = folder.path;
+      record = std::make_shared<const DBMetadata>(std::move(fields));
+    }
+    children.push_back({std::move(key), std::move(record)});
+  }
+  folder.children = {};
+  return ListingBuilder::contentsOf(std::move(children));
+}
+
+std::vector<RecordReader::RecordRef> TreeBuilder::folders() {
+  std::vector<RecordRef> folders;
+  std::set<std::string, std::less<>> listed{
+      topKey_};  // what lies in no listed folder is not part of the tree
+  for (auto& [key, folder] : folders_) {
+    if (!folder.record || listed.erase(key) == 0) continue;
+    DBMetadata::Fields fields = folder.record->fields();
+    fields.contents = contentsOf(folder);
+    for (const RecordRef& child : *fields.contents) {
+      if (!child->isDirectory()) continue;
+      const std::string childKey = child->lowercasePath();
+      const auto below = folders_.find(childKey);
+      if (below == folders_.end()) continue;
+      below->second.record = child;
+      if (*below->second.path != child->path())
+        below->second.path = std::make_shared<const std::string>(child->path());
+      listed.insert(childKey);
+    }
+    folders.push_back(std::make_shared<const DBMetadata>(std::move(fields)));
+  }
+  clear();
+  return folders;
 }
 
 }  // namespace kzv::sdk

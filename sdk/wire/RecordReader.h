@@ -1,5 +1,7 @@
 #pragma once
 #include <boost/json/fwd.hpp>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -43,7 +45,8 @@ class RecordReader {
   std::shared_ptr<const std::string> lastFolder_;  // neighbours in an answer often share their folder
 };
 
-/// Gathers the children of one folder, page by page, until they become the folder's contents.
+/// Gathers the children of one folder, page by page, until they become the folder's contents. Not
+/// thread-safe.
 class ListingBuilder {
  public:
   explicit ListingBuilder(std::string folderPath);
@@ -52,20 +55,52 @@ class ListingBuilder {
   /// Everything gathered, sorted by the lower-case key. Of several entries for one key (the folder changed
   /// while it was being listed) the last one holds; an entry that says "deleted" removes.
   std::shared_ptr<const DBMetadata::Contents> contents();
-  /// A digest of what the listing holds: equal for equal listings. REQUIRES contents() before.
-  std::string hash() const;
   void clear() { children_.clear(); }
 
  private:
+  friend class TreeBuilder;
   struct Child {
     std::string key;
     RecordReader::RecordRef record;
   };
-  void keepLastOfEachKey();
+  static std::shared_ptr<const DBMetadata::Contents> contentsOf(std::vector<Child> children);
 
   const std::shared_ptr<const std::string> folderPath_;
   RecordReader reader_;
   std::vector<Child> children_;
+};
+
+/// Gathers a folder and everything below it from the pages of a recursive listing, until they become the
+/// listings of its folders, each as a ListingBuilder of its own would have made it. Not thread-safe.
+///
+/// The entries may come in any order, and one that comes later holds. Each folder's letter case is taken from
+/// its own entry.
+class TreeBuilder {
+ public:
+  /// @param top  the record of the folder, whose path is in the service's letter case.
+  explicit TreeBuilder(std::shared_ptr<const DBMetadata> top);
+  /// False when the page is broken or has entries outside of the folder.
+  bool addPage(const boost::json::array& entries);
+  /// The folder and all folders below it, with their contents; parents before their children. The builder is
+  /// empty then.
+  std::vector<RecordReader::RecordRef> folders();
+  void clear();
+
+ private:
+  using RecordRef = RecordReader::RecordRef;
+  struct Folder {
+    RecordRef record;                         // null: its entry has not come
+    std::shared_ptr<const std::string> path;  // as its children share it; null: not known yet
+    std::vector<RecordRef> children;          // in the order of their entries
+  };
+  bool addEntry(const boost::json::object& entry);
+  void removeBelow(const std::string& key);
+  std::shared_ptr<const DBMetadata::Contents> contentsOf(Folder& folder);
+
+  const RecordRef top_;
+  const std::string topKey_;
+  RecordReader reader_;
+  std::map<std::string, Folder, std::less<>> folders_;  // by key, so that parents precede their children
 };
 
 }  // namespace kzv::sdk
