@@ -233,8 +233,9 @@ class FileContentTest : public JournalTest {
   static std::string read(const FileContent& content) {
     std::string text(content.sizeBytes(), '\0');
     const auto bytes = content.bytes();
-    if (bytes.file)
+    if (bytes.file) {
       EXPECT_EQ(::pread(bytes.file->number(), text.data(), text.size(), 0), ssize_t(text.size()));
+    }
     return bytes.file ? text : "(none)";
   }
   std::shared_ptr<FSReader> reader(const std::string& bytes) {
