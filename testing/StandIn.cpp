@@ -77,10 +77,9 @@ void StandIn::clearFaults() { http_.remove(url_ + "/admin/faults"); }
 void StandIn::settings(const json::object& values) { admin("settings", values); }
 
 std::map<std::string, int> StandIn::requests() {
-  const json::value log = parsed("requests", http_.get(url_ + "/admin/requests"));
+  const json::value log = parsed("requests", http_.remove(url_ + "/admin/requests"));
   std::map<std::string, int> counts;
   for (const json::value& request : log.as_array()) ++counts[std::string(request.at("route").as_string())];
-  forgetRequests();
   return counts;
 }
 

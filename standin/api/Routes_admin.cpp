@@ -102,10 +102,10 @@ void clearFaults(ServiceState& state, HttpRequest&, HttpResponse& response, cons
 
 // --- requests
 
-void listRequests(ServiceState& state, HttpRequest&, HttpResponse& response, const NoteArgument&) {
+HttpResponse requestList(const std::vector<RequestLog::Line>& lines) {
   JsonWriter out;
   out.beginArray();
-  for (const auto& line : state.requests.lines()) {
+  for (const auto& line : lines) {
     out.beginObject().field("number", static_cast<std::int64_t>(line.number)).field("time", line.time);
     out.field("method", line.method).field("route", line.route).field("status", std::int64_t{line.status});
     out.key("arg").raw(line.arg);
@@ -113,12 +113,15 @@ void listRequests(ServiceState& state, HttpRequest&, HttpResponse& response, con
     out.field("bytes_out", static_cast<std::int64_t>(line.bytesOut)).endObject();
   }
   out.endArray();
-  response = jsonResponse(200, out.take());
+  return jsonResponse(200, out.take());
+}
+
+void listRequests(ServiceState& state, HttpRequest&, HttpResponse& response, const NoteArgument&) {
+  response = requestList(state.requests.lines());
 }
 
 void clearRequests(ServiceState& state, HttpRequest&, HttpResponse& response, const NoteArgument&) {
-  state.requests.clear();
-  response = okResponse();
+  response = requestList(state.requests.takeLines());
 }
 
 // --- changes by another device

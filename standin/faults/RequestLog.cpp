@@ -38,13 +38,19 @@ void RequestLog::setStatus(std::uint64_t number, int status) {
   if (Record* record = find(number)) record->line.status = status;
 }
 
-void RequestLog::clear() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  records_.clear();
-}
-
 std::vector<RequestLog::Line> RequestLog::lines() const {
   const std::lock_guard<std::mutex> lock(mutex_);
+  return linesLocked();
+}
+
+std::vector<RequestLog::Line> RequestLog::takeLines() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<Line> lines = linesLocked();
+  records_.clear();
+  return lines;
+}
+
+std::vector<RequestLog::Line> RequestLog::linesLocked() const {
   std::vector<Line> lines;
   lines.reserve(records_.size());
   for (const auto& record : records_) {

@@ -33,8 +33,9 @@ class RequestLog {
                       std::shared_ptr<TransferCount> transfer);
   void setArg(std::uint64_t number, std::string argJson);
   void setStatus(std::uint64_t number, int status);
-  void clear();
   std::vector<Line> lines() const;
+  /// The same, and the log is empty then: no request is missed between two calls.
+  std::vector<Line> takeLines();
 
  private:
   struct Record {
@@ -42,6 +43,7 @@ class RequestLog {
     std::shared_ptr<TransferCount> transfer;
   };
   Record* find(std::uint64_t number);
+  std::vector<Line> linesLocked() const;
 
   mutable std::mutex mutex_;
   std::uint64_t lastNumber_ = 0;  // guarded by mutex_
