@@ -87,7 +87,7 @@ TEST(Writer, RefusesWithTheWholeChainOfErrors) {
                {"proxy of nothing", proxied(nullptr), {top, top}},
                {"proxy of what fails", proxied(array({real(NAN)})), {nan, top, top}},
                {"decimal", array({NSDecimalNumber::notANumber()}), {nan, top}},
-               {"infinity", array({real(-INFINITY)}), {infinite, top}},
+               {"infinity", array({real(-std::numeric_limits<double>::infinity())}), {infinite, top}},
                {"no form and no proxy",
                 array({std::make_shared<NSDate>(NSDate::Time())}),
                 {"1 JSON serialisation not supported for NSDate", top}},

@@ -128,7 +128,7 @@ TEST(MountTree, NodesByNameAndNumber) {
   MountTree tree([](std::string_view name) { return caselessKey(name); });
   const TreeLock lock(tree);
   const auto add = [&](MountNode& folder, const char* name, bool isFolder) KZV_REQUIRES(treeState) {
-    const auto node = tree.make(isFolder);
+    auto node = tree.make(isFolder);
     tree.add(folder, node, name);
     return node;
   };

@@ -133,7 +133,7 @@ class RefresherTest : public testing::Test {
  protected:
   MountNodeRef addFolder(const char* name, Listing listing) {
     const TreeLock lock(tree);
-    const auto folder = tree.make(true);
+    auto folder = tree.make(true);
     folder->inside().listing = listing;
     tree.add(*tree.root(), folder, name);
     return folder;
