@@ -48,13 +48,14 @@ Result<NodeAttributes> Lookups::attributes(NodeId number) {
   return {attributesOf(*node), 0};
 }
 
-Result<std::shared_ptr<const Lookups::Listing>> Lookups::list(NodeId number,
+Result<std::shared_ptr<const Lookups::Listing>> Lookups::list(NodeId number, std::int64_t thread,
                                                               const IsInterrupted& isInterrupted) {
   const auto folder = find(number);
   if (!folder) return {nullptr, ENOENT};
   if (!folder->isFolder) return {nullptr, ENOTDIR};
   if (parts_.listings.isUnknown(*folder)) {
-    if (const auto held = parts_.paths.hold(folder)) parts_.walks.beforeListing(held->path, isInterrupted);
+    if (const auto held = parts_.paths.hold(folder))
+      parts_.walks.beforeListing(held->path, thread, isInterrupted);
   }
   if (const int reason = parts_.listings.ensureListed(folder, isInterrupted)) return {nullptr, reason};
   auto listing = std::make_shared<Listing>();

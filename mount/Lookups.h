@@ -56,7 +56,9 @@ class Lookups {
   };
   using Listing = std::vector<ListedItem>;
   /// Blocks as lookup() does.
-  Result<std::shared_ptr<const Listing>> list(NodeId folder, const IsInterrupted& isInterrupted);
+  /// @param thread  that opens the folder, as the kernel numbers it (TreeWalks).
+  Result<std::shared_ptr<const Listing>> list(NodeId folder, std::int64_t thread,
+                                              const IsInterrupted& isInterrupted);
   /// The attributes of an item of a listing, if it is still there; the kernel then gets one reference.
   std::optional<NodeAttributes> showListed(const ListedItem& item);
 

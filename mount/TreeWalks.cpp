@@ -13,8 +13,9 @@ namespace kzv::mount {
 TreeWalks::TreeWalks(std::shared_ptr<FSPlugin> volume, Clock::duration window)
     : volume_(std::move(volume)), window_(window) {}
 
-void TreeWalks::beforeListing(const std::string& path, const IsInterrupted& isInterrupted) {
-  const std::string top = treeToLoad(path, isInterrupted);
+void TreeWalks::beforeListing(const std::string& path, std::int64_t thread,
+                              const IsInterrupted& isInterrupted) {
+  const std::string top = treeToLoad(path, thread, isInterrupted);
   if (top.empty()) return;
   const bool isWhole = volume_->prepareToListTree(top, maxItems);
   {
@@ -25,7 +26,8 @@ void TreeWalks::beforeListing(const std::string& path, const IsInterrupted& isIn
   loaded_.notifyAll();
 }
 
-std::string TreeWalks::treeToLoad(const std::string& path, const IsInterrupted& isInterrupted) {
+std::string TreeWalks::treeToLoad(const std::string& path, std::int64_t thread,
+                                  const IsInterrupted& isInterrupted) {
   constexpr auto interruptionCheck = 50ms;
   if (path == "/") return {};
   MutexLock lock(mutex_);
@@ -35,10 +37,11 @@ std::string TreeWalks::treeToLoad(const std::string& path, const IsInterrupted& 
   }
   const auto now = Clock::now();
   forgetOld(now);
-  const std::string above = deletingLastPathComponent(path);
-  const auto [last, isFirst] = lastOpened_.try_emplace(above, Opened{path, now});
-  if (isFirst || last->second.folder == path || tooLarge_.contains(above)) {
-    last->second = {path, now};
+  std::string above = deletingLastPathComponent(path);
+  const auto [last, isFirst] = lastOpened_.try_emplace(above, Opened{path, thread, now});
+  const bool isWalk = !isFirst && last->second.folder != path && last->second.thread == thread;
+  if (!isWalk || tooLarge_.contains(above)) {
+    last->second = {path, thread, now};
     return {};
   }
   lastOpened_.erase(last);

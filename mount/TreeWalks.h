@@ -1,5 +1,7 @@
 #pragma once
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <set>
@@ -11,9 +13,9 @@
 
 namespace kzv::mount {
 
-/// Notices programs that walk through a tree, such as find and cp -r: they open one sub-folder of a folder
-/// after another. The volume then loads everything below that folder at once, instead of folder by folder.
-/// Any thread.
+/// Notices programs that walk through a tree, such as find and cp -r: one thread opens one sub-folder of a
+/// folder after another. The volume then loads everything below that folder at once, instead of folder by
+/// folder. Any thread.
 class TreeWalks {
  public:
   using Clock = std::chrono::steady_clock;
@@ -25,15 +27,19 @@ class TreeWalks {
 
   /// To be called when a program opens the folder at `path` and the volume will be asked to list it. Blocks
   /// while the tree that it belongs to is being loaded.
-  void beforeListing(const std::string& path, const IsInterrupted& isInterrupted);
+  /// @param thread  the program's thread, as the kernel numbers it: two programs that open a folder each are
+  /// no
+  ///                walk.
+  void beforeListing(const std::string& path, std::int64_t thread, const IsInterrupted& isInterrupted);
 
  private:
   struct Opened {
     std::string folder;
+    std::int64_t thread;
     Clock::time_point time;
   };
   /// The folder to load because of this opening; empty: none. Waits for the one that is being loaded.
-  std::string treeToLoad(const std::string& path, const IsInterrupted& isInterrupted);
+  std::string treeToLoad(const std::string& path, std::int64_t thread, const IsInterrupted& isInterrupted);
   bool isLoading(const std::string& path) const KZV_REQUIRES(mutex_);
   void forgetOld(Clock::time_point now) KZV_REQUIRES(mutex_);
 

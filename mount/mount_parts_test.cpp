@@ -350,13 +350,17 @@ TEST(TreeWalks, LoadTheTreeWhenASecondFolderInItIsOpened) {
     const auto volume = std::make_shared<MemoryVolume>();
     volume->onTree([&](const std::string&) { return c.isWhole; });
     TreeWalks walks(volume, 1h);
-    for (const std::string& path : c.opened) walks.beforeListing(path, [] { return false; });
+    for (const std::string& path : c.opened) walks.beforeListing(path, 1, [] { return false; });
     EXPECT_EQ(volume->loadedTrees(), c.loaded) << c.name;
   }
   const auto volume = std::make_shared<MemoryVolume>();
   TreeWalks patient(volume, 0s);
-  for (const char* path : {"/a", "/b", "/c"}) patient.beforeListing(path, [] { return false; });
+  for (const char* path : {"/a", "/b", "/c"}) patient.beforeListing(path, 1, [] { return false; });
   EXPECT_EQ(volume->loadedTrees(), std::vector<std::string>{}) << "too far apart";
+  TreeWalks walks(volume, 1h);
+  for (std::int64_t program : {1, 2, 3})
+    walks.beforeListing("/" + std::to_string(program), program, [] { return false; });
+  EXPECT_EQ(volume->loadedTrees(), std::vector<std::string>{}) << "programs that open one folder each";
 }
 
 TEST(TreeWalks, WhoComesMeanwhileWaitsForTheTree) {
@@ -369,20 +373,21 @@ TEST(TreeWalks, WhoComesMeanwhileWaitsForTheTree) {
     mayEnd.get_future().wait();
     return true;
   });
-  walks.beforeListing("/x/a", [] { return false; });
-  auto loading = std::async(std::launch::async, [&] { walks.beforeListing("/x/b", [] { return false; }); });
+  walks.beforeListing("/x/a", 1, [] { return false; });
+  auto loading =
+      std::async(std::launch::async, [&] { walks.beforeListing("/x/b", 1, [] { return false; }); });
   ASSERT_EQ(isLoading.get_future().wait_for(60s), std::future_status::ready);
   std::promise<void> hasAsked;
   std::once_flag once;
   auto waiting = std::async(std::launch::async, [&] {
-    walks.beforeListing("/x/c/d", [&] {
+    walks.beforeListing("/x/c/d", 2, [&] {
       std::call_once(once, [&] { hasAsked.set_value(); });
       return false;
     });
   });
   ASSERT_EQ(hasAsked.get_future().wait_for(60s), std::future_status::ready) << "it waits";
-  walks.beforeListing("/x/c", [] { return true; });  // one that is interrupted does not
-  walks.beforeListing("/y/a", [] { return false; });
+  walks.beforeListing("/x/c", 3, [] { return true; });  // one that is interrupted does not
+  walks.beforeListing("/y/a", 1, [] { return false; });
   EXPECT_EQ(waiting.wait_for(0s), std::future_status::timeout);
   mayEnd.set_value();
   EXPECT_EQ(waiting.wait_for(60s), std::future_status::ready);

@@ -131,7 +131,7 @@ class MountedVolumeTest : public JournalTest {
   }
   std::set<std::string> names(const std::string& folder) {
     std::set<std::string> all;
-    const auto listing = mounted->lookups().list(find(folder).value, never);
+    const auto listing = mounted->lookups().list(find(folder).value, 1, never);
     if (!listing.error)
       for (const auto& item : *listing.value) all.insert(item.name);
     return all;

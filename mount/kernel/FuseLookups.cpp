@@ -86,7 +86,8 @@ void onSetAttributes(fuse_req_t request, fuse_ino_t inode, struct stat* wanted, 
 
 void onOpenFolder(fuse_req_t request, fuse_ino_t inode, fuse_file_info* info) {
   answer(request, [&] {
-    const auto listing = volumeOf(request).lookups().list(nodeOf(inode), interruptionOf(request));
+    const auto listing =
+        volumeOf(request).lookups().list(nodeOf(inode), fuse_req_ctx(request)->pid, interruptionOf(request));
     if (listing.error) return listing.error;
     auto folder = std::make_unique<OpenFolder>();
     {
@@ -111,7 +112,8 @@ void onSyncFolder(fuse_req_t request, fuse_ino_t /*inode*/, int /*onlyData*/, fu
 
 /// Reading starts again: shows the current items.
 int rewind(fuse_req_t request, fuse_ino_t inode, OpenFolder& folder) {
-  const auto listing = volumeOf(request).lookups().list(nodeOf(inode), interruptionOf(request));
+  const auto listing =
+      volumeOf(request).lookups().list(nodeOf(inode), fuse_req_ctx(request)->pid, interruptionOf(request));
   if (listing.error) return listing.error;
   const MutexLock lock(folder.mutex);
   folder.listing = listing.value;
