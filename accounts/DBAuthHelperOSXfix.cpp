@@ -17,7 +17,7 @@ const std::shared_ptr<DBAuthHelperOSXfix>& DBAuthHelperOSXfix::sharedHelper() {
 
 DBAuthHelperOSXfix::~DBAuthHelperOSXfix() { NSNotificationCenter::defaultCenter().removeObserver(this); }
 
-// Only the first phase is guarded, on purpose: while tokens are being asked for, a person who starts again
+// Only the first phase is guarded, on purpose: a person who starts again while tokens are being requested
 // gets a new page on the same client, rather than nothing because an answer is late.
 void DBAuthHelperOSXfix::authenticate(SignInCode code) {
   if (loading.exchange(true)) return;
@@ -29,7 +29,7 @@ void DBAuthHelperOSXfix::cancel() {
   ++cancelCount_;
   const auto thread = KZVDropboxFileManager::dropboxThread();
   if (!thread) return endSignIn();
-  // There, where sign-ins begin and their callbacks run, none can be on its way.
+  // On the service thread, where sign-ins start and their callbacks run: so none can be in flight.
   KZVDropboxFSSupport::performBlockInBackgroundAndWait([this] { endSignIn(); }, *thread);
 }
 
@@ -68,7 +68,7 @@ void DBAuthHelperOSXfix::restClientLoadedRequestToken(DBRestClient& client) {
   loading = false;
   postStateChangedNotification(nullptr);
   auto& center = NSNotificationCenter::defaultCenter();
-  center.removeObserver(this);  // a sign-in that this one replaces observed already, and once is enough
+  center.removeObserver(this);  // a sign-in that this one replaces may have added one
   center.addObserver(this, NSApplicationDidBecomeActiveNotification, nullptr,
                      [this](const NSNotification& activation) { applicationDidBecomeActive(activation); });
   NSWorkspace::sharedWorkspace().openURL(client.authorizeURL());
@@ -83,7 +83,7 @@ void DBAuthHelperOSXfix::loadRequestTokenFailedWithError(DBRestClient& client, c
 void DBAuthHelperOSXfix::applicationDidBecomeActive(const NSNotification& /*notification*/) {
   auto client = restClient_.get();
   if (!client || !client->requestTokenLoaded() || isLoading()) return;
-  // `loading` stays false, on purpose: a second activation before the answer asks again.
+  // `loading` stays false, on purpose: a second activation before the answer repeats the request.
   postStateChangedNotification(nullptr);
   requestAccessToken(std::move(client));
 }
@@ -92,14 +92,14 @@ void DBAuthHelperOSXfix::requestAccessToken(std::shared_ptr<DBRestClient> client
   const auto thread = KZVDropboxFileManager::dropboxThread();
   if (!thread) return client->loadAccessToken();
   auto request = [helper = shared_from_this(), client = std::move(client)] {
-    // Another activation may have linked the account meanwhile; this client then has nothing left to trade.
+    // Another activation may have linked the account meanwhile; this client then has no code left.
     if (helper->restClient_.get() == client) client->loadAccessToken();
   };
   thread->perform(std::move(request), false);
 }
 
-// The browser's coming back is as good as the person's: without this they would have to press a key here to
-// finish what they have just allowed there.
+// The browser's redirect counts as an activation; without it the person would have to press a key here to
+// finish the sign-in.
 void DBAuthHelperOSXfix::restClientReceivedAuthorization(DBRestClient& /*client*/) {
   DispatchQueue::main().async([] {
     NSNotification notification;
@@ -112,12 +112,11 @@ void DBAuthHelperOSXfix::restClientLoadedAccessToken(DBRestClient& /*client*/, c
   loading = false;
   NSNotificationCenter::defaultCenter().removeObserver(this);
   linkedUserId_.set(userId);
-  restClient_.set(nullptr);  // it lives until this callback has returned; the next sign-in gets its own
+  restClient_.set(nullptr);  // it lives until this callback returns; the next sign-in gets a new one
   postStateChangedNotification(nullptr);
 }
 
-// The observer of the activation stays, and the client keeps what it can still exchange: the next
-// activation tries again.
+// The observer stays, and the client keeps its code if still usable: the next activation tries again.
 void DBAuthHelperOSXfix::loadAccessTokenFailedWithError(DBRestClient& /*client*/, const NSErrorRef& error) {
   loading = false;
   postStateChangedNotification(error);

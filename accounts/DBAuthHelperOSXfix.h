@@ -10,13 +10,13 @@
 #include "foundation/NSNotificationCenter.h"
 #include "sdk/DBRestClient.h"
 
-/// Posted by the helper, with itself as the object, at each transition of a sign-in, on the thread where it
-/// happens. User info: none, or for a failure one entry "error" with the NSError.
+/// Posted by the helper, with itself as the object, at each state change of a sign-in, on the thread of the
+/// change. User info: none, or after a failure one entry "error" with the NSError.
 inline constexpr std::string_view DBAuthHelperOSXStateChangedNotification =
     "DBAuthHelperOSXStateChangedNotification";
 
-/// Links a new account: asks for the service's sign-in page, shows it in the browser, and when the person
-/// comes back to the application trades their approval for tokens, which the shared session keeps.
+/// Links a new account: requests the service's sign-in page, shows it in the browser, and when the person
+/// returns to the application exchanges the authorization code for tokens, which the shared session stores.
 ///
 ///   idle --authenticate--> requesting token --begun--> waiting for the user --activation--> requesting
 ///   access token --linked--> idle; a failure leads back to idle, or to waiting for the user while the
@@ -30,35 +30,35 @@ class DBAuthHelperOSXfix final : public NSObject,
  public:
   using SignInCode = DBRestClient::SignInCode;
 
-  /// The one helper, never released.
+  /// The only helper, never released.
   static const std::shared_ptr<DBAuthHelperOSXfix>& sharedHelper();
 
-  DBAuthHelperOSXfix() = default;  // REQUIRES a shared_ptr as its owner: notifications carry it
+  DBAuthHelperOSXfix() = default;  // must be owned by a shared_ptr, which notifications carry
   ~DBAuthHelperOSXfix() override;
   std::string className() const override { return "DBAuthHelperOSXfix"; }
 
-  /// Starts a sign-in, or starts it anew while one waits for the user. Does nothing while isLoading().
+  /// Starts a sign-in, replacing one that waits for the user. Does nothing while isLoading().
   void authenticate(SignInCode code = SignInCode::byRedirect);
-  /// Gives up the sign-in that is under way, if there is one; nobody is notified. Once this has returned no
-  /// page opens and no account is linked for it. Waits for the service thread, which does it.
+  /// Cancels the current sign-in, if any, without a notification. Once this has returned it opens no page and
+  /// links no account. Blocks until the service thread has done so.
   void cancel();
-  /// How often cancel() has been called: a sign-in that was asked for before the last time must not begin.
+  /// The number of calls of cancel(): a sign-in that was requested before the last one must not start.
   std::uint64_t cancelCount() const { return cancelCount_; }
-  /// Whether a sign-in page is being asked for. False also while tokens are being asked for.
+  /// Whether a sign-in page is being requested. False while tokens are being requested.
   bool isLoading() const { return loading; }
-  /// The client that carries the sign-in, made when there is none.
+  /// The client of the sign-in, created if there is none.
   std::shared_ptr<DBRestClient> restClient();
-  /// `error` may be empty.
+  /// @param error  may be null.
   void postStateChangedNotification(const NSErrorRef& error);
-  /// Observer of NSApplicationDidBecomeActiveNotification while a sign-in waits for the user.
+  /// Observes NSApplicationDidBecomeActiveNotification while a sign-in waits for the user.
   void applicationDidBecomeActive(const NSNotification& notification);
 
-  /// A code that the person copied from the page; the next activation trades it. False when the text cannot
-  /// be one or no sign-in waits.
+  /// Takes a code that the person copied from the page; the next activation exchanges it for tokens. False
+  /// when the text cannot be a code or no sign-in is pending.
   bool useAuthorizationCode(const std::string& code);
-  /// Whether a sign-in is under way, so that a failure that has been reported need not be its end.
+  /// Whether a sign-in is pending, so that a reported failure need not be its end.
   bool isSigningIn() const;
-  /// The account that a sign-in has linked; reported once.
+  /// The id of the account that a sign-in has linked; returned only once.
   std::optional<std::string> takeLinkedUserId();
 
   void restClientLoadedRequestToken(DBRestClient& client) override;

@@ -19,7 +19,7 @@ constexpr std::uint64_t limitBytes = std::uint64_t{1024} * 1024;
 
 std::string informationPath() {
   if (!KZVSupport::isSandboxed()) return expandingTilde(std::string("~/") + informationFile);
-  // The client lives outside of the sandbox, whose home lies four levels below the user's own.
+  // The client runs outside the sandbox, whose home folder is four levels below the user's.
   std::string home = expandingTilde("~/");
   for (int level = 0; level < 4; ++level) home = deletingLastPathComponent(home);
   return appendingPathComponent(home, informationFile);
@@ -34,7 +34,7 @@ std::optional<std::string> desktopClientFolder() {
 
 std::optional<std::string> desktopClientFolderFrom(std::string_view text) {
   if (!isValidUtf8(text)) return std::nullopt;
-  // Not JSONValue, which tells the log of what it cannot read: nobody can mend another program's file.
+  // Not JSONValue, which logs what it cannot read: the file belongs to another program.
   const id root = QJJsonParser().objectWithString(text);
   const auto* information = as<NSDictionary>(root.get());
   const id personal = information ? information->objectForKey("personal") : nullptr;

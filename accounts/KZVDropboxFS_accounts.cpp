@@ -27,7 +27,7 @@ std::string displayText(const DBAccountInfo& info) {
   return info.email().empty() ? "Unknown" : info.email();
 }
 
-/// Asks the service who the linked accounts are; one that cannot be asked is left out.
+/// Asks the service for the names of the linked accounts; omits those for which that fails.
 UserList fetchUserList() {
   const auto linked = session().userIds();
   const std::set<std::string> userIds(linked.begin(), linked.end());
@@ -80,8 +80,7 @@ void KZVDropboxFS::refreshUserList() {
     }
   });
   synced(KZVDropboxFSUserListLock(), [&] { KZVDropboxFSUserList().set(std::move(users)); });
-  for (const std::string& userId : affected)
-    _changed_folder("/", userId);  // open panels of these draw themselves anew
+  for (const std::string& userId : affected) _changed_folder("/", userId);  // their open panels redraw
   postRootItemsChanged();
 }
 
@@ -101,17 +100,18 @@ void KZVDropboxFS::forgetDesktopUserId(const std::string& userId) {
   defaults().synchronize();
 }
 
-// On the accounts' queue: settings and token store may be locked by another process, or a keyring may hang,
-// and the service thread, which calls this, must not wait for them.
+// On KZVDropboxQueue: settings and token store may be locked by another process, or a keyring may hang, and
+// the service thread, which calls this, must not block.
 //
-// The desktop account is forgotten before the account is unlinked here, and after it in unlinkDBUser: kept so
-// on purpose. A failure must not leave a desktop account that nothing can be asked of, while a user who
-// ejects may change his mind up to the moment of unlinking.
+// The desktop account is removed before the account is unlinked here, and after it in unlinkDBUser, on
+// purpose: a failure must not leave an unusable desktop account, while a user who ejects may change their
+// mind until the unlinking.
 void KZVDropboxFS::sessionDidReceiveAuthorizationFailure(DBSession& /*session*/, const std::string& userId) {
   DLog(fmt::format("sessionDidReceiveAuthorizationFailure: {}", userId),
        "sessionDidReceiveAuthorizationFailure(_:userId:)");
   KZVDropboxQueue().async([userId] {
-    if (session().isAuthorizationLost(userId)) {  // and not linked anew meanwhile, perhaps by another process
+    if (session().isAuthorizationLost(
+            userId)) {  // and was not linked again meanwhile, perhaps by another process
       forgetDesktopUserId(userId);
       session().unlinkUserId(userId);
     }
@@ -125,8 +125,8 @@ void KZVDropboxFS::unlinkDBUser(const std::string& userId) {
 }
 
 bool KZVDropboxFS::unlinkAndRevokeDBUser(const std::string& userId, NSErrorRef* error) {
-  constexpr std::chrono::seconds patience{20};  // a person waits for it
-  const bool isRevoked = session().unlinkAndRevoke(userId, patience, error);
+  constexpr std::chrono::seconds timeout{20};  // a person is waiting
+  const bool isRevoked = session().unlinkAndRevoke(userId, timeout, error);
   forgetDesktopUserId(userId);
   return isRevoked;
 }

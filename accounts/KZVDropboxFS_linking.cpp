@@ -11,12 +11,12 @@
 
 namespace {
 
-/// What the host, which knows neither the helper nor its notification, is told about a step. Put together at
-/// once: by the time the host hears, the sign-in may be a step further.
+/// The user info for the host's notification of a step. Built at once: by the time of the notification the
+/// sign-in may be a step further.
 std::shared_ptr<NSDictionary> linkingStep(const NSNotification& step) {
   const auto helper = DBAuthHelperOSXfix::sharedHelper();
   NSDictionary::Entries entries{
-      {str(std::string(KZVLinkingGoesOnKey)), NSNumber::withBool(helper->isSigningIn())}};
+      {str(std::string(KZVLinkingShouldContinueKey)), NSNumber::withBool(helper->isSigningIn())}};
   if (const id error = step.userInfo ? step.userInfo->objectForKey("error") : nullptr)
     entries.emplace_back(str(std::string(KZVLinkingErrorKey)), error);
   if (const auto userId = helper->takeLinkedUserId())
@@ -24,7 +24,7 @@ std::shared_ptr<NSDictionary> linkingStep(const NSNotification& step) {
   return std::make_shared<NSDictionary>(std::move(entries));
 }
 
-void announce(std::shared_ptr<NSDictionary> step) {
+void notifyHost(std::shared_ptr<NSDictionary> step) {
   DispatchQueue::main().async([userInfo = std::move(step)] {
     NSNotificationCenter::defaultCenter().post(
         {std::string(KZVAccountLinkingNotification), nullptr, userInfo});
@@ -39,8 +39,8 @@ void storeSettings() {
 
 std::optional<std::string> KZVDropboxFS::dropboxDesktopPath() { return KZVDropboxFSDesktopPath().get(); }
 
-/// The first account on a machine with a desktop client is taken to be the client's own; a person can say
-/// otherwise later. True when an account was recorded, which has yet to be stored.
+/// Assumes that the first account on a machine with a desktop client is the client's; the person can change
+/// that later. True when an account was recorded; the caller must store the settings.
 bool KZVDropboxFS::recordDesktopUserIfFirst() {
   const auto session = required(DBSession::sharedSession(), "a shared session is installed");
   if (!session->isLinked() || !KZVDropboxFSDesktopPath().get() || KZVDropboxFSDesktopUserID().get())
@@ -74,11 +74,11 @@ void KZVDropboxFS::authHelperStateChangedNotification(const NSNotification& noti
   const bool hasRecorded = recordDesktopUserIfFirst();
   updateList();
   auto step = linkingStep(notification);
-  if (!hasRecorded) return announce(std::move(step));
-  // The settings' lock may be held elsewhere, and this may be the service thread. The host hears afterwards:
-  // it may end the program then.
+  if (!hasRecorded) return notifyHost(std::move(step));
+  // The settings may be locked by another process, and this may be the service thread. The host is notified
+  // afterwards, since it may then end the program.
   DispatchQueue::global().async([step = std::move(step)] {
     storeSettings();
-    announce(step);
+    notifyHost(step);
   });
 }

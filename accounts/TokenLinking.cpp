@@ -40,7 +40,7 @@ std::optional<std::string> linkWithToken(const std::string& token, NSErrorRef* e
   KZVDropboxFSSupport::performBlockInBackground([client, token] { client->adoptAccessToken(token); },
                                                 *thread);
   const Outcome outcome = answer.get();
-  // The client ends on the thread of its callbacks: the one that answered is still on its way out.
+  // The client is destroyed on the thread of its callbacks, since the last one may still be returning.
   KZVDropboxFSSupport::performBlockInBackgroundAndWait([&client] { client.reset(); }, *thread);
   if (!outcome.userId) setError(error, outcome.error);
   return outcome.userId;

@@ -4,7 +4,7 @@
 
 #include "foundation/NSError.h"
 
-/// Links the account that `token` belongs to (an access token, or the service's token answer as JSON) with
-/// the shared session: for machines without a browser. Blocks for the service's answer; not on the service
-/// thread. Returns the account's id, or nothing with the error.
+/// Links the account of `token` (an access token, or the service's token response as JSON) with the shared
+/// session, for machines without a browser. Returns the account id, or nothing with an error. Blocks until
+/// the service has answered; not on the service thread.
 std::optional<std::string> linkWithToken(const std::string& token, NSErrorRef* error);

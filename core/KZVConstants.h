@@ -20,7 +20,7 @@ inline constexpr std::string_view AttachedPluginsDidChangeNotification =
 inline constexpr std::string_view KZVAccountLinkingNotification = "KZVAccountLinkingNotification";
 inline constexpr std::string_view KZVLinkingErrorKey = "error";      // NSError; only for a step that failed
 inline constexpr std::string_view KZVLinkingAccountKey = "account";  // id of the account; only once linked
-inline constexpr std::string_view KZVLinkingGoesOnKey = "goesOn";    // boolean: the linking is not over
+inline constexpr std::string_view KZVLinkingShouldContinueKey = "shouldContinue";  // boolean: not over yet
 
 /// Domain of the error that stands for a stop by the user; its code is -1.
 inline constexpr std::string_view CanceledByUserErrorDomain = "CanceledByUserErrorDomain";

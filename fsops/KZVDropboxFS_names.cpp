@@ -1,4 +1,4 @@
-// What the service makes of names: its public documentation on file names, and what it answers.
+// The service's rules for names: from its public documentation and its answers.
 #include <algorithm>
 #include <array>
 
@@ -27,7 +27,8 @@ bool isReserved(std::string_view key) {
 
 std::optional<NameProblem> KZVDropboxFS::nameProblem(std::string_view name) const {
   using Kind = NameProblem::Kind;
-  if (name.empty() || name == "." || name == "..") return NameProblem{Kind::malformed, "this is no name"};
+  if (name.empty() || name == "." || name == "..")
+    return NameProblem{Kind::malformed, "this is not a valid name"};
   if (!isValidUtf8(name)) return NameProblem{Kind::malformed, "this name is not valid UTF-8"};
   const std::string composed = canonicallyComposed(name);
   if (isReserved(caselessKey(composed)))

@@ -25,7 +25,7 @@ std::shared_ptr<NSImage> KZVDropboxFS::preview(const std::string& path, NSErrorR
     if (record->isDirectory() || !record->thumbnailExists()) return nullptr;
     const auto claim = cachedThumbs_->claim(key);
     if (claim.url) return NSImage::initWithContentsOfURL(*claim.url, NSImage::Format::jpeg);
-    if (claim.isMine) break;  // else somebody began between the look and the claim: wait for that one
+    if (claim.isMine) break;  // else another thread was faster: wait for it
   }
   const auto picture = fetchPreview(path, error);
   if (!picture) {

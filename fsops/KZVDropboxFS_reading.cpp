@@ -22,12 +22,12 @@ std::shared_ptr<FSReader> KZVDropboxFS::openReader(const std::string& path, cons
   return LocalCopyReader::open(shared_from_this(), std::move(copy), std::move(wanted), error);
 }
 
-/// A local copy of one version, with one more user. Kept by the version and not by the path: a version never
-/// changes, so that no report of a change has to drop its copy.
+/// A local copy of one version, with one more user. Cached by version and not by path: a version never
+/// changes, so no change notice has to drop its copy.
 std::shared_ptr<NSURL> KZVDropboxFS::copyOfVersion(const std::string& version, ProgressCallback progress,
                                                    NSErrorRef* error) {
-  const std::string key = "rev:" + version;  // no path: those begin with a slash
-  return heldOrMadeCopy(
+  const std::string key = "rev:" + version;  // cannot be a path, which begins with a slash
+  return cachedOrNewCopy(
       key, progress, error, [&] { return cache().urlForKey(key); },
       [&]() -> std::shared_ptr<NSURL> {
         const std::string folder = requiredTemporaryFolder(error);

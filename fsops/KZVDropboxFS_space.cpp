@@ -23,8 +23,8 @@ id textOrNothing(const std::string& text) { return text.empty() ? nullptr : str(
 
 }  // namespace
 
-// The caller's error is not passed on, on purpose: a panel that cannot show free space shows none and says
-// nothing. space() is for callers that tell.
+// Does not report errors, on purpose: a panel that cannot get the free space just shows none. space() reports
+// them.
 std::shared_ptr<NSDictionary> KZVDropboxFS::fsAttributes(const std::string& /*path*/, NSErrorRef* /*error*/) {
   const auto info = requiredManager().accountInfo(nullptr, DBAccountParts::quota);
   if (!info) return nullptr;

@@ -18,7 +18,7 @@
 
 namespace {
 
-/// A path of the service is data: none of its components may lead out of the folder it is put into.
+/// Whether a path from the service stays below the folder that it is appended to. It is untrusted.
 bool staysBelow(const std::string& path) {
   if (!path.starts_with('/') || path.find('\0') != std::string::npos) return false;
   for (std::size_t start = 1; start <= path.size();) {
@@ -30,31 +30,31 @@ bool staysBelow(const std::string& path) {
   return true;
 }
 
-/// A fresh folder for one copy; empty with the error when the disk refuses.
+/// Creates a folder for one copy; empty with an error when that fails.
 std::string folderForCopy(const std::string& folder, NSErrorRef* error) {
   std::string made = appendingPathComponent(folder, KZVSupport::uniquePathComponent());
   return kzv::copy::makePrivateFolders(made, error) ? made : std::string();
 }
 
-/// Frees `place`, which may hold the copy of an earlier version; false when it cannot be a file's: its folder
-/// cannot be made, another copy's folder is there, or the disk cannot hold such a name.
-bool isFreed(const std::string& place) {
-  if (!kzv::copy::makePrivateFolders(deletingLastPathComponent(place), nullptr)) return false;
-  return ::unlink(place.c_str()) == 0 || errno == ENOENT || (errno == EISDIR && ::rmdir(place.c_str()) == 0);
+/// Prepares `path` for a new file: creates its folder and removes an older copy. False when no file can be
+/// created there: a folder with other copies is in the way, or the disk does not support the name.
+bool preparePath(const std::string& path) {
+  if (!kzv::copy::makePrivateFolders(deletingLastPathComponent(path), nullptr)) return false;
+  return ::unlink(path.c_str()) == 0 || errno == ENOENT || (errno == EISDIR && ::rmdir(path.c_str()) == 0);
 }
 
-/// Where the copy of a file goes: below `folder` as it lies in the account. Where that cannot be, because the
-/// path, or one above it, had another kind before and copies of that time may be held, or because the disk
-/// holds no such names: in a folder of its own. Empty with the error when the disk refuses.
-std::string placeForCopy(const std::string& folder, const std::string& path, NSErrorRef* error) {
+/// The local path for the copy of a file: below `folder`, with the path that it has in the account. If that
+/// is not possible (copies from a time when the path had another kind are in the way, or the disk does not
+/// support the name), in a folder of its own. Empty with an error when the disk fails.
+std::string localPathForCopy(const std::string& folder, const std::string& path, NSErrorRef* error) {
   std::string usual = appendingPathComponent(folder, path);
-  if (isFreed(usual)) return usual;
+  if (preparePath(usual)) return usual;
   const std::string own = folderForCopy(folder, error);
   return own.empty() ? own
                      : appendingPathComponent(own, kzv::copy::fittingName(lastPathComponent(path), own));
 }
 
-/// The key under which a copy's revision hangs on its URL.
+/// The key under which a copy's revision is attached to its URL.
 const NSObject& revisionOfCopy() {
   static const id key = str("revision of the copy");
   return *key;
@@ -62,7 +62,7 @@ const NSObject& revisionOfCopy() {
 
 }  // namespace
 
-// The message stands in the domain, on purpose: hosts show the domain of an error that carries no details.
+// The message is the domain, on purpose: hosts show the domain of an error without details.
 NSErrorRef KZVDropboxFS::temporaryFileError() {
   return std::make_shared<NSError>("Could not create temporary file", -1);
 }
@@ -70,8 +70,8 @@ NSErrorRef KZVDropboxFS::temporaryFileError() {
 std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, ProgressCallback progress,
                                                     NSErrorRef* error) {
   const std::string key = MetadataCache::keyOf(path);
-  return heldOrMadeCopy(
-      key, progress, error, [&] { return heldCopy(path, key); },
+  return cachedOrNewCopy(
+      key, progress, error, [&] { return cachedCopy(path, key); },
       [&]() -> std::shared_ptr<NSURL> {
         NSErrorRef reason;
         if (auto copy = makeLocalCopy(path, key, progress, ServiceErrors(&reason))) return copy;
@@ -82,24 +82,24 @@ std::shared_ptr<NSURL> KZVDropboxFS::requestFileUrl(const std::string& path, Pro
       });
 }
 
-/// The copy under `key` that `held` finds, else the one that `make` makes. Several copies of one item at a
-/// time would remove each other's file.
-std::shared_ptr<NSURL> KZVDropboxFS::heldOrMadeCopy(const std::string& key, const ProgressCallback& progress,
-                                                    NSErrorRef* error, const MakeCopy& held,
-                                                    const MakeCopy& make) {
-  if (auto copy = held()) return copy;
+/// The copy that `findCached` returns, else one from `make`, which only one thread per key runs: two would
+/// remove each other's file.
+std::shared_ptr<NSURL> KZVDropboxFS::cachedOrNewCopy(const std::string& key, const ProgressCallback& progress,
+                                                     NSErrorRef* error, const MakeCopy& findCached,
+                                                     const MakeCopy& make) {
+  if (auto copy = findCached()) return copy;
   const KeyedGate::Pass pass(copiesBeingMade_, key, [&] { return !progress || progress({0, 1000}); });
   if (!pass.isHeld()) {
     setError(error, stoppedByUser());
     return nullptr;
   }
-  if (auto copy = held()) return copy;
+  if (auto copy = findCached()) return copy;
   return make();
 }
 
-/// The copy that the cache holds for `path`, with one more user. One of a version that is known to be
-/// replaced is not given out, though the report of the change, which drops it, is still on its way.
-std::shared_ptr<NSURL> KZVDropboxFS::heldCopy(const std::string& path, const std::string& key) {
+/// The cached copy for `path`, with one more user. Null for a version that is known to be outdated, even if
+/// the change notice that drops it has not arrived yet.
+std::shared_ptr<NSURL> KZVDropboxFS::cachedCopy(const std::string& path, const std::string& key) {
   auto copy = cache().urlForKey(key);
   if (!copy) return nullptr;
   const id revision = objForKey(*copy, revisionOfCopy());
@@ -122,13 +122,13 @@ std::shared_ptr<NSURL> KZVDropboxFS::makeLocalCopy(const std::string& path, cons
   if (!copy) return nullptr;
   if (!record->rev().empty()) setObj(*copy, str(record->rev()), revisionOfCopy());
   cache().setUrl(copy, key);
-  // What changed while it was fetched was told before there was a copy to drop.
+  // A change notice during the download found no copy to drop.
   if (!record->isDirectory() && requiredManager().knownRevision(path) != record->rev())
     cache().invalidate(key);
   return copy;
 }
 
-/// @param record  what is known of the file; becomes the record of the version that came.
+/// @param record  the cached record of the file; becomes that of the downloaded version.
 std::shared_ptr<NSURL> KZVDropboxFS::copyFile(KZVDropboxFileManager::MetadataRef& record,
                                               const std::string& path, const std::string& folder,
                                               ProgressCallback progress, NSErrorRef* error) {
@@ -136,7 +136,7 @@ std::shared_ptr<NSURL> KZVDropboxFS::copyFile(KZVDropboxFileManager::MetadataRef
     setError(error, NSError::posix(EINVAL, path));
     return nullptr;
   }
-  const std::string place = placeForCopy(folder, path, error);
+  const std::string place = localPathForCopy(folder, path, error);
   auto local = place.empty() ? nullptr : NSURL::fileURLWithPath(place);
   if (!local) return nullptr;
   if (record->totalBytes() > 0) {
@@ -168,8 +168,7 @@ std::shared_ptr<NSURL> KZVDropboxFS::copyFolder(const std::string& path, const s
   return nullptr;
 }
 
-/// Brings a file's bytes to where they are wanted. Local copies play no part: who wants a file of their own
-/// has no use for a second one.
+/// Downloads straight to `target`; uses no local copy, which would be a second file.
 bool KZVDropboxFS::fetchFile(const FSItem& item, const NSURL& target, LocalAccess access,
                              ProgressCallback progress, NSErrorRef* error) {
   const auto record = requiredManager().metadata(item.path(), progress, ServiceErrors(error));
@@ -185,8 +184,8 @@ bool KZVDropboxFS::fetchFile(const FSItem& item, const NSURL& target, LocalAcces
                                     ServiceErrors(error)) != nullptr;
 }
 
-/// The instance's folder, asked for when it is first needed, and made anew when something that cleans up has
-/// removed it; empty with the error when the host has none to give, or the disk refuses.
+/// The instance's temporary folder, obtained at first use and created again if a clean-up has removed it;
+/// empty with an error when the host has none or the disk fails.
 std::string KZVDropboxFS::requiredTemporaryFolder(NSErrorRef* error) {
   return tmpFolderUrl_.update([&](std::shared_ptr<NSURL>& folder) -> std::string {
     if (!folder) folder = KZVCoreObj::shared().temporaryFolderForPlugin(*this, error);
@@ -202,7 +201,7 @@ void KZVDropboxFS::releaseFileUrl(const NSURL& url) {
   }
 }
 
-// The destination is dropped as it was given and not in lower case, on purpose: see KZVDropboxFS_tree.cpp.
+// Invalidates the path as given and not in lower case, on purpose: see KZVDropboxFS_tree.cpp.
 bool KZVDropboxFS::writeFile(const NSURL& source, const std::string& path, ProgressCallback progress,
                              NSErrorRef* error) {
   cache().invalidate(path);

@@ -1,6 +1,5 @@
-// Tree changes. Local copies are dropped under the path as it was given and not in lower case, on purpose:
-// the caller's own copy under that spelling goes at once, those under other spellings follow when the change
-// is reported.
+// Tree changes. Local copies are invalidated by the path as given and not in lower case, on purpose: the
+// caller's own copy under that spelling is dropped at once, others when the change is reported.
 #include "foundation/NSFileManager.h"
 #include "foundation/NSString.h"
 #include "fsops/ServiceErrors.h"

@@ -10,8 +10,8 @@
 
 namespace {
 
-/// Whether the machine slept since the last call: then the clock that counts its sleep has gained on the one
-/// that does not (clock_gettime(2)).
+/// Whether the machine slept since the last call: CLOCK_BOOTTIME counts that time, CLOCK_MONOTONIC does not
+/// (clock_gettime(2)).
 bool hasSlept() {
   using std::chrono::nanoseconds, std::chrono::seconds;
   const auto read = [](clockid_t clock) {
@@ -75,8 +75,8 @@ void KZVDropboxFS::_changed_file(const std::string& path, const std::string& use
     instance->cache().invalidate(MetadataCache::keyOf(path));
 }
 
-// A plain prefix without a look at the separator, on purpose: a change of /ab also redraws a watched /abc,
-// which costs a listing from the cache and can never miss a folder that was renamed.
+// A plain prefix that ignores separators, on purpose: a change of /ab also redraws a watched /abc, which
+// costs a listing from the cache, but never misses a renamed folder.
 void KZVDropboxFS::_changed_folder(const std::string& path, const std::string& userId) {
   const std::string changed = canonicallyDecomposed(MetadataCache::keyOf(path));
   for (const auto& instance : attachedInstances(userId)) {
@@ -84,8 +84,8 @@ void KZVDropboxFS::_changed_folder(const std::string& path, const std::string& u
       if (!canonicallyDecomposed(MetadataCache::keyOf(item->path())).starts_with(changed)) continue;
       if (!item->changeCallback()) continue;
       item->prepareForChange();
-      // Whether it is still watched is asked when the callback's turn comes: a host that has stopped
-      // watching, on the main queue's thread, must not be called any more.
+      // Checks on the main thread whether the item is still watched: a host that has stopped watching there
+      // must not be called any more.
       DispatchQueue::main().async([watcher = std::weak_ptr(instance), item] {
         const auto watching = watcher.lock();
         const auto callback = item->changeCallback();

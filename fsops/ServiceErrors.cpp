@@ -15,7 +15,7 @@ struct TagRow {
   FSErrorCode code;
 };
 
-/// Where the service names the reason itself.
+/// By the service's own error tag.
 constexpr TagRow tagRows[] = {
     {"not_found", FSErrorCode::notFound},
     {"not_file", FSErrorCode::isFolder},
@@ -44,7 +44,7 @@ constexpr TagRow tagRows[] = {
 constexpr int serverErrors = 500;
 
 FSErrorCode codeOf(std::int64_t code) {
-  if (code < 0) return FSErrorCode::line;  // of the transport
+  if (code < 0) return FSErrorCode::line;  // a transport error
   switch (code) {
     case 400:
       return FSErrorCode::nameRefused;
@@ -81,11 +81,11 @@ FSErrorCode codeOf(const NSError& error) {
                                   [&](const TagRow& candidate) { return candidate.tag == *tag; });
     if (row != std::end(tagRows)) return row->code;
   }
-  // A request that the service finds malformed is our mistake, unless it is about the path's form.
+  // A malformed request is our bug, unless the path's form was rejected.
   const id summary = error.detail(DBErrorSummaryKey);
-  const std::string* said = textOf(summary);
+  const std::string* text = textOf(summary);
   const bool isAnswer = error.detail(DBErrorHttpStatusKey) != nullptr;
-  if (error.code() == 400 && isAnswer && !(said && said->find("pattern") != std::string::npos))
+  if (error.code() == 400 && isAnswer && !(text && text->find("pattern") != std::string::npos))
     return FSErrorCode::internal;
   return codeOf(error.code());
 }

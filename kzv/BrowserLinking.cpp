@@ -107,7 +107,7 @@ BrowserLinking::BrowserLinking(VerbContext& context, FSPluginAccounts& accounts,
         event.error = as<NSError>(step.userInfo->objectForKey(KZVLinkingErrorKey));
         const id accountId = step.userInfo->objectForKey(KZVLinkingAccountKey);
         if (const std::string* text = textOf(accountId)) event.accountId = *text;
-        const auto shouldContinue = as<NSNumber>(step.userInfo->objectForKey(KZVLinkingGoesOnKey));
+        const auto shouldContinue = as<NSNumber>(step.userInfo->objectForKey(KZVLinkingShouldContinueKey));
         event.shouldContinue = shouldContinue && shouldContinue->boolValue();
         mailbox->put(std::move(event));
       });

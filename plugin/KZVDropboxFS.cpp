@@ -51,8 +51,7 @@ KZVDropboxFS::~KZVDropboxFS() {
 
 id KZVDropboxFS::options() const { return userId_ ? str(*userId_) : nullptr; }
 
-// Without the list's lock, on purpose: a label is asked for while a panel is drawn and may be one refresh
-// old.
+// Without the list's lock, on purpose: labels are needed while a panel is drawn, and may be one refresh old.
 std::string KZVDropboxFS::label() const {
   const UserList users = KZVDropboxFSUserList().get();
   const auto found = users.find(userId_.value_or(""));
@@ -86,11 +85,11 @@ std::vector<std::shared_ptr<KZVDropboxFS>> KZVDropboxFS::attachedInstances(const
 }
 
 const std::string& KZVDropboxFS::requiredUserId() const {
-  if (!userId_) fatalInvariant("an instance in use has an account");
+  if (!userId_) fatalInvariant("an instance must have an account");
   return *userId_;
 }
 
 KZVDropboxFileManager& KZVDropboxFS::requiredManager() const {
-  if (!manager_) fatalInvariant("an instance in use has a file manager");
+  if (!manager_) fatalInvariant("an instance must have a file manager");
   return *manager_;
 }

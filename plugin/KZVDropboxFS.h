@@ -14,34 +14,34 @@
 #include "plugin/ThumbnailCache.h"
 #include "sdk/DBSession.h"
 
-/// The plug-in. Its static members are the class side: one session for all accounts, the service thread, the
-/// list of accounts. An instance is one account's volume; the account's id is its whole identity.
+/// The plug-in. Its static members are shared by all accounts: one session, the service thread, the list of
+/// accounts. An instance is one account's volume, identified by the account id.
 ///
-/// Threads: class side and instances may be used from any thread but dropboxOperationsThread; operations of
-/// an instance block until the service has answered or the caches can.
+/// Threads: static members and instances may be used from any thread except dropboxOperationsThread;
+/// operations of an instance block until answered from a cache or by the service.
 class KZVDropboxFS final : public FSPlugin {
  public:
   // --- Start-up and service thread (plugin/KZVDropboxFS_startup.cpp)
 
-  /// Builds everything that instances rest on; before anything else. Further calls do nothing. Blocks until
-  /// the service thread has come up.
+  /// Sets up everything that instances need; must be called first. Further calls do nothing. Blocks until the
+  /// service thread runs.
   static void initialize();
   /// The service thread's body; never returns.
   static void dbThreadRunLoop();
   static void reachabilityChanged(const NSNotification& notification);
-  /// Asks for a refresh of the account list; returns at once.
+  /// Requests a refresh of the account list; returns at once.
   static void updateList();
 
   // --- Linking accounts (accounts/KZVDropboxFS_linking.cpp)
 
-  /// Starts a sign-in in the browser; returns at once. The steps arrive as authHelperStateChangedNotification
-  /// and go on to the host as KZVAccountLinkingNotification.
+  /// Starts a sign-in in the browser; returns at once. Each step calls authHelperStateChangedNotification,
+  /// which notifies the host (KZVAccountLinkingNotification).
   static void linkDropbox(DBRestClient::SignInCode code = DBRestClient::SignInCode::byRedirect);
   static void authHelperStateChangedNotification(const NSNotification& notification);
-  /// To be called after an account has been linked without a sign-in: does what follows one. Blocks for the
-  /// disk.
+  /// Called after an account was linked with a token instead of a sign-in: records the desktop account and
+  /// refreshes the list. Blocks for the disk.
   static void accountLinkedWithToken();
-  /// The desktop client's local folder, found during start-up; nothing when there is none.
+  /// The desktop client's local folder, read during start-up; nothing when there is none.
   static std::optional<std::string> dropboxDesktopPath();
 
   // --- Accounts (accounts/KZVDropboxFS_accounts.cpp)
@@ -50,19 +50,20 @@ class KZVDropboxFS final : public FSPlugin {
   /// Records which linked account is the desktop client's; an id that is not linked is ignored.
   /// @return false, with the error, when the record could not be stored.
   static bool setDropboxDesktopUserId(const std::string& userId, NSErrorRef* error = nullptr);
-  /// Forgets an account and ends its authorization in the background. The list follows with the next refresh.
+  /// Unlinks an account and revokes its authorization in the background. The list changes with the next
+  /// refresh.
   static void unlinkDBUser(const std::string& userId);
-  /// The same, but waits (bounded) for the end of the authorization; false with an error that says what is
-  /// left to be done by hand.
+  /// The same, but waits up to 20 s for the revocation; false with an error that says what is left to be done
+  /// by hand.
   static bool unlinkAndRevokeDBUser(const std::string& userId, NSErrorRef* error);
   static void sessionDidReceiveAuthorizationFailure(DBSession& session, const std::string& userId);
 
   // --- Root items and instances (plugin/KZVDropboxFS.cpp)
 
-  /// One dictionary (KZVConstants.h) for each account of the list, in the order of ids.
+  /// One dictionary (KZVConstants.h) for each account of the list, ordered by id.
   static std::shared_ptr<NSArray> availableRootItems();
   static std::string fsDescription();
-  /// An instance for the account id `options`; the attached one if there is one; nothing for an account not
+  /// An instance for the account id `options`: the attached one if there is one; null if the account is not
   /// linked.
   static std::shared_ptr<FSPlugin> makePlugin(const std::shared_ptr<FSItem>& item, const id& options);
 
@@ -113,7 +114,7 @@ class KZVDropboxFS final : public FSPlugin {
 
   // --- Reading one version by ranges (fsops/KZVDropboxFS_reading.cpp)
 
-  /// The whole version is fetched when it is opened.
+  /// Downloads the whole version when it is opened.
   std::shared_ptr<FSReader> openReader(const std::string& path, const std::string& version,
                                        ProgressCallback progress, NSErrorRef* error) override;
 
@@ -130,17 +131,17 @@ class KZVDropboxFS final : public FSPlugin {
 
   std::shared_ptr<NSDictionary> fsAttributes(const std::string& path, NSErrorRef* error) override;
   std::optional<VolumeSpace> space(NSErrorRef* error) override;
-  /// Texts of a linked account: "id", "email" and "name" where it has them, "free" and "total". Nothing on
+  /// Texts about a linked account: "id", "email" and "name" if it has them, "free" and "total". Null on
   /// failure.
   static std::shared_ptr<NSDictionary> dropboxInfoFor(const std::string& userId);
-  /// The same as values, with the reason of a failure; none when the account is not linked.
+  /// The same as values. Nothing on failure, without an error if the account is not linked.
   static std::optional<AccountDetails> accountDetails(const std::string& userId, NSErrorRef* error);
-  /// A link made, or found, in the desktop client's account whatever volume is shown; nothing, and no error,
-  /// when there is no such account.
+  /// The public link to an item of the desktop client's account, created if needed; nothing, without an
+  /// error, when there is no such account.
   static std::optional<std::string> dropboxPublic(const std::string& path, NSErrorRef* error);
   /// The same link with its audience.
   static std::optional<PublicLink> publicLink(const std::string& path, NSErrorRef* error);
-  /// The link that dropboxPublic would give, if there is one already; makes none.
+  /// The same link if it exists already; creates none.
   static std::optional<std::string> existingLink(const std::string& path, NSErrorRef* error);
 
   // --- Icons and previews (fsops/KZVDropboxFS_pictures.cpp)
@@ -156,18 +157,17 @@ class KZVDropboxFS final : public FSPlugin {
   void pollForChanges() override;
   void prepareForManyLookUps() override;
   bool prepareToListTree(const std::string& path, std::size_t maxItems) override;
-  /// The service thread's timer: one poll of the change feed for every attached instance. Does not wait for
-  /// them.
+  /// The service thread's timer: starts a poll of the change feed for every attached instance. Does not
+  /// block.
   static void dbTimerIntervalExpired(NSTimer& timer);
-  /// The machine slept or moved to another network: requests that wait at the service for a change are made
-  /// again.
+  /// Called after the machine slept or changed its network: restarts the long polls.
   static void noteConnectionInterrupted();
-  /// Drops the local copies of a changed file in every instance of the account. Path in lower case.
+  /// Drops the local copies of a changed file in every instance of the account. `path` in lower case.
   static void _changed_file(const std::string& path, const std::string& userId);
   /// Notifies the account's watchers at and below `path` (in lower case), on the main queue.
   static void _changed_folder(const std::string& path, const std::string& userId);
 
-  /// The account; present in every instance that makePlugin made.
+  /// The account id; set in every instance made by makePlugin.
   const std::optional<std::string>& userId() const noexcept { return userId_; }
   /// Local copies of remote files by lower-cased path.
   KZVSmartCache& cache() noexcept { return *cache_; }
@@ -192,9 +192,9 @@ class KZVDropboxFS final : public FSPlugin {
   std::shared_ptr<FSItem> itemFor(const KZVDropboxFileManager::MetadataRef& record);
 
   using MakeCopy = std::function<std::shared_ptr<NSURL>()>;
-  std::shared_ptr<NSURL> heldOrMadeCopy(const std::string& key, const ProgressCallback& progress,
-                                        NSErrorRef* error, const MakeCopy& held, const MakeCopy& make);
-  std::shared_ptr<NSURL> heldCopy(const std::string& path, const std::string& key);
+  std::shared_ptr<NSURL> cachedOrNewCopy(const std::string& key, const ProgressCallback& progress,
+                                         NSErrorRef* error, const MakeCopy& findCached, const MakeCopy& make);
+  std::shared_ptr<NSURL> cachedCopy(const std::string& path, const std::string& key);
   std::shared_ptr<NSURL> makeLocalCopy(const std::string& path, const std::string& key,
                                        ProgressCallback progress, NSErrorRef* error);
   std::shared_ptr<NSURL> copyFile(KZVDropboxFileManager::MetadataRef& record, const std::string& path,
@@ -213,6 +213,6 @@ class KZVDropboxFS final : public FSPlugin {
   const std::shared_ptr<ThumbnailCache> cachedThumbs_;
   const std::shared_ptr<KZVSmartCache> cache_;
   KeyedGate copiesBeingMade_;  // by the cache's keys
-  /// By identity: two items of one path are two entries. Readers take the whole view.
+  /// By identity: two items of one path are two entries. Readers copy the list.
   Guarded<FSItems> _watchedFolders;
 };

@@ -2,9 +2,8 @@
 #include "core/FSPlugin.h"
 #include "sdk/DBSession.h"
 
-/// The class side of KZVDropboxFS as the host sees it, and the object that stands for the class where one is
-/// needed: as the session's delegate and as an observer of notifications. One per process, never destroyed.
-/// Any thread.
+/// The static members of KZVDropboxFS as an object: for the host, as the session's delegate and as an
+/// observer of notifications. One per process, never destroyed. Threads and blocking as in KZVDropboxFS.
 class KZVDropboxFSClass final : public FSPluginClass, public FSPluginAccounts, public DBSessionDelegate {
  public:
   static KZVDropboxFSClass& shared();

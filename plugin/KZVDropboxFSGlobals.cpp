@@ -8,7 +8,7 @@
 
 namespace {
 
-// The name under which the plug-in keeps its settings.
+// The name of the plug-in's settings suite.
 constexpr const char* bundleIdentifier = "org.kzv.KZVDropboxFS";
 
 const char* fromEnvironment(const char* name) {
@@ -16,8 +16,8 @@ const char* fromEnvironment(const char* name) {
   return value && *value ? value : nullptr;
 }
 
-/// Accounts belong to the origin that gave their tokens, and so do settings about them: one that stands in
-/// for the service has a suite of its own.
+/// Accounts belong to the origin that issued their tokens, and so do settings about them: each stand-in of
+/// the service has a suite of its own.
 std::string suiteName() {
   std::string name = bundleIdentifier;
   const std::string origin = DBServiceHosts::fromEnvironment().origin;

@@ -18,7 +18,7 @@
 
 namespace {
 
-/// An account that an interrupted sign-in of early versions left behind.
+/// The id that an interrupted sign-in of early versions stored.
 constexpr const char* placeholderUserId = "unknown";
 
 void startServiceThread() {
@@ -27,10 +27,10 @@ void startServiceThread() {
   while (!dropboxOperationsThread().get()) NSThread::sleepForTimeInterval(std::chrono::milliseconds(100));
 }
 
-/// The host of the service's web site, or of the address that stands in for it.
+/// The host name of the service's web site, or of its stand-in.
 std::string serviceWebHost() {
   std::string host = DBServiceHosts::fromEnvironment().web;
-  if (host.empty()) return "localhost";  // an address that is refused: no name may be looked up
+  if (host.empty()) return "localhost";  // the address was refused: no other host may be looked up
   host.erase(0, host.find("://") + 3);
   if (host.starts_with('[')) return host.substr(0, host.find(']') + 1);
   host.resize(std::min(host.find(':'), host.size()));
@@ -43,7 +43,7 @@ void startReachabilityMonitor() {
   NSNotificationCenter::defaultCenter().addObserver(&KZVDropboxFSClass::shared(),
                                                     kReachabilityChangedNotification, nullptr,
                                                     &KZVDropboxFS::reachabilityChanged);
-  monitor->startNotifier();  // whether it could is seen in the status it reports
+  monitor->startNotifier();  // a failure shows in its status
 }
 
 void readDesktopUserId() {
@@ -70,7 +70,7 @@ void announceLinkedUsers(const DBSession& session) {
 void dropStaleDesktopUserId(const DBSession& session) {
   const auto desktopUser = KZVDropboxFSDesktopUserID().get();
   if (!desktopUser || session.hasUserId(*desktopUser)) return;
-  if (session.storeError()) return;  // it may be among the accounts that could not be read
+  if (session.storeError()) return;  // the account may be among those that could not be read
   KZVDropboxFSDesktopUserID().set(std::nullopt);
   KZVDropboxUserDefaults()->removeObjectForKey(KZVDropboxFSDesktopUserIDKey);
   KZVDropboxUserDefaults()->synchronize();

@@ -7,19 +7,19 @@
 
 #include "core/StoppableCall.h"
 
-/// Lets one thread at a time through for each key. Any thread; waits without a time limit.
+/// A mutex per key. Any thread; waits without a time limit.
 class KeyedGate {
  public:
-  /// Holds the key for as long as it lives, if it got it.
+  /// Holds the key while it lives, unless the wait was ended.
   class Pass {
    public:
-    /// @param shouldContinue  asked every stopInterval while another one holds the key; its false ends the
+    /// @param shouldContinue  called every stopInterval while another thread holds the key; false ends the
     /// wait.
     Pass(KeyedGate& gate, std::string key, const std::function<bool()>& shouldContinue)
         : gate_(gate), key_(std::move(key)) {
       std::unique_lock lock(gate_.mutex_);
       while (!gate_.freed_.wait_for(lock, stopInterval, [this] { return take(); })) {
-        lock.unlock();  // the caller's code runs without it
+        lock.unlock();  // the caller's code runs without the lock
         if (!shouldContinue()) return;
         lock.lock();
       }

@@ -6,16 +6,17 @@
 #include "foundation/NSObject.h"
 #include "foundation/NSURL.h"
 
-/// Preview pictures already fetched, by key of the path (MetadataCache::keyOf). An entry is absent, a marker
-/// that somebody is fetching it (an empty text), or the file URL of the picture. Any thread: each operation
-/// takes the object's own lock (synced), which is never held across a request or a sleep.
+/// Downloaded preview pictures by path key (MetadataCache::keyOf). An entry is a marker that a thread is
+/// fetching it (an empty text), or the picture's file URL. Any thread: each operation locks the object
+/// (synced), but never during a request or a sleep.
 class ThumbnailCache final : public NSObject {
  public:
   struct Claim {
-    std::shared_ptr<NSURL> url;  // there is a picture already
-    bool isMine = false;         // the marker is in place: the caller must store or remove it
+    std::shared_ptr<NSURL> url;  // the picture, if it was fetched already
+    bool isMine = false;         // the caller has set the marker and must store() or remove()
   };
-  /// Blocks, looking again every 0.1 s, while the picture is being fetched. No time limit.
+  /// Blocks while the picture is being fetched, without a time limit; checks every 0.1 s. The picture, or
+  /// else, if there is no entry, the right to fetch it.
   void waitWhileFetching(const std::string& key) const;
   Claim claim(const std::string& key);
   void store(const std::string& key, std::shared_ptr<NSURL> url);
