@@ -14,7 +14,7 @@ std::string FSItem::name() const { return lastPathComponent(path_); }
 void FSItem::setChangeCallback(ChangeCallback callback) {
   const std::lock_guard lock(mutex_);
   changeCallback_.swap(callback);
-  // The old callback goes with the parameter, after the lock: what it holds may use this item when it goes.
+  // The old callback is destroyed with the parameter, after the lock: its captures may use this item.
 }
 
 FSItem::ChangeCallback FSItem::changeCallback() const {

@@ -18,7 +18,7 @@ class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem
  public:
   using ChangeCallback = std::function<void(const std::shared_ptr<FSItem>&)>;
 
-  /// @param path  in the file system's own form, beginning with "/".
+  /// @param path  as the file system spells it, beginning with "/".
   /// @param fs    the file system; kept alive by its items.
   FSItem(std::string path, std::shared_ptr<FSPlugin> fs);
   ~FSItem() override;
@@ -32,11 +32,11 @@ class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem
   void setSize(std::uint64_t bytes) noexcept { size_ = bytes; }
   bool isDirectory() const noexcept { return isDirectory_; }
   void setIsDirectory(bool isDirectory) noexcept { isDirectory_ = isDirectory; }
-  /// The version of a file's bytes: opaque, another one after each change of them. Empty for folders, and
-  /// where the volume has no versions. Compare for equality only; dates and sizes do not tell versions apart.
+  /// The version of a file's bytes: opaque, different after each change. Empty for folders, and on volumes
+  /// without versions. Compare for equality only; dates and sizes do not distinguish versions.
   std::string version() const { return record_ ? recordTexts_->version(*record_) : version_; }
   void setVersion(std::string version) { version_ = std::move(version); }
-  /// Opaque, the same after a move, a rename or a change; empty where the volume does not know.
+  /// Opaque; unchanged by a move, a rename or a new version; empty on volumes without ids.
   std::string id() const { return record_ ? recordTexts_->id(*record_) : id_; }
   void setId(std::string itemId) { id_ = std::move(itemId); }
   /// Instead of setVersion and setId, for large listings: computes both from `record` on demand. `texts` must
@@ -52,13 +52,13 @@ class FSItem final : public NSObject, public std::enable_shared_from_this<FSItem
   const std::optional<NSDate::Time>& modificationDate() const noexcept { return modificationDate_; }
   void setModificationDate(std::optional<NSDate::Time> date) noexcept { modificationDate_ = date; }
 
-  /// Whether a change of this item can be watched: folders can.
+  /// Whether this item can be watched for changes: only folders can.
   bool isWatchable() const noexcept { return isDirectory_; }
-  /// Called on the main queue when the watched folder has changed; empty removes it.
+  /// The callback is called on the main queue when the watched folder has changed; empty removes it.
   void setChangeCallback(ChangeCallback callback);
   ChangeCallback changeCallback() const;
   /// A plug-in calls this on a watched item before it queues the change callback: marks the item's listing as
-  /// out of date, so that a host that looks before the callback runs knows.
+  /// out of date for hosts that check before the callback runs.
   void prepareForChange();
   /// Whether prepareForChange was called since the last call of this; clears the mark.
   bool takeChangeMark();

@@ -22,7 +22,8 @@ void setNotSupported(NSErrorRef* error, const std::string& path) {
 std::optional<NameProblem> FSPlugin::nameProblem(std::string_view name) const {
   using Kind = NameProblem::Kind;
   constexpr std::size_t maxBytes = 255;
-  if (name.empty() || name == "." || name == "..") return NameProblem{Kind::malformed, "this is no name"};
+  if (name.empty() || name == "." || name == "..")
+    return NameProblem{Kind::malformed, "this is not a valid name"};
   if (name.find('/') != std::string_view::npos || name.find('\0') != std::string_view::npos)
     return NameProblem{Kind::malformed, "a name cannot contain a slash or a NUL"};
   if (!isValidUtf8(name)) return NameProblem{Kind::malformed, "this name is not valid UTF-8"};

@@ -15,11 +15,11 @@
 
 class FSPlugin;
 
-/// Called from time to time during a read; false stops it. May be empty. Runs on the reading thread.
+/// Called repeatedly during a read, on the reading thread; false stops it. May be empty.
 using ShouldContinue = std::function<bool()>;
 
-/// Reads one version of a file by ranges, also after the file was replaced, moved or deleted. Made by
-/// FSPlugin::openReader. Any thread, several at once.
+/// Reads one version of a file by ranges, also after the file was replaced, moved or deleted. Created by
+/// FSPlugin::openReader. Any thread, several concurrently.
 class FSReader {
  public:
   FSReader() = default;
@@ -27,21 +27,21 @@ class FSReader {
   FSReader& operator=(const FSReader&) = delete;
   virtual ~FSReader();
 
-  /// Of the whole version, in bytes. Does not block.
+  /// The size of the version in bytes. Does not block.
   virtual std::uint64_t size() const = 0;
-  /// As FSItem::version; empty where the volume has no versions.
+  /// As FSItem::version; empty on volumes without versions.
   virtual const std::string& version() const = 0;
-  /// Fills `buffer` with the bytes from `offset` on. Blocks until they are here.
-  /// @return how many were read: fewer than asked for only where the version ends. Nothing on failure, with
-  /// the error: as of other FSPlugin operations, CanceledByUserErrorDomain after a stop.
+  /// Fills `buffer` with the bytes from `offset` on. Blocks until they are available.
+  /// @return the number of bytes read: less than the buffer's size only at the end. Nothing on failure, with
+  /// an error as from other FSPlugin operations, CanceledByUserErrorDomain after a stop.
   virtual std::optional<std::size_t> read(std::uint64_t offset, std::span<std::byte> buffer,
                                           const ShouldContinue& shouldContinue, NSErrorRef* error) = 0;
-  /// A descriptor of a local file that holds the whole version, for hosts that can pass bytes on without
-  /// copying them: open for reading while this lives, and not to be closed. -1: there is none, use read().
+  /// A descriptor of a local file with the whole version, for hosts that can pass bytes on without copying
+  /// them. Valid while this lives; must not be closed. -1: there is none, use read().
   virtual int localDescriptor() const { return -1; }
 };
 
-/// A version without bytes, for which nothing has to be fetched.
+/// A version without bytes, for which nothing is fetched.
 class EmptyReader final : public FSReader {
  public:
   explicit EmptyReader(std::string version) : version_(std::move(version)) {}
@@ -56,11 +56,11 @@ class EmptyReader final : public FSReader {
   const std::string version_;
 };
 
-/// A reader over a local copy that the volume gave out with requestFileUrl; hands it back at its end.
+/// A reader of a local copy from requestFileUrl, which the destructor releases.
 class LocalCopyReader final : public FSReader {
  public:
-  /// Takes over `copy`, whose user it is from now on.
-  /// @return null with an NSPOSIXErrorDomain error when it cannot be opened; it has then been handed back.
+  /// Takes over the use of `copy`.
+  /// @return null with an NSPOSIXErrorDomain error when it cannot be opened; it has been released then.
   static std::shared_ptr<FSReader> open(std::shared_ptr<FSPlugin> volume, std::shared_ptr<NSURL> copy,
                                         std::string version, NSErrorRef* error);
   LocalCopyReader(std::shared_ptr<FSPlugin> volume, std::shared_ptr<NSURL> copy, std::string version,

@@ -18,13 +18,13 @@ struct KZVCoreObj::State {
 };
 
 KZVCoreObj& KZVCoreObj::shared() {
-  // Never destroyed: threads of plug-ins may ask for it until the process is gone.
+  // Never destroyed: threads of plug-ins may use it until the process ends.
   static KZVCoreObj& core = *new KZVCoreObj;
   return core;
 }
 
 KZVCoreObj::KZVCoreObj() : state_(std::make_unique<State>()) {
-  // What killed processes left behind can be many gigabytes; nobody should wait for that to be deleted.
+  // In the background: the folders of killed processes can be many gigabytes.
   DispatchQueue::global().async([state = state_.get()] { state->temporaryFolders.removeAbandoned(); });
 }
 
@@ -45,13 +45,12 @@ void KZVCoreObj::attach(std::shared_ptr<FSPlugin> plugin) {
 }
 
 void KZVCoreObj::detach(const FSPlugin& plugin) {
-  // A watched item keeps its file system alive, and the file system the item: closing the volume ends its
-  // watches.
+  // A watched item and its file system keep each other alive, so closing the volume ends its watches.
   for (const auto& attached : attachedPlugins()) {
     if (attached.get() != &plugin) continue;
     for (const auto& item : attached->watchedFolders()) attached->stopWatchFolder(item);
   }
-  std::shared_ptr<FSPlugin> released;  // may be the last reference, whose end may ask this object something
+  std::shared_ptr<FSPlugin> released;  // destroyed without the lock: its destructor may use this object
   const std::lock_guard lock(state_->mutex);
   auto& attached = state_->attached;
   const auto found = std::find_if(attached.begin(), attached.end(),

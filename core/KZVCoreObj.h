@@ -6,20 +6,19 @@
 #include "core/FSPlugin.h"
 #include "foundation/NSURL.h"
 
-/// What plug-ins may ask of the host.
+/// The host's services for plug-ins.
 class KZVCoreProtocol {
  public:
   virtual ~KZVCoreProtocol() = default;
-  /// The file systems that the host has open now, in the order in which they were attached. Any thread, does
-  /// not block.
+  /// The file systems that the host has open, in the order of attaching. Any thread; does not block.
   virtual std::vector<std::shared_ptr<FSPlugin>> attachedPlugins() const = 0;
-  /// An empty private folder (mode 0700) for `plugin`, below the cache folder, made now; nothing when the
-  /// disk refuses. The plug-in removes it when it goes; folders of processes that were killed are removed at
-  /// the next start.
+  /// Creates an empty private folder (mode 0700) for `plugin` below the cache folder; null with an error when
+  /// the disk fails. The plug-in removes it in its destructor; folders of killed processes are removed at the
+  /// next start. Any thread; blocks for the disk.
   virtual std::shared_ptr<NSURL> temporaryFolderForPlugin(const FSPlugin& plugin, NSErrorRef* error) = 0;
 };
 
-/// The host's one core object. Alive for the life of the process.
+/// The host's only core object, never destroyed. Any thread.
 class KZVCoreObj final : public KZVCoreProtocol {
  public:
   static KZVCoreObj& shared();
@@ -27,11 +26,11 @@ class KZVCoreObj final : public KZVCoreProtocol {
   std::vector<std::shared_ptr<FSPlugin>> attachedPlugins() const override;
   std::shared_ptr<NSURL> temporaryFolderForPlugin(const FSPlugin& plugin, NSErrorRef* error) override;
 
-  /// Host side: keeps `plugin` open (once) / lets it go.
+  /// For the host: opens `plugin` (once), and closes it, which ends its watches.
   void attach(std::shared_ptr<FSPlugin> plugin);
   void detach(const FSPlugin& plugin);
-  /// Host side, the last step before the process ends: removes whatever this process still has below the
-  /// temporary folder. Blocks for as long as the disk takes.
+  /// For the host, as the last step before the process ends: removes this process's temporary folders. Blocks
+  /// for the disk.
   void removeTemporaryFolders();
 
  private:

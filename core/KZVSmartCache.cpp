@@ -20,8 +20,8 @@
 
 namespace {
 
-/// Which file a path names. Inode numbers are used again after a deletion, so the time of birth belongs to
-/// it; where the disk does not know that, the time of change of its contents stands in.
+/// Identifies the file at a path. Inode numbers are reused after a deletion, so the creation time is
+/// included, or the modification time on disks without creation times.
 struct FileIdentity {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
@@ -40,7 +40,7 @@ std::optional<FileIdentity> identityOf(const std::string& path) {
   return FileIdentity{device, status.stx_ino, time.tv_sec, time.tv_nsec};
 }
 
-/// The bytes of a file, or of all regular files below a folder; what cannot be read counts nothing.
+/// The bytes of a file, or of all regular files below a folder; unreadable items count as 0.
 std::uint64_t measure(const std::string& path) {
   namespace fs = std::filesystem;
   std::error_code code;
@@ -62,26 +62,27 @@ struct Copy {
   std::shared_ptr<NSURL> url;
   std::string path;
   std::string key;
-  bool isForgotten = false;  // the key leads here no more
+  bool isForgotten = false;  // no longer found by its key
   std::uint64_t users = 0;
   std::uint64_t sizeBytes = 0;
-  std::optional<FileIdentity> identity;      // absent: there was no file when it was stored
-  std::list<Copy*>::iterator unusedPlace{};  // valid while users is 0
+  std::optional<FileIdentity> identity;         // absent: no file when it was stored
+  std::list<Copy*>::iterator unusedPosition{};  // valid while users is 0
 };
 
-/// Moves the file out of the way so that its path is free at once, and gives the name it has now; empty when
-/// the path names another file by now, or none. The deletion itself can then take its time.
-std::string setAside(const Copy& copy) {
+/// Renames the file, so that its path is free at once and the deletion can be slow. Returns the new path;
+/// empty when the path now belongs to another file, or none.
+std::string moveAside(const Copy& copy) {
   if (!copy.identity || identityOf(copy.path) != copy.identity) return {};
   std::string aside = appendingPathComponent(deletingLastPathComponent(copy.path),
                                              ".deleted-" + KZVSupport::uniquePathComponent());
   if (::rename(copy.path.c_str(), aside.c_str()) != 0) return {};
   if (identityOf(aside) == copy.identity) return aside;
-  // Somebody put a new file there between the look and the move: it goes back, unless a still newer one came.
+  // A new file was put there between the check and the rename: it is moved back, unless there is a still
+  // newer one.
   if (::renameat2(AT_FDCWD, aside.c_str(), AT_FDCWD, copy.path.c_str(), RENAME_NOREPLACE) == 0) return {};
   if (errno == EEXIST) return aside;
-  if (::rename(aside.c_str(), copy.path.c_str()) != 0)  // a disk that does not know the careful form
-    DLogWarning("cannot move back " + copy.path, "KZVSmartCache::setAside");
+  if (::rename(aside.c_str(), copy.path.c_str()) != 0)  // the disk does not support RENAME_NOREPLACE
+    DLogWarning("cannot move back " + copy.path, "KZVSmartCache::moveAside");
   return {};
 }
 
@@ -90,12 +91,12 @@ std::string setAside(const Copy& copy) {
 struct KZVSmartCache::State {
   explicit State(std::uint64_t budget) : budgetBytes(budget) {}
 
-  using Garbage = std::vector<std::string>;  // set aside, to be deleted once the lock is given up
+  using Garbage = std::vector<std::string>;  // files moved aside, to be deleted without the lock
 
   const std::uint64_t budgetBytes;
   mutable std::mutex mutex;
-  // All below guarded by mutex. A copy is in byPath as long as it is known at all; in byKey unless forgotten;
-  // in unused while it has no users, which a forgotten copy always has.
+  // All below guarded by mutex. Every copy is in byPath; in byKey unless forgotten; in unused while it has no
+  // users, which a forgotten copy always has.
   std::unordered_map<std::string, std::unique_ptr<Copy>> byPath;
   std::unordered_map<std::string, Copy*> byKey;
   std::list<Copy*> unused;  // least recently used first
@@ -103,23 +104,23 @@ struct KZVSmartCache::State {
 
   void use(Copy& copy) {
     if (copy.users++ > 0) return;
-    unused.erase(copy.unusedPlace);
+    unused.erase(copy.unusedPosition);
     unusedBytes -= copy.sizeBytes;
   }
 
   void setUnused(Copy& copy) {
-    copy.unusedPlace = unused.insert(unused.end(), &copy);
+    copy.unusedPosition = unused.insert(unused.end(), &copy);
     unusedBytes += copy.sizeBytes;
   }
 
-  /// The copy is known no more; its file is set aside unless it has gone.
+  /// Removes the copy from the cache and moves its file aside, if it exists.
   void drop(Copy& copy, Garbage& garbage) {
     if (!copy.isForgotten) byKey.erase(copy.key);
     if (copy.users == 0 && !copy.isForgotten) {
-      unused.erase(copy.unusedPlace);
+      unused.erase(copy.unusedPosition);
       unusedBytes -= copy.sizeBytes;
     }
-    if (std::string aside = setAside(copy); !aside.empty()) garbage.push_back(std::move(aside));
+    if (std::string aside = moveAside(copy); !aside.empty()) garbage.push_back(std::move(aside));
     byPath.erase(std::string(copy.path));
   }
 
@@ -140,7 +141,7 @@ struct KZVSmartCache::State {
     while (unusedBytes > budgetBytes) drop(*unused.front(), garbage);
   }
 
-  /// The copy at `path` with one user more than before, under no key.
+  /// The copy at `path`, new or existing, with one more user and without a key.
   Copy& adopt(const std::string& path) {
     auto& place = byPath[path];
     if (!place) {
@@ -177,7 +178,7 @@ KZVSmartCache::~KZVSmartCache() {
 }
 
 std::shared_ptr<NSURL> KZVSmartCache::urlForKey(const std::string& key) {
-  State::Garbage garbage;  // stays empty: the file has gone
+  State::Garbage garbage;  // stays empty: the file does not exist
   const std::lock_guard lock(state_->mutex);
   const auto found = state_->byKey.find(key);
   if (found == state_->byKey.end()) return nullptr;

@@ -14,13 +14,13 @@
 namespace {
 
 bool hasSandboxMark() {
-  // Flatpak puts this file into every sandbox; Snap sets the variable for every confined program.
+  // Every Flatpak sandbox has this file; Snap sets the variable for every confined program.
   if (::access("/.flatpak-info", F_OK) == 0) return true;
   const char* snap = std::getenv("SNAP");
   return snap && *snap != '\0';
 }
 
-/// The folders below a user's home in which sandboxes keep the homes of their programs.
+/// The folders below a user's home in which sandboxes keep their programs' homes.
 bool isSandboxFolder(const std::string& name) {
   return name == "Library" || name == "snap" || name == ".snap" || name == ".var";
 }
@@ -35,7 +35,7 @@ bool KZVSupport::isSandboxed() {
 }
 
 std::string KZVSupport::uniquePathComponent() {
-  // 128 random bits from the system: unique without asking the disk, also between processes.
+  // 128 random bits from the system: unique also between processes, without checking the disk.
   std::random_device source;
   std::array<std::uint32_t, 4> words{};
   for (auto& word : words) word = source();

@@ -1,13 +1,13 @@
 #pragma once
 #include <string>
 
-/// Small services of the host. Any thread.
+/// Utilities. Any thread.
 class KZVSupport {
  public:
-  /// Whether the host runs inside an application sandbox and its home directory lies below the sandbox's own
-  /// folder, four levels below the user's home ("~/Library/Containers/NAME/Data"). The sandbox's variables
-  /// alone say little: a terminal inside a confined editor hands them on to every program.
+  /// Whether the host runs inside an application sandbox and its home folder is the sandbox's own, four
+  /// levels below the user's home ("~/Library/Containers/NAME/Data"). The sandbox's environment variables
+  /// alone are not enough: a terminal inside a confined editor passes them on to every program.
   static bool isSandboxed();
-  /// A file name that nothing else uses: letters, digits and "-" only.
+  /// A unique file name of letters, digits and "-".
   static std::string uniquePathComponent();
 };

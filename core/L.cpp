@@ -11,7 +11,7 @@ namespace {
 
 using KeyFile = std::unique_ptr<GKeyFile, void (*)(GKeyFile*)>;
 
-/// Empty when the bundle has no readable file of texts.
+/// The bundle's texts; empty when it has no readable Texts.ini.
 KeyFile textsOf(const NSBundle& bundle) {
   KeyFile file(g_key_file_new(), g_key_file_unref);
   const std::string path = bundle.pathForResource("Texts.ini");

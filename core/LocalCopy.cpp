@@ -20,8 +20,7 @@ namespace {
 
 constexpr std::size_t stepBytes = std::size_t{4} * 1024 * 1024;
 
-/// One step with read and write, for disks and kernels that cannot do it between themselves. Negative with
-/// errno.
+/// Copies one block with read and write, where copy_file_range does not work. Negative with errno.
 ssize_t copyThroughMemory(int from, int to) {
   std::array<char, 64 * 1024> buffer;  // NOLINT: filled before use
   const ssize_t count = ::read(from, buffer.data(), buffer.size());
@@ -34,7 +33,7 @@ ssize_t copyThroughMemory(int from, int to) {
   return count;
 }
 
-/// 0 once all is copied, ECANCELED after a stop, else the reason.
+/// Copies everything. 0, ECANCELED after a stop, or another errno value.
 int copyBytes(int from, int to, const std::function<bool()>& shouldContinue) {
   if (::ioctl(to, FICLONE, from) == 0) return 0;
   bool throughKernel = true;
@@ -43,7 +42,7 @@ int copyBytes(int from, int to, const std::function<bool()>& shouldContinue) {
     const ssize_t count = throughKernel ? ::copy_file_range(from, nullptr, to, nullptr, stepBytes, 0)
                                         : copyThroughMemory(from, to);
     const bool isRefused = count < 0 && throughKernel && errno != ENOSPC && errno != EDQUOT && errno != EIO;
-    // Some virtual disks report the end at once.
+    // Some virtual file systems return 0 at once.
     const bool isIgnored = count == 0 && throughKernel && ::lseek(to, 0, SEEK_CUR) == 0;
     if (isRefused || isIgnored) {
       throughKernel = false;
@@ -67,7 +66,7 @@ int setModified(int file, const std::optional<NSDate::Time>& modified) {
 
 using Fill = std::function<int(int file)>;
 
-/// Makes `temporary` with what `fill` writes. 0, or the reason against it.
+/// Creates `temporary` with the bytes that `fill` writes. 0 or an errno value.
 int makeTemporary(const std::string& temporary, const std::string& to, const LocalCopyOptions& options,
                   const Fill& fill) {
   const mode_t mode = options.access == LocalAccess::ownerOnly ? 0600 : 0666;

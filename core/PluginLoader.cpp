@@ -28,8 +28,9 @@ FSPluginClass* loadPlugin(const std::string& path, NSErrorRef* error) {
       reinterpret_cast<KZVBundlePrincipalClass>(bundle->symbol(KZVBundlePrincipalClassSymbol));
   FSPluginClass* plugin = principal ? principal() : nullptr;
   if (!plugin) {
-    return refuse(error, PluginLoaderError::missingClass,
-                  "the bundle at " + path + " is no plug-in: it exports no " + KZVBundlePrincipalClassSymbol);
+    return refuse(
+        error, PluginLoaderError::missingClass,
+        "the bundle at " + path + " is not a plug-in: it does not export " + KZVBundlePrincipalClassSymbol);
   }
   if (const NSErrorRef problem = plugin->settingsProblem())
     return refuse(error, PluginLoaderError::refusedSettings, problem->localizedDescription(), problem);

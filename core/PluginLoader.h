@@ -7,7 +7,7 @@
 #include "core/FSPlugin.h"
 #include "foundation/NSBundle.h"
 
-/// The one symbol a bundle exports, with C linkage: returns its class object, which lives for ever.
+/// The only symbol that a bundle exports, with C linkage: returns its class object, which is never destroyed.
 using KZVBundlePrincipalClass = FSPluginClass* (*)();
 inline constexpr const char* KZVBundlePrincipalClassSymbol = "kzvBundlePrincipalClass";
 
@@ -17,10 +17,10 @@ enum class PluginLoaderError : std::int64_t {
   missingBundle = 1,
   codeNotLoadable = 2,
   missingClass = 3,
-  refusedSettings = 4,  // the plug-in's own settingsProblem(), which lies underneath
+  refusedSettings = 4,  // the plug-in's settingsProblem() is the underlying error
 };
 
-/// Loads the bundle at `path` (a folder NAME.bundle), asks it for its class and initialises that. Blocks
-/// until the plug-in can be used. Null with an error when it cannot be loaded, exports no class, or refuses
-/// its settings (it has not started then). Call from the main thread.
+/// Loads the bundle at `path` (a folder NAME.bundle) and initializes its class. Blocks until the plug-in can
+/// be used. Null with an error when it cannot be loaded, exports no class, or refuses its settings (it is not
+/// initialized then). Call from the main thread.
 FSPluginClass* loadPlugin(const std::string& path, NSErrorRef* error);

@@ -2,12 +2,13 @@
 #include <cstdint>
 #include <functional>
 
-/// How far a transfer is: location of length. Transfers of one item count in thousandths, so length is 1000.
+/// The progress of a transfer: `location` of `length`. For transfers of one item in thousandths, with length
+/// 1000.
 struct NSRange {
   std::uint64_t location = 0;
   std::uint64_t length = 0;
 };
 
-/// Told of progress; false stops the transfer, which then fails with CanceledByUserErrorDomain, code -1. May
-/// be empty. Runs on whatever thread moves the bytes; must not block and must not call the plug-in.
+/// Receives progress; returning false stops the transfer, which then fails with CanceledByUserErrorDomain,
+/// code -1. May be empty. Called on any thread; must not block and must not call the plug-in.
 using ProgressCallback = std::function<bool(NSRange)>;

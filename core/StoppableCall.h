@@ -19,12 +19,12 @@ inline NSErrorRef stoppedByUser() {
   return std::make_shared<NSError>(std::string(CanceledByUserErrorDomain), -1);
 }
 
-/// Runs a blocking call that cannot be stopped on another thread, and calls `shouldContinue` (on this one)
-/// every stopInterval while waiting for it. When that returns false, the result is empty (null, nothing,
-/// false) with stoppedByUser(), and the call continues in the background: it must own what it uses and must
-/// be harmless when it ends late. What it owns is released before its result is delivered. Any thread but
-/// those of DispatchQueue::global(); blocks.
-/// @param call   takes an error holder and returns a result that is empty on failure.
+/// Runs a blocking call that cannot be stopped on another thread, and calls `shouldContinue` on this one
+/// every stopInterval meanwhile. When that returns false, the result is empty (null, nothing, false) with
+/// stoppedByUser(), and the call continues in the background: it must own everything it uses and be harmless
+/// when it ends late. `call` is destroyed before its result is returned. Any thread except those of
+/// DispatchQueue::global(); blocks.
+/// @param call   takes an error pointer and returns a result that is empty on failure.
 /// @param error  may be null; written only on failure.
 template <class ShouldContinue, class Call>
 auto callUnlessStopped(const ShouldContinue& shouldContinue, Call call, NSErrorRef* error)

@@ -27,7 +27,7 @@ bool refuse(NSErrorRef* error, int reason, const std::string& path) {
 
 std::string newName() { return fmt::format("{}-{}", ::getpid(), KZVSupport::uniquePathComponent()); }
 
-/// Whether newName() could have made it; anything else in the folder is not ours.
+/// Whether newName() could have made it; other items in the folder are not ours.
 bool isOwnName(std::string_view name) {
   const auto isOf = [](std::string_view text, std::string_view characters) {
     return text.find_first_not_of(characters) == std::string_view::npos;
@@ -72,7 +72,7 @@ TemporaryFolders::~TemporaryFolders() { removeOwn(); }
 std::shared_ptr<NSURL> TemporaryFolders::makeFolder(NSErrorRef* error) {
   const std::lock_guard lock(mutex_);
   int reason = ENOENT;
-  // A cleaner of old files may remove the folder of a process that has been running for weeks.
+  // A program that cleans up old files may remove the folder of a long-running process.
   for (int attempt = 0; attempt < 2 && reason == ENOENT; ++attempt) {
     if (attempt > 0) own_.reset();
     if (!own_ && !makeProcessFolder(error)) return nullptr;
@@ -87,7 +87,7 @@ std::shared_ptr<NSURL> TemporaryFolders::makeFolder(NSErrorRef* error) {
   return nullptr;
 }
 
-/// The root, created if it is missing and closed to others. A link in its place is refused: it could lead
+/// Opens the root, which is created if it is missing and made private. A link is refused: it could lead
 /// anywhere.
 std::optional<OwnFolder> TemporaryFolders::prepareRoot(NSErrorRef* error) const {
   if (!makePrivateFolder(deletingLastPathComponent(root_), error)) return std::nullopt;
@@ -128,10 +128,11 @@ bool TemporaryFolders::makeProcessFolder(NSErrorRef* error) {
 
 void TemporaryFolders::removeAbandoned() {
   const auto root = OwnFolder::open(root_);
-  if (!root) return;  // none was ever made, or it belongs to someone else
+  if (!root) return;  // missing, or another user's
   for (const std::string& name : processFolders(*root)) {
     const FileLock lock(root->descriptor(), lockName(name), LockFile::existing, noWaiting);
-    if (lock.isHeld()) removeLocked(*root, name);  // else its process lives, or another one is removing it
+    if (lock.isHeld())
+      removeLocked(*root, name);  // else its process is running, or another one is removing it
   }
 }
 

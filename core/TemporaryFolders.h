@@ -11,8 +11,8 @@
 
 /// Private temporary folders of this process below a root that several processes share. Each process has its
 /// own folder there, created on first use, and a lock file NAME.lock beside it, whose lock ends with the
-/// process: a folder whose lock can be taken is abandoned. A root that is a link or belongs to another user
-/// is never used, and items whose names do not have our form are never touched. Any thread.
+/// process: a folder whose lock can be acquired is abandoned. A root that is a link or belongs to another
+/// user is never used, and items with other names are never touched. Any thread.
 class TemporaryFolders {
  public:
   /// @param root  an absolute path; it and missing parents are created (mode 0700) with the first folder.

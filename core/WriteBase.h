@@ -3,20 +3,20 @@
 #include <optional>
 #include <string>
 
-/// What a file that is written was made from, and thereby what it may replace.
+/// The version that a written file is based on, which is the one it may replace.
 struct WriteBase {
   enum class Kind {
-    latestKnown,  // whatever version this process knows of now
-    nothing,      // the file is new: one that is there is not to be replaced
+    latestKnown,  // the latest version that this process knows
+    nothing,      // the file is new: an existing one must not be replaced
     revision      // exactly the version `revision`
   };
   Kind kind = Kind::latestKnown;
   std::string revision;
 };
 
-/// Where a file that was written stands now, and as what.
+/// Where and as which version a written file was stored.
 struct StoredFile {
-  std::string path;                          // not the path asked for when another version was there
-  std::optional<std::string> revision;       // as revisionAtPath tells it
-  std::optional<std::uint64_t> sizeBytes{};  // of what was stored; nothing: as the local file's size
+  std::string path;                          // not the requested path if another version was there
+  std::optional<std::string> revision;       // as from revisionAtPath
+  std::optional<std::uint64_t> sizeBytes{};  // what was stored; nothing: the local file's size
 };

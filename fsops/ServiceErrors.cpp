@@ -36,15 +36,15 @@ constexpr TagRow tagRows[] = {
     {"content_hash_mismatch", FSErrorCode::damaged},
     {"payload_too_large", FSErrorCode::tooLarge},
     {"too_large", FSErrorCode::tooLarge},
-    {"incorrect_offset", FSErrorCode::line},
-    {"closed", FSErrorCode::line},
-    {"reset", FSErrorCode::line},
+    {"incorrect_offset", FSErrorCode::connection},
+    {"closed", FSErrorCode::connection},
+    {"reset", FSErrorCode::connection},
 };
 
 constexpr int serverErrors = 500;
 
 FSErrorCode codeOf(std::int64_t code) {
-  if (code < 0) return FSErrorCode::line;  // a transport error
+  if (code < 0) return FSErrorCode::connection;  // a transport error
   switch (code) {
     case 400:
       return FSErrorCode::nameRefused;
@@ -70,7 +70,7 @@ FSErrorCode codeOf(std::int64_t code) {
     case DBErrorInvalidResponse:
       return FSErrorCode::damaged;
     default:
-      return code >= serverErrors && code < 600 ? FSErrorCode::line : FSErrorCode::internal;
+      return code >= serverErrors && code < 600 ? FSErrorCode::connection : FSErrorCode::internal;
   }
 }
 
@@ -104,7 +104,7 @@ ServiceErrors::~ServiceErrors() {
     return;
   }
   FSErrorCode code = codeOf(*reason_);
-  if (code == FSErrorCode::notFound && operation_ == Operation::upload) code = FSErrorCode::line;
+  if (code == FSErrorCode::notFound && operation_ == Operation::upload) code = FSErrorCode::connection;
   *host_ = fsError(code, reason_->localizedDescription(), reason_,
                    code == FSErrorCode::busy ? retryAfterOf(*reason_) : std::nullopt);
 }

@@ -35,7 +35,7 @@ int errnoOf(const NSErrorRef& error) {
       return EINTR;
     case FSErrorCode::unsupported:
       return EOPNOTSUPP;
-    case FSErrorCode::line:
+    case FSErrorCode::connection:
     case FSErrorCode::damaged:
     case FSErrorCode::internal:
       break;
@@ -46,7 +46,7 @@ int errnoOf(const NSErrorRef& error) {
 bool isTransient(const NSErrorRef& error) {
   if (!error || error->domain() == NSPOSIXErrorDomain) return false;
   const FSErrorCode code = fsErrorCode(error);
-  return code == FSErrorCode::busy || code == FSErrorCode::line || code == FSErrorCode::damaged;
+  return code == FSErrorCode::busy || code == FSErrorCode::connection || code == FSErrorCode::damaged;
 }
 
 }  // namespace kzv::mount

@@ -72,7 +72,7 @@ TEST(MountErrors, OfTheDiskAndOfTheVolume) {
                         {NSError::posix(ENOSPC, ""), ENOSPC, false},
                         {std::make_shared<NSError>("other", 1), EIO, false},
                         {fsError(FSErrorCode::busy, ""), EBUSY, true},
-                        {fsError(FSErrorCode::line, ""), EIO, true},
+                        {fsError(FSErrorCode::connection, ""), EIO, true},
                         {fsError(FSErrorCode::damaged, ""), EIO, true},
                         {fsError(FSErrorCode::conflict, ""), EEXIST, false},
                         {fsError(FSErrorCode::denied, ""), EACCES, false},

@@ -249,14 +249,14 @@ TEST(KernelNotices, WaitForRequestsInTheirFolder) {
 TEST(SpaceGauge, AsksOnceInAWhileAndGoesOnWithWhatItKnows) {
   const auto volume = std::make_shared<MemoryVolume>();
   SpaceGauge gauge(volume, 10min);
-  volume->fail(Call::space, FSErrorCode::line, 1);
+  volume->fail(Call::space, FSErrorCode::connection, 1);
   EXPECT_EQ(gauge.space().error, EIO);
   EXPECT_EQ(gauge.space().error, EIO);
   EXPECT_EQ(volume->count(Call::space), 1) << "asked again at once";
   SpaceGauge impatient(volume, 0ms);
   EXPECT_EQ(impatient.space().value.totalBytes, 1000U);
   EXPECT_EQ(impatient.space().value.freeBytes, 0U) << "more is used than there is";
-  volume->fail(Call::space, FSErrorCode::line, 1);
+  volume->fail(Call::space, FSErrorCode::connection, 1);
   volume->onNext(Call::space, [&] { EXPECT_EQ(impatient.space().value.totalBytes, 1000U); });
   EXPECT_EQ(impatient.space().error, 0) << "the older answer is good enough";
 }

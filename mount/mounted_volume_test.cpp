@@ -230,18 +230,18 @@ TEST_F(MountedVolumeTest, FailuresThatPassAreRetriedAndLostAnswersFound) {
   const auto instead = When::instead;
   const auto afterwards = When::afterwards;
   const Case cases[] = {
-      {"list", Call::list, FSErrorCode::line, 2, instead, 0, [&] { return find("/f").error; }},
+      {"list", Call::list, FSErrorCode::connection, 2, instead, 0, [&] { return find("/f").error; }},
       {"open", Call::open, FSErrorCode::busy, 2, instead, 0, [&] { return read("/f") == "old" ? 0 : 1; }},
       {"open, too often", Call::open, FSErrorCode::busy, 3, instead, EBUSY,
        [&] { return open("/g", O_RDONLY).error; }},
       {"mkdir, for good", Call::makeFolder, FSErrorCode::denied, 1, instead, EACCES,
        [&] { return mkdir("/d"); }},
       {"mkdir", Call::makeFolder, FSErrorCode::damaged, 1, instead, 0, [&] { return mkdir("/d"); }},
-      {"a lost answer to a move", Call::move, FSErrorCode::line, 1, afterwards, 0,
+      {"a lost answer to a move", Call::move, FSErrorCode::connection, 1, afterwards, 0,
        [&] { return move("/f", "/d/f"); }},
-      {"a move, too often", Call::move, FSErrorCode::line, 3, instead, EIO,
+      {"a move, too often", Call::move, FSErrorCode::connection, 3, instead, EIO,
        [&] { return move("/d/f", "/f"); }},
-      {"a lost answer to a removal", Call::remove, FSErrorCode::line, 1, afterwards, 0,
+      {"a lost answer to a removal", Call::remove, FSErrorCode::connection, 1, afterwards, 0,
        [&] { return remove("/d/f"); }},
   };
   for (const Case& c : cases) {
@@ -249,10 +249,10 @@ TEST_F(MountedVolumeTest, FailuresThatPassAreRetriedAndLostAnswersFound) {
     EXPECT_EQ(c.run(), c.expected) << c.name;
   }
   EXPECT_EQ(volume->items(), (Items{{"/g", "old"}, {"/d/", ""}}));
-  volume->fail(Call::makeFolder, FSErrorCode::line, 1);
+  volume->fail(Call::makeFolder, FSErrorCode::connection, 1);
   EXPECT_EQ(mounted->changes().makeFolder(MountTree::rootId, "e", [] { return true; }).error, EINTR);
   mounted->stop();
-  volume->fail(Call::makeFolder, FSErrorCode::line, 1);
+  volume->fail(Call::makeFolder, FSErrorCode::connection, 1);
   EXPECT_EQ(mkdir("/e"), EIO) << "the mount is going away";
 }
 
@@ -307,7 +307,7 @@ TEST_F(MountedVolumeTest, AnotherDevicesVersionIsShownInTheEndHoweverItCame) {
        "/d/g"},
       {"it replaced a file that a failing listing did not show",
        [&] {
-         volume->fail(Call::list, FSErrorCode::line, 3);
+         volume->fail(Call::list, FSErrorCode::connection, 3);
          volume->write("/d/f", "newer");
          kernel.takeAll();
          const NodeId node = find("/d/f").value;
@@ -392,7 +392,7 @@ TEST_F(MountedVolumeTest, TheKernelsCachesHoldOneVersionANode) {
   volume->write("/uncached", "1");
   volume->report("/");
   EXPECT_TRUE(soon([&] { return !find("/uncached").error; }));
-  volume->fail(Call::open, FSErrorCode::line, 999);
+  volume->fail(Call::open, FSErrorCode::connection, 999);
   EXPECT_EQ(opened().error, 0);
   EXPECT_EQ(open("/uncached", O_RDONLY).error, EIO);
 }
@@ -494,7 +494,7 @@ TEST_F(MountedVolumeTest, TheNextMountUploadsWhatThisOneCouldNot) {
   volume->write("/d/f", "old");
   volume->write("/gone/x", "1");
   mount();
-  volume->fail(Call::store, FSErrorCode::line, 999);
+  volume->fail(Call::store, FSErrorCode::connection, 999);
   EXPECT_EQ(save("/d/f", "kept"), EIO);
   EXPECT_EQ(save("/d/new", "new"), EIO);
   EXPECT_EQ(save("/gone/f", "left"), EIO);
@@ -504,7 +504,7 @@ TEST_F(MountedVolumeTest, TheNextMountUploadsWhatThisOneCouldNot) {
   EXPECT_EQ(rmdir("/gone"), ENOTEMPTY);
   EXPECT_EQ(move("/d", "/e"), 0);
   volume->erase("/gone");
-  volume->fail(Call::store, FSErrorCode::line, 0);
+  volume->fail(Call::store, FSErrorCode::connection, 0);
   EXPECT_TRUE(soon([&] { return mounted->flushJournal(bound); }));
   EXPECT_EQ(volume->items(),
             (Items{{"/e/", ""}, {"/e/f", "kept"}, {"/e/new", "new"}, {"/gone/", ""}, {"/gone/f", "left"}}));
@@ -592,7 +592,7 @@ TEST_F(MountedVolumeTest, ARenameThatFailsOrDiesLosesNeitherFile) {
     for (const auto& [path, bytes] : volume->items()) volume->erase(path);
     for (const auto& [path, bytes] : c.before) volume->write(path, bytes);
     journal->put(UploadJournal::Rename{"1", "/from", "/to", "/aside"});
-    if (!c.isFinished) volume->fail(Call::attributes, FSErrorCode::line, 1);
+    if (!c.isFinished) volume->fail(Call::attributes, FSErrorCode::connection, 1);
     remount();
     EXPECT_EQ(volume->items(), c.after) << c.name;
     EXPECT_EQ(journal->renames().empty(), c.isFinished) << c.name;

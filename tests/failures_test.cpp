@@ -22,7 +22,7 @@ TEST_F(FailuresTest, EachFailureGivesTheRightResultOrAClearErrorAndTheNextCallWo
   const Case cases[] = {
       {"429, told when to come back", {{"times", 1}, {"status", 429}, {"retry_after", 1}}, {}},
       {"one 500", {{"times", 1}, {"status", 500}, {"body", "<html>"}}, {}},
-      {"nothing but 500", {{"times", 100}, {"status", 500}, {"body", "<html>"}}, FSErrorCode::line},
+      {"nothing but 500", {{"times", 100}, {"status", 500}, {"body", "<html>"}}, FSErrorCode::connection},
       {"cut once in the middle of a page", {{"times", 1}, {"cut_response_after", 200}}, {}},
       {"malformed JSON",
        {{"times", 100}, {"status", 200}, {"body", "{\"entries\":[{]"}},
@@ -105,11 +105,12 @@ TEST_F(FailuresTest, EachOperationSaysWhatItsErrorMeansAndKeepsTheServicesOwn) {
        FSErrorCode::noSpace, store},
       {"an upload whose session is lost", "files/upload",
        answer(409, R"({"error":{".tag":"lookup_failed","lookup_failed":{".tag":"not_found"}}})"),
-       FSErrorCode::line, store},
+       FSErrorCode::connection, store},
       {"an online-only document", "files/download", answer(409, R"({"error":{".tag":"unsupported_file"}})"),
        FSErrorCode::unsupported,
        [](auto& fs, auto error) { return fs.requestFileUrl("/Docs/a.txt", nullptr, error) != nullptr; }},
-      {"a file that is asked for as a preview", "files/get_thumbnail_v2", answer(500, ""), FSErrorCode::line,
+      {"a file that is asked for as a preview", "files/get_thumbnail_v2", answer(500, ""),
+       FSErrorCode::connection,
        [](auto& fs, auto error) { return fs.preview("/Docs/p.jpg", error) != nullptr; }},
   };
   standIn.write("/Docs/a.txt", "one");
@@ -172,7 +173,7 @@ TEST_F(FailuresTest, WithoutTheServiceACallFailsAtOnceAndWorksAgainLater) {
   NSErrorRef error;
   EXPECT_FALSE(bounded([&] { return cutOff->contentAtPath("/", false, true, &error); }));
   ASSERT_NE(error, nullptr);
-  EXPECT_EQ(fsErrorCode(error), FSErrorCode::line);
+  EXPECT_EQ(fsErrorCode(error), FSErrorCode::connection);
   EXPECT_EQ(as<NSError>(error->detail(NSUnderlyingErrorKey))->code(), -7);  // CURLE_COULDNT_CONNECT
   DBSession::setSharedSession(reachable);
   EXPECT_TRUE(bounded([&] { return ada->contentAtPath("/", false, true, nullptr).has_value(); }));

@@ -27,7 +27,7 @@ thread_local bool runsTasks = false;
 
 bool isStop(const NSError& error) { return error.domain() == CanceledByUserErrorDomain; }
 
-/// The same part of `whole` as the range is; never more than all.
+/// The part of `whole` that corresponds to the range, at most all.
 std::uint64_t shareOf(NSRange range, std::uint64_t whole) {
   if (range.location >= range.length) return range.length ? whole : 0;
   const double fraction = static_cast<double>(range.location) / static_cast<double>(range.length);
@@ -72,15 +72,15 @@ void CopyBatch::add(Task task, Order order) {
 
 bool CopyBatch::run(std::size_t threads, NSErrorRef* error) {
   if (runsTasks) {
-    setError(error, copyError(EISDIR, "a folder where a file was listed"));
+    setError(error, copyError(EISDIR, "the listing has a file where there is a folder"));
     return false;
   }
   std::vector<std::thread> helpers = startHelpers(threads);
   if (helpers.empty()) {
-    setError(error, copyError(EAGAIN, "the system has no thread to give"));
+    setError(error, copyError(EAGAIN, "no thread could be started"));
     return false;
   }
-  askWhileRunning();
+  reportWhileRunning();
   for (auto& helper : helpers) helper.join();
   const std::lock_guard lock(mutex_);
   if (isStoppedByUser_) firstFailure_ = stoppedByUser();
@@ -90,7 +90,7 @@ bool CopyBatch::run(std::size_t threads, NSErrorRef* error) {
 
 std::vector<std::thread> CopyBatch::startHelpers(std::size_t threads) {
   std::vector<std::thread> helpers;
-  const std::lock_guard lock(mutex_);  // so that none ends before all have been counted
+  const std::lock_guard lock(mutex_);  // so that none ends before all are counted
   try {
     while (helpers.size() < threads) {
       helpers.emplace_back([this] {
@@ -99,33 +99,34 @@ std::vector<std::thread> CopyBatch::startHelpers(std::size_t threads) {
         work();
       });
     }
-  } catch (const std::system_error&) {  // fewer then
+  } catch (const std::system_error&) {  // run with fewer
   }
-  working_ = helpers.size();
+  runningThreads_ = helpers.size();
   return helpers;
 }
 
 void CopyBatch::work() {
   std::unique_lock lock(mutex_);
   while (true) {
-    // A running task may still find more, so an empty queue is the end only when none is running.
-    changed_.wait(lock, [&] { return isStopped_ || !tasks_.empty() || active_ == 0; });
+    // A running task may add others, so an empty queue is the end only when none is running.
+    changed_.wait(lock, [&] { return isStopped_ || !tasks_.empty() || runningTasks_ == 0; });
     if (isStopped_ || tasks_.empty()) break;
     const Task task = std::move(tasks_.front());
     tasks_.pop_front();
-    ++active_;
+    ++runningTasks_;
     lock.unlock();
     task();
     lock.lock();
-    if (--active_ == 0 && tasks_.empty()) changed_.notify_all();
+    if (--runningTasks_ == 0 && tasks_.empty()) changed_.notify_all();
   }
-  if (--working_ == 0) ended_.notify_one();
+  if (--runningThreads_ == 0) ended_.notify_one();
 }
 
-/// Somebody has to hear of a stop also while no byte moves: a folder is being listed, a service is silent.
-void CopyBatch::askWhileRunning() {
+/// Calls totalProgress also while no bytes are transferred (a folder is being listed, the service does not
+/// answer), so that a stop is noticed.
+void CopyBatch::reportWhileRunning() {
   std::unique_lock lock(mutex_);
-  while (!ended_.wait_for(lock, stopInterval, [this] { return working_ == 0; })) {
+  while (!ended_.wait_for(lock, stopInterval, [this] { return runningThreads_ == 0; })) {
     lock.unlock();
     {
       const std::lock_guard observing(observersMutex_);
@@ -169,7 +170,7 @@ void CopyBatch::transferred(const FileRef& file, NSRange range) {
 
 void CopyBatch::count(File& file, std::uint64_t bytes) {
   const std::lock_guard lock(mutex_);
-  if (bytes <= file.countedBytes) return;  // a transfer that began anew
+  if (bytes <= file.countedBytes) return;  // the transfer was restarted
   counts_.bytesDone += bytes - std::exchange(file.countedBytes, bytes);
 }
 
@@ -204,15 +205,15 @@ void CopyBatch::finishFolder(const std::string& from, const std::string& to, con
 
 void CopyBatch::finish(const CopiedItem& item) {
   if (item.failure) {
-    if (isStopped()) return;  // what fails because everything ends is no news
+    if (isStopped()) return;  // failures caused by the stop are not reported
     if (isStop(*item.failure)) return stop(Stop::byUser);
     const std::lock_guard lock(mutex_);
     if (!firstFailure_) firstFailure_ = item.failure;
   }
-  tell(item);
+  notify(item);
 }
 
-void CopyBatch::tell(const CopiedItem& item) {
+void CopyBatch::notify(const CopiedItem& item) {
   const bool shouldContinue = observers_.itemCopied ? observers_.itemCopied(item) : !item.failure;
   if (!shouldContinue) stop(item.failure ? Stop::byFailure : Stop::byUser);
 }

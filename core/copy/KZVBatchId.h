@@ -3,7 +3,7 @@
 
 #include "foundation/NSObject.h"
 
-/// Names one batch of copies, so that its progress and its end can be told from another's.
+/// Identifies one batch of copies. Any thread.
 class KZVBatchId final : public NSObject {
  public:
   KZVBatchId();

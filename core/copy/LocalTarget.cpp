@@ -19,17 +19,17 @@ namespace {
 NSErrorRef reasonAgainst(mode_t mode, const std::string& path) {
   if (S_ISREG(mode)) return nullptr;
   if (S_ISDIR(mode)) return NSError::posix(EISDIR, path);
-  return copyError(EINVAL, "a device, a pipe or a socket is there, and is not replaced");
+  return copyError(EINVAL, "there is a device, a pipe or a socket, which is not replaced");
 }
 
-/// Nothing with errno.
+/// The path without links; nothing, with errno, on failure.
 std::optional<std::string> resolved(const std::string& path) {
   const std::unique_ptr<char, void (*)(void*)> real(::realpath(path.c_str(), nullptr), std::free);
   return real ? std::optional<std::string>(real.get()) : std::nullopt;
 }
 
-/// 0 when `path` is a folder, or the errno value that says why not.
-int lookForFolder(const std::string& path) {
+/// 0 when `path` is a folder, else an errno value.
+int checkFolder(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return errno;
   return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
@@ -51,9 +51,9 @@ std::optional<std::string> fileTarget(const std::string& path, LinkAtTarget link
     if (NSErrorRef reason = reasonAgainst(status.st_mode, path)) return refuse(std::move(reason));
     return path;
   }
-  if (link == LinkAtTarget::refuse) return refuse(copyError(ELOOP, "a link is there, and is not followed"));
+  if (link == LinkAtTarget::refuse) return refuse(copyError(ELOOP, "there is a link, which is not followed"));
   if (::stat(path.c_str(), &status) != 0) {
-    return refuse(errno == ENOENT ? copyError(ENOENT, "a link that leads nowhere is there")
+    return refuse(errno == ENOENT ? copyError(ENOENT, "there is a broken link")
                                   : NSError::posix(errno, path));
   }
   if (NSErrorRef reason = reasonAgainst(status.st_mode, path)) return refuse(std::move(reason));
@@ -62,11 +62,11 @@ std::optional<std::string> fileTarget(const std::string& path, LinkAtTarget link
 }
 
 bool makePrivateFolders(const std::string& path, NSErrorRef* error) {
-  int reason = lookForFolder(path);
+  int reason = checkFolder(path);
   if (reason == ENOENT && path.size() > 1) {
     if (!makePrivateFolders(deletingLastPathComponent(path), error)) return false;
     reason = ::mkdir(path.c_str(), 0700) == 0 ? 0 : errno;
-    if (reason == EEXIST) reason = lookForFolder(path);  // somebody else was first
+    if (reason == EEXIST) reason = checkFolder(path);  // created by another process
   }
   if (reason) setError(error, NSError::posix(reason, path));
   return reason == 0;
@@ -78,7 +78,7 @@ std::string fittingName(const std::string& name, const std::string& folder) {
   const std::size_t limit = reported > 0 ? static_cast<std::size_t>(reported) : usualLimit;
   if (name.size() <= limit) return name;
   const std::size_t dot = name.rfind('.');
-  // A dot far from the end belongs to a sentence and not to an extension.
+  // A dot far from the end is not that of an extension.
   constexpr std::size_t longestExtension = 32;
   const bool hasExtension = dot != std::string::npos && dot > 0 && name.size() - dot <= longestExtension;
   const std::string extension = hasExtension ? name.substr(dot) : "";

@@ -11,13 +11,13 @@ namespace kzv::copy {
 
 namespace {
 
-/// Names come from outside and become part of a local path.
+/// Names from a volume are untrusted and become part of a local path.
 bool canBeLocalName(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
          name.find('\0') == std::string::npos;
 }
 
-/// 0 when there is a folder at `path` now.
+/// Creates a folder unless it exists. 0 or an errno value.
 int makeFolder(const std::string& path, bool mayBeLink, LocalAccess access) {
   if (::mkdir(path.c_str(), access == LocalAccess::ownerOnly ? 0700 : 0777) == 0) return 0;
   if (errno != EEXIST) return errno;
@@ -26,7 +26,7 @@ int makeFolder(const std::string& path, bool mayBeLink, LocalAccess access) {
   return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
 }
 
-/// What the file system says of an item whose maker knew only its path.
+/// The item with its attributes from the file system: the given one may have only a path.
 std::shared_ptr<FSItem> described(const CopyBatch& batch, const std::shared_ptr<FSItem>& item,
                                   NSErrorRef* error) {
   if (!item->fs()) return nullptr;
@@ -47,7 +47,7 @@ bool ReceivingBatch::run(const FSItems& items, const std::string& path, NSErrorR
     if (item->fs()) item->fs()->prepareForManyLookUps();
   }
   for (const Item& item : items) addTop(item, isFolder ? appendingPathComponent(path, item->name()) : path);
-  return batch_.run(copiesAtOnce, error);
+  return batch_.run(maxConcurrentCopies, error);
 }
 
 void ReceivingBatch::addTop(const Item& item, const std::string& to) {
@@ -81,8 +81,7 @@ void ReceivingBatch::addChildren(const FSItems& children, const std::string& fol
     const std::string name = child->name();
     const std::string to = appendingPathComponent(folder, name);
     if (!canBeLocalName(name)) {
-      batch_.finishFolder(child->path(), to,
-                          copyError(EINVAL, "this name cannot be a file's name on this disk"));
+      batch_.finishFolder(child->path(), to, copyError(EINVAL, "this name is not allowed on this disk"));
     } else if (child->isDirectory()) {
       addFolder(child, to, Link::refuse);
     } else {
@@ -103,7 +102,7 @@ void ReceivingBatch::copyFolder(const Item& item, const std::string& to, Link li
         },
         &error);
   }
-  if (!children && !error) error = copyError(ENOENT, "the folder has gone");
+  if (!children && !error) error = copyError(ENOENT, "the folder no longer exists");
   if (children) addChildren(*children, to);
   batch_.finishFolder(item->path(), to, error);
 }

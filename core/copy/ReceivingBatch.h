@@ -8,7 +8,7 @@
 
 namespace kzv::copy {
 
-/// Copies items of file systems to the local disk; see KZVLocalFS::writeFiles. For one run.
+/// Copies items of file systems to the local disk; see KZVLocalFS::writeFiles. Used for one run.
 class ReceivingBatch {
  public:
   ReceivingBatch(const KZVBatchId& batchId, CopyObservers observers, LocalAccess access);
@@ -17,7 +17,7 @@ class ReceivingBatch {
 
  private:
   using Item = std::shared_ptr<FSItem>;
-  using Link = LinkAtTarget;  // the one that the user named is followed
+  using Link = LinkAtTarget;  // at the path that the user named it is followed
 
   void addTop(const Item& item, const std::string& to);
   void addFile(const Item& item, const std::string& to);

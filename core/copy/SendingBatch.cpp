@@ -28,8 +28,8 @@ int errnoOf(const NameProblem& problem) {
 }
 
 NSErrorRef twinError(const std::string& first) {
-  return copyError(
-      EEXIST, "not sent, because \"" + first + "\" in the same folder has the same name for the remote side");
+  return copyError(EEXIST,
+                   "not copied: \"" + first + "\" in the same folder has the same name on the volume");
 }
 
 }  // namespace
@@ -41,7 +41,7 @@ SendingBatch::SendingBatch(const KZVBatchId& batchId, CopyObservers observers,
 bool SendingBatch::run(const std::string& from, const std::string& to, NSErrorRef* error) {
   volume_->prepareForManyLookUps();
   batch_.add([this, from, to] { send(from, to, Place::top); }, CopyBatch::Order::soon);
-  return batch_.run(copiesAtOnce, error);
+  return batch_.run(maxConcurrentCopies, error);
 }
 
 void SendingBatch::send(const std::string& from, const std::string& to, Place place) {
@@ -56,7 +56,7 @@ void SendingBatch::send(const std::string& from, const std::string& to, Place pl
     const auto file = batch_.expectFile(from, to, static_cast<std::uint64_t>(status.st_size));
     batch_.add([this, file] { sendFile(file); }, CopyBatch::Order::inTurn);
   } else if (S_ISDIR(status.st_mode) && S_ISLNK(link.st_mode) && place == Place::below) {
-    // It may lead back up, or to much that the person did not mean.
+    // It may lead to a parent, or to folders that the person did not mean.
     refuse(copyError(ELOOP, "a link to a folder is not followed"));
   } else if (S_ISDIR(status.st_mode)) {
     sendFolder(from, to);
@@ -72,24 +72,23 @@ void SendingBatch::sendFile(const CopyBatch::FileRef& file) {
   if (source) stored = volume_->storeFile(*source, file->to, WriteBase(), batch_.progressOf(file), &error);
   if (!stored && !error) error = copyError(EIO, "the file was not stored");
   if (!stored) return batch_.finishFile(file, error);
-  // A file system that ignores letter case may go on spelling the name as it did before.
+  // A case-insensitive file system may keep the old spelling of the name.
   const bool isInPlace = volume_->pathKey(stored->path) == volume_->pathKey(file->to);
   batch_.finishFile(file, nullptr, isInPlace ? "" : stored->path, stored->sizeBytes);
 }
 
 void SendingBatch::sendFolder(const std::string& from, const std::string& to) {
   NSErrorRef error;
-  // The root is always there, and no service makes it. A stop leaves at most an empty folder.
+  // The root always exists and cannot be created. A stop leaves at most an empty folder.
   bool isThere = batch_.unlessStopped(
       [volume = volume_, to](NSErrorRef* reason) {
         if (to != "/" && !volume->createDirectoryAtPath(to, nullptr, reason)) return false;
-        // A file system that has just been listed knows what each file replaces, and need not ask for every
-        // one of them.
+        // Fills the volume's cache, so that it need not look up each file that is replaced.
         volume->contentAtPath(to, false, true, nullptr);
         return true;
       },
       &error);
-  if (!isThere && !error) error = copyError(EIO, "the folder was not made");
+  if (!isThere && !error) error = copyError(EIO, "the folder was not created");
   if (isThere) isThere = addChildren(from, to, &error);
   batch_.finishFolder(from, to, isThere ? nullptr : error);
 }
@@ -105,7 +104,7 @@ bool SendingBatch::addChildren(const std::string& from, const std::string& to, N
     return false;
   }
   std::sort(names.begin(), names.end());
-  std::map<std::string, std::string> taken;  // key of a name -> the first name that has it
+  std::map<std::string, std::string> taken;  // name key -> first name with that key
   for (const std::string& name : names) {
     const std::string child = appendingPathComponent(from, name);
     const std::string target = appendingPathComponent(to, name);

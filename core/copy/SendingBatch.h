@@ -7,7 +7,7 @@
 
 namespace kzv::copy {
 
-/// Copies a file or folder of the local disk to a volume; see KZVLocalFS::sendFiles. For one run.
+/// Copies a file or folder of the local disk to a volume; see KZVLocalFS::sendFiles. Used for one run.
 class SendingBatch {
  public:
   SendingBatch(const KZVBatchId& batchId, CopyObservers observers, std::shared_ptr<FSPlugin> volume);

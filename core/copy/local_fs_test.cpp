@@ -379,7 +379,8 @@ TEST_F(LocalFSTest, WithoutAnObserverTheFirstFailureEndsTheBatch) {
   EXPECT_FALSE(receive(volume, {"/d"}, disk_ / "to"));
   ASSERT_TRUE(error_);
   EXPECT_EQ(error_->domain(), "TestDomain") << "what the failure stopped counts as stopped by the person";
-  EXPECT_LE(treeAt(disk_ / "to").size(), copiesAtOnce) << "the rest was copied although the whole had failed";
+  EXPECT_LE(treeAt(disk_ / "to").size(), maxConcurrentCopies)
+      << "the rest was copied although the whole had failed";
 }
 
 TEST_F(LocalFSTest, AVolumeWithoutVersionsIsReadByRangesAllTheSame) {
