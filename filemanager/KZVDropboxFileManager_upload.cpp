@@ -62,7 +62,7 @@ std::optional<std::string> storedText(const DBRestClient& client, const NSString
 
 NSErrorRef changedError(const std::string& path) {
   return NSError::withText(DBErrorDomain, DBErrorFileChanged,
-                           "Could not upload \"" + path + "\": the file changed while it was being sent.",
+                           "Could not upload \"" + path + "\": the file changed during the upload.",
                            {{DBErrorPathKey, str(path)}});
 }
 

@@ -101,7 +101,7 @@ TEST_F(KzvTest, EachCommandPrintsWhatItShouldAndNothingElse) {
       {"unlink Eve", "", "unlink: Eve: no account \"Eve\"; linked are: u1 (Ada) (KZVHostErrorDomain 1)\n", 3,
        "u1=Ada"},
       {"unlink", "", "unlink: ID is required; see kzv unlink --help\n", 2, "u1=Ada"},
-      {"unlink stuck", "", "unlink: stuck: forgotten here, but not revoked (TestDomain 5)\n", 1, "stuck,u2"},
+      {"unlink stuck", "", "unlink: stuck: unlinked here, but not revoked (TestDomain 5)\n", 1, "stuck,u2"},
       {"df", "total  2 GB\nfree   -1.5 MB\n"},
       {"--json df", "{\"total\":2000000000,\"free\":-1500000}\n"},
       {"info", "id     u1\nemail  ada@example.com\nfree   -1.5 MB\ntotal  2 GB\n"},

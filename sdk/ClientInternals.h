@@ -22,13 +22,13 @@ struct Operation {
   std::shared_ptr<NSRunLoop> runLoop;
   std::atomic<bool> cancelled{false};
   std::vector<std::shared_ptr<ServiceCall>> calls;  // guarded by the client's mutex
-  std::function<void()> afterCancel{};              // set before the first step; runs where it is cancelled
+  std::function<void()> afterCancel{};  // set before the first step; called on the cancelling thread
 };
 
 }  // namespace kzv::sdk
 
-/// What the operations of a client share. Requests under way hold it, so it may outlive the client; then no
-/// callback comes any more.
+/// The state that a client's operations share. Requests in flight hold it, so it may outlive the client; then
+/// no callback is called any more.
 class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Impl> {
  public:
   using Operation = kzv::sdk::Operation;
@@ -47,14 +47,13 @@ class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Imp
                                     ServiceCall::Handler handler);
   std::shared_ptr<ServiceCall> sendFor(const OperationRef& operation, kzv::sdk::ActingFor actingFor,
                                        ServiceRequest request, ServiceCall::Handler handler);
-  /// Ends the operation and calls the delegate, as the last thing of both. REQUIRES the thread of the
-  /// callbacks.
+  /// Ends the operation and calls the delegate last. REQUIRES the thread of the callbacks.
   template <class Callback>
   void finish(const OperationRef& operation, Callback callback) {
     if (!end(*operation)) return;
     notify(callback);
   }
-  /// The same for a failure: after the callback the session hears of an authorization that was withdrawn.
+  /// The same for a failure; afterwards notifies the session if the authorization was withdrawn.
   template <class Callback>
   void fail(const OperationRef& operation, const ServiceAnswer& answer, Callback callback) {
     finish(operation, callback);
@@ -70,21 +69,20 @@ class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Imp
   void performLater(const OperationRef& operation, std::function<void()> step);
   void cancelAll();
   void forgetOwner();
-  /// Links the account and ends the operation, which is one that loads an access token.
+  /// Links the account and ends the operation, which must be one that loads an access token.
   void linkAndFinish(const OperationRef& operation, const DBCredential& credential);
   /// Once this has returned, linkAndFinish links nothing.
   void withdrawLinking();
 
   kzv::sdk::UnfinishedUploads uploads;  // the thread of the callbacks only
 
-  /// The pages of the change feed, one call of loadDelta each, as far as one leads to the next. The thread of
-  /// the callbacks only.
+  /// The pages of one run of the change feed, one call of loadDelta each. The thread of the callbacks only.
   struct DeltaPages {
-    std::string promised;  // the cursor that the last page led to
+    std::string promised;  // the next page's cursor, from the last page
     kzv::sdk::PageSequence pages{kzv::sdk::servicelimits::changesAtOnce};
   } delta;
 
-  /// The sign-in under way, or null.
+  /// The pending sign-in, or null.
   std::shared_ptr<kzv::sdk::SignIn> signIn() const;
   void setSignIn(std::shared_ptr<kzv::sdk::SignIn> signIn);
 
@@ -114,8 +112,8 @@ class DBRestClient::Impl : public std::enable_shared_from_this<DBRestClient::Imp
 
 namespace kzv::sdk {
 
-/// Base of the client's operations: each is an object that lives, held by its requests, until its callback.
-/// All members run on the thread of the callbacks unless they say otherwise.
+/// Base of the client's operations, which their requests keep alive until the callback. Members are called on
+/// the thread of the callbacks unless they say otherwise.
 class ClientOperation : public std::enable_shared_from_this<ClientOperation> {
  public:
   using ImplRef = std::shared_ptr<DBRestClient::Impl>;
@@ -129,7 +127,7 @@ class ClientOperation : public std::enable_shared_from_this<ClientOperation> {
   virtual void notifyFailure(DBRestClientDelegate& delegate, DBRestClient& client,
                              const NSErrorRef& error) = 0;
 
-  /// A handler that calls a member function of the derived class and keeps this object alive until then.
+  /// A handler that calls a member function of the derived class and keeps this object alive.
   template <class Derived, class Answer>
   ServiceCall::Handler handler(void (Derived::*received)(Answer&)) {
     return [self = std::static_pointer_cast<Derived>(shared_from_this()), received](ServiceAnswer& answer) {
@@ -153,7 +151,7 @@ class ClientOperation : public std::enable_shared_from_this<ClientOperation> {
   }
   void fail(const NSErrorRef& error) { fail(ServiceAnswer{{}, error}); }
   void failInvalid(const HttpResponse& response) { fail(invalidResponseError(response, about_)); }
-  /// For failures before any request was sent: a callback never comes before the call has returned.
+  /// For failures before any request was sent: the callback must not run before the call has returned.
   void failLater(const NSErrorRef& error) {
     client_->performLater(operation_, [self = shared_from_this(), error] { self->fail(error); });
   }
@@ -165,11 +163,12 @@ class ClientOperation : public std::enable_shared_from_this<ClientOperation> {
 
 /// A request with a JSON argument in its body.
 ServiceRequest rpcRequest(std::string route, const boost::json::object& argument, RequestDescription about);
-/// One that only reads, so that it may be repeated.
+/// The same for one that only reads, so that it may be repeated.
 ServiceRequest readingRequest(std::string route, const boost::json::object& argument,
                               RequestDescription about);
-/// The path as the service takes it ("" for the root, no doubled or trailing slashes); nothing when it is
-/// none (not beginning with "/", not UTF-8, holding a NUL, of more components than servicelimits allow).
+/// The path in the service's form ("" for the root, no doubled or trailing slashes); nothing when it is
+/// invalid (not beginning with "/", not UTF-8, containing a NUL, of more components than servicelimits
+/// allow).
 std::optional<std::string> servicePath(std::string_view path);
 NSErrorRef unacceptablePathError(const RequestDescription& about);
 

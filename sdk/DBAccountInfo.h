@@ -5,16 +5,16 @@
 
 #include "foundation/NSObject.h"
 
-/// Bytes. Consumed may exceed total; total is 0 when the service names an allocation we do not know.
+/// In bytes. Consumed may exceed total; total is 0 for an unknown kind of allocation.
 struct DBQuota {
   std::int64_t totalBytes = 0;
   std::int64_t totalConsumedBytes = 0;
 };
 
-/// What to load of an account: each part is a request of its own. Parts that were not loaded are empty.
+/// The parts of an account to load, each with its own request. Parts that were not loaded are empty.
 enum class DBAccountParts { all, identity, quota };
 
-/// An account as the service describes it. Never changes after it has been built.
+/// The service's description of an account. Immutable, so any thread may use it.
 class DBAccountInfo final : public NSObject {
  public:
   DBAccountInfo(std::string userId, std::string displayName, std::string email, DBQuota quota)

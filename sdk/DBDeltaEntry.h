@@ -6,6 +6,6 @@
 
 /// One change of the account's tree.
 struct DBDeltaEntry {
-  std::string lowercasePath;                   // the service's own key; empty stands for the root
-  std::shared_ptr<const DBMetadata> metadata;  // null: the item, and everything below it, is gone
+  std::string lowercasePath;                   // the service's key; empty: the root
+  std::shared_ptr<const DBMetadata> metadata;  // null: the item and everything below it was deleted
 };

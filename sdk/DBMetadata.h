@@ -15,20 +15,20 @@ class DBMetadata final : public NSObject {
  public:
   using Contents = std::vector<std::shared_ptr<const DBMetadata>>;
   struct Fields {
-    std::string path;  // begins with "/", letter case as far as the service's is known; the root is "/"
-    /// Instead of `path`, for the children of one folder: its path, which they then share, and their name.
+    std::string path;  // begins with "/", in the service's letter case if known; the root is "/"
+    /// Instead of `path`, for the children of a listed folder: its path, which they share, and the name.
     std::shared_ptr<const std::string> folderPath;
     std::string name;
-    std::string lowercasePath;             // the service's own key for the path
+    std::string lowercasePath;             // the service's key for the path
     std::string rev;                       // empty: none (folders, deleted items)
-    std::string itemId;                    // the same after a move; empty: not told
+    std::string itemId;                    // unchanged by a move; empty: unknown
     std::string_view icon = "page_white";  // of static storage duration (sdk/wire/IconNames.h)
     std::int64_t totalBytes = 0;
     std::optional<NSDate::Time> lastModifiedDate;
     bool isDirectory = false;
     bool isDeleted = false;
     bool thumbnailExists = false;
-    std::shared_ptr<const Contents> contents;  // null: not asked for
+    std::shared_ptr<const Contents> contents;  // null: not loaded
   };
   explicit DBMetadata(Fields fields);
   ~DBMetadata() override;
@@ -36,12 +36,12 @@ class DBMetadata final : public NSObject {
   std::string path() const;
   /// The last component; "/" for the root.
   std::string filename() const;
-  /// The key under which the service compares paths: its own where the record came from it.
+  /// The key by which the service compares paths.
   std::string lowercasePath() const;
   /// Compare for equality only; empty when the item has none.
   std::string rev() const;
-  /// The service's name for the item, which it keeps when it is moved or changed; empty when not told.
-  /// Compare for equality only.
+  /// The service's id of the item, unchanged by moves and changes; empty if unknown. Compare for equality
+  /// only.
   std::string itemId() const;
   std::string_view icon() const noexcept { return {icon_, iconSize_}; }
   std::int64_t totalBytes() const noexcept { return totalBytes_; }
@@ -49,7 +49,7 @@ class DBMetadata final : public NSObject {
   bool isDirectory() const noexcept { return isDirectory_; }
   bool isDeleted() const noexcept { return isDeleted_; }
   bool thumbnailExists() const noexcept { return thumbnailExists_; }
-  /// The children of a folder that was loaded with them, in a fixed order; null for everything else.
+  /// The children of a folder that was loaded with them, sorted by key; else null.
   const std::shared_ptr<const Contents>& contents() const noexcept;
   /// The path of the folder that it lies in, which the children of one listing share; null for the root.
   const std::shared_ptr<const std::string>& folderPath() const noexcept { return folderPath_; }
@@ -60,9 +60,9 @@ class DBMetadata final : public NSObject {
   // Compact, because there may be a million: children share their folder's path, a revision is packed into 16
   // bytes, an id has no prefix, the flags share a word, and rare or derivable fields are kept elsewhere.
   struct Rare {
-    std::string lowercasePath;  // only where caselessKey of the path is another
-    std::string rev;            // only where it is not hexadecimal text of at most 32 digits
-    std::string itemId;         // only where it is not "id:" and 22 characters
+    std::string lowercasePath;  // only if not caselessKey(path())
+    std::string rev;            // only if not at most 32 hexadecimal digits
+    std::string itemId;         // only if not "id:" and 22 characters
     std::shared_ptr<const Contents> contents;
   };
   Rare& rare();

@@ -86,7 +86,7 @@ std::optional<DamagedFile> damagedFile(const json::object& metadata, bool hasRep
 
 ServiceAnswer damagedAnswer(RequestDescription about, const std::optional<DamagedFile>& damaged) {
   if (damaged && damaged->hasReplaced) about.storedRev = damaged->rev;
-  return {{}, requestError(DBErrorInvalidResponse, "the content was damaged on its way", about)};
+  return {{}, requestError(DBErrorInvalidResponse, "the content was damaged in transit", about)};
 }
 
 /// Ends an upload whose content arrived damaged. What was stored is deleted, or it would pass for the file;

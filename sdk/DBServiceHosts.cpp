@@ -27,13 +27,13 @@ std::string part(CURLU* url, CURLUPart which, unsigned flags = 0) {
 }
 
 bool parse(const char* text, UrlParts& parts) {
-  // libcurl takes an empty user, query or fragment for none, and decodes escapes in a host's name.
+  // libcurl ignores an empty user, query or fragment, and decodes escapes in a host name.
   if (std::string_view(text).find_first_of("@?#%\\") != std::string_view::npos) return false;
   const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), &curl_url_cleanup);
   if (!url || curl_url_set(url.get(), CURLUPART_URL, text, 0) != CURLUE_OK) return false;
   parts = {part(url.get(), CURLUPART_SCHEME), part(url.get(), CURLUPART_HOST),
            part(url.get(), CURLUPART_PORT, CURLU_NO_DEFAULT_PORT)};
-  // One origin, one spelling: tokens are kept by it.
+  // One spelling per origin, since tokens are stored by origin.
   for (char& c : parts.host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   const std::string path = part(url.get(), CURLUPART_PATH);
   parts.onlyOrigin = path.empty() || path == "/";

@@ -16,7 +16,7 @@ using namespace kzv::sdk;
 
 namespace {
 
-// A token this close to its end would run out under way.
+// A token this close to its end could expire while a request is in flight.
 constexpr std::int64_t renewalMarginSeconds = 300;
 
 std::shared_ptr<DBSession>& sharedSlot() {
@@ -30,7 +30,7 @@ std::mutex& sharedMutex() {
 
 NSErrorRef notRevokedError(const std::string& reason, const std::string& webOrigin) {
   return NSError::withText(DBErrorDomain, DBErrorNotRevoked,
-                           "forgotten here, but not revoked: " + reason +
+                           "unlinked here, but not revoked: " + reason +
                                " To end its access by hand, remove the application from the list at " +
                                webOrigin + "/account/connected_apps");
 }
@@ -61,7 +61,7 @@ DBSession::Internals::Internals(std::string key, std::string secret, std::string
   }
 }
 
-/// Adds the stored accounts that are not here yet.
+/// Adds the stored accounts that are not in memory yet.
 void DBSession::Internals::readStore() {
   const std::lock_guard storeLock(storeMutex_);
   const StoredAccounts stored = store->load();
@@ -122,7 +122,7 @@ void DBSession::Internals::keepRenewedToken(const std::string& userId, std::uint
       credential = account->credential;
     }
     NSErrorRef error;
-    if (!self->store->update(credential, &error)) {  // only costs another renewal at the next start
+    if (!self->store->update(credential, &error)) {  // costs only another renewal at the next start
       NSLog(NSLogLevel::warning, "DBSession",
             "A renewed authorization could not be stored: " + error->localizedDescription());
     }
@@ -185,7 +185,7 @@ bool DBSession::Internals::isAuthorizationLost(const std::string& userId) {
       break;
   }
   const std::lock_guard lock(mutex_);
-  if (Account* account = find(userId)) account->failureNoted = false;  // the next failure asks again
+  if (Account* account = find(userId)) account->failureNoted = false;  // the next failure checks again
   return false;
 }
 
@@ -218,34 +218,34 @@ bool DBSession::Internals::link(const DBCredential& credential, const Withdrawn&
     }
     if (account) replaced = account->credential;
   }
-  // Withdrawn while it was being stored.
+  // It was withdrawn while it was being stored.
   const bool isUndone =
       replaced ? store->save(*replaced, nullptr) : store->remove(credential.userId, &credential, nullptr);
   if (!isUndone)
-    NSLog(NSLogLevel::error, "DBSession", "A linking that was given up could not be removed from the store.");
+    NSLog(NSLogLevel::error, "DBSession", "A cancelled linking could not be removed from the store.");
   return failUnwanted(error);
 }
 
-/// Removes the account here and in the store.
-/// @return what is to be revoked: the tokens in use here and, if another process has linked the account anew,
-///         those as well.
+/// Removes the account from memory and from the store.
+/// @return the tokens to revoke: those in use here and, if another process has linked the account again, its
+/// tokens.
 std::vector<DBCredential> DBSession::Internals::forget(const std::string& userId, NSErrorRef* storeError) {
   const std::lock_guard storeLock(storeMutex_);
-  std::vector<DBCredential> forgotten;
+  std::vector<DBCredential> removed;
   {
     const std::lock_guard lock(mutex_);
     Account* account = find(userId);
     if (!account) return {};
-    forgotten.push_back(account->credential);
+    removed.push_back(account->credential);
     accounts_.erase(accounts_.begin() + (account - accounts_.data()));
   }
   const StoredAccounts stored = store->load();
   for (const DBCredential& credential : stored.credentials) {
     if (credential.userId != userId) continue;
-    if (isSameLinking(credential, forgotten.front())) {
-      forgotten.front() = credential;  // perhaps renewed by another process
+    if (isSameLinking(credential, removed.front())) {
+      removed.front() = credential;  // perhaps renewed by another process
     } else {
-      forgotten.push_back(credential);
+      removed.push_back(credential);
     }
   }
   NSErrorRef reason;
@@ -254,11 +254,11 @@ std::vector<DBCredential> DBSession::Internals::forget(const std::string& userId
           "An unlinked account could not be removed from the store: " + reason->localizedDescription());
     setError(storeError, reason);
   }
-  return forgotten;
+  return removed;
 }
 
-/// Forgets an account whose authorization is lost, unless it has been linked anew.
-void DBSession::Internals::forgetLost(const std::string& userId) {
+/// Removes an account whose authorization is lost, unless it was linked again.
+void DBSession::Internals::removeLost(const std::string& userId) {
   if (!isAuthorizationLost(userId)) return;
   const std::lock_guard storeLock(storeMutex_);
   DBCredential lost;
@@ -282,7 +282,7 @@ void DBSession::Internals::unlink(const std::string& userId) {
     const Account* account = find(userId);
     isLost = account && account->failureNoted;
   }
-  if (isLost) return forgetLost(userId);
+  if (isLost) return removeLost(userId);
   for (const DBCredential& credential : forget(userId, nullptr)) revokeInBackground(credential);
 }
 
@@ -292,7 +292,7 @@ void DBSession::Internals::revokeInBackground(const DBCredential& credential) {
   });
 }
 
-bool DBSession::Internals::unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds patience,
+bool DBSession::Internals::unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds timeout,
                                            NSErrorRef* error) {
   NSErrorRef storeError;
   std::vector<std::future<NSErrorRef>> outcomes;
@@ -302,7 +302,7 @@ bool DBSession::Internals::unlinkAndRevoke(const std::string& userId, std::chron
     Revocation::start(shared_from_this(), credential,
                       [outcome](const NSErrorRef& reason) { outcome->set_value(reason); });
   }
-  const auto deadline = std::chrono::steady_clock::now() + patience;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   std::string failure;
   for (auto& outcome : outcomes) {
     const bool isKnown = outcome.wait_until(deadline) == std::future_status::ready;
@@ -375,9 +375,9 @@ const std::string& DBSession::origin() const noexcept { return internals_->hosts
 bool DBSession::linkCredential(const DBCredential& credential, NSErrorRef* error) {
   return internals_->link(credential, nullptr, error);
 }
-bool DBSession::unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds patience,
+bool DBSession::unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds timeout,
                                 NSErrorRef* error) {
-  return internals_->unlinkAndRevoke(userId, patience, error);
+  return internals_->unlinkAndRevoke(userId, timeout, error);
 }
 bool DBSession::isAuthorizationLost(const std::string& userId) {
   return internals_->isAuthorizationLost(userId);

@@ -38,21 +38,21 @@ struct DBCredential {
   }
 };
 
-/// Every linked account and its tokens, shared by all clients. Tokens are kept in the desktop's secret
-/// service, or where there is none in a file of mode 0600 in a folder of mode 0700 (below dataFolder()); they
-/// are bound to the origin that gave them: another one (KZV_SERVICE_URL) has accounts of its own. Any thread;
-/// calls that change the store block for as long as the disk or the secret service takes.
+/// Every linked account and its tokens, shared by all clients. Tokens are stored in the desktop's secret
+/// service, or if there is none in a file of mode 0600 in a folder of mode 0700 (below dataFolder()). They
+/// are bound to the origin that issued them: another one (KZV_SERVICE_URL) has its own accounts. Any thread;
+/// calls that change the store block for the disk or the secret service.
 ///
 /// Other processes link, renew and unlink accounts, too. When the service rejects a token, the store is read
-/// again before the account is given up: a newer linking or token is adopted and the request is repeated with
-/// it.
+/// again before the account counts as lost: a newer linking or token is adopted and the request is repeated
+/// with it.
 class DBSession final : public NSObject {
  public:
-  /// Reads the stored accounts of `appKey`.
+  /// Reads the stored accounts of `appKey`. Blocks.
   DBSession(std::string appKey, std::string appSecret, std::string_view root);
   ~DBSession() override;
 
-  /// The process's session; empty before the plug-in's start-up.
+  /// The process's session; null before the plug-in's start-up.
   static std::shared_ptr<DBSession> sharedSession();
   static void setSharedSession(std::shared_ptr<DBSession> session);
 
@@ -62,31 +62,31 @@ class DBSession final : public NSObject {
   std::vector<std::string> userIds() const;
   bool hasUserId(std::string_view userId) const;  // cheaper than a copy of userIds()
   bool isLinked() const;
-  /// Why accounts may be missing: the store could not be read, or not all of it. Empty when all was read.
+  /// Why accounts may be missing: the store could not be read, or only in part. Null when all was read.
   NSErrorRef storeError() const;
-  /// Reads the store again while storeError() is set, and adds what was missing. Blocks.
+  /// Reads the store again if storeError() is set, and adds missing accounts. Blocks.
   void readStoreAgainIfIncomplete();
-  /// The origin that stands in for the service, empty for the service itself: what settings about accounts
-  /// belong to, as the accounts themselves do.
+  /// The origin of the service's stand-in, empty for the service itself. Accounts and settings about them
+  /// belong to one origin.
   const std::string& origin() const noexcept;
   /// The delegate is not retained; null for none.
   void setDelegate(DBSessionDelegate* delegate);
 
-  /// Adds or replaces an account (which keeps its place) and stores it. False with an unchanged session when
-  /// the store refuses.
+  /// Adds an account, or replaces it in its place, and stores it. False with an unchanged session when the
+  /// store fails.
   bool linkCredential(const DBCredential& credential, NSErrorRef* error);
-  /// Forgets the account, first here and in the store; then revokes its token in the background, best effort.
-  /// Requests of the account that are under way fail as usual. An account whose authorization was lost is
-  /// forgotten only as far as that linking goes: a newer one in the store is adopted, and the account stays.
+  /// Removes the account from memory and the store, then revokes its token in the background, best effort.
+  /// Requests in flight fail as usual. If the account's authorization was lost, only that linking is removed:
+  /// a newer one in the store is adopted, and the account stays.
   void unlinkUserId(const std::string& userId);
-  /// The same, but waits at most `patience` for the revocation. False with an error when the store refuses,
-  /// or when the revocation fails (DBErrorNotRevoked, with a text that says what to do by hand).
-  bool unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds patience, NSErrorRef* error);
+  /// The same, but waits at most `timeout` for the revocation. False with an error when the store fails, or
+  /// when the revocation fails (DBErrorNotRevoked, with a text that says what to do by hand).
+  bool unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds timeout, NSErrorRef* error);
   /// Whether the linking that the delegate was notified of is still the account's only one. Reads the store
   /// (blocks) and adopts a newer linking, in which case it returns false. Also false when the store cannot be
   /// read: nothing may be deleted then.
   bool isAuthorizationLost(const std::string& userId);
-  /// Waits until revocations in the background have ended, at most `seconds`.
+  /// Blocks until background revocations have ended, at most for `seconds`.
   void waitForBackgroundWork(double seconds);
 
   // For the client layer itself.
@@ -94,5 +94,5 @@ class DBSession final : public NSObject {
   Internals& internals() noexcept { return *internals_; }
 
  private:
-  const std::shared_ptr<Internals> internals_;  // requests under way hold it, too
+  const std::shared_ptr<Internals> internals_;  // requests in flight hold it, too
 };

@@ -25,7 +25,7 @@ void Revocation::revoke() {
   request.style = ServiceRequest::Style::rpcWithoutArgument;
   request.route = "auth/token/revoke";
   request.repeat = ServiceRequest::Repeat::always;
-  request.about.action = "end the authorization of the account";
+  request.about.action = "revoke the authorization of the account";
   ServiceCall::start(session_, {"", credential_.accessToken}, std::move(request), nullptr,
                      [self = shared_from_this()](ServiceAnswer& answer) { self->revoked(answer); });
 }
@@ -35,7 +35,7 @@ void Revocation::revoked(const ServiceAnswer& answer) {
   const bool isTokenDead = hasErrorTag(answer.response, "expired_access_token") ||
                            hasErrorTag(answer.response, "invalid_access_token");
   if (!isTokenDead) return done_(answer.error);
-  // The refresh token may be alive all the same; without one nothing is left.
+  // The refresh token may still be valid; without one nothing is left to revoke.
   if (credential_.refreshToken.empty()) return done_(nullptr);
   hasRenewed_ ? done_(answer.error) : renew();
 }
@@ -54,7 +54,7 @@ void Revocation::renewed(const ServiceAnswer& answer) {
   const auto document = servicejson::Document::parseSecret(answer.response.body);
   const auto token = document ? servicejson::text(document->root(), "access_token") : std::nullopt;
   if (!token || token->empty())
-    return done_(invalidResponseError(answer.response, {"end the authorization of the account", ""}));
+    return done_(invalidResponseError(answer.response, {"revoke the authorization of the account", ""}));
   credential_.accessToken = *token;
   revoke();
 }

@@ -10,7 +10,7 @@ namespace kzv::sdk {
 /// tokens. An expired access token is renewed first, because only a valid one can be revoked. Network thread.
 class Revocation : public std::enable_shared_from_this<Revocation> {
  public:
-  /// Empty: the authorization has ended, or had ended before.
+  /// `error` is null if the authorization is revoked now, or was invalid before.
   using Done = std::function<void(const NSErrorRef& error)>;
 
   /// Any thread; returns at once.

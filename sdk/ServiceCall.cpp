@@ -116,7 +116,7 @@ void ServiceCall::send() {
   if (request_.takesTurn && !hasTurn_) return waitForTurn();
   transfer_ = std::make_shared<HttpTransfer>();
   transfer_->request = httpRequest();
-  if (request_.source) request_.source->rewind();  // this may not be the first time
+  if (request_.source) request_.source->rewind();  // this may be a repetition
   transfer_->done = [self = shared_from_this()](HttpResponse& response) { self->received(response); };
   session_->network->start(transfer_);
 }
@@ -132,18 +132,18 @@ void ServiceCall::waitForTurn() {
   });
 }
 
-void ServiceCall::giveBackTurn(WriteTurns::Outcome outcome) {
+void ServiceCall::releaseTurn(WriteTurns::Outcome outcome) {
   if (std::exchange(hasTurn_, false)) session_->writeTurns.leave(actingFor_.userId, outcome);
 }
 
-/// Lets the account's uploads adapt to what the service takes.
+/// Adapts the number of concurrent uploads to the service's answers.
 void ServiceCall::noteOutcome(const HttpResponse& response) {
   const bool isContention = RetryPolicy::isContention(response);
   if (isContention && !hasTurn_) session_->writeTurns.narrow(actingFor_.userId);
   const bool isRefused = isContention || (response.curlCode == 0 && response.status == 429);
-  giveBackTurn(isRefused              ? WriteTurns::Outcome::refused
-               : response.isSuccess() ? WriteTurns::Outcome::stored
-                                      : WriteTurns::Outcome::failed);
+  releaseTurn(isRefused              ? WriteTurns::Outcome::refused
+              : response.isSuccess() ? WriteTurns::Outcome::stored
+                                     : WriteTurns::Outcome::failed);
 }
 
 void ServiceCall::received(HttpResponse& response) {
@@ -158,14 +158,14 @@ void ServiceCall::received(HttpResponse& response) {
   mayHaveBeenCarriedOut_ |= mayHaveBeenCarriedOut(response);
   if (repairAuthorization(response) || repeatLater(response)) return;
   answer_.error = response.isDamaged ? requestError(DBErrorInvalidResponse,
-                                                    "the content was damaged on its way", request_.about)
+                                                    "the content was damaged in transit", request_.about)
                                      : errorFromResponse(response, request_.about);
   answer_.mayHaveBeenCarriedOut = mayHaveBeenCarriedOut_;
   answer_.response = std::move(response);
   finish();
 }
 
-/// True when the request goes on, because a token that was refused has been or is being replaced.
+/// True when the request continues with another token than the refused one.
 bool ServiceCall::repairAuthorization(const HttpResponse& response) {
   if (response.curlCode != 0 || response.status != 401 || actingFor_.userId.empty()) return false;
   if (hasErrorTag(response, "expired_access_token")) {
@@ -176,7 +176,7 @@ bool ServiceCall::repairAuthorization(const HttpResponse& response) {
   if (!hasErrorTag(response, "invalid_access_token")) return false;
   const auto current = session_->authorization(actingFor_.userId);
   const bool wasReplaced = current && current->accessToken != authorization_.accessToken;
-  if (wasReplaced && !tokenRenewed_) {  // by a renewal or a new linking while this one was on its way
+  if (wasReplaced && !tokenRenewed_) {  // by a renewal or a new linking while this request was in flight
     tokenRenewed_ = true;
     authorization_ = *current;
     send();
@@ -190,8 +190,8 @@ bool ServiceCall::repairAuthorization(const HttpResponse& response) {
   return false;
 }
 
-/// A token has been refused for good: another process may have stored a newer one.
-/// @param error  what the request ends with if there is none.
+/// After a token was refused for good: another process may have stored a newer one.
+/// @param error  the request's error if there is none.
 void ServiceCall::lookInStore(HttpResponse refused, NSErrorRef error) {
   hasLookedInStore_ = true;
   answer_.response = std::move(refused);
@@ -209,12 +209,12 @@ void ServiceCall::lookedInStore(TokenRefresh::Result result) {
     tokenRenewed_ = false;
     return sendWith(*current);
   }
-  // Where the store cannot be read the account is not given up: the next request asks again.
+  // If the store cannot be read, the account does not count as lost: the next request checks again.
   if (result != TokenRefresh::Result::failed) answer_.lostLinking = authorization_.linking;
   finish();
 }
 
-/// @param refused  the answer that made it necessary; one without a status when nobody has been asked yet.
+/// @param refused  the answer that refused the old token; without a status before the first attempt.
 void ServiceCall::renewToken(HttpResponse refused) {
   if (ended_) return;
   tokenRenewed_ = refused.status != 0;
@@ -228,12 +228,12 @@ void ServiceCall::renewToken(HttpResponse refused) {
 void ServiceCall::tokenRenewed(const TokenRefresh::Outcome& outcome, HttpResponse& refused) {
   const bool stillUsable = refused.status == 0 && !authorization_.hasExpired;
   if (outcome.result == TokenRefresh::Result::failed && stillUsable) {
-    send();  // the old token has some seconds left, and the service may refuse it itself
+    send();  // the old token has not expired yet
     return;
   }
   auto current = session_->authorization(actingFor_.userId);
   if (outcome.result == TokenRefresh::Result::notLinked || !current) {
-    fail(requestError(DBErrorNotLinked, "the account is not linked any more", request_.about));
+    fail(requestError(DBErrorNotLinked, "the account is no longer linked", request_.about));
     return;
   }
   if (outcome.result == TokenRefresh::Result::renewed) {
@@ -298,7 +298,7 @@ void ServiceCall::abort() {
   if (transfer_) session_->network->cancel(std::exchange(transfer_, nullptr));
   if (timer_) session_->network->cancelTimer(*std::exchange(timer_, std::nullopt));
   if (turnWait_) session_->writeTurns.withdraw(actingFor_.userId, *std::exchange(turnWait_, std::nullopt));
-  giveBackTurn(WriteTurns::Outcome::failed);
+  releaseTurn(WriteTurns::Outcome::failed);
   handler_ = nullptr;
 }
 

@@ -30,47 +30,48 @@ struct ServiceRequest {
   std::string argument;  // JSON in printable ASCII, or a form
   enum class Repeat {
     never,
-    whenRefused,  // after an answer that says it was not carried out: 429 or 503 with a time to wait, or
+    whenRefused,  // after an answer that it was not carried out: 429 or 503 with a time to wait, or
                   // another change of the account in progress
     always        // carrying it out twice does no harm
   };
   Repeat repeat = Repeat::never;
   int shortRetries = RetryPolicy::maxShortRetries;
-  bool takesTurn = false;  // an upload that stores a file: waits for its turn among those of the account
+  bool takesTurn = false;  // an upload that stores a file: subject to WriteTurns
   RequestDescription about;
   std::shared_ptr<BodySource> source{};
   std::shared_ptr<BodySink> sink{};
   std::optional<std::chrono::seconds> timeLimit{};  // as in HttpRequest
 };
 
-/// For whom a request is made: a linked account, or the holder of a token that is not in the session.
+/// The authorization of a request: a linked account's, or a token that is not in the session.
 struct ActingFor {
   std::string userId;       // empty: `bearerToken`
-  std::string bearerToken;  // empty as well: without authorization
+  std::string bearerToken;  // both empty: none
 };
 
 struct ServiceAnswer {
   HttpResponse response;
   NSErrorRef error;  // null: success
-  /// Set when the account's authorization turned out to be withdrawn: the linking it concerns.
+  /// Set when the account's authorization was withdrawn: the affected linking.
   std::optional<std::uint64_t> lostLinking{};
-  /// Beside an error: the service may have carried the request out all the same, at this try or an earlier
-  /// one, and only the answer was lost. Look at the result before reporting a failed change.
+  /// With an error: the service may have carried out the request, in this attempt or an earlier one, with
+  /// only the answer lost. Check the result before reporting a failed change.
   bool mayHaveBeenCarriedOut = false;
 };
 
-/// One request under way, with all that its caller need not know of: the renewal of an expired token, and
-/// repeats after waits. Its steps run on the network thread and nothing in it ever blocks.
+/// One request in flight, including what its caller need not know about: renewal of an expired token and
+/// repetitions. Runs on the network thread and never blocks.
 class ServiceCall : public std::enable_shared_from_this<ServiceCall> {
  public:
   using Handler = std::function<void(ServiceAnswer&)>;
 
   /// Starts the request. Any thread; returns at once.
-  /// @param deliverOn  the run loop on which `handler` runs, once; null: the network thread.
+  /// @param deliverOn  the run loop on which `handler` is called, once; null: the network thread.
   static std::shared_ptr<ServiceCall> start(std::shared_ptr<DBSession::Internals> session,
                                             ActingFor actingFor, ServiceRequest request,
                                             std::shared_ptr<NSRunLoop> deliverOn, Handler handler);
-  /// Ends it at once. On the thread of `deliverOn` the handler does not run any more after this has returned.
+  /// Cancels the request. Any thread; on the thread of `deliverOn` the handler is not called any more after
+  /// this has returned.
   void cancel();
 
   ServiceCall(std::shared_ptr<DBSession::Internals> session, ActingFor actingFor, ServiceRequest request,
@@ -83,7 +84,7 @@ class ServiceCall : public std::enable_shared_from_this<ServiceCall> {
   void received(HttpResponse& response);
   bool repairAuthorization(const HttpResponse& response);
   void waitForTurn();
-  void giveBackTurn(WriteTurns::Outcome outcome);
+  void releaseTurn(WriteTurns::Outcome outcome);
   void noteOutcome(const HttpResponse& response);
   void renewToken(HttpResponse response);
   void tokenRenewed(const TokenRefresh::Outcome& outcome, HttpResponse& refused);
@@ -101,7 +102,7 @@ class ServiceCall : public std::enable_shared_from_this<ServiceCall> {
   const std::shared_ptr<NSRunLoop> deliverOn_;
   std::atomic<bool> ended_{false};  // delivered or cancelled
 
-  // The network thread's own once begin() has returned.
+  // Used only on the network thread once begin() has returned.
   Handler handler_;
   Authorization authorization_;
   std::shared_ptr<HttpTransfer> transfer_;

@@ -17,17 +17,17 @@
 
 namespace kzv::sdk {
 
-/// Seconds since 1970 (POSIX), as the times of tokens are kept.
+/// Seconds since 1970 (POSIX).
 std::int64_t unixNow();
 /// When a token with that lifetime expires; 0 (never) without a lifetime. Impossible lifetimes are clamped to
 /// the range from 0 to ten years.
 std::int64_t expiryAfter(std::optional<std::int64_t> lifetimeSeconds);
 
-/// What a request needs in order to act for an account. Secret.
+/// The authorization of a request for an account. Secret.
 struct Authorization {
   std::string accessToken;
   std::string refreshToken;   // empty: cannot be renewed
-  std::uint64_t linking = 0;  // tells one linking of an account from the next
+  std::uint64_t linking = 0;  // distinguishes successive linkings of an account
   bool expiresSoon = false;   // renew it before use
   bool hasExpired = false;
 
@@ -49,16 +49,16 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
   const DBServiceHosts hosts;
   const std::unique_ptr<kzv::sdk::CredentialStore> store;
   const std::shared_ptr<kzv::sdk::NetworkThread> network;
-  kzv::sdk::TokenRefresh tokenRefresh;  // the network thread's own
-  kzv::sdk::WriteTurns writeTurns;      // the network thread's own
-  /// Set when an upload has arrived damaged: from then on each one names its hash before it is sent, so that
-  /// the service itself refuses what differs. Not always, because the file must then be read twice.
+  kzv::sdk::TokenRefresh tokenRefresh;  // the network thread only
+  kzv::sdk::WriteTurns writeTurns;      // the network thread only
+  /// Set once an upload has arrived damaged: later ones announce their hash, so that the service itself
+  /// refuses damaged data. Not from the start, because the file must then be read twice.
   std::atomic<bool> announcesHashes{false};
 
   /// Nothing when the account is not linked.
   std::optional<kzv::sdk::Authorization> authorization(const std::string& userId) const;
-  /// Keeps a renewed token, unless the account has been unlinked or linked anew meanwhile. The store follows
-  /// in the background.
+  /// Keeps a renewed token, unless the account was unlinked or linked again meanwhile, and stores it in the
+  /// background.
   void keepRenewedToken(const std::string& userId, std::uint64_t linking, const std::string& accessToken,
                         std::int64_t expiresAtUnixSeconds);
   /// True the first time an account's linking is reported as no longer valid.
@@ -67,24 +67,24 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
 
   /// How the stored tokens of an account relate to one that the service has refused.
   enum class StoredToken {
-    newer,      // and in use from now on
-    refused,    // the same
-    gone,       // the account has been unlinked
-    unreadable  // not known
+    newer,      // and now in use
+    refused,    // the same token
+    gone,       // the account was unlinked
+    unreadable  // unknown
   };
   /// Blocks for the store.
   StoredToken adoptNewerToken(const std::string& userId, const std::string& refusedToken);
   bool isAuthorizationLost(const std::string& userId);
 
-  /// A linking that can be withdrawn until it is done.
+  /// A flag that withdraws a linking until it is done.
   using Withdrawn = std::shared_ptr<bool>;  // guarded by mutex_ of the session that links
   /// @param withdrawn  null for a linking that cannot be withdrawn.
   bool link(const DBCredential& credential, const Withdrawn& withdrawn, NSErrorRef* error);
   /// Once this has returned, link() with `withdrawn` adds no account.
   void withdraw(const Withdrawn& withdrawn);
   void unlink(const std::string& userId);
-  bool unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds patience, NSErrorRef* error);
-  /// Revokes a token that nobody will use, in the background.
+  bool unlinkAndRevoke(const std::string& userId, std::chrono::milliseconds timeout, NSErrorRef* error);
+  /// Revokes a token that is not used any more, in the background.
   void revokeInBackground(const DBCredential& credential);
   NSErrorRef storeError() const;
   void readStore();
@@ -102,7 +102,7 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
     bool failureNoted = false;
   };
   bool isWithdrawn(const Withdrawn& withdrawn) const;
-  void forgetLost(const std::string& userId);
+  void removeLost(const std::string& userId);
   std::vector<DBCredential> forget(const std::string& userId, NSErrorRef* storeError);
   Account* find(std::string_view userId);
   const Account* find(std::string_view userId) const;
@@ -114,5 +114,5 @@ struct DBSession::Internals : std::enable_shared_from_this<DBSession::Internals>
   DBSessionDelegate* delegate_ = nullptr;  // guarded by mutex_
   int pendingWork_ = 0;                    // guarded by mutex_
   std::condition_variable workEnded_;
-  std::mutex storeMutex_;  // makes memory and store change in the same order; taken before mutex_
+  std::mutex storeMutex_;  // makes memory and store change in the same order; locked before mutex_
 };

@@ -31,7 +31,7 @@ void TokenRefresh::renew(DBSession::Internals& session, const std::string& userI
   const Key key(userId, current->linking);
   auto& waiting = renewals_[key];
   waiting.push_back(std::move(done));
-  if (waiting.size() > 1) return;  // one request is under way
+  if (waiting.size() > 1) return;  // one request is in flight
 
   auto handler = [this, key, keep = session.shared_from_this()](ServiceAnswer& answer) {
     if (answer.error) {

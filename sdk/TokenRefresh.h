@@ -14,13 +14,13 @@ namespace kzv::sdk {
 
 struct ServiceRequest;
 
-/// Renews access tokens (RFC 6749, section 6): one request at a time per account, however many requests need
-/// it; all of them get its outcome. Network thread only.
+/// Renews access tokens (RFC 6749, section 6): one request at a time per account, whose outcome all callers
+/// get. Network thread only.
 class TokenRefresh {
  public:
   enum class Result {
-    renewed,            // the session holds another access token than the stale one
-    failed,             // try again another time
+    renewed,            // the session has another access token than the stale one
+    failed,             // a later attempt may succeed
     authorizationLost,  // the service has withdrawn it: the account must be linked again
     notLinked
   };
@@ -30,14 +30,14 @@ class TokenRefresh {
   };
   using Done = std::function<void(const Outcome&)>;
 
-  /// @param staleToken  the access token that was refused or ends soon.
-  /// @param done        on the network thread, perhaps before this returns.
+  /// @param staleToken  the access token that was refused or expires soon.
+  /// @param done        called on the network thread, perhaps before this returns.
   void renew(DBSession::Internals& session, const std::string& userId, const std::string& staleToken,
              Done done);
   /// Looks in the store for a newer token than one that the service has refused for good: another process may
   /// have linked the account anew, or renewed the token. `renewed`: it is in use now; `failed`: the store
   /// cannot be read; `authorizationLost`: there is none.
-  /// @param done  on the network thread, later.
+  /// @param done  called on the network thread, later.
   void findNewer(DBSession::Internals& session, const std::string& userId, const std::string& refusedToken,
                  Done done);
 

@@ -201,7 +201,7 @@ TEST(ErrorReader, CodesTellCasesApart) {
   };
   const Case cases[] = {
       {"not found", 409, path(R"({".tag":"not_found"})"), 404, "nothing at this path"},
-      {"bare text union", 409, R"({"error":"reset"})", 409, "started again"},
+      {"bare text union", 409, R"({"error":"reset"})", 409, "restarted"},
       {"conflict", 409, path(R"({".tag":"conflict","conflict":{".tag":"file"}})"), 403, "in the way"},
       {"conflict of an upload", 409,
        R"({"error":{".tag":"path","reason":{".tag":"conflict","conflict":{".tag":"file"}}}})", 403,

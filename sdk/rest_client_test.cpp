@@ -579,7 +579,7 @@ TEST_F(RestClient, UnlinkingEndsTheAuthorizationOrSaysThatItLivesOn) {
     EXPECT_EQ(server->count("/2/auth/token/revoke"), asked += c.asked);
     EXPECT_EQ(storedToken(), "") << "forgotten here in any case";
     if (!error) continue;
-    EXPECT_TRUE(error->localizedDescription().starts_with("forgotten here, but not revoked: "));
+    EXPECT_TRUE(error->localizedDescription().starts_with("unlinked here, but not revoked: "));
     EXPECT_NE(error->localizedDescription().find("/account/connected_apps"), std::string::npos);
   }
 }

@@ -211,7 +211,7 @@ TEST_F(CommandsTest, WithoutAConnectionTheConnectionIsBlamedAndUnlinkSaysWhatIsL
   standIn.fault({{"route", "auth/token/revoke"}, {"times", 1000}, {"status", 500}, {"body", "later"}});
   const auto outcome = kzv({"unlink", accountId});
   EXPECT_EQ(outcome.exitStatus, 1);
-  EXPECT_NE(outcome.errors.find("forgotten here, but not revoked: "), std::string::npos) << outcome.errors;
+  EXPECT_NE(outcome.errors.find("unlinked here, but not revoked: "), std::string::npos) << outcome.errors;
   EXPECT_NE(outcome.errors.find("/account/connected_apps"), std::string::npos) << outcome.errors;
   standIn.clearFaults();
   EXPECT_EQ(kzv({"ls"}).exitStatus, 3) << "forgotten";

@@ -548,7 +548,7 @@ TEST_F(TransferTest, AFileThatChangesWhileItIsSentIsStoredWholeOrNotAtAll) {
       } else {
         ASSERT_TRUE(error);
         EXPECT_EQ(fsErrorCode(error), FSErrorCode::busy) << error->description();
-        EXPECT_NE(error->localizedDescription().find("changed while it was being sent"), std::string::npos);
+        EXPECT_NE(error->localizedDescription().find("changed during the upload"), std::string::npos);
       }
     }
   }

@@ -110,7 +110,7 @@ std::optional<std::string> FolderPlugin::linkAccountWithToken(const std::string&
 bool FolderPlugin::unlinkAccount(const std::string& accountId, NSErrorRef* error) {
   noteEvent("unlink " + accountId);
   const bool isRevoked = !accountId.starts_with("stuck");
-  if (!isRevoked) setError(error, testError(5, "forgotten here, but not revoked"));
+  if (!isRevoked) setError(error, testError(5, "unlinked here, but not revoked"));
   const std::lock_guard lock(mutex_);
   std::erase_if(accounts_, [&](const TestAccount& account) { return account.accountId == accountId; });
   return isRevoked;

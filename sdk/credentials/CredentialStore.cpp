@@ -15,8 +15,9 @@ namespace json = boost::json;
 
 namespace {
 
-/// Prefers the secret service and falls back to the file, call by call: it may come and go (a login without a
-/// desktop, a keyring that stays locked). An account lives in one of the two; reading joins both.
+/// Prefers the secret service and falls back to the file in each call, since the service may not always be
+/// available (a login without a desktop, a locked keyring). An account is stored in one of the two; load()
+/// merges both.
 class PreferringStore final : public CredentialStore {
  public:
   PreferringStore(std::unique_ptr<CredentialStore> preferred, std::unique_ptr<CredentialStore> fallback)
@@ -36,7 +37,7 @@ class PreferringStore final : public CredentialStore {
 
   bool save(const DBCredential& credential, NSErrorRef* error, const IsWanted& isWanted) override {
     if (preferred_->save(credential, nullptr, isWanted)) {
-      fallback_->remove(credential.userId, nullptr, nullptr);  // older tokens serve nobody
+      fallback_->remove(credential.userId, nullptr, nullptr);  // its tokens are outdated
       return true;
     }
     return fallback_->save(credential, error, isWanted);
@@ -69,8 +70,8 @@ bool failUnwanted(NSErrorRef* error) {
   return false;
 }
 
-// The service's own accounts are kept under the application's key alone, so that what earlier versions stored
-// without an origin counts as the service's.
+// The service's own accounts are stored under the application's key alone, so that accounts stored by earlier
+// versions without an origin count as the service's.
 std::unique_ptr<CredentialStore> makeDefaultCredentialStore(const std::string& appKey,
                                                             const std::string& origin) {
   const std::string name = origin.empty() ? appKey : appKey + "@" + origin;

@@ -9,10 +9,10 @@
 
 namespace kzv::sdk {
 
-/// What a store holds.
+/// The contents of a store.
 struct StoredAccounts {
   std::vector<DBCredential> credentials;  // in the order of linking
-  NSErrorRef error;  // set: the store could not be read, or not all of it, so accounts may be missing
+  NSErrorRef error;  // set: the store could not be read, or only in part, so accounts may be missing
 };
 
 /// Persistent store of the linked accounts and tokens of one application at one service. Several processes
@@ -21,7 +21,7 @@ struct StoredAccounts {
 /// service, for a bounded time.
 class CredentialStore {
  public:
-  /// Asked just before the store is changed; false leaves it as it is.
+  /// Called just before the store is changed; false leaves it unchanged.
   using IsWanted = std::function<bool()>;
 
   virtual ~CredentialStore() = default;
@@ -30,9 +30,9 @@ class CredentialStore {
   /// Adds the account, or replaces it in its place. On failure the store is unchanged; if `isWanted` returns
   /// false, the call fails with POSIX error ECANCELED.
   virtual bool save(const DBCredential& credential, NSErrorRef* error, const IsWanted& isWanted = {}) = 0;
-  /// Replaces the account if it is still there by the same linking (isSameLinking). False only on failure.
+  /// Replaces the account if the stored one is of the same linking (isSameLinking). False only on failure.
   virtual bool update(const DBCredential& credential, NSErrorRef* error) = 0;
-  /// Removes the account; with `only`, if it is still there by that linking. Unknown accounts are fine.
+  /// Removes the account; with `only`, if the stored one is of that linking. Succeeds if there is none.
   virtual bool remove(const std::string& userId, const DBCredential* only, NSErrorRef* error) = 0;
 };
 
@@ -41,23 +41,23 @@ bool isSameLinking(const DBCredential& left, const DBCredential& right);
 /// Sets ECANCELED and returns false.
 bool failUnwanted(NSErrorRef* error);
 
-/// A JSON file of mode 0600 in a folder of mode 0700 of its own, replaced as a whole; a lock file beside it
-/// admits one writer at a time.
-/// @param folder  where the store's own folder lies; created when it is missing.
+/// A JSON file of mode 0600 in a folder of mode 0700 of its own, replaced as a whole; a lock file allows one
+/// writer at a time.
+/// @param folder  the parent of the store's folder; created if missing.
 /// @param name    names the application and the service.
 std::unique_ptr<CredentialStore> makeFileCredentialStore(const std::string& folder, const std::string& name);
-/// The desktop's secret service (freedesktop.org Secret Service API). Every call fails within seconds when
-/// it does not answer; where there is none, the store is empty and takes nothing.
-/// @param lockFile  admits one writer at a time, since the secret service cannot compare and replace at once.
+/// The desktop's secret service (freedesktop.org Secret Service API). Every call fails within seconds when it
+/// does not answer; without one, the store is empty and stores nothing.
+/// @param lockFile  allows one writer at a time, since the secret service has no atomic compare-and-replace.
 std::unique_ptr<CredentialStore> makeSecretCredentialStore(const std::string& name,
                                                            const std::string& lockFile);
-/// The secret service, and the file wherever that fails; the file alone when KZV_TOKEN_STORE is "file".
-/// @param origin  the origin that stands in for the service; empty for the service itself. Tokens that one
-///                origin gave are never found for another.
+/// The secret service, with the file as a fallback; only the file when KZV_TOKEN_STORE is "file".
+/// @param origin  the origin of the service's stand-in; empty for the service itself. Tokens issued by one
+///                origin are never used for another.
 std::unique_ptr<CredentialStore> makeDefaultCredentialStore(const std::string& appKey,
                                                             const std::string& origin);
 
-/// One account as JSON text and back; nothing for any other text. Holds secrets.
+/// One account as JSON text and back; nothing for invalid text. Secret.
 std::string credentialText(const DBCredential& credential);
 std::optional<DBCredential> credentialFromText(std::string_view text);
 

@@ -29,7 +29,7 @@ using Credentials = std::vector<DBCredential>;
 
 constexpr std::uint64_t fileLimitBytes = 4UL * 1024 * 1024;
 constexpr unsigned ownerReadWrite = 0600;
-// A writer holds the lock for some milliseconds; one that was stopped while it held it must not stop us, too.
+// A writer holds the lock for milliseconds; one that is suspended meanwhile must not block us for ever.
 constexpr std::chrono::seconds longestWaitForLock{5};
 
 /// A store's name, encoded as a folder name: "app/key" becomes "app_2fkey".
@@ -44,7 +44,7 @@ std::string fileNameFor(const std::string& storeName) {
 
 struct ParsedFile {
   Credentials credentials;
-  bool isWhole = false;  // false: what could be read of a damaged file
+  bool isWhole = false;  // false: the readable part of a damaged file
 };
 
 ParsedFile parsedFile(std::string_view text) {
@@ -127,7 +127,7 @@ class FileStore final : public CredentialStore {
   }
 
  private:
-  /// @param isWhole  false when the file is damaged; `credentials` then holds what could be read of it.
+  /// @param isWhole  false when the file is damaged; `credentials` is then its readable part.
   bool read(Credentials& credentials, bool& isWhole, NSErrorRef* error) const {
     NSErrorRef reason;
     auto text = readPrivateFile(file_, fileLimitBytes, &reason);
@@ -147,8 +147,8 @@ class FileStore final : public CredentialStore {
     return NSError::withText(NSPOSIXErrorDomain, EBADMSG, "the file of linked accounts is damaged: " + file_);
   }
 
-  /// Keeps a damaged file under a name of its own: the next write would be its end, and perhaps a person can
-  /// still read something in it. REQUIRES the lock.
+  /// Keeps a damaged file under another name before it is replaced: a person may still read parts of it.
+  /// REQUIRES the lock.
   bool keepAside(NSErrorRef* error) const {
     constexpr int mostKept = 100;
     for (int number = 1; number <= mostKept; ++number) {
@@ -164,8 +164,8 @@ class FileStore final : public CredentialStore {
     return false;
   }
 
-  /// What a writer left behind that was killed in the middle, and nothing else: the folder may be a link to
-  /// one that holds other things. REQUIRES the lock: nobody else writes now.
+  /// Removes temporary files of killed writers, and nothing else: the folder may be a link to one with other
+  /// files. REQUIRES the lock: nobody else is writing.
   void removeLeftovers() const {
     const auto folder = OwnFolder::open(folder_);
     if (!folder) return;
@@ -173,7 +173,7 @@ class FileStore final : public CredentialStore {
       if (isAtomicWriteName(name)) folder->removeFile(name);
   }
 
-  /// Reads, lets `edit` change, and writes back if it says so; all that under the lock.
+  /// Reads, calls `edit`, and writes back if it returns true, under the lock.
   bool change(NSErrorRef* error, const std::function<bool(Credentials&)>& edit) {
     if (!makePrivateFolder(folder_, error)) return false;
     const FileLock lock(file_ + ".lock", longestWaitForLock);

@@ -52,7 +52,7 @@ const SecretSchema* schema() {
   return &accounts;
 }
 
-/// The outcome of a call, shared with a thread that may be left behind.
+/// The outcome of a call, shared with a thread that may be abandoned.
 struct Call {
   ObjectRef<GCancellable> cancellable{g_cancellable_new()};
   std::promise<bool> succeeded;
@@ -60,8 +60,8 @@ struct Call {
   bool isComplete = true;  // false: some items could not be read
 };
 
-/// Runs `body` on a thread of its own, because a secret service that hangs (or waits for a person to unlock
-/// it) would hold the caller for as long. False when it fails or takes too long.
+/// Runs `body` on a thread of its own, because a secret service may hang or wait for a person to unlock it.
+/// False when it fails or takes too long; the thread is then abandoned.
 bool runBounded(const std::shared_ptr<Call>& call, const std::function<bool(Call&)>& body) {
   auto outcome = call->succeeded.get_future();
   std::thread([call, body] { call->succeeded.set_value(body(*call)); }).detach();
@@ -77,7 +77,7 @@ bool succeeded(GError* error) {
   return !owner;
 }
 
-/// Adds the account kept in `item`, if its secret can be read (a locked item has none).
+/// Adds the account stored in `item`, if its secret can be read (a locked item has none).
 void collect(SecretRetrievable* item, Call& call) {
   GError* error = nullptr;
   SecretValue* value = secret_retrievable_retrieve_secret_sync(item, call.cancellable.get(), &error);
@@ -103,8 +103,8 @@ bool answersTrue(GDBusConnection* bus, Call& call, const char* method, GVariant*
   return result;
 }
 
-/// Whether this session has a secret service, running or to be started on demand (D-Bus,
-/// "Message Bus Messages"). Without one a failed call says nothing about stored accounts.
+/// Whether this session has a secret service, running or to be started on demand (D-Bus, "Message Bus
+/// Messages"). Without one a failed call does not mean that accounts could not be read.
 bool hasSecretService(Call& call) {
   GError* error = nullptr;
   const ObjectRef<GDBusConnection> bus(g_bus_get_sync(G_BUS_TYPE_SESSION, call.cancellable.get(), &error));
@@ -148,13 +148,13 @@ bool search(const std::string& name, Call& call) {
     NSLog(NSLogLevel::info, "CredentialStore", "No secret service; tokens are kept in a file.");
     return true;
   }
-  sortByCreation(items);  // replacing an item keeps the time of its creation, so an account keeps its place
+  sortByCreation(items);  // replacing an item keeps its creation time, so an account keeps its position
   for (GList* item = items; item; item = item->next) collect(SECRET_RETRIEVABLE(item->data), call);
   g_list_free_full(items, g_object_unref);
   return true;
 }
 
-/// The failure of a call that has told no reason.
+/// The error of a failed call.
 NSErrorRef unavailable(std::string_view reason) {
   return NSError::withText(DBErrorDomain, DBErrorLocalFile,
                            "the desktop's secret service " + std::string(reason));
@@ -176,7 +176,7 @@ class SecretStore final : public CredentialStore {
     if (!runBounded(call, [name = name_](Call& own) { return search(name, own); }))
       return {{}, unavailable("does not answer")};
     StoredAccounts stored{call->found, nullptr};
-    if (!call->isComplete) stored.error = unavailable("keeps an account locked, or damaged");
+    if (!call->isComplete) stored.error = unavailable("has a locked or damaged account");
     return stored;
   }
 
@@ -204,7 +204,7 @@ class SecretStore final : public CredentialStore {
   }
 
  private:
-  /// Longer than any call that a holder makes.
+  /// Longer than any call that is made under the lock.
   static constexpr std::chrono::seconds longestWaitForLock = 2 * (longestCall + longestCancel);
 
   template <class Change>
@@ -216,7 +216,7 @@ class SecretStore final : public CredentialStore {
     return false;
   }
 
-  /// Whether the account is stored by this very linking. False when that cannot be found out.
+  /// Sets `isThere` to whether the account is stored with this linking. False when that cannot be found out.
   bool isStored(const DBCredential& credential, bool& isThere, NSErrorRef* error) {
     const StoredAccounts stored = load();
     isThere = std::any_of(stored.credentials.begin(), stored.credentials.end(),

@@ -21,12 +21,12 @@ namespace kzv::sdk {
 namespace {
 
 constexpr std::size_t requestLimitBytes = 16UL * 1024;
-constexpr std::chrono::seconds longestRequest{10};  // a browser sends its few lines at once
-/// Browsers open half a dozen; beyond this the oldest one gives way.
+constexpr std::chrono::seconds longestRequest{10};  // browsers send their short request at once
+/// Browsers open half a dozen; beyond this limit the oldest one is closed.
 constexpr std::size_t mostConnections = 64;
 constexpr const char* notHere = "Nothing here";
 
-/// A socket that listens; else errno says why there is none.
+/// A listening socket; if it is not open, see errno.
 Descriptor listenOn(const sockaddr* address, socklen_t size) {
   Descriptor socket(::socket(address->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket.isOpen()) return socket;
@@ -54,7 +54,7 @@ std::string reasonPhrase(int status) {
   }
 }
 
-// Plain enough for any browser, readable on a telephone and in the dark.
+// For any browser, small screens and dark mode.
 constexpr const char* pageStyle =
     ":root{color-scheme:light dark;--text:#1b1b1b;--ground:#fff}"
     "@media(prefers-color-scheme:dark){:root{--text:#ececec;--ground:#1c1d20}}"
@@ -79,7 +79,7 @@ std::string httpAnswer(const LoopbackListener::Page& page) {
 struct LoopbackListener::Connection {
   Descriptor socket;
   std::chrono::steady_clock::time_point deadline;
-  std::string head{};  // of the request, as far as it has come
+  std::string head{};  // of the request, as far as received
 };
 
 LoopbackListener::LoopbackListener(std::string path, Handler handler)
@@ -126,7 +126,7 @@ bool LoopbackListener::bindBoth(std::uint16_t port) {
   sockets_.push_back(listenOn(reinterpret_cast<const sockaddr*>(&six), sizeof six));
   if (sockets_.back().isOpen()) return true;
   sockets_.pop_back();
-  return errno == EAFNOSUPPORT || errno == EADDRNOTAVAIL;  // a machine without the second address
+  return errno == EAFNOSUPPORT || errno == EADDRNOTAVAIL;  // this machine has no IPv6 loopback
 }
 
 LoopbackListener::~LoopbackListener() {
@@ -145,8 +145,8 @@ void LoopbackListener::run() {
     const auto now = std::chrono::steady_clock::now();
     for (const Connection& connection : connections) {
       waits.push_back({connection.socket.number(), POLLIN, 0});
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(connection.deadline - now);
-      wait = wait.count() < 0 ? left : std::min(wait, left);
+      const auto remaining = std::chrono::ceil<std::chrono::milliseconds>(connection.deadline - now);
+      wait = wait.count() < 0 ? remaining : std::min(wait, remaining);
     }
     if (!connections.empty()) wait = std::max(wait, std::chrono::milliseconds(0));
     if (::poll(waits.data(), waits.size(), static_cast<int>(wait.count())) < 0) continue;
@@ -187,7 +187,7 @@ LoopbackListener::Page LoopbackListener::pageFor(const Connection& connection) c
   // Another user of the machine, who can read the sign-in page's address among the browser's arguments, could
   // finish the sign-in with an account of their own.
   if (userOfPeer(connection.socket.number()) != ::geteuid())
-    return {403, "Not signed in", "This sign-in was begun by another user of this machine.", nullptr};
+    return {403, "Not signed in", "This sign-in was started by another user of this machine.", nullptr};
   const std::string line = connection.head.substr(0, connection.head.find("\r\n"));
   if (!line.starts_with("GET ")) return {400, notHere, "This address is for the browser only.", nullptr};
   const std::string target = line.substr(4, line.find(' ', 4) - 4);

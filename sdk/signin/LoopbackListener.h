@@ -11,24 +11,24 @@
 namespace kzv::sdk {
 
 /// Receives the browser's redirect from an OAuth page on the loopback addresses (RFC 8252, section 7.3): a
-/// minimal HTTP server on its own thread that answers one path, to this process's user only. Connections are
+/// minimal HTTP server on its own thread that answers one path, only to this process's user. Connections are
 /// served concurrently, because browsers open spare ones without sending a request.
 class LoopbackListener {
  public:
-  /// What the browser shows.
+  /// A page for the browser.
   struct Page {
     int status = 200;
     std::string title;  // HTML, as is the text
     std::string text;
-    /// May be empty. Called once the page has been sent, because it may lead to the program's end.
+    /// May be empty. Called once the page has been sent, because it may end the program.
     std::function<void()> afterwards;
   };
-  /// Gets the query of each request for the path, without the "?", still encoded. Runs on the listener's
-  /// thread.
+  /// Called with the query of each request for the path, without the "?", still encoded. Runs on the
+  /// listener's thread.
   using Handler = std::function<Page(const std::string& query)>;
 
-  /// @param port  0: any. Null when a thread, or the port on every loopback address of the machine, cannot be
-  ///              had: a browser may take "localhost" for either, and must not find another program there.
+  /// @param port  0: any. Null when the thread cannot be started, or the port is not free on both loopback
+  /// addresses: "localhost" may mean either to a browser, which must not find another program there.
   static std::unique_ptr<LoopbackListener> open(std::uint16_t port, std::string path, Handler handler);
   /// Waits for the thread. REQUIRES another thread than the listener's.
   ~LoopbackListener();
@@ -41,7 +41,7 @@ class LoopbackListener {
   bool bindBoth(std::uint16_t port);
   void run();
   void acceptFrom(int socket, std::vector<Connection>& connections) const;
-  /// False when the connection is to be closed.
+  /// False when the connection must be closed.
   bool serve(Connection& connection) const;
   Page pageFor(const Connection& connection) const;
 

@@ -15,7 +15,7 @@ namespace kzv::sdk {
 
 namespace {
 
-/// "0100007F:BB14": the address in words of 32 bits as they lie in memory, and the port.
+/// "0100007F:BB14": the address as 32-bit words in memory order, and the port.
 std::string listed(const void* address, std::size_t words, in_port_t port) {
   std::string text;
   for (std::size_t i = 0; i < words; ++i) {
@@ -28,7 +28,7 @@ std::string listed(const void* address, std::size_t words, in_port_t port) {
 
 constexpr const char* mappedPrefix = "0000000000000000FFFF0000";  // ::ffff:0:0/96
 
-/// An address as /proc/net/tcp and, in its longer form, tcp6 list it; empty where it cannot stand there.
+/// An address as listed in /proc/net/tcp (four) and tcp6 (six); empty if it cannot be listed there.
 struct Listed {
   std::string four, six;
 };
@@ -52,7 +52,7 @@ std::optional<uid_t> userIn(const char* file, const std::string& local, const st
     std::string number, from, to, state, queues, timer, retransmits;
     uid_t user = 0;
     words >> number >> from >> to >> state >> queues >> timer >> retransmits >> user;
-    constexpr const char* established = "01";  // a closed end has no owner any more, and is listed as root's
+    constexpr const char* established = "01";  // a closed end is listed as root's
     if (words && from == local && to == remote && state == established) return user;
   }
   return std::nullopt;

@@ -22,7 +22,7 @@ namespace kzv::sdk {
 namespace {
 
 constexpr std::string_view redirectPath = "/dropbox-sign-in";
-// Part of the redirect address, which the application has registered as it stands; so it is fixed.
+// Part of the registered redirect address, so it is fixed.
 constexpr std::uint16_t registeredPort = 47892;
 
 std::uint16_t redirectPort() {
@@ -48,7 +48,7 @@ std::string base64Url(std::string_view bytes) {
 std::string randomText(std::size_t byteCount) {
   std::string bytes(byteCount, '\0');
   if (RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(byteCount)) != 1) {
-    fatalInvariant("the system has random numbers");
+    fatalInvariant("the system must provide random numbers");
   }
   return base64Url(bytes);
 }
@@ -68,12 +68,12 @@ bool canBeCode(std::string_view text) {
 
 }  // namespace
 
-SignIn::SignIn(bool useRedirect, std::function<void()> arrived)
-    : verifier_(randomText(32)), stateText_(randomText(16)), arrived_(std::move(arrived)) {
+SignIn::SignIn(bool useRedirect, std::function<void()> onAnswer)
+    : verifier_(randomText(32)), stateText_(randomText(16)), onAnswer_(std::move(onAnswer)) {
   if (!useRedirect) return;
   listener_ = LoopbackListener::open(redirectPort(), std::string(redirectPath),
                                      [this](const std::string& query) { return redirected(query); });
-  // Without the port the page shows the code, and a person can still type it in.
+  // Without the listener the page shows the code, which a person can still type in.
   if (!listener_) return;
   const std::lock_guard lock(mutex_);
   redirectUri_ = "http://localhost:" + std::to_string(listener_->port()) + std::string(redirectPath);
@@ -119,24 +119,24 @@ LoopbackListener::Page SignIn::redirected(const std::string& query) {
   };
   const auto state = formField(query, "state");
   if (!state || !isSame(*state, stateText_)) {
-    return refusal("This is not the answer to the sign-in that is under way.");
+    return refusal("This is not the answer to the current sign-in.");
   }
   const auto code = formField(query, "code");
   const bool isApproved = code && canBeCode(*code);
-  if (!isApproved && !formField(query, "error")) return refusal("The answer holds no code.");
+  if (!isApproved && !formField(query, "error")) return refusal("The answer has no code.");
   {
     const std::lock_guard lock(mutex_);
-    if (state_ == State::expired) return refusal("This sign-in has taken too long. Begin again.");
+    if (state_ == State::expired) return refusal("This sign-in has taken too long. Start again.");
     if (state_ != State::waiting) return refusal("This sign-in has already been answered.");
     state_ = isApproved ? State::approved : State::denied;
     if (isApproved) code_ = *code;
   }
   if (!isApproved) {
     return {200, "Not signed in",
-            "The sign-in was declined, and nothing is shared. You can close this window.", arrived_};
+            "The sign-in was declined, and nothing is shared. You can close this window.", onAnswer_};
   }
-  // The code has yet to be traded for tokens, so this promises no more than it knows.
-  return {200, "Access allowed", "You can close this window and go back to the application.", arrived_};
+  // Not "signed in": the code has not been exchanged for tokens yet.
+  return {200, "Access allowed", "You can close this window and go back to the application.", onAnswer_};
 }
 
 SignIn::State SignIn::state() const {
@@ -176,8 +176,8 @@ void SignIn::endExchange() {
 
 std::string SignIn::tokenForm(std::string_view appKey) const {
   const std::lock_guard lock(mutex_);
-  if (state_ != State::approved) fatalInvariant("a sign-in is approved before its code is traded");
-  // With a verifier no secret of the application is sent.
+  if (state_ != State::approved) fatalInvariant("a sign-in must be approved before its code is exchanged");
+  // With a verifier no application secret is needed.
   return formText({{"grant_type", "authorization_code"},
                    {"code", code_},
                    {"code_verifier", verifier_},

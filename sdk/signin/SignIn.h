@@ -21,17 +21,18 @@ class SignIn {
   static std::chrono::milliseconds timeLimit();
   static void setTimeLimit(std::chrono::milliseconds limit);
 
-  /// @param useRedirect  false: the page shows the code, to be given to takeCode.
-  /// @param arrived      the browser has brought an answer; on the listener's thread, at most once.
-  SignIn(bool useRedirect, std::function<void()> arrived);
+  /// @param useRedirect  false: the page shows the code, to be passed to takeCode.
+  /// @param onAnswer     called on the listener's thread when the browser has delivered an answer, at most
+  /// once.
+  SignIn(bool useRedirect, std::function<void()> onAnswer);
   ~SignIn();
 
-  /// The page's address below the service's web origin. Holds no secret.
+  /// The page's address at the service's web origin. Contains no secret.
   std::string pageAddress(std::string_view webOrigin, std::string_view appKey) const;
   State state() const;
   /// Expires the sign-in: later answers are ignored. False when it has been answered.
   bool expire();
-  /// A code that a person typed in; blanks around it are dropped. False when it cannot be one.
+  /// Takes a code that a person typed in, ignoring blanks around it. False when it cannot be one.
   bool takeCode(std::string_view code);
   /// False when the code is already being exchanged.
   bool beginExchange();
@@ -47,7 +48,7 @@ class SignIn {
 
   std::string verifier_;  // never changes
   const std::string stateText_;
-  const std::function<void()> arrived_;
+  const std::function<void()> onAnswer_;
   mutable std::mutex mutex_;
   State state_ = State::waiting;  // guarded by mutex_
   std::string code_;              // guarded by mutex_

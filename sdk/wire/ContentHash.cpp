@@ -13,7 +13,7 @@ namespace {
 
 void begin(EVP_MD_CTX* context) {
   if (!context || EVP_DigestInit_ex(context, EVP_sha256(), nullptr) != 1) {
-    fatalInvariant("the crypto library knows SHA-256");
+    fatalInvariant("the crypto library must support SHA-256");
   }
 }
 

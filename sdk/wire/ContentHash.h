@@ -8,7 +8,7 @@ struct evp_md_ctx_st;  // of OpenSSL
 
 namespace kzv::sdk {
 
-/// SHA-256 (FIPS 180-4) over bytes that come piece by piece. Copies go their own way.
+/// Incremental SHA-256 (FIPS 180-4). Copies are independent. One thread at a time.
 class Sha256 {
  public:
   Sha256();
@@ -19,7 +19,7 @@ class Sha256 {
   ~Sha256();
 
   void update(std::string_view bytes);
-  /// The 32 bytes of the digest; afterwards it begins anew.
+  /// Returns the 32 bytes of the digest and starts again.
   std::string finish();
 
  private:
@@ -32,7 +32,7 @@ class ContentHash {
  public:
   static constexpr std::size_t blockBytes = 4UL * 1024 * 1024;
   void update(std::string_view bytes);
-  /// As lower-case hexadecimal digits. Ends the hash.
+  /// Returns the hash as lower-case hexadecimal digits. No update() after it.
   std::string finish();
 
  private:

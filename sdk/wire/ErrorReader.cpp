@@ -30,7 +30,7 @@ constexpr TagRow tagRows[] = {
     {"not_folder", 404, "this is not a folder"},
     {"malformed_path", 400, "the service does not accept this path"},
     {"disallowed_name", 400, "the service does not accept this name"},
-    {"conflict", 403, "something else is in the way"},
+    {"conflict", 403, "another item is in the way"},
     {"no_write_permission", 403, "you may not write here"},
     {"no_permission", 403, "the account may not do this"},
     {"access_denied", 403, "the account may not do this"},
@@ -45,7 +45,7 @@ constexpr TagRow tagRows[] = {
     {"unsupported_image", 415, "there is no preview of this picture"},
     {"conversion_error", 415, "no preview of this picture could be made"},
     {"unsupported_file", 0, "this file exists only online and cannot be downloaded"},
-    {"restricted_content", 0, "the service does not give out this content"},
+    {"restricted_content", 0, "the service does not provide this content"},
     {"locked", 0, "the item is locked"},
     {"too_many_requests", 503, "the service asks to wait"},
     {"too_many_write_operations", 503, "another change of the account is in progress"},
@@ -55,13 +55,13 @@ constexpr TagRow tagRows[] = {
     {"user_suspended", 401, "the account is suspended"},
     {"invalid_grant", 0, "the authorization is no longer valid; sign in again"},
     {"invalid_client", 0, "the service does not know this application"},
-    {"reset", 0, "the list of changes has to be started again"},
+    {"reset", 0, "the list of changes must be restarted"},
     {"cant_move_folder_into_itself", 0, "a folder cannot be moved into itself"},
-    {"duplicated_or_nested_paths", 0, "source and target are the same or one lies inside the other"},
+    {"duplicated_or_nested_paths", 0, "source and target are the same or one is inside the other"},
     {"cant_move_shared_folder", 0, "a shared folder cannot be moved there"},
-    {"cant_nest_shared_folder", 0, "a shared folder cannot lie inside another"},
-    {"incorrect_offset", 0, "the service has received another number of bytes"},
-    {"content_hash_mismatch", 0, "the content was damaged on its way"},
+    {"cant_nest_shared_folder", 0, "a shared folder cannot be inside another"},
+    {"incorrect_offset", 0, "the service has received a different number of bytes"},
+    {"content_hash_mismatch", 0, "the content was damaged in transit"},
     {"payload_too_large", 0, "too many bytes for one request"},
     {"too_large", 0, "the file is too large"},
     {"closed", 0, "the upload has already been completed"},
@@ -75,7 +75,7 @@ const TagRow* rowFor(std::string_view tag) {
   return row == std::end(tagRows) ? nullptr : row;
 }
 
-/// The innermost tag that is known says most.
+/// Prefers the innermost known tag.
 const TagRow* rowFor(const std::vector<std::string>& tags) {
   const TagRow* found = nullptr;
   for (const std::string& tag : tags) {
@@ -84,7 +84,8 @@ const TagRow* rowFor(const std::vector<std::string>& tags) {
   return found;
 }
 
-/// From {"error":…} inwards; a rate limit and a refused upload keep the next union under "reason".
+/// The tags of nested unions from {"error":…} inwards; rate limits and refused uploads have the next union
+/// under "reason".
 std::vector<std::string> tagsOf(const json::object& answer) {
   constexpr int deepest = 8;
   std::vector<std::string> tags;
@@ -117,7 +118,7 @@ std::string reasonForStatus(long status) {
 
 std::string summaryOf(const HttpResponse& response, const json::object* answer) {
   if (answer) return serviceText(servicejson::text(*answer, "error_summary").value_or(""));
-  // The text of a 400 says which field was wrong. One about the authorization might quote a token.
+  // The text of a 400 names the invalid field. One about the authorization might quote a token.
   const bool mayQuoteSecret = response.body.find("uthorization") != std::string::npos ||
                               response.body.find("earer") != std::string::npos ||
                               response.body.find("oken") != std::string::npos;
@@ -164,7 +165,7 @@ std::string sentence(const RequestDescription& about, std::string_view reason) {
   return text;
 }
 
-/// Nothing for an empty text, so that the detail is left out.
+/// Null for an empty text, so that the detail is omitted.
 id detailText(std::string_view text) { return text.empty() ? nullptr : str(std::string(text)); }
 
 NSErrorRef makeError(std::int64_t code, std::string_view reason, const RequestDescription& about,

@@ -10,24 +10,22 @@
 
 namespace kzv::sdk {
 
-/// What a request was about, for the error it may end with.
+/// Describes a request, for its error.
 struct RequestDescription {
   std::string action;  // completes "Could not …": "load the listing of"
   std::string path;    // remote; empty where there is none
   std::string uploadId{};
-  std::optional<std::int64_t> offset{};  // bytes; with uploadId: where the upload can go on
-  std::string storedRev{};               // of what was stored damaged and still stands at the path
+  std::optional<std::int64_t> offset{};  // bytes; with uploadId: where the upload can be resumed
+  std::string storedRev{};               // of a damaged version that is still at the path
 };
 
-/// The error that an unsuccessful answer stands for (codes and keys: sdk/DBError.h). Its text never quotes
-/// what was sent.
+/// The error for an unsuccessful answer (codes and keys: sdk/DBError.h). Its text never quotes the request.
 NSErrorRef errorFromResponse(const HttpResponse& response, const RequestDescription& about);
 /// An error of our own making; `reason` completes "Could not …: ".
 NSErrorRef requestError(int code, std::string_view reason, const RequestDescription& about);
 NSErrorRef invalidResponseError(const HttpResponse& response, const RequestDescription& about);
 
-/// The union members that an error answer names, outermost first: "path", "not_found". Empty when it names
-/// none.
+/// The tags of an error answer, outermost first: "path", "not_found". Empty when it has none.
 std::vector<std::string> errorTags(const HttpResponse& response);
 bool hasErrorTag(const HttpResponse& response, std::string_view tag);
 /// The "error" text of an OAuth token answer (RFC 6749, 5.2), or empty.

@@ -12,9 +12,9 @@ namespace kzv::sdk {
 
 namespace {
 
-/// A copy of a text of libcurl's, which is cleared and freed: codes and verifiers are sent as forms.
+/// Copies a text from libcurl, then clears and frees it: codes and verifiers are sent as forms.
 std::string taken(char* text, std::size_t sizeBytes) {
-  std::string copy(required(text, "libcurl has memory for a text"), sizeBytes);
+  std::string copy(required(text, "libcurl must have memory for a text"), sizeBytes);
   ::explicit_bzero(text, sizeBytes);
   curl_free(text);
   return copy;

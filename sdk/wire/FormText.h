@@ -8,7 +8,7 @@
 namespace kzv::sdk {
 
 /// The pairs as application/x-www-form-urlencoded text (RFC 6749, appendix B); pairs with an empty value are
-/// left out. Fits a URL's query as well.
+/// omitted. Also valid as a URL query.
 std::string formText(std::initializer_list<std::pair<std::string_view, std::string_view>> pairs);
 /// The value of the field `name` of such a text; nothing when it is missing.
 std::optional<std::string> formField(std::string_view text, std::string_view name);

@@ -27,13 +27,13 @@ class BodySource {
 class BodySink {
  public:
   virtual ~BodySink() = default;
-  /// An answer begins. When a request is repeated, what was written before is discarded.
+  /// An answer starts. When a request is repeated, earlier bytes must be discarded.
   /// @param result     the header Dropbox-API-Result, which describes the body; may be empty.
   /// @param sizeBytes  the Content-Length, if any.
   virtual bool begin(std::string_view result, std::optional<std::int64_t> sizeBytes) = 0;
   virtual bool write(std::string_view bytes) = 0;
-  /// After the last byte, or after one of the above returned false: whether the body differs from what was
-  /// announced. Repeating the request may help then.
+  /// Called after the last byte, or after one of the above returned false: whether the body is not the
+  /// announced one. Repeating the request may help then.
   virtual bool isDamaged() = 0;
 };
 
@@ -43,20 +43,20 @@ struct HttpRequest {
   std::string body;                    // sent when there is no source
   std::shared_ptr<BodySource> source;  // null: `body`
   std::shared_ptr<BodySink> sink;      // null: the answer's body is kept in memory
-  /// Set for a request whose answer may take minutes to begin: then this bounds the whole exchange, and
-  /// silence alone is no error.
+  /// Set for a request whose answer may take minutes (a long poll): limits the whole exchange, and silence is
+  /// no error.
   std::optional<std::chrono::seconds> timeLimit{};
 };
 
 /// The outcome of an exchange. At this level an HTTP error status is an ordinary answer.
 struct HttpResponse {
-  int curlCode = 0;   // CURLcode; anything but CURLE_OK is a failure of transport
+  int curlCode = 0;   // CURLcode; anything but CURLE_OK is a transport failure
   long status = 0;    // 0: no status line arrived
-  int timesSent = 0;  // libcurl sends again by itself what it sent on a kept connection that turns out dead
+  int timesSent = 0;  // libcurl itself sends again after a reused connection turns out to be closed
   std::string body;
   std::string requestId;                          // X-Dropbox-Request-Id
   std::optional<std::int64_t> retryAfterSeconds;  // Retry-After
-  bool isDamaged = false;                         // as the sink says
+  bool isDamaged = false;                         // from the sink
 
   bool isSuccess() const noexcept { return curlCode == 0 && !isDamaged && status >= 200 && status < 300; }
 };

@@ -5,15 +5,15 @@
 
 namespace kzv::sdk {
 
-/// The service's icon names, as its own clients show them for a kind of item (image files carry the suffix
-/// "48"). The texts live for ever. Any thread.
+/// The service's icon names for kinds of items (image files have the suffix "48"). The texts are static. Any
+/// thread.
 
-/// By the extension of a file's name; "page_white" for what is not known.
+/// By the extension of the file name; "page_white" if unknown.
 std::string_view iconForFile(std::string_view filename);
-/// @param lowercasePath  the service's key; some top-level folders have an icon of their own.
+/// @param lowercasePath  the service's key; some top-level folders have their own icon.
 /// @param isShared       the folder is mounted from a shared folder.
 std::string_view iconForFolder(std::string_view lowercasePath, bool isShared);
-/// Every name that the two above can give, each once; a picture set needs one picture for each.
+/// All names that the two functions can return, without duplicates; each needs an image file.
 std::vector<std::string_view> allIconNames();
 /// Whether the service makes previews of files with this name and size (1 byte to 20 MB).
 bool isPreviewable(std::string_view filename, std::int64_t sizeBytes);

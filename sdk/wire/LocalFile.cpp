@@ -107,8 +107,8 @@ bool FileSink::open() {
   return fail(errno);
 }
 
-/// Whether the disk can hold what was announced: better found now than when the disk is full. What was
-/// received before is about to go. Disks that tell nothing of their space (some virtual ones) are tried.
+/// Whether the disk has room for the announced body, counting the bytes of an earlier attempt as free. True
+/// for disks that do not report their space (some virtual ones).
 bool FileSink::hasRoom() const {
   struct statvfs disk {};
   if (::statvfs(deletingLastPathComponent(target_).c_str(), &disk) != 0 || disk.f_blocks == 0) return true;
@@ -121,8 +121,8 @@ bool FileSink::begin(std::string_view result, std::optional<std::int64_t> sizeBy
   auto announced = announcement_(result, &failure_);
   if (!announced) return false;
   announced_ = std::move(*announced);
-  isOtherLength_ = sizeBytes && announced_.isExact && *sizeBytes != announced_.sizeBytes;
-  if (isOtherLength_) return false;
+  hasWrongLength_ = sizeBytes && announced_.isExact && *sizeBytes != announced_.sizeBytes;
+  if (hasWrongLength_) return false;
   if (!hasRoom()) return fail(ENOSPC);
   if (descriptor_ < 0) {
     if (!open()) return false;
@@ -135,8 +135,8 @@ bool FileSink::begin(std::string_view result, std::optional<std::int64_t> sizeBy
 }
 
 bool FileSink::write(std::string_view bytes) {
-  isOtherLength_ = static_cast<std::int64_t>(bytes.size()) > announced_.sizeBytes - receivedBytes_;
-  if (isOtherLength_) return false;
+  hasWrongLength_ = static_cast<std::int64_t>(bytes.size()) > announced_.sizeBytes - receivedBytes_;
+  if (hasWrongLength_) return false;
   for (std::string_view rest = bytes; !rest.empty();) {
     const ssize_t count = ::write(descriptor_, rest.data(), rest.size());
     if (count < 0 && errno == EINTR) continue;
@@ -151,12 +151,12 @@ bool FileSink::write(std::string_view bytes) {
 
 bool FileSink::isDamaged() {
   if (failure_) return false;
-  isOtherLength_ |= announced_.isExact && receivedBytes_ != announced_.sizeBytes;
-  if (isOtherLength_ || announced_.contentHash.empty()) return isOtherLength_;
+  hasWrongLength_ |= announced_.isExact && receivedBytes_ != announced_.sizeBytes;
+  if (hasWrongLength_ || announced_.contentHash.empty()) return hasWrongLength_;
   return ContentHash(hash_).finish() != announced_.contentHash;
 }
 
-/// A disk that cannot keep the date still keeps the bytes.
+/// Failure is ignored: the bytes matter more than the date.
 void FileSink::setModified(NSDate::Time modified) const {
   const auto whole = std::chrono::floor<std::chrono::seconds>(modified);
   const timespec time{whole.time_since_epoch().count(),
@@ -170,7 +170,7 @@ bool FileSink::keep(std::optional<NSDate::Time> modified, NSErrorRef* error) {
   if (access_ == LocalAccess::byUmask) takePermissionsFrom(target_, descriptor_);
   const bool isDurable = descriptor_ >= 0 && ::fsync(descriptor_) == 0;
   const bool isClosed = descriptor_ >= 0 && ::close(std::exchange(descriptor_, -1)) == 0;
-  if (!isDurable || !isClosed || !takeName()) {
+  if (!isDurable || !isClosed || !renameToTarget()) {
     setError(error, NSError::posix(errno, target_));
     return false;
   }
@@ -179,14 +179,14 @@ bool FileSink::keep(std::optional<NSDate::Time> modified, NSErrorRef* error) {
   return true;
 }
 
-/// False with errno.
-bool FileSink::takeName() {
+/// Renames the file to its target. False with errno.
+bool FileSink::renameToTarget() {
   const std::lock_guard lock(mutex_);
   if (isWithdrawn_) {
     errno = ECANCELED;
     return false;
   }
-  // Where nothing is there, the file is new; disks that do not know the question replace without it.
+  // Remembers whether the file is new; disks that do not support RENAME_NOREPLACE replace without it.
   isNew_ = ::renameat2(AT_FDCWD, temporary_.c_str(), AT_FDCWD, target_.c_str(), RENAME_NOREPLACE) == 0;
   return isNew_ || ::rename(temporary_.c_str(), target_.c_str()) == 0;
 }
@@ -207,7 +207,7 @@ std::shared_ptr<FileSource> FileSource::open(const std::string& path, NSErrorRef
     return nullptr;
   };
   if (path.find('\0') != std::string::npos) return refuse(EINVAL);
-  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a pipe must not hold us
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a pipe must not block
   if (descriptor < 0) return refuse(errno);
   std::shared_ptr<FileSource> source(new FileSource(path, descriptor));
   struct stat status {};
@@ -263,7 +263,7 @@ ssize_t FileSource::readAt(std::int64_t offset, char* buffer, std::size_t capaci
 }
 
 std::ptrdiff_t FileSource::failAsChanged() {
-  failure_ = requestError(DBErrorFileChanged, "the file changed while it was being sent", {"send", path_});
+  failure_ = requestError(DBErrorFileChanged, "the file changed during the upload", {"upload", path_});
   return -1;
 }
 

@@ -15,7 +15,7 @@
 
 namespace kzv::sdk {
 
-/// Takes bytes done and bytes in all. Network thread.
+/// Receives the bytes done and the total. Called on the network thread.
 using ProgressReceiver = std::function<void(std::int64_t, std::int64_t)>;
 
 /// Forwards the progress of a transfer from the network thread to `runLoop` as fractions. Reports are dropped
@@ -24,21 +24,20 @@ ProgressReceiver progressReceiver(std::shared_ptr<NSRunLoop> runLoop, std::funct
 
 /// What the answer's headers announce about its body.
 struct AnnouncedBody {
-  std::int64_t sizeBytes = 0;  // its length, or the maximum that is accepted
-  bool isExact = false;        // which of the two
+  std::int64_t sizeBytes = 0;  // the length, or the accepted maximum
+  bool isExact = false;        // whether it is the length
   std::string contentHash{};   // empty: unknown
 };
-/// Reads an answer's result header. Nothing, with the error, when the answer cannot be the service's; its
-/// body is then ignored. Network thread.
+/// Parses an answer's result header. Nothing, with an error, when the answer cannot be the service's; its
+/// body is then ignored. Called on the network thread.
 using AnnouncementReader =
     std::function<std::optional<AnnouncedBody>(std::string_view result, NSErrorRef* error)>;
 
-/// Receives a body into a file that gets its name only once it is complete: the bytes are written to a
-/// temporary file beside it, which is removed unless keep() succeeds. Accepts no more bytes than were
-/// announced.
+/// Writes a body to a temporary file beside the target, which keep() renames once it is complete; otherwise
+/// it is removed. Accepts no more bytes than announced.
 class FileSink final : public BodySink {
  public:
-  /// @param target  an absolute path that names a file; its folder has to exist.
+  /// @param target  an absolute path of a file; its folder must exist.
   FileSink(std::string target, LocalAccess access, ProgressReceiver progress,
            AnnouncementReader announcement);
   ~FileSink() override;
@@ -48,15 +47,15 @@ class FileSink final : public BodySink {
 
   /// Why begin or write failed; null if they did not.
   const NSErrorRef& failure() const noexcept { return failure_; }
-  /// Makes the file durable and gives it its modification date, if there is one, and its name, replacing what
-  /// was there. Blocks for the disk; call after the transfer has ended.
+  /// Syncs the file, sets its modification date, if given, and renames it to the target, replacing an
+  /// existing file. Blocks for the disk; call after the transfer has ended.
   bool keep(std::optional<NSDate::Time> modified, NSErrorRef* error);
-  /// Makes keep(), which may be running, leave no file; but if it has already replaced another file, the new
-  /// one stays, so that the user does not lose both. Any thread.
+  /// Undoes keep(), which may be running: removes the file, unless it has already replaced another one, so
+  /// that the user does not lose both. Any thread.
   void withdraw();
 
  private:
-  bool takeName();
+  bool renameToTarget();
   bool open();
   bool fail(int errnoValue);
   bool hasRoom() const;
@@ -69,13 +68,13 @@ class FileSink final : public BodySink {
   std::string temporary_;
   int descriptor_ = -1;
   AnnouncedBody announced_;
-  bool isOtherLength_ = false;  // than was announced
+  bool hasWrongLength_ = false;  // than was announced
   std::int64_t receivedBytes_ = 0;
   ContentHash hash_;
   NSErrorRef failure_;
 
   std::mutex mutex_;
-  bool isNew_ = false;        // guarded by mutex_: has its name, and replaced nothing
+  bool isNew_ = false;        // guarded by mutex_: renamed, and replaced no file
   bool isWithdrawn_ = false;  // guarded by mutex_
 };
 
@@ -89,11 +88,12 @@ class FileSource final : public BodySource {
 
   std::int64_t fileSizeBytes() const noexcept { return fileSizeBytes_; }
   NSDate::Time modificationDate() const noexcept { return modificationDate_; }
-  /// What is sent; at first the whole file. `hashBefore` is the content hash of what lies before `offset`.
+  /// Sets the section to send; initially the whole file. `hashBefore` is the content hash of the bytes before
+  /// `offset`.
   void setSection(std::int64_t offset, std::int64_t sizeBytes, ContentHash hashBefore);
   void setProgress(ProgressReceiver progress);
-  /// The content hash of a section, read beside what is being sent; nothing when it cannot be read. Any
-  /// thread; blocks for the disk.
+  /// The content hash of a section; nothing when it cannot be read. Does not affect read(). Any thread;
+  /// blocks for the disk.
   std::optional<std::string> hashOf(std::int64_t offset, std::int64_t sizeBytes) const;
 
   std::int64_t sizeBytes() const override { return sizeBytes_; }
@@ -103,7 +103,7 @@ class FileSource final : public BodySource {
   /// Why read failed; null if it did not.
   const NSErrorRef& failure() const noexcept { return failure_; }
   bool isSent() const noexcept { return sentBytes_ == sizeBytes_; }
-  /// The hash up to the end of what has been sent.
+  /// The hash up to the end of the sent bytes.
   const ContentHash& hash() const noexcept { return hash_; }
 
  private:
@@ -113,7 +113,7 @@ class FileSource final : public BodySource {
 
   const std::string path_;
   const int descriptor_;
-  std::string version_;  // as fileVersion tells it
+  std::string version_;  // from fileVersion()
   std::int64_t fileSizeBytes_ = 0;
   NSDate::Time modificationDate_;
   std::int64_t offset_ = 0;

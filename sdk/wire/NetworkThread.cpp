@@ -32,7 +32,7 @@ std::atomic<long> smallRequestTimeoutMs{std::chrono::milliseconds(servicelimits:
 
 bool isPlainHttp(std::string_view url) { return url.starts_with("http:"); }
 
-/// The value of a header of the last answer; empty without it.
+/// The value of a header of the last answer; empty if it is missing.
 std::string_view headerValue(CURL* easy, const char* name) {
   curl_header* header = nullptr;
   constexpr int lastAnswer = -1;
@@ -90,15 +90,14 @@ int beforeSending(void* context, char*, char*, int, int) {
   auto& transfer = *static_cast<HttpTransfer*>(context);
   ++transfer.response.timesSent;
   // When libcurl repeats a request on another connection, it rewinds the body only if some of it had been
-  // written to the first one. Bytes that it had merely read would be missing, and both sides would then wait
-  // for each other until the time-out.
+  // written to the first one. Bytes that it had only read would be missing, and both sides would wait for
+  // each other until the time-out.
   if (transfer.request.source) transfer.request.source->rewind();
   return CURL_PREREQFUNC_OK;
 }
 
-// libcurl's buffers hold tokens: headers to send, forms of sign-ins and their answers. All of these are at
-// most a few kilobytes, at the beginning of a buffer; clearing the rest of the transfer buffers would slow
-// down each request.
+// libcurl's buffers contain tokens: headers to send, sign-in forms and their answers. These are at most a few
+// kilobytes, at the beginning of a buffer; clearing all of the transfer buffers would slow down each request.
 constexpr std::size_t mostSecretBytes = 16'384;
 
 void freeCleared(void* memory) {
@@ -118,12 +117,12 @@ void* reallocateCleared(void* memory, std::size_t sizeBytes) {
 void initializeCurlOnce() {
   static const CURLcode initialized = curl_global_init_mem(CURL_GLOBAL_DEFAULT, std::malloc, freeCleared,
                                                            reallocateCleared, ::strdup, std::calloc);
-  if (initialized != CURLE_OK) fatalInvariant("libcurl can be initialised");
+  if (initialized != CURLE_OK) fatalInvariant("libcurl must be initialized");
 }
 
 }  // namespace
 
-/// What the thread runs. Everything but the mailbox belongs to the thread.
+/// The thread's state. Everything but posted_ and stopped_ is used only on the thread.
 class NetworkThread::Loop {
  public:
   Loop();
@@ -139,7 +138,7 @@ class NetworkThread::Loop {
 
  private:
   CURL* takeHandle();
-  void giveBackHandle(HttpTransfer& transfer);
+  void recycleHandle(HttpTransfer& transfer);
   CURL* makeHandle() const;
   static void configure(CURL* easy, HttpTransfer& transfer);
   bool runPostedBlocks();
@@ -162,10 +161,10 @@ class NetworkThread::Loop {
 };
 
 NetworkThread::Loop::Loop() : multi_(curl_multi_init()), share_(curl_share_init()) {
-  if (!multi_ || !share_) fatalInvariant("libcurl has memory for its handles");
+  if (!multi_ || !share_) fatalInvariant("libcurl must have memory for its handles");
   curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
   curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 32L);
-  // The multi handle shares connections and names by itself, TLS sessions it does not.
+  // The multi handle itself shares connections and DNS results, but not TLS sessions.
   curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
 }
 
@@ -180,7 +179,7 @@ void NetworkThread::Loop::post(Block block) {
   bool wake = false;
   {
     const std::lock_guard lock(mutex_);
-    // One wake-up serves everything posted until the thread looks, and its own blocks need none.
+    // One wake-up is enough until the thread runs the blocks, and its own blocks need none.
     wake = posted_.empty() && runningOn_ != std::this_thread::get_id();
     posted_.push_back(std::move(block));
   }
@@ -234,7 +233,7 @@ void NetworkThread::Loop::fireTimers() {
 int NetworkThread::Loop::pollTimeoutMs() const {
   constexpr int idleMs = 1'000'000;  // curl shortens it to its own timers
   {
-    // Posted by this thread itself a moment ago, so without a wake-up.
+    // Posted by this thread itself, without a wake-up.
     const std::lock_guard lock(mutex_);
     if (!posted_.empty()) return 0;
   }
@@ -254,14 +253,14 @@ void NetworkThread::Loop::removeTimer(TimerId timer) {
 
 CURL* NetworkThread::Loop::makeHandle() const {
   CURL* easy = curl_easy_init();
-  if (!easy) fatalInvariant("libcurl has memory for its handles");
+  if (!easy) fatalInvariant("libcurl must have memory for its handles");
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(easy, CURLOPT_SHARE, share_);
   curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
   curl_easy_setopt(easy, CURLOPT_TCP_NODELAY, 1L);
-  // Finds out within three minutes that a connection is dead although nothing is sent on it, as while a long
-  // poll waits, and keeps the entries of address translators alive.
+  // Detects a dead connection within three minutes even when idle, as during a long poll, and keeps NAT
+  // entries alive.
   curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
   curl_easy_setopt(easy, CURLOPT_TCP_KEEPIDLE, 45L);
   curl_easy_setopt(easy, CURLOPT_TCP_KEEPINTVL, 15L);
@@ -272,7 +271,7 @@ CURL* NetworkThread::Loop::makeHandle() const {
   // A cancelled request must not wait for a name server.
   curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
   curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, servicelimits::slowestTransferBytesPerSecond);
-  // The system's own minimum may be lower.
+  // The system's minimum may be lower.
   curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, receiveBody);
   curl_easy_setopt(easy, CURLOPT_READFUNCTION, sendBody);
@@ -288,7 +287,7 @@ CURL* NetworkThread::Loop::takeHandle() {
   return easy;
 }
 
-void NetworkThread::Loop::giveBackHandle(HttpTransfer& transfer) {
+void NetworkThread::Loop::recycleHandle(HttpTransfer& transfer) {
   CURL* easy = std::exchange(transfer.easy, nullptr);
   curl_easy_setopt(easy, CURLOPT_HTTPHEADER, nullptr);
   curl_easy_setopt(easy, CURLOPT_POSTFIELDS, nullptr);
@@ -314,7 +313,7 @@ void NetworkThread::Loop::configure(CURL* easy, HttpTransfer& transfer) {
   curl_easy_setopt(easy, CURLOPT_SEEKDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, &transfer);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectTimeoutMs.load());
-  // A request with a limit of its own may be silent until then.
+  // A request with its own time limit may be silent until then.
   curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, request.timeLimit ? 0L : silenceTimeoutSeconds.load());
   const bool isSmall = !request.source && !request.sink;
   const long limitMs = request.timeLimit
@@ -340,7 +339,7 @@ void NetworkThread::Loop::add(std::shared_ptr<HttpTransfer> transfer) {
   configure(started.easy, started);
   active_.emplace(&started, std::move(transfer));
   if (curl_multi_add_handle(multi_, started.easy) != CURLM_OK) {
-    fatalInvariant("libcurl takes a fresh transfer");
+    fatalInvariant("libcurl must accept a new transfer");
   }
 }
 
@@ -350,12 +349,12 @@ void NetworkThread::Loop::remove(HttpTransfer& transfer) {
   const auto keep = std::move(found->second);
   active_.erase(found);
   curl_multi_remove_handle(multi_, transfer.easy);
-  giveBackHandle(transfer);
+  recycleHandle(transfer);
 }
 
 void NetworkThread::Loop::finishTransfers() {
-  int left = 0;
-  while (const CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+  int remaining = 0;
+  while (const CURLMsg* message = curl_multi_info_read(multi_, &remaining)) {
     if (message->msg == CURLMSG_DONE) finish(message->easy_handle, message->data.result);
   }
 }
@@ -369,9 +368,9 @@ void NetworkThread::Loop::finish(CURL* easy, CURLcode outcome) {
   transfer->response.retryAfterSeconds = secondsToWait(headerValue(easy, "Retry-After"));
   if (transfer->response.isSuccess() && transfer->request.sink && !transfer->bodyBegun &&
       !beginSink(*transfer)) {
-    transfer->response.curlCode = CURLE_WRITE_ERROR;  // an empty body is a body, too
+    transfer->response.curlCode = CURLE_WRITE_ERROR;  // also for an empty body
   }
-  // A body that was cut is no damaged one: the transport's own error says more.
+  // A body that was cut off does not count as damaged: the transport's error says more.
   const bool hasEnded = outcome == CURLE_OK || outcome == CURLE_WRITE_ERROR;
   if (hasEnded && transfer->bodyBegun) transfer->response.isDamaged = transfer->request.sink->isDamaged();
   const std::shared_ptr<HttpTransfer> keep = active_.at(transfer);

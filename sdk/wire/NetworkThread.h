@@ -16,15 +16,15 @@ struct HttpTransfer {
   using Done = std::function<void(HttpResponse&)>;
 
   HttpRequest request;
-  Done done;  // on the network thread, exactly once; not after cancel()
+  Done done;  // called on the network thread, exactly once; not after cancel()
   HttpResponse response{};
 
-  // The network thread's own.
+  // Used only by the network thread.
   void* easy = nullptr;
   void* headerList = nullptr;
   bool bodyBegun = false;
 
-  /// Tokens travel in headers and in the bodies of sign-in requests.
+  /// Clears tokens in headers and in the bodies of sign-in requests.
   ~HttpTransfer() {
     for (std::string& header : request.headers) clearSecret(header);
     clearSecret(request.body);
@@ -40,27 +40,28 @@ class NetworkThread {
   using Block = std::function<void()>;
   using TimerId = std::uint64_t;
 
-  /// The current thread object, or a new one when no reference to one is left. Any thread.
+  /// The current thread object, or a new one if none is referenced. Any thread.
   static std::shared_ptr<NetworkThread> shared();
-  /// Ends the thread; transfers under way are dropped without `done`. Waits for it, unless called on it.
+  /// Ends the thread; transfers in flight are dropped without `done`. Blocks until it has ended, unless
+  /// called on it.
   ~NetworkThread();
 
-  /// How long to wait for a connection, how long while next to nothing moves, and how long for a request
-  /// without a file in either direction to end, before a transfer fails with CURLE_OPERATION_TIMEDOUT. For
-  /// transfers that start later. Any thread.
+  /// Sets the time limits for connecting, for silence during a transfer, and for a whole request without a
+  /// file, after which a transfer fails with CURLE_OPERATION_TIMEDOUT. Applies to later transfers. Any
+  /// thread.
   static void setTimeouts(std::chrono::milliseconds connect, std::chrono::seconds silence,
                           std::chrono::milliseconds smallRequest = servicelimits::smallRequest);
 
   /// Any thread; returns at once.
   void start(std::shared_ptr<HttpTransfer> transfer);
-  /// Aborts at once and without `done`, if the transfer has not ended yet. Any thread; returns at once.
+  /// Aborts the transfer without calling `done`, if it has not ended yet. Any thread; returns at once.
   void cancel(std::shared_ptr<HttpTransfer> transfer);
   /// Any thread; returns at once.
   void perform(Block block);
 
   /// REQUIRES the network thread.
   TimerId performAfter(Clock::duration wait, Block block);
-  /// Unknown ids are fine. REQUIRES the network thread.
+  /// Ignores unknown ids. REQUIRES the network thread.
   void cancelTimer(TimerId timer);
 
  private:

@@ -14,9 +14,9 @@ class PageSequence {
 
   explicit PageSequence(std::size_t maxEntries = servicelimits::folderEntries) : maxEntries_(maxEntries) {}
 
-  /// Checks a page: its number of entries and, if more pages follow, the cursor for the next one.
-  /// @return null, or what is wrong with the list, in words that follow "Could not load ...: "; `tooLong`
-  /// after more entries than there may be.
+  /// Checks a page by its number of entries and, if more pages follow, the cursor for the next one.
+  /// @return null, or the problem, as a text that follows "Could not load ...: "; `tooLong` beyond the
+  /// maximum number of entries.
   const char* problemWith(std::size_t entries, bool hasMore, std::string_view cursor) {
     entries_ += entries;
     if (entries_ > maxEntries_) return tooLong;

@@ -17,7 +17,7 @@ using namespace servicejson;
 
 namespace {
 
-/// A name is one component of a path. Anything else in its place would lead out of the folder it is in.
+/// A name must be one component of a path; anything else could lead out of its folder.
 bool isComponent(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
          name.find('\0') == std::string_view::npos;
@@ -107,7 +107,7 @@ std::vector<DBDeltaEntry> RecordReader::deltaEntries(const json::array& entries,
   for (const json::value& entry : entries) {
     const json::object* members = entry.if_object();
     const auto key = members ? text(*members, "path_lower") : std::nullopt;
-    if (members && !key) continue;  // reached otherwise than through this account's tree
+    if (members && !key) continue;  // not in this account's tree
     if (!key || !key->starts_with('/')) {
       ++unreadable;
     } else if (text(*members, ".tag") == "deleted") {

@@ -15,23 +15,23 @@ namespace kzv::sdk {
 
 /// Builds records from the service's metadata objects. Not thread-safe: one reader per answer.
 ///
-/// A record's path is its parent's known path plus the item's own name. The answer's path_display is taken
-/// only where the parent is not known, since only its last component is sure to have the right case.
+/// A record's path is its parent's known path plus the item's name. The answer's path_display is used only if
+/// the parent is unknown, since only its last component is sure to have the right case.
 class RecordReader {
  public:
   using RecordRef = std::shared_ptr<const DBMetadata>;
-  enum class Kind { byTag, file, folder };  // how a record says what it is: some answers leave ".tag" out
+  enum class Kind { byTag, file, folder };  // some answers omit ".tag"
 
   /// @param folderPath  the parent's path; null: taken from path_display.
-  /// @return null when the object is no record, in which case isUnderstood() tells apart a kind we do not
-  /// know (true) from a broken record (false).
+  /// @return null for an unknown kind of record (isUnderstood() is then true) and for a broken record
+  /// (false).
   RecordRef record(const boost::json::object& object, std::shared_ptr<const std::string> folderPath,
                    Kind kind = Kind::byTag);
   bool isUnderstood() const noexcept { return understood_; }
 
-  /// One page of changes. Kinds that we do not know are left out. An entry that cannot be read must not hold
-  /// up those after it: one with a path is given without a record, so that what is known of the path is
-  /// dropped; one without a path of the account is left out.
+  /// One page of changes. Unknown kinds are omitted. An unreadable entry must not block those after it: with
+  /// a path it is returned without a record, so that the path is dropped from caches; without a path in the
+  /// account it is omitted.
   /// @param unreadable  grows by the number of entries that could not be read.
   std::vector<DBDeltaEntry> deltaEntries(const boost::json::array& entries, std::size_t& unreadable);
 
@@ -45,15 +45,14 @@ class RecordReader {
   std::shared_ptr<const std::string> lastFolder_;  // neighbours in an answer often share their folder
 };
 
-/// Gathers the children of one folder, page by page, until they become the folder's contents. Not
-/// thread-safe.
+/// Collects the children of one folder, page by page. Not thread-safe.
 class ListingBuilder {
  public:
   explicit ListingBuilder(std::string folderPath);
   /// False when the page is broken.
   bool addPage(const boost::json::array& entries);
-  /// Everything gathered, sorted by the lower-case key. Of several entries for one key (the folder changed
-  /// while it was being listed) the last one holds; an entry that says "deleted" removes.
+  /// All children, sorted by the lower-case key. Of several entries for one key (the folder changed while it
+  /// was being listed) the last one counts; "deleted" removes it.
   std::shared_ptr<const DBMetadata::Contents> contents();
   void clear() { children_.clear(); }
 

@@ -23,11 +23,11 @@ bool wasCut(int curlCode) {
     case CURLE_HTTP2_STREAM:
       return true;
     default:
-      return false;  // no route, no name, no certificate, silence: the same would come again
+      return false;  // no route, no name, no certificate, silence: would fail again
   }
 }
 
-bool passesByItself(long status) {
+bool isTransient(long status) {
   return status == 429 || status == 500 || status == 502 || status == 503 || status == 504;
 }
 
@@ -62,7 +62,7 @@ std::optional<milliseconds> RetryPolicy::waitBeforeRepeating(const HttpResponse&
   if ((response.status == 429 || response.status == 503) && response.retryAfterSeconds) {
     return waitAsRequested(seconds(*response.retryAfterSeconds), jitter);
   }
-  return passesByItself(response.status) ? shortWait(jitter) : std::nullopt;
+  return isTransient(response.status) ? shortWait(jitter) : std::nullopt;
 }
 
 std::optional<milliseconds> RetryPolicy::waitAsRequested(seconds requested, double jitter) {

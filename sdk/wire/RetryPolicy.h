@@ -7,10 +7,10 @@
 namespace kzv::sdk {
 
 /// Decides whether and when an idempotent request is repeated. There are three budgets: waits that the
-/// service asks for (429 or 503 with Retry-After); waits because another change of the account is in
+/// service requests (429 or 503 with Retry-After); waits because another change of the account is in
 /// progress, which are frequent when several devices write; and a few short ones for transient failures (a
-/// broken connection, 500, 502, 504, or 429 and 503 without a time). A damaged body may use all tries. Waits
-/// are randomised, so that requests that were refused together are not repeated together.
+/// broken connection, 500, 502, 504, or 429 and 503 without Retry-After). A damaged body may use all tries.
+/// Waits are randomised, so that requests that were refused together are not repeated together.
 class RetryPolicy {
  public:
   static constexpr int maxTries = 5;

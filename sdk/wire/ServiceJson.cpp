@@ -19,8 +19,8 @@ namespace servicejson {
 
 namespace {
 
-/// Allocates at most a number of bytes, then fails as if there were no more memory. With `clears` freed
-/// memory is overwritten. Not thread-safe.
+/// Allocates up to a limit, then throws std::bad_alloc. With `clears` freed memory is overwritten. Not
+/// thread-safe.
 class LimitedMemory final : public boost::json::memory_resource {
  public:
   LimitedMemory(std::size_t limitBytes, bool clears) : freeBytes_(limitBytes), clears_(clears) {}
@@ -45,7 +45,7 @@ void* LimitedMemory::do_allocate(std::size_t bytes, std::size_t alignment) {
 
 void LimitedMemory::do_deallocate(void* memory, std::size_t bytes, std::size_t alignment) {
   if (clears_) ::explicit_bzero(memory, bytes);
-  ::operator delete(memory, std::align_val_t(alignment));  // clang 14 knows no sized form
+  ::operator delete(memory, std::align_val_t(alignment));  // clang 14 has no sized form
   freeBytes_ += bytes;
 }
 
@@ -103,7 +103,7 @@ std::optional<std::string_view> text(const json::object& object, std::string_vie
 std::optional<std::int64_t> integer(const json::object& object, std::string_view key) {
   const json::value* value = object.if_contains(key);
   if (value && value->is_int64()) return value->get_int64();
-  return std::nullopt;  // 2^63 and more would be no size of anything
+  return std::nullopt;  // 2^63 and more are not valid sizes
 }
 
 std::optional<bool> boolean(const json::object& object, std::string_view key) {

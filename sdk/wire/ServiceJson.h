@@ -17,9 +17,9 @@ namespace servicejson {
 /// A parsed text and the memory its values live in.
 class Document {
  public:
-  /// Nothing when `text` is no valid JSON object, or one that takes more memory than servicelimits allow.
+  /// Null when `text` is not a valid JSON object, or takes more memory than servicelimits allow.
   static std::shared_ptr<const Document> parse(std::string_view text);
-  /// The same for a text that holds secrets: the memory is overwritten before it is given back.
+  /// The same for a text with secrets: the memory is overwritten before it is freed.
   static std::shared_ptr<const Document> parseSecret(std::string_view text);
   const boost::json::object& root() const noexcept;
 
@@ -41,11 +41,11 @@ std::optional<bool> boolean(const boost::json::object& object, std::string_view 
 const boost::json::object* object(const boost::json::object& object, std::string_view key);
 const boost::json::array* array(const boost::json::object& object, std::string_view key);
 
-/// The member that a union value names: of {".tag":"t",…} or of the bare text "t"; empty when it is neither.
+/// The tag of a union value: "t" for {".tag":"t",…} or the bare text "t"; else empty.
 std::string_view tag(const boost::json::value& unionValue);
 
-/// `value` as JSON in printable ASCII: U+007F and above as \uXXXX, beyond U+FFFF as a surrogate pair. Fit for
-/// a header's value and for a body alike.
+/// `value` as JSON in printable ASCII: U+007F and above as \uXXXX, beyond U+FFFF as a surrogate pair. Valid
+/// as a header value and as a body.
 std::string asciiText(const boost::json::value& value);
 
 }  // namespace servicejson

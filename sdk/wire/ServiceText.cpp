@@ -62,8 +62,8 @@ std::string withoutLongCodes(std::string_view text) {
 }  // namespace
 
 std::string serviceText(std::string_view text) {
-  // Cut generously first, so that megabytes cost nothing, and again at the end, because "***" may be longer
-  // than what it replaces.
+  // Truncated roughly first, so that megabytes cost little, and again at the end, because "***" may be longer
+  // than the replaced text.
   const std::string readable = withoutControls(text, 4 * servicelimits::textCharacters);
   return withoutControls(withoutLongCodes(withoutSecrets(readable)), servicelimits::textCharacters);
 }

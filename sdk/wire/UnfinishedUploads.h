@@ -14,26 +14,28 @@ namespace kzv::sdk {
 /// the finished file is verified. The thread of the callbacks only.
 class UnfinishedUploads {
  public:
-  static constexpr std::chrono::hours lifetime{7 * 24};  // of a session at the service, from its start
+  static constexpr std::chrono::hours lifetime{7 *
+                                               24};  // of an upload session at the service, from its start
 
   struct Session {
     std::int64_t acknowledgedBytes = 0;
     NSDate::Time expires;
-    NSDate::Time modified;            // of the local file, as it was when the last chunk was sent
-    std::optional<ContentHash> hash;  // of the acknowledged bytes; nothing when they were not all seen here
-    // The last chunk that was sent in full, should only its answer be lost.
+    NSDate::Time modified;  // of the local file when the last chunk was sent
+    std::optional<ContentHash>
+        hash;  // of the acknowledged bytes; nothing if not all were sent by this client
+    // After the last chunk sent in full, in case only its answer is lost.
     std::int64_t attemptedBytes = -1;
     std::optional<ContentHash> attemptedHash;
   };
 
-  /// Null for an upload that began elsewhere.
+  /// Null for an upload that was started elsewhere.
   Session* find(const std::string& uploadId) {
     const auto found = sessions_.find(uploadId);
     return found == sessions_.end() ? nullptr : &found->second;
   }
   Session& acknowledge(const std::string& uploadId, std::int64_t bytes, NSDate::Time modified,
                        std::optional<ContentHash> hash);
-  /// The service says that it has `bytes`, which may be another number than was thought.
+  /// Sets the acknowledged bytes to the number that the service reports.
   void correct(const std::string& uploadId, std::int64_t bytes);
   void noteAttempt(const std::string& uploadId, std::int64_t bytes, std::optional<ContentHash> hash);
   void forget(const std::string& uploadId) { sessions_.erase(uploadId); }

@@ -9,9 +9,9 @@
 namespace kzv::sdk {
 
 /// Limits how many files of one account this process stores concurrently. The service changes a tree under
-/// one lock and refuses changes that arrive meanwhile. There is practically no limit at first; each refusal
-/// halves it, down to one, and a number of successes raises it by one (additive increase, multiplicative
-/// decrease, as in RFC 5681). The network thread only.
+/// one lock and refuses changes that arrive meanwhile. The limit starts at 64; each refusal halves it, down
+/// to one, and 32 successes raise it by one (additive increase, multiplicative decrease, as in RFC 5681). The
+/// network thread only.
 class WriteTurns {
  public:
   using WaitId = std::uint64_t;
@@ -20,14 +20,14 @@ class WriteTurns {
 
   static constexpr int successesBeforeWidening = 32;
 
-  /// Runs `go` when there is room: at once (then returns nothing), or from a later leave(). First come, first
-  /// served.
+  /// Calls `go` when the limit allows: at once (then returns nothing), or from a later leave(). First come,
+  /// first served.
   std::optional<WaitId> enter(const std::string& userId, Go go);
-  /// Once for each `go` that ran.
+  /// Must be called once for each `go` that was called.
   void leave(const std::string& userId, Outcome outcome);
-  /// Removes a request that still waits.
+  /// Removes a waiting request.
   void withdraw(const std::string& userId, WaitId waiting);
-  /// Another change of the account was refused.
+  /// Call when another change of the account was refused: halves the limit.
   void narrow(const std::string& userId);
 
  private:
