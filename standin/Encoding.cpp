@@ -50,7 +50,7 @@ std::optional<std::string> base64UrlDecode(std::string_view text) {
 std::optional<std::string> base64Decode(std::string_view text) {
   constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string padded(text.substr(0, text.find_last_not_of('=') + 1));
-  // GLib skips what is not in the alphabet.
+  // GLib skips characters outside the alphabet.
   if (padded.size() % 4 == 1 || padded.find_first_not_of(alphabet) != std::string::npos) return std::nullopt;
   padded.append((4 - padded.size() % 4) % 4, '=');
   gsize size = 0;
@@ -147,7 +147,7 @@ std::string httpDate(std::int64_t unixSeconds) {
 std::string randomBytes(std::size_t count) {
   std::string bytes(count, '\0');
   const int done = RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(count));
-  requireInvariant(done == 1, "the system's random generator answers");
+  requireInvariant(done == 1, "the system's random generator must work");
   return bytes;
 }
 

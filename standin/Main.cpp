@@ -9,8 +9,7 @@
 
 namespace {
 
-// Waits for the first signal to stop; the second one ends the process at once, as it would without this
-// program.
+// Waits for the first stop signal; a second one then ends the process at once, by the default action.
 void waitForStop(const sigset_t& signals) {
   int received = 0;
   sigwait(&signals, &received);
@@ -26,7 +25,7 @@ int main(int argc, char** argv) {
   int exitStatus = 0;
   const auto options = kzv::standin::parseServiceOptions(argc, argv, exitStatus);
   if (!options) return exitStatus;
-  // Blocked before any thread exists, so that every thread leaves the signals to waitForStop().
+  // Blocked before any thread is started, so that all threads leave the signals to waitForStop().
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);

@@ -30,8 +30,8 @@ class OwnedFd {
   int fd_;
 };
 
-/// pwrite(2) and pread(2) to the end. Both return false with errno set when the system call fails; a short
-/// read at the end of the file counts as failure, with errno 0.
+/// pwrite(2) and pread(2), repeated until complete. Both return false with errno when the system call fails;
+/// a short read at the end of the file is a failure, with errno 0.
 bool writeAt(int fd, std::string_view bytes, std::uint64_t offset);
 bool readAt(int fd, char* bytes, std::size_t size, std::uint64_t offset);
 

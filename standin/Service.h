@@ -12,7 +12,7 @@ class Dispatcher;
 class HttpServer;
 struct ServiceState;
 
-/// The whole program but main(): state, routes and listener. start() and stop() from one thread.
+/// The whole program except main(): state, routes and listener. Call start() and stop() on one thread.
 class Service {
  public:
   /// Opens the state, creates the sample tree and the accounts. Throws std::exception when the state cannot
@@ -25,8 +25,8 @@ class Service {
 
   /// @return the port; absent with the reason in `error`.
   std::optional<int> start(std::string& error);
-  /// Ends waits, delays and idle connections, lets requests in progress end. Blocks for a few seconds at
-  /// most.
+  /// Ends waits, delays and idle connections, and lets requests in progress finish. Blocks for a few seconds
+  /// at most.
   void stop();
 
   /// For tests in the same process.

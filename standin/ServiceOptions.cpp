@@ -19,7 +19,7 @@ bool parseAddress(const std::string& text, ServiceOptions& options) {
   return read.ec == std::errc() && read.ptr == end && options.port >= 0 && options.port <= 65535;
 }
 
-// NAME:EMAIL:TOKEN; the token may hold further colons.
+// NAME:EMAIL:TOKEN; the token may contain colons.
 bool parseAccount(const std::string& text, ServiceOptions& options) {
   const auto first = text.find(':');
   const auto second = first == std::string::npos ? first : text.find(':', first + 1);
@@ -53,7 +53,7 @@ std::optional<ServiceOptions> parseServiceOptions(int argc, const char* const* a
                         [&](const std::string& text) { return parseAddress(text, options); }));
   app.add_option("--data", data, "keep state in this folder; without it, in a temporary one")
       ->type_name("DIR");
-  app.add_option("--seed", seed, "what to begin with: sample (one account with a small, lively tree) or none")
+  app.add_option("--seed", seed, "initial content: sample (one account with a small, varied tree) or none")
       ->check(CLI::IsMember({"sample", "none"}))
       ->capture_default_str();
   app.add_option(
@@ -67,11 +67,11 @@ std::optional<ServiceOptions> parseServiceOptions(int argc, const char* const* a
         return parseAccount(text, ignored);
       }));
   app.add_option("--approve", options.approve,
-                 "what the sign-in page does: page (asks), auto or deny (at once)")
+                 "how sign-ins are decided: page (a page asks), auto or deny (at once)")
       ->transform(CLI::CheckedTransformer(std::map<std::string, ApproveMode>{
           {"page", ApproveMode::page}, {"auto", ApproveMode::automatic}, {"deny", ApproveMode::deny}}));
   app.add_flag("--admin", options.admin, "enable the /admin routes, on loopback only");
-  app.add_flag("--strict", options.strict, "refuse what the real service refuses but many tolerate");
+  app.add_flag("--strict", options.strict, "refuse malformed requests as strictly as the real service");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

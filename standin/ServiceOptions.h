@@ -32,8 +32,8 @@ struct ServiceOptions {
   bool strict = false;
 };
 
-/// @param exitStatus  set when the program is to exit: 0 after --help, 2 for wrong usage; the text has been
-/// printed.
+/// @param exitStatus  set when the program must exit (nothing is returned): 0 after --help, 2 for wrong
+/// usage; the text has been printed.
 std::optional<ServiceOptions> parseServiceOptions(int argc, const char* const* argv, int& exitStatus);
 
 }  // namespace kzv::standin

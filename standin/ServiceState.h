@@ -22,9 +22,9 @@ namespace kzv::standin {
 struct Settings {
   /// Upper limit of entries per page; 0: only that of the request.
   std::atomic<std::int64_t> pageSize{0};
-  /// Cursors made under another epoch are answered with `reset`.
+  /// Cursors of another epoch are answered with `reset`.
   std::atomic<std::int64_t> cursorEpoch{1};
-  /// Show lower-cased parents in path_display, as the service is free to do.
+  /// Show lower-cased parents in path_display, as the service may do.
   std::atomic<bool> displayCaseQuirk{false};
   std::atomic<bool> refuseBeyondBmp{false};
   /// Answers every second commit that begins while another one is in progress with too_many_write_operations.
@@ -48,7 +48,7 @@ struct Settings {
     const std::lock_guard<std::mutex> lock(mutex_);
     approve_ = mode;
   }
-  /// E-mail address of the account that an automatic approval takes; empty: the first.
+  /// E-mail address of the account used by automatic approval; empty: the first.
   void setApproveAs(std::string email) {
     const std::lock_guard<std::mutex> lock(mutex_);
     approveAs_ = std::move(email);
@@ -60,7 +60,7 @@ struct Settings {
   std::string approveAs_;                    // guarded by mutex_
 };
 
-/// The state that the routes share. Each part is thread-safe by itself.
+/// The state that the routes share. Each part is thread-safe.
 struct ServiceState {
   explicit ServiceState(const ServiceOptions& given)
       : options(given),

@@ -25,7 +25,7 @@ std::size_t takeBody(char* data, std::size_t size, std::size_t count, void* targ
 std::size_t takeHeader(char* data, std::size_t size, std::size_t count, void* target) {
   const std::string_view line(data, size * count);
   auto& headers = *static_cast<std::map<std::string, std::string>*>(target);
-  if (line.substr(0, 5) == "HTTP/") headers.clear();  // what came with "100 Continue"
+  if (line.substr(0, 5) == "HTTP/") headers.clear();  // those of "100 Continue"
   const auto colon = line.find(':');
   if (colon == std::string_view::npos) return size * count;
   std::string name(line.substr(0, colon));

@@ -1,7 +1,7 @@
 #pragma once
 
-// What the tests of the stand-in share: a service in this process on a free loopback port, and a plain HTTP
-// client that shows everything an answer holds.
+// For the tests of the stand-in: a service in this process on a free loopback port, and a plain HTTP client
+// that shows the whole answer.
 
 #include <boost/json/fwd.hpp>
 #include <cstdint>
@@ -19,7 +19,7 @@ inline constexpr const char* kToken = "token-of-ann";
 inline constexpr const char* kOtherToken = "token-of-bob";
 
 struct Answer {
-  /// libcurl's result; 0 when the answer arrived whole.
+  /// libcurl's result; 0 when the answer arrived completely.
   int curlResult = 0;
   long status = 0;
   /// Names in lower case.

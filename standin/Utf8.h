@@ -9,7 +9,7 @@
 
 namespace kzv::standin {
 
-// ICU's macros narrow integers in ways that -Wconversion dislikes; they are used here and nowhere else.
+// ICU's macros narrow integers, against -Wconversion; they are used only here.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wconversion"
 

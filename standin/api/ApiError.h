@@ -24,7 +24,7 @@ class ApiError : public std::exception {
   HttpResponse response_;
 };
 
-/// An argument that does not conform; the dispatcher prefixes the function's name and the place. Status 400.
+/// An invalid argument, status 400; the dispatcher prefixes the function's name and the place.
 class BadArgument : public std::exception {
  public:
   explicit BadArgument(std::string detail) : detail_(std::move(detail)) {}
@@ -46,7 +46,7 @@ std::string errorSummary(const Tags& tags);
 [[noreturn]] void failWithTags(int status, const Tags& tags);
 /// The endpoint's own error, status 409.
 [[noreturn]] void failEndpoint(const Tags& tags);
-/// The same when the union is more than tags; `errorJson` is the value of "error".
+/// The same for a union with further fields; `errorJson` is the value of "error".
 [[noreturn]] void failEndpoint(const Tags& summaryTags, std::string_view errorJson);
 /// Status 429; `reason` is too_many_requests or too_many_write_operations.
 [[noreturn]] void failRateLimited(std::string_view reason, std::int64_t retryAfterSeconds);

@@ -12,7 +12,7 @@
 
 namespace kzv::standin {
 
-/// What a path argument may look like; the whole text has to match.
+/// The pattern of a path argument; the whole text must match.
 enum class PathForm {
   read,       // (/(.|[\r\n])*|id:.*)|(rev:[0-9a-f]{9,})|(ns:[0-9]+(/(.|[\r\n])*)?)
   rootOrId,   // (/(.|[\r\n])*)?|id:.*|(ns:[0-9]+(/(.|[\r\n])*)?)
@@ -21,12 +21,11 @@ enum class PathForm {
 };
 bool matchesPathForm(std::string_view text, PathForm form);
 
-/// Reads the fields of one JSON argument and refuses what does not conform: wrong types, missing fields,
-/// values out of range. Every function throws BadArgument, naming the field. The JSON value must outlive the
-/// reader. Used by one thread.
+/// Reads and validates the fields of one JSON argument: types, required fields, ranges. Every function throws
+/// BadArgument, naming the field. The JSON value must outlive the reader. One thread at a time.
 class ArgReader {
  public:
-  /// @param place  where the struct stands, as "" or "cursor."; put before field names in texts.
+  /// @param place  the struct's position, as "" or "cursor."; a prefix of field names in texts.
   /// @param strict  refuse unknown fields when done() is called.
   ArgReader(const boost::json::value& value, bool strict, std::string place = {});
 
@@ -50,13 +49,13 @@ class ArgReader {
   ArgReader requiredObject(std::string_view field) const;
   std::vector<ArgReader> requiredObjects(std::string_view field, std::size_t maxCount) const;
   std::vector<std::string> strings(std::string_view field) const;
-  /// Accepts the field, whatever it holds.
+  /// Accepts the fields with any value.
   void ignore(std::initializer_list<std::string_view> fields) const;
   bool has(std::string_view field) const;
   /// The raw value, null when absent.
   const boost::json::value* raw(std::string_view field) const;
 
-  /// To be called after the last field.
+  /// Call after the last field.
   void done() const;
 
   [[noreturn]] void fail(std::string_view field, std::string_view problem) const;

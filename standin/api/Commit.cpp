@@ -32,8 +32,8 @@ bool mayReplace(const CommitArg& arg, const Entry& existing, std::int64_t tree) 
   return arg.mode == WriteMode::update && revText(existing.rev(), tree) == arg.rev;
 }
 
-// A file that holds the same bytes already is not written again in any mode; with strict_conflict it is a
-// conflict.
+// A file that already has the same bytes is not written again; with strict_conflict it is a conflict, unless
+// overwritten.
 bool isAlreadyThere(const CommitArg& arg, const Entry& existing, const PendingContent& content) {
   if (existing.isFolder() || existing.hash() != content.hash) return false;
   return !arg.strictConflict || arg.mode == WriteMode::overwrite;
@@ -66,7 +66,7 @@ Target resolveTarget(const Call& call, const Tree& tree, const std::string& text
       Located located = locate(call, tree, text, "path");
       return {located.root, located.path};
     } catch (const ApiError&) {
-      // An unknown id does not tell a path to write to.
+      // An unknown id has no path to write to.
       throw WriteRefused({"malformed_path"});
     }
   }
@@ -130,13 +130,13 @@ std::string commitFile(Call& call, const CommitArg& arg, const PendingContent& c
     const bool isUpdate = arg.mode == WriteMode::update;
     NormalPath path = target.path;
     if (!existing && isUpdate && arg.strictConflict) {
-      // The file that was to be updated is gone.
+      // The file to be updated was deleted.
       if (!arg.autorename) throw WriteRefused({"conflict", "file"});
       const std::string name = withSuffix(path.name(), conflictedCopySuffix(1), false);
       path = {std::string(parentOf(path.display)) + "/" + name,
               std::string(parentOf(path.lower)) + "/" + lowerCased(name)};
     }
-    // A folder in the way of an update is no conflicting revision: the file is numbered, as for the other
+    // A folder in the way of an update is not a conflicting revision: the file gets a number, as in the other
     // modes.
     const bool isConflictedCopy = isUpdate && existing && !existing->isFolder();
     path = freePath(editor.tree(), path, arg.autorename, false,

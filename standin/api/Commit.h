@@ -25,7 +25,7 @@ class WriteRefused : public std::exception {
 
 enum class WriteMode { add, overwrite, update };
 
-/// Where and how a file is to be stored.
+/// Where and how to store a file.
 struct CommitArg {
   std::string path;
   WriteMode mode = WriteMode::add;
@@ -44,7 +44,7 @@ struct PendingContent {
   std::uint64_t sizeBytes = 0;
   /// 32 raw bytes.
   std::string hash;
-  /// Stores them within the commit; called at most once, after all checks have passed.
+  /// Stores them as part of the commit; called at most once, after all checks.
   std::function<std::int64_t(Store::Writer&)> store;
 };
 
@@ -56,11 +56,11 @@ struct Target {
 
 /// The target that `text` names; its name is valid. Throws WriteRefused.
 Target resolveTarget(const Call& call, const Tree& tree, const std::string& text);
-/// The parent folder, made if missing. Throws WriteRefused conflict/file_ancestor.
+/// The parent folder, created if missing. Throws WriteRefused conflict/file_ancestor.
 Folder parentFolder(TreeEditor& editor, const NormalPath& path);
 /// `path`, or with `autorename` the first free one beside it. Throws WriteRefused conflict/file or
 /// conflict/folder.
-/// @param suffix  makes the suffix for the Nth try, from 1 on.
+/// @param suffix  returns the suffix for the Nth attempt, from 1 on.
 NormalPath freePath(const Tree& tree, const NormalPath& path, bool autorename, bool isFolder,
                     const std::function<std::string(int)>& suffix);
 /// " (1)", " (2)", ...

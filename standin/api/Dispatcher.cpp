@@ -17,7 +17,7 @@ namespace {
 
 namespace json = boost::json;
 
-// Far above any argument of the API, finish_batch with 1000 entries included.
+// Far above any argument of the API, even finish_batch with 1000 entries.
 constexpr std::size_t kMaxArgumentBytes = 8388608;
 
 bool isOneOf(std::string_view text, std::initializer_list<std::string_view> candidates) {
@@ -83,16 +83,16 @@ json::value parseJson(std::string_view text, std::string_view place) {
   return value;
 }
 
-/// Whether a Host header (RFC 9110, 7.2) names this machine and the port of the request. Any other name may
-/// belong to a web page that resolves it to this machine (DNS rebinding).
+/// Whether a Host header (RFC 9110, 7.2) names this machine and the request's port. Another name may belong
+/// to a web page that resolves it to this machine (DNS rebinding).
 bool isOwnHost(std::string_view host, int port) {
   const std::string suffix = ":" + std::to_string(port);
   if (!host.ends_with(suffix)) return false;
   return isOneOf(host.substr(0, host.size() - suffix.size()), {"127.0.0.1", "localhost", "[::1]"});
 }
 
-/// Admin requests come from tests and tools on this machine, never from a web page in a browser here:
-/// browsers send the page's origin, and need a preflight request to send JSON to another origin.
+/// Admin requests come from tests and tools on this machine, never from web pages: browsers send the page's
+/// origin, and need a preflight request to send JSON to another origin.
 void refuseStrangers(const HttpRequest& request) {
   const auto refuse = [](int status, const char* reason) { throw ApiError(textResponse(status, reason)); };
   if (!request.fromLoopback) refuse(403, "Admin routes answer on loopback only.");
@@ -101,13 +101,13 @@ void refuseStrangers(const HttpRequest& request) {
     refuse(403, "Admin routes answer to the address of this service only; see the \"Host\" header.");
   const auto origin = request.header("Origin");
   if (origin && *origin != "http://" + std::string(host))
-    refuse(403, "Admin routes take no orders from other web pages; see the \"Origin\" header.");
+    refuse(403, "Admin routes refuse requests from other web pages; see the \"Origin\" header.");
   const std::string_view type = request.header("Content-Type").value_or("");
   if (request.method == "POST" && !isOneOf(type, {"application/json", "application/json; charset=utf-8"}))
-    refuse(415, "Admin orders are JSON; send \"Content-Type: application/json\".");
+    refuse(415, "Admin requests are JSON; send \"Content-Type: application/json\".");
 }
 
-// Only valid JSON goes into the log as it is; other bytes are logged in hex.
+// Valid JSON is logged unchanged; other bytes in hex.
 std::string loggedArgument(std::string_view text) {
   json::error_code problem;
   json::parse(json::string_view(text.data(), text.size()), problem);
@@ -128,7 +128,7 @@ std::string redactedFields(const std::map<std::string, std::string>& fields,
   json.beginObject();
   for (const auto& [name, value] : fields) {
     const bool isShown = std::find(shown.begin(), shown.end(), name) != shown.end();
-    // Field names come from outside and may need escapes, which key() does not write.
+    // Field names are untrusted and may need escapes, which key() does not write.
     std::string escaped;
     appendJsonEscaped(escaped, asciiJson(name));
     json.field(escaped, std::string_view(isShown ? asciiJson(value) : "(hidden)"));
@@ -267,7 +267,7 @@ std::string Dispatcher::accessToken(const Route& route, const HttpRequest& reque
   if (value.empty()) {
     throw BadArgument("Must provide HTTP header \"Authorization\" or URL parameter \"authorization\".");
   }
-  // The value itself is a secret and stays out of the text.
+  // The value is a secret and must not be in the text.
   constexpr std::string_view allowed =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~+/=";
   if (!equalsIgnoringCase(value.substr(0, 7), "Bearer ") || value.size() == 7 ||

@@ -7,16 +7,16 @@
 
 namespace kzv::standin {
 
-/// From a request to an answer: finds the route, checks it in the service's order (route, content type,
-/// argument, token, scope, path root), injects faults, calls the endpoint, writes the request log.
-/// Thread-safe; handle() blocks as long as the endpoint does.
+/// Answers requests: finds the route, checks in the service's order (route, content type, argument, token,
+/// scope, path root), injects faults, calls the endpoint, writes the request log. Thread-safe; handle()
+/// blocks as long as the endpoint does.
 class Dispatcher {
  public:
   explicit Dispatcher(ServiceState& state);
 
   /// Never throws.
   void handle(HttpRequest& request, HttpResponse& response);
-  /// Ends injected delays, present and future ones.
+  /// Ends current and later injected delays.
   void stop();
 
  private:

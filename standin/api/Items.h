@@ -10,18 +10,18 @@
 
 namespace kzv::standin {
 
-/// Writes items as JSON metadata, with paths relative to one root. Used by one thread.
+/// Writes items as JSON metadata, with paths relative to one root. One thread at a time.
 class ItemWriter {
  public:
   ItemWriter(const ServiceState& state, PathRoot root);
 
-  /// @param withTag  where the declared type is the parent of file and folder.
+  /// @param withTag  if the declared type is the common base of file and folder.
   void write(JsonWriter& json, const EntryView& entry, bool withTag) const;
-  /// The fields alone, inside an object that is open already.
+  /// Only the fields, into the open object.
   void writeFields(JsonWriter& json, const EntryView& entry) const;
   void writeDeleted(JsonWriter& json, const TombstoneView& item) const;
   std::string json(const Entry& entry, bool withTag) const;
-  /// True for the folder that is this root: it has no name in it and is never shown.
+  /// Whether the entry is this root, which has no name and is never shown.
   bool isRoot(const EntryView& entry) const { return entry.lower.size() <= root_.base.lower.size(); }
 
   std::string shownDisplay(std::string_view lower, std::string_view display) const;

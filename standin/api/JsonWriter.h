@@ -6,9 +6,9 @@
 
 namespace kzv::standin {
 
-/// Appends JSON text (RFC 8259) to a string. Listings of thousands of entries are written straight from
-/// database rows with it, without a tree of values in between. The caller is responsible for nesting; commas
-/// are added here. Not thread-safe; one writer per thread.
+/// Appends JSON text (RFC 8259) to a string, without building a tree of values: for listings of thousands of
+/// database rows. The caller is responsible for nesting; commas are added here. Not thread-safe; one writer
+/// per thread.
 class JsonWriter {
  public:
   JsonWriter& beginObject();
@@ -21,7 +21,7 @@ class JsonWriter {
   JsonWriter& string(std::string_view text);
   JsonWriter& number(std::int64_t value);
   JsonWriter& boolean(bool value);
-  /// Already serialised JSON, as one value.
+  /// Serialized JSON, as one value.
   JsonWriter& raw(std::string_view json);
 
   JsonWriter& field(std::string_view name, std::string_view text) { return key(name).string(text); }
@@ -43,8 +43,8 @@ class JsonWriter {
 /// `text` with JSON string escapes, without the quotes.
 void appendJsonEscaped(std::string& out, std::string_view text);
 
-/// The same JSON in pure printable ASCII: U+007F and everything above as \uXXXX, in surrogate pairs where
-/// needed, so that it fits into an HTTP header. `json` is valid UTF-8.
+/// The same JSON in printable ASCII for HTTP headers: U+007F and above as \uXXXX, with surrogate pairs.
+/// `json` must be valid UTF-8.
 std::string asciiJson(std::string_view json);
 
 }  // namespace kzv::standin

@@ -12,20 +12,20 @@
 
 namespace kzv::standin {
 
-/// Where a route's argument and bodies are sent (public documentation of the service, "request and response
+/// How a route's argument and body are sent (public documentation of the service, "request and response
 /// formats").
 enum class RouteStyle { rpc, upload, download };
 
 enum class RouteAuth { user, none };
 
-/// A call that has passed the checks of its form, token and scope. Used by the connection's thread.
+/// A call whose form, token and scope were checked. For the connection's thread.
 struct Call {
   ServiceState& state;
   HttpRequest& request;
   HttpResponse& response;
   /// Absent on routes without authorization.
   std::optional<Account> account;
-  /// What the request's paths are relative to.
+  /// The root of the request's paths.
   PathRoot root;
   std::string accessToken;
 
@@ -33,10 +33,10 @@ struct Call {
   void reply(std::string json);
 };
 
-/// Does the work of one call; may block. Throws ApiError, BadArgument, DatabaseError.
+/// Carries out one call; may block. Throws ApiError, BadArgument, DatabaseError.
 using Endpoint = std::function<void(Call&)>;
 
-/// A route of the API proper.
+/// A route of the API.
 struct Route {
   RouteStyle style = RouteStyle::rpc;
   RouteAuth auth = RouteAuth::user;
@@ -47,10 +47,10 @@ struct Route {
   std::function<Endpoint(const ArgReader&)> decode;
 };
 
-/// Writes JSON text into the request log as the call's argument; secrets are left out before.
+/// Writes JSON text into the request log as the call's argument; the caller omits secrets.
 using NoteArgument = std::function<void(std::string json)>;
 
-/// A route outside the API proper: sign-in, admin. Throws ApiError, BadArgument, DatabaseError.
+/// Another route: sign-in, admin. Throws ApiError, BadArgument, DatabaseError.
 using PlainRoute = std::function<void(HttpRequest&, HttpResponse&, const NoteArgument&)>;
 
 struct RouteTable {
@@ -79,7 +79,7 @@ void addAdminRoutes(RouteTable& table, ServiceState& state);
 std::string redactedFields(const std::map<std::string, std::string>& fields,
                            std::initializer_list<std::string_view> shown);
 
-/// Reads a whole body into memory. Throws ApiError when it is longer or the connection fails.
+/// Reads a whole body into memory. Throws ApiError when it is longer than `maxBytes` or the connection fails.
 std::string readWholeBody(HttpRequest& request, std::size_t maxBytes);
 
 }  // namespace kzv::standin

@@ -17,7 +17,7 @@ NameParts splitName(const std::string& name) {
   const auto space = name.rfind(' ');
   NameParts parts{name.substr(0, space), space == std::string::npos ? "" : name.substr(space + 1), ""};
   parts.abbreviated = parts.given.substr(0, 1) + parts.surname.substr(0, 1);
-  // One byte of a character beyond ASCII is not a letter.
+  // Not the first byte of a multi-byte character.
   const bool isAscii = std::all_of(parts.abbreviated.begin(), parts.abbreviated.end(),
                                    [](char c) { return static_cast<unsigned char>(c) < 0x80; });
   if (!isAscii) parts.abbreviated = parts.given;

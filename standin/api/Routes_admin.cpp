@@ -15,7 +15,7 @@ namespace json = boost::json;
 
 constexpr std::size_t kMaxBodyBytes = 67108864;
 constexpr std::uint64_t kNoLimit = 1ULL << 62;
-// Number of different contents of synthetic files: enough to notice when two files are mixed up.
+// Number of different contents of synthetic files: enough to notice mixed-up files.
 constexpr std::int64_t kSyntheticVariants = 64;
 
 json::value readJson(HttpRequest& request) {
@@ -44,7 +44,7 @@ Account accountField(const ServiceState& state, const ArgReader& reader) {
   const TokenCheck check = state.tokens.check(given);
   auto account =
       check.state == TokenState::invalid ? state.accounts.byEmail(given) : state.accounts.byId(check.account);
-  // The text may be a token and stays out of the answer.
+  // The text may be a token and must not be in the answer.
   if (!account) reader.fail("account", "neither a known access token nor the e-mail address of an account");
   return std::move(*account);
 }
@@ -148,7 +148,7 @@ void makeTree(ServiceState& state, HttpRequest& request, HttpResponse& response,
 
   Store::Writer writer(state.store);
   TreeEditor editor(writer, account.tree);
-  if (editor.tree().find(path.lower)) failConflict("there is something at this path already");
+  if (editor.tree().find(path.lower)) failConflict("there is already an item at this path");
   const auto top = editor.ensureFolder(path);
   if (!top) failConflict("a file is in the way");
   const auto contents = syntheticContents(writer, size, static_cast<std::int64_t>(files), state.clock.now());
@@ -199,7 +199,7 @@ void deletePath(ServiceState& state, HttpRequest& request, HttpResponse& respons
   Store::Writer writer(state.store);
   TreeEditor editor(writer, account.tree);
   const auto entry = editor.tree().find(path.lower);
-  if (!entry) failConflict("there is nothing at this path");
+  if (!entry) failConflict("there is no item at this path");
   editor.remove(*entry);
   writer.commit();
   response = okResponse();
@@ -215,9 +215,9 @@ void movePath(ServiceState& state, HttpRequest& request, HttpResponse& response,
   Store::Writer writer(state.store);
   TreeEditor editor(writer, account.tree);
   const auto entry = editor.tree().find(from.lower);
-  if (!entry) failConflict("there is nothing at the source path");
-  if (editor.tree().find(to.lower)) failConflict("there is something at the target path");
-  if (isBelow(to.lower, from.lower)) failConflict("the target lies in the source");
+  if (!entry) failConflict("there is no item at the source path");
+  if (editor.tree().find(to.lower)) failConflict("there is already an item at the target path");
+  if (isBelow(to.lower, from.lower)) failConflict("the target is inside the source");
   const auto parent = editor.ensureFolder(to.parent());
   if (!parent) failConflict("a file is in the way");
   editor.move(*entry, to, *parent);

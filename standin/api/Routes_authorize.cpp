@@ -24,14 +24,14 @@ std::string fieldOr(const Fields& fields, const std::string& name, const std::st
   return found == fields.end() ? fallback : found->second;
 }
 
-/// An authorization request, from the first view of the page to the decision.
+/// An authorization request, from the first display of the page to the decision.
 struct SignInRequest {
   Approval approval;
   std::string state;
 };
 
-/// Pending authorization requests. The form carries only a ticket, so that a decision can neither be
-/// forged by another page nor be made for anything but what the page showed. Thread-safe.
+/// Pending authorization requests. The form contains only a ticket, so that a decision can neither be forged
+/// by another page nor apply to anything but the displayed request. Thread-safe.
 class PendingRequests {
  public:
   std::string add(SignInRequest request, std::int64_t now) {
@@ -45,7 +45,7 @@ class PendingRequests {
     return ticket;
   }
 
-  /// Absent when it is unknown or too old. It stays pending, since a form may be filled in wrongly.
+  /// Absent when it is unknown or expired. It stays pending, since the form may be filled in wrongly.
   std::optional<SignInRequest> find(const std::string& ticket, std::int64_t now) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto found = pending_.find(ticket);
@@ -104,7 +104,7 @@ HttpResponse htmlPage(int status, const std::string& title, const std::string& c
 }
 
 HttpResponse errorPage(const std::string& problem) {
-  return htmlPage(400, "The sign-in cannot go on",
+  return htmlPage(400, "The sign-in cannot continue",
                   "<p class=\"error\" role=\"alert\">" + htmlEscape(problem) +
                       "</p>\n<p>Go back to the application and try again.</p>");
 }
@@ -176,7 +176,7 @@ bool isAcceptedRedirect(const std::string& uri) {
   return host == "localhost" || host == "127.0.0.1" || host == "[::1]";
 }
 
-// @return what is wrong with the request, empty when nothing is.
+// @return the problem of the request, empty if it is valid.
 std::string readSignInRequest(const Fields& query, SignInRequest& request) {
   Approval& approval = request.approval;
   approval.client = fieldOr(query, "client_id");
@@ -298,7 +298,7 @@ void decide(ServiceState& state, PendingRequests& pending, HttpRequest& request,
   const std::string ticket = fieldOr(form, "ticket");
   const auto signIn = pending.find(ticket, state.clock.now());
   if (!signIn) {
-    response = errorPage("This page is too old or was answered already.");
+    response = errorPage("This page has expired or was already answered.");
     return;
   }
   if (fieldOr(form, "decision") != "allow") {

@@ -39,7 +39,7 @@ std::optional<std::uint64_t> number(std::string_view text) {
   return value;
 }
 
-// A header that is malformed, or asks for several ranges, is ignored, as the RFC allows.
+// A header that is malformed or has several ranges is ignored, as the RFC allows.
 RangeVerdict parseRange(std::string_view header, std::uint64_t total, ByteRange& range) {
   if (header.substr(0, 6) != "bytes=") return RangeVerdict::whole;
   header.remove_prefix(6);
@@ -90,7 +90,7 @@ void sendBytes(Call& call, BodyReader opened, const std::string& etag, const std
   const auto asked = call.request.header("Range");
   const RangeVerdict verdict = asked ? parseRange(*asked, body->sizeBytes(), range) : RangeVerdict::whole;
   if (verdict == RangeVerdict::unsatisfiable) {
-    response = textResponse(416, "The range lies outside the file.");
+    response = textResponse(416, "The range is outside the file.");
     response.headers.emplace_back("Content-Range", fmt::format("bytes */{}", body->sizeBytes()));
     return;
   }

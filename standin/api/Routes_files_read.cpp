@@ -132,7 +132,7 @@ bool advance(const Tree& tree, Cursor& cursor, const EntrySink& sink, std::size_
   cursor.afterPath.clear();
   cursor.phase = isLive && cursor.includeDeleted ? CursorPhase::deletedListing : CursorPhase::changes;
   if (cursor.phase == CursorPhase::deletedListing) return true;
-  // Changes made during the listing follow in further pages.
+  // Changes made during the listing follow on later pages.
   const FeedPage rest = tree.changes(scope, cursor.seq, 0, {});
   if (rest.folderReplaced) failEndpoint({"reset"});
   return rest.hasMore;
@@ -214,7 +214,7 @@ Endpoint decodeContinue(const ArgReader& reader) {
     const PathRoot root = rootOfNamespace(*call.account, cursor.namespaceId);
     Store::Reader lease(call.state.store);
     const Tree tree(lease.database(), root.tree);
-    // Moving a home into a team root changes what old cursors' paths mean.
+    // Moving a home into a team root changes the meaning of old cursors' paths.
     if (!root.base.isRoot() && cursor.folderLower.compare(0, root.base.lower.size(), root.base.lower) != 0) {
       failEndpoint({"reset"});
     }

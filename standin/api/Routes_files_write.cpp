@@ -123,8 +123,7 @@ void relocate(Call& call, const RelocationArg& arg) {
     const Target target = resolveTarget(call, editor.tree(), arg.to);
     const ItemWriter items(call.state, target.root);
     if (target.path.lower == source.lower()) {
-      // Renaming to another case is answered as done and changes nothing, as at the service; clients go
-      // through a temporary name.
+      // Renaming to another case succeeds without a change, as at the service; clients use a temporary name.
       const bool otherCase = target.path.name() != nameOf(source.display());
       if (arg.isCopy || !otherCase) failEndpoint({"duplicated_or_nested_paths"});
       call.reply(metadataJson(items.json(source, true)));

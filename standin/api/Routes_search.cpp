@@ -63,7 +63,7 @@ bool hasCategory(const EntryView& entry, const std::vector<std::string>& categor
          std::find(categories.begin(), categories.end(), categoryOf(entry)) != categories.end();
 }
 
-// Every word of the query has to occur in the name; contents are not searched.
+// Every word of the query must occur in the name; contents are not searched.
 bool nameMatches(std::string_view lowerName, const std::vector<std::string>& words) {
   return std::all_of(words.begin(), words.end(),
                      [&](const std::string& word) { return lowerName.find(word) != std::string_view::npos; });
@@ -105,7 +105,7 @@ void writeStrings(JsonWriter& json, std::string_view key, const std::vector<std:
   json.endArray();
 }
 
-// The cursor holds the whole query: the next page is found by searching again.
+// The cursor contains the query: the next page is found by searching again.
 std::string searchCursor(const Call& call, const SearchArg& arg) {
   JsonWriter json;
   json.beginObject()

@@ -17,7 +17,7 @@ struct Link {
   std::int64_t id = 0;
   Account account;
   std::int64_t entry = 0;
-  /// The part of the address that cannot be guessed.
+  /// The secret part of the URL.
   std::string token;
   /// "public", "team_only" or "no_one".
   std::string audience;
@@ -124,7 +124,7 @@ void checkSettings(const Call& call, const LinkSettings& settings) {
   if (settings.expires && *settings.expires <= call.state.clock.now()) {
     failEndpoint({"settings_error", "invalid_settings"});
   }
-  // Passwords, expiry and restricted audiences belong to paid plans; a basic account has none of them.
+  // Passwords, expiry and restricted audiences are not available to basic accounts.
   if (settings.isCustom && !call.account->isTeam) failEndpoint({"settings_error", "not_authorized"});
 }
 

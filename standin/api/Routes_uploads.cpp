@@ -30,7 +30,7 @@ void receiveBody(Call& call, IncomingBody& body) {
   bool tooLarge = false;
   const bool complete = call.request.readBody([&](std::string_view bytes) {
     tooLarge = tooLarge || body.sizeBytes() + bytes.size() > UploadSessions::kMaxBodyBytes;
-    // A body that is too large is read to its end, so that the client receives the answer.
+    // Read to the end even if too large, so that the client receives the answer.
     if (!tooLarge) body.append(bytes);
     return true;
   });
@@ -38,7 +38,7 @@ void receiveBody(Call& call, IncomingBody& body) {
   if (tooLarge) failEndpoint({"payload_too_large"});
 }
 
-// The bytes are kept in a session, so that the client need not send them again.
+// Keeps the bytes in a session, so that the client need not send them again.
 std::string keepInSession(Call& call, const IncomingBody& body) {
   Piece piece;
   piece.session = call.state.uploads.start(call.account->id, false);
@@ -129,7 +129,7 @@ void checkAppended(const Outcome& outcome) {
   failEndpoint({problemTag(outcome.problem)}, problemJson(outcome));
 }
 
-// Errors that concern the session are nested below lookup_failed, those of the request are not.
+// Errors about the session are nested in lookup_failed, those about the request are not.
 bool isLookupProblem(Problem problem) {
   return problem == Problem::notFound || problem == Problem::incorrectOffset || problem == Problem::closed ||
          problem == Problem::notClosed || problem == Problem::tooLarge;
@@ -146,8 +146,7 @@ std::string finishProblemJson(const Outcome& outcome) {
   return json.take();
 }
 
-// Where the body has already been read to be thrown away after an error, nothing is lost: the server drains
-// the rest.
+// May stop reading after an error: the server discards the rest.
 UploadSessions::Body bodyOf(Call& call) {
   return [&call](const std::function<bool(std::string_view)>& sink) { return call.request.readBody(sink); };
 }
@@ -213,7 +212,7 @@ struct FinishArg {
   CommitArg commit;
 };
 
-// Commits what the session holds. Throws WriteRefused, ApiError; the session stays as it is then.
+// Commits the session's bytes. Throws WriteRefused, ApiError; the session is then unchanged.
 std::string commitReady(Call& call, const FinishArg& arg, const UploadSessions::Ready& ready) {
   std::string made = commitFile(call, arg.commit, {ready.sizeBytes, ready.hash, [&](Store::Writer& writer) {
                                                      return storeContentFile(writer, ready.file, ready.hash,

@@ -24,7 +24,7 @@ struct PictureSize {
   int height = 0;
 };
 
-/// Whether the name's extension is one that thumbnails are made for.
+/// Whether thumbnails are made for files with this name's extension.
 bool hasPictureName(std::string_view name);
 
 /// The size of the thumbnail: never larger than the picture.

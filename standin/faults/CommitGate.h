@@ -11,10 +11,10 @@ namespace kzv::standin {
 
 struct ServiceState;
 
-/// Imitates the service's refusal of concurrent commits to one tree, with too_many_write_operations: with the
-/// setting `write_contention` of every second commit that begins while another one is in progress, with
-/// `single_writer` of each. The status is 429 or, with `contention_status` 409, that of the endpoint's own
-/// errors. (The Store serialises its writers in any case.) Thread-safe.
+/// Refuses concurrent commits to one tree with too_many_write_operations, as the service does: with the
+/// setting `write_contention` every second commit that starts while another one is in progress, with
+/// `single_writer` each. The status is 429 or, with `contention_status` 409, that of endpoint errors. (The
+/// Store serializes writers in any case.) Thread-safe.
 class CommitGate {
  public:
   /// Held during a commit. The constructor throws ApiError when the commit is refused. With status 409 the

@@ -13,13 +13,13 @@ enum class Corruption {
   none,
   request,
   response,
-  file,  // the file's bytes, in whichever body they travel
+  file,  // the body with the file's bytes
 };
 
-/// One failure to inject, as ordered over the admin route; README.md describes the fields. To add a failure:
-/// a field here, its name in FaultOrder.cpp, what it does in FaultRun.cpp.
+/// One failure to inject, as requested over the admin route; README.md describes the fields. To add a
+/// failure, add a field here, its name in FaultOrder.cpp and its action in FaultRun.cpp.
 struct FaultOrder {
-  /// "files/download", "oauth2/token", ...; "*" for every route but the admin ones.
+  /// "files/download", "oauth2/token", ...; "*" for every route except the admin ones.
   std::string route;
   /// Number of matching requests to let pass first.
   std::uint64_t after = 0;

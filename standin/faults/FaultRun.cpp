@@ -31,7 +31,7 @@ HttpResponse failureResponse(const FaultOrder& order) {
   return response;
 }
 
-/// One rule carried out on one exchange.
+/// Applies one rule to one exchange.
 class FaultRun {
  public:
   FaultRun(Faults& faults, Faults::Claim claim, bool fileIsInRequest)
@@ -40,7 +40,7 @@ class FaultRun {
   void run(HttpRequest& request, HttpResponse& response, const std::function<void()>& endpoint) {
     if (isDelayOnly()) hit()();
     if (!faults_.delay(claim_)) {
-      // The client has often given up, and a change after the rules were cleared would be a surprise.
+      // The client may have given up, and would not expect a change after the rules were cleared.
       response = textResponse(503, "The injected delay was cancelled; nothing was done.");
       return;
     }
@@ -86,7 +86,7 @@ class FaultRun {
   }
 
   void watchBody(HttpRequest& request) {
-    // The argument of an RPC call has been read already.
+    // The argument of an RPC call was read before.
     isCut_ = hasReachedCut(request);
     request.readBody = [this, &request, readBody = request.readBody](const BodySink& sink) {
       return readBody([&](std::string_view bytes) {
@@ -108,7 +108,7 @@ class FaultRun {
       response.fault = AnswerFault{true, {}};
       return;
     }
-    // A position at or behind the end is never reached.
+    // A position at or beyond the end is never reached.
     const std::uint64_t end = response.sizeBytes();
     const std::uint64_t resetAt = order().cutResponseAfter.value_or(end);
     const std::uint64_t stallAt = order().stallAfter.value_or(end);

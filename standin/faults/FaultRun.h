@@ -8,11 +8,11 @@
 
 namespace kzv::standin {
 
-/// Calls `endpoint`, which answers the request, and carries out the fault rule that is due for the route, if
-/// any: before the endpoint, instead of it, on the request's body as the endpoint reads it, or on the answer
-/// while it is sent. A rule counts as hit when the failure takes place, before the client can notice.
-/// @param fileIsInRequest  the route's file bytes travel in the request's body, else in the answer's.
-/// Blocks for an ordered delay. `faults` must outlive the sending of the answer.
+/// Calls `endpoint`, which answers the request, and applies the route's due fault rule, if any: before the
+/// endpoint, instead of it, to the request's body as it is read, or to the answer as it is sent. A rule
+/// counts as hit when the failure occurs, before the client can notice.
+/// @param fileIsInRequest  the file's bytes are in the request's body, else in the answer's. Blocks for an
+/// injected delay. `faults` must outlive the sending of the answer.
 void withFaults(Faults& faults, const std::string& route, bool fileIsInRequest, HttpRequest& request,
                 HttpResponse& response, const std::function<void()>& endpoint);
 

@@ -11,7 +11,7 @@
 
 namespace kzv::standin {
 
-/// The fault rules, and how often each was carried out. Thread-safe.
+/// The fault rules, and how often each was applied. Thread-safe.
 class Faults {
  public:
   class Rule;
@@ -20,9 +20,9 @@ class Faults {
   struct Report {
     std::int64_t id = 0;
     FaultOrder order;
-    /// Requests the rule was used for.
+    /// Requests that the rule was applied to.
     std::uint64_t claimed = 0;
-    /// Of those, the ones that failed: a cut beyond the end of the body never happens.
+    /// Of these, the requests that failed: a cut beyond the end of the body never occurs.
     std::uint64_t hits = 0;
   };
 
@@ -30,14 +30,14 @@ class Faults {
   std::int64_t add(FaultOrder order);
   /// Removes all rules and ends the delays in progress, whose requests are then refused (delay()).
   void clear();
-  /// Ends delays, present and future ones.
+  /// Ends current and later delays.
   void stop();
   std::vector<Report> report() const;
 
-  /// The rule for this request: of those that are due, the oldest.
+  /// The rule for this request: the oldest one that is due; may be null.
   Claim claim(const std::string& route);
   static const FaultOrder& order(const Claim& claim);
-  /// To be called when the failure takes place, before the client can notice; counts once per claim.
+  /// Counts a hit. Call when the failure occurs, before the client can notice.
   void hit(const Claim& claim);
   /// Blocks for the rule's delay, at most until clear() or stop(). False when one of these ended it.
   bool delay(const Claim& claim);

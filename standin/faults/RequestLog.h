@@ -11,8 +11,8 @@
 
 namespace kzv::standin {
 
-/// The requests in order of arrival, for tests that assert calls and counts. Tokens, codes and secrets are
-/// left out by the caller, who fills in `arg`. Keeps the newest 200,000 requests. Thread-safe.
+/// The requests in order of arrival, for tests that assert calls and counts. The caller must omit tokens,
+/// codes and secrets from `arg`. Keeps the newest 200,000 requests. Thread-safe.
 class RequestLog {
  public:
   struct Line {
@@ -20,7 +20,7 @@ class RequestLog {
     std::int64_t time = 0;
     std::string method;
     std::string route;
-    /// 0 while there is no answer.
+    /// 0 until answered.
     int status = 0;
     /// JSON text, or "null".
     std::string arg;

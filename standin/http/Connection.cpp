@@ -24,7 +24,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr std::size_t kReadBytes = 65536;
-// How long an exchange in progress may still wait for its client when the server stops.
+// How long an exchange in progress may wait for its client once the server stops.
 constexpr milliseconds kStopGrace{3000};
 constexpr milliseconds kDeliveryTimeout{1000};
 constexpr milliseconds kForever{-1};
@@ -49,12 +49,12 @@ sockaddr_storage addressOf(int socket, Get get) {
 }  // namespace
 
 StopSignal::StopSignal() : fd_(::eventfd(0, EFD_CLOEXEC)) {
-  requireInvariant(fd_.isOpen(), "an event descriptor can be created");
+  requireInvariant(fd_.isOpen(), "an event descriptor must be available");
 }
 
 void StopSignal::raise() {
   const std::uint64_t one = 1;
-  requireInvariant(::write(fd(), &one, sizeof one) == sizeof one, "an event can be signalled");
+  requireInvariant(::write(fd(), &one, sizeof one) == sizeof one, "an event must be signalled");
 }
 
 bool StopSignal::waitForInput(int fd) const {
@@ -111,11 +111,11 @@ bool Connection::send(std::string_view first, std::string_view second) {
   return true;
 }
 
-// A server that stops grants an exchange in progress a short time only.
+// Once the server stops, an exchange in progress gets only kStopGrace.
 bool Connection::waitFor(short events, TimePoint deadline) {
-  const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+  const auto remaining = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
   std::array<pollfd, 2> waits{{{socket_.get(), events, 0}, {stop_.fd(), POLLIN, 0}}};
-  if (!pollFor(waits.data(), waits.size(), std::max(left, milliseconds(0)))) return false;
+  if (!pollFor(waits.data(), waits.size(), std::max(remaining, milliseconds(0)))) return false;
   return waits[0].revents != 0 || pollFor(waits.data(), 1, kStopGrace);
 }
 
@@ -129,7 +129,7 @@ bool Connection::peerIsLoopback() const {
 }
 
 void Connection::reset() {
-  // A reset discards what the client's side has not acknowledged, but the bytes sent before it are to arrive.
+  // A reset discards unacknowledged bytes, but those sent before it must arrive.
   const auto deadline = steady_clock::now() + kDeliveryTimeout;
   int queued = 0;
   while (::ioctl(socket_.get(), SIOCOUTQ, &queued) == 0 && queued > 0 && steady_clock::now() < deadline) {

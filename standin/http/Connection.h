@@ -8,8 +8,7 @@
 
 namespace kzv::standin {
 
-/// A flag that threads can poll for: its descriptor becomes readable when it is raised and stays so.
-/// Thread-safe.
+/// A flag that threads can poll: its descriptor becomes and stays readable once it is raised. Thread-safe.
 class StopSignal {
  public:
   StopSignal();
@@ -27,7 +26,7 @@ class StopSignal {
 int localPortOf(int socket);
 
 /// An accepted socket: buffered reading, writing, and the ways to close it. Calls block, reads and writes for
-/// at most kTransferTimeout. Used by one thread.
+/// at most kTransferTimeout. One thread at a time.
 class Connection {
  public:
   /// How long a client may leave a connection open without sending a request.
@@ -42,10 +41,10 @@ class Connection {
   std::string_view buffered() const { return std::string_view(buffer_).substr(position_); }
   void consume(std::size_t bytes) { position_ += bytes; }
 
-  /// Waits for the first byte of the next request. False when there is none: the client has closed the
-  /// connection, it has been idle for too long, or the server is stopping.
+  /// Waits for the first byte of the next request. False when the client has closed the connection, it has
+  /// been idle for too long, or the server is stopping.
   bool waitForRequest();
-  /// Starts the time that the following calls of receive() may take together.
+  /// Starts the common time limit of the following calls of receive().
   void startReadTimeout() { readDeadline_ = std::chrono::steady_clock::now() + kTransferTimeout; }
   /// Adds at least one byte to the buffer. False when the client has closed the connection, or on time-out.
   bool receive();
@@ -56,9 +55,9 @@ class Connection {
   bool peerIsLoopback() const;
   int localPort() const { return localPortOf(socket_.get()); }
 
-  /// Closes with RST once the client's side has acknowledged what was sent.
+  /// Closes with RST once the client has acknowledged the sent bytes.
   void reset();
-  /// Sends nothing more until the client closes its side or the server stops.
+  /// Sends nothing more; blocks until the client closes its side or the server stops.
   void stall();
   void close();
 

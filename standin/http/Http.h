@@ -24,7 +24,7 @@ struct TransferCount {
 /// Receives a request body piece by piece; returns false to stop reading.
 using BodySink = std::function<bool(std::string_view)>;
 
-/// A request whose head has been received. Used by the connection's thread only.
+/// A request whose head has been received. For the connection's thread only.
 struct HttpRequest {
   std::string method;
   /// Not percent-decoded; without the query.
@@ -55,7 +55,7 @@ struct BodyStream {
   std::function<std::string(std::uint64_t offset, std::size_t size)> read;
 };
 
-/// What happens to the connection after a piece of the body has been sent.
+/// How to continue after a piece of the body has been sent.
 enum class AfterPiece {
   proceed,
   reset,  // close it with RST
@@ -86,7 +86,7 @@ struct HttpResponse {
 /// Produces the answer to a request; called on the connection's thread, may block, must not throw.
 using HttpHandler = std::function<void(HttpRequest&, HttpResponse&)>;
 
-/// True when both texts are equal but for ASCII case, as header names are compared.
+/// Compares ignoring ASCII case, as for header names.
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
 
 }  // namespace kzv::standin

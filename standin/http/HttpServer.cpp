@@ -96,7 +96,7 @@ class HttpServer::Listener {
     });
   }
 
-  // A connection that gets no thread is closed.
+  // Closes the connection if there is no thread for it.
   void serve(OwnedFd accepted) {
     if (workers_.size() >= kMaxConnections) {
       std::fprintf(stderr, "kzv-service: more than %zu connections\n", kMaxConnections);

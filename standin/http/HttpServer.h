@@ -8,8 +8,8 @@
 
 namespace kzv::standin {
 
-/// An HTTP/1.1 server on TCP with a thread for each connection: a slow or stalled exchange delays no other
-/// one. start() and stop() are called from one thread.
+/// An HTTP/1.1 server on TCP with a thread for each connection, so that a slow or stalled exchange delays no
+/// other. Call start() and stop() on one thread.
 class HttpServer {
  public:
   explicit HttpServer(HttpHandler handler);
@@ -23,8 +23,8 @@ class HttpServer {
   /// @return the port; absent with the reason in `error`.
   std::optional<int> start(const std::string& host, int port, std::string& error);
 
-  /// Accepts no further connections, closes idle and stalled ones, lets exchanges in progress end within a
-  /// few seconds, and waits for all threads. Has no effect when it does not run.
+  /// Stops accepting connections, closes idle and stalled ones, lets exchanges in progress finish within a
+  /// few seconds, and waits for all threads. Has no effect when it is not running.
   void stop();
 
  private:

@@ -23,11 +23,11 @@ using beast::error_code;
 
 constexpr std::uint32_t kMaxHeadBytes = 262144;
 constexpr std::size_t kPieceBytes = 262144;
-// A body that the handler has not read is received and discarded, so that the client gets its answer; beyond
+// A body that the handler did not read is received and discarded, so that the client gets its answer; above
 // this size the connection is closed instead.
 constexpr std::uint64_t kMaxDiscardedBytes = 512ULL << 20;
 
-/// Fills an HttpRequest and hands the body to a sink. Stricter than Beast where two programs could disagree
+/// Fills an HttpRequest and passes the body to a sink. Stricter than Beast where programs could disagree
 /// about the length of a request.
 class RequestParser : public http::basic_parser<true> {
  public:
@@ -95,7 +95,7 @@ class Exchange {
  public:
   explicit Exchange(Connection& connection) : connection_(connection) {}
 
-  /// @return false when no request came, or a malformed one, which has been answered.
+  /// @return false when there was no request, or a malformed one, which has been answered.
   bool readHead();
   /// @return whether the connection can be used for another request; else it has been closed.
   bool answer(const HttpHandler& handler);

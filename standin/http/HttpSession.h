@@ -9,7 +9,7 @@ namespace kzv::standin {
 
 class Connection;
 
-/// Serves the requests of one connection, one after the other, until it is closed: HTTP/1.1 (RFC 9112) with
+/// Serves the requests of one connection in order, until it is closed. Blocks: HTTP/1.1 (RFC 9112) with
 /// keep-alive, chunked request bodies and "Expect: 100-continue", parsed and written by Boost.Beast.
 void serveHttp(Connection& connection, const HttpHandler& handler);
 

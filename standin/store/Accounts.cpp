@@ -16,7 +16,7 @@ constexpr std::int64_t kFirstNamespace = 4711000;
 // Root namespaces of teams; far from the home namespaces, which count up from kFirstNamespace.
 constexpr std::int64_t kTeamNamespaceOffset = 1000000;
 
-// Derived from the address, so that the same seed gives the same account in every run.
+// Derived from the address, so that a seeded account has the same id in every run.
 std::string accountIdFor(const std::string& email) {
   return "dbid:AAA" + base64UrlEncode(sha256("account " + email)).substr(0, 32);
 }

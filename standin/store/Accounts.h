@@ -21,7 +21,7 @@ struct Account {
   std::string email;
   /// Number of the tree in the store.
   std::int64_t tree = 0;
-  /// Namespace numbers of the public interface. Equal for a personal account.
+  /// Namespace numbers of the API; equal for a personal account.
   std::int64_t homeNamespace = 0;
   std::int64_t rootNamespace = 0;
   /// The home folder's path in a shared team root; "" for a personal account.
@@ -30,8 +30,7 @@ struct Account {
   bool isTeam = false;
 };
 
-/// The root that the paths of one request are relative to: a tree, and the folder in it that is the request's
-/// "/".
+/// The root of a request's paths: a tree, and the folder in it that is the request's "/".
 struct PathRoot {
   std::int64_t tree = 0;
   std::int64_t namespaceId = 0;
@@ -55,7 +54,7 @@ class Accounts {
  public:
   explicit Accounts(Store& store);
 
-  /// Finds the account by its e-mail address, or creates it; `created` tells which.
+  /// Finds the account by its e-mail address, or creates it and sets `created`.
   Account findOrAdd(const std::string& name, const std::string& email, bool* created = nullptr);
   std::optional<Account> byId(std::int64_t id) const;
   std::optional<Account> byEmail(std::string_view email) const;
@@ -65,7 +64,7 @@ class Accounts {
   static Space space(Database& database, std::int64_t tree);
   void setQuota(std::int64_t account, std::int64_t bytes);
   void setTeamForm(std::int64_t account, bool isTeam);
-  /// Gives the account a team's shared root, in which its present home becomes a folder.
+  /// Gives the account a team's shared root, in which its current home becomes a folder.
   void moveIntoTeamRoot(std::int64_t account);
 
  private:

@@ -13,7 +13,7 @@ namespace {
 std::string finish(evp_md_ctx_st* context) {
   std::string digest(32, '\0');
   requireInvariant(EVP_DigestFinal_ex(context, reinterpret_cast<unsigned char*>(digest.data()), nullptr) == 1,
-                   "a SHA-256 computation can be finished");
+                   "a SHA-256 computation must succeed");
   return digest;
 }
 
@@ -32,7 +32,7 @@ BlockHash::BlockHash(const BlockHash& other) : BlockHash() { *this = other; }
 BlockHash& BlockHash::operator=(const BlockHash& other) {
   if (this == &other) return *this;
   requireInvariant(EVP_MD_CTX_copy_ex(block_.get(), other.block_.get()) == 1,
-                   "a SHA-256 state can be copied");
+                   "a SHA-256 state must be copyable");
   blockBytes_ = other.blockBytes_;
   digests_ = other.digests_;
   sizeBytes_ = other.sizeBytes_;

@@ -10,8 +10,8 @@ struct evp_md_ctx_st;
 namespace kzv::standin {
 
 /// The service's content hash, computed incrementally: SHA-256 of every block of 4 MiB, then SHA-256 of the
-/// concatenated digests (public documentation of the service, "content hash"). An object may be copied to
-/// remember a state. Not thread-safe.
+/// concatenated digests (public documentation of the service, "content hash"). Copyable, to keep an
+/// intermediate state. Not thread-safe.
 class BlockHash {
  public:
   static constexpr std::size_t kBlockBytes = 4194304;
@@ -22,7 +22,7 @@ class BlockHash {
   BlockHash& operator=(const BlockHash& other);
 
   void update(std::string_view bytes);
-  /// The 32 raw bytes; the object can be updated further afterwards.
+  /// 32 raw bytes; more updates may follow.
   std::string digest() const;
   std::uint64_t sizeBytes() const { return sizeBytes_; }
 

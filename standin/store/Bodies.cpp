@@ -13,7 +13,7 @@
 namespace kzv::standin {
 namespace {
 
-// Smaller bodies are kept in the database: thousands of small files would cost an inode each.
+// Smaller bodies are stored in the database, to save inodes.
 constexpr std::size_t kInlineBytes = 16384;
 constexpr std::size_t kBufferBytes = 262144;
 
@@ -38,7 +38,7 @@ void renameIntoPlace(Store::Writer& writer, const std::filesystem::path& file, s
   std::error_code failure;
   std::filesystem::create_directories(target.parent_path(), failure);
   std::filesystem::rename(file, target, failure);
-  if (failure) throw DatabaseError(fmt::format("cannot keep a body: {}", failure.message()));
+  if (failure) throw DatabaseError(fmt::format("cannot store a body: {}", failure.message()));
 }
 
 // SplitMix64 of the word's number: any part can be computed without the parts before it.

@@ -14,8 +14,8 @@
 
 namespace kzv::standin {
 
-/// A body being received: hashed, and kept in memory while it is small, else in a temporary file, which is
-/// removed with the object unless its content was stored. Needs bounded memory. Used by one thread at a time.
+/// A body being received: hashed, and buffered in memory while small, else in a temporary file, which is
+/// removed with the object unless its content was stored. One thread at a time.
 class IncomingBody {
  public:
   explicit IncomingBody(std::filesystem::path folder) : folder_(std::move(folder)) {}
@@ -42,7 +42,7 @@ class IncomingBody {
   OwnedFd fd_;
 };
 
-/// A stored body opened for reading at any offset. It stays readable when the file is deleted.
+/// A stored body, readable at any offset, also after the file was deleted.
 class BodyReader {
  public:
   /// @return absent when there is no such content.
@@ -59,16 +59,16 @@ class BodyReader {
   OwnedFd fd_;
 };
 
-/// Stores the body if its bytes are not known yet. @return the number of the content; not yet counted as
-/// used.
+/// Stores the body unless its bytes are stored already. @return the content's number; uses are counted by
+/// useContent().
 std::int64_t storeContent(Store::Writer& writer, IncomingBody& body);
-/// The same for a complete file, which is moved into the store, with its known hash (32 raw bytes) and size.
+/// The same for a complete file with known hash (32 raw bytes) and size, which is moved into the store.
 std::int64_t storeContentFile(Store::Writer& writer, const std::filesystem::path& file,
                               const std::string& hash, std::uint64_t sizeBytes);
-/// Content computed from `seed` when it is read: costs no space, whatever its size.
+/// Stores content that is computed from `seed` when read, and so takes no space.
 std::int64_t storeSyntheticContent(Store::Writer& writer, std::int64_t seed, std::uint64_t sizeBytes);
 
-/// Counts `delta` more uses of a content; at zero it is removed, its file after the commit.
+/// Adds `delta` to a content's use count; at zero it is removed, its file after the commit.
 void useContent(Store::Writer& writer, std::int64_t contentId, std::int64_t delta);
 
 }  // namespace kzv::standin

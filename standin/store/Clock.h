@@ -5,7 +5,7 @@
 
 namespace kzv::standin {
 
-/// The service's wall clock: the system's plus an offset that tests move to let tokens and sessions expire.
+/// The service's wall clock: the system's plus an offset that tests set to make tokens and sessions expire.
 /// Thread-safe.
 class Clock {
  public:

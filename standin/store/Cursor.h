@@ -8,7 +8,7 @@ namespace kzv::standin {
 
 enum class CursorPhase : std::uint8_t { listing = 1, deletedListing = 2, changes = 3 };
 
-/// The contents of a listing's cursor. The text form is signed, so that clients cannot make one.
+/// The contents of a listing's cursor. The text form is signed, so that clients cannot forge one.
 struct Cursor {
   std::int64_t account = 0;
   std::int64_t namespaceId = 0;
@@ -29,16 +29,15 @@ struct Cursor {
   std::string afterPath;
 };
 
-/// Any bytes as signed URL-safe text, for cursors of other kinds; a text of one `kind` is not valid for
-/// another.
+/// Encodes bytes as signed URL-safe text, for other kinds of cursors; valid only for the same `kind`.
 std::string seal(std::string_view kind, std::string_view payload, std::string_view secret);
-/// The inverse; false for a text that was never made by seal() with this kind and secret.
+/// The inverse; false for a text that is not from seal() with this kind and secret.
 bool unseal(std::string_view kind, std::string_view text, std::string_view secret, std::string& payload);
 
 /// URL-safe text. @param secret  signs it.
 std::string encodeCursor(const Cursor& cursor, std::string_view secret);
 
-/// @return false for a text that was never a cursor of this service.
+/// @return false for a text that is not a cursor of this service.
 bool decodeCursor(std::string_view text, std::string_view secret, Cursor& cursor);
 
 }  // namespace kzv::standin

@@ -71,7 +71,7 @@ Database::Database(const std::string& file, bool readOnly, bool durable) {
   }
   sqlite3_busy_timeout(handle_, 10000);
   if (!readOnly) run("PRAGMA journal_mode=WAL");
-  // A temporary store is removed with the process and need not be synchronised to disk.
+  // A temporary store is removed with the process and need not be synced to disk.
   run(durable ? "PRAGMA synchronous=NORMAL" : "PRAGMA synchronous=OFF");
   run("PRAGMA mmap_size=8589934592; PRAGMA temp_store=MEMORY; PRAGMA cache_size=-65536");
 }

@@ -12,7 +12,7 @@ struct sqlite3_stmt;
 
 namespace kzv::standin {
 
-/// The store failed: disk full, file damaged. The dispatcher turns it into an answer of status 500.
+/// The store failed: disk full, file damaged. The dispatcher answers with status 500.
 class DatabaseError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -21,13 +21,13 @@ class DatabaseError : public std::runtime_error {
 /// Throws DatabaseError with the text of errno: "cannot write a body: No space left on device".
 [[noreturn]] void failErrno(std::string_view action);
 
-/// Raw bytes for a BLOB column, as opposed to text.
+/// Raw bytes for a BLOB column.
 struct Blob {
   std::string_view bytes;
 };
 
-/// One run of a prepared statement. Resets the statement when it goes out of scope, so that it can be run
-/// again. Views returned by text() and blob() are valid until the next step().
+/// One run of a prepared statement, which the destructor resets. Views returned by text() and blob() are
+/// valid until the next step().
 class Query {
  public:
   Query(sqlite3* handle, sqlite3_stmt* statement) : handle_(handle), statement_(statement) {}
@@ -55,8 +55,8 @@ class Query {
   sqlite3_stmt* statement_;
 };
 
-/// One SQLite connection with its prepared statements, which are kept for the connection's life.
-/// Not thread-safe: one thread at a time (Store hands connections out).
+/// One SQLite connection and its prepared statements, which live as long as the connection. One thread at a
+/// time (Store lends connections).
 class Database {
  public:
   /// Throws DatabaseError.
@@ -68,7 +68,7 @@ class Database {
   /// Runs statements without parameters, for example a schema.
   void run(const char* sql);
 
-  /// @param sql   a literal: statements are remembered by its address.
+  /// @param sql   a literal: statements are cached by its address.
   /// @param args  bound to ?1, ?2, ... Text must live until the Query ends.
   template <typename... Args>
   Query query(const char* sql, const Args&... args) {

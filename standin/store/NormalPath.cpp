@@ -104,12 +104,12 @@ std::string toNfc(std::string_view text) {
   if (isAscii(text)) return std::string(text);
   UErrorCode status = U_ZERO_ERROR;
   const icu::Normalizer2* nfc = icu::Normalizer2::getNFCInstance(status);
-  requireInvariant(U_SUCCESS(status), "ICU has its normalisation data");
+  requireInvariant(U_SUCCESS(status), "ICU must have its normalization data");
   std::string out;
   icu::StringByteSink<std::string> sink(&out);
   nfc->normalizeUTF8(0, icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())), sink, nullptr,
                      status);
-  requireInvariant(U_SUCCESS(status), "a path can be normalised");
+  requireInvariant(U_SUCCESS(status), "a path must be normalizable");
   return out;
 }
 

@@ -17,7 +17,7 @@ enum class PathVerdict {
 struct NormalPath {
   /// For display: NFC, the case as given, doubled slashes collapsed.
   std::string display;
-  /// The key: `display` lower-cased one character at a time.
+  /// The key: lowerCased(display).
   std::string lower;
 
   bool isRoot() const { return lower.empty(); }
@@ -31,7 +31,7 @@ struct PathOptions {
   bool refuseBeyondBmp = false;
 };
 
-/// Normalises a path of a request; no other function makes keys. Thread-safe.
+/// Normalizes a path from a request; the only function that makes keys. Thread-safe.
 /// @param text  "" or begins with "/", valid UTF-8.
 /// @param out   written only when the answer is `ok` or `disallowedName`.
 PathVerdict normalisePath(std::string_view text, const PathOptions& options, NormalPath& out);
@@ -45,8 +45,8 @@ std::string toNfc(std::string_view text);
 std::string_view parentOf(std::string_view path);
 /// The part of `path` after its last "/".
 std::string_view nameOf(std::string_view path);
-/// True when `path` lies below `folder` (both keys), not for the folder itself. Everything lies below the
-/// root "".
+/// Whether `path` is below `folder` (both keys); false for the folder itself. Everything is below the root
+/// "".
 bool isBelow(std::string_view path, std::string_view folder);
 
 /// First and past-the-end key of everything below `folder`: keys sort by bytes and "0" follows "/".

@@ -76,7 +76,7 @@ struct PixbufUnref {
 
 guchar channel(int value) { return static_cast<guchar>(value < 0 ? 0 : (value > 255 ? 255 : value)); }
 
-// A sky over hills: smooth enough to compress, with enough shape to tell pictures and orientations apart.
+// A sky over hills: smooth enough to compress, but with recognizable orientation.
 void paint(GdkPixbuf* pixbuf, int width, int height) {
   guchar* pixels = gdk_pixbuf_get_pixels(pixbuf);
   const int stride = gdk_pixbuf_get_rowstride(pixbuf);
@@ -97,7 +97,7 @@ void paint(GdkPixbuf* pixbuf, int width, int height) {
 std::string pictureBytes(const SamplePicture& picture) {
   const std::unique_ptr<GdkPixbuf, PixbufUnref> pixbuf(
       gdk_pixbuf_new(GDK_COLORSPACE_RGB, FALSE, 8, picture.width, picture.height));
-  requireInvariant(pixbuf != nullptr, "there is memory for a sample picture");
+  requireInvariant(pixbuf != nullptr, "there must be memory for a sample picture");
   paint(pixbuf.get(), picture.width, picture.height);
   gchar* buffer = nullptr;
   gsize size = 0;
@@ -114,14 +114,14 @@ std::string pictureBytes(const SamplePicture& picture) {
 
 NormalPath samplePath(std::string_view text) {
   NormalPath path;
-  requireInvariant(normalisePath(text, {}, path) == PathVerdict::ok, "sample paths are well formed");
+  requireInvariant(normalisePath(text, {}, path) == PathVerdict::ok, "sample paths must be well formed");
   return path;
 }
 
 void writeSample(Store::Writer& writer, std::int64_t tree, std::string_view path, std::string_view bytes,
                  std::string_view modified) {
   const bool written = writeText(writer, tree, samplePath(path), bytes, parseIsoTime(modified).value_or(0));
-  requireInvariant(written, "sample files do not stand in each other's way");
+  requireInvariant(written, "sample paths must not conflict");
 }
 
 }  // namespace

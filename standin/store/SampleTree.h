@@ -8,9 +8,9 @@ namespace kzv::standin {
 inline constexpr const char* kSampleName = "Sample User";
 inline constexpr const char* kSampleEmail = "sample.user@example.com";
 
-/// Makes the sample account with a small, lively tree, unless it is there already. The tree is the same in
-/// every run: documents, pictures with real image data, names with spaces, Unicode and mixed case, an empty
-/// file, an empty folder and a folder of 1,200 files. Throws DatabaseError.
+/// Creates the sample account with a small, varied tree, unless it exists. The tree is the same in every run:
+/// documents, pictures with real image data, names with spaces, Unicode and mixed case, an empty file, an
+/// empty folder and a folder of 1,200 files. Throws DatabaseError.
 void seedSampleAccount(ServiceState& state);
 
 }  // namespace kzv::standin

@@ -15,15 +15,15 @@
 namespace kzv::standin {
 
 struct StoreOptions {
-  /// Where state is kept. Empty: a temporary folder that is removed with the Store.
+  /// The folder of the state. Empty: a temporary one that is removed with the Store.
   std::filesystem::path folder;
 };
 
-/// The state of the stand-in on disk: one SQLite database (WAL) and a folder of bodies beside it.
+/// The stand-in's state on disk: one SQLite database (WAL) and a folder of bodies.
 ///
-/// Threads: any. Readers run in parallel, each on a connection of its own and on a stable snapshot; one
-/// writer at a time holds the write lock from construction to destruction. A thread that holds a Reader may
-/// not ask for a Writer. Errors: DatabaseError from every function that touches the database.
+/// Any thread. Readers run in parallel, each on its own connection and a stable snapshot; a writer holds the
+/// write lock from construction to destruction. A thread with a Reader must not construct a Writer. Errors:
+/// DatabaseError from every function that touches the database.
 class Store {
  public:
   /// A consistent view of the state for the life of the object.
@@ -78,15 +78,15 @@ class Store {
   /// The epoch of cursors; storing one also wakes waitForCommit().
   std::int64_t loadEpoch();
   void storeEpoch(std::int64_t epoch);
-  /// Number of the last commit, for waitForCommit().
+  /// The number of commits, for waitForCommit().
   std::uint64_t commits() const { return commits_; }
   /// Blocks until a commit after number `seen`, the deadline, or wakeWaiters(). @return false after
   /// wakeWaiters().
   bool waitForCommit(std::uint64_t seen, std::chrono::steady_clock::time_point deadline);
-  /// Ends all waits, present and future ones, before the program stops.
+  /// Ends current and later waits, before the program stops.
   void wakeWaiters();
 
-  /// Text of item `id`: "id:" and 22 URL-safe characters, the same as long as the item exists.
+  /// The text form of item `id`: "id:" and 22 URL-safe characters.
   std::string itemId(std::int64_t id) const;
   /// The inverse; 0 for a text that is not an item id of this store.
   std::int64_t itemFromId(std::string_view text) const;

@@ -162,7 +162,7 @@ std::optional<IssuedTokens> Tokens::refresh(const std::string& refreshToken, con
 
 void Tokens::addReadyToken(std::int64_t account, const std::string& token) {
   {
-    // The program was run with this token and --data before.
+    // Present if the program was run with this token and --data before.
     const std::lock_guard<std::mutex> lock(mutex_);
     if (accessTokens_.count(sha256(token)) != 0) return;
   }

@@ -17,7 +17,7 @@ namespace kzv::standin {
 struct Approval {
   std::int64_t account = 0;
   std::string client;
-  /// As given to the page; empty if none was.
+  /// From the page's request; may be empty.
   std::string redirectUri;
   /// PKCE (RFC 7636); empty without.
   std::string challenge;
@@ -48,18 +48,18 @@ struct TokenCheck {
   std::string scope;
 };
 
-/// Codes, access tokens and refresh tokens. Only digests are kept, so the database reveals no token. Codes
-/// are kept in memory; with `--data` tokens survive a restart. Thread-safe. Errors: DatabaseError.
+/// Codes, access tokens and refresh tokens. Only digests are stored, so the database reveals no token. Codes
+/// are in memory; with `--data` tokens survive a restart. Thread-safe. Errors: DatabaseError.
 class Tokens {
  public:
   Tokens(Store& store, const Clock& clock);
 
-  /// Every scope there is, space-separated.
+  /// All scopes, space-separated.
   static const std::string& allScopes();
 
-  /// A code for one use within ten minutes.
+  /// Returns a code for one use within ten minutes.
   std::string issueCode(Approval approval);
-  /// Removes the code, whether it is valid or not: a code works once.
+  /// Removes the code, also if it has expired: a code works once.
   /// @return absent when it is unknown, used or expired.
   std::optional<Approval> takeCode(const std::string& code);
 

@@ -19,7 +19,7 @@ struct EntryView {
   std::string_view lower;
   std::string_view display;
   bool isFolder = false;
-  /// Number of its last change in the journal.
+  /// Journal number of its last change.
   std::int64_t seq = 0;
   // Files only; 0 and empty for folders. Times in seconds since the epoch.
   std::int64_t rev = 0;
@@ -62,7 +62,7 @@ class Entry {
   std::string hash_;
 };
 
-/// The path of a deleted item, as it was last.
+/// The last path of a deleted item.
 struct TombstoneView {
   std::string_view lower;
   std::string_view display;
@@ -76,7 +76,7 @@ struct Scope {
   bool recursive = false;
 };
 
-/// The position of a listing: by id for the children of a folder, by path for the rest.
+/// The position of a listing: by id for the children of a folder, else by path.
 struct ListPosition {
   std::int64_t afterId = 0;
   std::string afterPath;
@@ -86,7 +86,7 @@ struct FeedPage {
   /// Journal number up to which all changes have been returned.
   std::int64_t position = 0;
   bool hasMore = false;
-  /// The folder itself, or one above it, was deleted and made again: its contents need a new listing.
+  /// The folder itself, or one above it, was deleted and created again: it must be listed anew.
   bool folderReplaced = false;
 };
 
@@ -107,14 +107,14 @@ class Tree {
 
   std::optional<Entry> find(std::string_view lower) const;
   std::optional<Entry> byId(std::int64_t id) const;
-  /// Any revision of a live file, with the file's present name; or of one of the files that were deleted
-  /// last, with its last name and parent 0.
+  /// Any revision of a live file, with its current name; or of a recently deleted file, with its last name
+  /// and parent 0.
   std::optional<Entry> byRev(std::int64_t rev) const;
   /// The display form of a deleted item's path.
   std::optional<std::string> tombstone(std::string_view lower) const;
 
-  /// Live items of the scope after `position`, at most `limit`; advances `position`. The folder itself
-  /// belongs to a recursive listing. @return true when there may be more.
+  /// Live items of the scope after `position`, at most `limit`; advances `position`. A recursive listing
+  /// includes the folder itself. @return true when there may be more.
   bool list(const Scope& scope, ListPosition& position, std::size_t limit, const EntrySink& sink) const;
   /// The same for deleted items.
   bool listTombstones(const Scope& scope, ListPosition& position, std::size_t limit,
@@ -152,8 +152,8 @@ struct FileContent {
   std::int64_t serverModified = 0;
 };
 
-/// Changes to one tree within one transaction. Writes the journal, the tombstones and the count of used
-/// bytes. The caller has checked the names, and that nothing is in the way.
+/// Changes one tree in one transaction. Updates the journal, the tombstones and the used bytes. The caller
+/// must have checked names and conflicts.
 class TreeEditor {
  public:
   TreeEditor(Store::Writer& writer, std::int64_t tree)
@@ -161,21 +161,19 @@ class TreeEditor {
 
   const Tree& tree() const { return tree_; }
 
-  /// Creates `folder` and its missing parents. @return absent when a file stands where a folder
-  /// is needed.
+  /// Creates `folder` and its missing parents. @return absent when a file is in the way.
   std::optional<Folder> ensureFolder(const NormalPath& folder);
-  /// A new item; only the last component of `path` counts, the rest is the parent's. @return its id.
+  /// Adds an item; only the last component of `path` is used, the rest is the parent's. @return its id.
   std::int64_t addFile(const NormalPath& path, const Folder& parent, const FileContent& file);
   std::int64_t addFolder(const NormalPath& path, const Folder& parent);
-  /// `count` new files with generated names, which take turns in `contents`; none of the names is taken. Fast
-  /// enough for a million files.
+  /// Adds `count` files with generated names, which must be free, and contents from `contents` in rotation.
+  /// Fast enough for a million files.
   void addManyFiles(const Folder& parent, std::size_t count, const std::vector<FileContent>& contents);
-  /// New bytes for a file that exists: same id, new rev.
+  /// Replaces a file's bytes: same id, new rev.
   void replaceFile(const Entry& file, const FileContent& content);
-  /// Deletes the item with everything below it. Revisions of the last thousand deleted files remain, see
-  /// byRev().
+  /// Deletes the item with everything below it. Revisions of recently deleted files remain (see byRev()).
   void remove(const Entry& entry);
-  /// Moves the item with everything below it; `to` is free and `parent` exists. Ids and revs stay.
+  /// Moves the item with everything below it; `to` must be free and `parent` exist. Ids and revs stay.
   void move(const Entry& entry, const NormalPath& to, const Folder& parent);
   /// Copies the item with everything below it, under new ids and revs. @return the id of the copy.
   std::int64_t copy(const Entry& entry, const NormalPath& to, const Folder& parent, std::int64_t now);

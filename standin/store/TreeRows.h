@@ -1,6 +1,6 @@
 #pragma once
 
-// How a row of `entries` becomes an EntryView; shared by the Tree_*.cpp files.
+// Converts a row of `entries` to an EntryView; shared by the Tree_*.cpp files.
 
 #include "standin/store/Tree.h"
 

@@ -19,8 +19,8 @@ bool coversDeleted(const Scope& scope, std::string_view lower) {
   return lower == scope.folderLower || isBelow(lower, scope.folderLower);
 }
 
-// Whether the deletion of `lower` removed the folder. A recursive feed reports the folder's own deletion; any
-// other would not report that the folder's former contents are gone.
+// Whether the deletion of `lower` removed the folder, in a way that the feed would not report: a recursive
+// feed reports the folder's own deletion.
 bool removedFolder(const Scope& scope, std::string_view lower) {
   if (scope.folderLower.empty()) return false;
   return isBelow(scope.folderLower, lower) || (lower == scope.folderLower && !scope.recursive);
@@ -28,9 +28,9 @@ bool removedFolder(const Scope& scope, std::string_view lower) {
 
 }  // namespace
 
-// Why it is enough to report each live item once, at its last change, and each deletion: an earlier state of
-// an item is superseded by the later one, and an item that was deleted or moved away is covered by the
-// deletion of its old path, which has a higher number than the change that is left out.
+// It is enough to report each live item once, at its last change, and each deletion: later states of an item
+// supersede earlier ones, and for an item that was deleted or moved away the deletion of its old path has a
+// higher number than any omitted change.
 FeedPage Tree::changes(const Scope& scope, std::int64_t after, std::size_t limit,
                        const EntrySink& sink) const {
   Query live = database_.query("SELECT " KZV_ENTRY_COLUMNS " FROM" KZV_ENTRY_TABLES
@@ -43,20 +43,20 @@ FeedPage Tree::changes(const Scope& scope, std::int64_t after, std::size_t limit
   bool moreGone = gone.step();
   FeedPage page;
   page.position = after;
-  std::size_t told = 0;
+  std::size_t reported = 0;
   std::size_t skipped = 0;
   while (moreLive || moreGone) {
     const bool takeLive = moreLive && (!moreGone || live.integer(5) < gone.integer(0));
     const std::int64_t seq = takeLive ? live.integer(5) : gone.integer(0);
     const bool wanted = takeLive ? covers(scope, entryFromRow(live)) : coversDeleted(scope, gone.text(1));
     if (!takeLive && removedFolder(scope, gone.text(1))) page.folderReplaced = true;
-    if ((wanted && told == limit) || skipped == kMaxSkipped) {
+    if ((wanted && reported == limit) || skipped == kMaxSkipped) {
       page.hasMore = true;
       return page;
     }
     if (wanted && takeLive) sink.entry(entryFromRow(live));
     if (wanted && !takeLive) sink.deleted({gone.text(1), gone.text(2)});
-    ++(wanted ? told : skipped);
+    ++(wanted ? reported : skipped);
     page.position = seq;
     if (takeLive) {
       moreLive = live.step();

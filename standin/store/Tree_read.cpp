@@ -67,8 +67,8 @@ std::optional<std::string> Tree::tombstone(std::string_view lower) const {
 bool Tree::list(const Scope& scope, ListPosition& position, std::size_t limit, const EntrySink& sink) const {
   const auto rows = static_cast<std::int64_t>(limit) + 1;
   const KeyRange range = subtreeRange(scope.folderLower);
-  // The folder's own key sorts before everything below it, so the whole subtree is "from the folder on", but
-  // for siblings such as "/a b", which sort between "/a" and "/a/x".
+  // The folder's key sorts before everything below it, but siblings such as "/a b" sort between "/a" and
+  // "/a/x", so the range starts at "/a/".
   const std::string& from = position.afterPath.empty() ? range.first : position.afterPath;
   if (scope.recursive && position.afterPath.empty() && !scope.folderLower.empty()) {
     if (const auto self = find(scope.folderLower)) {

@@ -11,7 +11,7 @@ namespace kzv::standin {
 
 namespace {
 
-// Revisions of the files that were deleted last are kept, up to this number of files and bytes.
+// Revisions of recently deleted files are kept, up to this number of files and bytes.
 constexpr std::int64_t kMaxDeletedFiles = 1000;
 constexpr std::int64_t kMaxDeletedBytes = std::int64_t{256} << 20;
 
@@ -130,7 +130,7 @@ void TreeEditor::bury(const Entry& entry) {
       tree_.number(), range.first, range.end);
 }
 
-// Keeps the revisions, the current one included, of the files that are about to be deleted.
+// Keeps all revisions, with the current ones, of files that are about to be deleted.
 void TreeEditor::keepRevisions(const Entry& entry) {
   const KeyRange range = subtreeRange(entry.lower());
   database_.execute(
@@ -191,7 +191,7 @@ void TreeEditor::move(const Entry& entry, const NormalPath& to, const Folder& pa
   bury(entry);
   for (const std::int64_t id : ids) {
     const auto item = tree_.byId(id);
-    requireInvariant(item.has_value(), "an item of a subtree exists while it is moved");
+    requireInvariant(item.has_value(), "an item of a subtree must exist while it is moved");
     const std::string lower = target.lower + item->lower().substr(entry.lower().size());
     const std::string display = target.display + item->display().substr(entry.display().size());
     database_.execute("DELETE FROM tombstones WHERE tree=?1 AND path_lower=?2", tree_.number(), lower);
@@ -207,7 +207,7 @@ std::int64_t TreeEditor::copy(const Entry& entry, const NormalPath& to, const Fo
   std::int64_t top = 0;
   for (const std::int64_t id : tree_.subtreeIds(entry)) {
     const auto item = tree_.byId(id);
-    requireInvariant(item.has_value(), "an item of a subtree exists while it is copied");
+    requireInvariant(item.has_value(), "an item of a subtree must exist while it is copied");
     const bool isTop = id == entry.id();
     const NormalPath path = isTop ? to : pathOf(*item);
     const Folder& into = isTop ? parent : copies.at(item->parent());

@@ -152,7 +152,7 @@ UploadSessions::Outcome UploadSessions::append(const Piece& piece) {
   if (!known) return {Problem::notFound};
   const auto session = lockable(piece.session);
   if (known->concurrent) {
-    // Parallel pieces may still arrive after the one that closes: only sequential sessions refuse them.
+    // Parallel pieces may arrive after the closing one: only sequential sessions refuse them.
     return appendConcurrent(piece, *session);
   }
   const std::lock_guard<std::mutex> lock(session->mutex);

@@ -14,9 +14,9 @@
 
 namespace kzv::standin {
 
-/// Uploads in pieces. Each session has a file of its own; its row in the database says how much of it is
-/// valid, so an interrupted piece has no effect. Thread-safe: pieces of a sequential session are serialised,
-/// those of a concurrent one are written in parallel. Errors: DatabaseError.
+/// Uploads in pieces. Each session has its own file; its database row says how many bytes are valid, so an
+/// interrupted piece has no effect. Thread-safe: pieces of a sequential session are serialized, those of a
+/// concurrent one are written in parallel. Errors: DatabaseError.
 class UploadSessions {
  public:
   static constexpr std::uint64_t kBlockBytes = 4194304;
@@ -64,10 +64,9 @@ class UploadSessions {
   /// @return the session's id.
   std::string start(std::int64_t account, bool concurrent);
   Outcome append(const Piece& piece);
-  /// A complete session, ready to be committed. The session is locked until `finished` is
-  /// destroyed.
+  /// A complete session, ready to be committed, and locked until this is destroyed.
   struct Ready {
-    // Holds the mutex of `lock`, so it has to be destroyed after it: it may be the last owner of the session.
+    // Owns the session with the mutex of `lock`, so it must be destroyed after it.
     std::shared_ptr<void> keepAlive;
     std::unique_lock<std::mutex> lock;
     std::filesystem::path file;
@@ -77,7 +76,7 @@ class UploadSessions {
   /// Appends the piece (not to a concurrent session), then checks that the session is complete.
   /// @param mustBeClosed  batch commits need a closed session.
   Outcome prepareFinish(const Piece& piece, bool mustBeClosed, Ready& ready);
-  /// Marks the session as used; to be called after the commit, before `ready` is destroyed.
+  /// Removes the session; call after the commit, before `ready` is destroyed.
   void remove(const std::string& session);
 
  private:
