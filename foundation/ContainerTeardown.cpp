@@ -4,46 +4,46 @@ namespace {
 
 constexpr int deepest = 64;
 
-/// Members of containers that went too deep inside others to be released there.
-struct Waiting {
+/// Members of containers nested deeper than `deepest`; released iteratively.
+struct Deferred {
   std::vector<ContainerTeardown::Items> items;
   std::vector<ContainerTeardown::Entries> entries;
 };
 
 thread_local int depth = 0;
-thread_local Waiting* waiting = nullptr;
+thread_local Deferred* deferred = nullptr;
 
 template <class Members>
-void takeLast(std::vector<Members>& rows) noexcept {
+void releaseLast(std::vector<Members>& rows) noexcept {
   const Members next = std::move(rows.back());
   rows.pop_back();
 }
 
-/// Runs on the outermost container of this thread that is being destroyed.
-void releaseWaiting() noexcept {
-  while (waiting && (!waiting->items.empty() || !waiting->entries.empty())) {
-    if (!waiting->items.empty()) takeLast(waiting->items);
-    if (!waiting->entries.empty()) takeLast(waiting->entries);
+/// Called by the outermost container that this thread is destroying.
+void releaseDeferred() noexcept {
+  while (deferred && (!deferred->items.empty() || !deferred->entries.empty())) {
+    if (!deferred->items.empty()) releaseLast(deferred->items);
+    if (!deferred->entries.empty()) releaseLast(deferred->entries);
   }
-  delete std::exchange(waiting, nullptr);
+  delete std::exchange(deferred, nullptr);
 }
 
 template <class Members>
-void releaseMembers(Members& members, std::vector<Members> Waiting::*rows) noexcept {
+void releaseMembers(Members& members, std::vector<Members> Deferred::*rows) noexcept {
   if (members.empty()) return;
   if (depth == deepest) {
-    if (!waiting) waiting = std::make_unique<Waiting>().release();
-    (waiting->*rows).push_back(std::move(members));
+    if (!deferred) deferred = std::make_unique<Deferred>().release();
+    (deferred->*rows).push_back(std::move(members));
     return;
   }
   ++depth;
   members.clear();
-  if (depth == 1 && waiting) releaseWaiting();
+  if (depth == 1 && deferred) releaseDeferred();
   --depth;
 }
 
 }  // namespace
 
-void ContainerTeardown::release(Items& items) noexcept { releaseMembers(items, &Waiting::items); }
+void ContainerTeardown::release(Items& items) noexcept { releaseMembers(items, &Deferred::items); }
 
-void ContainerTeardown::release(Entries& entries) noexcept { releaseMembers(entries, &Waiting::entries); }
+void ContainerTeardown::release(Entries& entries) noexcept { releaseMembers(entries, &Deferred::entries); }

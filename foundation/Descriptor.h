@@ -4,8 +4,8 @@
 
 #include <unistd.h>
 
-/// A file descriptor that closes itself. Negative: none; then `errno` still tells why, if it was made from a
-/// call that failed.
+/// A file descriptor that closes itself. Negative: none; `errno` then has the reason if it was constructed
+/// from a failed call.
 class Descriptor {
  public:
   Descriptor() = default;
@@ -21,9 +21,9 @@ class Descriptor {
 
   bool isOpen() const noexcept { return number_ >= 0; }
   int number() const noexcept { return number_; }
-  /// Gives the descriptor up without closing it: another owner closes it.
+  /// Releases ownership without closing.
   int release() noexcept { return std::exchange(number_, -1); }
-  /// Closes now. 0, or the errno value of a write that the system reports only here.
+  /// Closes now. 0, or an errno value: the system may report a failed write only here.
   int close() { return ::close(std::exchange(number_, -1)) == 0 ? 0 : errno; }
 
  private:

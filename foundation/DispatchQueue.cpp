@@ -37,8 +37,8 @@ class GlobalQueue final : public DispatchQueue {
  private:
   static constexpr std::size_t maxWorkers = 64;
 
-  /// Where the system has no thread to give, the block stays queued for the next worker that becomes free;
-  /// the next async tries again.
+  /// When the system cannot create a thread, the block stays queued for the next free worker; the next async
+  /// tries again.
   void startWorker() {
     try {
       std::thread([this] { work(); }).detach();
@@ -64,7 +64,7 @@ class GlobalQueue final : public DispatchQueue {
         blocks_.pop_front();
         lock.unlock();
         runGuarded(block);
-      }  // what the block held goes before the lock is taken again: its destructor may come back here
+      }  // the block is destroyed without the lock: its captures' destructors may call async
       lock.lock();
     }
   }
@@ -122,7 +122,7 @@ class SerialQueue final : public DispatchQueue {
 
 }  // namespace
 
-// Both queues outlive everything: workers still run while statics are destroyed.
+// Never destroyed: workers still run while statics are destroyed.
 DispatchQueue& DispatchQueue::global() {
   static auto& queue = *new GlobalQueue;
   return queue;

@@ -17,7 +17,7 @@ namespace {
 constexpr std::chrono::milliseconds retryPause{5};
 
 /// The process that holds the flock of an open file, from /proc/locks (proc(5)): "1: FLOCK ADVISORY WRITE
-/// 1234 08:02:5678 0 EOF". 0 when it is not listed, as for processes of another container.
+/// 1234 08:02:5678 0 EOF". 0 when it is not listed, e.g. a process of another container.
 pid_t holderOf(int file) {
   struct stat status {};
   if (::fstat(file, &status) != 0) return 0;
@@ -26,8 +26,8 @@ pid_t holderOf(int file) {
     std::istringstream words(line);
     std::string number, kind, mode, access, place;
     pid_t process = 0;
-    // A waiting process has "->" for its kind. The device is not compared: on stacked file systems it differs
-    // from stat's.
+    // For a process that waits for the lock `kind` is "->". The device is not compared: on stacked file
+    // systems it differs from stat's.
     words >> number >> kind >> mode >> access >> process >> place;
     const auto inode = place.rfind(':');
     if (kind == "FLOCK" && inode != std::string::npos &&
@@ -56,24 +56,24 @@ NSErrorRef heldError(const std::string& path, pid_t holder) {
 
 }  // namespace
 
-FileLock::FileLock(const std::string& path, std::chrono::milliseconds patience)
-    : FileLock(AT_FDCWD, path, O_CREAT, patience) {}
+FileLock::FileLock(const std::string& path, std::chrono::milliseconds timeout)
+    : FileLock(AT_FDCWD, path, O_CREAT, timeout) {}
 
 FileLock::FileLock(const Descriptor& folder, const std::string& name, LockFile lockFile,
-                   std::chrono::milliseconds patience)
+                   std::chrono::milliseconds timeout)
     : FileLock(folder.number(), name,
                lockFile == LockFile::create      ? O_CREAT
                : lockFile == LockFile::createNew ? O_CREAT | O_EXCL
                                                  : 0,
-               patience) {}
+               timeout) {}
 
-FileLock::FileLock(int folder, const std::string& name, int flags, std::chrono::milliseconds patience)
+FileLock::FileLock(int folder, const std::string& name, int flags, std::chrono::milliseconds timeout)
     : file_(::openat(folder, name.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | flags, 0600)) {
   if (!file_.isOpen()) {
     error_ = NSError::posix(errno, name);
     return;
   }
-  const auto deadline = std::chrono::steady_clock::now() + patience;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (::flock(file_.number(), LOCK_EX | LOCK_NB) != 0) {
     const int reason = errno;
     const bool isHeldElsewhere = reason == EWOULDBLOCK;
@@ -88,7 +88,7 @@ FileLock::FileLock(int folder, const std::string& name, int flags, std::chrono::
     std::this_thread::sleep_for(retryPause);
   }
   struct stat status {};
-  const bool isThere =
+  const bool stillExists =
       ::fstat(file_.number(), &status) == 0 && status.st_nlink > 0 && S_ISREG(status.st_mode);
-  if (!isThere) error_ = NSError::posix(ENOENT, name);
+  if (!stillExists) error_ = NSError::posix(ENOENT, name);
 }

@@ -2,8 +2,7 @@
 #include <mutex>
 #include <utility>
 
-/// A value that threads share: read and written whole, each time under a lock of its own that is held for the
-/// copy only. Any thread.
+/// A value shared between threads, read and written as a whole under its own lock. Any thread.
 template <class Value>
 class Guarded {
  public:
@@ -16,9 +15,9 @@ class Guarded {
   }
   void set(Value value) {
     const std::lock_guard lock(mutex_);
-    std::swap(value_, value);  // the old one goes when the argument does: after the lock
+    std::swap(value_, value);  // the old value is destroyed with the argument, after the lock
   }
-  /// Changes the value in place; `change` must not come back here.
+  /// Changes the value in place; `change` runs under the lock and must not use this object.
   template <class Change>
   decltype(auto) update(Change&& change) {
     const std::lock_guard lock(mutex_);

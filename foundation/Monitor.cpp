@@ -4,7 +4,7 @@
 
 void Monitor::lock() {
   const auto self = std::this_thread::get_id();
-  // Only this thread can have stored its own id, so a relaxed read that finds it is certain.
+  // Only this thread stores its own id, so a relaxed load that finds it is reliable.
   if (owner_.load(std::memory_order_relaxed) == self) {
     ++depth_;
     return;
@@ -22,7 +22,7 @@ void Monitor::lock() {
 
 void Monitor::unlock() {
   if (owner_.load(std::memory_order_relaxed) != std::this_thread::get_id()) {
-    fatalInvariant("a monitor is unlocked by the thread that holds it");
+    fatalInvariant("a monitor must be unlocked by the thread that holds it");
   }
   if (--depth_ > 0) return;
   owner_.store(std::thread::id(), std::memory_order_relaxed);

@@ -3,9 +3,9 @@
 #include <mutex>
 #include <thread>
 
-/// A recursive lock: the owning thread may lock again and unlocks as often. Spins shortly before it sleeps,
-/// because what it guards here (one cache lookup) takes less time than going to sleep. Meets BasicLockable.
-/// Any thread; unlocking what another thread holds stops the process.
+/// A recursive mutex. Spins briefly before it sleeps, because its critical sections (one cache lookup) are
+/// shorter than a sleep. Meets BasicLockable. Any thread; unlocking it on a thread that does not hold it
+/// aborts the process.
 class Monitor {
  public:
   void lock();
@@ -14,5 +14,5 @@ class Monitor {
  private:
   std::mutex mutex_;
   std::atomic<std::thread::id> owner_{};
-  unsigned depth_ = 0;  // touched by the owner only
+  unsigned depth_ = 0;  // accessed only by the owner
 };

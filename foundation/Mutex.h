@@ -5,8 +5,7 @@
 
 /// A mutex, its guard and its condition variable with Clang's thread-safety annotations: clang
 /// -Wthread-safety then checks at compile time that guarded values are used under their lock. Other compilers
-/// see the standard library's types and nothing else. See
-/// https://clang.llvm.org/docs/ThreadSafetyAnalysis.html.
+/// ignore the annotations. See https://clang.llvm.org/docs/ThreadSafetyAnalysis.html.
 ///
 ///   mutable Mutex mutex_;
 ///   int count_ KZV_GUARDED_BY(mutex_) = 0;
@@ -41,7 +40,7 @@ class KZV_CAPABILITY("mutex") Mutex {
   std::mutex mutex_;
 };
 
-/// Holds a mutex until its end; unlock() and lock() give it up for a while.
+/// Holds a mutex until the end of its scope; unlock() and lock() release it temporarily.
 class KZV_SCOPED_CAPABILITY MutexLock {
  public:
   explicit MutexLock(Mutex& mutex) KZV_ACQUIRE(mutex) : lock_(mutex.mutex_) {}
@@ -67,7 +66,7 @@ class Condition {
   void wait(MutexLock& lock, Predicate isTrue) KZV_NO_THREAD_SAFETY_ANALYSIS {
     condition_.wait(lock.lock_, isTrue);
   }
-  /// These two return what the predicate says at the end.
+  /// These two return the predicate's last result.
   template <class Duration, class Predicate>
   bool waitFor(MutexLock& lock, Duration time, Predicate isTrue) KZV_NO_THREAD_SAFETY_ANALYSIS {
     return condition_.wait_for(lock.lock_, time, isTrue);
@@ -77,7 +76,7 @@ class Condition {
                  Predicate isTrue) KZV_NO_THREAD_SAFETY_ANALYSIS {
     return condition_.wait_until(lock.lock_, end, isTrue);
   }
-  /// Until the time, a notification, or for no reason: the caller looks again.
+  /// Returns at `end`, at a notification, or spuriously.
   void waitUntil(MutexLock& lock, std::chrono::steady_clock::time_point end) {
     condition_.wait_until(lock.lock_, end);
   }

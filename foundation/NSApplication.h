@@ -1,8 +1,7 @@
 #pragma once
 #include <string_view>
 
-/// Posted on the main queue when the person turns to the application again, for instance after having been
-/// sent to the browser. A host without windows posts it when it can tell by other means: a key was pressed,
-/// the browser has come back.
+/// Posted on the main queue when the user returns to the application, for instance from the browser. A host
+/// without windows posts it on other evidence: a key press, or the browser's callback.
 inline constexpr std::string_view NSApplicationDidBecomeActiveNotification =
     "NSApplicationDidBecomeActiveNotification";

@@ -5,7 +5,7 @@
 #include "foundation/NSObject.h"
 
 /// An immutable array of objects, none of them empty (NSNull represents null). May be nested to any depth;
-/// isEqual and description are recursive, so they are for data whose depth was limited when it was read.
+/// but isEqual and description recurse, so use them only on data whose depth was limited when it was parsed.
 class NSArray final : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::array;

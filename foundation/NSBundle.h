@@ -16,10 +16,10 @@ class NSBundle final : public NSObject {
 
   /// Absolute.
   const std::string& bundlePath() const noexcept { return path_; }
-  /// Loads the code (once, also when several threads ask) and adds the bundle to loadedBundles(). The code is
+  /// Loads the code (once, even when called concurrently) and adds the bundle to loadedBundles(). The code is
   /// never unloaded: its threads may run until the process ends. Blocks for the disk and the code's
   /// initialisers. The error is in NSPOSIXErrorDomain when the file cannot be read, else in domain "NSBundle"
-  /// with the loader's reason.
+  /// with the dynamic loader's message.
   bool load(NSErrorRef* error = nullptr);
   /// The address of a function or object that the loaded code exports, or null; also null before load().
   void* symbol(const std::string& name) const;
@@ -28,7 +28,8 @@ class NSBundle final : public NSObject {
 
   /// The bundles whose resources imageNamed and L search, in order of loading.
   static std::vector<std::shared_ptr<NSBundle>> loadedBundles();
-  /// Adds resources without code, for programs that have the code linked in. A folder is added only once.
+  /// Adds a bundle's resources without loading code, for programs that link the code. A folder is added only
+  /// once.
   static void addResources(std::shared_ptr<NSBundle> bundle);
 
  private:

@@ -9,7 +9,7 @@ namespace {
 struct Unit {
   const char* name;
   std::uint64_t bytes;
-  std::uint64_t parts;  // of a unit that are shown: 1, 10 or 100
+  std::uint64_t parts;  // displayed fractions of a unit: 1, 10 or 100
 };
 
 constexpr std::array units{Unit{"KB", 1'000, 1}, Unit{"MB", 1'000'000, 10}, Unit{"GB", 1'000'000'000, 100},
@@ -40,7 +40,7 @@ std::string stringFromByteCount(std::int64_t bytes) {
   if (magnitude < 1000) return fmt::format("{}{} {}", sign, magnitude, magnitude == 1 ? "byte" : "bytes");
   for (const Unit& unit : units) {
     const std::uint64_t parts = rounded(magnitude, unit);
-    const bool fits = parts < 1000 * unit.parts;  // what rounds to 1000 is one of the next unit
+    const bool fits = parts < 1000 * unit.parts;  // 1000 of a unit is shown as 1 of the next
     if (fits || &unit == &units.back()) return sign + withoutTrailingZeros(parts, unit) + " " + unit.name;
   }
   return {};

@@ -10,5 +10,6 @@ void NSCondition::wait() {
 void NSCondition::signal() {
   if (released_ == arrived_) return;
   ++released_;
-  wakeUp_.notify_all();  // the one whose ticket it is goes on; there is rarely a second
+  wakeUp_.notify_all();  // only the waiter with the released ticket continues; there is rarely more than one
+                         // waiter
 }

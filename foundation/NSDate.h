@@ -6,7 +6,7 @@
 
 #include "foundation/NSObject.h"
 
-/// A moment of the calendar clock (UTC).
+/// A point in time of the system clock (UTC).
 class NSDate final : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::date;
@@ -21,8 +21,8 @@ class NSDate final : public NSObject {
 
   /// "2024-05-01T09:30:00Z": UTC, whole seconds (RFC 3339).
   static std::string iso8601(Time time);
-  /// Reads the form that iso8601 writes; nothing for any other text, an impossible date, or a year that Time
-  /// cannot hold (before 1678 or after 2261).
+  /// Parses the format that iso8601 writes; nothing for any other text, an impossible date, or a year that
+  /// Time cannot hold (before 1678 or after 2261).
   static std::optional<Time> fromIso8601(std::string_view text);
 
  private:

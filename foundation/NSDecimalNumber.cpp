@@ -9,7 +9,8 @@ namespace {
 constexpr std::size_t maxDigits = 38;
 constexpr long minExponent = -128;
 constexpr long maxExponent = 127;
-// No number of digits that fits into memory brings a larger exponent back into range.
+// Clamped here against overflow; no number of digits that fits into memory would bring such an exponent into
+// range.
 constexpr long exponentBound = 1'000'000'000'000'000;
 
 std::string_view takeDigits(std::string_view& text) {
@@ -90,7 +91,7 @@ std::optional<std::string> NSDecimalNumber::canonicalText(std::string_view text)
   round(digits, exponent);
   dropOuterZeros(digits, exponent);
   if (digits.empty()) return "0";
-  // Digits that are still free can take zeros, which lowers the exponent.
+  // Unused digits can hold trailing zeros, which lowers the exponent.
   const auto freeDigits = static_cast<long>(maxDigits - digits.size());
   if (exponent < minExponent || exponent > maxExponent + freeDigits) return std::nullopt;
   return (isNegative ? "-" : "") + withoutExponent(std::move(digits), exponent);

@@ -5,26 +5,25 @@
 
 #include "foundation/NSNumber.h"
 
-/// A decimal number: up to 38 significant digits and an exponent of ten from -128 to 127, exact from its
-/// text.
+/// An exact decimal number: up to 38 significant digits and an exponent of ten from -128 to 127.
 class NSDecimalNumber final : public NSNumber {
  public:
   /// Reads [+-]digits[.digits][(e|E)[+-]digits]. More than 38 digits are rounded half up. Nothing when the
-  /// text has another form or the exponent is out of range.
+  /// text is malformed or the exponent is out of range.
   static std::shared_ptr<NSDecimalNumber> fromString(std::string_view text);
   /// The stringValue of the number that `text` denotes; nothing as with fromString.
   static std::optional<std::string> canonicalText(std::string_view text);
-  /// The one constant; equal to itself only.
+  /// A constant; equal only to itself.
   static const std::shared_ptr<NSDecimalNumber>& notANumber();
 
-  /// `text` is a canonicalText(), or "NaN". For callers that have memory for the object; others use
+  /// `text` is a canonicalText(), or "NaN". For callers that allocate the object themselves; others use
   /// fromString.
   explicit NSDecimalNumber(std::string text) : NSNumber(Origin::decimal), text_(std::move(text)) {}
 
   std::int64_t int64Value() const noexcept override;
   double doubleValue() const noexcept override;
   bool isNaN() const noexcept override { return text_ == "NaN"; }
-  /// Never with an exponent ("1000", "0.001"), without trailing zeros after the point; minus zero is "0".
+  /// Without an exponent ("1000", "0.001"), without trailing zeros after the point; minus zero is "0".
   std::string stringValue() const override { return text_; }
   const std::string& text() const noexcept { return text_; }
 
@@ -32,7 +31,7 @@ class NSDecimalNumber final : public NSNumber {
   const std::string text_;
 };
 
-/// Shares the kind of all numbers, so the origin decides.
+/// NSDecimalNumber shares NSNumber's kind; the origin distinguishes them.
 template <>
 inline NSDecimalNumber* as<NSDecimalNumber>(NSObject* object) {
   auto* number = as<NSNumber>(object);

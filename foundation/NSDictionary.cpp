@@ -15,8 +15,8 @@ constexpr std::size_t absent = static_cast<std::size_t>(-1);
 
 std::uint64_t mixed(std::uint64_t bits) { return (bits ^ bits >> 32) * 0x9E3779B97F4A7C15U; }
 
-/// Equal keys have equal marks. Cheaper than a hash: a string's mark comes from its length and both its ends.
-std::uint64_t markOf(const NSObject& key) {
+/// A cheap hash: of a string only its length, first and last 8 bytes. Equal keys have equal fingerprints.
+std::uint64_t fingerprintOf(const NSObject& key) {
   const auto* string = as<NSString>(&key);
   if (!string) return mixed(key.hash());
   const std::string& text = string->text();
@@ -35,7 +35,7 @@ std::uint64_t markOf(const NSObject& key) {
 
 NSDictionary::NSDictionary(Entries entries) : entries_(std::move(entries)) {
   if (entries_.size() <= largestWithoutIndex) {
-    mergeEqualKeysInLine();
+    mergeEqualKeysByScan();
   } else {
     mergeEqualKeysByIndex();
   }
@@ -43,15 +43,15 @@ NSDictionary::NSDictionary(Entries entries) : entries_(std::move(entries)) {
 
 NSDictionary::~NSDictionary() { ContainerTeardown::release(entries_); }
 
-void NSDictionary::mergeEqualKeysInLine() {
-  std::array<std::uint64_t, largestWithoutIndex> marks;
-  std::uint64_t seen = 0;  // a bit for the top of each mark: one that is clear saves the search
+void NSDictionary::mergeEqualKeysByScan() {
+  std::array<std::uint64_t, largestWithoutIndex> fingerprints;
+  std::uint64_t seen = 0;  // one bit per value of a fingerprint's top 6 bits: clear if not seen before
   bool merged = false;
   for (std::size_t at = 0; at < entries_.size(); ++at) {
-    marks[at] = markOf(*entries_[at].first);
-    const std::uint64_t bit = std::uint64_t{1} << (marks[at] >> 58);
+    fingerprints[at] = fingerprintOf(*entries_[at].first);
+    const std::uint64_t bit = std::uint64_t{1} << (fingerprints[at] >> 58);
     for (std::size_t earlier = 0; (seen & bit) != 0 && earlier < at; ++earlier) {
-      if (marks[earlier] != marks[at] || !entries_[earlier].first) continue;
+      if (fingerprints[earlier] != fingerprints[at] || !entries_[earlier].first) continue;
       if (!entries_[earlier].first->isEqual(*entries_[at].first)) continue;
       entries_[earlier].second = std::move(entries_[at].second);
       entries_[at].first = nullptr;
@@ -91,7 +91,7 @@ std::size_t NSDictionary::equalSlotBefore(std::size_t end, const Slot& slot) con
   const NSObject& key = *entries_[slot.place].first;
   for (std::size_t at = end; at > 0 && (*index_)[at - 1].hash == slot.hash; --at) {
     if (entries_[(*index_)[at - 1].place].first->isEqual(key)) return at - 1;
-    if (key.kind() == NSKind::string) break;  // equal strings stand side by side
+    if (key.kind() == NSKind::string) break;  // equal strings are adjacent
   }
   return end;
 }

@@ -8,9 +8,9 @@
 
 #include "foundation/NSObject.h"
 
-/// A fixed map from objects to objects (neither empty), keys compared with isEqual. Keeps the order in which
-/// keys first came; of equal keys the last value counts. Small ones are searched in line, larger ones through
-/// an index.
+/// An immutable map from objects to objects (neither empty), with keys compared by isEqual. Keeps the order
+/// in which keys first occur; the last value of equal keys wins. Small dictionaries are searched linearly,
+/// larger ones through an index.
 class NSDictionary final : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::dictionary;
@@ -32,15 +32,15 @@ class NSDictionary final : public NSObject {
   NSKind kind() const noexcept override { return staticKind; }
 
  private:
-  /// A key's hash and its place in entries_, ordered by hash. Strings of one hash are ordered by their text,
-  /// so that keys chosen to share a hash cost no more than others.
+  /// A key's hash and index in entries_, ordered by hash. Strings of equal hash are ordered by text, so keys
+  /// chosen to collide cost no more than others.
   struct Slot {
     std::size_t hash;
     std::uint32_t place;
   };
   using Index = std::vector<Slot>;
 
-  void mergeEqualKeysInLine();
+  void mergeEqualKeysByScan();
   void mergeEqualKeysByIndex();
   void dropMerged();
   void buildIndex();
@@ -48,5 +48,5 @@ class NSDictionary final : public NSObject {
   bool comesBefore(const Slot& slot, std::size_t hash, const NSObject& key) const;
   std::size_t find(const NSObject& key) const;
   Entries entries_;
-  std::unique_ptr<Index> index_;  // none for small ones
+  std::unique_ptr<Index> index_;  // null for small dictionaries
 };

@@ -15,17 +15,18 @@ inline constexpr std::string_view NSPOSIXErrorDomain = "NSPOSIXErrorDomain";
 class NSError;
 using NSErrorRef = std::shared_ptr<NSError>;
 
-/// Why something failed: a domain, a code within it, and details for people and callers.
+/// Why something failed: a domain, a code within it, and details for users and callers.
 class NSError final : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::error;
   /// `userInfo` may be empty (no details).
   NSError(std::string domain, std::int64_t code, std::shared_ptr<NSDictionary> userInfo = nullptr);
-  /// An error with a text for people (NSLocalizedDescriptionKey) and further details; an empty detail is left
-  /// out.
+  /// An error with a text for the user (NSLocalizedDescriptionKey) and further details; empty details are
+  /// omitted.
   using Details = std::initializer_list<std::pair<std::string_view, id>>;
   static NSErrorRef withText(std::string_view domain, std::int64_t code, std::string text, Details more = {});
-  /// The operating system's text for an errno value, about `path` (may be empty). In NSPOSIXErrorDomain.
+  /// An error in NSPOSIXErrorDomain with the system's text for `errnoValue`, prefixed with `path` (may be
+  /// empty).
   static NSErrorRef posix(int errnoValue, std::string_view path);
 
   const std::string& domain() const noexcept { return domain_; }
@@ -33,7 +34,7 @@ class NSError final : public NSObject {
   const std::shared_ptr<NSDictionary>& userInfo() const noexcept { return userInfo_; }
   /// The detail under a string key, or nothing.
   id detail(std::string_view key) const { return userInfo_ ? userInfo_->objectForKey(key) : nullptr; }
-  /// The text under NSLocalizedDescriptionKey, else the domain: some errors carry their message there.
+  /// The text under NSLocalizedDescriptionKey, else the domain: some errors have their message there.
   std::string localizedDescription() const;
 
   std::size_t hash() const override;
@@ -47,7 +48,7 @@ class NSError final : public NSObject {
   const std::shared_ptr<NSDictionary> userInfo_;
 };
 
-/// Stores `reason` where the caller asked for it; a null holder is fine.
+/// Stores `reason` in `*error`; `error` may be null.
 inline void setError(NSErrorRef* error, NSErrorRef reason) {
   if (error) *error = std::move(reason);
 }

@@ -22,10 +22,10 @@ bool fail(NSErrorRef* error, int errnoValue, const std::string& path) {
   return false;
 }
 
-/// For mkostemp, which replaces each X by a letter or a digit.
+/// A template for mkostemp, which replaces each X with a letter or digit.
 constexpr std::string_view atomicWriteName = ".kzv-XXXXXX";
 
-bool holdsNul(std::string_view path) { return path.find('\0') != std::string_view::npos; }
+bool containsNul(std::string_view path) { return path.find('\0') != std::string_view::npos; }
 
 bool writeAll(int file, std::string_view bytes) {
   while (!bytes.empty()) {
@@ -53,7 +53,7 @@ NSFileManager& NSFileManager::defaultManager() {
 }
 
 bool NSFileManager::removeItemAtPath(const std::string& path, NSErrorRef* error) {
-  if (holdsNul(path)) return fail(error, EINVAL, path);
+  if (containsNul(path)) return fail(error, EINVAL, path);
   // A trailing slash would make the system follow a link.
   std::string item = path;
   while (item.size() > 1 && item.ends_with('/')) item.pop_back();
@@ -70,7 +70,7 @@ bool NSFileManager::removeItemAtURL(const NSURL& url, NSErrorRef* error) {
 
 bool NSFileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
                                           NSErrorRef* error) {
-  if (holdsNul(path)) return fail(error, EINVAL, path);
+  if (containsNul(path)) return fail(error, EINVAL, path);
   std::error_code code;
   if (!withIntermediateDirectories) {
     const bool created = fs::create_directory(path, code);
@@ -84,7 +84,7 @@ bool NSFileManager::createDirectoryAtPath(const std::string& path, bool withInte
 
 std::optional<std::uint64_t> NSFileManager::fileSize(const std::string& path, NSErrorRef* error) {
   struct stat status {};
-  if (holdsNul(path)) {
+  if (containsNul(path)) {
     fail(error, EINVAL, path);
     return std::nullopt;
   }
@@ -100,15 +100,15 @@ std::optional<std::uint64_t> NSFileManager::fileSize(const std::string& path, NS
 }
 
 bool writeFile(const std::string& path, std::string_view bytes, NSErrorRef* error) {
-  if (holdsNul(path)) return fail(error, EINVAL, path);
+  if (containsNul(path)) return fail(error, EINVAL, path);
   Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (!file.isOpen() || !writeAll(file.number(), bytes) || file.close() != 0) return fail(error, errno, path);
   return true;
 }
 
 bool writeFileAtomically(const std::string& path, std::string_view bytes, unsigned mode, NSErrorRef* error) {
-  if (holdsNul(path)) return fail(error, EINVAL, path);
-  // Not the file's name with a suffix: it may already have the maximum length.
+  if (containsNul(path)) return fail(error, EINVAL, path);
+  // Not the file's name plus a suffix: that may exceed the maximum length.
   std::string temporary = appendingPathComponent(deletingLastPathComponent(path), atomicWriteName);
   Descriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!file.isOpen()) return fail(error, errno, path);
@@ -136,8 +136,8 @@ std::optional<std::string> readFile(const std::string& path, std::uint64_t limit
     fail(error, reason, path);
     return std::nullopt;
   };
-  if (holdsNul(path)) return refuse(EINVAL);
-  // Opening must not wait for the writer of a pipe, nor make a terminal this process's own.
+  if (containsNul(path)) return refuse(EINVAL);
+  // Opening must not wait for a FIFO's writer, nor acquire a controlling terminal.
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
   if (!file.isOpen() || ::fstat(file.number(), &status) != 0) return refuse(errno);

@@ -18,36 +18,34 @@ inline constexpr std::string_view NSFileSystemSize = "NSFileSystemSize";
 inline constexpr std::string_view NSFileSystemFreeSize = "NSFileSystemFreeSize";
 
 /// The local disk. Calls block for the disk; errors are in NSPOSIXErrorDomain. A path with a NUL is refused
-/// (EINVAL), because the system would cut it there. Any thread. All of this also holds for the functions
-/// below.
+/// (EINVAL), because the system would truncate it there. Any thread. The same holds for the functions below.
 class NSFileManager {
  public:
   static NSFileManager& defaultManager();
 
-  /// Removes a file, or a folder with everything in it; of a link the link itself, also when the path ends in
-  /// a slash. A missing item is an error.
+  /// Removes a file or a folder with its contents. A symbolic link is removed itself, even when the path ends
+  /// in a slash. A missing item is an error.
   bool removeItemAtPath(const std::string& path, NSErrorRef* error = nullptr);
   bool removeItemAtURL(const NSURL& url, NSErrorRef* error = nullptr);
-  /// Creates a folder (mode 0777 less the umask), optionally with missing parents; then an existing folder is
-  /// no error.
+  /// Creates a folder (mode 0777 minus the umask), optionally with missing parents; with them an existing
+  /// folder is no error.
   bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
                              NSErrorRef* error = nullptr);
   /// Size in bytes of the regular file at `path`.
   std::optional<std::uint64_t> fileSize(const std::string& path, NSErrorRef* error = nullptr);
 };
 
-/// Writes a whole file, in place (not atomically): on failure part of it may be written.
+/// Writes a whole file in place, not atomically: on failure it may be partly written.
 bool writeFile(const std::string& path, std::string_view bytes, NSErrorRef* error = nullptr);
-/// Replaces a whole file so that a reader, or the next start after a power failure, finds either the old
-/// bytes or the new ones: written beside it under a hidden name with exactly `mode`, synced, renamed over it,
-/// folder synced. On failure the old file stays and no other is left.
+/// Replaces a whole file so that a reader, even after a power failure, finds either the old bytes or the new
+/// ones: writes a hidden temporary file beside it with exactly `mode`, syncs and renames it, and syncs the
+/// folder. On failure the old file stays and the temporary one is removed.
 bool writeFileAtomically(const std::string& path, std::string_view bytes, unsigned mode,
                          NSErrorRef* error = nullptr);
-/// Whether `name` is one of writeFileAtomically's temporary names: a process that was killed leaves such a
-/// file.
+/// Whether `name` is a temporary name of writeFileAtomically; a killed process may leave such a file.
 bool isAtomicWriteName(std::string_view name);
 /// The bytes of a regular file of at most `limitBytes`; a larger file (EFBIG), a folder (EISDIR), a pipe or
-/// device (EINVAL) is an error. Never hangs.
+/// device (EINVAL) is an error. Never blocks on a pipe or device.
 std::optional<std::string> readFile(const std::string& path, std::uint64_t limitBytes,
                                     NSErrorRef* error = nullptr);
 /// The next `sizeBytes` bytes of an open file, fewer at its end; nothing, with errno, when reading fails.

@@ -12,28 +12,28 @@
 namespace {
 
 constexpr std::int64_t maxPixels = 4'000'000;
-constexpr std::uint64_t maxFileBytes = 16'000'000;  // as PNG without any compression
+constexpr std::uint64_t maxFileBytes = 16'000'000;  // enough for maxPixels as uncompressed PNG
 
 struct Release {
   void operator()(GdkPixbuf* pixbuf) const { g_object_unref(pixbuf); }
   void operator()(GdkPixbufLoader* loader) const { g_object_unref(loader); }
 };
 
-/// Told the size that the picture claims before anything is allocated for it.
+/// Called with the picture's declared size before memory is allocated for it.
 void refuseHugePicture(GdkPixbufLoader* loader, int width, int height, gpointer refused) {
   if (static_cast<std::int64_t>(width) * height <= maxPixels) return;
   *static_cast<bool*>(refused) = true;
-  gdk_pixbuf_loader_set_size(loader, 0, 0);  // makes the decoder give up
+  gdk_pixbuf_loader_set_size(loader, 0, 0);  // makes the decoder stop
 }
 
 std::unique_ptr<GdkPixbuf, Release> decode(std::string_view bytes, NSImage::Format format) {
-  // One at a time: it bounds the memory that pictures from outside can take, whatever asks for them at once.
+  // One at a time, to bound the memory that untrusted pictures can take.
   static auto& oneAtATime = *new std::mutex;
   const std::lock_guard lock(oneAtATime);
   bool isRefused = false;
   const char* name = format == NSImage::Format::jpeg ? "jpeg" : "png";
   const std::unique_ptr<GdkPixbufLoader, Release> loader(gdk_pixbuf_loader_new_with_type(name, nullptr));
-  if (!loader) return nullptr;  // the library was installed without it
+  if (!loader) return nullptr;  // the library is installed without this decoder
   g_signal_connect(loader.get(), "size-prepared", G_CALLBACK(refuseHugePicture), &isRefused);
   const bool isWritten = gdk_pixbuf_loader_write(loader.get(), reinterpret_cast<const guchar*>(bytes.data()),
                                                  bytes.size(), nullptr) != 0;

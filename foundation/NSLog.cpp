@@ -42,7 +42,7 @@ spdlog::logger& logger() {
   return instance;
 }
 
-/// File names may hold line feeds, which would forge a line.
+/// Escapes control characters: file names may contain line feeds, which would forge a log line.
 std::string onOneLine(std::string_view text) {
   std::string line;
   line.reserve(text.size());

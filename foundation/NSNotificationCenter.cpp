@@ -42,7 +42,7 @@ void NSNotificationCenter::post(const NSNotification& notification) {
   for (const auto& registration : registrations) {
     {
       const std::lock_guard lock(mutex_);
-      if (registration->isRemoved) continue;  // by an observer that was told before it
+      if (registration->isRemoved) continue;  // by an earlier observer
     }
     runGuarded([&] { registration->handler(notification); });
   }

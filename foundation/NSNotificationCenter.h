@@ -11,14 +11,14 @@
 
 struct NSNotification {
   std::string name;
-  id object;                               // who it is about; may be empty
+  id object;                               // the sender; may be empty
   std::shared_ptr<NSDictionary> userInfo;  // may be empty
-  /// For logs: the name only, since user info may hold what should not be read by others.
+  /// For logs: only the name, since user info may be confidential.
   std::string description() const { return name; }
 };
 
 /// Notifies observers of an event, synchronously on the poster's thread, in the order of their registration;
-/// post returns after the last one. No lock is held meanwhile. Any thread.
+/// post returns after the last one. No lock is held while handlers run. Any thread.
 class NSNotificationCenter {
  public:
   using Handler = std::function<void(const NSNotification&)>;
@@ -31,7 +31,7 @@ class NSNotificationCenter {
   /// (or another) from its handler; a handler that is running on another thread may still finish.
   void removeObserver(const void* observer, std::string_view name = {});
   /// An exception that leaves a handler is logged, and the other observers are still notified. Observers
-  /// added meanwhile get the next notification.
+  /// added meanwhile are not notified of this one.
   void post(const NSNotification& notification);
 
  private:

@@ -1,8 +1,7 @@
 #pragma once
 #include "foundation/NSObject.h"
 
-/// The one object that stands for "no value" inside arrays and dictionaries, which cannot hold an empty
-/// reference.
+/// A singleton representing "no value" in arrays and dictionaries, which cannot hold an empty reference.
 class NSNull final : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::null;

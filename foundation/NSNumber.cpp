@@ -54,11 +54,11 @@ std::string NSNumber::stringValue() const {
   char* const first = text.data();
   char* const last = first + text.size();
   if (!isReal(origin_)) return {first, std::to_chars(first, last, integer_).ptr};
-  // As printf writes %g, whatever the locale's decimal point.
+  // Like printf's %.16g, but independent of the locale.
   return {first, std::to_chars(first, last, real_, std::chars_format::general, 16).ptr};
 }
 
-// Numbers of different origins may be equal, so only what they share goes into the hash.
+// Numbers of different origins may be equal, so the hash uses the double value that all have.
 std::size_t NSNumber::hash() const { return isNaN() ? 0 : std::hash<double>{}(doubleValue()); }
 
 bool NSNumber::isEqual(const NSObject& other) const {

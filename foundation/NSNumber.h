@@ -9,7 +9,7 @@
 class NSNumber : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::number;
-  /// `character` is a number made from a single byte: JSON writes it like a boolean, everything else like an
+  /// `character` is a number made from a single byte: written to JSON as a boolean, otherwise treated as an
   /// integer.
   enum class Origin : unsigned char { boolean, character, integer, real, decimal };
 

@@ -8,15 +8,14 @@
 
 class NSObject;
 
-/// A counted reference to any object; may be empty. Counting is thread-safe, the object itself only as its
-/// class says; value classes (strings, numbers, dates, arrays, dictionaries, errors) are immutable.
+/// A counted reference to any object; may be empty. Counting is thread-safe; the object is as thread-safe as
+/// its class says. Value classes (strings, numbers, dates, arrays, dictionaries, errors) are immutable.
 using id = std::shared_ptr<NSObject>;
 
-/// What a value object is, so that a walk over dynamic data costs a virtual call and not a dynamic_cast.
+/// The type of a value object, found with a virtual call instead of a dynamic_cast.
 enum class NSKind : unsigned char { object, string, number, null, date, url, array, dictionary, error };
 
-/// Root class of options, results, attribute dictionaries, notifications and locks. Supporting locks and
-/// associated values costs an object that uses neither one pointer.
+/// Root class. Support for locks and associated values costs one pointer per object that uses neither.
 class NSObject {
  public:
   NSObject() = default;
@@ -30,7 +29,7 @@ class NSObject {
 
   /// The class name as written in the source, e.g. "KZVDropboxFS".
   virtual std::string className() const;
-  /// Text for logs and messages; value classes give their value. Never holds a secret.
+  /// A text for logs and messages; of value classes the value. Never contains a secret.
   virtual std::string description() const;
   virtual NSKind kind() const noexcept { return NSKind::object; }
 
@@ -39,8 +38,8 @@ class NSObject {
   mutable std::atomic<class ObjectExtension*> extension_{nullptr};
 };
 
-/// The object as a T, or null when it is something else. Constant time for value classes (those with a
-/// staticKind; a class derived from one of them specialises this, because it shares the kind).
+/// The object as a T, or null when it is of another class. Constant time for value classes (those with a
+/// staticKind; a class derived from one specialises this, because it shares the kind).
 template <class T>
 T* as(NSObject* object) {
   if constexpr (requires { T::staticKind; }) {
@@ -59,7 +58,7 @@ std::shared_ptr<T> as(const std::shared_ptr<From>& object) {
   return cast ? std::shared_ptr<T>(object, cast) : nullptr;
 }
 
-/// Two references are equal when both are empty or the objects are.
+/// Two references are equal when both are empty or their objects are equal.
 inline bool isEqual(const id& left, const id& right) {
   return left == right || (left && right && left->isEqual(*right));
 }

@@ -10,8 +10,8 @@ namespace {
 NSTimer::Clock::duration checkedInterval(std::chrono::duration<double> interval) {
   constexpr std::chrono::duration<double> shortest = std::chrono::nanoseconds(1);
   constexpr std::chrono::duration<double> longest = std::chrono::years(100);
-  if (!(interval >= shortest && interval <= longest)) {  // written so that not-a-number fails too
-    fatalInvariant("a timer's interval lies between a nanosecond and 100 years");
+  if (!(interval >= shortest && interval <= longest)) {  // also false for NaN
+    fatalInvariant("a timer's interval must be between a nanosecond and 100 years");
   }
   return std::chrono::duration_cast<NSTimer::Clock::duration>(interval);
 }
@@ -81,7 +81,7 @@ bool NSRunLoop::runNextBlock(std::unique_lock<std::mutex>& lock) {
     blocks_.pop_front();
     lock.unlock();
     runGuarded(block);
-  }  // what the block held goes before the lock is taken again: its destructor may post here
+  }  // the block is destroyed without the lock: its captures' destructors may call perform
   lock.lock();
   return true;
 }
@@ -91,12 +91,12 @@ bool NSRunLoop::fireDueTimer(std::unique_lock<std::mutex>& lock) {
   if (!timer) return false;
   lock.unlock();
   runGuarded([&] { timer->handler_(*timer); });
-  timer.reset();  // without the lock, as what a block held: a handler's last reference may post here
+  timer.reset();  // without the lock, for the same reason as a block
   lock.lock();
   return true;
 }
 
-/// The timer that has been due for longest, already set to its next firing or removed; null when none is due.
+/// The timer that has been due longest, already rescheduled or removed; null when none is due.
 std::shared_ptr<NSTimer> NSRunLoop::takeDueTimer() {
   const auto now = Clock::now();
   const auto first =

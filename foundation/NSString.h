@@ -5,8 +5,7 @@
 
 #include "foundation/NSObject.h"
 
-/// A text in UTF-8. It may hold any 16-bit unit: half of a surrogate pair is kept in its three-byte form
-/// (generalised UTF-8). Equality is by code units, that is by bytes.
+/// A text in generalised UTF-8: a lone surrogate is stored in its three-byte form. Equality is bytewise.
 class NSString final : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::string;
@@ -28,7 +27,7 @@ class NSString final : public NSObject {
 
 inline id str(std::string text) { return std::make_shared<NSString>(std::move(text)); }
 
-/// The text of a string object, or null when it is empty or something else.
+/// The text of a string object, or null if `object` is empty or not a string.
 inline const std::string* textOf(const id& object) {
   const auto* string = as<NSString>(object.get());
   return string ? &string->text() : nullptr;

@@ -10,7 +10,7 @@
 #include "foundation/NSRunLoop.h"
 
 namespace {
-// Made while the library is loaded, which happens on the process's first thread: programs link it.
+// Created while the library is loaded, on the process's first thread because programs link the library.
 const std::shared_ptr<NSThread>& mainThreadSlot() {
   static const auto& slot = *new std::shared_ptr<NSThread>(std::make_shared<NSThread>());
   return slot;
@@ -43,7 +43,7 @@ void NSThread::perform(std::function<void()> block, bool waitUntilDone) {
     runGuarded(block);
     return;
   }
-  // Shared, because the loop may still be inside set_value when this thread goes on.
+  // Shared, because the loop may still be inside set_value when this thread returns.
   const auto ran = std::make_shared<std::promise<void>>();
   runLoop_->perform([&block, ran] {
     runGuarded(block);

@@ -9,23 +9,23 @@
 
 class NSRunLoop;
 
-/// A thread as an object. Every thread has one, made when somebody asks for it.
+/// A thread as an object, created on first use.
 class NSThread final : public NSObject {
  public:
-  /// The calling thread's object; somebody may hold it longer than the thread lives.
+  /// The calling thread's object; it may outlive the thread.
   static std::shared_ptr<NSThread> currentThread();
   /// The process's first thread.
   static std::shared_ptr<NSThread> mainThread();
   static bool isMainThread();
-  /// Blocks for `interval` (seconds); returns at once for zero and less.
+  /// Blocks for `interval` (seconds); returns at once for zero or less.
   static void sleepForTimeInterval(std::chrono::duration<double> interval);
 
   bool isCurrentThread() const noexcept { return id_ == std::this_thread::get_id(); }
   const std::shared_ptr<NSRunLoop>& runLoop() const noexcept { return runLoop_; }
 
-  /// Queues `block` on this thread's run loop, which must be running for it ever to run. With `waitUntilDone`
-  /// returns only after it ran, without a time limit; on the thread itself it runs at once, before what is
-  /// queued. An exception that leaves the block is logged and goes no further. Any thread.
+  /// Queues `block` on this thread's run loop, which must be running. With `waitUntilDone` blocks until it
+  /// has run, without a time limit; on the thread itself it then runs at once, ahead of queued blocks. An
+  /// exception that leaves the block is logged and swallowed. Any thread.
   void perform(std::function<void()> block, bool waitUntilDone);
 
   NSThread();  // for the thread that constructs it; use currentThread()
@@ -35,7 +35,7 @@ class NSThread final : public NSObject {
   const std::shared_ptr<NSRunLoop> runLoop_;
 };
 
-/// Runs `block`; an exception that leaves it is logged as one line and goes no further.
+/// Runs `block`; an exception that leaves it is logged as one line and swallowed.
 void runGuarded(const std::function<void()>& block) noexcept;
 
 /// Names the calling thread for debuggers and `top -H` (the first 15 bytes).

@@ -4,13 +4,13 @@
 
 #include "foundation/NSObject.h"
 
-/// A URL, kept as text (RFC 3986). File URLs are the percent-encoded UTF-8 of an absolute path. Equal when
-/// their texts are.
+/// A URL as text (RFC 3986). File URLs contain the percent-encoded UTF-8 of an absolute path. Equality is
+/// textual.
 class NSURL final : public NSObject {
  public:
   static constexpr NSKind staticKind = NSKind::url;
   explicit NSURL(std::string absoluteString) : text_(std::move(absoluteString)) {}
-  /// Nothing when `path` is not absolute or holds a NUL.
+  /// Nothing when `path` is not absolute or contains a NUL.
   static std::shared_ptr<NSURL> fileURLWithPath(std::string_view path);
 
   const std::string& absoluteString() const noexcept { return text_; }

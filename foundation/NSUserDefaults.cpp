@@ -30,7 +30,7 @@ bool isVariantText(const std::string& text) {
   return isValidUtf8(text) && text.find('\0') == std::string::npos;
 }
 
-/// A variant's text is UTF-8 without NUL; any other goes as its bytes.
+/// A variant's text must be UTF-8 without NUL; any other is stored as a byte array.
 GVariant* variantForText(const std::string& text) {
   if (isVariantText(text)) return g_variant_new_string(text.c_str());
   return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text.data(), text.size(), 1);
@@ -80,27 +80,27 @@ id valueFor(GVariant* variant) {
   return nullptr;
 }
 
-/// Keeps what cannot be read under a name of its own, so that no later damage replaces it. REQUIRES the
-/// suite's lock: else the file might be another's new one by now.
-bool keepAside(const std::string& path) {
-  constexpr int mostKept = 100;
-  for (int number = 1; number <= mostKept; ++number) {
+/// Renames a damaged file to an unused name. REQUIRES the suite's lock: otherwise another process might have
+/// replaced the file meanwhile.
+bool moveAside(const std::string& path) {
+  constexpr int maxDamagedFiles = 100;
+  for (int number = 1; number <= maxDamagedFiles; ++number) {
     const std::string aside = fmt::format("{}.damaged-{}", path, number);
     if (::access(aside.c_str(), F_OK) == 0) continue;
     if (::rename(path.c_str(), aside.c_str()) != 0) break;
-    NSLog(NSLogLevel::warning, "NSUserDefaults", fmt::format("{} is damaged, kept as {}", path, aside));
+    NSLog(NSLogLevel::warning, "NSUserDefaults", fmt::format("{} is damaged, renamed to {}", path, aside));
     return true;
   }
-  NSLog(NSLogLevel::error, "NSUserDefaults", fmt::format("{} is damaged and cannot be kept aside", path));
+  NSLog(NSLogLevel::error, "NSUserDefaults", fmt::format("{} is damaged and cannot be renamed", path));
   return false;
 }
 
-/// A writer holds the lock for some milliseconds; one that was stopped while it held it must not stop us,
-/// too.
-constexpr std::chrono::seconds longestWaitForLock{5};
+/// A writer holds the lock for a few milliseconds; one that is stopped while it holds the lock must not block
+/// us.
+constexpr std::chrono::seconds lockTimeout{5};
 
-/// One lock for all suites of this process: they are few, and GLib's variants then have one caller at a time,
-/// as far as ThreadSanitizer can see (GLib's own locks are futexes, which it cannot).
+/// One lock for all suites of this process, which are few. It also serialises calls of GLib's variants
+/// visibly for ThreadSanitizer, which does not see GLib's own locks (futexes).
 std::mutex& processMutex() {
   static auto& mutex = *new std::mutex;
   return mutex;
@@ -137,7 +137,7 @@ std::optional<StoredValues> parsed(std::string_view text) {
   return values;
 }
 
-/// Carries `changes` (an empty value removes) over to `values`.
+/// Applies `changes` to `values`; an empty value removes its key.
 void applyChanges(const StoredValues& changes, StoredValues& values) {
   for (const auto& [key, value] : changes) {
     if (value) {
@@ -150,7 +150,7 @@ void applyChanges(const StoredValues& changes, StoredValues& values) {
 
 }  // namespace
 
-// Without the lock between processes: writers replace the file as a whole.
+// Needs no lock between processes: writers replace the file atomically.
 NSUserDefaults::NSUserDefaults(std::string filePath) : filePath_(std::move(filePath)) {
   const std::lock_guard processLock(processMutex());
   NSErrorRef error;
@@ -168,9 +168,9 @@ std::shared_ptr<NSUserDefaults> NSUserDefaults::initWithSuiteName(const std::str
   return std::make_shared<NSUserDefaults>(appendingPathComponent(configFolder(), suiteName + ".defaults"));
 }
 
-/// What the file holds: nothing in it when it is missing or damaged; no values at all when a file is there
-/// that must not be replaced, because it could be neither read nor kept aside.
-/// @param damaged  what becomes of a damaged file; to keep it aside REQUIRES the suite's lock.
+/// The file's values, empty when it is missing or damaged. nullopt when the file must not be replaced,
+/// because it could be neither read nor moved aside.
+/// @param damaged  whether to move a damaged file aside, which REQUIRES the suite's lock.
 std::optional<NSUserDefaults::Values> NSUserDefaults::load(Damaged damaged, NSErrorRef* error) const {
   NSErrorRef reason;
   const auto text = readFile(filePath_, maxFileBytes, &reason);
@@ -181,7 +181,7 @@ std::optional<NSUserDefaults::Values> NSUserDefaults::load(Damaged damaged, NSEr
   }
   auto values = text ? parsed(*text) : std::nullopt;
   if (values) return values;
-  if (damaged == Damaged::leave || keepAside(filePath_)) return Values();
+  if (damaged == Damaged::leave || moveAside(filePath_)) return Values();
   setError(error, NSError::posix(EBADMSG, filePath_));
   return std::nullopt;
 }
@@ -193,7 +193,7 @@ id NSUserDefaults::objectForKey(const std::string& key) const {
 }
 
 void NSUserDefaults::setValue(id value, const std::string& key) {
-  if (value && !isStorable(*value)) fatalInvariant("settings hold strings, numbers and dates");
+  if (value && !isStorable(*value)) fatalInvariant("a setting must be a string, number or date");
   if (!isVariantText(key)) {
     NSLog(NSLogLevel::error, "setValue", "a key that is not UTF-8 is not stored");
     return;
@@ -228,14 +228,14 @@ bool NSUserDefaults::synchronizeLocked(NSErrorRef* error) {
     return onDisk.has_value();
   }
   if (!makePrivateFolder(deletingLastPathComponent(filePath_), error)) return false;
-  const FileLock lock(lockPath(), longestWaitForLock);
+  const FileLock lock(lockPath(), lockTimeout);
   if (!lock.isHeld()) {
     setError(error, lock.error());
     return false;
   }
   const Values pending =
-      pendingNow();  // under the lock: an older copy must not follow a newer one to the disk
-  auto merged = load(Damaged::keepAside, error);
+      pendingNow();  // read under the lock, so that an older copy is never written after a newer one
+  auto merged = load(Damaged::moveAside, error);
   if (!merged) return false;
   applyChanges(pending, *merged);
   if (!writeFileAtomically(filePath_, printed(*merged), 0600, error)) return false;
@@ -243,7 +243,7 @@ bool NSUserDefaults::synchronizeLocked(NSErrorRef* error) {
   return true;
 }
 
-/// Takes over what is on the disk, except for keys that were set again while it was being written.
+/// Adopts the values on disk, except for keys that were set again during the write.
 void NSUserDefaults::adopt(Values onDisk, const Values& written) {
   const std::lock_guard lock(mutex_);
   std::erase_if(pending_, [&](const auto& entry) {

@@ -22,7 +22,7 @@ bool NSWorkspace::openWithDesktop(const std::string& url) {
   GError* failure = nullptr;
   if (g_app_info_launch_default_for_uri(url.c_str(), nullptr, &failure)) return true;
   const std::unique_ptr<GError, decltype(&g_error_free)> owned(failure, &g_error_free);
-  // Without the address: what it carries is nobody's business.
+  // Without the address, which may carry secrets.
   NSLog(NSLogLevel::info, "openURL", owned ? owned->message : "no reason");
   return false;
 }

@@ -4,23 +4,22 @@
 
 #include "foundation/Guarded.h"
 
-/// The desktop around the program. Any thread.
+/// The user's desktop session. Any thread.
 class NSWorkspace {
  public:
-  /// Gets an address, returns whether it could be handed over.
+  /// Opens an address; returns whether it was handed over.
   using Opener = std::function<bool(const std::string& url)>;
 
   static NSWorkspace& sharedWorkspace();
 
-  /// Shows the page to the person, by default in the desktop's browser. True says only that the address was
+  /// Shows a page to the user, by default in the desktop's browser. True means only that the address was
   /// handed over. Blocks for as long as the opener does.
   bool openURL(const std::string& url);
-  /// Replaces what openURL does; an empty one puts the default back. It runs on the caller of openURL and may
+  /// Replaces the opener; an empty one restores the default. It runs on openURL's calling thread and may
   /// still be running there when this returns.
   void setOpener(Opener opener);
-  /// The default: the program that the desktop has registered for such addresses, which is started as a
-  /// process of its own. False when there is none, or when it could not be started; the reason is in the
-  /// log.
+  /// The default opener: starts the program that the desktop has registered for the URL's scheme. False when
+  /// there is none or it could not be started; the reason is logged.
   static bool openWithDesktop(const std::string& url);
 
  private:

@@ -21,14 +21,14 @@ void ObjectExtension::destroy(ObjectExtension* extension) noexcept { delete exte
 
 void ObjectExtension::setAssociated(const NSObject* key, id value, AssociationPolicy policy) {
   if (policy == AssociationPolicy::assign && value)
-    value = id(id(), value.get());  // an alias that owns nothing
+    value = id(id(), value.get());  // an aliasing shared_ptr without ownership
   const std::lock_guard lock(mutex_);
   const auto found = std::find_if(associations_.begin(), associations_.end(),
                                   [&](const Association& association) { return association.key == key; });
   if (found == associations_.end()) {
     if (value) associations_.push_back({key, std::move(value)});
   } else {
-    std::swap(found->value, value);  // the old one goes when this function's argument does: after the lock
+    std::swap(found->value, value);  // the old value is destroyed with the argument, after the lock
     if (!found->value) associations_.erase(found);
   }
 }

@@ -14,7 +14,7 @@ constexpr int folderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 std::vector<std::string> namesIn(int folder) {
   std::vector<std::string> names;
-  // A description of its own, since reading moves the position that duplicates share.
+  // Opened anew: a duplicate would share its read position.
   Descriptor reading(::openat(folder, ".", folderFlags));
   if (!reading.isOpen()) return names;
   const std::unique_ptr<DIR, int (*)(DIR*)> entries(::fdopendir(reading.number()), &::closedir);

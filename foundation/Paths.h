@@ -8,5 +8,5 @@
 std::string lastPathComponent(std::string_view path);
 /// "/a/b" and "/a/b/" give "/a", "/a" gives "/", "/" gives "/", "a" gives "".
 std::string deletingLastPathComponent(std::string_view path);
-/// Exactly one slash between the two, runs of slashes collapse: "/" + "a" is "/a", "" + "a" is "a".
+/// Joins with exactly one slash and collapses runs of slashes: "/" + "a" is "/a", "" + "a" is "a".
 std::string appendingPathComponent(std::string_view path, std::string_view component);

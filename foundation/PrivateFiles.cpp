@@ -37,12 +37,12 @@ bool isOwnFolder(const std::string& path) {
   return false;
 }
 
-void warnOfOpenness(const std::string& path, mode_t mode) {
+void warnPermissionsRestricted(const std::string& path, mode_t mode) {
   NSLog(NSLogLevel::warning, "PrivateFiles",
         fmt::format("{} was open to other users (mode {:04o}) and has been closed", path, mode & 07777U));
 }
 
-/// @param isOwn  whether what is open to others may be closed.
+/// @param isOwn  whether the folder is this program's own, so that its permissions may be restricted.
 bool checkFolder(const std::string& path, const struct stat& status, bool isOwn, NSErrorRef* error) {
   if (!S_ISDIR(status.st_mode)) return fail(error, ENOTDIR, path);
   if (!isOwn) return true;
@@ -50,7 +50,7 @@ bool checkFolder(const std::string& path, const struct stat& status, bool isOwn,
     return refuse(error, EPERM, path + " belongs to another user, who could read it");
   if ((status.st_mode & othersBits) == 0) return true;
   if (::chmod(path.c_str(), ownerOnlyFolder) != 0) return fail(error, errno, path);
-  warnOfOpenness(path, status.st_mode);
+  warnPermissionsRestricted(path, status.st_mode);
   return true;
 }
 
@@ -71,7 +71,7 @@ bool makePrivateFolder(const std::string& path, NSErrorRef* error) {
 
 std::optional<std::string> readPrivateFile(const std::string& path, std::uint64_t limitBytes,
                                            NSErrorRef* error) {
-  // Opening must not wait for the writer of a pipe, nor make a terminal this process's own.
+  // Opening must not wait for a FIFO's writer, nor acquire a controlling terminal.
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
   if (!file.isOpen() && errno == ELOOP) {
@@ -95,7 +95,7 @@ std::optional<std::string> readPrivateFile(const std::string& path, std::uint64_
       fail(error, errno, path);
       return std::nullopt;
     }
-    warnOfOpenness(path, status.st_mode);
+    warnPermissionsRestricted(path, status.st_mode);
   }
   auto bytes = readAll(file, static_cast<std::size_t>(status.st_size));
   if (!bytes) fail(error, errno, path);

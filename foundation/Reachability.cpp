@@ -18,15 +18,15 @@ bool isLoopback(const std::string& hostName) {
   return hostName == "localhost" || hostName == "::1" || hostName == "[::1]" || hostName.starts_with("127.");
 }
 
-/// A host on this machine: nothing between here and there can fail.
+/// A host on this machine, always reachable.
 class LoopbackSource final : public Reachability::Source {
  public:
   NetworkStatus status() const override { return NetworkStatus::reachableViaWiFi; }
   bool start(std::function<void()>) override { return true; }
 };
 
-/// The desktop's network monitor. Its signals come out of a GLib main loop, which gets a thread of its own,
-/// once a process, and only when a host beyond this machine is watched.
+/// The desktop's network monitor. Its signals need a GLib main loop, which runs on one thread per process,
+/// started when the first remote host is watched.
 class DesktopSource final : public Reachability::Source {
  public:
   NetworkStatus status() const override { return status_.load(); }
@@ -76,8 +76,7 @@ class DesktopSource final : public Reachability::Source {
   void watch() {
     setCurrentThreadName("kzv-network");
     GMainContext* context = g_main_context_new();
-    g_main_context_push_thread_default(
-        context);  // before the monitor is made: its signals come to this context
+    g_main_context_push_thread_default(context);  // before the monitor is created: it signals in this context
     GNetworkMonitor* monitor = g_network_monitor_get_default();
     g_signal_connect(monitor, "network-changed", G_CALLBACK(networkChanged), this);
     networkChanged(monitor, 0, this);
@@ -86,8 +85,8 @@ class DesktopSource final : public Reachability::Source {
 
   std::mutex mutex_;
   bool isWatching_ = false;                       // guarded by mutex_
-  std::vector<std::function<void()>> listeners_;  // guarded by mutex_; one a monitor, and a process has few
-  // Until the monitor has spoken the network counts as there: a request then finds out.
+  std::vector<std::function<void()>> listeners_;  // guarded by mutex_; one per Reachability
+  // Assumed reachable until the monitor reports; a request would find out.
   std::atomic<NetworkStatus> status_{NetworkStatus::reachableViaWiFi};
 };
 
@@ -102,7 +101,8 @@ std::shared_ptr<Reachability> Reachability::reachabilityWithHostName(const std::
 
 bool Reachability::startNotifier() {
   if (isStarted_.exchange(true)) return true;
-  // The source may outlive this object: it holds it weakly, and strongly only while observers are told.
+  // The source may outlive this object, so it holds a weak reference, strong only while observers are
+  // notified.
   const bool hasStarted = source_->start([weak = weak_from_this()] {
     NSNotification notification;
     notification.name = kReachabilityChangedNotification;

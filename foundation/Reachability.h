@@ -7,20 +7,20 @@
 
 #include "foundation/NSObject.h"
 
-/// Posted on the monitor's own thread with the Reachability object whenever its status changes.
+/// Posted on the network monitor's thread with the Reachability object when its status changes.
 inline constexpr std::string_view kReachabilityChangedNotification =
     "kNetworkReachabilityChangedNotification";
 
 enum class NetworkStatus : int { notReachable = 0, reachableViaWiFi = 1, reachableViaWWAN = 2 };
 
-/// Whether a host can be reached according to the desktop's network monitor, which looks at routes and sends
-/// no packets. A host on this machine (localhost, 127.0.0.0/8, ::1) is always reachable. Must be held in a
-/// shared_ptr: notifications carry it, and none is posted after its destruction.
+/// Whether a host is reachable according to the desktop's network monitor, which checks routes and sends no
+/// packets. A host on this machine (localhost, 127.0.0.0/8, ::1) is always reachable. Must be held in a
+/// shared_ptr: notifications carry it; none is posted after its destruction.
 class Reachability final : public NSObject, public std::enable_shared_from_this<Reachability> {
  public:
-  /// Where the status comes from. start() begins to call `changed` (any thread, until the process ends)
-  /// whenever status() may have changed; it returns false when it cannot. status() may be called from any
-  /// thread. May serve several monitors, each of which calls start() once.
+  /// Provides the status. After start(), `changed` is called (on any thread, until the process ends) when
+  /// status() may have changed; false when that is impossible. status() may be called from any thread. A
+  /// source may serve several Reachability objects, each of which calls start() once.
   class Source {
    public:
     virtual ~Source() = default;
@@ -32,10 +32,10 @@ class Reachability final : public NSObject, public std::enable_shared_from_this<
   static std::shared_ptr<Reachability> reachabilityWithHostName(const std::string& hostName);
   explicit Reachability(std::shared_ptr<Source> source);
 
-  /// Begins to post kReachabilityChangedNotification; does not wait. True also when it had begun before,
-  /// false when the monitor could not be started.
+  /// Starts posting kReachabilityChangedNotification; does not block. True also when already started, false
+  /// when the monitor could not be started.
   bool startNotifier();
-  /// Until the notifier has been started, and until the desktop has answered, a host counts as reachable.
+  /// Reachable until the notifier has been started and the desktop has reported.
   NetworkStatus currentReachabilityStatus() const { return source_->status(); }
 
  private:

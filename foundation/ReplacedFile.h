@@ -4,9 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-/// Gives the open file `file`, which is about to take the name `path`, the permissions of the file of the
-/// same owner that is there: what its owner had closed to others must not be opened by a new version. Without
-/// such a file, nothing. Any thread; blocks for the disk.
+/// Gives the open file `file`, about to be renamed to `path`, the permissions of the existing regular file
+/// there if this user owns it: a new version must not be more accessible than the old one. Otherwise does
+/// nothing. Any thread; blocks for the disk.
 inline void takePermissionsFrom(const std::string& path, int file) {
   constexpr mode_t permissions = 0777;
   struct stat replaced {};

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
-// Written by hand: std::regex recurses for every character, and a long text would end the stack.
+// Not std::regex, which recurses per character: a long text would overflow the stack.
 
 namespace {
 
@@ -11,7 +11,7 @@ bool isWordCharacter(char character) {
   return std::isalnum(static_cast<unsigned char>(character)) != 0 || character == '_';
 }
 
-/// What tokens, codes and verifiers are made of: base64 of either kind, and their percent-encoded form.
+/// The alphabet of tokens, codes and verifiers: base64, base64url and their percent-encoded forms.
 bool isSecretCharacter(char character) {
   return isWordCharacter(character) || std::string_view("-.~+/=%").find(character) != std::string_view::npos;
 }
@@ -23,14 +23,15 @@ bool startsWithIgnoringCase(std::string_view text, std::string_view start) {
          });
 }
 
-/// Between a secret's name and the secret: quotes and blanks, and a "=" or ":" unless a blank is enough.
+/// The length of the separator between a secret's name and the secret: quotes, blanks, and a "=" or ":"
+/// unless a blank is enough.
 std::size_t separatorLength(std::string_view text, bool isBlankEnough) {
   const std::size_t length = std::min(text.find_first_not_of(" \"'=:"), text.size());
   const std::string_view separator = text.substr(0, length);
   return separator.find_first_of(isBlankEnough ? " =:" : "=:") == std::string_view::npos ? 0 : length;
 }
 
-/// The length of a secret's name and separator at the front of `text`, 0 when there is none.
+/// The length of a secret's name and separator at the start of `text`, 0 when there is none.
 std::size_t secretNameLength(std::string_view text) {
   struct Name {
     std::string_view text;
@@ -53,11 +54,11 @@ std::size_t secretLength(std::string_view text) {
                                   text.begin());
 }
 
-/// Whether a word is a token by its own looks: the service's short-lived ones begin with "sl.".
+/// Whether a word looks like a token: the service's short-lived ones begin with "sl.".
 bool isBareToken(std::string_view word) { return word.starts_with("sl.") && word.size() >= 12; }
 
 /// "code: 409" and "basic information" hold no secrets; codes and header values are longer.
-bool isBlanked(std::string_view nameAndSeparator, std::string_view secret) {
+bool isSecret(std::string_view nameAndSeparator, std::string_view secret) {
   constexpr std::size_t shortest = 12;
   const bool isAlsoAWord = startsWithIgnoringCase(nameAndSeparator, "basic") ||
                            (startsWithIgnoringCase(nameAndSeparator, "code") && nameAndSeparator[4] != '_');
@@ -74,14 +75,14 @@ std::string withoutSecrets(std::string_view message) {
     const std::string_view rest = message.substr(at);
     const std::size_t name = secretNameLength(rest);
     const std::size_t secret = secretLength(rest.substr(name));
-    const bool isHidden = name > 0 ? isBlanked(rest.substr(0, name), rest.substr(name, secret))
+    const bool isHidden = name > 0 ? isSecret(rest.substr(0, name), rest.substr(name, secret))
                                    : isBareToken(rest.substr(0, secret));
     if (isHidden) {
       clean.append(rest.substr(0, name)).append("***");
       at += name + secret;
       continue;
     }
-    // On to the next word: a name inside a longer word ("zip_code") is another name.
+    // Skip to the next word: a name inside a longer word ("zip_code") is a different name.
     do {
       clean += message[at++];
     } while (at < message.size() && (isWordCharacter(message[at - 1]) || !isWordCharacter(message[at])));

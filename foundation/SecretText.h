@@ -2,7 +2,7 @@
 #include <string>
 #include <string_view>
 
-/// `message` with what follows the name of a secret ("access_token=", "Bearer ", ...) and what looks like one
-/// of the service's tokens replaced by "***". The last line of defence for texts that may quote a request:
-/// the log's, the service's. Any thread.
+/// `message` with "***" in place of secrets: the text after a secret's name ("access_token=", "Bearer ", ...)
+/// and anything that looks like one of the service's tokens. The last line of defence for texts that may
+/// quote a request, in the log or from the service. Any thread.
 std::string withoutSecrets(std::string_view message);

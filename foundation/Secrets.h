@@ -3,14 +3,14 @@
 
 #include <string.h>
 
-/// Overwrites a secret (token, code, verifier) before its memory is given back, so that neither a later
-/// allocation nor a core dump finds it. The text is empty afterwards.
+/// Overwrites a secret (token, code, verifier) before its memory is freed, so that neither a later allocation
+/// nor a core dump exposes it. The text is empty afterwards.
 inline void clearSecret(std::string& text) noexcept {
   ::explicit_bzero(text.data(), text.capacity());
   text.clear();
 }
 
-/// Clears a secret of the current scope at its end.
+/// Clears a secret at the end of the scope.
 class SecretScope {
  public:
   explicit SecretScope(std::string& text) noexcept : text_(text) {}

@@ -16,14 +16,13 @@ std::string withoutTrailingSlash(std::string path) {
 }
 
 /// The value of an environment variable if it is an absolute path; the XDG Base Directory rules say to ignore
-/// any other. GLib's own functions take relative values and keep the first answer for the life of the
-/// process.
+/// any other. GLib's own functions accept relative values and cache the first result.
 std::string absoluteFromEnvironment(const char* name) {
   const char* value = std::getenv(name);
   return value && value[0] == '/' ? withoutTrailingSlash(value) : "";
 }
 
-/// KZV_HOME, resolved against the current folder: ignoring a relative one would mix test data with the
+/// KZV_HOME, resolved against the current folder: ignoring a relative value would mix test data with the
 /// user's.
 std::string kzvHome() {
   const char* value = std::getenv("KZV_HOME");
@@ -51,7 +50,7 @@ std::string stateFolder() { return folder("state", "XDG_STATE_HOME", ".local/sta
 
 std::string homeFolder() {
   if (std::string home = absoluteFromEnvironment("HOME"); !home.empty()) return home;
-  const char* home = g_get_home_dir();  // $HOME also when it is relative, else the password file's entry
+  const char* home = g_get_home_dir();  // $HOME even when it is relative, else the password database's entry
   return home[0] == '/' ? withoutTrailingSlash(home) : "/";
 }
 

@@ -9,7 +9,7 @@ std::string configFolder();
 std::string dataFolder();
 std::string cacheFolder();
 std::string stateFolder();
-/// The user's home: $HOME, else the password file's entry.
+/// The user's home: $HOME, else the password database's entry.
 std::string homeFolder();
 /// `path` with a leading "~" or "~/" replaced by the home folder.
 std::string expandingTilde(const std::string& path);

@@ -4,8 +4,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-/// Opens missing standard descriptors (0, 1, 2) on /dev/null. Otherwise the next file that is opened would
-/// get such a number, and terminal output would be written into it. To be called first in main.
+/// Opens closed standard descriptors (0, 1, 2) on /dev/null. Otherwise the next opened file would get such a
+/// number and receive terminal output. To be called first in main.
 inline void openMissingStandardStreams() {
   for (int number = STDIN_FILENO; number <= STDERR_FILENO; ++number) {
     if (::fcntl(number, F_GETFD) >= 0) continue;

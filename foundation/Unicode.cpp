@@ -35,7 +35,7 @@ icu::StringPiece piece(std::string_view text) {
 const icu::Normalizer2& decomposition() {
   UErrorCode status = U_ZERO_ERROR;
   static const icu::Normalizer2* const form = icu::Normalizer2::getNFDInstance(status);
-  return *required(form, "ICU has its normalization data");
+  return *required(form, "ICU must have its normalization data");
 }
 
 const icu::Normalizer2& composition() {
@@ -154,6 +154,6 @@ int canonicalCompare(std::string_view left, std::string_view right) {
   const std::string first = canonicallyDecomposed(left);
   const std::string second = canonicallyDecomposed(right);
   const int order = utf16(first).compare(utf16(second));
-  // Bytes that are no UTF-8 all became the replacement character: they must not make different names equal.
+  // Invalid bytes all became the replacement character, which must not make different names equal.
   return order != 0 ? order : first.compare(second);
 }

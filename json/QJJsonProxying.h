@@ -1,7 +1,7 @@
 #pragma once
 #include "foundation/NSObject.h"
 
-/// An object that JSON has no form for, and that another value stands in for when it is written.
+/// An object that JSON cannot represent and that supplies another value to be written in its place.
 class QJJsonProxying {
  public:
   virtual ~QJJsonProxying() = default;

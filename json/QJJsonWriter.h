@@ -22,11 +22,10 @@
 /// bytes that are not UTF-8, which file names on disk may hold, are kept.
 ///
 /// When the value of a proxy cannot be written, writing continues behind it; its errors stay in the trace and
-/// its partial text in the output. This is deliberate: one odd object must not cost the whole text. More than
-/// 512 proxies in a row are "Nested too deep", so that an object that is its own proxy terminates.
+/// its partial text in the output. This is deliberate: one unsupported object must not fail the whole text.
+/// More than 512 proxies in a row are "Nested too deep", so that an object that is its own proxy terminates.
 ///
-/// Nesting uses heap memory, not the stack. Reusable.
-/// Threads: as QJJsonBase. Never blocks.
+/// Nesting uses heap memory, not the stack. Reusable. Threads: as QJJsonBase. Never blocks.
 class QJJsonWriter : public QJJsonBase {
  public:
   /// @param error  may be null; on failure gets the last, outermost, error of errorTrace().

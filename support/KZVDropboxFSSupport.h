@@ -9,7 +9,7 @@ class KZVDropboxFSSupport {
  public:
   using Block = std::function<void()>;
 
-  /// Tells `service` who its delegate is; the delegate is not retained.
+  /// Sets the delegate of `service`, unretained.
   template <class Delegate, class Service>
   static void setDelegate(Delegate* delegate, Service& service) {
     service.setDelegate(delegate);
@@ -20,7 +20,7 @@ class KZVDropboxFSSupport {
   /// The same, but returns only after the block has run; on that thread itself it runs at once. Any thread;
   /// blocks.
   static void performBlockInBackgroundAndWait(Block block, NSThread& thread);
-  /// Runs `block`; an exception is logged and goes no further, so that the thread and its run loop live on.
+  /// Runs `block`; an exception is logged and swallowed, so that the thread and its run loop continue.
   static void _runBlock(const Block& block) noexcept;
 
   /// Sends the message `selector` with its one argument to `target`.

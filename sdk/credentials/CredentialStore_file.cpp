@@ -149,7 +149,7 @@ class FileStore final : public CredentialStore {
 
   /// Keeps a damaged file under another name before it is replaced: a person may still read parts of it.
   /// REQUIRES the lock.
-  bool keepAside(NSErrorRef* error) const {
+  bool moveAside(NSErrorRef* error) const {
     constexpr int mostKept = 100;
     for (int number = 1; number <= mostKept; ++number) {
       const std::string aside = file_ + ".damaged-" + std::to_string(number);
@@ -186,7 +186,7 @@ class FileStore final : public CredentialStore {
     bool isWhole = true;
     if (!read(credentials, isWhole, error)) return false;
     if (!edit(credentials)) return true;
-    if (!isWhole && !keepAside(error)) return false;
+    if (!isWhole && !moveAside(error)) return false;
     std::string text = fileText(credentials);
     const SecretScope cleared(text);
     return writeFileAtomically(file_, text, ownerReadWrite, error);
