@@ -101,6 +101,7 @@ double attributeRate(KZVDropboxFS& instance, const std::vector<std::string>& pat
 
 void BM_Attributes(benchmark::State& state) {
   const auto instance = account().coldInstance();
+  instance->pollForChanges();  // nothing is kept before the first cursor
   std::vector<std::string> paths;
   const auto items = instance->contentAtPath(folder, false, true, nullptr);
   for (const auto& item : *items) paths.push_back(item->path());
