@@ -21,6 +21,12 @@ class Account {
   }
   /// A volume with empty caches.
   std::shared_ptr<KZVDropboxFS> coldInstance() const { return std::make_shared<KZVDropboxFS>(nullptr, id_); }
+  /// The same, ready to cache what is fetched: nothing is kept before the change feed's first cursor.
+  std::shared_ptr<KZVDropboxFS> cachingInstance() const {
+    auto instance = coldInstance();
+    instance->pollForChanges();
+    return instance;
+  }
   std::shared_ptr<KZVDropboxFileManager> coldManager() const {
     return KZVDropboxFileManager::initWithUserId(*textOf(id_));
   }

@@ -67,8 +67,7 @@ BENCHMARK(BM_ListCold)->UseManualTime()->Iterations(15)->Unit(benchmark::kMillis
 void BM_ListWarm(benchmark::State& state) {
   Paired pairs(state);
   for (auto _ : state) {
-    const auto instance = account().coldInstance();
-    instance->pollForChanges();  // nothing is kept before the first cursor
+    const auto instance = account().cachingInstance();
     const auto list = [&] {
       check(instance->contentAtPath(folder, false, true, nullptr)->size() == entries);
     };
@@ -100,8 +99,7 @@ double attributeRate(KZVDropboxFS& instance, const std::vector<std::string>& pat
 }
 
 void BM_Attributes(benchmark::State& state) {
-  const auto instance = account().coldInstance();
-  instance->pollForChanges();  // nothing is kept before the first cursor
+  const auto instance = account().cachingInstance();
   std::vector<std::string> paths;
   const auto items = instance->contentAtPath(folder, false, true, nullptr);
   for (const auto& item : *items) paths.push_back(item->path());
